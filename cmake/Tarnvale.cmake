@@ -1,0 +1,101 @@
+# How this project compiles, and the three functions by which its folders say what they hold:
+#
+#   tarnvale_library(NAME SOURCES a.cpp … [DEPENDS lib …])
+#   tarnvale_program(NAME SOURCES a.cpp … [DEPENDS lib …])      lands in bin/
+#   tarnvale_test(NAME SOURCES aTest.cpp … [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds])
+#   tarnvale_fuzzer(NAME SOURCES a.cpp … [DEPENDS lib …])       only with TARNVALE_FUZZ
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_LINK_DEPENDS_NO_SHARED ON)
+
+if(NOT DEFINED TARNVALE_BIN_DIR)
+    set(TARNVALE_BIN_DIR "${PROJECT_BINARY_DIR}/bin")
+endif()
+
+add_library(tarnvale_options INTERFACE)
+target_include_directories(tarnvale_options INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(tarnvale_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+    -fPIE
+    -fstack-protector-strong -ffunction-sections -fdata-sections
+    $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
+target_compile_definitions(tarnvale_options INTERFACE
+    $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>
+    $<$<AND:$<CONFIG:Release>,$<STREQUAL:${TARNVALE_SANITIZE},>>:_FORTIFY_SOURCE=2>)
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    target_link_options(tarnvale_options INTERFACE
+        -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
+endif()
+if(TARNVALE_SANITIZE)
+    target_compile_options(tarnvale_options INTERFACE
+        -fsanitize=${TARNVALE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(tarnvale_options INTERFACE -fsanitize=${TARNVALE_SANITIZE})
+endif()
+if(TARNVALE_FUZZ)
+    target_compile_options(tarnvale_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+function(tarnvale_library name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+    add_library(${name} STATIC ${arg_SOURCES})
+    target_link_libraries(${name} PUBLIC tarnvale_options ${arg_DEPENDS})
+endfunction()
+
+function(tarnvale_program name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${TARNVALE_BIN_DIR}")
+    # Loading a shared libstdc++ costs a small program most of its start-up time.
+    if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT TARNVALE_SANITIZE)
+        target_link_options(${name} PRIVATE -static-libstdc++ -static-libgcc)
+    endif()
+endfunction()
+
+if(TARNVALE_TESTS)
+    enable_testing()
+    find_package(GTest REQUIRED)
+    include(GoogleTest)
+    add_subdirectory(tests/support)
+
+    # A test program enters its private root before its first test (tests/support/TestMain.cpp).
+    # It may run every program of the project: they are built before it, and TARNVALE_BIN_DIR says
+    # where they are.
+    function(tarnvale_test name)
+        cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;DEPENDS;LABELS")
+        if(NOT arg_TIMEOUT)
+            set(arg_TIMEOUT 60)
+        endif()
+        add_executable(${name} ${arg_SOURCES})
+        target_link_libraries(${name} PRIVATE
+            tarnvale_options ${arg_DEPENDS} tarnvale_test_main GTest::gmock)
+        target_compile_definitions(${name} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
+            TARNVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+        if(TARNVALE_PCH)
+            target_precompile_headers(${name} REUSE_FROM tarnvale_test_main)
+        endif()
+        set(properties TIMEOUT ${arg_TIMEOUT} SKIP_RETURN_CODE 77
+            SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+        if(arg_LABELS)
+            list(APPEND properties LABELS "${arg_LABELS}")
+        endif()
+        gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+    endfunction()
+else()
+    function(tarnvale_test)
+    endfunction()
+endif()
+
+function(tarnvale_fuzzer name)
+    if(NOT TARNVALE_FUZZ)
+        return()
+    endif()
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz")
+endfunction()

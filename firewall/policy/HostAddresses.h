@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+//
+// The addresses of this machine's own network interfaces.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarnvale::NetworkFirewall {
+
+/// One address of one interface.
+struct HostAddress {
+    std::string interface;            ///< BSD name, such as "en0" or "bridge100"
+    std::vector<std::uint8_t> bytes;  ///< network order: 4 bytes for IPv4, 16 for IPv6
+    int prefixLength = 0;             ///< leading one bits of the interface's netmask
+
+    bool operator==(const HostAddress&) const = default;
+};
+
+/// The IPv4 and IPv6 addresses of all interfaces, in the system's order; none when the system does
+/// not tell.
+std::vector<HostAddress> hostAddresses();
+
+}  // namespace tarnvale::NetworkFirewall

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+//
+// What goes into the one pf anchor that enforces every user's firewall: the lists of all owners
+// merged, so that one network governs each subnet, and the merged list reviewed, so that only
+// networks that may be firewalled are.
+
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "firewall/policy/FirewallRecords.h"
+#include "firewall/policy/HostAddresses.h"
+#include "firewall/policy/PolicyStore.h"
+#include "support/Uuid.h"
+
+namespace tarnvale::NetworkFirewall {
+
+/// One refused network or one rule that is left out.
+struct Note {
+    support::Uuid networkID;
+    std::string label;    ///< the network's name, for a rule followed by ", rule " and its number
+    std::string problem;  ///< the whole sentence
+
+    bool operator==(const Note&) const = default;
+};
+
+struct Review {
+    std::vector<FirewallNetworkPolicy> enforceable;  ///< subnet and gateway in canonical form
+    std::vector<Note> refused;       ///< enabled networks that may not be firewalled
+    std::vector<Note> skippedRules;  ///< enabled rules of enforceable networks, not writable
+
+    bool operator==(const Review&) const = default;
+};
+
+/// A network that the merge left out because another one holds its subnet.
+struct DroppedClaim {
+    std::string owner;
+    FirewallNetworkPolicy policy;
+
+    bool operator==(const DroppedClaim&) const = default;
+};
+
+struct MergedPolicies {
+    std::vector<FirewallNetworkPolicy> policies;
+    std::vector<DroppedClaim> dropped;
+};
+
+/// One network for each subnet, that of the owner who applied most recently. A network whose
+/// firewall is off holds its subnet all the same. The store is consumed or copied by the caller.
+MergedPolicies mergedPolicies(PolicyStore store);
+
+/// The log's sentence for a dropped claim.
+std::string claimMessage(std::string_view owner, const FirewallNetworkPolicy& policy);
+
+/// Sorts the enabled networks into those that can be enforced on a machine with these addresses
+/// and those that may not, and notes the rules that will be left out. Takes the list over.
+Review review(std::vector<FirewallNetworkPolicy> policies, std::span<const HostAddress> hosts);
+
+}  // namespace tarnvale::NetworkFirewall

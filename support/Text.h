@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+//
+// Text as every part of the program treats it: UTF-8, cut and trimmed by code point. Nothing here
+// depends on the locale.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tarnvale::support {
+
+/// The text without white space at both ends: U+0009, U+0020, U+00A0, U+1680, U+2000 to U+200B,
+/// U+202F, U+205F and U+3000. Line ends are no white space here.
+std::string_view trimWhitespace(std::string_view text);
+
+/// The text without white space and line ends at both ends: what `trimWhitespace` takes off, and
+/// U+000A to U+000D, U+0085, U+2028 and U+2029.
+std::string_view trimWhitespaceAndNewlines(std::string_view text);
+
+/// Appends the text to `out`, with each line-break code point (U+000A to U+000D, U+0085, U+2028,
+/// U+2029) replaced by one space.
+void appendOnOneLine(std::string& out, std::string_view text);
+
+/// A to Z in lower case, everything else as it is.
+std::string asciiLower(std::string_view text);
+
+bool isValidUtf8(std::string_view bytes);
+
+/// The bytes as UTF-8, each maximal ill-formed part replaced by one U+FFFD.
+std::string repairedUtf8(std::string_view bytes);
+
+/// The pieces between the separators, empty ones included: n separators give n + 1 pieces.
+std::vector<std::string_view> split(std::string_view text, char separator);
+
+/// A decimal integer: an optional single sign, then ASCII digits, leading zeros allowed, nothing
+/// else. Nothing when it is not one or is out of range.
+std::optional<std::int64_t> parseDecimal(std::string_view text);
+
+}  // namespace tarnvale::support

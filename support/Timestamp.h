@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: MIT
+//
+// Points in time: as log lines and rulesets print them, and as the policy store keeps them.
+
+#pragma once
+
+#include <chrono>
+#include <compare>
+#include <string>
+
+namespace tarnvale::support {
+
+/// Internet date-time in UTC, fraction dropped: "2025-03-14T09:26:53Z".
+std::string iso8601(std::chrono::system_clock::time_point time);
+
+/// A point in time as Foundation's Date encodes it: seconds since 2001-01-01 00:00:00 UTC.
+struct ReferenceDate {
+    double seconds = 0;
+
+    static ReferenceDate now();
+
+    /// Earlier than every date that a user's action can have: 0001-01-01 00:00:00 UTC.
+    static constexpr ReferenceDate distantPast() { return {-63114076800.0}; }
+
+    auto operator<=>(const ReferenceDate&) const = default;
+};
+
+}  // namespace tarnvale::support

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+//
+// A UUID: 16 bytes, and its text in the standard 8-4-4-4-12 form.
+
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tarnvale::support {
+
+struct Uuid {
+    std::array<std::uint8_t, 16> bytes{};  ///< in the order in which the text shows them
+
+    /// The 36 characters that the text form has, hexadecimal digits of either case. Anything else
+    /// is nothing.
+    static std::optional<Uuid> parse(std::string_view text);
+
+    /// 36 characters, upper case. Sorting these texts is sorting the bytes.
+    std::string text() const;
+    void appendTo(std::string& out) const;
+
+    auto operator<=>(const Uuid&) const = default;
+};
+
+}  // namespace tarnvale::support

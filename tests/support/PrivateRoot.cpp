@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/PrivateRoot.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tarnvale::test {
+namespace {
+
+bool realRoot = false;
+
+void require(int result, const std::string& step) {
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), step);
+    }
+}
+
+void writeText(const char* path, const std::string& text) {
+    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+    const bool written =
+        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const int error = errno;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    errno = error;
+    require(written ? 0 : -1, path);
+}
+
+/// Makes the caller root of a user namespace of its own.
+void becomeRootOfAUserNamespace() {
+    const auto uid = ::geteuid();
+    const auto gid = ::getegid();
+    require(::unshare(CLONE_NEWUSER), "make a user namespace");
+    writeText("/proc/self/setgroups", "deny");
+    writeText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    writeText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+}
+
+/// Waits for the child that runs the tests and ends as it ended.
+[[noreturn]] void becomeShadowOf(pid_t child) {
+    std::signal(SIGINT, SIG_IGN);  // NOLINT(cert-err33-c): the child gets it too and ends
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFSIGNALED(status)) {
+        std::fprintf(stderr, "test process ended by signal %d\n", WTERMSIG(status));
+        ::_exit(128 + WTERMSIG(status));
+    }
+    ::_exit(WEXITSTATUS(status));
+}
+
+void mountPrivateRoot() {
+    require(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "make mounts private");
+
+    // The layers live on a tmpfs over /mnt, which the new root does not show.
+    const std::string layers = "/mnt";
+    require(::mount("layers", layers.c_str(), "tmpfs", 0, nullptr), "mount layers");
+    for (const char* layer : {"/upper", "/work", "/root"}) {
+        require(::mkdir((layers + layer).c_str(), 0755), "make layer");
+    }
+    const std::string root = layers + "/root";
+    const std::string options =
+        "lowerdir=/,upperdir=" + layers + "/upper,workdir=" + layers + "/work";
+    require(::mount("private", root.c_str(), "overlay", 0, options.c_str()), "mount root");
+
+    for (const char* shared : {"/dev", "/sys"}) {
+        require(
+            ::mount(shared, (root + shared).c_str(), nullptr, MS_BIND | MS_REC, nullptr), shared);
+    }
+    require(::mount("proc", (root + "/proc").c_str(), "proc", 0, nullptr), "mount /proc");
+    for (const char* scratch : {"/run", "/tmp"}) {
+        require(::mount("scratch", (root + scratch).c_str(), "tmpfs", 0, nullptr), scratch);
+    }
+    // The layer shows one file system only; the tree of the project may lie on another.
+    struct stat rootStat {};
+    struct stat sourceStat {};
+    const std::string source = TARNVALE_SOURCE_DIR;
+    require(::stat("/", &rootStat), "stat /");
+    require(::stat(source.c_str(), &sourceStat), source);
+    if (rootStat.st_dev != sourceStat.st_dev || source.starts_with("/tmp/") ||
+        source.starts_with("/run/")) {
+        std::string made = root;
+        for (std::size_t slash = source.find('/', 1);; slash = source.find('/', slash + 1)) {
+            made = root + source.substr(0, slash);
+            if (::mkdir(made.c_str(), 0755) != 0 && errno != EEXIST) {
+                require(-1, made);
+            }
+            if (slash == std::string::npos) {
+                break;
+            }
+        }
+        require(::mount(source.c_str(), made.c_str(), nullptr, MS_BIND | MS_REC, nullptr), source);
+    }
+
+    require(::chroot(root.c_str()), "chroot");
+    require(::chdir("/"), "chdir");
+}
+
+}  // namespace
+
+std::optional<std::string> enterPrivateRoot() {
+    try {
+        realRoot = ::geteuid() == 0;
+        if (!realRoot) {
+            becomeRootOfAUserNamespace();
+        }
+        require(::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID), "make namespaces");
+    } catch (const std::system_error& error) {
+        return std::string("no private root: ") + error.what();
+    }
+
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return "no private root: fork failed";
+    }
+    if (child > 0) {
+        becomeShadowOf(child);
+    }
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    try {
+        mountPrivateRoot();
+        return std::nullopt;
+    } catch (const std::system_error& error) {
+        return std::string("no private root: ") + error.what();
+    }
+}
+
+bool isRealRoot() {
+    return realRoot;
+}
+
+}  // namespace tarnvale::test

@@ -63,11 +63,25 @@ void becomeRootOfAUserNamespace() {
     ::_exit(WEXITSTATUS(status));
 }
 
-void mountPrivateRoot() {
-    require(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "make mounts private");
+/// Keeps what is mounted from here on from showing outside. Below a chroot to a plain folder "/" is
+/// no mount, so that only what is mounted below it can be made private.
+void makeMountsPrivate() {
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+        return;
+    }
+    for (const char* mounted : {"/proc", "/dev", "/sys"}) {
+        require(
+            ::mount(nullptr, mounted, nullptr, MS_REC | MS_PRIVATE, nullptr),
+            std::string("make ") + mounted + " private");
+    }
+}
 
-    // The layers live on a tmpfs over /mnt, which the new root does not show.
-    const std::string layers = "/mnt";
+void mountPrivateRoot() {
+    makeMountsPrivate();
+
+    // The layers live on a tmpfs over /proc: it is a mount on every machine, and the new root has
+    // a /proc of its own.
+    const std::string layers = "/proc";
     require(::mount("layers", layers.c_str(), "tmpfs", 0, nullptr), "mount layers");
     for (const char* layer : {"/upper", "/work", "/root"}) {
         require(::mkdir((layers + layer).c_str(), 0755), "make layer");

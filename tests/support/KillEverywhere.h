@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: MIT
+//
+// An operation that is killed at every instant that a file system can tell from another: before
+// each of its system calls in turn.
+
+#pragma once
+
+#include <functional>
+
+namespace tarnvale::test {
+
+/// Called by the operation where killing is to begin. What comes before, such as the start of a
+/// program, runs undisturbed.
+void beginKilling();
+
+/// Runs `operation` in a child that dies by SIGKILL on entering its first system call after
+/// `beginKilling`, then in one that dies on entering its second, and so on until a child lives to
+/// its end. Before each child `prepare` restores the state; after each, the last one included,
+/// `check` looks at what it left. The operation may replace itself by another program. Returns how
+/// many children were killed. Throws `std::runtime_error` when a child ends in any other way than
+/// by returning from the operation or by exit status 0.
+int killAtEverySystemCall(
+    const std::function<void()>& prepare,
+    const std::function<void()>& operation,
+    const std::function<void()>& check);
+
+}  // namespace tarnvale::test

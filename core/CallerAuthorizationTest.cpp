@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+
+#include "core/CallerAuthorization.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/FakeUsers.h"
+
+namespace tarnvale {
+namespace {
+
+using testing::Eq;
+using testing::Optional;
+
+class CallerAuthorizationTest : public testing::Test {
+protected:
+    test::FakeUsers users;
+};
+
+TEST_F(CallerAuthorizationTest, TakesRootForAnAdministratorWithoutALookup) {
+    EXPECT_TRUE(isAdministrator(users, 0));
+    EXPECT_EQ(users.lookups, 0);
+}
+
+TEST_F(CallerAuthorizationTest, TakesTheMembersOfGroup80ForAdministrators) {
+    users.members = {{80, {501}}, {20, {501, 502}}, {0, {503}}};
+
+    EXPECT_TRUE(isAdministrator(users, 501));
+    EXPECT_FALSE(isAdministrator(users, 502));
+    EXPECT_FALSE(isAdministrator(users, 503));
+}
+
+TEST_F(CallerAuthorizationTest, NamesTheUserAtTheConsole) {
+    users.atConsole = {.name = "ada", .uid = 501};
+
+    EXPECT_THAT(consoleUserID(users), Optional(501U));
+}
+
+TEST_F(CallerAuthorizationTest, TellsRootAtTheConsoleFromTheLoginWindow) {
+    users.atConsole = {.name = "root", .uid = 0};
+    EXPECT_THAT(consoleUserID(users), Optional(0U));
+
+    users.atConsole = {.name = "loginwindow", .uid = 0};
+    EXPECT_THAT(consoleUserID(users), Eq(std::nullopt));
+}
+
+TEST_F(CallerAuthorizationTest, HasNoConsoleUserWhenNobodyIsThere) {
+    EXPECT_THAT(consoleUserID(users), Eq(std::nullopt));
+}
+
+}  // namespace
+}  // namespace tarnvale

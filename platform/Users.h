@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+//
+// The system's users: who belongs to a group, and who sits at the machine. A question that cannot
+// be answered is answered "no".
+
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sys/types.h>
+
+namespace tarnvale::platform {
+
+/// Whom the console belongs to.
+struct ConsoleUser {
+    std::string name;
+    uid_t uid;
+
+    bool operator==(const ConsoleUser&) const = default;
+};
+
+/// The name that the console user has while the login window shows and nobody is logged in.
+inline constexpr std::string_view loginWindowName = "loginwindow";
+
+/// Asks afresh each time, and may wait for a directory server. Safe from any thread.
+class Users {
+public:
+    virtual ~Users() = default;
+
+    /// Whether the group is the user's own or has the user as a member, groups within it included
+    /// where the system knows them. False for an unknown user.
+    virtual bool isMember(uid_t uid, gid_t group) = 0;
+
+    /// Nothing when nobody has the console.
+    virtual std::optional<ConsoleUser> consoleUser() = 0;
+};
+
+/// The users of this machine. Defined once in platform/macos and once in platform/linux.
+std::unique_ptr<Users> makeUsers();
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: MIT
+//
+// Users and groups through the name service switch, the console through systemd-logind.
+
+#include "platform/Users.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include <grp.h>
+#include <pwd.h>
+#include <systemd/sd-login.h>
+
+namespace tarnvale::platform {
+namespace {
+
+/// Far beyond every real entry, and small enough that a broken directory server cannot use up the
+/// memory.
+constexpr std::size_t largestEntry = std::size_t{1} << 20;
+constexpr std::size_t mostGroups = std::size_t{1} << 16;
+
+struct Account {
+    std::string name;
+    gid_t group;
+};
+
+std::optional<Account> accountOf(uid_t uid) {
+    for (std::size_t size = 1024; size <= largestEntry; size *= 2) {
+        std::vector<char> buffer(size);
+        passwd entry{};
+        passwd* found = nullptr;
+        const int error = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+        if (error == ERANGE) {
+            continue;
+        }
+        if (error != 0 || found == nullptr) {
+            return std::nullopt;
+        }
+        return Account{.name = entry.pw_name, .group = entry.pw_gid};
+    }
+    return std::nullopt;
+}
+
+std::vector<gid_t> groupsOf(const Account& account) {
+    for (std::size_t size = 32; size <= mostGroups; size *= 2) {
+        std::vector<gid_t> groups(size);
+        int count = static_cast<int>(groups.size());
+        if (::getgrouplist(account.name.c_str(), account.group, groups.data(), &count) >= 0) {
+            groups.resize(static_cast<std::size_t>(count));
+            return groups;
+        }
+    }
+    return {};
+}
+
+struct Free {
+    void operator()(char* text) const noexcept {
+        std::free(text);  // NOLINT(cppcoreguidelines-no-malloc): sd-login's memory
+    }
+};
+
+/// What one of sd-login's functions says, or nothing when it fails.
+template <typename Function>
+std::optional<std::string> answer(Function function, const char* of) {
+    char* text = nullptr;
+    const int result = function(of, &text);
+    const std::unique_ptr<char, Free> owner(text);
+    return result >= 0 && text != nullptr ? std::optional<std::string>(text) : std::nullopt;
+}
+
+std::optional<std::string> activeSessionOfTheConsole() {
+    return answer(
+        [](const char* seat, char** session) {
+            return ::sd_seat_get_active(seat, session, nullptr);
+        },
+        "seat0");
+}
+
+class LinuxUsers final : public Users {
+public:
+    bool isMember(uid_t uid, gid_t group) override {
+        const auto account = accountOf(uid);
+        if (!account) {
+            return false;
+        }
+        const auto groups = groupsOf(*account);
+        return std::find(groups.begin(), groups.end(), group) != groups.end();
+    }
+
+    std::optional<ConsoleUser> consoleUser() override {
+        const auto session = activeSessionOfTheConsole();
+        // A session that is being closed has no user any more.
+        if (!session || answer(::sd_session_get_state, session->c_str()) != "active") {
+            return std::nullopt;
+        }
+
+        const auto kind = answer(::sd_session_get_class, session->c_str());
+        if (kind == "greeter") {
+            return ConsoleUser{.name = std::string(loginWindowName), .uid = 0};
+        }
+        uid_t uid = 0;
+        if (kind != "user" || ::sd_session_get_uid(session->c_str(), &uid) < 0) {
+            return std::nullopt;
+        }
+        const auto account = accountOf(uid);
+        return account ? std::optional(ConsoleUser{.name = account->name, .uid = uid})
+                       : std::nullopt;
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<Users> makeUsers() {
+    return std::make_unique<LinuxUsers>();
+}
+
+}  // namespace tarnvale::platform

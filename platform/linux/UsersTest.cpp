@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/Users.h"
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tarnvale::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Eq;
+using testing::Optional;
+
+void writeFile(const std::string& path, const std::string& text) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path) << text;
+}
+
+class UsersTest : public testing::Test {
+protected:
+    UsersTest() { fs::remove("/etc/nsswitch.conf"); }
+
+    static void setSeat(const std::string& lines) { writeFile("/run/systemd/seats/seat0", lines); }
+    static void setSession(const std::string& lines) {
+        writeFile("/run/systemd/sessions/c7", lines);
+    }
+
+    const std::unique_ptr<Users> users = makeUsers();
+};
+
+TEST_F(UsersTest, FindsMembersByTheGroupsList) {
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\nbob:x:502:20::/:/bin/sh\n");
+    writeFile("/etc/group", "staff:x:20:\nadmin:x:80:root,ada\n");
+
+    EXPECT_TRUE(users->isMember(501, 80));
+    EXPECT_FALSE(users->isMember(502, 80));
+}
+
+TEST_F(UsersTest, FindsMembersByTheirOwnGroup) {
+    writeFile("/etc/passwd", "ada:x:501:80::/:/bin/sh\n");
+    writeFile("/etc/group", "admin:x:80:\n");
+
+    EXPECT_TRUE(users->isMember(501, 80));
+}
+
+TEST_F(UsersTest, FindsNoMembersWhereThereIsNoSuchGroup) {
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    writeFile("/etc/group", "staff:x:20:ada\n");
+
+    EXPECT_FALSE(users->isMember(501, 80));
+}
+
+TEST_F(UsersTest, TakesAnUnknownUserForNoMember) {
+    writeFile("/etc/passwd", "ada:x:501:80::/:/bin/sh\n");
+    writeFile("/etc/group", "admin:x:80:ada\n");
+
+    EXPECT_FALSE(users->isMember(777, 80));
+}
+
+TEST_F(UsersTest, TakesEveryoneForNoMemberWhenTheUsersCannotBeRead) {
+    fs::remove("/etc/passwd");
+    writeFile("/etc/group", "admin:x:80:ada\n");
+
+    EXPECT_FALSE(users->isMember(501, 80));
+}
+
+TEST_F(UsersTest, ReadsAnEntryOfManyKilobytes) {
+    writeFile("/etc/passwd", "ada:x:501:20:" + std::string(100'000, 'n') + ":/:/bin/sh\n");
+    writeFile("/etc/group", "admin:x:80:ada\n");
+
+    EXPECT_TRUE(users->isMember(501, 80));
+}
+
+TEST_F(UsersTest, GivesUpOnAnEntryOfMegabytes) {
+    writeFile("/etc/passwd", "ada:x:501:20:" + std::string(3 << 20, 'n') + ":/:/bin/sh\n");
+    writeFile("/etc/group", "admin:x:80:ada\n");
+
+    EXPECT_FALSE(users->isMember(501, 80));
+}
+
+TEST_F(UsersTest, LooksThroughManyGroups) {
+    std::string groups;
+    for (int id = 1000; id < 3000; ++id) {
+        groups += "g" + std::to_string(id) + ":x:" + std::to_string(id) + ":ada\n";
+    }
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    writeFile("/etc/group", groups + "admin:x:80:ada\n");
+
+    EXPECT_TRUE(users->isMember(501, 80));
+    EXPECT_TRUE(users->isMember(501, 2999));
+    EXPECT_FALSE(users->isMember(501, 3000));
+}
+
+TEST_F(UsersTest, NamesTheUserOfTheActiveSessionOfSeat0) {
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    setSeat("IS_SEAT0=1\nACTIVE=c7\nACTIVE_UID=501\n");
+    setSession("UID=501\nUSER=ada\nACTIVE=1\nSTATE=active\nCLASS=user\nSEAT=seat0\n");
+
+    EXPECT_THAT(users->consoleUser(), Optional(ConsoleUser{.name = "ada", .uid = 501}));
+}
+
+TEST_F(UsersTest, TakesAGreeterForTheLoginWindow) {
+    setSeat("IS_SEAT0=1\nACTIVE=c7\nACTIVE_UID=118\n");
+    setSession("UID=118\nUSER=gdm\nACTIVE=1\nSTATE=active\nCLASS=greeter\nSEAT=seat0\n");
+
+    EXPECT_THAT(users->consoleUser(), Optional(ConsoleUser{.name = "loginwindow", .uid = 0}));
+}
+
+TEST_F(UsersTest, FindsNobodyAtAConsoleWithoutAUser) {
+    struct Case {
+        const char* what;
+        const char* seat;
+        const char* session;
+    };
+    const std::vector<Case> cases = {
+        {"no active session", "IS_SEAT0=1\n", "UID=501\nSTATE=online\nCLASS=user\n"},
+        {"a session that is gone", "ACTIVE=c8\n", "UID=501\nSTATE=active\nCLASS=user\n"},
+        {"a session that closes", "ACTIVE=c7\n", "UID=501\nSTATE=closing\nCLASS=user\n"},
+        {"a session of no user", "ACTIVE=c7\n", "UID=501\nSTATE=active\nCLASS=manager\n"},
+        {"a session without a uid", "ACTIVE=c7\n", "STATE=active\nCLASS=user\n"},
+        {"a session without a state", "ACTIVE=c7\n", "UID=501\nCLASS=user\n"},
+        {"a session without a class", "ACTIVE=c7\n", "UID=501\nSTATE=active\n"},
+        {"a damaged session", "ACTIVE=c7\n", "UID=50x\nSTATE=active\nCLASS=user\n"},
+        {"an unknown user", "ACTIVE=c7\n", "UID=777\nSTATE=active\nCLASS=user\n"},
+    };
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    for (const Case& console : cases) {
+        SCOPED_TRACE(console.what);
+        setSeat(console.seat);
+        setSession(console.session);
+
+        EXPECT_THAT(users->consoleUser(), Eq(std::nullopt));
+    }
+}
+
+TEST_F(UsersTest, FindsNobodyWhereThereIsNoSeat) {
+    EXPECT_THAT(users->consoleUser(), Eq(std::nullopt));
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -1,1 +1,756 @@
 // SPDX-License-Identifier: MIT
+
+#include "support/Json.h"
+
+#include <bit>
+#include <bitset>
+#include <charconv>
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <limits>
+#include <locale>
+#include <sstream>
+
+namespace tarnvale::support {
+
+namespace {
+
+constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+bool isContinuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
+}
+
+// MARK: Strings
+
+/// True for what a string may hold just as it is and what needs no second look.
+bool isPlain(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= ' ' && byte < 0x80 && c != '"' && c != '\\';
+}
+
+/// Where the run of plain characters that begins at `next` ends.
+const char* plainEnd(const char* next, const char* end) {
+    // Eight at a time. A subtraction borrows only out of a byte that is itself to be found, so the
+    // lowest mark is always right, which is all that is asked for.
+    if constexpr (std::endian::native == std::endian::little) {
+        constexpr std::uint64_t ones = 0x0101010101010101;
+        constexpr std::uint64_t highs = 0x8080808080808080;
+        while (end - next >= 8) {
+            std::uint64_t eight = 0;
+            std::memcpy(&eight, next, sizeof eight);
+            const std::uint64_t quotes = eight ^ (ones * '"');
+            const std::uint64_t backslashes = eight ^ (ones * '\\');
+            const std::uint64_t found =
+                (eight | (eight - ones * ' ') | (quotes - ones) | (backslashes - ones)) & highs;
+            if (found != 0) {
+                return next + std::countr_zero(found) / 8;
+            }
+            next += 8;
+        }
+    }
+    while (next != end && isPlain(*next)) {
+        ++next;
+    }
+    return next;
+}
+
+/// The length of the well-formed UTF-8 sequence of several bytes at `next`; 0 when there is none.
+std::ptrdiff_t sequenceLength(const char* next, const char* end) {
+    const auto at = [&](std::ptrdiff_t i) { return static_cast<unsigned char>(next[i]); };
+    const auto first = at(0);
+    const std::ptrdiff_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    if (first < 0xC2 || first > 0xF4 || end - next < length) {
+        return 0;
+    }
+    // Overlong forms, surrogates and what lies beyond U+10FFFF show in the second byte.
+    const unsigned lowest = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
+    const unsigned highest = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
+    if (at(1) < lowest || at(1) > highest) {
+        return 0;
+    }
+    for (std::ptrdiff_t i = 2; i < length; ++i) {
+        if (!isContinuation(next[i])) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+void appendUtf8(std::string& out, unsigned codePoint) {
+    const auto append = [&](unsigned byte) { out.push_back(static_cast<char>(byte)); };
+    const auto appendContinuation = [&](unsigned bits) { append(0x80 | (bits & 0x3F)); };
+    if (codePoint < 0x80) {
+        append(codePoint);
+    } else if (codePoint < 0x800) {
+        append(0xC0 | codePoint >> 6);
+        appendContinuation(codePoint);
+    } else if (codePoint < 0x10000) {
+        append(0xE0 | codePoint >> 12);
+        appendContinuation(codePoint >> 6);
+        appendContinuation(codePoint);
+    } else {
+        append(0xF0 | codePoint >> 18);
+        appendContinuation(codePoint >> 12);
+        appendContinuation(codePoint >> 6);
+        appendContinuation(codePoint);
+    }
+}
+
+// MARK: Numbers
+
+/// A number as digits, of which neither the first nor the last is 0, times a power of ten. Zero has
+/// no digits.
+struct Decimal {
+    bool isNegative = false;
+    std::string digits;
+    std::int64_t exponent = 0;
+};
+
+Decimal decimal(std::string_view number) {
+    Decimal result;
+    std::size_t next = 0;
+    if (number[next] == '-') {
+        result.isNegative = true;
+        ++next;
+    }
+    bool isFraction = false;
+    for (; next < number.size() && (isDigit(number[next]) || number[next] == '.'); ++next) {
+        if (number[next] == '.') {
+            isFraction = true;
+            continue;
+        }
+        if (number[next] != '0' || !result.digits.empty()) {
+            result.digits.push_back(number[next]);
+        }
+        result.exponent -= isFraction ? 1 : 0;
+    }
+    if (next < number.size()) {
+        ++next;  // the "e"
+        const bool isNegative = number[next] == '-';
+        next += isDigit(number[next]) ? 0 : 1;
+        // More digits than memory can hold make up for no exponent beyond this.
+        constexpr std::int64_t enough = std::numeric_limits<std::int64_t>::max() / 100;
+        std::int64_t exponent = 0;
+        for (; next < number.size(); ++next) {
+            exponent = std::min(exponent * 10 + (number[next] - '0'), enough);
+        }
+        result.exponent += isNegative ? -exponent : exponent;
+    }
+    while (result.digits.ends_with('0')) {
+        result.digits.pop_back();
+        ++result.exponent;
+    }
+    return result;
+}
+
+std::optional<std::int64_t> exactInteger(std::string_view number) {
+    const Decimal parts = decimal(number);
+    if (parts.digits.empty()) {
+        return 0;
+    }
+    constexpr std::int64_t mostDigits = std::numeric_limits<std::int64_t>::digits10 + 1;
+    if (parts.exponent < 0 || parts.exponent > mostDigits ||
+        static_cast<std::int64_t>(parts.digits.size()) + parts.exponent > mostDigits) {
+        return std::nullopt;
+    }
+    std::uint64_t magnitude = 0;  // 19 digits fit
+    for (const char digit : parts.digits) {
+        magnitude = magnitude * 10 + static_cast<std::uint64_t>(digit - '0');
+    }
+    for (std::int64_t i = 0; i < parts.exponent; ++i) {
+        magnitude *= 10;
+    }
+    constexpr std::uint64_t most = std::numeric_limits<std::int64_t>::max();
+    if (magnitude > most + (parts.isNegative ? 1 : 0)) {
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(parts.isNegative ? 0 - magnitude : magnitude);
+}
+
+/// The double nearest to the number; nothing when that is infinite, or 0 for another number.
+std::optional<double> nearestDouble(std::string_view number) {
+    // strtod rounds right but wants the locale's decimal point.
+    std::string local(number);
+    if (const auto point = local.find('.'); point != std::string::npos) {
+        local.replace(point, 1, std::localeconv()->decimal_point);
+    }
+    const double value = std::strtod(local.c_str(), nullptr);
+    if (std::isinf(value) || (value == 0 && !decimal(number).digits.empty())) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+/// The decimal text without an exponent that has the fewest digits and reads back as the same.
+std::string shortestText(double value) {
+    for (int fraction = 0;; ++fraction) {
+        std::ostringstream text;
+        text.imbue(std::locale::classic());
+        text << std::fixed << std::setprecision(fraction) << value;
+        if (nearestDouble(text.str()) == value) {
+            return text.str();
+        }
+    }
+}
+
+// MARK: Sentences
+
+/// The start of a value as it was written, as much as a sentence can bear.
+std::string shortened(std::string_view written) {
+    constexpr std::size_t most = 40;
+    if (written.size() <= most) {
+        return std::string(written);
+    }
+    std::size_t length = most;
+    while (isContinuation(written[length])) {
+        --length;
+    }
+    return std::string(written.substr(0, length)) + "…";
+}
+
+}  // namespace
+
+// MARK: - Reading
+
+JsonReader::JsonReader(std::string_view json)
+    : begin_(json.data()), next_(begin_), end_(begin_ + json.size()) {
+    if (json.starts_with(byteOrderMark)) {
+        begin_ += byteOrderMark.size();
+        next_ = begin_;
+    }
+}
+
+void JsonReader::read(bool& value) {
+    const char* const start = nextToken();
+    if (peek() != 't' && peek() != 'f') {
+        failValue(start, "true or false");
+    }
+    value = peek() == 't';
+    takeLiteral(value ? "true" : "false");
+}
+
+void JsonReader::read(std::int64_t& value) {
+    const char* const start = nextToken();
+    if (peek() != '-' && !isDigit(peek())) {
+        failValue(start, "an integer");
+    }
+    const auto integer = exactInteger(takeNumber());
+    if (!integer) {
+        failValue(start, "an integer of 64 bits");
+    }
+    value = *integer;
+}
+
+void JsonReader::read(double& value) {
+    const char* const start = nextToken();
+    if (peek() != '-' && !isDigit(peek())) {
+        failValue(start, "a number");
+    }
+    const auto number = nearestDouble(takeNumber());
+    if (!number) {
+        failValue(start, "a number in the range of a double");
+    }
+    value = *number;
+}
+
+void JsonReader::read(std::string& value) {
+    const char* const start = nextToken();
+    if (peek() != '"') {
+        failValue(start, "a string");
+    }
+    value = takeString();
+}
+
+void JsonReader::read(Uuid& value) {
+    const char* const start = nextToken();
+    if (peek() == '"') {
+        if (const auto uuid = Uuid::parse(takeString())) {
+            value = *uuid;
+            return;
+        }
+    }
+    failValue(start, "a UUID");
+}
+
+bool JsonReader::nextIsArray() {
+    nextToken();
+    return peek() == '[';
+}
+
+void JsonReader::end() {
+    nextToken();
+    if (next_ != end_) {
+        failSyntax("the end");
+    }
+}
+
+const char* JsonReader::nextToken() {
+    while (next_ != end_ && (*next_ == ' ' || *next_ == '\n' || *next_ == '\r' || *next_ == '\t')) {
+        ++next_;
+    }
+    return next_;
+}
+
+bool JsonReader::beginArray() {
+    const char* const start = nextToken();
+    if (peek() != '[') {
+        failValue(start, "an array");
+    }
+    return enter(']');
+}
+
+bool JsonReader::beginObject() {
+    const char* const start = nextToken();
+    if (peek() != '{') {
+        failValue(start, "an object");
+    }
+    return enter('}');
+}
+
+bool JsonReader::anotherFollows(char close) {
+    nextToken();
+    if (peek() == ',') {
+        ++next_;
+        return true;
+    }
+    if (peek() != close) {
+        failSyntax(close == ']' ? R"("," or "]")" : R"("," or "}")");
+    }
+    ++next_;
+    --depth_;
+    return false;
+}
+
+bool JsonReader::takeKey(std::string_view key) {
+    nextToken();
+    const std::size_t length = key.size();
+    if (static_cast<std::size_t>(end_ - next_) < length + 2 || next_[0] != '"' ||
+        next_[length + 1] != '"' || std::string_view(next_ + 1, length) != key) {
+        return false;
+    }
+    next_ += length + 2;
+    takeColon();
+    return true;
+}
+
+std::string_view JsonReader::key() {
+    nextToken();
+    if (peek() != '"') {
+        failSyntax("a key");
+    }
+    const std::string_view key = takeString();
+    takeColon();
+    return key;
+}
+
+bool JsonReader::takeNull() {
+    nextToken();
+    if (peek() != 'n') {
+        return false;
+    }
+    takeLiteral("null");
+    return true;
+}
+
+void JsonReader::skipValue() {
+    const std::size_t outerDepth = depth_;
+    std::bitset<maxJsonDepth + 1> isObject;  // by depth
+    for (;;) {
+        // One value, or the start of an object or array that has something in it, …
+        bool isOpen = false;
+        nextToken();
+        const char first = peek();
+        switch (first) {
+            case '{':
+            case '[':
+                isOpen = enter(first == '{' ? '}' : ']');
+                if (isOpen) {
+                    isObject[depth_] = first == '{';
+                }
+                break;
+            case '"':
+                takeString();
+                break;
+            case 't':
+                takeLiteral("true");
+                break;
+            case 'f':
+                takeLiteral("false");
+                break;
+            case 'n':
+                takeLiteral("null");
+                break;
+            default:
+                if (first != '-' && !isDigit(first)) {
+                    failSyntax("a value");
+                }
+                takeNumber();
+        }
+        // … then the ends of all that it completes.
+        while (!isOpen && depth_ > outerDepth) {
+            isOpen = anotherFollows(isObject[depth_] ? '}' : ']');
+        }
+        if (!isOpen) {
+            return;
+        }
+        if (isObject[depth_]) {
+            key();
+        }
+    }
+}
+
+bool JsonReader::enter(char close) {
+    if (depth_ == maxJsonDepth) {
+        failAt(next_, "more than 512 arrays and objects inside one another");
+    }
+    ++next_;
+    nextToken();
+    if (peek() == close) {
+        ++next_;
+        return false;
+    }
+    ++depth_;
+    return true;
+}
+
+void JsonReader::takeColon() {
+    nextToken();
+    if (peek() != ':') {
+        failSyntax(R"(":")");
+    }
+    ++next_;
+}
+
+std::string_view JsonReader::takeString() {
+    const char* const start = ++next_;
+    passVerbatim();
+    if (*next_ == '"') {
+        return {start, static_cast<std::size_t>(next_++ - start)};
+    }
+
+    unescaped_.assign(start, next_);
+    while (*next_ == '\\') {
+        takeEscape();
+        const char* const verbatim = next_;
+        passVerbatim();
+        unescaped_.append(verbatim, next_);
+    }
+    ++next_;
+    return unescaped_;
+}
+
+void JsonReader::passVerbatim() {
+    for (;;) {
+        next_ = plainEnd(next_, end_);
+        if (next_ == end_) {
+            failAt(next_, "string without an end");
+        }
+        if (*next_ == '"' || *next_ == '\\') {
+            return;
+        }
+        if (static_cast<unsigned char>(*next_) < ' ') {
+            failAt(next_, "control character in a string");
+        }
+        const std::ptrdiff_t length = sequenceLength(next_, end_);
+        if (length == 0) {
+            failAt(next_, "string that is not UTF-8");
+        }
+        next_ += length;
+    }
+}
+
+void JsonReader::takeEscape() {
+    const char* const escape = next_++;
+    const char kind = peek();
+    if (kind == 'u') {
+        appendUtf8(unescaped_, takeEscapedCodePoint(escape));
+        return;
+    }
+    constexpr std::string_view kinds = R"("\/bfnrt)";
+    constexpr std::string_view meanings = "\"\\/\b\f\n\r\t";
+    const std::size_t place = kinds.find(kind);
+    if (place == std::string_view::npos) {
+        failAt(escape, "unknown escape in a string");
+    }
+    unescaped_.push_back(meanings[place]);
+    ++next_;
+}
+
+unsigned JsonReader::takeEscapedCodePoint(const char* escape) {
+    const unsigned unit = takeEscapedUnit(escape);
+    if (unit < 0xD800 || unit > 0xDFFF) {
+        return unit;
+    }
+    if (unit < 0xDC00 && end_ - next_ >= 2 && next_[0] == '\\' && next_[1] == 'u') {
+        ++next_;
+        const unsigned second = takeEscapedUnit(next_ - 1);
+        if (second >= 0xDC00 && second <= 0xDFFF) {
+            return 0x10000 + ((unit - 0xD800) << 10) + (second - 0xDC00);
+        }
+    }
+    failAt(escape, "half a surrogate pair in a string");
+}
+
+unsigned JsonReader::takeEscapedUnit(const char* escape) {
+    ++next_;  // the "u"
+    unsigned unit = 0;
+    const char* const digitsEnd = next_ + std::min<std::ptrdiff_t>(4, end_ - next_);
+    const auto [stop, error] = std::from_chars(next_, digitsEnd, unit, 16);
+    if (stop != next_ + 4) {
+        failAt(escape, "escape without four hexadecimal digits in a string");
+    }
+    next_ = stop;
+    return unit;
+}
+
+void JsonReader::takeLiteral(std::string_view literal) {
+    for (const char c : literal) {
+        if (peek() != c) {
+            failSyntax(literal);
+        }
+        ++next_;
+    }
+}
+
+std::string_view JsonReader::takeNumber() {
+    const char* const start = next_;
+    next_ += peek() == '-' ? 1 : 0;
+    if (peek() == '0') {
+        ++next_;
+    } else {
+        takeDigits();
+    }
+    if (peek() == '.') {
+        ++next_;
+        takeDigits();
+    }
+    if (peek() == 'e' || peek() == 'E') {
+        ++next_;
+        next_ += peek() == '+' || peek() == '-' ? 1 : 0;
+        takeDigits();
+    }
+    return {start, static_cast<std::size_t>(next_ - start)};
+}
+
+void JsonReader::takeDigits() {
+    if (!isDigit(peek())) {
+        failSyntax("a digit");
+    }
+    next_ = std::find_if_not(next_, end_, isDigit);
+}
+
+void JsonReader::failSyntax(std::string_view expected) const {
+    std::string found = "the end";
+    if (next_ != end_) {
+        const auto byte = static_cast<unsigned char>(*next_);
+        if (byte > ' ' && byte < 0x7F) {
+            found = {'"', *next_, '"'};
+        } else {
+            constexpr std::string_view digits = "0123456789ABCDEF";
+            found = {'b', 'y', 't', 'e', ' ', '0', 'x', digits[byte >> 4], digits[byte & 0xF]};
+        }
+    }
+    failAt(next_, "expected " + std::string(expected) + ", found " + found);
+}
+
+void JsonReader::failAt(const char* place, std::string_view problem) const {
+    const auto line = 1 + std::count(begin_, place, '\n');
+    const char* lineStart = place;
+    while (lineStart != begin_ && lineStart[-1] != '\n') {
+        --lineStart;
+    }
+    const auto column =
+        1 + std::count_if(lineStart, place, [](char c) { return !isContinuation(c); });
+    throw JsonError(
+        std::string(problem) + " at line " + std::to_string(line) + ", column " +
+        std::to_string(column));
+}
+
+void JsonReader::failValue(const char* value, std::string_view expected) {
+    next_ = value;
+    skipValue();
+    const std::string_view written(value, static_cast<std::size_t>(next_ - value));
+    throw JsonError(
+        "expected " + std::string(expected) + " at " + pathTo(value) + ", found " +
+        (*value == '{'   ? "an object"
+         : *value == '[' ? "an array"
+                         : shortened(written)));
+}
+
+void JsonReader::failWord(const char* value, const std::vector<std::string_view>& words) {
+    std::string expected;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (i > 0) {
+            expected += i + 1 < words.size() ? ", " : " or ";
+        }
+        expected.append("\"").append(words[i]).append("\"");
+    }
+    failValue(value, expected);
+}
+
+void JsonReader::failMissing(const char* object, std::string_view key) const {
+    throw JsonError("missing key \"" + std::string(key) + "\" at " + pathTo(object));
+}
+
+std::string JsonReader::pathTo(const char* place) const {
+    // Everything before the place is known to be well-formed.
+    struct Level {
+        bool isObject;
+        bool keyFollows;
+        std::string_view key;  ///< as written, with its quotes
+        std::size_t index;
+    };
+    std::vector<Level> levels;
+    for (const char* next = begin_; next != place; ++next) {
+        switch (*next) {
+            case '{':
+            case '[':
+                levels.push_back(
+                    {.isObject = *next == '{', .keyFollows = *next == '{', .key = {}, .index = 0});
+                break;
+            case '}':
+            case ']':
+                levels.pop_back();
+                break;
+            case ',':
+                levels.back().keyFollows = levels.back().isObject;
+                ++levels.back().index;
+                break;
+            case '"': {
+                const char* const start = next++;
+                while (*next != '"') {
+                    next += *next == '\\' ? 2 : 1;
+                }
+                if (levels.back().keyFollows) {
+                    levels.back().key = {start, static_cast<std::size_t>(next + 1 - start)};
+                    levels.back().keyFollows = false;
+                }
+                break;
+            }
+            default:
+                break;
+        }
+    }
+
+    if (levels.empty()) {
+        return "the top level";
+    }
+    std::string path;
+    for (const Level& level : levels) {
+        if (!level.isObject) {
+            path.append("[").append(std::to_string(level.index)).append("]");
+        } else {
+            path.append(path.empty() ? "" : ".").append(level.key.substr(1, level.key.size() - 2));
+        }
+    }
+    return path;
+}
+
+// MARK: - Writing
+
+void JsonWriter::write(bool value) {
+    text_ += value ? "true" : "false";
+}
+
+void JsonWriter::write(std::int64_t value) {
+    text_ += std::to_string(value);
+}
+
+void JsonWriter::write(double value) {
+    if (!std::isfinite(value)) {
+        throw JsonError("JSON has no form for a number that is not finite");
+    }
+    text_ += shortestText(value);
+}
+
+void JsonWriter::write(const Uuid& value) {
+    text_ += '"';
+    value.appendTo(text_);
+    text_ += '"';
+}
+
+void JsonWriter::begin(char open) {
+    text_ += open;
+    ++depth_;
+    isEmpty_ = true;
+}
+
+void JsonWriter::end(char close) {
+    --depth_;
+    if (form_ == JsonForm::pretty && isEmpty_) {
+        text_ += '\n';
+    }
+    beginLine();
+    text_ += close;
+    isEmpty_ = false;
+}
+
+void JsonWriter::beginElement() {
+    if (!isEmpty_) {
+        text_ += ',';
+    }
+    beginLine();
+    isEmpty_ = false;
+}
+
+void JsonWriter::beginMember(std::string_view key) {
+    beginElement();
+    writeString(key);
+    text_ += form_ == JsonForm::pretty ? " : " : ":";
+}
+
+void JsonWriter::beginLine() {
+    if (form_ == JsonForm::pretty) {
+        text_ += '\n';
+        text_.append(2 * depth_, ' ');
+    }
+}
+
+void JsonWriter::writeString(std::string_view value) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    constexpr std::string_view shortForms = "btn?fr";  // for U+0008 to U+000D
+    text_ += '"';
+    const char* const end = value.data() + value.size();
+    for (const char* next = value.data(); next != end;) {
+        const char* const verbatim = next;
+        next = std::find(next, plainEnd(next, end), '/');
+        text_.append(verbatim, next);
+        if (next == end) {
+            break;
+        }
+        const auto byte = static_cast<unsigned char>(*next);
+        if (byte >= 0x80) {
+            const std::ptrdiff_t length = sequenceLength(next, end);
+            if (length == 0) {
+                throw JsonError("JSON has no form for a string that is not UTF-8");
+            }
+            text_.append(next, static_cast<std::size_t>(length));
+            next += length;
+            continue;
+        }
+        text_ += '\\';
+        if (byte >= ' ') {
+            text_ += *next;
+        } else if (byte >= '\b' && byte <= '\r' && byte != '\v') {
+            text_ += shortForms[byte - '\b'];
+        } else {
+            text_ += {'u', '0', '0', digits[byte >> 4], digits[byte & 0xF]};
+        }
+        ++next;
+    }
+    text_ += '"';
+}
+
+void JsonWriter::writeNull() {
+    text_ += "null";
+}
+
+}  // namespace tarnvale::support

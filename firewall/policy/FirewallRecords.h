@@ -40,9 +40,25 @@ struct FirewallRule {
 };
 
 /// The word that stands for the value in JSON: "inbound", "deny", "icmp".
-const char* rawValue(FirewallRule::Direction direction);
-const char* rawValue(FirewallRule::Action action);
-const char* rawValue(FirewallRule::Proto proto);
+constexpr const char* rawValue(FirewallRule::Direction direction) {
+    return direction == FirewallRule::Direction::inbound ? "inbound" : "outbound";
+}
+constexpr const char* rawValue(FirewallRule::Action action) {
+    return action == FirewallRule::Action::allow ? "allow" : "deny";
+}
+constexpr const char* rawValue(FirewallRule::Proto proto) {
+    switch (proto) {
+        case FirewallRule::Proto::any:
+            return "any";
+        case FirewallRule::Proto::tcp:
+            return "tcp";
+        case FirewallRule::Proto::udp:
+            return "udp";
+        case FirewallRule::Proto::icmp:
+            break;
+    }
+    return "icmp";
+}
 
 /// True for the protocols whose rules may name ports: all but `icmp`.
 constexpr bool carriesPorts(FirewallRule::Proto proto) {

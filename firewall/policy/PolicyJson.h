@@ -1,19 +1,62 @@
 // SPDX-License-Identifier: MIT
 //
-// The JSON form of the firewall records, as the application sends them: objects whose members bear
-// the names of the fields. Nothing is trimmed, and but for "gatewayIPv4" nothing has a default.
+// The JSON form of the firewall records, as the application sends them and the store keeps them:
+// objects whose members bear the names of the fields. Nothing is trimmed, and but for "gatewayIPv4"
+// every member has to be there.
 
 #pragma once
 
 #include <string_view>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "firewall/policy/FirewallRecords.h"
+#include "support/Json.h"
 
 namespace tarnvale::NetworkFirewall {
 
 /// The networks of a UTF-8 JSON array. Throws `support::JsonError`, which says what was wrong and
 /// where.
 std::vector<FirewallNetworkPolicy> decodePolicies(std::string_view json);
+
+constexpr auto jsonCases(std::type_identity<FirewallRule::Direction> /*type*/) {
+    return FirewallRule::allDirections;
+}
+constexpr auto jsonCases(std::type_identity<FirewallRule::Action> /*type*/) {
+    return FirewallRule::allActions;
+}
+constexpr auto jsonCases(std::type_identity<FirewallRule::Proto> /*type*/) {
+    return FirewallRule::allProtos;
+}
+
+constexpr auto jsonMembers(std::type_identity<FirewallRule> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"id", &FirewallRule::id},
+        support::JsonMember{"enabled", &FirewallRule::enabled},
+        support::JsonMember{"direction", &FirewallRule::direction},
+        support::JsonMember{"action", &FirewallRule::action},
+        support::JsonMember{"proto", &FirewallRule::proto},
+        support::JsonMember{"remoteCIDR", &FirewallRule::remoteCIDR},
+        support::JsonMember{"ports", &FirewallRule::ports}};
+}
+
+constexpr auto jsonMembers(std::type_identity<NetworkFirewallPolicy> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"enabled", &NetworkFirewallPolicy::enabled},
+        support::JsonMember{"defaultInbound", &NetworkFirewallPolicy::defaultInbound},
+        support::JsonMember{"defaultOutbound", &NetworkFirewallPolicy::defaultOutbound},
+        support::JsonMember{"rules", &NetworkFirewallPolicy::rules}};
+}
+
+constexpr auto jsonMembers(std::type_identity<FirewallNetworkPolicy> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"networkID", &FirewallNetworkPolicy::networkID},
+        support::JsonMember{"name", &FirewallNetworkPolicy::name},
+        support::JsonMember{"subnetCIDR", &FirewallNetworkPolicy::subnetCIDR},
+        support::JsonMember{"gatewayIPv4", &FirewallNetworkPolicy::gatewayIPv4},
+        support::JsonMember{"dnsProxyEnabled", &FirewallNetworkPolicy::dnsProxyEnabled},
+        support::JsonMember{"policy", &FirewallNetworkPolicy::policy}};
+}
 
 }  // namespace tarnvale::NetworkFirewall

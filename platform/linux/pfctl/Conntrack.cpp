@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/pfctl/Conntrack.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <optional>
+
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_conntrack.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+
+#include "platform/linux/pfctl/MarkBits.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+MessageHeader header(int message, unsigned flags) {
+    return {
+        .type = static_cast<std::uint16_t>(NFNL_SUBSYS_CTNETLINK << 8 | message),
+        .flags = static_cast<std::uint16_t>(flags),
+        .family = AF_INET,
+        .resource = 0};
+}
+
+template <typename Number>
+Number numberOr0(Bytes attributes, std::uint16_t type) {
+    return static_cast<Number>(number(attribute(attributes, type)).value_or(0));
+}
+
+Flow flowOf(Bytes tuple) {
+    const Bytes addresses = attribute(tuple, CTA_TUPLE_IP);
+    const Bytes protocol = attribute(tuple, CTA_TUPLE_PROTO);
+    return {
+        .protocol = numberOr0<std::uint8_t>(protocol, CTA_PROTO_NUM),
+        .source = numberOr0<std::uint32_t>(addresses, CTA_IP_V4_SRC),
+        .destination = numberOr0<std::uint32_t>(addresses, CTA_IP_V4_DST),
+        .sourcePort = numberOr0<std::uint16_t>(protocol, CTA_PROTO_SRC_PORT),
+        .destinationPort = numberOr0<std::uint16_t>(protocol, CTA_PROTO_DST_PORT)};
+}
+
+std::optional<Connection> connectionOf(const Message& message) {
+    if (message.family != AF_INET) {
+        return std::nullopt;
+    }
+    const Flow original = flowOf(attribute(message.attributes, CTA_TUPLE_ORIG));
+    const Flow reply = flowOf(attribute(message.attributes, CTA_TUPLE_REPLY));
+    Connection connection{.entering = original, .leaving = original, .mark = 0};
+    connection.mark = numberOr0<std::uint32_t>(message.attributes, CTA_MARK);
+
+    // What the responder answers from and to is what translation has made of the addresses.
+    connection.entering.destination = reply.source;
+    connection.entering.destinationPort = reply.sourcePort;
+    connection.leaving = connection.entering;
+    connection.leaving.source = reply.destination;
+    connection.leaving.sourcePort = reply.destinationPort;
+    return connection;
+}
+
+/// The attributes by which the kernel finds the entry again, just as it gave them.
+std::vector<std::uint8_t> identityOf(const Message& message) {
+    constexpr std::array<std::uint16_t, 3> identifying{CTA_TUPLE_ORIG, CTA_ZONE, CTA_ID};
+    std::vector<std::uint8_t> identity;
+    for (AttributeReader reader(message.attributes); reader.next();) {
+        if (std::ranges::find(identifying, reader.type()) != identifying.end()) {
+            identity.insert(identity.end(), reader.whole().begin(), reader.whole().end());
+            identity.resize((identity.size() + 3) / 4 * 4);
+        }
+    }
+    return identity;
+}
+
+}  // namespace
+
+bool Connection::hasState() const {
+    return (mark & (initiatorPassesIn | initiatorPassesOut)) != 0;
+}
+
+void Conntrack::forEach(const std::function<void(const Connection&)>& take) {
+    MessageWriter request;
+    request.begin(header(IPCTNL_MSG_CT_GET, NLM_F_DUMP));
+    // Connections come and go while they are listed; that is no reason to begin again.
+    socket_.dump(request, [&take](const Message& message) {
+        if (const auto connection = connectionOf(message)) {
+            take(*connection);
+        }
+    });
+}
+
+std::size_t Conntrack::kill(std::span<const Network> hosts) {
+    std::vector<std::vector<std::uint8_t>> entries;
+    std::size_t states = 0;
+    MessageWriter request;
+    request.begin(header(IPCTNL_MSG_CT_GET, NLM_F_DUMP));
+    socket_.dump(request, [&](const Message& message) {
+        const auto connection = connectionOf(message);
+        if (connection && hosts[0].contains(connection->entering.source) &&
+            (hosts.size() < 2 || hosts[1].contains(connection->entering.destination))) {
+            entries.push_back(identityOf(message));
+            states += connection->hasState() ? 1 : 0;
+        }
+    });
+    forget(entries);
+    return states;
+}
+
+void Conntrack::forget(std::span<const std::vector<std::uint8_t>> entries) {
+    constexpr std::size_t atOnce = 100;  // their acknowledgements must fit into the socket's buffer
+    while (!entries.empty()) {
+        const auto some = entries.first(std::min(atOnce, entries.size()));
+        MessageWriter requests;
+        for (const auto& identity : some) {
+            requests.begin(header(IPCTNL_MSG_CT_DELETE, NLM_F_ACK));
+            requests.putRaw(identity);
+        }
+        // An entry may have ended by itself meanwhile.
+        if (const int error = socket_.request(requests, some.size(), ENOENT); error != 0) {
+            throw NetlinkSocket::failure(error);
+        }
+        entries = entries.subspan(some.size());
+    }
+}
+
+}  // namespace tarnvale::pfctl

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+//
+// The two bits of every connection's mark that are ours. They are what pf calls a state: conntrack
+// knows of connections that no rule has passed, so that it knows of one says nothing. All other
+// bits belong to others and are never changed.
+
+#pragma once
+
+#include <cstdint>
+
+namespace tarnvale::pfctl {
+
+/// Packets of the connection's initiator pass into the host, those of its responder out of it.
+inline constexpr std::uint32_t initiatorPassesIn = 0x10000000;
+
+/// Packets of the connection's initiator pass out of the host, those of its responder into it.
+inline constexpr std::uint32_t initiatorPassesOut = 0x20000000;
+
+}  // namespace tarnvale::pfctl

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+//
+// What pfctl keeps beside the kernel's tables: since when pf is enabled, under which token, and the
+// lock that commands hold while they change something. It lies under /run, so a reboot clears it as
+// it clears the tables.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "support/UniqueFd.h"
+
+namespace tarnvale::pfctl {
+
+inline constexpr const char* runFolder = "/run/com.brackwen.tarnvale.pfctl";
+
+struct Enabled {
+    std::uint64_t since = 0;  ///< seconds of the clock that starts with the machine
+    std::uint64_t token = 0;
+
+    bool operator==(const Enabled&) const = default;
+};
+
+/// Nothing when pf is disabled.
+std::optional<Enabled> readEnabled();
+
+/// Says that pf is enabled from now on, under a new token. Throws `PfctlError`.
+Enabled writeEnabled();
+
+/// Seconds since the machine started, its sleep included.
+std::uint64_t uptime();
+
+/// Held from construction to the end of the scope or of the process.
+class RunLock {
+public:
+    enum class WhenTaken { fail, wait };
+
+    /// Throws `PfctlError`; with `fail` its text is what pf says when two loads meet.
+    explicit RunLock(WhenTaken whenTaken);
+
+private:
+    support::UniqueFd fd_;
+};
+
+}  // namespace tarnvale::pfctl

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/ExecutablePath.h"
+
+#include <filesystem>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace tarnvale::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::EndsWith;
+
+TEST(ExecutablePathTest, IsThatOfTheRunningFile) {
+    rememberFirstArgument("/somewhere/else");
+
+    EXPECT_THAT(executablePath(), EndsWith("/platform_test"));
+    EXPECT_TRUE(fs::exists(executablePath()));
+}
+
+TEST(ExecutablePathTest, IsTheFirstArgumentWhenTheSystemDoesNotSay) {
+    rememberFirstArgument("./bin/helper");
+    ASSERT_EQ(::mount("nothing", "/proc", "tmpfs", 0, nullptr), 0);
+
+    EXPECT_EQ(executablePath(), "./bin/helper");
+}
+
+TEST(ResolvingSymlinksTest, GivesTheRealPathOfAFile) {
+    fs::create_directories("/tmp/real/folder");
+    fs::create_directory_symlink("/tmp/real", "/tmp/link");
+
+    EXPECT_EQ(resolvingSymlinksInPath("/tmp/link/./folder/../folder"), "/tmp/real/folder");
+}
+
+TEST(ResolvingSymlinksTest, TidiesThePathOfAMissingFile) {
+    fs::create_directories("/tmp/real/folder");
+    fs::create_directory_symlink("/tmp/real", "/tmp/link");
+
+    EXPECT_EQ(resolvingSymlinksInPath("/tmp/link/./x/../missing"), "/tmp/link/missing");
+}
+
+TEST(ResolvingSymlinksTest, TakesARelativePathFromTheCurrentFolder) {
+    fs::create_directories("/tmp/real/folder");
+    fs::current_path("/tmp/real");
+
+    EXPECT_EQ(resolvingSymlinksInPath("folder"), "/tmp/real/folder");
+    EXPECT_EQ(resolvingSymlinksInPath("../missing"), "/tmp/missing");
+}
+
+TEST(ResolvingSymlinksTest, LivesWithoutACurrentFolder) {
+    fs::create_directories("/tmp/gone");
+    fs::current_path("/tmp/gone");
+    fs::remove("/tmp/gone");
+
+    EXPECT_EQ(resolvingSymlinksInPath("missing/./x"), "missing/x");
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -100,7 +100,7 @@ int check(const Arguments& arguments) {
     if (arguments.verbose) {
         std::string listing;
         for (const Rule& rule : *rules) {
-            listing += canonicalLine(rule) + "\n";
+            appendCanonicalLine(listing, rule);
         }
         print(stdout, listing);
     }

@@ -8,31 +8,38 @@
 namespace tarnvale::pfctl {
 namespace {
 
-std::string addressText(std::uint32_t address) {
-    return std::to_string(address >> 24U) + "." + std::to_string(address >> 16U & 0xFFU) + "." +
-           std::to_string(address >> 8U & 0xFFU) + "." + std::to_string(address & 0xFFU);
+void appendNumber(std::string& out, std::uint64_t number) {
+    out += std::to_string(number);
 }
 
-std::string endpointText(const Endpoint& side) {
-    std::string text = "any";
-    if (!side.network.isEverything()) {
-        text = addressText(side.network.address);
-        if (side.network.prefixLength < 32) {
-            text += "/" + std::to_string(side.network.prefixLength);
+void appendAddress(std::string& out, std::uint32_t address) {
+    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
+        appendNumber(out, address >> shift & 0xFFU);
+        if (shift > 0) {
+            out += '.';
         }
     }
-    switch (side.ports.kind) {
-        case Ports::Kind::all:
-            break;
-        case Ports::Kind::one:
-            text += " port = " + std::to_string(side.ports.first);
-            break;
-        case Ports::Kind::range:
-            text +=
-                " port " + std::to_string(side.ports.first) + ":" + std::to_string(side.ports.last);
-            break;
+}
+
+void appendEndpoint(std::string& out, const Endpoint& side) {
+    if (side.network.isEverything()) {
+        out += "any";
+    } else {
+        appendAddress(out, side.network.address);
+        if (side.network.prefixLength < 32) {
+            out += '/';
+            appendNumber(out, side.network.prefixLength);
+        }
     }
-    return text;
+    if (side.ports.kind == Ports::Kind::one) {
+        out += " port = ";
+        appendNumber(out, side.ports.first);
+    } else if (side.ports.kind == Ports::Kind::range) {
+        out += " port ";
+        appendNumber(out, side.ports.first);
+        out += ':';
+        appendNumber(out, side.ports.last);
+    }
 }
 
 std::string_view protocolText(Protocol protocol) {
@@ -53,16 +60,23 @@ bool isAny(const Endpoint& side) {
     return side.network.isEverything() && side.ports.kind == Ports::Kind::all;
 }
 
-std::string paddedRight(const std::string& text, std::size_t width) {
-    return text + std::string(text.size() < width ? width - text.size() : 0, ' ');
+/// Appends the text and blanks up to the width.
+void appendLeftAligned(std::string& out, std::string_view text, std::size_t width) {
+    out += text;
+    out.append(text.size() < width ? width - text.size() : 0, ' ');
 }
 
-std::string paddedLeft(const std::string& text, std::size_t width) {
-    return std::string(text.size() < width ? width - text.size() : 0, ' ') + text;
+/// Appends blanks and the text up to the width.
+void appendRightAligned(std::string& out, std::string_view text, std::size_t width) {
+    out.append(text.size() < width ? width - text.size() : 0, ' ');
+    out += text;
 }
 
-std::string twoDigits(std::uint64_t number) {
-    return (number < 10 ? "0" : "") + std::to_string(number);
+void appendTwoDigits(std::string& out, std::uint64_t number) {
+    if (number < 10) {
+        out += '0';
+    }
+    appendNumber(out, number);
 }
 
 std::string statusText(std::optional<std::uint64_t> enabledFor) {
@@ -72,53 +86,75 @@ std::string statusText(std::optional<std::uint64_t> enabledFor) {
     constexpr std::uint64_t minute = 60;
     constexpr std::uint64_t hour = 60 * minute;
     constexpr std::uint64_t day = 24 * hour;
-    return "Status: Enabled for " + std::to_string(*enabledFor / day) + " days " +
-           twoDigits(*enabledFor % day / hour) + ":" + twoDigits(*enabledFor % hour / minute) +
-           ":" + twoDigits(*enabledFor % minute);
+    std::string text = "Status: Enabled for ";
+    appendNumber(text, *enabledFor / day);
+    text += " days ";
+    appendTwoDigits(text, *enabledFor % day / hour);
+    text += ':';
+    appendTwoDigits(text, *enabledFor % hour / minute);
+    text += ':';
+    appendTwoDigits(text, *enabledFor % minute);
+    return text;
 }
 
 }  // namespace
 
-std::string canonicalLine(const Rule& rule) {
-    std::string line = rule.action == Action::pass ? "pass" : "block drop";
-    line += rule.direction == Direction::in ? " in quick" : " out quick";
+void appendCanonicalLine(std::string& out, const Rule& rule) {
+    out += rule.action == Action::pass ? "pass" : "block drop";
+    out += rule.direction == Direction::in ? " in quick" : " out quick";
     if (rule.namesANetwork) {
-        line += " inet";
+        out += " inet";
     }
-    line += protocolText(rule.protocol);
+    out += protocolText(rule.protocol);
     if (isAny(rule.from) && isAny(rule.to)) {
-        line += " all";
+        out += " all";
     } else {
-        line += " from " + endpointText(rule.from) + " to " + endpointText(rule.to);
+        out += " from ";
+        appendEndpoint(out, rule.from);
+        out += " to ";
+        appendEndpoint(out, rule.to);
     }
     if (rule.action == Action::pass) {
         // pf completes a rule that passes: it keeps state, and for TCP that begins with a SYN.
         const bool coversTcp = rule.protocol == Protocol::any || rule.protocol == Protocol::tcp;
-        line += coversTcp ? " flags S/SA keep state" : " keep state";
+        out += coversTcp ? " flags S/SA keep state" : " keep state";
     }
-    return line;
+    out += '\n';
 }
 
 void appendCountedRule(
     std::string& out, const CountedRule& rule, std::uint64_t states, const Loader& loader) {
-    out += canonicalLine(rule.rule);
-    out += "\n  [ Evaluations: " + paddedRight(std::to_string(rule.evaluations), 8);
-    out += "  Packets: " + paddedRight(std::to_string(rule.packets), 8);
-    out += "  Bytes: " + paddedRight(std::to_string(rule.bytes), 10);
-    out += "  States: " + paddedRight(std::to_string(states), 6);
-    out += "]\n  [ Inserted: uid " + std::to_string(loader.uid);
-    out += " pid " + std::to_string(loader.pid) + " ]\n";
+    appendCanonicalLine(out, rule.rule);
+    out += "  [ Evaluations: ";
+    appendLeftAligned(out, std::to_string(rule.evaluations), 8);
+    out += "  Packets: ";
+    appendLeftAligned(out, std::to_string(rule.packets), 8);
+    out += "  Bytes: ";
+    appendLeftAligned(out, std::to_string(rule.bytes), 10);
+    out += "  States: ";
+    appendLeftAligned(out, std::to_string(states), 6);
+    out += "]\n  [ Inserted: uid ";
+    appendNumber(out, loader.uid);
+    out += " pid ";
+    appendNumber(out, loader.pid);
+    out += " ]\n";
 }
 
 std::string statusSummary(std::optional<std::uint64_t> enabledFor, std::uint64_t states) {
-    std::string text = paddedRight(statusText(enabledFor), 44) + paddedLeft("Debug: Urgent", 15);
+    std::string text;
+    appendLeftAligned(text, statusText(enabledFor), 44);
+    appendRightAligned(text, "Debug: Urgent", 15);
     text += "\n\n";
-    text += paddedRight("State Table", 27) + " " + paddedLeft("Total", 14) + " " +
-            paddedLeft("Rate", 16);
-    text += "\n";
-    text +=
-        "  " + paddedRight("current entries", 25) + " " + paddedLeft(std::to_string(states), 14);
-    text += "\n";
+    appendLeftAligned(text, "State Table", 27);
+    text += ' ';
+    appendRightAligned(text, "Total", 14);
+    text += ' ';
+    appendRightAligned(text, "Rate", 16);
+    text += "\n  ";
+    appendLeftAligned(text, "current entries", 25);
+    text += ' ';
+    appendRightAligned(text, std::to_string(states), 14);
+    text += '\n';
     return text;
 }
 

@@ -15,10 +15,10 @@
 
 namespace tarnvale::pfctl {
 
-/// The rule as pf lists it, without a line feed.
-std::string canonicalLine(const Rule& rule);
+/// Appends the rule's line as pf lists it.
+void appendCanonicalLine(std::string& out, const Rule& rule);
 
-/// The rule and the two lines of counters below it.
+/// Appends the rule's line and the two lines of counters below it.
 void appendCountedRule(
     std::string& out, const CountedRule& rule, std::uint64_t states, const Loader& loader);
 

@@ -280,6 +280,53 @@ void JsonReader::read(Uuid& value) {
     failValue(start, "a UUID");
 }
 
+void JsonReader::skip() {
+    const std::size_t outerDepth = depth_;
+    std::bitset<maxJsonDepth + 1> isObject;  // by depth
+    for (;;) {
+        // One value, or the start of an object or array that has something in it, …
+        bool isOpen = false;
+        nextToken();
+        const char first = peek();
+        switch (first) {
+            case '{':
+            case '[':
+                isOpen = enter(first == '{' ? '}' : ']');
+                if (isOpen) {
+                    isObject[depth_] = first == '{';
+                }
+                break;
+            case '"':
+                takeString();
+                break;
+            case 't':
+                takeLiteral("true");
+                break;
+            case 'f':
+                takeLiteral("false");
+                break;
+            case 'n':
+                takeLiteral("null");
+                break;
+            default:
+                if (first != '-' && !isDigit(first)) {
+                    failSyntax("a value");
+                }
+                takeNumber();
+        }
+        // … then the ends of all that it completes.
+        while (!isOpen && depth_ > outerDepth) {
+            isOpen = anotherFollows(isObject[depth_] ? '}' : ']');
+        }
+        if (!isOpen) {
+            return;
+        }
+        if (isObject[depth_]) {
+            key();
+        }
+    }
+}
+
 bool JsonReader::nextIsArray() {
     nextToken();
     return peek() == '[';
@@ -358,53 +405,6 @@ bool JsonReader::takeNull() {
     }
     takeLiteral("null");
     return true;
-}
-
-void JsonReader::skipValue() {
-    const std::size_t outerDepth = depth_;
-    std::bitset<maxJsonDepth + 1> isObject;  // by depth
-    for (;;) {
-        // One value, or the start of an object or array that has something in it, …
-        bool isOpen = false;
-        nextToken();
-        const char first = peek();
-        switch (first) {
-            case '{':
-            case '[':
-                isOpen = enter(first == '{' ? '}' : ']');
-                if (isOpen) {
-                    isObject[depth_] = first == '{';
-                }
-                break;
-            case '"':
-                takeString();
-                break;
-            case 't':
-                takeLiteral("true");
-                break;
-            case 'f':
-                takeLiteral("false");
-                break;
-            case 'n':
-                takeLiteral("null");
-                break;
-            default:
-                if (first != '-' && !isDigit(first)) {
-                    failSyntax("a value");
-                }
-                takeNumber();
-        }
-        // … then the ends of all that it completes.
-        while (!isOpen && depth_ > outerDepth) {
-            isOpen = anotherFollows(isObject[depth_] ? '}' : ']');
-        }
-        if (!isOpen) {
-            return;
-        }
-        if (isObject[depth_]) {
-            key();
-        }
-    }
 }
 
 bool JsonReader::enter(char close) {
@@ -576,7 +576,7 @@ void JsonReader::failAt(const char* place, std::string_view problem) const {
 
 void JsonReader::failValue(const char* value, std::string_view expected) {
     next_ = value;
-    skipValue();
+    skip();
     const std::string_view written(value, static_cast<std::size_t>(next_ - value));
     throw JsonError(
         "expected " + std::string(expected) + " at " + pathTo(value) + ", found " +
@@ -585,7 +585,7 @@ void JsonReader::failValue(const char* value, std::string_view expected) {
                          : shortened(written)));
 }
 
-void JsonReader::failWord(const char* value, const std::vector<std::string_view>& words) {
+void JsonReader::failWord(const char* value, std::span<const std::string_view> words) {
     std::string expected;
     for (std::size_t i = 0; i < words.size(); ++i) {
         if (i > 0) {

@@ -43,6 +43,7 @@
 #include <map>
 #include <numeric>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -114,7 +115,10 @@ inline constexpr std::size_t jsonMemberCount = std::tuple_size_v<decltype(jsonMe
 template <JsonRecord T>
 inline constexpr auto sortedJsonMembers = [] {
     const auto keys = std::apply(
-        [](const auto&... member) { return std::array{member.key...}; }, jsonMembersOf<T>);
+        [](const auto&... member) {
+            return std::array<std::string_view, sizeof...(member)>{member.key...};
+        },
+        jsonMembersOf<T>);
     std::array<std::size_t, keys.size()> places{};
     std::iota(places.begin(), places.end(), std::size_t{0});
     std::sort(places.begin(), places.end(), [&](std::size_t a, std::size_t b) {
@@ -155,6 +159,9 @@ public:
     template <JsonRecord T>
     void read(T& record);
 
+    /// Passes over the next value, whatever it is.
+    void skip();
+
     /// Whether the next value begins as an array does.
     bool nextIsArray();
 
@@ -170,7 +177,6 @@ private:
     bool takeKey(std::string_view key);
     std::string_view key();
     bool takeNull();
-    void skipValue();
 
     // Each of these begins where the reader stands.
     bool enter(char close);
@@ -187,7 +193,7 @@ private:
     [[noreturn]] void failSyntax(std::string_view expected) const;
     [[noreturn]] void failAt(const char* place, std::string_view problem) const;
     [[noreturn]] void failValue(const char* value, std::string_view expected);
-    [[noreturn]] void failWord(const char* value, const std::vector<std::string_view>& words);
+    [[noreturn]] void failWord(const char* value, std::span<const std::string_view> words);
     [[noreturn]] void failMissing(const char* object, std::string_view key) const;
     std::string pathTo(const char* place) const;
 
@@ -290,7 +296,7 @@ void JsonReader::read(std::map<std::string, T, std::less<>>& values) {
         if (isFirst) {
             read(place->second);
         } else {
-            skipValue();
+            skip();
         }
     }
 }
@@ -309,10 +315,8 @@ void JsonReader::read(T& value) {
             }
         }
     }
-    std::vector<std::string_view> words;
-    for (const T candidate : cases) {
-        words.push_back(rawValue(candidate));
-    }
+    std::array<std::string_view, cases.size()> words;
+    std::ranges::transform(cases, words.begin(), [](T candidate) { return rawValue(candidate); });
     failWord(start, words);
 }
 
@@ -344,7 +348,7 @@ void JsonReader::read(T& record) {
             return true;
         });
         if (!wasRead) {
-            skipValue();
+            skip();
         }
         open = anotherFollows('}');
     }

@@ -24,7 +24,8 @@ struct Uuid {
     std::string text() const;
     void appendTo(std::string& out) const;
 
-    auto operator<=>(const Uuid&) const = default;
+    auto operator<=>(const Uuid&) const =
+        default;  // NOLINT(modernize-use-nullptr): wrong about <=>
 };
 
 }  // namespace tarnvale::support

@@ -6,6 +6,8 @@
 
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,10 +23,16 @@ namespace tarnvale::NetworkFirewall {
 /// One refused network or one rule that is left out.
 struct Note {
     support::Uuid networkID;
-    std::string label;    ///< the network's name, for a rule followed by ", rule " and its number
-    std::string problem;  ///< the whole sentence
+    /// Shared by all notes of one network: one long name may stand above many faulty rules.
+    std::shared_ptr<const std::string> networkName;
+    std::size_t ruleNumber = 0;  ///< counted from 1; 0 when the note is about the network itself
+    std::string problem;         ///< the whole sentence
 
-    bool operator==(const Note&) const = default;
+    /// The network's name, for a rule followed by ", rule " and its number.
+    std::string label() const;
+
+    /// Notes are equal when they say the same of the same network.
+    bool operator==(const Note& other) const;
 };
 
 struct Review {
@@ -44,12 +52,14 @@ struct DroppedClaim {
 };
 
 struct MergedPolicies {
-    std::vector<FirewallNetworkPolicy> policies;
+    std::vector<FirewallNetworkPolicy> policies;  ///< the most recent owner's first
     std::vector<DroppedClaim> dropped;
+
+    bool operator==(const MergedPolicies&) const = default;
 };
 
 /// One network for each subnet, that of the owner who applied most recently. A network whose
-/// firewall is off holds its subnet all the same. The store is consumed or copied by the caller.
+/// firewall is off holds its subnet all the same. Takes the store over.
 MergedPolicies mergedPolicies(PolicyStore store);
 
 /// The log's sentence for a dropped claim.

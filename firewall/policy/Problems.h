@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+//
+// What is wrong with a network's subnet or with a rule, in one sentence for the user. The sentences
+// quote the texts as they were sent.
+
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "firewall/policy/FirewallRecords.h"
+#include "firewall/policy/HostAddresses.h"
+
+namespace tarnvale::NetworkFirewall {
+
+/// Why rules may not be keyed on the subnet on a machine with these addresses: it is none that
+/// virtual networks get, or it overlaps one of the machine's own networks.
+std::optional<std::string> subnetProblem(
+    std::string_view subnetText, std::span<const HostAddress> hosts);
+
+/// Why the rule can't be written. Of two faults the remote side's is told.
+std::optional<std::string> ruleProblem(const FirewallRule& rule);
+
+/// Whether a subnet may not overlap the address: it is an IPv4 address, and not of a bridge that
+/// the system made for virtual networks.
+bool isOfOwnNetwork(const HostAddress& host);
+
+}  // namespace tarnvale::NetworkFirewall

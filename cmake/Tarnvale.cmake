@@ -23,8 +23,10 @@ target_compile_options(tarnvale_options INTERFACE
     -fstack-protector-strong -ffunction-sections -fdata-sections
     $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
 target_compile_definitions(tarnvale_options INTERFACE
-    $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>
-    $<$<AND:$<CONFIG:Release>,$<STREQUAL:${TARNVALE_SANITIZE},>>:_FORTIFY_SOURCE=2>)
+    $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+if(NOT TARNVALE_SANITIZE)
+    target_compile_definitions(tarnvale_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(tarnvale_options INTERFACE
         -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)

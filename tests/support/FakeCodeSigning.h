@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+//
+// Code signatures in memory.
+
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "platform/CodeSigning.h"
+
+namespace tarnvale::test {
+
+class FakeCodeSigning final : public platform::CodeSigning {
+public:
+    /// A program that runs.
+    struct Program {
+        std::optional<platform::SigningInformation> information;
+        std::set<std::string, std::less<>> meets;  ///< the requirements that it is valid against
+    };
+
+    std::optional<Program> own = Program{};
+    std::map<pid_t, Program> peers;
+    int selfLookups = 0;
+    std::set<std::string, std::less<>> asked;  ///< every requirement that was checked
+
+    std::unique_ptr<platform::Code> self() override {
+        ++selfLookups;
+        return own ? std::make_unique<RunningCode>(*own, asked) : nullptr;
+    }
+
+    std::unique_ptr<platform::Code> guest(const platform::Peer& peer) override {
+        const auto found = peers.find(peer.pid);
+        return found == peers.end() ? nullptr : std::make_unique<RunningCode>(found->second, asked);
+    }
+
+private:
+    class RunningCode final : public platform::Code {
+    public:
+        RunningCode(const Program& program, std::set<std::string, std::less<>>& asked)
+            : program_(program), asked_(asked) {}
+
+        std::optional<platform::SigningInformation> signingInformation() override {
+            return program_.information;
+        }
+
+        bool isValid(std::string_view requirement) override {
+            asked_.emplace(requirement);
+            return program_.meets.count(requirement) == 1;
+        }
+
+    private:
+        const Program& program_;
+        std::set<std::string, std::less<>>& asked_;
+    };
+};
+
+}  // namespace tarnvale::test

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -44,8 +45,7 @@ pid_t start(const std::function<void()>& operation) {
             operation();
             status = 0;
         } catch (const std::exception& error) {
-            const std::string line = std::string("operation: ") + error.what() + "\n";
-            static_cast<void>(::write(STDERR_FILENO, line.data(), line.size()));
+            std::cerr << "operation: " << error.what() << std::endl;
         }
         ::_exit(status);
     }

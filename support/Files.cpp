@@ -1,1 +1,317 @@
 // SPDX-License-Identifier: MIT
+
+#include "support/Files.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <random>
+#include <utility>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/UniqueFd.h"
+
+namespace tarnvale::support {
+namespace {
+
+using Operation = FileError::Operation;
+
+constexpr std::size_t randomDigits = 16;
+constexpr std::time_t leftoverAge = 3600;  // seconds, far more than a write takes
+
+struct SplitPath {
+    std::string folder;
+    std::string name;
+};
+
+SplitPath splitPath(std::string_view path) {
+    while (path.size() > 1 && path.ends_with('/')) {
+        path.remove_suffix(1);
+    }
+    const auto slash = path.rfind('/');
+    if (slash == std::string_view::npos) {
+        return {.folder = ".", .name = std::string(path)};
+    }
+    return {
+        .folder = std::string(path.substr(0, slash == 0 ? 1 : slash)),
+        .name = std::string(path.substr(slash + 1))};
+}
+
+std::string quoted(std::string_view name) {
+    return "“" + std::string(name) + "”";
+}
+
+/// Where the file system that holds the path, or what exists of it, is mounted.
+std::string volumeOf(std::string path) {
+    struct stat info {};
+    while (::stat(path.c_str(), &info) != 0 && path != "/") {
+        path = splitPath(path).folder;
+    }
+    const auto device = info.st_dev;
+    while (path != "/" && path != ".") {
+        auto above = splitPath(path).folder;
+        if (::stat(above.c_str(), &info) != 0 || info.st_dev != device) {
+            break;
+        }
+        path = std::move(above);
+    }
+    return path;
+}
+
+/// The sentences for a failed write of a file or folder.
+std::string writeProblem(Operation operation, std::string_view path, int errorNumber) {
+    const auto [folder, name] = splitPath(path);
+    const auto file = quoted(name);
+    const auto folderName = quoted(folder == "/" ? folder : splitPath(folder).name);
+    switch (errorNumber) {
+        case EACCES:
+        case EPERM:
+            return "You don’t have permission to save the file " + file + " in the folder " +
+                   folderName + ".";
+        case ENOENT:
+            return operation == Operation::writeInto ? "The folder " + file + " doesn’t exist."
+                                                     : "The file " + file + " doesn’t exist.";
+        case EEXIST:
+            return "The file " + file + " couldn’t be saved in the folder " + folderName +
+                   " because a file with the same name already exists.";
+        case ENOSPC:
+        case EDQUOT:
+            return "You can’t save the file " + file + " because the volume " +
+                   quoted(volumeOf(folder)) + " is out of space.";
+        case EROFS:
+            return "You can’t save the file " + file + " because the volume " +
+                   quoted(volumeOf(folder)) + " is read only.";
+        case ENAMETOOLONG:
+            return "The file name is invalid.";
+        default:
+            return "The file " + file + " couldn’t be saved in the folder " + folderName + ".";
+    }
+}
+
+/// The one table of the sentences in which a failed file operation is told.
+std::string problem(Operation operation, std::string_view path, int errorNumber) {
+    const auto file = quoted(splitPath(path).name);
+    const bool isForbidden = errorNumber == EACCES || errorNumber == EPERM;
+    switch (operation) {
+        case Operation::remove:
+            return isForbidden ? file +
+                                     " couldn’t be removed because you don’t have permission to "
+                                     "access it."
+                               : file + " couldn’t be removed.";
+        case Operation::launch:
+            if (errorNumber == ENOENT) {
+                return "The file " + file + " doesn’t exist.";
+            }
+            return isForbidden ? "The file " + file +
+                                     " couldn’t be opened because you don’t have permission to "
+                                     "view it."
+                               : "The file " + file + " couldn’t be opened.";
+        case Operation::write:
+        case Operation::writeInto:
+            break;
+    }
+    return writeProblem(operation, path, errorNumber);
+}
+
+UniqueFd openFolder(const std::string& path) {
+    return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+/// Runs a system call again as long as a signal interrupts it.
+template <class Call>
+auto uninterrupted(const Call& call) {
+    auto result = call();
+    while (result < 0 && errno == EINTR) {
+        result = call();
+    }
+    return result;
+}
+
+bool synchronise(int fd) {
+    return uninterrupted([&] { return ::fsync(fd); }) == 0;
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto written = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });
+        if (written < 0) {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+std::string temporaryName(const std::string& name) {
+    static constexpr std::string_view digits = "0123456789abcdef";
+    std::random_device source;
+    std::string made = "." + name + ".";
+    for (std::size_t i = 0; i < randomDigits; ++i) {
+        made += digits[source() % digits.size()];
+    }
+    return made;
+}
+
+/// Sweeps away what killed processes left of temporary files for this name. A younger one may be in
+/// use beside us and stays.
+void removeLeftovers(const UniqueFd& folder, const std::string& name) {
+    UniqueFd own(::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(
+        own ? ::fdopendir(own.get()) : nullptr, ::closedir);
+    if (!entries) {
+        return;
+    }
+    own.release();
+    const std::string prefix = "." + name + ".";
+    while (const dirent* const entry = ::readdir(entries.get())) {
+        const std::string_view candidate = entry->d_name;
+        struct stat info {};
+        if (candidate.size() == prefix.size() + randomDigits && candidate.starts_with(prefix) &&
+            ::fstatat(folder.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(info.st_mode) && info.st_mtime < std::time(nullptr) - leftoverAge) {
+            ::unlinkat(folder.get(), entry->d_name, 0);
+        }
+    }
+}
+
+struct Attributes {
+    mode_t mode = 0;
+    std::optional<std::pair<uid_t, gid_t>> owner;  ///< as for every new file when absent
+};
+
+void replaceFile(const std::string& path, std::string_view bytes, const Attributes& attributes) {
+    const auto [folderPath, name] = splitPath(path);
+    const auto folder = openFolder(folderPath);
+    if (!folder) {
+        throw FileError(Operation::writeInto, path, errno);
+    }
+
+    std::string temporary;
+    UniqueFd file;
+    do {
+        temporary = temporaryName(name);
+        // A mode that only loses bits to the umask, so that nobody reads what is not for them.
+        file.reset(::openat(
+            folder.get(),
+            temporary.c_str(),
+            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+            attributes.owner ? mode_t{0600} : attributes.mode));
+    } while (!file && (errno == EEXIST || errno == EINTR));
+    if (!file) {
+        throw FileError(Operation::writeInto, path, errno);
+    }
+
+    const bool hasOwner =
+        !attributes.owner ||
+        ::fchown(file.get(), attributes.owner->first, attributes.owner->second) == 0;
+    if (!hasOwner || ::fchmod(file.get(), attributes.mode) != 0 || !writeAll(file.get(), bytes) ||
+        !synchronise(file.get()) ||
+        ::renameat(folder.get(), temporary.c_str(), folder.get(), name.c_str()) != 0) {
+        const int error = errno;
+        ::unlinkat(folder.get(), temporary.c_str(), 0);
+        throw FileError(Operation::write, path, error);
+    }
+    // The new content stands. That its name survives a power cut too is part of the promise.
+    if (!synchronise(folder.get())) {
+        throw FileError(Operation::write, path, errno);
+    }
+    removeLeftovers(folder, name);
+}
+
+}  // namespace
+
+FileError::FileError(Operation operation, std::string_view path, int errorNumber)
+    : std::runtime_error(problem(operation, path, errorNumber)), errorNumber_(errorNumber) {}
+
+std::optional<std::string> readFile(const std::string& path) {
+    // Not blocking, so that a FIFO in the file's place can't hold us up.
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat info {};
+    if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return std::nullopt;
+    }
+    // One byte more than the file has, so that reading meets its end without another buffer.
+    std::string bytes(static_cast<std::size_t>(info.st_size) + 1, '\0');
+    std::size_t filled = 0;
+    while (true) {
+        const auto got = uninterrupted(
+            [&] { return ::read(file.get(), bytes.data() + filled, bytes.size() - filled); });
+        if (got < 0) {
+            return std::nullopt;
+        }
+        filled += static_cast<std::size_t>(got);
+        if (got == 0) {
+            bytes.resize(filled);
+            return bytes;
+        }
+        if (filled == bytes.size()) {
+            bytes.resize(2 * filled);  // it has grown since
+        }
+    }
+}
+
+void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode) {
+    replaceFile(path, bytes, {.mode = mode, .owner = std::nullopt});
+}
+
+void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        writeFileAtomically(path, bytes, 0644);
+        return;
+    }
+    constexpr mode_t permissions = 07777;
+    replaceFile(
+        path,
+        bytes,
+        {.mode = info.st_mode & permissions, .owner = std::pair(info.st_uid, info.st_gid)});
+}
+
+void makeFolders(const std::string& path, std::optional<mode_t> mode) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0) {
+        if (!S_ISDIR(info.st_mode)) {
+            throw FileError(Operation::write, path, EEXIST);
+        }
+        return;
+    }
+    const auto above = splitPath(path).folder;
+    if (errno == ENOENT && above != path) {
+        makeFolders(above, mode);
+    }
+    if (::mkdir(path.c_str(), mode.value_or(0777)) != 0) {
+        if (errno == EEXIST && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+            return;  // somebody else has made it just now
+        }
+        throw FileError(Operation::write, path, errno);
+    }
+    if (mode) {
+        setMode(path, *mode);
+    }
+    const auto folder = openFolder(above);
+    if (!folder || !synchronise(folder.get())) {
+        throw FileError(Operation::write, path, errno);
+    }
+}
+
+void setMode(const std::string& path, mode_t mode) {
+    if (::chmod(path.c_str(), mode) != 0) {
+        throw FileError(Operation::write, path, errno);
+    }
+}
+
+void removeFile(const std::string& path) {
+    const auto [folderPath, name] = splitPath(path);
+    const auto folder = openFolder(folderPath);
+    if (!folder || ::unlinkat(folder.get(), name.c_str(), 0) != 0 || !synchronise(folder.get())) {
+        throw FileError(Operation::remove, path, errno);
+    }
+}
+
+}  // namespace tarnvale::support

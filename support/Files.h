@@ -2,6 +2,10 @@
 //
 // Whole files, written so that a crash or a power cut at any instant leaves the old content or the
 // new, never a part; and the sentences in which a failure is told.
+//
+// A file is written under a hidden name of its own in the same folder, ".<name>.<16 hexadecimal
+// digits>", and then renamed. What a killed process left of such names is swept away by the next
+// write of the same file, once it is older than any write takes.
 
 #pragma once
 
@@ -19,7 +23,7 @@ class FileError : public std::runtime_error {
 public:
     enum class Operation {
         write,      ///< creating a file or folder, writing one, setting its mode
-        writeInto,  ///< writing a file whose folder may be what is missing
+        writeInto,  ///< writing a file when its folder may be what is missing
         remove,     ///< deleting a file
         launch,     ///< starting a program
     };
@@ -41,7 +45,8 @@ std::optional<std::string> readFile(const std::string& path);
 /// at `path` is replaced, not followed. Throws `FileError`, and then nothing has changed.
 void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode);
 
-/// The same for a file that is not ours: an existing file's mode, owner and group are kept.
+/// The same for a file that is not ours: an existing file's mode, owner and group are kept, a new
+/// one gets 0644.
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes);
 
 /// Makes the folder and those above it that are missing, each with mode 0777 less the umask, or

@@ -136,17 +136,20 @@ void Question::proceed() {
     std::array<unsigned char, 2048> buffer{};
     while (pending_) {
         const ssize_t size = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
-        if (size < 0) {
-            if (errno != EAGAIN) {
-                endWithError(errno);
-            }
-            return;
+        if (size < 0 && errno == EAGAIN) {
+            break;
         }
-        if (size == 0) {
+        if (size < 0) {
+            endWithError(errno);
+        } else if (size == 0) {
             end(Outcome::refused);
         } else if (isAnswer(buffer.data(), static_cast<std::size_t>(size))) {
             end(Outcome::answered);
         }
+    }
+    // An error that has been told stays in a queue of its own, and would be told for ever.
+    while (protocol_ != Protocol::tcp &&
+           ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_ERRQUEUE) >= 0) {
     }
 }
 
@@ -210,7 +213,7 @@ void EchoServer::listen(Protocol protocol, const Address& address) {
         (protocol == Protocol::tcp && ::listen(fd.get(), SOMAXCONN) != 0)) {
         fail("listen on " + address.host + " port " + std::to_string(address.port));
     }
-    add(protocol == Protocol::tcp ? Kind::listener : Kind::datagrams, std::move(fd));
+    add(protocol == Protocol::tcp ? Kind::listener : Kind::datagrams, address.port, std::move(fd));
 }
 
 pollfd EchoServer::awaited() const {
@@ -223,38 +226,23 @@ void EchoServer::serve() {
     while ((count = ::epoll_wait(epoll_.get(), events.data(), events.size(), 0)) > 0) {
         for (int i = 0; i < count; ++i) {
             const Socket& socket = sockets_.at(events.at(static_cast<std::size_t>(i)).data.fd);
-            const int fd = socket.fd.get();
             if (socket.kind == Kind::listener) {
                 accept(socket);
             } else if (socket.kind == Kind::connection) {
-                echoStream(fd);
+                echoStream(socket);
             } else {
-                std::array<char, 2048> buffer{};
-                sockaddr_in peer{};
-                socklen_t peerSize = sizeof peer;
-                const ssize_t size = ::recvfrom(
-                    fd,
-                    buffer.data(),
-                    buffer.size(),
-                    0,
-                    reinterpret_cast<sockaddr*>(&peer),
-                    &peerSize);
-                if (size >= 0) {
-                    // An answer that cannot leave is a lost one, as on any network.
-                    static_cast<void>(::sendto(
-                        fd,
-                        buffer.data(),
-                        static_cast<std::size_t>(size),
-                        0,
-                        generic(peer),
-                        peerSize));
-                }
+                echoDatagram(socket);
             }
         }
     }
 }
 
-void EchoServer::add(Kind kind, support::UniqueFd fd) {
+std::size_t EchoServer::arrivals(std::uint16_t port) const {
+    const auto counted = arrivals_.find(port);
+    return counted == arrivals_.end() ? 0 : counted->second;
+}
+
+void EchoServer::add(Kind kind, std::uint16_t port, support::UniqueFd fd) {
     epoll_event event{};
     event.events = EPOLLIN;
     const int number = fd.get();
@@ -262,25 +250,42 @@ void EchoServer::add(Kind kind, support::UniqueFd fd) {
     if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, number, &event) != 0) {
         fail("epoll_ctl");
     }
-    sockets_.insert_or_assign(number, Socket{kind, std::move(fd)});
+    sockets_.insert_or_assign(number, Socket{kind, port, std::move(fd)});
 }
 
 void EchoServer::accept(const Socket& listener) {
     support::UniqueFd connection(
         ::accept4(listener.fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (connection) {
-        add(Kind::connection, std::move(connection));
+        add(Kind::connection, listener.port, std::move(connection));
     }
 }
 
-void EchoServer::echoStream(int fd) {
+void EchoServer::echoStream(const Socket& connection) {
+    const int fd = connection.fd.get();
     std::array<char, 2048> buffer{};
     const ssize_t size = ::recv(fd, buffer.data(), buffer.size(), 0);
     if (size > 0) {
+        ++arrivals_[connection.port];
         // The peer sends a byte and waits; a socket buffer has room for that.
         static_cast<void>(::send(fd, buffer.data(), static_cast<std::size_t>(size), MSG_NOSIGNAL));
     } else if (size == 0 || errno != EAGAIN) {
         sockets_.erase(fd);
+    }
+}
+
+void EchoServer::echoDatagram(const Socket& socket) {
+    const int fd = socket.fd.get();
+    std::array<char, 2048> buffer{};
+    sockaddr_in peer{};
+    socklen_t peerSize = sizeof peer;
+    const ssize_t size = ::recvfrom(
+        fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&peer), &peerSize);
+    if (size >= 0) {
+        ++arrivals_[socket.port];
+        // An answer that cannot leave is a lost one, as on any network.
+        static_cast<void>(::sendto(
+            fd, buffer.data(), static_cast<std::size_t>(size), 0, generic(peer), peerSize));
     }
 }
 

@@ -86,19 +86,25 @@ public:
     /// Serves all that has arrived, without waiting.
     void serve();
 
+    /// How many datagrams and pieces of connections have arrived on that port of all addresses.
+    std::size_t arrivals(std::uint16_t port) const;
+
 private:
     enum class Kind : std::uint8_t { listener, connection, datagrams };
     struct Socket {
         Kind kind;
+        std::uint16_t port;
         support::UniqueFd fd;
     };
 
-    void add(Kind kind, support::UniqueFd fd);
+    void add(Kind kind, std::uint16_t port, support::UniqueFd fd);
     void accept(const Socket& listener);
-    void echoStream(int fd);
+    void echoStream(const Socket& connection);
+    void echoDatagram(const Socket& socket);
 
     support::UniqueFd epoll_;
     std::map<int, Socket> sockets_;
+    std::map<std::uint16_t, std::size_t> arrivals_;
 };
 
 }  // namespace tarnvale::test

@@ -153,7 +153,7 @@ std::uint16_t NetworkLab::unusedPort() {
     return lastPort_;
 }
 
-Question NetworkLab::ask(Exchange exchange) {
+Question NetworkLab::ask(const Exchange& exchange) {
     const bool servable = exchange.listened && exchange.protocol != Protocol::ping;
     if (servable &&
         listened_.emplace(exchange.protocol, exchange.to.address, exchange.port).second) {
@@ -196,6 +196,15 @@ void NetworkLab::settle(std::span<Question> questions, std::chrono::milliseconds
             }
         }
     }
+}
+
+Question NetworkLab::established(const Exchange& exchange) {
+    Question question = ask(exchange);
+    settle({&question, 1}, patience);
+    if (question.outcome() != Outcome::answered) {
+        throw std::runtime_error("not answered: " + description(exchange));
+    }
+    return question;
 }
 
 bool NetworkLab::passes(const Exchange& exchange) {

@@ -52,8 +52,8 @@ inline constexpr Host uplink{"uplink", "203.0.113.1", Machine::router, Link::non
 /// A question of one host to another.
 struct Exchange {
     Protocol protocol = Protocol::tcp;
-    Host from;
-    Host to;
+    Host from{};
+    Host to{};
     std::uint16_t port = 0;      ///< the port asked; of no meaning for `ping`
     std::uint16_t fromPort = 0;  ///< the asking port or the echo's identifier; 0: the next unused
     int timeToLive = 64;
@@ -74,8 +74,15 @@ public:
     /// Builds the network in the calling process's private root. Throws `LabUnavailable`.
     NetworkLab();
 
-    /// Asks. A flow is never used twice: old states and connections cannot meddle.
-    Question ask(Exchange exchange);
+    /// A port or identifier to ask from that no exchange has had: old states cannot meddle.
+    std::uint16_t unusedPort();
+
+    /// Asks.
+    Question ask(const Exchange& exchange);
+
+    /// Asks and waits for the answer, which must come: the flow is to be used further. Throws
+    /// `std::runtime_error` when it doesn't.
+    Question established(const Exchange& exchange);
 
     /// Lets the hosts talk until no question is pending, or the time is over in which something
     /// has to happen: `patience` where an answer is expected, `quiet` where none is.
@@ -101,11 +108,13 @@ public:
     static constexpr std::chrono::milliseconds quiet{40};
     static constexpr std::chrono::milliseconds patience{5000};
 
+    /// How many datagrams and pieces of connections have arrived on that port, wherever it is.
+    std::size_t arrivals(std::uint16_t port) const { return server_.arrivals(port); }
+
 private:
     class Visit;  ///< makes the thread a guest of another machine's network namespace
 
     void build();
-    std::uint16_t unusedPort();
 
     std::array<support::UniqueFd, 5> namespaces_;  ///< by `Machine`
     EchoServer server_;

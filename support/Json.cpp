@@ -271,7 +271,16 @@ void JsonReader::read(std::string& value) {
 
 void JsonReader::read(Uuid& value) {
     const char* const start = nextToken();
-    if (peek() == '"') {
+    constexpr std::size_t length = Uuid::textLength;
+    if (static_cast<std::size_t>(end_ - next_) >= length + 2 && next_[0] == '"' &&
+        next_[length + 1] == '"') {
+        if (const auto uuid = Uuid::parse({next_ + 1, length})) {
+            next_ += length + 2;
+            value = *uuid;
+            return;
+        }
+    }
+    if (peek() == '"') {  // with escapes perhaps
         if (const auto uuid = Uuid::parse(takeString())) {
             value = *uuid;
             return;
@@ -339,13 +348,6 @@ void JsonReader::end() {
     }
 }
 
-const char* JsonReader::nextToken() {
-    while (next_ != end_ && (*next_ == ' ' || *next_ == '\n' || *next_ == '\r' || *next_ == '\t')) {
-        ++next_;
-    }
-    return next_;
-}
-
 bool JsonReader::beginArray() {
     const char* const start = nextToken();
     if (peek() != '[') {
@@ -360,32 +362,6 @@ bool JsonReader::beginObject() {
         failValue(start, "an object");
     }
     return enter('}');
-}
-
-bool JsonReader::anotherFollows(char close) {
-    nextToken();
-    if (peek() == ',') {
-        ++next_;
-        return true;
-    }
-    if (peek() != close) {
-        failSyntax(close == ']' ? R"("," or "]")" : R"("," or "}")");
-    }
-    ++next_;
-    --depth_;
-    return false;
-}
-
-bool JsonReader::takeKey(std::string_view key) {
-    nextToken();
-    const std::size_t length = key.size();
-    if (static_cast<std::size_t>(end_ - next_) < length + 2 || next_[0] != '"' ||
-        next_[length + 1] != '"' || std::string_view(next_ + 1, length) != key) {
-        return false;
-    }
-    next_ += length + 2;
-    takeColon();
-    return true;
 }
 
 std::string_view JsonReader::key() {
@@ -419,14 +395,6 @@ bool JsonReader::enter(char close) {
     }
     ++depth_;
     return true;
-}
-
-void JsonReader::takeColon() {
-    nextToken();
-    if (peek() != ':') {
-        failSyntax(R"(":")");
-    }
-    ++next_;
 }
 
 std::string_view JsonReader::takeString() {

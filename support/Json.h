@@ -170,7 +170,12 @@ public:
 
 private:
     // Each of these first passes over white space.
-    const char* nextToken();
+    const char* nextToken() {
+        while (next_ != end_ && isSpace(*next_)) {
+            ++next_;
+        }
+        return next_;
+    }
     bool beginArray();
     bool beginObject();
     bool anotherFollows(char close);
@@ -181,6 +186,7 @@ private:
     // Each of these begins where the reader stands.
     bool enter(char close);
     void takeColon();
+    bool takeVerbatim(std::string_view text);
     std::string_view takeString();
     void passVerbatim();
     void takeEscape();
@@ -204,6 +210,10 @@ private:
     template <class T>
     static constexpr bool isOptional(const std::optional<T>& /*field*/) {
         return true;
+    }
+
+    static constexpr bool isSpace(char c) {
+        return c == ' ' || c == '\n' || c == '\r' || c == '\t';
     }
 
     /// The next byte; 0 at the end, where no token goes on with that byte either.
@@ -271,6 +281,46 @@ private:
     std::string text_;
 };
 
+inline bool JsonReader::anotherFollows(char close) {
+    nextToken();
+    const char next = peek();
+    if (next != ',' && next != close) {
+        failSyntax(close == ']' ? R"("," or "]")" : R"("," or "}")");
+    }
+    ++next_;
+    depth_ -= next == close ? 1 : 0;
+    return next != close;
+}
+
+/// Takes the key and its colon, if it is next and written without escapes.
+inline bool JsonReader::takeKey(std::string_view key) {
+    nextToken();
+    if (!takeVerbatim(key)) {
+        return false;
+    }
+    takeColon();
+    return true;
+}
+
+inline void JsonReader::takeColon() {
+    nextToken();
+    if (peek() != ':') {
+        failSyntax(R"(":")");
+    }
+    ++next_;
+}
+
+/// Takes a string of exactly this text, if it is next and written without escapes.
+inline bool JsonReader::takeVerbatim(std::string_view text) {
+    const std::size_t length = text.size();
+    if (static_cast<std::size_t>(end_ - next_) < length + 2 || next_[0] != '"' ||
+        next_[length + 1] != '"' || std::string_view(next_ + 1, length) != text) {
+        return false;
+    }
+    next_ += length + 2;
+    return true;
+}
+
 template <class T>
 void JsonReader::read(std::optional<T>& value) {
     if (takeNull()) {
@@ -306,7 +356,13 @@ void JsonReader::read(T& value) {
     static constexpr auto cases = jsonCases(std::type_identity<T>{});
 
     const char* const start = nextToken();
-    if (peek() == '"') {
+    for (const T candidate : cases) {
+        if (takeVerbatim(rawValue(candidate))) {
+            value = candidate;
+            return;
+        }
+    }
+    if (peek() == '"') {  // with escapes perhaps
         const std::string_view word = takeString();
         for (const T candidate : cases) {
             if (word == rawValue(candidate)) {

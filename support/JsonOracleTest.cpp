@@ -167,7 +167,7 @@ private:
 };
 
 /// What the oracle says of a text.
-struct Verdict {
+struct Verdict {  // NOLINT(bugprone-exception-escape): the oracle's own move may throw
     bool isJson = false;
     bool isTooLargeForIt = false;   ///< it has no number for one that is right by the grammar
     bool hasDuplicateKeys = false;  ///< of which it takes the last

@@ -108,22 +108,24 @@ std::string nested(std::size_t depth, const std::string& open, const std::string
     return json;
 }
 
-const std::string outerJson =
+constexpr const char* outerJson =
     R"({"flag":true,"color":"deepBlue","number":1.5,"inners":[{"name":"a","count":3},{"name":"b"}]})";
-const Outer outer{
-    .flag = true, .color = Color::deepBlue, .number = 1.5, .inners = {{"a", 3}, {"b", {}}}};
+
+Outer outer() {
+    return {.flag = true, .color = Color::deepBlue, .number = 1.5, .inners = {{"a", 3}, {"b", {}}}};
+}
 
 // Records
 
 TEST(JsonTest, ReadsRecordsInTheOrderOfTheirFields) {
-    EXPECT_EQ(decodeJson<Outer>(outerJson), outer);
+    EXPECT_EQ(decodeJson<Outer>(outerJson), outer());
 }
 
 TEST(JsonTest, ReadsMembersInAnyOrder) {
     EXPECT_EQ(
         decodeJson<Outer>(R"({"inners":[{"count":3,"name":"a"},{"name":"b"}],"number":1.5,)"
                           R"("color":"deepBlue","flag":true})"),
-        outer);
+        outer());
 }
 
 TEST(JsonTest, PassesOverWhiteSpaceBetweenAllTokens) {
@@ -131,7 +133,7 @@ TEST(JsonTest, PassesOverWhiteSpaceBetweenAllTokens) {
         decodeJson<Outer>(" \t\r\n{ \"flag\"\t:\ntrue\r, \"color\" : \"deepBlue\" , \"number\" : "
                           "1.5 , \"inners\" : "
                           "[ { \"name\" : \"a\" , \"count\" : 3 } , { \"name\" : \"b\" } ] } \n"),
-        outer);
+        outer());
 }
 
 TEST(JsonTest, PassesOverUnknownMembers) {
@@ -232,7 +234,8 @@ TEST(JsonTest, SaysWhichKeyIsMissingAndWhere) {
     expectError<std::vector<Outer>>(
         R"([{"inners":[{"name":"a"},{"count":1}]}])", R"(missing key "name" at [0].inners[1])");
     expectError<std::vector<Outer>>(
-        "[" + outerJson + R"(,{"inners":[{"name":"a"}]}])", R"(missing key "flag" at [1])");
+        std::string("[") + outerJson + R"(,{"inners":[{"name":"a"}]}])",
+        R"(missing key "flag" at [1])");
 }
 
 TEST(JsonTest, ShortensWhatItFoundAtACharacter) {
@@ -294,7 +297,7 @@ TEST(JsonTest, SaysWhereATextIsNoJson) {
 }
 
 TEST(JsonTest, PassesOverAByteOrderMark) {
-    EXPECT_EQ(decodeJson<Outer>("\xEF\xBB\xBF" + outerJson), outer);
+    EXPECT_EQ(decodeJson<Outer>(std::string("\xEF\xBB\xBF") + outerJson), outer());
     expectError<Anything>("\xEF\xBB\xBF\n{", "expected a key, found the end at line 2, column 2");
     expectError<Anything>(
         "\xEF\xBB\xBF\xEF\xBB\xBF{}", "expected a value, found byte 0xEF at line 1, column 1");
@@ -329,18 +332,10 @@ TEST(JsonTest, RefusesEveryBeginningOfAText) {
 
 TEST(JsonTest, NeverReadsBeyondTheEnd) {
     // A copy of each beginning in memory of exactly its size: the address sanitizer sees it.
-    for (std::size_t length = 0; length <= outerJson.size(); ++length) {
-        const std::vector<char> exact(
-            outerJson.begin(), outerJson.begin() + std::ptrdiff_t(length));
-        const std::string_view text(exact.data(), exact.size());
-        EXPECT_EQ(length == outerJson.size(), [&] {
-            try {
-                decodeJson<Outer>(text);
-                return true;
-            } catch (const JsonError&) {
-                return false;
-            }
-        }());
+    const std::string_view whole = outerJson;
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        const std::vector<char> exact(whole.begin(), whole.begin() + std::ptrdiff_t(length));
+        EXPECT_THROW(decodeJson<Outer>({exact.data(), exact.size()}), JsonError) << length;
     }
 }
 
@@ -351,9 +346,10 @@ TEST(JsonTest, Accepts512LevelsAndNotOneMore) {
         "more than 512 arrays and objects inside one another at line 1, column ";
     EXPECT_NO_THROW(decodeJson<Anything>(R"({"a":)" + nested(511, "[", "]") + "}"));
     expectError<Anything>(R"({"a":)" + nested(512, "[", "]") + "}", error + "517");
-    EXPECT_NO_THROW(decodeJson<Anything>(nested(511, R"({"a":)", "}").replace(511 * 5, 0, "{}")));
+    EXPECT_NO_THROW(
+        decodeJson<Anything>(nested(511, R"({"a":)", "}").insert(std::size_t{511} * 5, "{}")));
     expectError<Anything>(
-        nested(512, R"({"a":)", "}").replace(std::size_t{512} * 5, 0, "{}"), error + "2561");
+        nested(512, R"({"a":)", "}").insert(std::size_t{512} * 5, "{}"), error + "2561");
     EXPECT_NO_THROW(decodeJson<std::vector<Anything>>(
         R"([{"a":)" + nested(510, "[", "]") + R"(},{"a":)" + nested(510, "[", "]") + "}]"));
     expectError<std::vector<Anything>>(R"([{"a":)" + nested(511, "[", "]") + "}]", error + "517");
@@ -415,7 +411,8 @@ TEST(JsonTest, RefusesIllFormedUtf8) {
              "\xFE",
              "\xFF"}) {
         for (const std::string before : {"", "12345678", "é", "1234567"}) {
-            const std::string json = "\"" + before + bytes + "\"";
+            std::string json = "\"";
+            json.append(before).append(bytes).append("\"");
             EXPECT_THROW(decodeJson<std::string>(json), JsonError) << testing::PrintToString(json);
             EXPECT_FALSE(isJson(json)) << testing::PrintToString(json);
             EXPECT_THROW(decodeJson<Anything>("{" + json + ":1}"), JsonError);
@@ -577,8 +574,9 @@ TEST(JsonTest, ReadsAndWritesNumbersAlikeInEveryLocale) {
     std::ofstream("/tmp/comma.src") << "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \".\"\n"
                                        "grouping 3;3\nEND LC_NUMERIC\n";
     // It warns, and exits accordingly, because the other categories are missing.
-    std::ignore =
-        std::system("localedef -c -i /tmp/comma.src -f ANSI_X3.4-1968 /tmp/comma 2> /dev/null");
+    const char* const command =
+        "localedef -c -i /tmp/comma.src -f ANSI_X3.4-1968 /tmp/comma 2> /dev/null";
+    std::ignore = std::system(command);  // NOLINT(cert-env33-c): always the same, in a private root
     ASSERT_EQ(setenv("LOCPATH", "/tmp", 1), 0);
     ASSERT_NE(std::setlocale(LC_NUMERIC, "comma"), nullptr);
     ASSERT_EQ(std::strtod("1,5", nullptr), 1.5);
@@ -595,7 +593,7 @@ TEST(JsonTest, ReadsAndWritesNumbersAlikeInEveryLocale) {
 
 TEST(JsonTest, WritesKeysInOrderAndNothingBetweenTokensInTheCompactForm) {
     EXPECT_EQ(
-        encodeJson(outer, JsonForm::compact),
+        encodeJson(outer(), JsonForm::compact),
         R"({"color":"deepBlue","flag":true,"inners":[{"count":3,"name":"a"},{"name":"b"}],)"
         R"("number":1.5})");
     EXPECT_EQ(
@@ -612,7 +610,7 @@ TEST(JsonTest, WritesKeysInOrderAndNothingBetweenTokensInTheCompactForm) {
 
 TEST(JsonTest, WritesOneMemberOrElementALineInThePrettyForm) {
     EXPECT_EQ(
-        encodeJson(std::vector<Outer>{outer, {}}, JsonForm::pretty),
+        encodeJson(std::vector<Outer>{outer(), {}}, JsonForm::pretty),
         R"([
   {
     "color" : "deepBlue",
@@ -718,8 +716,8 @@ TEST(JsonTest, ReadsEveryDoubleBackThatItWrites) {
     std::mt19937_64 random(1);  // NOLINT(cert-msc51-cpp): every run tries the same
     for (int i = 0; i < 2'000; ++i) {
         const auto bits = random();
-        const double wild = std::bit_cast<double>(bits);
-        const double date = static_cast<double>(bits >> 11) / 1e7 - 4e8;
+        const auto wild = std::bit_cast<double>(bits);
+        const auto date = static_cast<double>(bits >> 11) / 1e7 - 4e8;
         for (const double value : {wild, date}) {
             if (std::isfinite(value) && (value == date || std::abs(value) > 1e-30)) {
                 EXPECT_EQ(decodeJson<double>(encodeJson(value, JsonForm::compact)), value);

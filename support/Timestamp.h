@@ -22,6 +22,7 @@ struct ReferenceDate {
     /// Earlier than every date that a user's action can have: 0001-01-01 00:00:00 UTC.
     static constexpr ReferenceDate distantPast() { return {-63114076800.0}; }
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): it takes the 0 of the defaulted <=> for a pointer
     auto operator<=>(const ReferenceDate&) const = default;
 };
 

@@ -2,13 +2,9 @@
 
 #include "support/Uuid.h"
 
-#include <cstddef>
-
 namespace tarnvale::support {
 
 namespace {
-
-constexpr std::size_t textLength = 36;
 
 constexpr bool isHyphenPlace(std::size_t place) {
     return place == 8 || place == 13 || place == 18 || place == 23;

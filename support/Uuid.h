@@ -6,6 +6,7 @@
 
 #include <array>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,6 +15,8 @@
 namespace tarnvale::support {
 
 struct Uuid {
+    static constexpr std::size_t textLength = 36;
+
     std::array<std::uint8_t, 16> bytes{};  ///< in the order in which the text shows them
 
     /// The 36 characters that the text form has, hexadecimal digits of either case. Anything else

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -14,8 +15,8 @@ namespace {
 
 using testing::Optional;
 
-const std::string upper = "0123ABCD-4567-89EF-FEDC-BA9876543210";
-const Uuid sample{
+constexpr std::string_view upper = "0123ABCD-4567-89EF-FEDC-BA9876543210";
+constexpr Uuid sample{
     {0x01,
      0x23,
      0xAB,
@@ -44,7 +45,7 @@ TEST(UuidTest, WritesUpperCase) {
     sample.appendTo(text);
 
     EXPECT_EQ(sample.text(), upper);
-    EXPECT_EQ(text, "id " + upper);
+    EXPECT_EQ(text, "id 0123ABCD-4567-89EF-FEDC-BA9876543210");
 }
 
 TEST(UuidTest, RefusesEveryOtherCharacterInEveryPlace) {
@@ -54,7 +55,7 @@ TEST(UuidTest, RefusesEveryOtherCharacterInEveryPlace) {
             const char c = static_cast<char>(byte);
             const bool isDigit =
                 (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-            std::string text = upper;
+            std::string text(upper);
             text[place] = c;
 
             EXPECT_EQ(Uuid::parse(text).has_value(), isHyphen ? c == '-' : isDigit)
@@ -64,17 +65,17 @@ TEST(UuidTest, RefusesEveryOtherCharacterInEveryPlace) {
 }
 
 TEST(UuidTest, RefusesEveryOtherLengthAndForm) {
-    for (const std::string& text :
-         {std::string(),
-          upper.substr(1),
-          upper + "0",
-          upper + " ",
-          " " + upper,
-          "{" + upper + "}",
-          "urn:uuid:" + upper,
-          std::string("0123ABCD456789EFFEDCBA9876543210"),
-          std::string("0123ABCD-4567-89EFF-EDC-BA9876543210"),
-          std::string(36, '-')}) {
+    for (const char* const text :
+         {"",
+          "123ABCD-4567-89EF-FEDC-BA9876543210",
+          "0123ABCD-4567-89EF-FEDC-BA98765432100",
+          "0123ABCD-4567-89EF-FEDC-BA9876543210 ",
+          " 0123ABCD-4567-89EF-FEDC-BA9876543210",
+          "{0123ABCD-4567-89EF-FEDC-BA9876543210}",
+          "urn:uuid:0123ABCD-4567-89EF-FEDC-BA9876543210",
+          "0123ABCD456789EFFEDCBA9876543210",
+          "0123ABCD-4567-89EFF-EDC-BA9876543210",
+          "------------------------------------"}) {
         EXPECT_EQ(Uuid::parse(text), std::nullopt) << text;
     }
 }
@@ -89,6 +90,7 @@ TEST(UuidTest, SortsAsItsTextDoes) {
         "00000000-0000-0000-0001-000000000000"};
 
     std::vector<Uuid> uuids;
+    uuids.reserve(texts.size());
     for (const std::string& text : texts) {
         uuids.push_back(Uuid::parse(text).value());
     }

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+//
+// Policy documents and store files. What is read from either is what comes back once it has been
+// written, and what is written is always of the form that the store's file has.
+
+#include <cstdint>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "firewall/policy/PolicyJson.h"
+#include "firewall/policy/PolicyStore.h"
+#include "support/Json.h"
+
+namespace tarnvale::NetworkFirewall {
+
+namespace {
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+std::optional<std::vector<FirewallNetworkPolicy>> policies(std::string_view text) {
+    try {
+        return decodePolicies(text);
+    } catch (const support::JsonError& error) {
+        require(*error.what() != '\0');
+        return std::nullopt;
+    }
+}
+
+void check(std::string_view text) {
+    const auto store = decodeStore(text);
+    if (store) {
+        const std::string written = encodeStore(*store);
+        require(decodeStore(written) == store);
+        require(encodeStore(*decodeStore(written)) == written);
+    }
+
+    // A list of networks is the store's older form.
+    if (const auto read = policies(text)) {
+        using support::JsonForm;
+        require(policies(support::encodeJson(*read, JsonForm::compact)) == read);
+        require(samePolicies(*read, *read));
+        require(store && store->owners.size() == (read->empty() ? 0U : 1U));
+        require(read->empty() || store->owners.find(legacyOwner)->second.policies == *read);
+    }
+}
+
+}  // namespace
+
+}  // namespace tarnvale::NetworkFirewall
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes are what a text is made of
+    tarnvale::NetworkFirewall::check({reinterpret_cast<const char*>(data), size});
+    return 0;
+}

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+//
+// What the policy costs in process: from the JSON that the application sends to the ruleset text,
+// and the policy store's two directions. simdjson, which only reads the same fields into the same
+// records, is the floor, measured in the same run; the ratios are printed at the end of each pair.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include <benchmark/benchmark.h>
+
+#include "bench/PolicyDocument.h"
+#include "bench/SimdjsonPolicies.h"
+#include "firewall/policy/AnchorText.h"
+#include "firewall/policy/PolicyJson.h"
+#include "firewall/policy/PolicyStore.h"
+#include "firewall/policy/Review.h"
+
+namespace {
+
+using namespace tarnvale::NetworkFirewall;
+
+std::string document(const benchmark::State& state) {
+    return tarnvale::bench::policyDocument(
+        static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)));
+}
+
+void countBytes(benchmark::State& state, const std::string& text) {
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+void simdjsonReads(benchmark::State& state) {
+    const std::string json = document(state);
+    if (tarnvale::bench::simdjsonPolicies(json) != decodePolicies(json)) {
+        state.SkipWithError("simdjson reads something else");
+    }
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(tarnvale::bench::simdjsonPolicies(json));
+    }
+    countBytes(state, json);
+}
+
+void decode(benchmark::State& state) {
+    const std::string json = document(state);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(decodePolicies(json));
+    }
+    countBytes(state, json);
+}
+
+void decodeReviewWrite(benchmark::State& state) {
+    const std::string json = document(state);
+    for (auto _ : state) {
+        const Review reviewed = review(decodePolicies(json), {});
+        benchmark::DoNotOptimize(anchorText(reviewed.enforceable));
+    }
+    countBytes(state, json);
+}
+
+PolicyStore store(const benchmark::State& state) {
+    PolicyStore store;
+    setPolicies(store, "501", decodePolicies(document(state)), {763636013.25}, true);
+    return store;
+}
+
+void encodeTheStore(benchmark::State& state) {
+    const PolicyStore records = store(state);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(encodeStore(records));
+    }
+    countBytes(state, encodeStore(records));
+}
+
+void decodeTheStore(benchmark::State& state) {
+    const std::string json = encodeStore(store(state));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(decodeStore(json));
+    }
+    countBytes(state, json);
+}
+
+BENCHMARK(simdjsonReads)->Args({1000, 50})->Args({16384, 100});
+BENCHMARK(decode)->Args({1000, 50})->Args({16384, 100});
+BENCHMARK(decodeReviewWrite)->Args({1000, 50})->Args({16384, 100});
+BENCHMARK(encodeTheStore)->Args({1000, 50});
+BENCHMARK(decodeTheStore)->Args({1000, 50});
+
+}  // namespace
+
+BENCHMARK_MAIN();

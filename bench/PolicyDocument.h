@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+//
+// Policy documents of any size, as the application would send them, for measuring.
+
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace tarnvale::bench {
+
+/// A compact document of this many networks with this many rules each, members in the order of the
+/// fields and slashes escaped, as Foundation's encoder writes it. Every network has a subnet of its
+/// own as far as 192.168.0.0/16 goes, every rule can be enforced, and each call gives the same.
+std::string policyDocument(std::size_t networks, std::size_t rules);
+
+}  // namespace tarnvale::bench

@@ -1,0 +1,417 @@
+// SPDX-License-Identifier: MIT
+
+#include "firewall/policy/AnchorText.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "firewall/policy/Addresses.h"
+#include "firewall/policy/Review.h"
+#include "support/Text.h"
+#include "support/Timestamp.h"
+#include "tests/support/RandomPolicies.h"
+#include "tests/support/RulesetGrammar.h"
+
+namespace tarnvale::NetworkFirewall {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using Action = FirewallRule::Action;
+using Direction = FirewallRule::Direction;
+using Proto = FirewallRule::Proto;
+using Policies = std::vector<FirewallNetworkPolicy>;
+
+constexpr std::string_view subnet = "192.168.64.0/24";
+
+FirewallRule rule(
+    Direction direction,
+    Action action,
+    Proto proto,
+    const std::string& remoteCIDR,
+    const std::string& ports) {
+    return {
+        .id = {},
+        .enabled = true,
+        .direction = direction,
+        .action = action,
+        .proto = proto,
+        .remoteCIDR = remoteCIDR,
+        .ports = ports};
+}
+
+/// An enabled network with everything allowed and no DNS proxy.
+FirewallNetworkPolicy network(
+    const std::string& name = "Lab", const std::string& subnetCIDR = "192.168.64.0/24") {
+    FirewallNetworkPolicy made;
+    made.name = name;
+    made.subnetCIDR = subnetCIDR;
+    made.policy.enabled = true;
+    return made;
+}
+
+/// The text behind its first line, which tells the time.
+std::string withoutTime(const std::string& text) {
+    return text.substr(text.find('\n') + 1);
+}
+
+constexpr std::string_view heading =
+    "# Loaded into pf anchor \"com.apple/900.tarnvale.firewall\" by TarnvaleAdminHelper. "
+    "Do not edit.\n"
+    "\n";
+
+TEST(AnchorTextTest, WritesTheWholeRuleset) {
+    FirewallNetworkPolicy lab = network();
+    lab.gatewayIPv4 = "192.168.64.1";
+    lab.dnsProxyEnabled = true;
+    lab.policy.defaultInbound = Action::deny;
+    lab.policy.rules = {
+        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "22"),
+        rule(Direction::outbound, Action::deny, Proto::any, "10.0.0.0/8", "")};
+
+    const std::string text = anchorText(std::vector{lab});
+
+    EXPECT_THAT(
+        text.substr(0, text.find('\n')),
+        MatchesRegex("# Tarnvale network firewall — generated "
+                     "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z\\."));
+    EXPECT_EQ(
+        withoutTime(text),
+        "# Loaded into pf anchor \"com.apple/900.tarnvale.firewall\" by TarnvaleAdminHelper. Do "
+        "not edit.\n"
+        "\n"
+        "# --- Lab (192.168.64.0/24) ---\n"
+        "pass in quick proto udp from 192.168.64.0/24 port 68 to any port 67 keep state\n"
+        "pass out quick proto udp from any port 67 to 192.168.64.0/24 port 68\n"
+        "pass in quick proto udp from 192.168.64.0/24 to 192.168.64.1/32 port 53 keep state\n"
+        "pass in quick proto tcp from 192.168.64.0/24 to 192.168.64.1/32 port 53 keep state\n"
+        "pass out quick proto tcp from any to 192.168.64.0/24 port 22 keep state\n"
+        "block drop in quick from 192.168.64.0/24 to 10.0.0.0/8\n"
+        "pass in quick from 192.168.64.0/24 to any keep state\n"
+        "block drop out quick from any to 192.168.64.0/24\n"
+        "\n");
+}
+
+TEST(AnchorTextTest, WritesNetworksInTheirOrder) {
+    FirewallNetworkPolicy open = network("Open", " 192.168.65.9/24 ");
+    FirewallNetworkPolicy shut = network("Shut", "192.168.64.16/28");
+    shut.policy.defaultOutbound = Action::deny;
+    shut.policy.defaultInbound = Action::deny;
+
+    EXPECT_EQ(
+        withoutTime(anchorText(std::vector{open, shut})),
+        std::string(heading) +
+            "# --- Open (192.168.65.0/24) ---\n"
+            "pass in quick proto udp from 192.168.65.0/24 port 68 to any port 67 keep state\n"
+            "pass out quick proto udp from any port 67 to 192.168.65.0/24 port 68\n"
+            "pass in quick from 192.168.65.0/24 to any keep state\n"
+            "pass out quick from any to 192.168.65.0/24 keep state\n"
+            "\n"
+            "# --- Shut (192.168.64.16/28) ---\n"
+            "pass in quick proto udp from 192.168.64.16/28 port 68 to any port 67 keep state\n"
+            "pass out quick proto udp from any port 67 to 192.168.64.16/28 port 68\n"
+            "block drop in quick from 192.168.64.16/28 to any\n"
+            "block drop out quick from any to 192.168.64.16/28\n"
+            "\n");
+}
+
+TEST(AnchorTextTest, WritesTheHeadingAloneForNoNetworks) {
+    EXPECT_EQ(withoutTime(anchorText({})), heading);
+}
+
+TEST(AnchorTextTest, PassesOverNetworksThatAreOffOrHaveNoSubnet) {
+    FirewallNetworkPolicy off = network();
+    off.policy.enabled = false;
+
+    EXPECT_EQ(
+        withoutTime(anchorText(std::vector{
+            off,
+            network("Office", "10.0.0.0/24"),
+            network("", ""),
+            network("Wide", "192.168.0.0/16")})),
+        heading);
+}
+
+TEST(AnchorTextTest, TellsTheTimeOfTheCall) {
+    const std::string before = support::iso8601(std::chrono::system_clock::now());
+    const std::string text = anchorText({});
+    const std::string after = support::iso8601(std::chrono::system_clock::now());
+
+    const std::string line = text.substr(0, text.find('\n'));
+    const std::string prefix = "# Tarnvale network firewall — generated ";
+    ASSERT_TRUE(line.starts_with(prefix) && line.ends_with("."));
+    const std::string time = line.substr(prefix.size(), line.size() - prefix.size() - 1);
+    EXPECT_LE(before, time);
+    EXPECT_LE(time, after);
+}
+
+TEST(AnchorTextTest, DiffersInTheFirstLineOnlyFromCallToCall) {
+    const Policies policies = test::RandomPolicies(3).networks(40);
+
+    EXPECT_EQ(withoutTime(anchorText(policies)), withoutTime(anchorText(policies)));
+}
+
+TEST(AnchorTextTest, PutsANetworksNameOnOneLine) {
+    const auto commentOf = [](const std::string& name) {
+        const std::string text =
+            withoutTime(anchorText(std::vector{network(name)})).substr(heading.size());
+        return text.substr(0, text.find("pass in quick"));
+    };
+    EXPECT_EQ(commentOf("Lab\nTest"), "# --- Lab Test (192.168.64.0/24) ---\n");
+    EXPECT_EQ(commentOf("Lab\r\nTest"), "# --- Lab  Test (192.168.64.0/24) ---\n");
+    EXPECT_EQ(
+        commentOf("\n1\v2\f3\r4\u00855\u20286\u2029"),
+        "# ---  1 2 3 4 5 6  (192.168.64.0/24) ---\n");
+    EXPECT_EQ(commentOf(""), "# ---  (192.168.64.0/24) ---\n");
+    EXPECT_EQ(commentOf("Büro \"A\" 😀 \\"), "# --- Büro \"A\" 😀 \\ (192.168.64.0/24) ---\n");
+    EXPECT_EQ(
+        commentOf("x\nblock drop in quick"), "# --- x block drop in quick (192.168.64.0/24) ---\n");
+}
+
+TEST(AnchorTextTest, PassesDnsOnlyToAGatewayThatRunsTheProxy) {
+    const auto text = [](bool dnsProxyEnabled, const std::optional<std::string>& gateway) {
+        FirewallNetworkPolicy lab = network();
+        lab.dnsProxyEnabled = dnsProxyEnabled;
+        lab.gatewayIPv4 = gateway;
+        return anchorText(std::vector{lab});
+    };
+    const auto dns = HasSubstr("port 53");
+    const auto dhcp = HasSubstr(
+        "pass in quick proto udp from 192.168.64.0/24 port 68 to any port 67 keep state\n"
+        "pass out quick proto udp from any port 67 to 192.168.64.0/24 port 68\n");
+
+    EXPECT_THAT(text(true, "192.168.64.1"), dns);
+    EXPECT_THAT(text(true, "10.0.0.1"), HasSubstr("to 10.0.0.1/32 port 53 keep state\n"));
+    EXPECT_THAT(text(false, "192.168.64.1"), Not(dns));
+    EXPECT_THAT(text(true, std::nullopt), Not(dns));
+    for (const char* const gateway : {"", "gateway", " 192.168.64.1", "192.168.64.1/24", "::1"}) {
+        EXPECT_THAT(text(true, gateway), Not(dns)) << gateway;
+        EXPECT_THAT(text(true, gateway), dhcp) << gateway;
+    }
+}
+
+TEST(AnchorTextTest, KeepsTheUsersOrderOfRules) {
+    FirewallNetworkPolicy lab = network();
+    lab.policy.rules = {
+        rule(Direction::outbound, Action::allow, Proto::icmp, "any", ""),
+        rule(Direction::inbound, Action::deny, Proto::any, "10.0.0.0/8", ""),
+        rule(Direction::outbound, Action::deny, Proto::icmp, "any", ""),
+        rule(Direction::inbound, Action::allow, Proto::any, "10.0.0.0/8", "")};
+
+    EXPECT_THAT(
+        anchorText(std::vector{lab}),
+        HasSubstr("port 68\n"
+                  "pass in quick proto icmp from 192.168.64.0/24 to any keep state\n"
+                  "block drop out quick from 10.0.0.0/8 to 192.168.64.0/24\n"
+                  "block drop in quick proto icmp from 192.168.64.0/24 to any\n"
+                  "pass out quick from 10.0.0.0/8 to 192.168.64.0/24 keep state\n"
+                  "pass in quick from 192.168.64.0/24 to any keep state\n"));
+}
+
+TEST(AnchorTextTest, LeavesOutDisabledAndFaultyRules) {
+    FirewallNetworkPolicy lab = network();
+    lab.policy.rules = {
+        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "22"),
+        rule(Direction::inbound, Action::allow, Proto::tcp, "10.0.0/8", "23"),
+        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "99999"),
+        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "24"),
+        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "25")};
+    lab.policy.rules[3].enabled = false;
+
+    EXPECT_THAT(
+        anchorText(std::vector{lab}),
+        HasSubstr("port 68\n"
+                  "pass out quick proto tcp from any to 192.168.64.0/24 port 22 keep state\n"
+                  "pass out quick proto tcp from any to 192.168.64.0/24 port 25 keep state\n"
+                  "pass in quick from 192.168.64.0/24 to any keep state\n"));
+}
+
+TEST(AnchorTextTest, WritesEachKindOfRule) {
+    struct Case {
+        FirewallRule rule;
+        std::vector<std::string> lines;
+    };
+    using enum FirewallRule::Direction;
+    using enum FirewallRule::Action;
+    const std::vector<Case> cases = {
+        {rule(inbound, allow, Proto::tcp, "any", "22"),
+         {"pass out quick proto tcp from any to 192.168.64.0/24 port 22 keep state"}},
+        {rule(inbound, deny, Proto::any, "10.0.0.0/8", ""),
+         {"block drop out quick from 10.0.0.0/8 to 192.168.64.0/24"}},
+        {rule(outbound, allow, Proto::any, "any", "8000-8080"),
+         {"pass in quick proto tcp from 192.168.64.0/24 to any port 8000:8080 keep state",
+          "pass in quick proto udp from 192.168.64.0/24 to any port 8000:8080 keep state"}},
+        {rule(outbound, deny, Proto::udp, "1.1.1.1", "53"),
+         {"block drop in quick proto udp from 192.168.64.0/24 to 1.1.1.1/32 port 53"}},
+        {rule(outbound, allow, Proto::icmp, "any", "80"),
+         {"pass in quick proto icmp from 192.168.64.0/24 to any keep state"}},
+        {rule(inbound, deny, Proto::any, "", "443"),
+         {"block drop out quick proto tcp from any to 192.168.64.0/24 port 443",
+          "block drop out quick proto udp from any to 192.168.64.0/24 port 443"}},
+        {rule(outbound, allow, Proto::any, "any", ""),
+         {"pass in quick from 192.168.64.0/24 to any keep state"}},
+        {rule(outbound, deny, Proto::any, "any", " \t"),
+         {"block drop in quick from 192.168.64.0/24 to any"}},
+        {rule(inbound, allow, Proto::tcp, "10.0.0.7/8", ""),
+         {"pass out quick proto tcp from 10.0.0.7/8 to 192.168.64.0/24 keep state"}},
+        {rule(inbound, allow, Proto::udp, "10.0.0.7", "1-65535"),
+         {"pass out quick proto udp from 10.0.0.7/32 to 192.168.64.0/24 port 1:65535 keep state"}},
+        {rule(inbound, deny, Proto::icmp, "10.0.0.7", "abc"),
+         {"block drop out quick proto icmp from 10.0.0.7/32 to 192.168.64.0/24"}},
+        {rule(inbound, allow, Proto::tcp, "10.0.0/8", "22"), {}},
+        {rule(inbound, allow, Proto::any, "any", "99999"), {}},
+        {rule(inbound, allow, Proto::icmp, "nowhere", ""), {}},
+    };
+    for (const Case& each : cases) {
+        EXPECT_EQ(ruleLines(each.rule, subnet), each.lines);
+    }
+}
+
+TEST(AnchorTextTest, WritesARulesLinesWhetherOrNotItIsEnabled) {
+    FirewallRule off = rule(Direction::inbound, Action::deny, Proto::any, "any", "");
+    off.enabled = false;
+
+    EXPECT_THAT(
+        ruleLines(off, subnet), ElementsAre("block drop out quick from any to 192.168.64.0/24"));
+}
+
+/// The lines of a rule, put together from words where the code appends to a text.
+std::vector<std::string> slowRuleLines(const FirewallRule& rule) {
+    const auto remote = normalizedRemote(rule.remoteCIDR);
+    const bool hasPorts = rule.proto != Proto::icmp && !support::trimWhitespace(rule.ports).empty();
+    const auto ports = hasPorts ? normalizedPorts(rule.ports) : std::optional<std::string>("");
+    if (!remote || !ports) {
+        return {};
+    }
+    std::vector<std::string> protocols = {rawValue(rule.proto)};
+    if (rule.proto == Proto::any) {
+        protocols =
+            hasPorts ? std::vector<std::string>{"tcp", "udp"} : std::vector<std::string>{""};
+    }
+    std::vector<std::string> lines;
+    for (const std::string& protocol : protocols) {
+        std::vector<std::string> words = {
+            rule.action == Action::allow ? "pass" : "block drop",
+            rule.direction == Direction::inbound ? "out" : "in",
+            "quick"};
+        if (!protocol.empty()) {
+            words.insert(words.end(), {"proto", protocol});
+        }
+        std::vector<std::string> ends = {*remote, std::string(subnet)};
+        if (rule.direction == Direction::outbound) {
+            std::swap(ends[0], ends[1]);
+        }
+        words.insert(words.end(), {"from", ends[0], "to", ends[1]});
+        if (hasPorts) {
+            words.insert(words.end(), {"port", *ports});
+        }
+        if (rule.action == Action::allow) {
+            words.insert(words.end(), {"keep", "state"});
+        }
+        std::string line;
+        for (const std::string& word : words) {
+            line += (line.empty() ? "" : " ") + word;
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+TEST(AnchorTextPropertyTest, WritesRulesAsTheSlowWayDoes) {
+    test::RandomPolicies random(4);
+    for (int round = 0; round < 5'000; ++round) {
+        const FirewallRule each = random.rule();
+
+        ASSERT_EQ(ruleLines(each, subnet), slowRuleLines(each))
+            << each.remoteCIDR << " | " << each.ports;
+    }
+}
+
+TEST(AnchorTextPropertyTest, WritesNothingButCommentsAndRulesWhateverTheNamesHold) {
+    test::RandomPolicies random(5);
+    std::size_t rules = 0;
+    for (int round = 0; round < 150; ++round) {
+        const Policies policies = random.networks(12);
+
+        const std::string text = anchorText(policies);
+
+        ASSERT_TRUE(text.ends_with("\n\n"));
+        std::size_t comments = 0;
+        for (const std::string_view line : support::split(text, '\n')) {
+            ASSERT_TRUE(test::isRulesetLine(std::string(line))) << line;
+            comments += line.starts_with('#') ? 1 : 0;
+            rules += test::isPfRule(std::string(line)) ? 1 : 0;
+        }
+        const auto written = std::ranges::count_if(policies, [](const auto& each) {
+            return each.policy.enabled && canonicalSubnet(each.subnetCIDR);
+        });
+        ASSERT_EQ(comments, 2 + static_cast<std::size_t>(written));
+    }
+    EXPECT_GT(rules, 1'000U);
+}
+
+TEST(AnchorTextPropertyTest, WritesEveryLineOfEveryRule) {
+    test::RandomPolicies random(6);
+    for (int round = 0; round < 60; ++round) {
+        const Policies policies = random.networks(12);
+        std::string expected(heading);
+        for (const FirewallNetworkPolicy& each : policies) {
+            const auto canonical = canonicalSubnet(each.subnetCIDR);
+            if (!each.policy.enabled || !canonical) {
+                continue;
+            }
+            FirewallNetworkPolicy bare = each;
+            bare.policy.rules.clear();
+            const std::string frame =
+                withoutTime(anchorText(std::vector{bare})).substr(heading.size());
+            // The two defaults and the empty line stand behind the rules.
+            std::size_t place = frame.size() - 1;
+            for (int line = 0; line < 2; ++line) {
+                place = frame.rfind('\n', place - 2) + 1;
+            }
+            expected += frame.substr(0, place);
+            for (const FirewallRule& entry : each.policy.rules) {
+                for (const std::string& line : ruleLines(entry, *canonical)) {
+                    expected += entry.enabled ? line + "\n" : "";
+                }
+            }
+            expected += frame.substr(place);
+        }
+
+        ASSERT_EQ(withoutTime(anchorText(policies)), expected);
+    }
+}
+
+TEST(AnchorTextPropertyTest, WritesWhatAReviewLetsThrough) {
+    test::RandomPolicies random(8);
+    for (int round = 0; round < 60; ++round) {
+        Policies policies = random.networks(12);
+        std::erase_if(policies, [](const auto& each) {
+            return each.policy.enabled && !canonicalSubnet(each.subnetCIDR);
+        });
+        for (FirewallNetworkPolicy& each : policies) {
+            each.dnsProxyEnabled = false;  // a review drops gateways that the text would take
+        }
+
+        ASSERT_EQ(
+            withoutTime(anchorText(review(policies, {}).enforceable)),
+            withoutTime(anchorText(policies)));
+    }
+}
+
+TEST(AnchorTextTest, WritesANameOfMegabytes) {
+    const std::string name(std::size_t{4} << 20, 'n');
+
+    const std::string text = anchorText(std::vector{network(name)});
+
+    EXPECT_THAT(text, HasSubstr("# --- " + name + " (192.168.64.0/24) ---\n"));
+}
+
+}  // namespace
+}  // namespace tarnvale::NetworkFirewall

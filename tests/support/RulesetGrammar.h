@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: MIT
+//
+// What a line of a generated ruleset may be, said independently of the code that writes it: so much
+// of pf's grammar as rules for virtual networks need, and nothing else.
+
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <regex>
+#include <string>
+#include <string_view>
+
+namespace tarnvale::test {
+
+/// Whether the word is a decimal number from `least` to `most` without needless zeros.
+inline bool isNumber(const std::string& word, unsigned least, unsigned most) {
+    static const std::regex digits("0|[1-9][0-9]{0,5}");
+    return std::regex_match(word, digits) && std::stoul(word) >= least && std::stoul(word) <= most;
+}
+
+inline bool isPfAddress(const std::string& word) {
+    static const std::regex form(R"((\d+)\.(\d+)\.(\d+)\.(\d+)/(\d+))");
+    std::smatch match;
+    if (!std::regex_match(word, match, form)) {
+        return word == "any";
+    }
+    return isNumber(match[1], 0, 255) && isNumber(match[2], 0, 255) && isNumber(match[3], 0, 255) &&
+           isNumber(match[4], 0, 255) && isNumber(match[5], 0, 32);
+}
+
+inline bool isPfPorts(const std::string& word) {
+    const std::size_t colon = word.find(':');
+    if (colon == std::string::npos) {
+        return isNumber(word, 1, 65535);
+    }
+    const std::string first = word.substr(0, colon);
+    const std::string last = word.substr(colon + 1);
+    return isNumber(first, 1, 65535) && isNumber(last, 1, 65535) &&
+           std::stoul(first) <= std::stoul(last);
+}
+
+/// Whether the line is one rule that pf loads.
+inline bool isPfRule(const std::string& line) {
+    static const std::regex form(
+        "(pass|block drop) (in|out) quick(?: proto (tcp|udp|icmp))?"
+        " from ([^ ]+)(?: port ([^ ]+))? to ([^ ]+)(?: port ([^ ]+))?( keep state)?");
+    std::smatch match;
+    if (line.size() > 200 || !std::regex_match(line, match, form)) {
+        return false;
+    }
+    const bool hasPorts = match[5].matched || match[7].matched;
+    return isPfAddress(match[4]) && isPfAddress(match[6]) &&
+           (!match[5].matched || isPfPorts(match[5])) &&
+           (!match[7].matched || isPfPorts(match[7])) &&
+           (!hasPorts || match[3] == "tcp" || match[3] == "udp") &&
+           (!match[8].matched || match[1] == "pass");
+}
+
+/// Whether the text is one line for whoever reads it, however they break lines, and pf's reader
+/// doesn't join the next one to it.
+inline bool isOneLine(std::string_view text) {
+    static constexpr std::array<std::string_view, 7> breaks = {
+        "\n", "\v", "\f", "\r", "\xC2\x85", "\xE2\x80\xA8", "\xE2\x80\xA9"};
+    return !text.ends_with('\\') && std::all_of(breaks.begin(), breaks.end(), [&](auto each) {
+        return text.find(each) == std::string_view::npos;
+    });
+}
+
+/// Whether the line may be in a generated ruleset.
+inline bool isRulesetLine(const std::string& line) {
+    return line.empty() || (line.starts_with("# ") ? isOneLine(line) : isPfRule(line));
+}
+
+}  // namespace tarnvale::test

@@ -5,8 +5,8 @@
 namespace tarnvale::platform {
 
 std::optional<std::string> bundleShortVersion() {
-    constexpr std::string_view version = TARNVALE_VERSION;
-    return version.empty() ? std::nullopt : std::optional<std::string>(version);
+    const std::string version(TARNVALE_VERSION);  // NOLINT(readability-redundant-string-init)
+    return version.empty() ? std::nullopt : std::optional(version);
 }
 
 }  // namespace tarnvale::platform

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+//
+// TarnvaleAdminHelper: one executable, four modes, chosen by its first argument. Without one, or
+// with one that it doesn't know, it is the service.
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "core/HelperVersion.h"
+#include "firewall/enforce/Operations.h"
+#include "firewall/enforce/StatusReport.h"
+#include "platform/ExecutablePath.h"
+
+namespace {
+
+/// Descriptors 0 to 2 must be open, or the next file of ours would be taken for one of them.
+void openStandardDescriptors() {
+    int fd = 0;
+    do {
+        fd = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open): children share 0 to 2
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) {
+        ::close(fd);
+    }
+}
+
+/// Output that nobody takes is lost; there is nobody else to tell.
+void writeAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const auto written = ::write(fd, text.data(), text.size());
+        if (written < 0 && errno != EINTR) {
+            return;
+        }
+        if (written > 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        }
+    }
+}
+
+void printLine(std::string line) {
+    line += '\n';
+    writeAll(STDOUT_FILENO, line);
+}
+
+int fail(std::string_view message) {
+    writeAll(STDERR_FILENO, message);
+    return EXIT_FAILURE;
+}
+
+int run(std::string_view argument) {
+    using namespace tarnvale;  // NOLINT(google-build-using-namespace): this is its program
+    if (argument == "--version") {
+        printLine(helperVersionString());
+        return EXIT_SUCCESS;
+    }
+    if (::getuid() != 0) {
+        return fail("TarnvaleAdminHelper must run as root (launchd LaunchDaemon).\n");
+    }
+    if (argument == "--reapply") {
+        HelperFirewall::reapplyAtBoot();
+        return EXIT_SUCCESS;
+    }
+    if (argument == "--status") {
+        printLine(HelperFirewall::statusReport());
+        return EXIT_SUCCESS;
+    }
+    return fail(
+        "TarnvaleAdminHelper can't serve requests on this system yet; use --reapply, --status or "
+        "--version.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    openStandardDescriptors();
+    ::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): it can't fail for this signal
+    tarnvale::platform::rememberFirstArgument(argc > 0 ? argv[0] : "");
+    try {
+        return run(argc > 1 ? argv[1] : "");
+    } catch (const std::exception& error) {
+        return fail(std::string("TarnvaleAdminHelper: ") + error.what() + "\n");
+    }
+}

@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: MIT
+
+#include "firewall/enforce/Command.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <utility>
+
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/ChildProcess.h"
+#include "support/Files.h"
+#include "support/Text.h"
+#include "support/UniqueFd.h"
+
+extern char** environ;  // NOLINT(readability-redundant-declaration): macOS declares it nowhere
+
+namespace tarnvale::HelperFirewall {
+namespace {
+
+using support::FileError;
+using support::UniqueFd;
+
+/// What the child starts with, put together for posix_spawn.
+class SpawnSetup {
+public:
+    SpawnSetup() {
+        ::posix_spawn_file_actions_init(&actions_);
+        ::posix_spawnattr_init(&attributes_);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
+    ~SpawnSetup() {
+        ::posix_spawn_file_actions_destroy(&actions_);
+        ::posix_spawnattr_destroy(&attributes_);
+    }
+
+    /// Threads of ours may block signals and ignore some; the child shall do neither.
+    int resetSignals() {
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        const int flags =
+            POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | platform::closingSpawnFlags();
+        int error = ::posix_spawnattr_setsigmask(&attributes_, &none);
+        error = error != 0 ? error : ::posix_spawnattr_setsigdefault(&attributes_, &all);
+        return error != 0 ? error
+                          : ::posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
+    }
+
+    int passDescriptor(int fd, int as) {
+        return ::posix_spawn_file_actions_adddup2(&actions_, fd, as);
+    }
+
+    const posix_spawn_file_actions_t* actions() const { return &actions_; }
+    const posix_spawnattr_t* attributes() const { return &attributes_; }
+
+private:
+    posix_spawn_file_actions_t actions_{};
+    posix_spawnattr_t attributes_{};
+};
+
+/// Starts the child; 0 or the error number.
+int start(
+    const std::string& executablePath,
+    const std::vector<std::string>& arguments,
+    int output,
+    int errors,
+    pid_t& child) {
+    std::vector<char*> words;
+    words.reserve(arguments.size() + 2);
+    // posix_spawn takes the words without const and leaves them as they are.
+    words.push_back(const_cast<char*>(executablePath.c_str()));
+    for (const auto& argument : arguments) {
+        words.push_back(const_cast<char*>(argument.c_str()));
+    }
+    words.push_back(nullptr);
+
+    SpawnSetup setup;
+    int error = setup.resetSignals();
+    error = error != 0 ? error : setup.passDescriptor(STDIN_FILENO, STDIN_FILENO);
+    error = error != 0 ? error : setup.passDescriptor(output, STDOUT_FILENO);
+    error = error != 0 ? error : setup.passDescriptor(errors, STDERR_FILENO);
+    if (error != 0) {
+        return error;
+    }
+    return ::posix_spawn(
+        &child, executablePath.c_str(), setup.actions(), setup.attributes(), words.data(), environ);
+}
+
+/// Appends what can be read now; false at the end.
+bool readSome(int fd, std::string& out) {
+    std::array<char, 16384> buffer{};
+    const auto got = ::read(fd, buffer.data(), buffer.size());
+    if (got < 0) {
+        return errno == EINTR || errno == EAGAIN;
+    }
+    out.append(buffer.data(), static_cast<std::size_t>(got));
+    return got > 0;
+}
+
+/// Reads both pipes to their ends, whichever has something first, so that a child that fills one
+/// of them is never stuck.
+void drain(UniqueFd output, std::string& outputText, UniqueFd errors, std::string& errorText) {
+    while (output || errors) {
+        // poll passes over a descriptor of -1.
+        std::array<pollfd, 2> waited{
+            {{.fd = output.get(), .events = POLLIN, .revents = 0},
+             {.fd = errors.get(), .events = POLLIN, .revents = 0}}};
+        if (::poll(waited.data(), waited.size(), -1) < 0) {
+            continue;  // interrupted
+        }
+        if (waited[0].revents != 0 && !readSome(output.get(), outputText)) {
+            output.reset();
+        }
+        if (waited[1].revents != 0 && !readSome(errors.get(), errorText)) {
+            errors.reset();
+        }
+    }
+}
+
+int waitFor(pid_t child) {
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+CommandResult notStarted(const std::string& executablePath, int errorNumber) {
+    return {
+        .status = -1,
+        .standardOutput = {},
+        .standardError =
+            FileError(FileError::Operation::launch, executablePath, errorNumber).what()};
+}
+
+}  // namespace
+
+CommandResult runCommand(
+    const std::string& executablePath, const std::vector<std::string>& arguments) {
+    auto output = platform::makePipe();
+    auto errors = output ? platform::makePipe() : std::nullopt;
+    if (!errors) {
+        return notStarted(executablePath, errno);
+    }
+    pid_t child = 0;
+    if (const int error =
+            start(executablePath, arguments, output->writer.get(), errors->writer.get(), child)) {
+        return notStarted(executablePath, error);
+    }
+
+    output->writer.reset();
+    errors->writer.reset();
+    CommandResult result;
+    drain(
+        std::move(output->reader),
+        result.standardOutput,
+        std::move(errors->reader),
+        result.standardError);
+    result.status = waitFor(child);
+    for (auto* text : {&result.standardOutput, &result.standardError}) {
+        if (!support::isValidUtf8(*text)) {
+            *text = support::repairedUtf8(*text);
+        }
+    }
+    return result;
+}
+
+}  // namespace tarnvale::HelperFirewall

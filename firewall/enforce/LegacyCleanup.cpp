@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+
+#include "firewall/enforce/LegacyCleanup.h"
+
+#include <string>
+#include <string_view>
+
+#include <sys/stat.h>
+
+#include "core/AppSupport.h"
+#include "core/HelperLog.h"
+#include "firewall/enforce/Pfctl.h"
+#include "support/Files.h"
+#include "support/Text.h"
+
+namespace tarnvale::HelperFirewall {
+namespace {
+
+constexpr const char* pfConfPath = "/etc/pf.conf";
+constexpr const char* legacyRulesPath = "/etc/pf.anchors/com.tarnvale.firewall";
+constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+
+/// Runs a step whose failure changes nothing for the caller.
+template <class Step>
+void ignoreFailure(const Step& step) {
+    try {
+        step();
+    } catch (const support::FileError&) {
+        // The next load tries again.
+    }
+}
+
+/// The file's text; empty when it can't be read as text.
+std::string readPfConf() {
+    auto text = support::readFile(pfConfPath).value_or(std::string());
+    return support::isValidUtf8(text) ? text : std::string();
+}
+
+bool isNamedIn(std::string_view text) {
+    return text.find(legacyAnchorName) != std::string_view::npos;
+}
+
+/// The text without the lines that name the old anchor.
+std::string withoutLegacyLines(std::string_view text) {
+    std::string kept;
+    kept.reserve(text.size());
+    bool isFirst = true;
+    for (const auto line : support::split(text, '\n')) {
+        if (isNamedIn(line)) {
+            continue;
+        }
+        if (!isFirst) {
+            kept += '\n';
+        }
+        kept += line;
+        isFirst = false;
+    }
+    return kept;
+}
+
+/// Keeps the file as it was before the first clean-up, readable for nobody whom it wasn't for.
+void backUp(const std::string& text) {
+    const std::string path = std::string(appSupportDirectory) + "/pf.conf.before-tarnvale-cleanup";
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0) {
+        return;
+    }
+    const mode_t mode = ::stat(pfConfPath, &info) == 0 ? info.st_mode & 0777U : 0600;
+    ignoreFailure([&] {
+        support::makeFolders(appSupportDirectory);
+        support::writeFileAtomically(path, text, mode);
+    });
+}
+
+}  // namespace
+
+void removeLegacyAnchor() {
+    const auto text = readPfConf();
+    if (isNamedIn(text)) {
+        backUp(text);
+        std::string_view content = text;
+        if (content.starts_with(byteOrderMark)) {
+            content.remove_prefix(byteOrderMark.size());
+        }
+        ignoreFailure([&] {
+            support::replaceFileKeepingAttributes(pfConfPath, withoutLegacyLines(content));
+        });
+        helperLog("Removed legacy anchor references from /etc/pf.conf.");
+    }
+    ignoreFailure([] { support::removeFile(legacyRulesPath); });
+    flushLegacyAnchor();
+}
+
+}  // namespace tarnvale::HelperFirewall

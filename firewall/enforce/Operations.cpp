@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: MIT
+
+#include "firewall/enforce/Operations.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <exception>
+#include <span>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include "core/AppSupport.h"
+#include "core/HelperLog.h"
+#include "firewall/enforce/HelperError.h"
+#include "firewall/enforce/LegacyCleanup.h"
+#include "firewall/enforce/Pfctl.h"
+#include "firewall/enforce/StoreFile.h"
+#include "firewall/policy/AnchorText.h"
+#include "firewall/policy/HostAddresses.h"
+#include "firewall/policy/PolicyJson.h"
+#include "firewall/policy/PolicyStore.h"
+#include "firewall/policy/Review.h"
+#include "support/Files.h"
+#include "support/Json.h"
+#include "support/Mutex.h"
+#include "support/Timestamp.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::HelperFirewall {
+namespace {
+
+using NetworkFirewall::FirewallNetworkPolicy;
+using NetworkFirewall::HostAddress;
+using NetworkFirewall::Note;
+using NetworkFirewall::PolicyStore;
+using NetworkFirewall::Review;
+using support::FileError;
+using support::MutexLock;
+using support::UniqueFd;
+
+/// Held for the whole of each operation. Never destroyed: a request may be at work while the
+/// process ends.
+support::Mutex& firewallLock() {
+    static auto& lock = *new support::Mutex;
+    return lock;
+}
+
+/// Keeps other processes' operations out until it is closed: `--reapply` may run beside the
+/// service. The lock is on the support folder itself; where there is none, nothing is stored that
+/// two could work on.
+UniqueFd lockSupportFolder() {
+    UniqueFd folder(::open(appSupportDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    while (folder && ::flock(folder.get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+    return folder;
+}
+
+std::string rulesetPath() {
+    return std::string(appSupportDirectory) + "/firewall.pf.conf";
+}
+
+/// "3 networks", "1 rule".
+std::string counted(std::size_t count, const char* noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string joinedNames(std::span<const FirewallNetworkPolicy> networks) {
+    std::string names;
+    for (const auto& network : networks) {
+        if (!names.empty() || &network != networks.data()) {
+            names += ", ";
+        }
+        names += network.name;
+    }
+    return names;
+}
+
+/// One line for each refused network: its name and why.
+std::vector<std::string> linesOf(std::span<const Note> notes) {
+    std::vector<std::string> lines;
+    lines.reserve(notes.size());
+    for (const auto& note : notes) {
+        lines.push_back(note.label() + ": " + note.problem);
+    }
+    return lines;
+}
+
+void appendSkippedRules(std::string& summary, std::size_t count) {
+    if (count > 0) {
+        summary += " · " + counted(count, "rule") + " skipped";
+    }
+}
+
+/// What is in force for everybody.
+std::string summaryForAllUsers(const Review& all) {
+    const auto count = all.enforceable.size();
+    std::string summary = count == 0 ? "No networks have an enabled firewall — the anchor is empty."
+                                     : "Enforcing " + counted(count, "network") +
+                                           " for all users: " + joinedNames(all.enforceable);
+    appendSkippedRules(summary, all.skippedRules.size());
+    return summary;
+}
+
+/// What the user's own list comes to, and how much of others' there is.
+std::string summaryForCaller(const Review& own, std::size_t otherUsersNetworks) {
+    const auto count = own.enforceable.size();
+    std::string summary =
+        count == 0 ? "None of your networks has an enabled firewall."
+                   : "Enforcing " + counted(count, "network") + ": " + joinedNames(own.enforceable);
+    appendSkippedRules(summary, own.skippedRules.size());
+    if (otherUsersNetworks > 0) {
+        summary += " · " + std::to_string(otherUsersNetworks) + " more for other users of this Mac";
+    }
+    return summary;
+}
+
+/// Merges all users' lists, says in the log which networks that leaves out, and reviews the rest.
+Review reviewAll(PolicyStore store, std::span<const HostAddress> hosts) {
+    auto merged = NetworkFirewall::mergedPolicies(std::move(store));
+    for (const auto& claim : merged.dropped) {
+        helperLog(NetworkFirewall::claimMessage(claim.owner, claim.policy));
+    }
+    return NetworkFirewall::review(std::move(merged.policies), hosts);
+}
+
+/// Kills the connections' states of those subnets that are enforced: what an older list passed
+/// would go on passing.
+void resetStates(
+    std::span<const FirewallNetworkPolicy> enforceable, std::span<const std::string> subnets) {
+    if (subnets.empty()) {
+        return;
+    }
+    std::unordered_set<std::string_view> enforced;
+    for (const auto& network : enforceable) {
+        enforced.insert(network.subnetCIDR);
+    }
+    for (const auto& subnet : subnets) {
+        if (enforced.contains(subnet)) {
+            killStates(subnet);
+        }
+    }
+}
+
+/// Writes and loads the ruleset for these networks; returns the summary for all users. Throws
+/// `HelperError` or `FileError`; the anchor then holds what it held.
+std::string loadAnchor(const Review& all, std::span<const std::string> resetSubnets) {
+    support::makeFolders(appSupportDirectory);
+    const auto path = rulesetPath();
+    support::writeFileAtomically(path, NetworkFirewall::anchorText(all.enforceable), 0644);
+    removeLegacyAnchor();
+    loadRulesetFile(path);
+    enablePf();
+    resetStates(all.enforceable, resetSubnets);
+
+    auto summary = summaryForAllUsers(all);
+    helperLog("Applied firewall. " + summary);
+    return summary;
+}
+
+std::vector<FirewallNetworkPolicy> decode(std::string_view policyData) {
+    try {
+        return NetworkFirewall::decodePolicies(policyData);
+    } catch (const support::JsonError& error) {
+        throw HelperError::decodeFailed(error.what());
+    }
+}
+
+/// A file that is not there any more is as good as deleted.
+void removeIfThere(const std::string& path) {
+    try {
+        support::removeFile(path);
+    } catch (const FileError&) {
+        // Nothing enforces what it says any more.
+    }
+}
+
+void reapply() {
+    const auto folderLock = lockSupportFolder();
+    auto data = support::readFile(storePath());
+    if (!data) {
+        return;
+    }
+    auto store = NetworkFirewall::decodeStore(*data);
+    data.reset();  // as large as all that follows
+    if (!store) {
+        helperLog("Persisted firewall policy could not be decoded; leaving pf alone.");
+        return;
+    }
+
+    const auto all = reviewAll(*std::move(store), NetworkFirewall::hostAddresses());
+    const auto summary = loadAnchor(all, {});
+    helperLog("Boot re-apply: " + summary);
+    if (!all.refused.empty()) {
+        std::string leftOut;
+        for (const auto& line : linesOf(all.refused)) {
+            leftOut += (leftOut.empty() ? "" : " | ") + line;
+        }
+        helperLog("Boot re-apply left out: " + leftOut);
+    }
+}
+
+}  // namespace
+
+std::string applyFirewall(
+    std::string_view policyData, std::uint32_t uid, bool callerIsConsoleUser) {
+    const MutexLock lock(firewallLock());
+    auto decoded = decode(policyData);
+
+    try {
+        support::makeFolders(appSupportDirectory);
+    } catch (const FileError&) {
+        // Told when the ruleset is to be written; until then there is nothing to lock.
+    }
+    const auto folderLock = lockSupportFolder();
+    const auto hosts = NetworkFirewall::hostAddresses();
+    const auto own = NetworkFirewall::review(std::move(decoded), hosts);
+    auto store = loadStore();
+    const auto previous = NetworkFirewall::setPolicies(
+        store,
+        std::to_string(uid),
+        own.enforceable,
+        support::ReferenceDate::now(),
+        callerIsConsoleUser);
+
+    std::vector<std::string> resetSubnets;
+    if (!NetworkFirewall::samePolicies(previous, own.enforceable)) {
+        for (const auto& network : own.enforceable) {
+            resetSubnets.push_back(network.subnetCIDR);
+        }
+    }
+    loadAnchor(reviewAll(store, hosts), resetSubnets);
+    saveStore(store);
+
+    auto summary = summaryForCaller(own, NetworkFirewall::otherUsersNetworkCount(store, uid));
+    if (!own.refused.empty()) {
+        throw HelperError::networksRefused(summary, linesOf(own.refused));
+    }
+    return summary;
+}
+
+void removeFirewall(std::uint32_t uid, bool callerIsConsoleUser) {
+    const MutexLock lock(firewallLock());
+    const auto folderLock = lockSupportFolder();
+    const auto user = std::to_string(uid);
+    auto store = loadStore();
+    NetworkFirewall::setPolicies(
+        store, user, {}, support::ReferenceDate::now(), callerIsConsoleUser);
+
+    if (!store.owners.empty()) {
+        loadAnchor(reviewAll(store, NetworkFirewall::hostAddresses()), {});
+        saveStore(store);
+        helperLog("Removed uid " + user + "'s firewall policies; other users' stay in force.");
+        return;
+    }
+    removeLegacyAnchor();
+    flushAnchor();
+    removeIfThere(storePath());
+    removeIfThere(rulesetPath());
+    helperLog("Removed firewall enforcement.");
+}
+
+void reapplyAtBoot() noexcept {
+    try {
+        const MutexLock lock(firewallLock());
+        try {
+            reapply();
+        } catch (const std::exception& error) {
+            helperLog(std::string("Boot re-apply failed: ") + error.what());
+        }
+    } catch (...) {
+        // Not even the log has room for it.
+    }
+}
+
+}  // namespace tarnvale::HelperFirewall

@@ -6,13 +6,17 @@
 #include <array>
 #include <cerrno>
 #include <optional>
+#include <string>
 
+#include <fcntl.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "platform/linux/pfctl/MarkBits.h"
+#include "support/UniqueFd.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -72,7 +76,59 @@ std::vector<std::uint8_t> identityOf(const Message& message) {
     return identity;
 }
 
+/// The kernel's own list of connections as text, read without the locks that netlink takes for
+/// every slot of its table: where there is little to list that is a hundred times faster. Nothing
+/// where the kernel offers none.
+std::optional<std::string> connectionList() {
+    const support::UniqueFd file(::open("/proc/net/nf_conntrack", O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        return std::nullopt;
+    }
+    std::string list;
+    std::array<char, std::size_t{1} << 16U> piece{};
+    while (true) {
+        const ssize_t size = ::read(file.get(), piece.data(), piece.size());
+        if (size == 0) {
+            return list;
+        }
+        if (size > 0) {
+            list.append(piece.data(), static_cast<std::size_t>(size));
+        } else if (errno != EINTR) {
+            return std::nullopt;
+        }
+    }
+}
+
+/// Takes the text up to the next " src=", and the address behind it, off the front of the text.
+std::optional<std::uint32_t> takeSource(std::string_view& text) {
+    constexpr std::string_view label = " src=";
+    const std::size_t at = text.find(label);
+    if (at == std::string_view::npos) {
+        return std::nullopt;
+    }
+    text.remove_prefix(at + label.size());
+    return parseAddress(text.substr(0, text.find(' ')));
+}
+
 }  // namespace
+
+bool Conntrack::mayName(std::string_view list, std::span<const Network> hosts) {
+    while (!list.empty()) {
+        const std::size_t end = std::min(list.find('\n'), list.size());
+        std::string_view line = list.substr(0, end);
+        list.remove_prefix(std::min(end + 1, list.size()));
+        if (line.starts_with("ipv6 ")) {
+            continue;
+        }
+        const auto initiator = takeSource(line);
+        const auto responder = takeSource(line);
+        const bool concerned = !initiator || !responder || hosts[0].contains(*initiator);
+        if (concerned && (hosts.size() < 2 || !responder || hosts[1].contains(*responder))) {
+            return true;
+        }
+    }
+    return false;
+}
 
 bool Connection::hasState() const {
     return (mark & (initiatorPassesIn | initiatorPassesOut)) != 0;
@@ -90,6 +146,10 @@ void Conntrack::forEach(const std::function<void(const Connection&)>& take) {
 }
 
 std::size_t Conntrack::kill(std::span<const Network> hosts) {
+    const auto list = connectionList();
+    if (list && !mayName(*list, hosts)) {
+        return 0;
+    }
     std::vector<std::vector<std::uint8_t>> entries;
     std::size_t states = 0;
     MessageWriter request;

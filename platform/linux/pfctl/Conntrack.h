@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "platform/linux/pfctl/Dispatch.h"
@@ -37,6 +38,10 @@ public:
     /// Forgets the connections whose initiator is in the first network and, where a second is
     /// given, whose responder is in that one. Returns how many of them had a state.
     std::size_t kill(std::span<const Network> hosts);
+
+    /// Whether the text, in the form of /proc/net/nf_conntrack, may hold a connection that `kill`
+    /// forgets. What it does not understand it takes for one.
+    static bool mayName(std::string_view list, std::span<const Network> hosts);
 
 private:
     void forget(std::span<const std::vector<std::uint8_t>> entries);

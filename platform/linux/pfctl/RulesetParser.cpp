@@ -75,13 +75,19 @@ struct LineMistake {
     std::string text;
 };
 
-/// A word of the ruleset inside a message, if it is one that can be shown.
+/// Whether the word is made of what names, numbers and addresses are made of.
+bool isPlain(std::string_view word) {
+    return !word.empty() && std::ranges::all_of(word, [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               c == '-' || c == '.' || c == ':' || c == '/';
+    });
+}
+
+/// A mistake that names the word, if the word is one that can be shown.
 LineMistake mistakeWithWord(const std::string& text, std::string_view word) {
-    const bool showable = word.size() <= 40 && std::ranges::all_of(word, [](char c) {
-                              return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') ||
-                                     (c >= 'A' && c <= 'Z') || c == '-' || c == '.';
-                          });
-    return {showable && !word.empty() ? text + std::string(word) : "syntax error"};
+    constexpr std::size_t longest = 40;
+    const bool showable = isPlain(word) && word.size() <= longest;
+    return {showable ? text + std::string(word) : "syntax error"};
 }
 
 /// Reads the words of one line, each as what it has to be. Throws `LineMistake`.
@@ -181,7 +187,7 @@ private:
             const auto network = parseNetwork(word_);
             if (!network) {
                 throw LineMistake{
-                    word_.empty() ? "syntax error" : "could not parse host specification"};
+                    isPlain(word_) ? "could not parse host specification" : "syntax error"};
             }
             side.network = *network;
             rule.namesANetwork = true;

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+//
+// What the helper leaves behind, for tests to look at: its files, their modes, its log.
+
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace tarnvale::test {
+
+inline const std::string supportFolder = "/Library/Application Support/Tarnvale";
+inline const std::string storePath = supportFolder + "/firewall-policies.json";
+inline const std::string rulesetPath = supportFolder + "/firewall.pf.conf";
+inline const std::string backupPath = supportFolder + "/pf.conf.before-tarnvale-cleanup";
+inline const std::string logPath = "/var/log/tarnvale-adminhelper.log";
+
+/// The whole file; throws `std::runtime_error` when it can't be read.
+std::string contentOf(const std::string& path);
+
+/// Writes the file, making its folders.
+void put(const std::string& path, std::string_view content);
+
+bool exists(const std::string& path);
+
+/// The permission bits of what is at the path itself.
+mode_t modeOf(const std::string& path);
+
+/// The names in a folder, sorted.
+std::vector<std::string> namesIn(const std::string& folder);
+
+/// The messages in the helper's log, each without its timestamp, whose form is checked; none when
+/// there is no log. Throws `std::runtime_error` for a line of another form.
+std::vector<std::string> logMessages();
+
+}  // namespace tarnvale::test

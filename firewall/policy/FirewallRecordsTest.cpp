@@ -14,23 +14,25 @@ namespace {
 using testing::ElementsAre;
 using Proto = FirewallRule::Proto;
 
-const FirewallNetworkPolicy network{
-    .networkID = {{1}},
-    .name = "Lab",
-    .subnetCIDR = "192.168.64.0/24",
-    .gatewayIPv4 = "192.168.64.1",
-    .dnsProxyEnabled = false,
-    .policy = {
-        .enabled = true,
-        .rules = {
-            {.id = {{2}}, .remoteCIDR = "any", .ports = ""},
-            {.id = {{3}}, .remoteCIDR = "", .ports = "22"}}}};
+FirewallNetworkPolicy network() {
+    return {
+        .networkID = {{1}},
+        .name = "Lab",
+        .subnetCIDR = "192.168.64.0/24",
+        .gatewayIPv4 = "192.168.64.1",
+        .dnsProxyEnabled = false,
+        .policy = {
+            .enabled = true,
+            .rules = {
+                {.id = {{2}}, .remoteCIDR = "any", .ports = ""},
+                {.id = {{3}}, .remoteCIDR = "", .ports = "22"}}}};
+}
 
 /// The network with every single field changed in turn.
 std::vector<FirewallNetworkPolicy> variants() {
     std::vector<FirewallNetworkPolicy> variants;
     const auto add = [&](const std::function<void(FirewallNetworkPolicy&)>& change) {
-        change(variants.emplace_back(network));
+        change(variants.emplace_back(network()));
     };
     add([](auto& n) { n.networkID.bytes[15] = 1; });
     add([](auto& n) { n.name = "lab"; });
@@ -56,6 +58,7 @@ std::vector<FirewallNetworkPolicy> variants() {
 TEST(FirewallRecordsTest, EnumeratesItsWordsInOrder) {
     const auto words = [](const auto& cases) {
         std::vector<std::string> result;
+        result.reserve(cases.size());
         for (const auto value : cases) {
             result.emplace_back(rawValue(value));
         }
@@ -74,17 +77,17 @@ TEST(FirewallRecordsTest, OnlyIcmpCarriesNoPorts) {
 }
 
 TEST(FirewallRecordsTest, EqualityGoesFieldByField) {
-    EXPECT_EQ(network, FirewallNetworkPolicy(network));
+    EXPECT_EQ(network(), network());
     for (const FirewallNetworkPolicy& variant : variants()) {
-        EXPECT_NE(variant, network);
+        EXPECT_NE(variant, network());
     }
 }
 
 TEST(FirewallRecordsTest, HashesGoFieldByField) {
     const std::hash<FirewallNetworkPolicy> hash;
-    EXPECT_EQ(hash(network), hash(FirewallNetworkPolicy(network)));
+    EXPECT_EQ(hash(network()), hash(network()));
     for (const FirewallNetworkPolicy& variant : variants()) {
-        EXPECT_NE(hash(variant), hash(network));
+        EXPECT_NE(hash(variant), hash(network()));
     }
 }
 

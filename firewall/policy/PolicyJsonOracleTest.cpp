@@ -22,7 +22,7 @@ namespace {
 
 using nlohmann::json;
 
-const std::string document =
+const char* const document =
     R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Büro \"A\"\n",)"
     R"("subnetCIDR":"192.168.64.0\/24","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,)"
     R"("policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[)"

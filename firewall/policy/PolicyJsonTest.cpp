@@ -18,14 +18,15 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-const std::string rule =
+const char* const rule =
     R"({"id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F","enabled":true,"direction":"outbound",)"
     R"("action":"deny","proto":"udp","remoteCIDR":" 10.0.0.0\/8","ports":"53 "})";
-const std::string network =
-    R"({"networkID":"6f1c2e0a-9b7d-4e53-8a21-0c5d9e7f1a2b","name":"Büro \"A\"\n",)"
-    R"("subnetCIDR":"192.168.64.0\/24 ","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,)"
-    R"("policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[)" +
-    rule + "]}}";
+std::string network() {
+    return R"({"networkID":"6f1c2e0a-9b7d-4e53-8a21-0c5d9e7f1a2b","name":"Büro \"A\"\n",)"
+           R"("subnetCIDR":"192.168.64.0\/24 ","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,)"
+           R"("policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[)" +
+           std::string(rule) + "]}}";
+}
 
 /// The text with the first occurrence of a part replaced.
 std::string replaced(std::string text, const std::string& part, const std::string& by) {
@@ -56,9 +57,10 @@ TEST(PolicyJsonTest, ReadsEveryFieldAsItWasSent) {
                  .remoteCIDR = " 10.0.0.0/8",
                  .ports = "53 "}}}};
 
-    EXPECT_THAT(decodePolicies("[" + network + "]"), ElementsAre(expected));
+    EXPECT_THAT(decodePolicies("[" + network() + "]"), ElementsAre(expected));
     EXPECT_THAT(
-        decodePolicies("[" + network + ",\n" + network + "]\n"), ElementsAre(expected, expected));
+        decodePolicies("[" + network() + ",\n" + network() + "]\n"),
+        ElementsAre(expected, expected));
 }
 
 TEST(PolicyJsonTest, AnEmptyArrayMeansNoNetworks) {
@@ -67,7 +69,7 @@ TEST(PolicyJsonTest, AnEmptyArrayMeansNoNetworks) {
 }
 
 TEST(PolicyJsonTest, WhatItWritesReadsBackEqual) {
-    const auto policies = decodePolicies("[" + network + "," + network + "]");
+    const auto policies = decodePolicies("[" + network() + "," + network() + "]");
 
     EXPECT_EQ(decodePolicies(support::encodeJson(policies, JsonForm::compact)), policies);
     EXPECT_EQ(decodePolicies(support::encodeJson(policies, JsonForm::pretty)), policies);
@@ -75,8 +77,8 @@ TEST(PolicyJsonTest, WhatItWritesReadsBackEqual) {
 
 TEST(PolicyJsonTest, AMissingGatewayIsAbsentAndIsNotWritten) {
     const std::string without =
-        replaced("[" + network + "]", R"("gatewayIPv4":"192.168.64.1",)", "");
-    const std::string null = replaced("[" + network + "]", R"("192.168.64.1")", "null");
+        replaced("[" + network() + "]", R"("gatewayIPv4":"192.168.64.1",)", "");
+    const std::string null = replaced("[" + network() + "]", R"("192.168.64.1")", "null");
 
     EXPECT_EQ(decodePolicies(without).at(0).gatewayIPv4, std::nullopt);
     EXPECT_EQ(decodePolicies(null), decodePolicies(without));
@@ -84,13 +86,13 @@ TEST(PolicyJsonTest, AMissingGatewayIsAbsentAndIsNotWritten) {
         support::encodeJson(decodePolicies(without), JsonForm::compact),
         testing::Not(testing::HasSubstr("gatewayIPv4")));
     expectError(
-        replaced("[" + network + "]", R"("192.168.64.1")", "1"),
+        replaced("[" + network() + "]", R"("192.168.64.1")", "1"),
         "expected a string at [0].gatewayIPv4, found 1");
 }
 
 TEST(PolicyJsonTest, ReadsARuleForIcmpWithoutPorts) {
     const std::string icmp =
-        replaced(replaced("[" + network + "]", "\"udp\"", "\"icmp\""), "\"53 \"", "\"\"");
+        replaced(replaced("[" + network() + "]", "\"udp\"", "\"icmp\""), "\"53 \"", "\"\"");
 
     const auto policies = decodePolicies(icmp);
 
@@ -100,25 +102,25 @@ TEST(PolicyJsonTest, ReadsARuleForIcmpWithoutPorts) {
 }
 
 TEST(PolicyJsonTest, RefusesOtherWordsForAnEnumeration) {
-    for (const std::string word : {"\"ICMP\"", "\"gre\"", "\"\"", "\"udp \"", "17", "null"}) {
+    for (const std::string word : {R"("ICMP")", R"("gre")", R"("")", R"("udp ")", "17", "null"}) {
         expectError(
-            replaced("[" + network + "]", "\"udp\"", word),
+            replaced("[" + network() + "]", "\"udp\"", word),
             R"(expected "any", "tcp", "udp" or "icmp" at [0].policy.rules[0].proto, found )" +
                 word);
     }
     expectError(
-        replaced("[" + network + "]", "\"outbound\"", "\"Outbound\""),
+        replaced("[" + network() + "]", "\"outbound\"", "\"Outbound\""),
         R"(expected "inbound" or "outbound" at [0].policy.rules[0].direction, found "Outbound")");
     expectError(
-        replaced("[" + network + "]", "\"action\":\"deny\"", "\"action\":\"block\""),
+        replaced("[" + network() + "]", R"("action":"deny")", R"("action":"block")"),
         R"(expected "allow" or "deny" at [0].policy.rules[0].action, found "block")");
     expectError(
-        replaced("[" + network + "]", "\"defaultInbound\":\"deny\"", "\"defaultInbound\":true"),
+        replaced("[" + network() + "]", R"("defaultInbound":"deny")", R"("defaultInbound":true)"),
         R"(expected "allow" or "deny" at [0].policy.defaultInbound, found true)");
 }
 
 TEST(PolicyJsonTest, RefusesEveryMissingKey) {
-    const std::string policy = network.substr(network.find(R"(,"policy")"));
+    const std::string policy = network().substr(network().find(R"(,"policy")"));
     for (const auto& [member, rest, problem] :
          std::vector<std::tuple<std::string, std::string, std::string>>{
              {R"("networkID":"6f1c2e0a-9b7d-4e53-8a21-0c5d9e7f1a2b",)",
@@ -131,7 +133,7 @@ TEST(PolicyJsonTest, RefusesEveryMissingKey) {
              {R"({"enabled":true,)", "{", R"("enabled" at [1].policy)"},
              {R"("defaultInbound":"deny",)", "", R"("defaultInbound" at [1].policy)"},
              {R"("defaultOutbound":"allow",)", "", R"("defaultOutbound" at [1].policy)"},
-             {R"(,"rules":[)" + rule + "]", "", R"("rules" at [1].policy)"},
+             {R"(,"rules":[)" + std::string(rule) + "]", "", R"("rules" at [1].policy)"},
              {R"("id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F",)",
               "",
               R"("id" at [1].policy.rules[0])"},
@@ -144,7 +146,8 @@ TEST(PolicyJsonTest, RefusesEveryMissingKey) {
              {R"("remoteCIDR":" 10.0.0.0\/8",)", "", R"("remoteCIDR" at [1].policy.rules[0])"},
              {R"(,"ports":"53 ")", "", R"("ports" at [1].policy.rules[0])"}}) {
         expectError(
-            "[" + network + "," + replaced(network, member, rest) + "]", "missing key " + problem);
+            "[" + network() + "," + replaced(network(), member, rest) + "]",
+            "missing key " + problem);
     }
 }
 
@@ -162,26 +165,30 @@ TEST(PolicyJsonTest, RefusesEveryWrongType) {
              {R"("enabled":true,"def)",
               R"("enabled":"true","def)",
               R"(expected true or false at [0].policy.enabled, found "true")"},
-             {"[" + rule + "]", "{}", "expected an array at [0].policy.rules, found an object"},
+             {"[" + std::string(rule) + "]",
+              "{}",
+              "expected an array at [0].policy.rules, found an object"},
              {rule, "[]", "expected an object at [0].policy.rules[0], found an array"},
              {R"("53 ")", "53", "expected a string at [0].policy.rules[0].ports, found 53"},
              {R"(" 10.0.0.0\/8")",
               "[]",
               "expected a string at [0].policy.rules[0].remoteCIDR, found an array"}}) {
-        expectError(replaced("[" + network + "]", value, wrong), problem);
+        expectError(replaced("[" + network() + "]", value, wrong), problem);
     }
 }
 
 TEST(PolicyJsonTest, RefusesAnythingButAnArrayOfNetworks) {
     expectError("", "expected a value, found the end at line 1, column 1");
     expectError("null", "expected an array at the top level, found null");
-    expectError(network, "expected an array at the top level, found an object");
+    expectError(network(), "expected an array at the top level, found an object");
     expectError("[null]", "expected an object at [0], found null");
     expectError("[[]]", "expected an object at [0], found an array");
     // The "ü" is two bytes but one column.
-    const std::string column = std::to_string(network.size() + 2);
-    expectError("[" + network + ",]", R"(expected a value, found "]" at line 1, column )" + column);
-    expectError("[" + network + "]]", R"(expected the end, found "]" at line 1, column )" + column);
+    const std::string column = std::to_string(network().size() + 2);
+    expectError(
+        "[" + network() + ",]", R"(expected a value, found "]" at line 1, column )" + column);
+    expectError(
+        "[" + network() + "]]", R"(expected the end, found "]" at line 1, column )" + column);
     EXPECT_THROW(decodePolicies(std::string(100'000, '[')), JsonError);
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -38,7 +39,7 @@ FirewallNetworkPolicy network(std::uint8_t number, const std::string& name = "La
         .policy = {}};
 }
 
-const std::string workedStore = R"({
+constexpr std::string_view workedStore = R"({
   "owners" : {
     "501" : {
       "appliedAt" : 763636013.25,
@@ -229,8 +230,7 @@ TEST(PolicyStoreTest, ReadsNothingElse) {
 
 TEST(PolicyStoreTest, ReadsNoTruncatedFile) {
     for (std::size_t length = 0; length < workedStore.size(); ++length) {
-        EXPECT_EQ(decodeStore(std::string_view(workedStore).substr(0, length)), std::nullopt)
-            << length;
+        EXPECT_EQ(decodeStore(workedStore.substr(0, length)), std::nullopt) << length;
     }
 }
 

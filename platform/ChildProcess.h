@@ -4,23 +4,12 @@
 
 #pragma once
 
-#include <optional>
-
-#include "support/UniqueFd.h"
+#include <spawn.h>
 
 namespace tarnvale::platform {
 
-struct Pipe {
-    support::UniqueFd reader;
-    support::UniqueFd writer;
-};
-
-/// A pipe that no child gets that is not given it by a spawn file action. Nothing, and errno, when
-/// the system has none to give.
-std::optional<Pipe> makePipe();
-
-/// The posix_spawn attribute flags with which a child gets no descriptor but those that its file
-/// actions name; none where each descriptor is marked for that when it is made.
-short closingSpawnFlags();
+/// Has the child get no descriptor beyond 0 to 2, whatever was inherited or opened by whom, and
+/// adds what that takes to the spawn attributes' `flags`. Returns 0 or an error number.
+int keepOtherDescriptors(posix_spawn_file_actions_t& actions, short& flags);
 
 }  // namespace tarnvale::platform

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <optional>
 #include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -26,6 +28,26 @@ namespace {
 using support::FileError;
 using support::UniqueFd;
 
+struct Pipe {
+    UniqueFd reader;
+    UniqueFd writer;
+};
+
+/// Nothing, and errno, when the system has none to give.
+std::optional<Pipe> makePipe() {
+    std::array<int, 2> ends{};
+    if (::pipe(ends.data()) != 0) {
+        return std::nullopt;
+    }
+    Pipe made{.reader = UniqueFd(ends[0]), .writer = UniqueFd(ends[1])};
+    for (const int end : ends) {
+        if (::fcntl(end, F_SETFD, FD_CLOEXEC) != 0) {
+            return std::nullopt;
+        }
+    }
+    return made;
+}
+
 /// What the child starts with, put together for posix_spawn.
 class SpawnSetup {
 public:
@@ -40,28 +62,31 @@ public:
         ::posix_spawnattr_destroy(&attributes_);
     }
 
-    /// Threads of ours may block signals and ignore some; the child shall do neither.
-    int resetSignals() {
+    /// The child gets these two as its output and errors, and standard input; no other descriptor,
+    /// no blocked signal, and each signal handled by default, whatever threads of ours do.
+    int prepare(int output, int errors) {
         sigset_t none;
         sigset_t all;
         sigemptyset(&none);
         sigfillset(&all);
-        const int flags =
-            POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | platform::closingSpawnFlags();
-        int error = ::posix_spawnattr_setsigmask(&attributes_, &none);
+        short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+        int error = passDescriptor(STDIN_FILENO, STDIN_FILENO);
+        error = error != 0 ? error : passDescriptor(output, STDOUT_FILENO);
+        error = error != 0 ? error : passDescriptor(errors, STDERR_FILENO);
+        error = error != 0 ? error : platform::keepOtherDescriptors(actions_, flags);
+        error = error != 0 ? error : ::posix_spawnattr_setsigmask(&attributes_, &none);
         error = error != 0 ? error : ::posix_spawnattr_setsigdefault(&attributes_, &all);
-        return error != 0 ? error
-                          : ::posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
-    }
-
-    int passDescriptor(int fd, int as) {
-        return ::posix_spawn_file_actions_adddup2(&actions_, fd, as);
+        return error != 0 ? error : ::posix_spawnattr_setflags(&attributes_, flags);
     }
 
     const posix_spawn_file_actions_t* actions() const { return &actions_; }
     const posix_spawnattr_t* attributes() const { return &attributes_; }
 
 private:
+    int passDescriptor(int fd, int as) {
+        return ::posix_spawn_file_actions_adddup2(&actions_, fd, as);
+    }
+
     posix_spawn_file_actions_t actions_{};
     posix_spawnattr_t attributes_{};
 };
@@ -83,11 +108,7 @@ int start(
     words.push_back(nullptr);
 
     SpawnSetup setup;
-    int error = setup.resetSignals();
-    error = error != 0 ? error : setup.passDescriptor(STDIN_FILENO, STDIN_FILENO);
-    error = error != 0 ? error : setup.passDescriptor(output, STDOUT_FILENO);
-    error = error != 0 ? error : setup.passDescriptor(errors, STDERR_FILENO);
-    if (error != 0) {
+    if (const int error = setup.prepare(output, errors)) {
         return error;
     }
     return ::posix_spawn(
@@ -147,8 +168,8 @@ CommandResult notStarted(const std::string& executablePath, int errorNumber) {
 
 CommandResult runCommand(
     const std::string& executablePath, const std::vector<std::string>& arguments) {
-    auto output = platform::makePipe();
-    auto errors = output ? platform::makePipe() : std::nullopt;
+    auto output = makePipe();
+    auto errors = output ? makePipe() : std::nullopt;
     if (!errors) {
         return notStarted(executablePath, errno);
     }

@@ -2,25 +2,12 @@
 
 #include "platform/ChildProcess.h"
 
-#include <array>
-
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace tarnvale::platform {
 
-using support::UniqueFd;
-
-std::optional<Pipe> makePipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return std::nullopt;
-    }
-    return Pipe{.reader = UniqueFd(ends[0]), .writer = UniqueFd(ends[1])};
-}
-
-short closingSpawnFlags() {
-    return 0;
+int keepOtherDescriptors(posix_spawn_file_actions_t& actions, short& /*flags*/) {
+    return ::posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 }
 
 }  // namespace tarnvale::platform

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+//
+// The form of a signed executable: the program's bytes, a CMS message, its length in 4 bytes, and
+// the magic. What the message says is read in SignedData.h; here are the trailer, and the three
+// lines that are signed.
+
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sys/types.h>
+
+namespace tarnvale::platform {
+
+inline constexpr std::string_view signatureMagic = "~Tarnvale code signature~\n";
+
+/// The longest message that is looked at.
+inline constexpr std::size_t longestMessage = std::size_t{1} << 20;
+
+/// The largest program that is looked at, so that no peer keeps root hashing for minutes.
+inline constexpr off_t largestProgram = off_t{256} << 20;
+
+/// What lies behind the program.
+struct SignatureTrailer {
+    off_t programSize = 0;
+    std::string message;  ///< CMS, as it stands
+};
+
+/// The trailer of an open file of that size; nothing when there is none, or none that could be.
+std::optional<SignatureTrailer> readTrailer(int file, off_t size);
+
+/// The three signed lines.
+struct SignedContent {
+    std::string identifier;
+    std::string sha256;  ///< of the program's bytes, 64 digits in lower case
+
+    bool operator==(const SignedContent&) const = default;
+};
+
+/// Nothing unless the text is exactly those lines.
+std::optional<SignedContent> parseSignedContent(std::string_view text);
+
+}  // namespace tarnvale::platform

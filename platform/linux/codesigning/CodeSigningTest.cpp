@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: MIT
+//
+// The service as a whole, asked about processes that run signed programs.
+
+#include "platform/CodeSigning.h"
+
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/linux/codesigning/PeerProcess.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/SigningLab.h"
+#include "tests/support/SocketPeer.h"
+
+namespace tarnvale::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Chain;
+using test::SocketPeer;
+using testing::Eq;
+using testing::Optional;
+
+constexpr const char* identifier = "com.brackwen.tarnvale";
+constexpr const char* clientPath = "/tmp/client";
+constexpr const char* anchored = "anchor apple generic";
+constexpr const char* rootsPath = "/etc/tarnvale/code-signing-roots.pem";
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeProgram(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+    fs::permissions(path, fs::perms(0755));
+}
+
+class CodeSigningTest : public testing::Test {
+protected:
+    CodeSigningTest() {
+        fs::remove_all("/etc/tarnvale");
+        fs::create_directory("/etc/tarnvale");
+        ::chmod("/etc/tarnvale", 0755);
+        writeRoots(chain.root.certificatePem());
+        writeProgram(clientPath, test::signedProgram(program, identifier, chain));
+    }
+
+    static void writeRoots(const std::string& pem) {
+        std::ofstream(rootsPath) << pem;
+        ::chmod(rootsPath, 0644);
+    }
+
+    /// Whether a process that runs the program at this moment is valid.
+    bool isValid(const std::string& requirement = anchored) {
+        const SocketPeer client({clientPath, "1000"});
+        const auto process = PeerProcess::ofSocket(client.socket());
+        const auto code = signing->guest(process->peer());
+        return code && code->isValid(requirement);
+    }
+
+    std::optional<SigningInformation> information() {
+        const SocketPeer client({clientPath, "1000"});
+        const auto process = PeerProcess::ofSocket(client.socket());
+        const auto code = signing->guest(process->peer());
+        return code ? code->signingInformation() : std::nullopt;
+    }
+
+    const Chain chain = Chain::development();
+    const std::string program = contentOf("/bin/sleep");
+    const SigningInformation clientInformation = {
+        .teamIdentifier = "K7PD2QM4TZ", .identifier = identifier};
+    const std::unique_ptr<CodeSigning> signing = makeCodeSigning();
+};
+
+TEST_F(CodeSigningTest, ReadsWhoSignedThePeersProgram) {
+    EXPECT_THAT(information(), Optional(clientInformation));
+}
+
+TEST_F(CodeSigningTest, FindsASignedProgramValid) {
+    EXPECT_TRUE(isValid());
+    EXPECT_TRUE(
+        isValid("identifier \"com.brackwen.tarnvale\" and certificate leaf[subject.OU] = "
+                "\"K7PD2QM4TZ\" and not certificate 2[subject.OU] = \"K7PD2QM4TZ\""));
+}
+
+TEST_F(CodeSigningTest, HoldsAProgramAgainstTheRequirement) {
+    EXPECT_FALSE(isValid("identifier \"com.brackwen.tarnvale.service\""));
+    EXPECT_FALSE(isValid("certificate leaf[subject.OU] = \"OTHERTEAM1\""));
+    EXPECT_FALSE(isValid("not anchor apple generic"));
+}
+
+TEST_F(CodeSigningTest, FindsNothingValidAgainstATextThatIsNoRequirement) {
+    EXPECT_FALSE(isValid(""));
+    EXPECT_FALSE(isValid("anchor apple generic and"));
+}
+
+TEST_F(CodeSigningTest, KnowsNoSignatureOfAnUnsignedProgram) {
+    writeProgram(clientPath, program);
+
+    EXPECT_THAT(information(), Eq(std::nullopt));
+    EXPECT_FALSE(isValid("!identifier \"x\""));
+}
+
+TEST_F(CodeSigningTest, ReadsAStrangersSignatureWithoutTrustingIt) {
+    const Chain stranger = Chain::development();
+    writeProgram(clientPath, test::signedProgram(program, identifier, stranger));
+
+    EXPECT_THAT(information(), Optional(clientInformation));
+    EXPECT_FALSE(isValid());
+}
+
+TEST_F(CodeSigningTest, FindsAProgramWithOneBitChangedInvalid) {
+    // Behind its last section a program may carry anything, so it runs whatever stands there.
+    const std::string padded = program + std::string(1'000, 'p');
+    const std::string good = test::signedProgram(padded, identifier, chain);
+    for (const std::size_t place : {program.size(), program.size() + 500, padded.size() - 1}) {
+        std::string changed = good;
+        changed[place] = static_cast<char>(changed[place] ^ 1);
+        writeProgram(clientPath, changed);
+
+        EXPECT_THAT(information(), Optional(clientInformation));
+        EXPECT_FALSE(isValid()) << place;
+    }
+    writeProgram(clientPath, good);
+    EXPECT_TRUE(isValid());
+}
+
+TEST_F(CodeSigningTest, FindsASignatureOfAnotherProgramInvalid) {
+    writeProgram(
+        clientPath,
+        test::withTrailer(program, test::signatureOf(program + "x", identifier, chain)));
+
+    EXPECT_THAT(information(), Optional(clientInformation));
+    EXPECT_FALSE(isValid());
+}
+
+TEST_F(CodeSigningTest, KnowsNoPeerThatHasEnded) {
+    SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    ASSERT_TRUE(process);
+
+    client.end();
+
+    EXPECT_EQ(signing->guest(process->peer()), nullptr);
+    EXPECT_EQ(signing->guest({.pid = client.pid()}), nullptr);
+}
+
+TEST_F(CodeSigningTest, FindsThePeerInvalidThatEndsBeforeTheCheck) {
+    SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const auto code = signing->guest(process->peer());
+    ASSERT_TRUE(code);
+
+    client.end();
+
+    EXPECT_THAT(code->signingInformation(), Eq(std::nullopt));
+    EXPECT_FALSE(code->isValid(anchored));
+}
+
+TEST_F(CodeSigningTest, TellsAPeerFromTheNextProcessWithItsID) {
+    SocketPeer gone({"/bin/sleep", "1000"});
+    const auto process = PeerProcess::ofSocket(gone.socket());
+    ASSERT_TRUE(process);
+    gone.end();
+
+    const SocketPeer next({clientPath, "1000"}, gone.pid());
+
+    ASSERT_EQ(next.pid(), gone.pid());
+    EXPECT_EQ(signing->guest(process->peer()), nullptr);
+    EXPECT_NE(signing->guest({.pid = gone.pid()}), nullptr) << "the ID alone says nothing";
+}
+
+TEST_F(CodeSigningTest, ChecksAPeerAgainThatRunsAnotherProgram) {
+    writeProgram(clientPath, test::signedProgram(contentOf("/bin/dash"), identifier, chain));
+    const SocketPeer client({clientPath, "-c", "read line; exec /bin/sleep 1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const auto before = signing->guest(process->peer());
+    ASSERT_TRUE(before);
+    ASSERT_TRUE(before->isValid(anchored));
+    const auto unasked = signing->guest(process->peer());
+
+    ASSERT_EQ(::send(client.socket(), "go\n", 3, 0), 3);
+    client.waitUntilNotRunning(clientPath);
+
+    const auto after = signing->guest(process->peer());
+    ASSERT_TRUE(after);
+    EXPECT_FALSE(after->isValid(anchored));
+    EXPECT_THAT(after->signingInformation(), Eq(std::nullopt));
+    EXPECT_FALSE(unasked->isValid(anchored)) << "it cannot be looked at any more";
+}
+
+TEST_F(CodeSigningTest, ChecksAProgramWhoseFileIsNoLongerThere) {
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    fs::remove(clientPath);
+    writeProgram(clientPath, program);
+
+    EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored));
+}
+
+TEST_F(CodeSigningTest, KnowsItself) {
+    const auto self = signing->self();
+
+    ASSERT_TRUE(self);
+    EXPECT_THAT(self->signingInformation(), Eq(std::nullopt)) << "the test is not signed";
+    EXPECT_FALSE(self->isValid("not identifier \"x\""));
+}
+
+TEST_F(CodeSigningTest, TrustsNobodyWithoutRoots) {
+    fs::remove(rootsPath);
+    EXPECT_FALSE(isValid());
+    EXPECT_THAT(information(), Optional(clientInformation));
+
+    fs::remove("/etc/tarnvale");
+    EXPECT_FALSE(isValid());
+}
+
+TEST_F(CodeSigningTest, TrustsNoRootsThatOthersMayWrite) {
+    for (const mode_t mode : {0664U, 0646U, 0666U, 0777U}) {
+        ::chmod(rootsPath, mode);
+        EXPECT_FALSE(isValid()) << mode;
+    }
+    ::chmod(rootsPath, 0400);
+    EXPECT_TRUE(isValid());
+
+    ::chmod("/etc/tarnvale", 0775);
+    EXPECT_FALSE(isValid());
+    ::chmod("/etc/tarnvale", 0700);
+    EXPECT_TRUE(isValid());
+}
+
+TEST_F(CodeSigningTest, TrustsNoRootsThatBelongToSomebodyElse) {
+    if (!test::isRealRoot()) {
+        GTEST_SKIP() << "there is nobody else in a user namespace";
+    }
+    ASSERT_EQ(::chown(rootsPath, 1000, 0), 0);
+    EXPECT_FALSE(isValid());
+    ASSERT_EQ(::chown(rootsPath, 0, 1000), 0);
+    EXPECT_TRUE(isValid()) << "its group may not write it";
+
+    ASSERT_EQ(::chown("/etc/tarnvale", 1000, 0), 0);
+    EXPECT_FALSE(isValid());
+}
+
+TEST_F(CodeSigningTest, FollowsNoLinkToTheRoots) {
+    fs::rename(rootsPath, "/etc/tarnvale/real.pem");
+    fs::create_symlink("real.pem", rootsPath);
+    EXPECT_FALSE(isValid());
+
+    fs::remove(rootsPath);
+    fs::rename("/etc/tarnvale/real.pem", rootsPath);
+    EXPECT_TRUE(isValid());
+
+    fs::rename("/etc/tarnvale", "/etc/tarnvale.real");
+    fs::create_directory_symlink("tarnvale.real", "/etc/tarnvale");
+    EXPECT_FALSE(isValid());
+    fs::remove("/etc/tarnvale");
+    fs::rename("/etc/tarnvale.real", "/etc/tarnvale");
+}
+
+TEST_F(CodeSigningTest, ReadsRootsFromNothingButAFile) {
+    fs::remove(rootsPath);
+    ASSERT_EQ(::mkfifo(rootsPath, 0644), 0);
+    EXPECT_FALSE(isValid());
+
+    fs::remove(rootsPath);
+    fs::create_directory(rootsPath);
+    EXPECT_FALSE(isValid());
+}
+
+TEST_F(CodeSigningTest, IsSafeFromAnyThread) {
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    std::vector<std::thread> threads;
+    threads.reserve(8);
+    for (int count = 0; count < 8; ++count) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 5; ++round) {
+                const auto code = signing->guest(process->peer());
+                EXPECT_TRUE(code->isValid(anchored));
+                EXPECT_THAT(code->signingInformation(), Optional(clientInformation));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+/// What a check costs this thread, in seconds.
+template <typename Check>
+double costOf(Check check) {
+    const auto now = [] {
+        timespec time{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const double start = now();
+    check();
+    return now() - start;
+}
+
+TEST_F(CodeSigningTest, RemembersAVerdictOnAFileThatHasSettled) {
+    writeProgram(
+        clientPath, test::signedProgram(program + std::string(32 << 20, '\0'), identifier, chain));
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const auto check = [&] { EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored)); };
+
+    check();
+    EXPECT_GT(costOf(check), 0.002) << "the file could change again and look the same";
+    std::this_thread::sleep_for(std::chrono::milliseconds(3'100));
+    check();
+    EXPECT_LT(costOf(check), 0.002) << "32 MiB take longer to digest";
+
+    writeRoots(Chain::development().root.certificatePem());
+    EXPECT_FALSE(signing->guest(process->peer())->isValid(anchored)) << "other roots";
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+//
+// Executables whose signature has been found good, so that the check of each message costs no
+// second digest. Only good ones are kept: somebody else's programs cannot push them out.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/CodeSigning.h"
+#include "platform/linux/codesigning/OpenFile.h"
+#include "support/Mutex.h"
+
+namespace tarnvale::platform {
+
+/// Safe from any thread.
+class KnownCode {
+public:
+    /// The oldest one makes place.
+    static constexpr std::size_t mostExecutables = 64;
+
+    /// What a verdict rests on. It holds as long as none of it has changed.
+    struct Evidence {
+        FileIdentity executable;
+        FileIdentity roots;
+        std::int64_t validUntil;  ///< Unix time
+    };
+
+    void remember(
+        const Evidence& evidence,
+        const SigningInformation& information,
+        std::string_view requirement);
+
+    /// Whether the executable has met the requirement, with these roots, and would still.
+    bool isKnown(
+        const FileIdentity& executable,
+        const FileIdentity& roots,
+        std::int64_t now,
+        std::string_view requirement) const;
+
+    std::optional<SigningInformation> informationOf(const FileIdentity& executable) const;
+
+private:
+    struct Entry {
+        Evidence evidence;
+        SigningInformation information;
+        std::vector<std::string> requirements;
+    };
+
+    mutable support::Mutex mutex_;
+    std::deque<Entry> entries_ GUARDED_BY(mutex_);
+};
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: MIT
+//
+// Code signatures on Linux: the executable that a process runs, opened once, with the signature
+// that it ends with.
+
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "platform/CodeSigning.h"
+#include "platform/linux/codesigning/CodeSignature.h"
+#include "platform/linux/codesigning/KnownCode.h"
+#include "platform/linux/codesigning/OpenFile.h"
+#include "platform/linux/codesigning/PeerProcess.h"
+#include "platform/linux/codesigning/Requirement.h"
+#include "platform/linux/codesigning/Roots.h"
+#include "platform/linux/codesigning/SignedData.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::platform {
+namespace {
+
+/// File systems stamp changes by clocks as coarse as this: a file that changed just now could
+/// change once more and look the same.
+constexpr std::int64_t coarsestStamp = 2;
+
+std::optional<FileIdentity> identityOf(int file) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    return FileIdentity(status);
+}
+
+std::optional<Requirement> compiled(std::string_view text) {
+    try {
+        return Requirement::parse(text);
+    } catch (const RequirementError&) {
+        return std::nullopt;
+    }
+}
+
+/// Code that ran in a process at one moment: a state of a file.
+class LinuxCode final : public Code {
+public:
+    /// What /proc shows for the peer, or, without a peer, for this process.
+    LinuxCode(
+        KnownCode& known,
+        std::string link,
+        std::optional<Peer> peer,
+        std::optional<PeerProcess> owned,
+        const FileIdentity& executable)
+        : known_(known),
+          link_(std::move(link)),
+          peer_(peer),
+          owned_(std::move(owned)),
+          executable_(executable) {}
+
+    std::optional<SigningInformation> signingInformation() override {
+        if (auto information = known_.informationOf(executable_)) {
+            return information;
+        }
+        if (!open()) {
+            return std::nullopt;
+        }
+        auto claims = readClaims(trailer_->message);
+        if (!claims) {
+            return std::nullopt;
+        }
+        return SigningInformation{
+            .teamIdentifier = std::move(claims->teamIdentifier),
+            .identifier = std::move(claims->content.identifier)};
+    }
+
+    bool isValid(std::string_view requirement) override {
+        const auto roots = rootsIdentity();
+        if (!roots) {
+            return false;
+        }
+        const std::int64_t now = std::time(nullptr);
+        return known_.isKnown(executable_, *roots, now, requirement) || check(requirement, now);
+    }
+
+private:
+    /// Opens the executable and reads its trailer, once. False when the process runs another
+    /// program by now, or has ended, or when the program is not signed.
+    bool open() {
+        if (!file_) {
+            file_.reset(::open(link_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+            if (file_ && identityOf(file_.get()) == executable_ && (!peer_ || lives(*peer_))) {
+                trailer_ = readTrailer(file_.get(), executable_.size);
+            }
+        }
+        return trailer_.has_value();
+    }
+
+    /// The whole check: what costs little comes first, the digest last.
+    bool check(std::string_view requirement, std::int64_t now) {
+        const auto parsed = compiled(requirement);
+        const auto roots = readRoots();
+        if (!parsed || !roots || !open()) {
+            return false;
+        }
+        auto trusted = verify(trailer_->message, roots->pem);
+        if (!trusted) {
+            return false;
+        }
+        const CodeFacts facts{
+            .identifier = trusted->content.identifier,
+            .chain = std::move(trusted->chain),
+            .anchored = true};
+        if (!parsed->holds(facts) ||
+            sha256(file_.get(), trailer_->programSize) != trusted->content.sha256 ||
+            identityOf(file_.get()) != executable_) {
+            return false;
+        }
+
+        if (now - executable_.changedSeconds > coarsestStamp) {
+            known_.remember(
+                {.executable = executable_,
+                 .roots = roots->identity,
+                 .validUntil = trusted->validUntil},
+                {.teamIdentifier = facts.chain.front().subjectOU, .identifier = facts.identifier},
+                requirement);
+        }
+        return true;
+    }
+
+    KnownCode& known_;
+    std::string link_;
+    std::optional<Peer> peer_;
+    std::optional<PeerProcess> owned_;  ///< the peer's handle, where the caller had none
+    FileIdentity executable_;
+    support::UniqueFd file_;
+    std::optional<SignatureTrailer> trailer_;
+};
+
+class LinuxCodeSigning final : public CodeSigning {
+public:
+    std::unique_ptr<Code> self() override {
+        return codeAt("/proc/self/exe", std::nullopt, std::nullopt);
+    }
+
+    std::unique_ptr<Code> guest(const Peer& peer) override {
+        if (peer.handle >= 0) {
+            return codeAt(executableLink(peer), peer, std::nullopt);
+        }
+        auto process = PeerProcess::ofPid(peer.pid);
+        if (!process) {
+            return nullptr;
+        }
+        const Peer named = process->peer();
+        return codeAt(executableLink(named), named, std::move(process));
+    }
+
+private:
+    std::unique_ptr<Code> codeAt(
+        std::string link, std::optional<Peer> peer, std::optional<PeerProcess> owned) {
+        struct stat status {};
+        if (::stat(link.c_str(), &status) != 0 || (peer && !lives(*peer))) {
+            return nullptr;
+        }
+        return std::make_unique<LinuxCode>(
+            known_, std::move(link), peer, std::move(owned), FileIdentity(status));
+    }
+
+    KnownCode known_;
+};
+
+}  // namespace
+
+std::unique_ptr<CodeSigning> makeCodeSigning() {
+    return std::make_unique<LinuxCodeSigning>();
+}
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/codesigning/OpenFile.h"
+
+#include <cerrno>
+
+#include <unistd.h>
+
+namespace tarnvale::platform {
+
+std::optional<std::string> readExactly(int file, std::size_t count, off_t offset) {
+    std::string bytes(count, '\0');
+    std::size_t done = 0;
+    while (done < count) {
+        const ssize_t got =
+            ::pread(file, bytes.data() + done, count - done, offset + static_cast<off_t>(done));
+        if (got > 0) {
+            done += static_cast<std::size_t>(got);
+        } else if (got == 0 || errno != EINTR) {
+            return std::nullopt;
+        }
+    }
+    return bytes;
+}
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+//
+// The process at the other end of a socket. Its ID alone does not name it: once the process has
+// ended, the ID can pass to another. A pidfd does, so what is read under /proc/<pid> counts only
+// if the pidfd says afterwards that the process still lives.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <sys/types.h>
+
+#include "platform/CodeSigning.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::platform {
+
+/// Holds the pidfd of a peer.
+class PeerProcess {
+public:
+    /// The process that connected the stream socket; nothing when it has ended or is not of this
+    /// PID namespace.
+    static std::optional<PeerProcess> ofSocket(int socket);
+
+    /// The process that has the ID now.
+    static std::optional<PeerProcess> ofPid(pid_t pid);
+
+    /// Valid as long as this object is.
+    Peer peer() const noexcept { return {.pid = pid_, .handle = pidfd_.get()}; }
+
+private:
+    PeerProcess(pid_t pid, support::UniqueFd pidfd) noexcept
+        : pid_(pid), pidfd_(std::move(pidfd)) {}
+
+    pid_t pid_;
+    support::UniqueFd pidfd_;
+};
+
+/// Where the system shows what the process runs.
+std::string executableLink(const Peer& peer);
+
+/// Whether the peer, which has a handle, has not ended. False when that cannot be found out.
+bool lives(const Peer& peer);
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+//
+// The language of code-signing requirements, as far as the helper uses it:
+//
+//     anchor apple generic                      the chain ends in a root of this machine
+//     identifier "x"
+//     certificate leaf[subject.OU] = "x"        certificate 0 is the leaf, 1 its issuer
+//     certificate 1[field.1.2.840.1] exists     an extension of that object identifier
+//     A and B, A or B, not A, !A, (A)           "not" binds closest, "or" least
+//
+// Neither files nor certificates are looked at here: a requirement is held against a record.
+
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tarnvale::platform {
+
+/// What a requirement can ask of a certificate.
+struct CertificateFacts {
+    std::optional<std::string> subjectOU;  ///< nothing when there is not exactly one
+    std::vector<std::string> extensions;   ///< object identifiers, such as "2.5.29.37"
+};
+
+/// What a requirement can ask of code whose signature has been verified.
+struct CodeFacts {
+    std::string identifier;
+    std::vector<CertificateFacts> chain;  ///< from the leaf to the root
+    bool anchored = false;                ///< the chain ends in a root of this machine
+};
+
+/// Why a text is no requirement; what() is the whole sentence.
+class RequirementError : public std::runtime_error {
+public:
+    static RequirementError expected(
+        std::string_view what, std::size_t column, std::string_view found);
+    static RequirementError unterminatedText(std::size_t column);
+    static RequirementError unexpectedCharacter(std::size_t column);
+    static RequirementError tooDeep(std::size_t column);
+
+    /// Where the text goes wrong, in bytes, counted from 1.
+    std::size_t column() const noexcept { return column_; }
+
+private:
+    RequirementError(std::size_t column, const std::string& description)
+        : std::runtime_error(description), column_(column) {}
+
+    std::size_t column_;
+};
+
+class Requirement {
+public:
+    /// How deeply parentheses and negations may be nested.
+    static constexpr int deepest = 32;
+
+    /// Throws `RequirementError`.
+    static Requirement parse(std::string_view text);
+
+    bool holds(const CodeFacts& code) const { return holds(root_, code); }
+
+private:
+    enum class Kind { anchor, identifier, subjectOU, field, all, any, negation };
+
+    struct Node {
+        Kind kind;
+        std::size_t certificate = 0;
+        std::string text = {};
+        std::vector<Node> operands = {};
+    };
+
+    class Parser;
+
+    explicit Requirement(Node root) : root_(std::move(root)) {}
+
+    static bool holds(const Node& node, const CodeFacts& code);
+
+    Node root_;
+};
+
+}  // namespace tarnvale::platform

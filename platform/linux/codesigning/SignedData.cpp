@@ -1,0 +1,350 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/codesigning/SignedData.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <limits>
+
+#include <unistd.h>
+
+#include "platform/linux/codesigning/Libcrypto.h"
+#include "support/Mutex.h"
+
+namespace tarnvale::platform {
+namespace {
+
+/// Keys and digests of 112 bits of security at least: RSA of 2048 bits, no SHA-1.
+constexpr int securityLevel = 2;
+
+constexpr std::size_t chunkSize = std::size_t{64} << 10;
+
+support::Mutex& decoding() {
+    static auto& mutex = *new support::Mutex;
+    return mutex;
+}
+
+/// Leaves no errors of ours in the thread's error queue.
+class ErrorQueue {
+public:
+    explicit ErrorQueue(const Libcrypto& library) : library_(library) {
+        library_.ERR_clear_error();
+    }
+    ErrorQueue(const ErrorQueue&) = delete;
+    ErrorQueue& operator=(const ErrorQueue&) = delete;
+    ~ErrorQueue() { library_.ERR_clear_error(); }
+
+private:
+    const Libcrypto& library_;
+};
+
+// OpenSSL's own functions for stacks of a type are inline ones that call the library directly.
+
+template <typename Stack>
+int countOf(const Libcrypto& library, const Stack* stack) {
+    return std::max(0, library.OPENSSL_sk_num(reinterpret_cast<const OPENSSL_STACK*>(stack)));
+}
+
+template <typename Element, typename Stack>
+Element* elementOf(const Libcrypto& library, const Stack* stack, int index) {
+    return static_cast<Element*>(
+        library.OPENSSL_sk_value(reinterpret_cast<const OPENSSL_STACK*>(stack), index));
+}
+
+struct CertificatesDeleter {
+    void operator()(STACK_OF(X509) * certificates) const noexcept {
+        const Libcrypto& library = *Libcrypto::get();
+        for (int index = 0; index < countOf(library, certificates); ++index) {
+            library.X509_free(elementOf<X509>(library, certificates, index));
+        }
+        library.OPENSSL_sk_free(reinterpret_cast<OPENSSL_STACK*>(certificates));
+    }
+};
+
+using Message = LibcryptoPtr<CMS_ContentInfo, &Libcrypto::CMS_ContentInfo_free>;
+using Certificates = std::unique_ptr<STACK_OF(X509), CertificatesDeleter>;
+using Certificate = LibcryptoPtr<X509, &Libcrypto::X509_free>;
+using Store = LibcryptoPtr<X509_STORE, &Libcrypto::X509_STORE_free>;
+using StoreContext = LibcryptoPtr<X509_STORE_CTX, &Libcrypto::X509_STORE_CTX_free>;
+using Bio = LibcryptoPtr<BIO, &Libcrypto::BIO_free_all>;
+using DigestContext = LibcryptoPtr<EVP_MD_CTX, &Libcrypto::EVP_MD_CTX_free>;
+
+/// A message of the right shape.
+struct Decoded {
+    Message message;
+    Certificates certificates;
+    CMS_SignerInfo* signer = nullptr;  ///< the message's
+    X509* leaf = nullptr;              ///< the signer's, one of the certificates
+    SignedContent content;
+};
+
+bool isKind(const Libcrypto& library, const ASN1_OBJECT* object, int kind) {
+    return object != nullptr && library.OBJ_obj2nid(object) == kind;
+}
+
+std::optional<SignedContent> contentOf(const Libcrypto& library, CMS_ContentInfo* message) {
+    ASN1_OCTET_STRING** const content = library.CMS_get0_content(message);
+    if (content == nullptr || *content == nullptr) {
+        return std::nullopt;
+    }
+    const auto* bytes = reinterpret_cast<const char*>(library.ASN1_STRING_get0_data(*content));
+    const int length = library.ASN1_STRING_length(*content);
+    if (bytes == nullptr || length <= 0) {
+        return std::nullopt;
+    }
+    return parseSignedContent({bytes, static_cast<std::size_t>(length)});
+}
+
+/// The one certificate that the signer names; null when there is none, or a choice.
+X509* leafOf(const Libcrypto& library, CMS_SignerInfo* signer, STACK_OF(X509) * certificates) {
+    X509* leaf = nullptr;
+    for (int index = 0; index < countOf(library, certificates); ++index) {
+        X509* const certificate = elementOf<X509>(library, certificates, index);
+        if (library.CMS_SignerInfo_cert_cmp(signer, certificate) == 0) {
+            if (leaf != nullptr) {
+                return nullptr;
+            }
+            leaf = certificate;
+        }
+    }
+    return leaf;
+}
+
+std::optional<Decoded> decode(const Libcrypto& library, std::string_view bytes) {
+    Decoded decoded;
+    const auto* position = reinterpret_cast<const unsigned char*>(bytes.data());
+    const auto* const end = position + bytes.size();
+    decoded.message.reset(
+        library.d2i_CMS_ContentInfo(nullptr, &position, static_cast<long>(bytes.size())));
+    CMS_ContentInfo* const message = decoded.message.get();
+    if (message == nullptr || position != end ||
+        !isKind(library, library.CMS_get0_type(message), NID_pkcs7_signed) ||
+        !isKind(library, library.CMS_get0_eContentType(message), NID_pkcs7_data)) {
+        return std::nullopt;
+    }
+
+    const STACK_OF(CMS_SignerInfo)* const signers = library.CMS_get0_SignerInfos(message);
+    if (countOf(library, signers) != 1) {
+        return std::nullopt;
+    }
+    decoded.signer = elementOf<CMS_SignerInfo>(library, signers, 0);
+    decoded.certificates.reset(library.CMS_get1_certs(message));
+    if (!decoded.certificates || countOf(library, decoded.certificates.get()) > mostCertificates) {
+        return std::nullopt;
+    }
+    decoded.leaf = leafOf(library, decoded.signer, decoded.certificates.get());
+
+    auto content = contentOf(library, message);
+    if (decoded.leaf == nullptr || !content) {
+        return std::nullopt;
+    }
+    decoded.content = std::move(*content);
+    return decoded;
+}
+
+std::optional<std::string> utf8Of(const Libcrypto& library, const ASN1_STRING* text) {
+    unsigned char* utf8 = nullptr;
+    const int length = library.ASN1_STRING_to_UTF8(&utf8, text);
+    if (length < 0) {
+        return std::nullopt;
+    }
+    std::string result(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
+    library.CRYPTO_free(utf8, __FILE__, __LINE__);
+    return result;
+}
+
+/// The subject's unit; nothing when there is none, or a choice.
+std::optional<std::string> subjectOUOf(const Libcrypto& library, const X509* certificate) {
+    const X509_NAME* const subject = library.X509_get_subject_name(certificate);
+    const int first = library.X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
+    if (first < 0 ||
+        library.X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, first) >= 0) {
+        return std::nullopt;
+    }
+    return utf8Of(
+        library, library.X509_NAME_ENTRY_get_data(library.X509_NAME_get_entry(subject, first)));
+}
+
+CertificateFacts factsOf(const Libcrypto& library, const X509* certificate) {
+    CertificateFacts facts{.subjectOU = subjectOUOf(library, certificate), .extensions = {}};
+    for (int index = 0; index < library.X509_get_ext_count(certificate); ++index) {
+        const ASN1_OBJECT* const name =
+            library.X509_EXTENSION_get_object(library.X509_get_ext(certificate, index));
+        std::array<char, 256> text{};
+        const int length = library.OBJ_obj2txt(text.data(), static_cast<int>(text.size()), name, 1);
+        if (length > 0 && static_cast<std::size_t>(length) < text.size()) {
+            facts.extensions.emplace_back(text.data());
+        }
+    }
+    return facts;
+}
+
+/// When the certificate expires, in Unix time; long ago when that cannot be read.
+std::int64_t expiryOf(const Libcrypto& library, const X509* certificate) {
+    struct tm expiry {};
+    if (library.ASN1_TIME_to_tm(library.X509_get0_notAfter(certificate), &expiry) != 1) {
+        return std::numeric_limits<std::int64_t>::min();
+    }
+    return ::timegm(&expiry);
+}
+
+/// A store with every certificate of the text; null when a part of it cannot be read.
+Store storeOf(const Libcrypto& library, const std::string& pem) {
+    Store store(library.X509_STORE_new());
+    const Bio text(library.BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    if (!store || !text) {
+        return nullptr;
+    }
+    // Nobody is there to be asked for the password of an encrypted part.
+    pem_password_cb* const noPassword = [](char*, int, int, void*) { return -1; };
+    for (;;) {
+        const Certificate root(library.PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr));
+        if (!root) {
+            break;
+        }
+        if (library.X509_STORE_add_cert(store.get(), root.get()) != 1) {
+            return nullptr;
+        }
+    }
+    const auto reason = library.ERR_peek_last_error();
+    const bool atTheEnd =
+        ERR_GET_LIB(reason) == ERR_LIB_PEM && ERR_GET_REASON(reason) == PEM_R_NO_START_LINE;
+    return atTheEnd ? std::move(store) : nullptr;
+}
+
+bool mayCodeSign(const Libcrypto& library, X509* leaf) {
+    // Without the extension OpenSSL reports that a certificate may be used for everything.
+    return (library.X509_get_extension_flags(leaf) & EXFLAG_XKUSAGE) != 0 &&
+           (library.X509_get_extended_key_usage(leaf) & XKU_CODE_SIGN) != 0 &&
+           (library.X509_get_key_usage(leaf) & KU_DIGITAL_SIGNATURE) != 0;
+}
+
+bool digestIsStrong(const Libcrypto& library, CMS_SignerInfo* signer) {
+    X509_ALGOR* digest = nullptr;
+    library.CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, nullptr);
+    const int kind = library.OBJ_obj2nid(digest->algorithm);
+    return kind == NID_sha256 || kind == NID_sha384 || kind == NID_sha512;
+}
+
+std::string hex(const std::array<unsigned char, EVP_MAX_MD_SIZE>& bytes, std::size_t count) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * count);
+    for (std::size_t index = 0; index < count; ++index) {
+        text += digits[bytes[index] >> 4U];
+        text += digits[bytes[index] & 0xFU];
+    }
+    return text;
+}
+
+}  // namespace
+
+std::optional<Claims> readClaims(std::string_view message) {
+    const Libcrypto* const library = Libcrypto::get();
+    if (library == nullptr) {
+        return std::nullopt;
+    }
+    const support::MutexLock lock(decoding());
+    const ErrorQueue errors(*library);
+
+    auto decoded = decode(*library, message);
+    if (!decoded) {
+        return std::nullopt;
+    }
+    return Claims{
+        .content = std::move(decoded->content),
+        .teamIdentifier = subjectOUOf(*library, decoded->leaf)};
+}
+
+std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
+    const Libcrypto* const library = Libcrypto::get();
+    if (library == nullptr) {
+        return std::nullopt;
+    }
+    const support::MutexLock lock(decoding());
+    const ErrorQueue errors(*library);
+
+    auto decoded = decode(*library, message);
+    const Store store = storeOf(*library, rootsPem);
+    const StoreContext context(library->X509_STORE_CTX_new());
+    if (!decoded || !store || !context) {
+        return std::nullopt;
+    }
+
+    // The chain comes first: no key works on the message before it is known to be a trusted one.
+    if (library->X509_STORE_CTX_init(
+            context.get(), store.get(), decoded->leaf, decoded->certificates.get()) != 1) {
+        return std::nullopt;
+    }
+    X509_VERIFY_PARAM* const parameters = library->X509_STORE_CTX_get0_param(context.get());
+    library->X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
+    library->X509_VERIFY_PARAM_set_depth(parameters, mostCertificates);
+    if (library->X509_verify_cert(context.get()) != 1 || !mayCodeSign(*library, decoded->leaf)) {
+        return std::nullopt;
+    }
+
+    if (!digestIsStrong(*library, decoded->signer)) {
+        return std::nullopt;
+    }
+    library->CMS_SignerInfo_set1_signer_cert(decoded->signer, decoded->leaf);
+    if (library->CMS_verify(
+            decoded->message.get(),
+            nullptr,
+            nullptr,
+            nullptr,
+            nullptr,
+            CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1) {
+        return std::nullopt;
+    }
+
+    Trusted trusted{
+        .content = std::move(decoded->content),
+        .chain = {},
+        .validUntil = std::numeric_limits<std::int64_t>::max()};
+    const STACK_OF(X509)* const chain = library->X509_STORE_CTX_get0_chain(context.get());
+    for (int index = 0; index < countOf(*library, chain); ++index) {
+        const X509* const certificate = elementOf<X509>(*library, chain, index);
+        trusted.chain.push_back(factsOf(*library, certificate));
+        trusted.validUntil = std::min(trusted.validUntil, expiryOf(*library, certificate));
+    }
+    return trusted;
+}
+
+std::optional<std::string> sha256(int file, off_t size) {
+    const Libcrypto* const library = Libcrypto::get();
+    if (library == nullptr) {
+        return std::nullopt;
+    }
+    const ErrorQueue errors(*library);
+    const DigestContext context(library->EVP_MD_CTX_new());
+    if (!context ||
+        library->EVP_DigestInit_ex(context.get(), library->EVP_sha256(), nullptr) != 1) {
+        return std::nullopt;
+    }
+
+    const auto chunk = std::make_unique<std::array<unsigned char, chunkSize>>();
+    for (off_t done = 0; done < size;) {
+        const auto wanted =
+            static_cast<std::size_t>(std::min<off_t>(size - done, off_t{chunkSize}));
+        const ssize_t got = ::pread(file, chunk->data(), wanted, done);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0 || library->EVP_DigestUpdate(
+                            context.get(), chunk->data(), static_cast<std::size_t>(got)) != 1) {
+            return std::nullopt;
+        }
+        done += got;
+    }
+
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    if (library->EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1) {
+        return std::nullopt;
+    }
+    return hex(digest, length);
+}
+
+}  // namespace tarnvale::platform

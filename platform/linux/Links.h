@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+//
+// The kernel's network interfaces over rtnetlink, as far as VLANs need them. The kernel is asked
+// anew each time; its answer is taken whole or not at all.
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <linux/netlink.h>
+
+#include "support/UniqueFd.h"
+
+namespace tarnvale::platform {
+
+/// One interface, as the kernel describes it.
+struct Link {
+    int index = 0;
+    std::string name;
+    std::vector<std::string> otherNames;  ///< no new interface may have one of these either
+    bool isEthernet = false;              ///< and not a loopback
+    bool isVLAN = false;
+    std::optional<std::int64_t> tag;  ///< of an 802.1Q VLAN; one of another kind has none
+    std::optional<int> parent;        ///< its index, unless it is in another network namespace
+
+    bool operator==(const Link&) const = default;
+};
+
+/// How many bytes of an alias the kernel keeps.
+inline constexpr std::size_t longestAlias = 255;
+
+/// A conversation with the kernel. Its functions throw `std::system_error` with the kernel's error
+/// number when it refuses, and with one of their own when the answer is not to be understood.
+class LinkSocket {
+public:
+    LinkSocket();
+
+    /// Talks to who is at the other end of a connected datagram socket.
+    explicit LinkSocket(support::UniqueFd socket) : socket_(std::move(socket)) {}
+
+    /// All interfaces of this network namespace, in the order of their indices.
+    std::vector<Link> links();
+
+    /// Whether the kernel can make VLANs at all. Asking may load the module for it.
+    bool supportsVLANs();
+
+    /// Makes a VLAN interface, which is down.
+    void createVLAN(std::string_view name, int parent, std::uint16_t tag);
+
+    /// Of an alias that is too long the kernel gets the first `longestAlias` bytes.
+    void setAlias(int index, std::string_view alias);
+    void setUp(int index);
+    void remove(int index);
+
+private:
+    void request(nlmsghdr& message);
+    bool exchange(nlmsghdr& message, const std::function<void(const nlmsghdr&)>& take);
+
+    support::UniqueFd socket_;
+    std::uint32_t sequence_ = 0;
+};
+
+}  // namespace tarnvale::platform

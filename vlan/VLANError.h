@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+//
+// Why a VLAN interface was not created or not deleted.
+
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace tarnvale::HelperVLAN {
+
+/// what() is the whole sentence that the user reads.
+class VLANError : public std::runtime_error {
+public:
+    enum class Case {
+        noSuchPhysicalInterface,
+        notFound,
+        preferences,
+        createFailed,
+        notCreatedByHelper,
+        commitFailed,
+    };
+
+    /// No interface that can carry a VLAN has the name.
+    static VLANError noSuchPhysicalInterface(std::string_view parentBSD);
+
+    /// No VLAN interface has the name.
+    static VLANError notFound(std::string_view bsdName);
+
+    static VLANError preferences();
+    static VLANError createFailed();
+    static VLANError notCreatedByHelper();
+    static VLANError commitFailed();
+
+    Case errorCase() const noexcept { return case_; }
+
+private:
+    VLANError(Case errorCase, const std::string& description);
+
+    Case case_;
+};
+
+}  // namespace tarnvale::HelperVLAN

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+
+#include "vlan/VLANRecord.h"
+
+#include <exception>
+
+#include "core/AppSupport.h"
+#include "core/HelperLog.h"
+#include "support/Files.h"
+
+namespace tarnvale::HelperVLAN {
+namespace {
+
+std::string recordPath() {
+    return std::string(appSupportDirectory) + "/vlans.json";
+}
+
+}  // namespace
+
+std::vector<Record> loadRecords() {
+    const auto bytes = support::readFile(recordPath());
+    if (!bytes) {
+        return {};
+    }
+    try {
+        return support::decodeJson<std::vector<Record>>(*bytes);
+    } catch (const support::JsonError&) {
+        return {};
+    }
+}
+
+void saveRecords(const std::vector<Record>& records) {
+    try {
+        support::makeFolders(appSupportDirectory);
+        const auto bytes = support::encodeJson(records, support::JsonForm::compact);
+        support::writeFileAtomically(recordPath(), bytes, 0600);
+    } catch (const std::exception& error) {
+        helperLog(std::string("Could not record Tarnvale's VLANs: ") + error.what());
+    }
+}
+
+}  // namespace tarnvale::HelperVLAN

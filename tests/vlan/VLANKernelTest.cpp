@@ -1,0 +1,493 @@
+// SPDX-License-Identifier: MIT
+//
+// The VLAN operations against a real kernel with 802.1Q. "en0" and "en1" are its Ethernet
+// interfaces; what somebody else does to VLANs is done by ip(8).
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include "platform/NetworkPreferences.h"
+#include "tests/support/HelperFiles.h"
+#include "tests/support/Program.h"
+#include "vlan/VLANError.h"
+#include "vlan/VLANOperations.h"
+#include "vlan/VLANRecord.h"
+
+namespace tarnvale::HelperVLAN {
+namespace {
+
+namespace fs = std::filesystem;
+using platform::InterfaceID;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::ThrowsMessage;
+
+void require(int result, const char* step) {
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), step);
+    }
+}
+
+/// Runs ip(8) with the arguments, which are separated by white space; what it prints.
+std::string ip(const std::string& arguments, const std::string& input = {}) {
+    std::istringstream words(arguments);
+    std::vector<std::string> command = {"/sbin/ip"};
+    command.insert(
+        command.end(),
+        std::istream_iterator<std::string>(words),
+        std::istream_iterator<std::string>());
+    const auto finished = test::run(command, input);
+    if (finished.status != 0) {
+        throw std::runtime_error("ip " + arguments + ": " + finished.error);
+    }
+    return finished.output;
+}
+
+/// Everything that ip(8) knows about an interface.
+std::string described(const std::string& interface) {
+    return ip("-details -oneline link show dev " + interface);
+}
+
+/// The display name that an interface has.
+std::string aliasOf(const std::string& interface) {
+    const auto alias = test::contentOf("/sys/class/net/" + interface + "/ifalias");
+    return alias.substr(0, alias.size() - (alias.ends_with('\n') ? 1 : 0));
+}
+
+bool exists(const std::string& interface) {
+    return fs::exists("/sys/class/net/" + interface);
+}
+
+std::vector<std::string> interfaces() {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator("/sys/class/net")) {
+        names.push_back(entry.path().filename());
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
+class VLANKernelTest : public testing::Test {
+protected:
+    /// Starts each test in a network namespace of its own, with files of its own.
+    VLANKernelTest() {
+        require(::unshare(CLONE_NEWNET), "make a network namespace");
+        require(::mount("sysfs", "/sys", "sysfs", 0, nullptr), "mount /sys");
+        ip("-batch -",
+           "link add name en0 index 1000 up type dummy\n"
+           "link add name en1 index 400 up type dummy\n");
+        fs::remove_all(test::supportFolder);
+        fs::remove(test::logPath);
+    }
+
+    ~VLANKernelTest() override { ::umount("/sys"); }
+
+    VLANKernelTest(const VLANKernelTest&) = delete;
+    VLANKernelTest& operator=(const VLANKernelTest&) = delete;
+
+    std::string createVLAN(std::int64_t tag, const std::string& parent = "en0") {
+        return create(*preferences, "", tag, parent);
+    }
+
+    std::unique_ptr<platform::NetworkPreferencesSession> open() {
+        return preferences->open("TarnvaleAdminHelper");
+    }
+
+    const std::unique_ptr<platform::NetworkPreferences> preferences =
+        platform::makeNetworkPreferences();
+};
+
+std::vector<std::string> namesOf(
+    const std::vector<InterfaceID>& ids, platform::NetworkPreferencesSession& session) {
+    std::vector<std::string> names;
+    for (const InterfaceID id : ids) {
+        names.push_back(session.bsdName(id).value_or("(none)"));
+    }
+    return names;
+}
+
+InterfaceID find(const std::string& name, platform::NetworkPreferencesSession& session) {
+    auto ids = session.physicalInterfaces();
+    std::ranges::copy(session.vlanInterfaces(), std::back_inserter(ids));
+    const auto found =
+        std::ranges::find_if(ids, [&](InterfaceID id) { return session.bsdName(id) == name; });
+    if (found == ids.end()) {
+        throw std::runtime_error("no interface " + name);
+    }
+    return *found;
+}
+
+TEST_F(VLANKernelTest, ListsWhatCanCarryAVLANInTheOrderOfIndices) {
+    ip("link add link en0 name uplink.7 type vlan id 7");
+    ip("link add name late index 3000 type dummy");
+
+    const auto session = open();
+
+    EXPECT_THAT(
+        namesOf(session->physicalInterfaces(), *session), ElementsAre("en1", "en0", "late"));
+}
+
+TEST_F(VLANKernelTest, ListsVLANsWithTheirTagsAndParents) {
+    ip("link add link en0 name uplink.7 type vlan id 7");
+    ip("link add link en1 name guests type vlan id 4094");
+
+    const auto session = open();
+    const auto vlans = session->vlanInterfaces();
+
+    ASSERT_THAT(namesOf(vlans, *session), ElementsAre("uplink.7", "guests"));
+    EXPECT_EQ(session->tag(vlans[0]), 7);
+    EXPECT_EQ(session->tag(vlans[1]), 4094);
+    EXPECT_EQ(session->parent(vlans[0]), find("en0", *session));
+    EXPECT_EQ(session->parent(vlans[1]), find("en1", *session));
+}
+
+TEST_F(VLANKernelTest, CreatesAVLAN) {
+    EXPECT_EQ(create(*preferences, "  Lab network\t", 5, "en0"), "vlan0");
+
+    EXPECT_THAT(
+        described("vlan0"),
+        AllOf(HasSubstr("vlan0@en0"), HasSubstr("vlan protocol 802.1Q id 5 "), HasSubstr(",UP")));
+    EXPECT_EQ(aliasOf("vlan0"), "Lab network");
+    EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
+    EXPECT_THAT(test::logMessages(), ElementsAre("Created VLAN vlan0 (tag 5) on en0."));
+}
+
+TEST_F(VLANKernelTest, LeavesAVLANWithABlankNameUnnamed) {
+    EXPECT_EQ(create(*preferences, " \t ", 5, "en0"), "vlan0");
+
+    EXPECT_EQ(aliasOf("vlan0"), "");
+}
+
+TEST_F(VLANKernelTest, CutsALongDisplayNameBetweenTwoCharacters) {
+    std::string name;
+    for (int i = 0; i < 100; ++i) {
+        name += "€";
+    }
+
+    create(*preferences, "x" + name, 5, "en0");
+    create(*preferences, name, 6, "en0");
+    create(*preferences, std::string(255, 'y') + "z", 7, "en0");
+
+    EXPECT_EQ(aliasOf("vlan0"), "x" + name.substr(0, std::size_t{84} * 3));
+    EXPECT_EQ(aliasOf("vlan1"), name.substr(0, std::size_t{85} * 3));
+    EXPECT_EQ(aliasOf("vlan2"), std::string(255, 'y'));
+}
+
+TEST_F(VLANKernelTest, EndsADisplayNameAtANul) {
+    create(*preferences, std::string("Lab\0network", 11), 5, "en0");
+    create(*preferences, std::string("\0network", 8), 6, "en0");
+
+    EXPECT_EQ(aliasOf("vlan0"), "Lab");
+    EXPECT_EQ(aliasOf("vlan1"), "");
+}
+
+TEST_F(VLANKernelTest, GivesTheLowestFreeName) {
+    ip("link property add dev en1 altname vlan2");
+    EXPECT_EQ(createVLAN(5), "vlan0");
+    EXPECT_EQ(createVLAN(6), "vlan1");
+    EXPECT_EQ(createVLAN(7), "vlan3");
+
+    deleteVLAN(*preferences, "vlan1");
+
+    EXPECT_EQ(createVLAN(8), "vlan1");
+}
+
+TEST_F(VLANKernelTest, CreatesTheSameTagOnAnotherParent) {
+    EXPECT_EQ(createVLAN(5, "en0"), "vlan0");
+    EXPECT_EQ(createVLAN(5, "en1"), "vlan1");
+
+    EXPECT_THAT(described("vlan1"), HasSubstr("vlan1@en1"));
+}
+
+TEST_F(VLANKernelTest, CreatesATagBesideTheSameOneOfAnotherProtocol) {
+    ip("link add link en0 name provider type vlan protocol 802.1ad id 5");
+
+    EXPECT_EQ(createVLAN(5), "vlan0");
+}
+
+TEST_F(VLANKernelTest, RefusesATagThatTheParentHas) {
+    ip("link add link en0 name uplink.5 type vlan id 5");
+
+    EXPECT_THAT(
+        [&] { createVLAN(5); },
+        ThrowsMessage<VLANError>("macOS refused to create the VLAN interface."));
+
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "uplink.5"));
+    EXPECT_THAT(loadRecords(), IsEmpty());
+    EXPECT_THAT(test::logMessages(), IsEmpty());
+}
+
+TEST_F(VLANKernelTest, FindsNoParentThatCannotCarryAVLAN) {
+    createVLAN(5);
+
+    for (const std::string parent : {"lo", "vlan0", "en2", ""}) {
+        EXPECT_THAT(
+            [&] { createVLAN(6, parent); },
+            ThrowsMessage<VLANError>("No physical interface named " + parent + "."));
+    }
+}
+
+TEST_F(VLANKernelTest, CreatesOnAParentThatIsDown) {
+    ip("link set dev en1 down");
+
+    createVLAN(5, "en1");
+    EXPECT_THAT(described("vlan0"), Not(HasSubstr(",UP")));
+
+    ip("link set dev en1 up");
+    EXPECT_THAT(described("vlan0"), HasSubstr(",UP"));
+}
+
+struct Tag {
+    const char* name;
+    std::int64_t value;
+};
+
+std::string nameOf(const testing::TestParamInfo<Tag>& tag) {
+    return tag.param.name;
+}
+
+class GoodTagTest : public VLANKernelTest, public testing::WithParamInterface<Tag> {};
+
+TEST_P(GoodTagTest, IsCreated) {
+    EXPECT_EQ(createVLAN(GetParam().value), "vlan0");
+
+    EXPECT_THAT(
+        described("vlan0"),
+        HasSubstr("vlan protocol 802.1Q id " + std::to_string(GetParam().value) + " "));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    VLANKernelTest, GoodTagTest, testing::Values(Tag{"Lowest", 1}, Tag{"Highest", 4094}), nameOf);
+
+class BadTagTest : public VLANKernelTest, public testing::WithParamInterface<Tag> {};
+
+TEST_P(BadTagTest, IsRefused) {
+    EXPECT_THAT(
+        [&] { createVLAN(GetParam().value); },
+        ThrowsMessage<VLANError>("macOS refused to create the VLAN interface."));
+
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo"));
+    EXPECT_THAT(loadRecords(), IsEmpty());
+    EXPECT_THAT(test::logMessages(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    VLANKernelTest,
+    BadTagTest,
+    testing::Values(
+        Tag{"Zero", 0},
+        Tag{"Reserved", 4095},
+        Tag{"TooHigh", 5000},
+        Tag{"OneIn16Bits", 65537},
+        Tag{"FiveIn32Bits", (std::int64_t{1} << 32) + 5},
+        Tag{"Negative", -1},
+        Tag{"Lowest", std::numeric_limits<std::int64_t>::min()},
+        Tag{"Highest", std::numeric_limits<std::int64_t>::max()}),
+    nameOf);
+
+TEST_F(VLANKernelTest, DeletesItsOwnVLAN) {
+    createVLAN(5);
+    createVLAN(6);
+
+    deleteVLAN(*preferences, "vlan0");
+
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "vlan1"));
+    EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan1", 6, "en0"}));
+    EXPECT_EQ(test::logMessages().back(), "Deleted VLAN vlan0.");
+}
+
+TEST_F(VLANKernelTest, DoesNotFindWhatIsNoVLAN) {
+    for (const std::string name : {"vlan0", "en0", "lo"}) {
+        EXPECT_THAT(
+            [&] { deleteVLAN(*preferences, name); },
+            ThrowsMessage<VLANError>("No VLAN interface named " + name + "."));
+    }
+}
+
+TEST_F(VLANKernelTest, ForgetsAVLANThatSomebodyElseRemoved) {
+    createVLAN(5);
+    createVLAN(6);
+    ip("link delete dev vlan0");
+
+    createVLAN(7, "en1");
+
+    EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan1", 6, "en0"}, Record{"vlan0", 7, "en1"}));
+}
+
+class ForeignVLANTest : public VLANKernelTest {
+protected:
+    /// The helper makes "vlan0" with the tag 5 on "en0", somebody else another one in its place.
+    void replaceVLAN(const std::string& arguments) {
+        createVLAN(5);
+        ip("link delete dev vlan0");
+        ip("link add name vlan0 " + arguments);
+    }
+
+    void expectRefusal() {
+        fs::remove(test::logPath);
+        EXPECT_THAT(
+            [&] { deleteVLAN(*preferences, "vlan0"); },
+            ThrowsMessage<VLANError>("Tarnvale's helper only removes VLANs it created."));
+        EXPECT_THAT(
+            test::logMessages(),
+            ElementsAre("Left VLAN vlan0 alone: Tarnvale's helper didn't create it."));
+        EXPECT_TRUE(exists("vlan0"));
+    }
+};
+
+TEST_F(ForeignVLANTest, IsLeftAlone) {
+    ip("link add name vlan0 link en0 type vlan id 5");
+
+    expectRefusal();
+}
+
+TEST_F(ForeignVLANTest, IsKnownByItsTag) {
+    replaceVLAN("link en0 type vlan id 6");
+
+    expectRefusal();
+}
+
+TEST_F(ForeignVLANTest, IsKnownByItsParent) {
+    replaceVLAN("link en1 type vlan id 5");
+
+    expectRefusal();
+}
+
+TEST_F(ForeignVLANTest, IsKnownByItsProtocol) {
+    replaceVLAN("link en0 type vlan protocol 802.1ad id 5");
+
+    expectRefusal();
+}
+
+TEST_F(ForeignVLANTest, IsOneWhoseParentLeftForAnotherNetworkNamespace) {
+    createVLAN(5);
+    const test::Program elsewhere(
+        {"/usr/bin/unshare", "--net", "/bin/sh", "-c", "echo $$ >/run/elsewhere; sleep 60"});
+    while (!test::exists("/run/elsewhere") || test::contentOf("/run/elsewhere").empty()) {
+    }
+    ip("link set dev en0 netns " + test::contentOf("/run/elsewhere"));
+
+    expectRefusal();
+}
+
+class SessionTest : public VLANKernelTest {};
+
+TEST_F(SessionTest, LeavesNothingThatIsNotCommitted) {
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        EXPECT_THAT(namesOf(session->vlanInterfaces(), *session), ElementsAre("vlan0"));
+        EXPECT_FALSE(session->apply());
+        EXPECT_FALSE(exists("vlan0"));
+    }
+
+    EXPECT_FALSE(exists("vlan0"));
+}
+
+TEST_F(SessionTest, TakesBackWhatIsCommittedAndNotApplied) {
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        EXPECT_TRUE(session->commit());
+        EXPECT_TRUE(exists("vlan0"));
+    }
+
+    EXPECT_FALSE(exists("vlan0"));
+}
+
+TEST_F(SessionTest, TakesBackNoVLANThatTookThePlaceOfItsOwn) {
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        EXPECT_TRUE(session->commit());
+        ip("link delete dev vlan0");
+        ip("link add name vlan0 link en0 type vlan id 5");
+        EXPECT_FALSE(session->apply());
+    }
+
+    EXPECT_TRUE(exists("vlan0"));
+}
+
+TEST_F(SessionTest, CommitsNothingWhenTheNameWasTakenMeanwhile) {
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        ip("link add name vlan0 link en1 type vlan id 9");
+        EXPECT_FALSE(session->commit());
+    }
+
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "vlan0"));
+    EXPECT_THAT(described("vlan0"), HasSubstr("vlan0@en1"));
+}
+
+TEST_F(SessionTest, CommitsNothingWhenTheTagWasTakenMeanwhile) {
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        ip("link add name uplink.5 link en0 type vlan id 5");
+        EXPECT_FALSE(session->commit());
+    }
+
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "uplink.5"));
+}
+
+TEST_F(SessionTest, CommitsNothingWhenTheParentWasReplacedMeanwhile) {
+    const auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+    ip("link delete dev en0");
+    ip("link add name en7 index 1000 type dummy");
+
+    EXPECT_FALSE(session->commit());
+
+    EXPECT_THAT(interfaces(), ElementsAre("en1", "en7", "lo"));
+}
+
+TEST_F(SessionTest, RemovesNothingThatWasReplacedMeanwhile) {
+    ip("link add name vlan0 index 2000 link en0 type vlan id 5");
+    const auto session = open();
+    ASSERT_TRUE(session->remove(find("vlan0", *session)));
+    EXPECT_THAT(session->vlanInterfaces(), IsEmpty());
+    ip("link delete dev vlan0");
+    ip("link add name vlan0 index 2000 link en0 type vlan id 6");
+
+    EXPECT_FALSE(session->commit());
+
+    EXPECT_THAT(described("vlan0"), HasSubstr("802.1Q id 6 "));
+}
+
+TEST_F(SessionTest, StagesOneChange) {
+    createVLAN(5);
+    const auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 6));
+
+    EXPECT_FALSE(session->createVLAN(find("en1", *session), 6));
+    EXPECT_FALSE(session->remove(find("vlan0", *session)));
+    EXPECT_FALSE(session->setDisplayName(find("vlan0", *session), "Lab"));
+}
+
+TEST_F(SessionTest, RemovesVLANsOnly) {
+    const auto session = open();
+
+    EXPECT_FALSE(session->remove(find("en0", *session)));
+}
+
+}  // namespace
+}  // namespace tarnvale::HelperVLAN

@@ -29,15 +29,16 @@ void appendNumber(std::string& out, unsigned number) {
     out.append(digits.data(), result.ptr);
 }
 
-void appendDottedQuad(std::string& out, std::span<const std::uint8_t> bytes) {
-    bool first = true;
-    for (const std::uint8_t byte : bytes) {
-        if (!first) {
-            out += '.';
-        }
-        first = false;
-        appendNumber(out, byte);
+/// Writes the byte in decimal and returns the place behind it.
+char* putByte(char* place, std::uint8_t byte) {
+    if (byte >= 100) {
+        *place++ = static_cast<char>('0' + byte / 100);
     }
+    if (byte >= 10) {
+        *place++ = static_cast<char>('0' + byte / 10 % 10);
+    }
+    *place++ = static_cast<char>('0' + byte % 10);
+    return place;
 }
 
 /// A byte whose first `bits` bits are one.
@@ -111,7 +112,12 @@ std::optional<CIDR> parseCIDR(std::string_view text) {
 
 std::string dottedQuad(std::span<const std::uint8_t> bytes) {
     std::string text;
-    appendDottedQuad(text, bytes);
+    for (const std::uint8_t byte : bytes) {
+        if (!text.empty()) {
+            text += '.';
+        }
+        appendNumber(text, byte);
+    }
     return text;
 }
 
@@ -200,9 +206,15 @@ std::optional<Ports> portsOf(const FirewallRule& rule) {
 }
 
 void append(std::string& out, const CIDR& network) {
-    appendDottedQuad(out, network.address);
-    out += '/';
-    appendNumber(out, static_cast<unsigned>(network.prefixLength));
+    std::array<char, std::string_view("255.255.255.255/32").size()> text{};
+    char* place = text.data();
+    for (const std::uint8_t byte : network.address) {
+        place = putByte(place, byte);
+        *place++ = '.';
+    }
+    place[-1] = '/';
+    place = putByte(place, static_cast<std::uint8_t>(network.prefixLength));
+    out.append(text.data(), place);
 }
 
 void append(std::string& out, const Remote& remote) {

@@ -15,6 +15,7 @@ namespace tarnvale::NetworkFirewall {
 
 namespace {
 
+using namespace std::string_view_literals;
 using Action = FirewallRule::Action;
 using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
@@ -29,10 +30,11 @@ void appendLine(std::string& out, const Pieces&... pieces) {
     out += '\n';
 }
 
-/// The words for the protocols of a rule's lines. An empty one stands for a line without.
-std::span<const std::string_view> protocolWords(Proto proto, bool hasPorts) {
-    static constexpr std::array<std::string_view, 4> words = {"tcp", "udp", "icmp", ""};
-    static constexpr std::span<const std::string_view> all = words;
+/// How each line of a rule names its protocol. An empty text stands for any protocol.
+std::span<const std::string_view> protocolTexts(Proto proto, bool hasPorts) {
+    static constexpr std::array<std::string_view, 4> texts = {
+        " proto tcp", " proto udp", " proto icmp", ""};
+    static constexpr std::span<const std::string_view> all = texts;
     switch (proto) {
         case Proto::tcp:
             return all.subspan(0, 1);
@@ -56,28 +58,25 @@ void appendRuleLines(std::string& out, const FirewallRule& rule, std::string_vie
     const bool hasPorts = ports->first != 0;
     const bool allows = rule.action == Action::allow;
     const bool isInbound = rule.direction == Direction::inbound;
-    for (const std::string_view protocol : protocolWords(rule.proto, hasPorts)) {
-        out += allows ? "pass" : "block drop";
-        out += isInbound ? " out quick" : " in quick";
-        if (!protocol.empty()) {
-            out += " proto ";
-            out += protocol;
-        }
-        out += " from ";
+    for (const std::string_view protocol : protocolTexts(rule.proto, hasPorts)) {
+        out += allows ? "pass"sv : "block drop"sv;
+        out += isInbound ? " out quick"sv : " in quick"sv;
+        out += protocol;
+        out += " from "sv;
         if (isInbound) {
             append(out, *remote);
-            out += " to ";
+            out += " to "sv;
             out += subnet;
         } else {
             out += subnet;
-            out += " to ";
+            out += " to "sv;
             append(out, *remote);
         }
         if (hasPorts) {
-            out += " port ";
+            out += " port "sv;
             append(out, *ports);
         }
-        out += allows ? " keep state\n" : "\n";
+        out += allows ? " keep state\n"sv : "\n"sv;
     }
 }
 

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+//
+// Rulesets of any bytes. Every rule that is read survives being packed, and the plan of a packet's
+// way finds what a walk over the lines finds.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+#include <vector>
+
+#include "platform/linux/pfctl/Dispatch.h"
+#include "platform/linux/pfctl/Rule.h"
+#include "platform/linux/pfctl/RulesetParser.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+void checkPlan(
+    const std::vector<Rule>& rules,
+    const DirectionPlan& plan,
+    Direction direction,
+    const Flow& flow) {
+    const auto first = std::ranges::find_if(rules, [&](const Rule& rule) {
+        return rule.direction == direction && matches(rule, flow);
+    });
+    const auto found = decidingRule(rules, plan, direction, flow);
+    require(found.has_value() == (first != rules.end()));
+    require(!found || *found == static_cast<std::uint32_t>(first - rules.begin()));
+}
+
+void check(std::string_view text) {
+    const auto ruleset = parseRuleset(text);
+    require(ruleset.mistakes.size() <= mostMistakes);
+    if (!ruleset.mistakes.empty()) {
+        return;
+    }
+    const Dispatch dispatch = planDispatch(ruleset.rules);
+    for (const Rule& rule : ruleset.rules) {
+        const auto& plan = rule.direction == Direction::in ? dispatch.in : dispatch.out;
+        require(unpackedRule(packed(rule)) == rule);
+        // The first and the last addresses of a rule are where a plan could err.
+        for (const bool last : {false, true}) {
+            const auto end = [last](const Endpoint& side) {
+                return last ? side.network.last() : side.network.address;
+            };
+            const Flow flow{
+                .protocol = static_cast<std::uint8_t>(rule.protocol),
+                .source = end(rule.from),
+                .destination = end(rule.to),
+                .sourcePort = rule.from.ports.first,
+                .destinationPort = rule.to.ports.last};
+            checkPlan(ruleset.rules, plan, rule.direction, flow);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tarnvale::pfctl
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes are what a text is made of
+    tarnvale::pfctl::check({reinterpret_cast<const char*>(data), size});
+    return 0;
+}

@@ -2,6 +2,7 @@
 
 #include "bench/PolicyDocument.h"
 
+#include <array>
 #include <random>
 #include <string_view>
 
@@ -40,12 +41,12 @@ private:
     }
 
     void rule() {
-        constexpr std::string_view protos[] = {"any", "tcp", "udp", "icmp"};
+        static constexpr std::array<std::string_view, 4> protos{"any", "tcp", "udp", "icmp"};
         const std::size_t proto = below(4);
         text_ += R"({"id":")" + uuid() + R"(","enabled":)" + (below(10) > 0 ? "true" : "false") +
                  R"(,"direction":")" + (below(2) > 0 ? "inbound" : "outbound") + R"(","action":")" +
                  (below(2) > 0 ? "allow" : "deny") + R"(","proto":")";
-        text_.append(protos[proto]).append(R"(","remoteCIDR":")");
+        text_.append(protos.at(proto)).append(R"(","remoteCIDR":")");
         if (below(4) == 0) {
             text_ += "any";
         } else {
@@ -74,7 +75,7 @@ private:
     /// The same numbers on every machine, unlike the standard distributions.
     std::size_t below(std::size_t bound) { return random_() % bound; }
 
-    std::mt19937_64 random_{1};
+    std::mt19937_64 random_{1};  // NOLINT(cert-msc51-cpp): every document is the same
     std::string text_;
 };
 

@@ -2,6 +2,8 @@
 
 #include "bench/SimdjsonPolicies.h"
 
+#include <array>
+#include <cstddef>
 #include <stdexcept>
 
 #include <simdjson.h>
@@ -10,7 +12,8 @@ namespace tarnvale::bench {
 
 namespace {
 
-using namespace NetworkFirewall;
+using NetworkFirewall::FirewallNetworkPolicy;
+using NetworkFirewall::FirewallRule;
 using simdjson::ondemand::object;
 
 template <class Word, std::size_t count>

@@ -14,6 +14,8 @@
 #include <locale>
 #include <sstream>
 
+#include "support/Text.h"
+
 namespace tarnvale::support {
 
 namespace {
@@ -28,7 +30,7 @@ bool isContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
 }
 
-// MARK: Strings
+// Strings
 
 /// True for what a string may hold just as it is and what needs no second look.
 bool isPlain(char c) {
@@ -62,28 +64,6 @@ const char* plainEnd(const char* next, const char* end) {
     return next;
 }
 
-/// The length of the well-formed UTF-8 sequence of several bytes at `next`; 0 when there is none.
-std::ptrdiff_t sequenceLength(const char* next, const char* end) {
-    const auto at = [&](std::ptrdiff_t i) { return static_cast<unsigned char>(next[i]); };
-    const auto first = at(0);
-    const std::ptrdiff_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || end - next < length) {
-        return 0;
-    }
-    // Overlong forms, surrogates and what lies beyond U+10FFFF show in the second byte.
-    const unsigned lowest = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
-    const unsigned highest = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
-    if (at(1) < lowest || at(1) > highest) {
-        return 0;
-    }
-    for (std::ptrdiff_t i = 2; i < length; ++i) {
-        if (!isContinuation(next[i])) {
-            return 0;
-        }
-    }
-    return length;
-}
-
 void appendUtf8(std::string& out, unsigned codePoint) {
     const auto append = [&](unsigned byte) { out.push_back(static_cast<char>(byte)); };
     const auto appendContinuation = [&](unsigned bits) { append(0x80 | (bits & 0x3F)); };
@@ -104,7 +84,7 @@ void appendUtf8(std::string& out, unsigned codePoint) {
     }
 }
 
-// MARK: Numbers
+// Numbers
 
 /// A number as digits, of which neither the first nor the last is 0, times a power of ten. Zero has
 /// no digits.
@@ -201,7 +181,7 @@ std::string shortestText(double value) {
     }
 }
 
-// MARK: Sentences
+// Sentences
 
 /// The start of a value as it was written, as much as a sentence can bear.
 std::string shortened(std::string_view written) {
@@ -218,7 +198,7 @@ std::string shortened(std::string_view written) {
 
 }  // namespace
 
-// MARK: - Reading
+// Reading
 
 JsonReader::JsonReader(std::string_view json)
     : begin_(json.data()), next_(begin_), end_(begin_ + json.size()) {
@@ -427,7 +407,7 @@ void JsonReader::passVerbatim() {
         if (static_cast<unsigned char>(*next_) < ' ') {
             failAt(next_, "control character in a string");
         }
-        const std::ptrdiff_t length = sequenceLength(next_, end_);
+        const std::size_t length = characterLength({next_, static_cast<std::size_t>(end_ - next_)});
         if (length == 0) {
             failAt(next_, "string that is not UTF-8");
         }
@@ -622,7 +602,7 @@ std::string JsonReader::pathTo(const char* place) const {
     return path;
 }
 
-// MARK: - Writing
+// Writing
 
 void JsonWriter::write(bool value) {
     text_ += value ? "true" : "false";
@@ -696,11 +676,12 @@ void JsonWriter::writeString(std::string_view value) {
         }
         const auto byte = static_cast<unsigned char>(*next);
         if (byte >= 0x80) {
-            const std::ptrdiff_t length = sequenceLength(next, end);
+            const std::size_t length =
+                characterLength({next, static_cast<std::size_t>(end - next)});
             if (length == 0) {
                 throw JsonError("JSON has no form for a string that is not UTF-8");
             }
-            text_.append(next, static_cast<std::size_t>(length));
+            text_.append(next, length);
             next += length;
             continue;
         }

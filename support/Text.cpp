@@ -195,6 +195,11 @@ bool isValidUtf8(std::string_view bytes) {
     return validLength(bytes) == bytes.size();
 }
 
+std::size_t characterLength(std::string_view bytes) {
+    const Part part = bytes.empty() ? Part{} : partAt(bytes, 0);
+    return part.isCharacter ? part.length : 0;
+}
+
 std::string repairedUtf8(std::string_view bytes) {
     std::string text;
     text.reserve(bytes.size());

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,6 +30,9 @@ void appendOnOneLine(std::string& out, std::string_view text);
 std::string asciiLower(std::string_view text);
 
 bool isValidUtf8(std::string_view bytes);
+
+/// The length of the character that the bytes begin with; 0 when they begin with none.
+std::size_t characterLength(std::string_view bytes);
 
 /// The bytes as UTF-8, each maximal ill-formed part replaced by one U+FFFD.
 std::string repairedUtf8(std::string_view bytes);

@@ -325,5 +325,15 @@ TEST(TextTest, RefusesWhatIsNoDecimalInteger) {
     }
 }
 
+TEST(TextTest, MeasuresTheFirstCharacter) {
+    EXPECT_EQ(characterLength("ab"), 1U);
+    EXPECT_EQ(characterLength("éb"), 2U);
+    EXPECT_EQ(characterLength("€b"), 3U);
+    EXPECT_EQ(characterLength("😀b"), 4U);
+    EXPECT_EQ(characterLength(""), 0U);
+    EXPECT_EQ(characterLength("\x80"), 0U);
+    EXPECT_EQ(characterLength("\xE2\x82"), 0U);
+}
+
 }  // namespace
 }  // namespace tarnvale::support

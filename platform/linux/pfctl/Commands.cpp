@@ -113,8 +113,9 @@ int load(const Arguments& arguments) {
     if (!rules) {
         throw PfctlError("Syntax error in config file: pf rules not loaded");
     }
-    const RunLock lock(RunLock::WhenTaken::fail);
+    // Closing the socket takes the kernel milliseconds; by then the lock is free again.
     NetlinkSocket socket;
+    const RunLock lock(RunLock::WhenTaken::fail);
     NftablesBackend(socket).load(
         {.anchor = arguments.anchor,
          .rules = *rules,

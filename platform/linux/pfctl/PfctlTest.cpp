@@ -273,6 +273,20 @@ TEST_F(PfctlTest, JudgesNestedNetworksInTheOrderOfTheLines) {
     EXPECT_FALSE(Datagrams::exchange("127.1.0.1", "127.0.0.9", 5001));
 }
 
+TEST_F(PfctlTest, TellsNetworksOfOneSizeApart) {
+    load(
+        "block drop in quick from 127.0.0.0/24 to any\n"
+        "pass in quick from 127.0.1.0/24 to any keep state\n"
+        "block drop in quick from 127.0.3.0/24 to any\n");
+    pfctl({"-E"});
+
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.255", "127.0.1.1", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.1.0", "127.0.1.1", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.2.1", "127.0.1.1", 5000));
+    EXPECT_FALSE(Datagrams::exchange("127.0.3.1", "127.0.1.1", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.4.1", "127.0.1.1", 5000));
+}
+
 TEST_F(PfctlTest, KillsTheStatesOfANetworkOnly) {
     load("pass in quick from 127.0.0.0/8 to any keep state\n");
     pfctl({"-E"});

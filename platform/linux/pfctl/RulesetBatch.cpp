@@ -163,9 +163,12 @@ public:
         });
     }
 
-    /// Decides by what the map says for the address.
-    void decideBy(std::uint32_t offset, std::string_view map) {
-        loadPayload(NFT_PAYLOAD_NETWORK_HEADER, offset, sizeof(std::uint32_t));
+    /// Decides by what the map says for the address under the mask.
+    void decideBy(std::uint32_t offset, std::uint32_t mask, std::string_view map) {
+        loadPayload(NFT_PAYLOAD_NETWORK_HEADER, offset, sizeof mask);
+        if (mask != ~std::uint32_t{0}) {
+            maskAndFlip(addressBytes(mask), addressBytes(0));
+        }
         expression("lookup", [&] {
             messages_.putText(NFTA_LOOKUP_SET, map);
             messages_.put32(NFTA_LOOKUP_SREG, dataRegister);
@@ -268,6 +271,18 @@ constexpr std::uint32_t sourcePortOffset = 0;
 constexpr std::uint32_t destinationPortOffset = 2;
 constexpr std::uint8_t byInitiator = 0;  ///< conntrack's direction "original"
 constexpr std::uint8_t byResponder = 1;  ///< conntrack's direction "reply"
+
+/// The mask under which an address says by itself which interval it is in: the intervals are all
+/// of one size, and lie as networks do. Then the kernel finds it in a hash table, which among a
+/// thousand networks takes half the time of a search. Nothing for other intervals.
+std::optional<std::uint32_t> commonMask(const std::vector<Interval>& intervals) {
+    const std::uint32_t hostBits = intervals.front().last - intervals.front().first;
+    const bool common = std::ranges::all_of(intervals, [hostBits](const Interval& interval) {
+        return interval.last - interval.first == hostBits && (interval.first & hostBits) == 0;
+    });
+    const bool isPrefix = (hostBits & (hostBits + 1)) == 0;
+    return common && isPrefix ? std::optional(~hostBits) : std::nullopt;
+}
 
 /// Writes one direction's half of the table.
 class HalfWriter {
@@ -412,19 +427,31 @@ private:
 
         const std::string name = mapName(maps_);
         ++maps_;
+        const bool hashed = commonMask(map.intervals).has_value();
         messages_.begin(header(NFT_MSG_NEWSET, NLM_F_CREATE));
         messages_.putText(NFTA_SET_TABLE, table_.anchor);
         messages_.putText(NFTA_SET_NAME, name);
         messages_.put32(NFTA_SET_ID, nextSetID());
-        messages_.put32(NFTA_SET_FLAGS, NFT_SET_INTERVAL | NFT_SET_MAP);
+        messages_.put32(NFTA_SET_FLAGS, NFT_SET_MAP | (hashed ? 0 : NFT_SET_INTERVAL));
         messages_.put32(NFTA_SET_KEY_TYPE, ipv4AddressType);
         messages_.put32(NFTA_SET_KEY_LEN, sizeof(std::uint32_t));
         messages_.put32(NFTA_SET_DATA_TYPE, NFT_DATA_VERDICT);
-        writeElements(name, map, chainOf);
+        if (hashed) {
+            messages_.nest(NFTA_SET_DESC, [&] {
+                messages_.put32(
+                    NFTA_SET_DESC_SIZE, static_cast<std::uint32_t>(map.intervals.size()));
+            });
+        }
+        writeElements(name, map, [&](const Interval& interval) {
+            putElement(interval.first, chainOf(interval.path));
+            if (!hashed) {
+                putEnd(interval.last);
+            }
+        });
     }
 
-    template <typename ChainOf>
-    void writeElements(const std::string& name, const NetworkMap& map, ChainOf chainOf) {
+    template <typename PutInterval>
+    void writeElements(const std::string& name, const NetworkMap& map, PutInterval putInterval) {
         std::size_t next = 0;
         while (next < map.intervals.size()) {
             messages_.begin(header(NFT_MSG_NEWSETELEM, NLM_F_CREATE));
@@ -432,25 +459,28 @@ private:
             messages_.putText(NFTA_SET_ELEM_LIST_SET, name);
             messages_.nest(NFTA_SET_ELEM_LIST_ELEMENTS, [&] {
                 while (next < map.intervals.size() && messages_.messageSize() < mostElementBytes) {
-                    writeInterval(map.intervals[next], chainOf(map.intervals[next].path));
+                    putInterval(map.intervals[next]);
                     ++next;
                 }
             });
         }
     }
 
-    /// An interval is two elements: where it begins, and the address after its last one.
-    void writeInterval(const Interval& interval, const std::string& chain) {
+    void putElement(std::uint32_t key, const std::string& chain) {
         messages_.nest(NFTA_LIST_ELEM, [&] {
-            putKey(interval.first);
+            putKey(key);
             messages_.nest(
                 NFTA_SET_ELEM_DATA, [&] { RuleWriter::putVerdict(messages_, NFT_JUMP, chain); });
         });
-        if (interval.last == Network().last()) {
+    }
+
+    /// An interval ends before an element of its own, unless no address follows it.
+    void putEnd(std::uint32_t last) {
+        if (last == Network().last()) {
             return;
         }
         messages_.nest(NFTA_LIST_ELEM, [&] {
-            putKey(interval.last + 1);
+            putKey(last + 1);
             messages_.put32(NFTA_SET_ELEM_FLAGS, NFT_SET_ELEM_INTERVAL_END);
         });
     }
@@ -494,16 +524,18 @@ private:
         std::size_t map = 0;
         for (const Step& step : plan_.steps) {
             writeRule(side_.name, [&](RuleWriter& rule) {
-                if (std::holds_alternative<Block>(step)) {
+                const auto* networks = std::get_if<NetworkMap>(&step);
+                if (networks == nullptr) {
                     rule.decide(NFT_JUMP, blockChain(block));
                     ++block;
-                } else {
-                    rule.decideBy(
-                        side_.direction == Direction::in ? sourceOffset : destinationOffset,
-                        mapName(map));
-                    block += std::get<NetworkMap>(step).blocks.size();
-                    ++map;
+                    return;
                 }
+                rule.decideBy(
+                    side_.direction == Direction::in ? sourceOffset : destinationOffset,
+                    commonMask(networks->intervals).value_or(~std::uint32_t{0}),
+                    mapName(map));
+                block += networks->blocks.size();
+                ++map;
             });
         }
     }

@@ -5,7 +5,8 @@
 //
 //     chain in        hook prerouting, after destination translation, as pf's rules see addresses:
 //                     passes packets of flows that have a state, then goes through the steps of the
-//                     dispatch: "jump in.N", or "ip saddr vmap @in.map.N"
+//                     dispatch: "jump in.N" or "ip saddr vmap @in.map.N", or, where the networks
+//                     of a map are all of one size, "ip saddr & MASK vmap @in.map.N"
 //     chain in.N      the rules of one block, and at its end a counter of the packets that none of
 //                     them matched
 //     chain in.path.N the blocks for the addresses of a network that lies inside another

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include <sys/ptrace.h>
 #include <sys/wait.h>
@@ -52,12 +53,18 @@ pid_t start(const std::function<void()>& operation) {
     return child;
 }
 
-/// Lets the child run up to the given system call, counted from 1, and kills it there. False when
-/// it ended before.
-bool killAtCall(pid_t child, int fatalCall) {
+/// The number of the system call that the stopped child is entering.
+long enteredCall(pid_t child) {
+    __ptrace_syscall_info info{};
+    require(::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info) >= 0, "get the call");
+    return static_cast<long>(info.entry.nr);
+}
+
+/// Lets the child run and asks of each system call that it enters whether it shall die there. False
+/// when it lived to its end.
+bool killAt(pid_t child, const std::function<bool(long call)>& isFatal) {
     bool killing = false;
     bool inCall = false;
-    int calls = 0;
     for (;;) {
         const int status = nextStatus(child);
         if (WIFEXITED(status) && WEXITSTATUS(status) == 0 && killing) {
@@ -76,7 +83,7 @@ bool killAtCall(pid_t child, int fatalCall) {
             signal = 0;
         } else if (signal == systemCallStop) {
             inCall = !inCall;
-            if (inCall && ++calls == fatalCall) {
+            if (inCall && isFatal(enteredCall(child))) {
                 require(::kill(child, SIGKILL) == 0, "kill");
                 while (!WIFSIGNALED(nextStatus(child))) {
                 }
@@ -104,12 +111,22 @@ int killAtEverySystemCall(
     const std::function<void()>& check) {
     for (int call = 1;; ++call) {
         prepare();
-        const bool killed = killAtCall(start(operation), call);
+        int entered = 0;
+        const bool killed = killAt(start(operation), [&](long) { return ++entered == call; });
         check();
         if (!killed) {
             return call - 1;
         }
     }
+}
+
+std::vector<long> systemCallsOf(const std::function<void()>& operation) {
+    std::vector<long> calls;
+    killAt(start(operation), [&](long call) {
+        calls.push_back(call);
+        return false;
+    });
+    return calls;
 }
 
 }  // namespace tarnvale::test

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
 // An operation that is killed at every instant that a file system can tell from another: before
-// each of its system calls in turn.
+// each of its system calls in turn. And the list of those calls, where their order matters.
 
 #pragma once
 
 #include <functional>
+#include <vector>
 
 namespace tarnvale::test {
 
@@ -23,5 +24,9 @@ int killAtEverySystemCall(
     const std::function<void()>& prepare,
     const std::function<void()>& operation,
     const std::function<void()>& check);
+
+/// Runs `operation` in a child and returns the numbers (`SYS_…`) of the system calls that it makes
+/// after `beginKilling`, in order. Throws `std::runtime_error` as `killAtEverySystemCall` does.
+std::vector<long> systemCallsOf(const std::function<void()>& operation);
 
 }  // namespace tarnvale::test

@@ -1,0 +1,439 @@
+// SPDX-License-Identifier: MIT
+
+#include "support/Files.h"
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "tests/support/HelperFiles.h"
+#include "tests/support/KillEverywhere.h"
+#include "tests/support/PrivateRoot.h"
+
+namespace tarnvale::support {
+namespace {
+
+namespace fs = std::filesystem;
+using test::contentOf;
+using test::exists;
+using test::modeOf;
+using test::namesIn;
+using test::put;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::ThrowsMessage;
+using Operation = FileError::Operation;
+
+constexpr mode_t secret = 0600;
+constexpr mode_t forAll = 0644;
+
+const std::string folder = "/tmp/files";
+const std::string path = folder + "/notes.txt";
+
+class FilesTest : public testing::Test {
+protected:
+    FilesTest() { fs::create_directories(folder); }
+};
+
+/// A small file system on the tests' folder.
+void mountSmallDisk(unsigned long flags = 0) {
+    ASSERT_EQ(::mount("small", folder.c_str(), "tmpfs", flags, "size=16k,mode=0755"), 0);
+}
+
+TEST_F(FilesTest, WritesANewFile) {
+    const std::string bytes("one\0two\n", 8);
+
+    writeFileAtomically(path, bytes, forAll);
+
+    EXPECT_EQ(contentOf(path), bytes);
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
+}
+
+TEST_F(FilesTest, ReplacesAFile) {
+    put(path, "a longer text than what comes");
+
+    writeFileAtomically(path, "short", forAll);
+
+    EXPECT_EQ(contentOf(path), "short");
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
+}
+
+TEST_F(FilesTest, WritesAnEmptyFile) {
+    writeFileAtomically(path, "", secret);
+
+    EXPECT_EQ(contentOf(path), "");
+}
+
+TEST_F(FilesTest, WritesMoreThanOneWriteTakes) {
+    const std::string bytes(5'000'000, 'x');
+
+    writeFileAtomically(path, bytes, forAll);
+
+    EXPECT_EQ(contentOf(path), bytes);
+}
+
+TEST_F(FilesTest, GivesTheFileItsModeWhateverTheUmaskAndTheOldMode) {
+    for (const mode_t mask : {0U, 022U, 077U}) {
+        ::umask(mask);
+        for (const mode_t mode : {secret, forAll}) {
+            fs::remove(path);
+            writeFileAtomically(path, "new", mode);
+            EXPECT_EQ(modeOf(path), mode) << mask;
+
+            fs::permissions(path, fs::perms(0666));
+            writeFileAtomically(path, "newer", mode);
+            EXPECT_EQ(modeOf(path), mode) << mask;
+        }
+    }
+}
+
+TEST_F(FilesTest, ReplacesALinkInsteadOfFollowingIt) {
+    put("/tmp/elsewhere", "kept");
+    fs::create_symlink("/tmp/elsewhere", path);
+
+    writeFileAtomically(path, "new", forAll);
+
+    EXPECT_FALSE(fs::is_symlink(path));
+    EXPECT_EQ(contentOf(path), "new");
+    EXPECT_EQ(contentOf("/tmp/elsewhere"), "kept");
+}
+
+TEST_F(FilesTest, SynchronisesTheFileBeforeTheRenameAndTheFolderAfterIt) {
+    const auto calls = test::systemCallsOf([] {
+        test::beginKilling();
+        writeFileAtomically(path, "new", secret);
+    });
+
+    std::vector<long> ofInterest;
+    for (const long call : calls) {
+        if (call == SYS_write || call == SYS_fsync || call == SYS_renameat) {
+            ofInterest.push_back(call);
+        }
+    }
+    EXPECT_THAT(ofInterest, ElementsAre(SYS_write, SYS_fsync, SYS_renameat, SYS_fsync));
+}
+
+TEST_F(FilesTest, ADeathAtAnyInstantLeavesTheOldFileOrTheNew) {
+    ::umask(0);
+
+    const int deaths = test::killAtEverySystemCall(
+        [] {
+            fs::remove_all(folder);
+            put(path, "old");
+        },
+        [] {
+            test::beginKilling();
+            writeFileAtomically(path, "new", secret);
+        },
+        [] {
+            EXPECT_THAT(contentOf(path), AnyOf("old", "new"));
+            for (const auto& name : namesIn(folder)) {
+                if (name != "notes.txt") {
+                    EXPECT_EQ(modeOf(folder + "/" + name), secret) << name;
+                }
+            }
+        });
+
+    EXPECT_GE(deaths, 6);
+}
+
+TEST_F(FilesTest, SweepsAwayWhatKilledWritesLeft) {
+    const std::string leftover = ".notes.txt.0123456789abcdef";
+    const std::string young = ".notes.txt.fedcba9876543210";
+    const std::string others = ".other.txt.0123456789abcdef";
+    const std::string notOurs = ".notes.txt.swp";
+    for (const auto& name : {leftover, young, others, notOurs}) {
+        put(folder + "/" + name, "left");
+        if (name != young) {
+            fs::last_write_time(
+                folder + "/" + name, fs::file_time_type::clock::now() - std::chrono::hours(2));
+        }
+    }
+
+    writeFileAtomically(path, "new", forAll);
+
+    EXPECT_THAT(namesIn(folder), ElementsAre(young, notOurs, others, "notes.txt"));
+}
+
+TEST_F(FilesTest, AFolderInTheFilesPlaceStaysAndNothingIsLeftBehind) {
+    put(path + "/inside", "kept");
+
+    EXPECT_THAT(
+        [] { writeFileAtomically(path, "new", forAll); },
+        ThrowsMessage<FileError>("The file “notes.txt” couldn’t be saved in the folder “files”."));
+
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
+    EXPECT_EQ(contentOf(path + "/inside"), "kept");
+}
+
+TEST_F(FilesTest, AMissingFolderIsTold) {
+    EXPECT_THAT(
+        [] { writeFileAtomically("/tmp/nowhere/notes.txt", "new", forAll); },
+        ThrowsMessage<FileError>("The folder “notes.txt” doesn’t exist."));
+}
+
+TEST_F(FilesTest, AFullVolumeIsToldAndKeepsTheOldFile) {
+    mountSmallDisk();
+    put(path, "old");
+
+    EXPECT_THAT(
+        [] { writeFileAtomically(path, std::string(20'000, 'x'), forAll); },
+        ThrowsMessage<FileError>(
+            "You can’t save the file “notes.txt” because the volume “/tmp/files” is out of "
+            "space."));
+
+    EXPECT_EQ(contentOf(path), "old");
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
+}
+
+TEST_F(FilesTest, AReadOnlyVolumeIsTold) {
+    mountSmallDisk(MS_RDONLY);
+
+    EXPECT_THAT(
+        [] { writeFileAtomically(path, "new", forAll); },
+        ThrowsMessage<FileError>(
+            "You can’t save the file “notes.txt” because the volume “/tmp/files” is read only."));
+    EXPECT_THAT(
+        [] { makeFolders(folder + "/a/b"); },
+        ThrowsMessage<FileError>(
+            "You can’t save the file “a” because the volume “/tmp/files” is read only."));
+}
+
+TEST_F(FilesTest, KeepsTheModeAndTheOwnerOfAFileThatIsNotOurs) {
+    if (!test::isRealRoot()) {
+        GTEST_SKIP() << "a user namespace has no other owners";
+    }
+    for (const mode_t mask : {0U, 022U, 077U}) {
+        ::umask(mask);
+        put(path, "old");
+        ASSERT_EQ(::chown(path.c_str(), 1234, 2345), 0);
+        fs::permissions(path, fs::perms(0664));
+
+        replaceFileKeepingAttributes(path, "new");
+
+        struct stat info {};
+        ASSERT_EQ(::stat(path.c_str(), &info), 0);
+        EXPECT_EQ(contentOf(path), "new");
+        EXPECT_EQ(modeOf(path), 0664U);
+        EXPECT_EQ(info.st_uid, 1234U);
+        EXPECT_EQ(info.st_gid, 2345U);
+    }
+}
+
+TEST_F(FilesTest, GivesAFileThatIsNotOursButMissingAnOrdinaryMode) {
+    ::umask(077);
+
+    replaceFileKeepingAttributes(path, "new");
+
+    EXPECT_EQ(contentOf(path), "new");
+    EXPECT_EQ(modeOf(path), 0644U);
+}
+
+TEST_F(FilesTest, ReadsAWholeFile) {
+    const std::string bytes = std::string("\0\xFF\n", 3) + std::string(3'000'000, 'x');
+    put(path, bytes);
+
+    EXPECT_EQ(readFile(path), bytes);
+}
+
+TEST_F(FilesTest, ReadsAnEmptyFile) {
+    put(path, "");
+
+    EXPECT_EQ(readFile(path), "");
+}
+
+TEST_F(FilesTest, ReadsAFileThatIsLongerThanItsSizeSays) {
+    std::ifstream file("/proc/cpuinfo", std::ios::binary);
+    const std::string expected{std::istreambuf_iterator<char>(file), {}};
+
+    const auto bytes = readFile("/proc/cpuinfo");
+
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(bytes->substr(0, 100), expected.substr(0, 100));
+    EXPECT_GT(bytes->size(), 100U);
+}
+
+TEST_F(FilesTest, ReadsThroughALink) {
+    put("/tmp/elsewhere", "text");
+    fs::create_symlink("/tmp/elsewhere", path);
+
+    EXPECT_EQ(readFile(path), "text");
+}
+
+TEST_F(FilesTest, ReadsNothingButRegularFiles) {
+    ASSERT_EQ(::mkfifo(path.c_str(), secret), 0);
+
+    EXPECT_EQ(readFile(path), std::nullopt);
+    EXPECT_EQ(readFile(folder), std::nullopt);
+    EXPECT_EQ(readFile("/dev/zero"), std::nullopt);
+    EXPECT_EQ(readFile(folder + "/missing"), std::nullopt);
+    EXPECT_EQ(readFile(""), std::nullopt);
+}
+
+TEST_F(FilesTest, MakesEveryMissingFolderByTheUmask) {
+    ::umask(027);
+
+    makeFolders(folder + "/a/b/c");
+
+    for (const std::string made : {"/a", "/a/b", "/a/b/c"}) {
+        EXPECT_TRUE(fs::is_directory(folder + made));
+        EXPECT_EQ(modeOf(folder + made), 0750U) << made;
+    }
+}
+
+TEST_F(FilesTest, MakesEveryMissingFolderWithExactlyTheGivenMode) {
+    for (const mode_t mask : {0U, 022U, 077U}) {
+        ::umask(mask);
+        fs::remove_all(folder + "/a");
+
+        makeFolders(folder + "/a/b", 0755);
+
+        EXPECT_EQ(modeOf(folder + "/a"), 0755U) << mask;
+        EXPECT_EQ(modeOf(folder + "/a/b"), 0755U) << mask;
+    }
+}
+
+TEST_F(FilesTest, LeavesAFolderThatIsThereAsItIs) {
+    fs::permissions(folder, fs::perms(0711));
+
+    makeFolders(folder, 0755);
+
+    EXPECT_EQ(modeOf(folder), 0711U);
+}
+
+TEST_F(FilesTest, AFileInAFoldersPlaceIsTold) {
+    put(path, "in the way");
+
+    EXPECT_THAT(
+        [] { makeFolders(path); },
+        ThrowsMessage<FileError>(
+            "The file “notes.txt” couldn’t be saved in the folder “files” because a file with the "
+            "same name already exists."));
+    EXPECT_THAT(
+        [] { makeFolders(path + "/a"); },
+        ThrowsMessage<FileError>("The file “a” couldn’t be saved in the folder “notes.txt”."));
+}
+
+TEST_F(FilesTest, SetsAMode) {
+    put(path, "text");
+
+    setMode(path, 0640);
+
+    EXPECT_EQ(modeOf(path), 0640U);
+    EXPECT_THAT(
+        [] { setMode(folder + "/missing", 0640); },
+        ThrowsMessage<FileError>("The file “missing” doesn’t exist."));
+}
+
+TEST_F(FilesTest, RemovesAFileForGood) {
+    put(path, "text");
+
+    const auto calls = test::systemCallsOf([] {
+        test::beginKilling();
+        removeFile(path);
+    });
+
+    EXPECT_FALSE(exists(path));
+    std::vector<long> ofInterest;
+    for (const long call : calls) {
+        if (call == SYS_unlinkat || call == SYS_fsync) {
+            ofInterest.push_back(call);
+        }
+    }
+    EXPECT_THAT(ofInterest, ElementsAre(SYS_unlinkat, SYS_fsync));
+}
+
+TEST_F(FilesTest, RemovesALinkAndNotWhatItPointsTo) {
+    put("/tmp/elsewhere", "kept");
+    fs::create_symlink("/tmp/elsewhere", path);
+
+    removeFile(path);
+
+    EXPECT_FALSE(exists(path));
+    EXPECT_EQ(contentOf("/tmp/elsewhere"), "kept");
+}
+
+TEST_F(FilesTest, TellsThatThereIsNothingToRemove) {
+    for (const std::string missing : {"/tmp/files/missing", "/tmp/nowhere/missing"}) {
+        EXPECT_THAT(
+            [&] { removeFile(missing); },
+            ThrowsMessage<FileError>("“missing” couldn’t be removed."));
+    }
+    EXPECT_THAT(
+        [] { removeFile(folder); }, ThrowsMessage<FileError>("“files” couldn’t be removed."));
+    EXPECT_THAT(namesIn(folder), IsEmpty());
+}
+
+TEST(FileErrorTest, TellsEveryCauseInItsOwnSentence) {
+    struct Case {
+        Operation operation;
+        int errorNumber;
+        std::string_view sentence;
+    };
+    const std::vector<Case> cases = {
+        {Operation::write,
+         EACCES,
+         "You don’t have permission to save the file “F” in the folder “D”."},
+        {Operation::write,
+         EPERM,
+         "You don’t have permission to save the file “F” in the folder “D”."},
+        {Operation::write, ENOENT, "The file “F” doesn’t exist."},
+        {Operation::writeInto, ENOENT, "The folder “F” doesn’t exist."},
+        {Operation::write,
+         EEXIST,
+         "The file “F” couldn’t be saved in the folder “D” because a file with the same name "
+         "already exists."},
+        {Operation::write,
+         ENOSPC,
+         "You can’t save the file “F” because the volume “/” is out of space."},
+        {Operation::write,
+         EDQUOT,
+         "You can’t save the file “F” because the volume “/” is out of space."},
+        {Operation::write,
+         EROFS,
+         "You can’t save the file “F” because the volume “/” is read only."},
+        {Operation::write, ENAMETOOLONG, "The file name is invalid."},
+        {Operation::write, EIO, "The file “F” couldn’t be saved in the folder “D”."},
+        {Operation::writeInto, ENOTDIR, "The file “F” couldn’t be saved in the folder “D”."},
+        {Operation::remove,
+         EACCES,
+         "“F” couldn’t be removed because you don’t have permission to access it."},
+        {Operation::remove,
+         EPERM,
+         "“F” couldn’t be removed because you don’t have permission to access it."},
+        {Operation::remove, ENOENT, "“F” couldn’t be removed."},
+        {Operation::remove, EIO, "“F” couldn’t be removed."},
+        {Operation::launch, ENOENT, "The file “F” doesn’t exist."},
+        {Operation::launch,
+         EACCES,
+         "The file “F” couldn’t be opened because you don’t have permission to view it."},
+        {Operation::launch, ENOEXEC, "The file “F” couldn’t be opened."}};
+
+    for (const auto& [operation, errorNumber, sentence] : cases) {
+        const FileError error(operation, "/D/F", errorNumber);
+        EXPECT_EQ(error.what(), sentence);
+        EXPECT_EQ(error.errorNumber(), errorNumber);
+    }
+}
+
+TEST(FileErrorTest, NamesAFileOfTheTopFolder) {
+    EXPECT_STREQ(
+        FileError(Operation::write, "/F", EIO).what(),
+        "The file “F” couldn’t be saved in the folder “/”.");
+}
+
+}  // namespace
+}  // namespace tarnvale::support

@@ -169,20 +169,21 @@ std::optional<std::string> normalizedRemote(std::string_view text) {
 }
 
 std::optional<Ports> parsePorts(std::string_view text) {
-    constexpr std::string_view separators = "-:";
+    constexpr auto isSeparator = [](char c) { return c == '-' || c == ':'; };
     text = support::trimWhitespace(text);
 
     std::array<std::uint16_t, 2> ports{};
     std::size_t count = 0;
-    std::size_t begin = text.find_first_not_of(separators);
-    while (begin != std::string_view::npos) {
-        const std::size_t end = std::min(text.find_first_of(separators, begin), text.size());
-        const auto port = parsePort(text.substr(begin, end - begin));
+    const char* const end = text.data() + text.size();
+    const char* next = std::find_if_not(text.data(), end, isSeparator);
+    while (next != end) {
+        const char* const pieceEnd = std::find_if(next, end, isSeparator);
+        const auto port = parsePort({next, static_cast<std::size_t>(pieceEnd - next)});
         if (!port || count == ports.size()) {
             return std::nullopt;
         }
         ports.at(count++) = *port;
-        begin = text.find_first_not_of(separators, end);
+        next = std::find_if_not(pieceEnd, end, isSeparator);
     }
 
     if (count == 1) {

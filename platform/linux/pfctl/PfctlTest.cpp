@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -490,19 +491,22 @@ TEST_F(PfctlTest, LoadsAndListsThousandsOfNetworks) {
         content->rules, [&index](const CountedRule& rule) { return rule.index == index++; }));
 }
 
+void beginMessage(
+    MessageWriter& transaction, int type, std::uint16_t resource, unsigned flags = 0) {
+    transaction.begin(
+        {.type = static_cast<std::uint16_t>(type),
+         .flags = static_cast<std::uint16_t>(flags),
+         .family = NFPROTO_IPV4,
+         .resource = resource});
+}
+
 TEST_F(PfctlTest, DoesNotTakeTheTablesOfOthersForAnchors) {
     MessageWriter transaction;
-    const auto begin = [&transaction](int type, unsigned flags, std::uint16_t resource) {
-        transaction.begin(
-            {.type = static_cast<std::uint16_t>(type),
-             .flags = static_cast<std::uint16_t>(flags),
-             .family = NFPROTO_IPV4,
-             .resource = resource});
-    };
-    begin(NFNL_MSG_BATCH_BEGIN, 0, NFNL_SUBSYS_NFTABLES);
-    begin(NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ACK, 0);
+    beginMessage(transaction, NFNL_MSG_BATCH_BEGIN, NFNL_SUBSYS_NFTABLES);
+    beginMessage(
+        transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_CREATE | NLM_F_ACK);
     transaction.putText(NFTA_TABLE_NAME, "theirs");
-    begin(NFNL_MSG_BATCH_END, 0, NFNL_SUBSYS_NFTABLES);
+    beginMessage(transaction, NFNL_MSG_BATCH_END, NFNL_SUBSYS_NFTABLES);
     NetlinkSocket socket;
     ASSERT_EQ(socket.request(transaction, 1), 0);
     load(denyFirst);
@@ -511,6 +515,20 @@ TEST_F(PfctlTest, DoesNotTakeTheTablesOfOthersForAnchors) {
     EXPECT_EQ(pfctl({"-a", "theirs", "-v", "-sr"}).output, "");
     EXPECT_EQ(pfctl({"-a", "theirs", "-F", "rules"}).error, "rules cleared\n");
     EXPECT_EQ(socket.request(transaction, 1), 0) << "their table is gone";
+}
+
+TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {
+    MessageWriter transaction;
+    beginMessage(transaction, NFNL_MSG_BATCH_BEGIN, NFNL_SUBSYS_NFTABLES);
+    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_CREATE);
+    transaction.putText(NFTA_TABLE_NAME, "new");
+    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_DELTABLE, 0, 0);
+    transaction.putText(NFTA_TABLE_NAME, "missing");
+    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_ACK);
+    transaction.putText(NFTA_TABLE_NAME, "new");
+    beginMessage(transaction, NFNL_MSG_BATCH_END, NFNL_SUBSYS_NFTABLES);
+
+    EXPECT_EQ(NetlinkSocket().request(transaction, 1), ENOENT);
 }
 
 TEST_F(PfctlTest, RefusesUsersWithoutTheRight) {

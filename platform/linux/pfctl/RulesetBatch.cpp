@@ -610,7 +610,7 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
 
     beginBatch(messages);
     // What is removed must exist, so a table is added first: that changes nothing where one is.
-    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ACK);
+    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
     putTable(messages, table.anchor, NFT_MSG_DELTABLE, 0);
     putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
     messages.put32(NFTA_TABLE_FLAGS, table.dormant ? NFT_TABLE_F_DORMANT : 0);
@@ -621,6 +621,9 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     messages.put(NFTA_TABLE_USERDATA, data);
     HalfWriter(messages, table, in, dispatch.in).write();
     HalfWriter(messages, table, out, dispatch.out).write();
+    // The kernel answers message by message, whatever becomes of the others. So the last one asks,
+    // which changes nothing: an error of any other comes before its acknowledgement.
+    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_ACK);
     endBatch(messages);
 }
 

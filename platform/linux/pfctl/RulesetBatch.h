@@ -44,8 +44,8 @@ struct RulesetTable {
     bool dormant = false;  ///< loaded, but not enforced
 };
 
-/// A transaction that replaces the anchor's table, whether there is one or not. Each of the three
-/// transactions asks for one acknowledgement.
+/// A transaction that replaces the anchor's table, whether there is one or not. In each of the
+/// three transactions the last message before the end asks for an acknowledgement.
 void writeReplacement(MessageWriter& messages, const RulesetTable& table);
 
 /// A transaction that removes the anchor's table, which there must be.

@@ -172,6 +172,7 @@ TEST_F(HelperLogTest, LosesTheLineOnAVolumeThatIsReadOnlyOrFull) {
 TEST_F(HelperLogTest, KeepsTheLinesOfManyThreadsWhole) {
     const std::string message(1000, 'm');
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int line = 0; line < 50; ++line) {
@@ -191,6 +192,7 @@ TEST_F(HelperLogTest, KeepsTheLinesOfManyThreadsWhole) {
 TEST_F(HelperLogTest, KeepsTheLinesOfSeveralProcessesWhole) {
     const std::string message(1000, 'm');
     std::vector<pid_t> children;
+    children.reserve(4);
     for (int i = 0; i < 4; ++i) {
         children.push_back(::fork());
         ASSERT_GE(children.back(), 0);

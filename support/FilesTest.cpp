@@ -40,18 +40,22 @@ using Operation = FileError::Operation;
 constexpr mode_t secret = 0600;
 constexpr mode_t forAll = 0644;
 
-const std::string folder = "/tmp/files";
-const std::string path = folder + "/notes.txt";
-
 class FilesTest : public testing::Test {
 protected:
     FilesTest() { fs::create_directories(folder); }
-};
 
-/// A small file system on the tests' folder.
-void mountSmallDisk(unsigned long flags = 0) {
-    ASSERT_EQ(::mount("small", folder.c_str(), "tmpfs", flags, "size=16k,mode=0755"), 0);
-}
+    /// Puts a small file system on the tests' folder.
+    void mountSmallDisk(unsigned long flags = 0) const {
+        ASSERT_EQ(::mount("small", folder.c_str(), "tmpfs", flags, "size=16k,mode=0755"), 0);
+    }
+
+    std::string inFolder(std::string_view name) const {
+        return std::string(folder).append("/").append(name);
+    }
+
+    const std::string folder = "/tmp/files";
+    const std::string path = "/tmp/files/notes.txt";
+};
 
 TEST_F(FilesTest, WritesANewFile) {
     const std::string bytes("one\0two\n", 8);
@@ -112,7 +116,7 @@ TEST_F(FilesTest, ReplacesALinkInsteadOfFollowingIt) {
 }
 
 TEST_F(FilesTest, SynchronisesTheFileBeforeTheRenameAndTheFolderAfterIt) {
-    const auto calls = test::systemCallsOf([] {
+    const auto calls = test::systemCallsOf([this] {
         test::beginKilling();
         writeFileAtomically(path, "new", secret);
     });
@@ -130,19 +134,19 @@ TEST_F(FilesTest, ADeathAtAnyInstantLeavesTheOldFileOrTheNew) {
     ::umask(0);
 
     const int deaths = test::killAtEverySystemCall(
-        [] {
+        [this] {
             fs::remove_all(folder);
             put(path, "old");
         },
-        [] {
+        [this] {
             test::beginKilling();
             writeFileAtomically(path, "new", secret);
         },
-        [] {
+        [this] {
             EXPECT_THAT(contentOf(path), AnyOf("old", "new"));
             for (const auto& name : namesIn(folder)) {
                 if (name != "notes.txt") {
-                    EXPECT_EQ(modeOf(folder + "/" + name), secret) << name;
+                    EXPECT_EQ(modeOf(inFolder(name)), secret) << name;
                 }
             }
         });
@@ -156,10 +160,10 @@ TEST_F(FilesTest, SweepsAwayWhatKilledWritesLeft) {
     const std::string others = ".other.txt.0123456789abcdef";
     const std::string notOurs = ".notes.txt.swp";
     for (const auto& name : {leftover, young, others, notOurs}) {
-        put(folder + "/" + name, "left");
+        put(inFolder(name), "left");
         if (name != young) {
             fs::last_write_time(
-                folder + "/" + name, fs::file_time_type::clock::now() - std::chrono::hours(2));
+                inFolder(name), fs::file_time_type::clock::now() - std::chrono::hours(2));
         }
     }
 
@@ -172,7 +176,7 @@ TEST_F(FilesTest, AFolderInTheFilesPlaceStaysAndNothingIsLeftBehind) {
     put(path + "/inside", "kept");
 
     EXPECT_THAT(
-        [] { writeFileAtomically(path, "new", forAll); },
+        [this] { writeFileAtomically(path, "new", forAll); },
         ThrowsMessage<FileError>("The file “notes.txt” couldn’t be saved in the folder “files”."));
 
     EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
@@ -190,7 +194,7 @@ TEST_F(FilesTest, AFullVolumeIsToldAndKeepsTheOldFile) {
     put(path, "old");
 
     EXPECT_THAT(
-        [] { writeFileAtomically(path, std::string(20'000, 'x'), forAll); },
+        [this] { writeFileAtomically(path, std::string(20'000, 'x'), forAll); },
         ThrowsMessage<FileError>(
             "You can’t save the file “notes.txt” because the volume “/tmp/files” is out of "
             "space."));
@@ -203,11 +207,11 @@ TEST_F(FilesTest, AReadOnlyVolumeIsTold) {
     mountSmallDisk(MS_RDONLY);
 
     EXPECT_THAT(
-        [] { writeFileAtomically(path, "new", forAll); },
+        [this] { writeFileAtomically(path, "new", forAll); },
         ThrowsMessage<FileError>(
             "You can’t save the file “notes.txt” because the volume “/tmp/files” is read only."));
     EXPECT_THAT(
-        [] { makeFolders(folder + "/a/b"); },
+        [this] { makeFolders(inFolder("a/b")); },
         ThrowsMessage<FileError>(
             "You can’t save the file “a” because the volume “/tmp/files” is read only."));
 }
@@ -279,30 +283,30 @@ TEST_F(FilesTest, ReadsNothingButRegularFiles) {
     EXPECT_EQ(readFile(path), std::nullopt);
     EXPECT_EQ(readFile(folder), std::nullopt);
     EXPECT_EQ(readFile("/dev/zero"), std::nullopt);
-    EXPECT_EQ(readFile(folder + "/missing"), std::nullopt);
+    EXPECT_EQ(readFile(inFolder("missing")), std::nullopt);
     EXPECT_EQ(readFile(""), std::nullopt);
 }
 
 TEST_F(FilesTest, MakesEveryMissingFolderByTheUmask) {
     ::umask(027);
 
-    makeFolders(folder + "/a/b/c");
+    makeFolders(inFolder("a/b/c"));
 
-    for (const std::string made : {"/a", "/a/b", "/a/b/c"}) {
-        EXPECT_TRUE(fs::is_directory(folder + made));
-        EXPECT_EQ(modeOf(folder + made), 0750U) << made;
+    for (const std::string made : {"a", "a/b", "a/b/c"}) {
+        EXPECT_TRUE(fs::is_directory(inFolder(made)));
+        EXPECT_EQ(modeOf(inFolder(made)), 0750U) << made;
     }
 }
 
 TEST_F(FilesTest, MakesEveryMissingFolderWithExactlyTheGivenMode) {
     for (const mode_t mask : {0U, 022U, 077U}) {
         ::umask(mask);
-        fs::remove_all(folder + "/a");
+        fs::remove_all(inFolder("a"));
 
-        makeFolders(folder + "/a/b", 0755);
+        makeFolders(inFolder("a/b"), 0755);
 
-        EXPECT_EQ(modeOf(folder + "/a"), 0755U) << mask;
-        EXPECT_EQ(modeOf(folder + "/a/b"), 0755U) << mask;
+        EXPECT_EQ(modeOf(inFolder("a")), 0755U) << mask;
+        EXPECT_EQ(modeOf(inFolder("a/b")), 0755U) << mask;
     }
 }
 
@@ -318,12 +322,12 @@ TEST_F(FilesTest, AFileInAFoldersPlaceIsTold) {
     put(path, "in the way");
 
     EXPECT_THAT(
-        [] { makeFolders(path); },
+        [this] { makeFolders(path); },
         ThrowsMessage<FileError>(
             "The file “notes.txt” couldn’t be saved in the folder “files” because a file with the "
             "same name already exists."));
     EXPECT_THAT(
-        [] { makeFolders(path + "/a"); },
+        [this] { makeFolders(path + "/a"); },
         ThrowsMessage<FileError>("The file “a” couldn’t be saved in the folder “notes.txt”."));
 }
 
@@ -334,14 +338,14 @@ TEST_F(FilesTest, SetsAMode) {
 
     EXPECT_EQ(modeOf(path), 0640U);
     EXPECT_THAT(
-        [] { setMode(folder + "/missing", 0640); },
+        [this] { setMode(inFolder("missing"), 0640); },
         ThrowsMessage<FileError>("The file “missing” doesn’t exist."));
 }
 
 TEST_F(FilesTest, RemovesAFileForGood) {
     put(path, "text");
 
-    const auto calls = test::systemCallsOf([] {
+    const auto calls = test::systemCallsOf([this] {
         test::beginKilling();
         removeFile(path);
     });
@@ -373,7 +377,7 @@ TEST_F(FilesTest, TellsThatThereIsNothingToRemove) {
             ThrowsMessage<FileError>("“missing” couldn’t be removed."));
     }
     EXPECT_THAT(
-        [] { removeFile(folder); }, ThrowsMessage<FileError>("“files” couldn’t be removed."));
+        [this] { removeFile(folder); }, ThrowsMessage<FileError>("“files” couldn’t be removed."));
     EXPECT_THAT(namesIn(folder), IsEmpty());
 }
 

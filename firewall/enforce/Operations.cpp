@@ -2,16 +2,12 @@
 
 #include "firewall/enforce/Operations.h"
 
-#include <cerrno>
 #include <cstddef>
 #include <exception>
 #include <span>
 #include <unordered_set>
 #include <utility>
 #include <vector>
-
-#include <fcntl.h>
-#include <sys/file.h>
 
 #include "core/AppSupport.h"
 #include "core/HelperLog.h"
@@ -28,7 +24,6 @@
 #include "support/Json.h"
 #include "support/Mutex.h"
 #include "support/Timestamp.h"
-#include "support/UniqueFd.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -40,23 +35,12 @@ using NetworkFirewall::PolicyStore;
 using NetworkFirewall::Review;
 using support::FileError;
 using support::MutexLock;
-using support::UniqueFd;
 
 /// Held for the whole of each operation. Never destroyed: a request may be at work while the
 /// process ends.
 support::Mutex& firewallLock() {
     static auto& lock = *new support::Mutex;
     return lock;
-}
-
-/// Keeps other processes' operations out until it is closed: `--reapply` may run beside the
-/// service. The lock is on the support folder itself; where there is none, nothing is stored that
-/// two could work on.
-UniqueFd lockSupportFolder() {
-    UniqueFd folder(::open(appSupportDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    while (folder && ::flock(folder.get(), LOCK_EX) != 0 && errno == EINTR) {
-    }
-    return folder;
 }
 
 std::string rulesetPath() {
@@ -179,7 +163,7 @@ void removeIfThere(const std::string& path) {
 }
 
 void reapply() {
-    const auto folderLock = lockSupportFolder();
+    const auto storeLock = lockStore();
     auto data = support::readFile(storePath());
     if (!data) {
         return;
@@ -210,12 +194,7 @@ std::string applyFirewall(
     const MutexLock lock(firewallLock());
     auto decoded = decode(policyData);
 
-    try {
-        support::makeFolders(appSupportDirectory);
-    } catch (const FileError&) {
-        // Told when the ruleset is to be written; until then there is nothing to lock.
-    }
-    const auto folderLock = lockSupportFolder();
+    const auto storeLock = lockStore();
     const auto hosts = NetworkFirewall::hostAddresses();
     const auto own = NetworkFirewall::review(std::move(decoded), hosts);
     auto store = loadStore();
@@ -244,7 +223,7 @@ std::string applyFirewall(
 
 void removeFirewall(std::uint32_t uid, bool callerIsConsoleUser) {
     const MutexLock lock(firewallLock());
-    const auto folderLock = lockSupportFolder();
+    const auto storeLock = lockStore();
     const auto user = std::to_string(uid);
     auto store = loadStore();
     NetworkFirewall::setPolicies(

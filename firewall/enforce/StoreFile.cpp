@@ -2,7 +2,12 @@
 
 #include "firewall/enforce/StoreFile.h"
 
+#include <cerrno>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 #include "core/HelperLog.h"
 #include "support/Files.h"
@@ -10,11 +15,42 @@
 namespace tarnvale::HelperFirewall {
 
 using NetworkFirewall::PolicyStore;
+using support::UniqueFd;
+
+namespace {
+
+/// Whether the store's name still stands for the opened file.
+bool isStore(const UniqueFd& file) {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(file.get(), &opened) == 0 && ::stat(storePath().c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+}  // namespace
 
 const std::string& storePath() {
     static const auto& path =
         *new std::string(std::string(appSupportDirectory) + "/firewall-policies.json");
     return path;
+}
+
+UniqueFd lockStore() {
+    while (true) {
+        UniqueFd file(::open(storePath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        if (!file) {
+            return file;
+        }
+        while (::flock(file.get(), LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                return UniqueFd();
+            }
+        }
+        // Whoever held it before us may have put a new file in its place, or none.
+        if (isStore(file)) {
+            return file;
+        }
+    }
 }
 
 PolicyStore loadStore() {

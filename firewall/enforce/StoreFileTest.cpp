@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: MIT
+
+#include "firewall/enforce/StoreFile.h"
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/Files.h"
+#include "support/UniqueFd.h"
+#include "tests/support/HelperFiles.h"
+
+namespace tarnvale::HelperFirewall {
+namespace {
+
+namespace fs = std::filesystem;
+using NetworkFirewall::PolicyStore;
+using support::FileError;
+using support::UniqueFd;
+using test::contentOf;
+using test::exists;
+using test::logMessages;
+using test::modeOf;
+using test::namesIn;
+using test::put;
+using test::supportFolder;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::ThrowsMessage;
+
+const std::string onePolicy =
+    R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",)"
+    R"("subnetCIDR":"192.168.64.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,)"
+    R"("defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}])";
+
+PolicyStore someStore() {
+    return *NetworkFirewall::decodeStore(onePolicy);
+}
+
+TEST(StoreFileTest, LoadsWhatWasSaved) {
+    saveStore(someStore());
+
+    EXPECT_EQ(loadStore(), someStore());
+    EXPECT_EQ(contentOf(storePath()), NetworkFirewall::encodeStore(someStore()));
+    EXPECT_THAT(namesIn(supportFolder), ElementsAre("firewall-policies.json"));
+}
+
+TEST(StoreFileTest, LoadsTheFormOfBeforeThereWereUsers) {
+    put(storePath(), onePolicy);
+
+    EXPECT_THAT(loadStore().owners, ElementsAre(testing::Key("legacy")));
+}
+
+TEST(StoreFileTest, AFileThatCantBeReadIsNoStoreAndIsNotMentioned) {
+    EXPECT_EQ(loadStore(), PolicyStore());
+
+    fs::create_directories(storePath());
+    EXPECT_EQ(loadStore(), PolicyStore());
+
+    fs::remove(storePath());
+    ASSERT_EQ(::mkfifo(storePath().c_str(), 0600), 0);
+    EXPECT_EQ(loadStore(), PolicyStore());
+
+    EXPECT_THAT(logMessages(), IsEmpty());
+}
+
+TEST(StoreFileTest, AFileThatCantBeDecodedIsNoStoreAndIsMentioned) {
+    for (const std::string damaged : {"", "{}", "[1]", "{\"owners\":", "\xFF"}) {
+        put(storePath(), damaged);
+
+        EXPECT_EQ(loadStore(), PolicyStore());
+
+        EXPECT_THAT(
+            logMessages(),
+            ElementsAre("Persisted firewall policy could not be decoded; starting from none."));
+        EXPECT_EQ(contentOf(storePath()), damaged);
+        fs::remove(test::logPath);
+    }
+}
+
+TEST(StoreFileTest, OnlyRootMayReadTheFileWhateverTheUmaskAndTheOldMode) {
+    for (const mode_t mask : {0U, 022U, 077U}) {
+        ::umask(mask);
+        fs::remove_all(supportFolder);
+        saveStore(someStore());
+        EXPECT_EQ(modeOf(storePath()), 0600U) << mask;
+        EXPECT_EQ(modeOf(supportFolder), 0777U & ~mask);
+
+        fs::permissions(storePath(), fs::perms(0644));
+        saveStore(someStore());
+        EXPECT_EQ(modeOf(storePath()), 0600U) << mask;
+    }
+}
+
+TEST(StoreFileTest, ReplacesALinkInsteadOfFollowingIt) {
+    put("/tmp/elsewhere", "kept");
+    fs::create_directories(supportFolder);
+    fs::create_symlink("/tmp/elsewhere", storePath());
+
+    saveStore(someStore());
+
+    EXPECT_EQ(contentOf("/tmp/elsewhere"), "kept");
+    EXPECT_FALSE(fs::is_symlink(storePath()));
+}
+
+TEST(StoreFileTest, TellsThatTheFolderCantBeMade) {
+    put(supportFolder, "in the way");
+
+    EXPECT_THAT(
+        [] { saveStore(someStore()); },
+        ThrowsMessage<FileError>(
+            "The file “Tarnvale” couldn’t be saved in the folder “Application Support” because a "
+            "file with the same name already exists."));
+}
+
+/// Another process, which holds the store's lock while it works.
+class OtherProcess {
+public:
+    explicit OtherProcess(const std::function<void()>& work) {
+        pid_ = ::fork();
+        if (pid_ < 0) {
+            throw std::runtime_error("fork");
+        }
+        if (pid_ == 0) {
+            const auto lock = lockStore();
+            put("/run/locked", "");
+            work();
+            ::_exit(0);
+        }
+        while (!exists("/run/locked")) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    OtherProcess(const OtherProcess&) = delete;
+    OtherProcess& operator=(const OtherProcess&) = delete;
+    ~OtherProcess() { ::waitpid(pid_, nullptr, 0); }
+
+private:
+    pid_t pid_ = -1;
+};
+
+TEST(StoreLockTest, WaitsForAnotherProcess) {
+    put(storePath(), onePolicy);
+    const OtherProcess other([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        put("/run/done", "");
+    });
+
+    const auto lock = lockStore();
+
+    EXPECT_TRUE(lock);
+    EXPECT_TRUE(exists("/run/done"));
+}
+
+TEST(StoreLockTest, IsOnTheFileThatTheOtherProcessLeft) {
+    put(storePath(), onePolicy);
+    const OtherProcess other([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        saveStore(someStore());
+    });
+
+    const auto lock = lockStore();
+
+    struct stat locked {};
+    struct stat named {};
+    ASSERT_EQ(::fstat(lock.get(), &locked), 0);
+    ASSERT_EQ(::stat(storePath().c_str(), &named), 0);
+    EXPECT_EQ(locked.st_ino, named.st_ino);
+    EXPECT_EQ(contentOf(storePath()), NetworkFirewall::encodeStore(someStore()));
+}
+
+TEST(StoreLockTest, IsNoneWhenTheOtherProcessRemovedTheFile) {
+    put(storePath(), onePolicy);
+    const OtherProcess other([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        support::removeFile(storePath());
+    });
+
+    EXPECT_FALSE(lockStore());
+}
+
+TEST(StoreLockTest, CantBeHeldByWhoeverMayOpenTheFolder) {
+    put(storePath(), onePolicy);
+    const UniqueFd folder(::open(supportFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(folder.get(), LOCK_EX), 0);
+
+    EXPECT_TRUE(lockStore());
+}
+
+}  // namespace
+}  // namespace tarnvale::HelperFirewall

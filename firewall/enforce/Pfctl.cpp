@@ -34,11 +34,6 @@ bool isNotice(std::string_view line) {
     });
 }
 
-std::string_view trimBlanks(std::string_view line) {
-    const auto first = line.find_first_not_of(" \t");
-    return first == std::string_view::npos ? std::string_view{} : line.substr(first);
-}
-
 }  // namespace
 
 CommandResult runPfctl(const std::vector<std::string>& arguments) {
@@ -58,7 +53,7 @@ std::string combinedOutput(const CommandResult& result) {
 std::string pfctlMessage(std::string_view output) {
     std::string message;
     for (const auto line : support::split(output, '\n')) {
-        if (trimBlanks(line).empty() || isNotice(line)) {
+        if (support::trimWhitespace(line).empty() || isNotice(line)) {
             continue;
         }
         if (!message.empty()) {

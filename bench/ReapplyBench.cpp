@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: MIT
+//
+// What a whole re-apply costs: beside its three child processes doing nothing, its file and the
+// kernel's part alone; for ten times the networks; and in memory beside the bytes that are stored.
+//
+// It writes the true paths, so it runs only where they are nobody else's:
+//
+//     build/bin/sandbox build/bench/bin/reapply_bench
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <unistd.h>
+
+#include "bench/PolicyDocument.h"
+#include "bench/Programs.h"
+#include "core/AppSupport.h"
+#include "firewall/policy/PolicyJson.h"
+#include "firewall/policy/PolicyStore.h"
+#include "platform/linux/pfctl/Netlink.h"
+#include "platform/linux/pfctl/RulesetBatch.h"
+#include "platform/linux/pfctl/RulesetParser.h"
+#include "support/Files.h"
+
+namespace tarnvale::bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
+const std::string emptyPath = TARNVALE_BIN_DIR "/empty_program";
+const std::string folder = appSupportDirectory;
+
+void installPfctl(const std::string& program) {
+    fs::remove("/sbin/pfctl");
+    fs::copy_file(program, "/sbin/pfctl");
+}
+
+/// Stores a user's list of this size, as the helper would; returns the bytes stored.
+std::size_t store(std::size_t networks, std::size_t rules) {
+    NetworkFirewall::PolicyStore stored;
+    stored.owners["501"] = {
+        .policies = NetworkFirewall::decodePolicies(policyDocument(networks, rules)),
+        .appliedAt = {.seconds = 763636013.25}};
+    const auto bytes = NetworkFirewall::encodeStore(stored);
+    fs::create_directories(folder);
+    std::ofstream(folder + "/firewall-policies.json", std::ios::binary) << bytes;
+    return bytes.size();
+}
+
+double reapply() {
+    return runProgram({helperPath, "--reapply"}).microseconds;
+}
+
+std::string storedRuleset() {
+    std::ifstream file(folder + "/firewall.pf.conf", std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// What no re-apply can do without: three runs of a program, the ruleset's file, durably, and the
+/// kernel taking the same rules over.
+class Floor {
+public:
+    Floor() : text_(storedRuleset()) {
+        const auto parsed = pfctl::parseRuleset(text_);
+        pfctl::writeReplacement(
+            messages_, {.anchor = "floor", .rules = parsed.rules, .loader = {}, .dormant = false});
+    }
+
+    double operator()() {
+        return microseconds([this] {
+            for (int child = 0; child < 3; ++child) {
+                runProgram({emptyPath});
+            }
+            support::writeFileAtomically(folder + "/floor.pf.conf", text_, 0644);
+            pfctl::NetlinkSocket socket;
+            require(socket.request(messages_, 1) == 0, "send");
+        });
+    }
+
+private:
+    std::string text_;
+    pfctl::MessageWriter messages_;
+};
+
+void benchTime() {
+    installPfctl(TARNVALE_BIN_DIR "/pfctl");
+    store(10, 20);
+    reapply();
+    {
+        Floor floor;
+        printRow("--reapply, 10 x 20, over its parts alone", compare(100, reapply, [&] {
+                     return floor();
+                 }));
+    }
+    const auto reapplyOf = [](std::size_t networks) {
+        store(networks, 20);
+        return reapply();
+    };
+    printRow(
+        "--reapply, 100 x 20, over 10 x 20",
+        compare(
+            30, [&] { return reapplyOf(100); }, [&] { return reapplyOf(10); }));
+}
+
+void benchMemory() {
+    // The packet filter's program is another process; here it does nothing.
+    installPfctl(emptyPath);
+    const auto bytes = store(16384, 10);
+    const auto peak = runProgram({helperPath, "--reapply"}).peakKibibytes * 1024;
+    std::printf(
+        "%-44s %12.1f MB %12.1f MB %8.2fx\n",
+        "--reapply, 16384 x 10, peak over stored",
+        static_cast<double>(peak) / 1e6,
+        static_cast<double>(bytes) / 1e6,
+        static_cast<double>(peak) / static_cast<double>(bytes));
+}
+
+void run() {
+    if (::getpid() != 1) {
+        std::fputs("run me in a sandbox: build/bin/sandbox reapply_bench\n", stderr);
+        std::exit(EXIT_FAILURE);
+    }
+    std::printf("%-44s %15s %15s %9s\n", "", "measured", "floor", "ratio");
+    benchTime();
+    benchMemory();
+}
+
+}  // namespace
+}  // namespace tarnvale::bench
+
+int main() {
+    try {
+        tarnvale::bench::run();
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

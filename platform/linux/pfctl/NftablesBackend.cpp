@@ -17,7 +17,11 @@ namespace tarnvale::pfctl {
 namespace {
 
 /// A listing that others keep changing under us is given up after so many attempts.
-constexpr int mostAttempts = 100;
+constexpr int mostAttempts = 20;
+
+PfctlError keepsChanging() {
+    return PfctlError{"the rules keep changing while they are read"};
+}
 
 MessageHeader header(int message, unsigned flags = 0) {
     return {
@@ -77,7 +81,7 @@ std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
 }  // namespace
 
 std::vector<Anchor> NftablesBackend::anchors() {
-    while (true) {
+    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
         std::vector<Anchor> found;
         MessageWriter request;
         request.begin(header(NFT_MSG_GETTABLE, NLM_F_DUMP));
@@ -90,6 +94,7 @@ std::vector<Anchor> NftablesBackend::anchors() {
             return found;
         }
     }
+    throw keepsChanging();
 }
 
 std::optional<Anchor> NftablesBackend::anchor(std::string_view name) {
@@ -214,7 +219,7 @@ std::optional<AnchorContent> NftablesBackend::content(std::string_view anchor) {
             return AnchorContent{.loader = found->loader, .rules = merged(std::move(rules))};
         }
     }
-    throw PfctlError("the rules keep changing while they are read");
+    throw keepsChanging();
 }
 
 }  // namespace tarnvale::pfctl

@@ -47,6 +47,7 @@ using testing::MatchesRegex;
 using testing::SizeIs;
 using testing::StartsWith;
 
+constexpr const char* program = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
 constexpr const char* rulesetPath = "/tmp/firewall.pf.conf";
 
@@ -122,7 +123,7 @@ protected:
     }
 
     static test::Finished pfctl(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), TARNVALE_BIN_DIR "/pfctl");
+        arguments.insert(arguments.begin(), program);
         return test::run(arguments);
     }
 
@@ -535,7 +536,7 @@ TEST_F(PfctlTest, RefusesUsersWithoutTheRight) {
     if (!test::isRealRoot()) {
         GTEST_SKIP() << "a user namespace has no other user";
     }
-    ASSERT_EQ(test::run({"/bin/cp", TARNVALE_BIN_DIR "/pfctl", "/tmp/pfctl"}).status, 0);
+    ASSERT_EQ(test::run({"/bin/cp", program, "/tmp/pfctl"}).status, 0);
 
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
              {"-si"}, {"-E"}, {"-k", "10.0.0.1"}, {"-a", anchor, "-F", "rules"}}) {
@@ -555,7 +556,7 @@ TEST_F(PfctlTest, RefusesRootWithoutTheRight) {
         {"/usr/bin/setpriv",
          "--bounding-set=-net_admin",
          "--inh-caps=-net_admin",
-         TARNVALE_BIN_DIR "/pfctl",
+         program,
          "-a",
          anchor,
          "-f",

@@ -286,10 +286,11 @@ void makeFolders(const std::string& path, std::optional<mode_t> mode) {
         makeFolders(above, mode);
     }
     if (::mkdir(path.c_str(), mode.value_or(0777)) != 0) {
-        if (errno == EEXIST && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        const int error = errno;
+        if (error == EEXIST && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
             return;  // somebody else has made it just now
         }
-        throw FileError(Operation::write, path, errno);
+        throw FileError(Operation::write, path, error);
     }
     if (mode) {
         setMode(path, *mode);

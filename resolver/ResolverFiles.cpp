@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+
+#include "resolver/ResolverFiles.h"
+
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include <sys/stat.h>
+
+#include "core/HelperLog.h"
+#include "support/Files.h"
+
+namespace tarnvale::HelperResolver {
+namespace {
+
+constexpr std::string_view marker = "Installed by Tarnvale";
+constexpr mode_t directoryMode = 0755;
+constexpr mode_t fileMode = 0644;
+
+std::string pathOf(std::string_view domain) {
+    return std::string(resolverDirectory) + "/" + std::string(domain);
+}
+
+/// The text for one domain. "<vm>" is meant for the reader of the file.
+std::string contentFor(std::string_view domain) {
+    return "# " + std::string(marker) + ": <vm>." + std::string(domain) +
+           " names resolve to its VMs.\n"
+           "nameserver 127.0.0.1\n"
+           "port " +
+           std::to_string(dnsProxyPort) +
+           "\n"
+           "timeout 2\n";
+}
+
+/// The marker is ASCII, so bytes that are not UTF-8 neither hide nor make it.
+bool isOurs(std::string_view content) {
+    return content.find(marker) != std::string_view::npos;
+}
+
+bool isAnythingAt(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+}  // namespace
+
+std::vector<std::string> resolverFilePaths() {
+    std::vector<std::string> paths;
+    paths.reserve(domains.size());
+    for (const char* domain : domains) {
+        paths.push_back(pathOf(domain));
+    }
+    return paths;
+}
+
+void installResolverFiles() {
+    std::error_code ignored;
+    if (!std::filesystem::exists(resolverDirectory, ignored)) {
+        support::makeFolders(resolverDirectory, directoryMode);
+    }
+
+    for (const char* domain : domains) {
+        const std::string path = pathOf(domain);
+        const std::string content = contentFor(domain);
+        const auto existing = support::readFile(path);
+        if (existing == content) {
+            continue;
+        }
+        // What is there and cannot be read, such as a folder, cannot be known as ours.
+        if (existing ? !isOurs(*existing) : isAnythingAt(path)) {
+            helperLog("Left " + path + " alone: it wasn't installed by Tarnvale.");
+            continue;
+        }
+        support::writeFileAtomically(path, content, fileMode);
+        helperLog("Installed " + path + ".");
+    }
+}
+
+void removeResolverFiles() {
+    for (const std::string& path : resolverFilePaths()) {
+        const auto existing = support::readFile(path);
+        if (!existing || !isOurs(*existing)) {
+            continue;
+        }
+        support::removeFile(path);
+        helperLog("Removed " + path + ".");
+    }
+}
+
+}  // namespace tarnvale::HelperResolver

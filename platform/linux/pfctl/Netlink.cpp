@@ -34,18 +34,16 @@ T readAs(Bytes bytes) {
 
 /// Calls `take(header, payload)` for each message in the bytes until it returns false.
 template <typename Take>
-bool forEachMessage(Bytes bytes, Take take) {
-    while (bytes.size() >= sizeof(nlmsghdr)) {
+void forEachMessage(Bytes bytes, Take take) {
+    bool more = true;
+    while (more && bytes.size() >= sizeof(nlmsghdr)) {
         const auto header = readAs<nlmsghdr>(bytes);
         if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) {
             throw PfctlError("netlink: malformed answer");
         }
-        if (!take(header, bytes.subspan(sizeof header, header.nlmsg_len - sizeof header))) {
-            return false;
-        }
+        more = take(header, bytes.subspan(sizeof header, header.nlmsg_len - sizeof header));
         bytes = bytes.subspan(std::min(aligned(header.nlmsg_len), bytes.size()));
     }
-    return true;
 }
 
 int errorOf(Bytes payload) {
@@ -55,12 +53,11 @@ int errorOf(Bytes payload) {
     return -readAs<decltype(nlmsgerr::error)>(payload);
 }
 
-Message messageOf(const nlmsghdr& header, Bytes payload) {
+Message messageOf(Bytes payload) {
     if (payload.size() < sizeof(nfgenmsg)) {
         throw PfctlError("netlink: malformed answer");
     }
     return {
-        .type = header.nlmsg_type,
         .family = readAs<nfgenmsg>(payload).nfgen_family,
         .attributes = payload.subspan(sizeof(nfgenmsg))};
 }
@@ -305,7 +302,7 @@ bool NetlinkSocket::dump(MessageWriter& message, const std::function<void(const 
                 done = true;
                 return false;
             }
-            take(messageOf(header, payload));
+            take(messageOf(payload));
             return true;
         });
     }
@@ -319,7 +316,7 @@ int NetlinkSocket::get(MessageWriter& message, const std::function<void(const Me
         if (header.nlmsg_type == NLMSG_ERROR) {
             error = errorOf(payload);
         } else {
-            take(messageOf(header, payload));
+            take(messageOf(payload));
         }
         return false;
     });

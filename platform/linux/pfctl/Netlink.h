@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
 // Netlink for nftables and conntrack: writing messages, reading them, and a socket that sends and
-// receives them. Messages are written straight into the buffer that is sent; pfctl runs three
-// times in every apply, and loading the libraries for this costs more than most of its commands.
+// receives them. Messages are written straight into the buffer that is sent. There are libraries
+// for this; loading them takes longer than most commands of pfctl do, which runs several times in
+// every apply.
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -83,7 +85,6 @@ private:
 
 /// One message as it was received.
 struct Message {
-    std::uint16_t type = 0;
     std::uint8_t family = 0;
     Bytes attributes;
 };

@@ -182,11 +182,16 @@ CommandResult runCommand(
     output->writer.reset();
     errors->writer.reset();
     CommandResult result;
-    drain(
-        std::move(output->reader),
-        result.standardOutput,
-        std::move(errors->reader),
-        result.standardError);
+    try {
+        drain(
+            std::move(output->reader),
+            result.standardOutput,
+            std::move(errors->reader),
+            result.standardError);
+    } catch (...) {
+        waitFor(child);  // which ends by itself, its pipes being closed
+        throw;
+    }
     result.status = waitFor(child);
     for (auto* text : {&result.standardOutput, &result.standardError}) {
         if (!support::isValidUtf8(*text)) {

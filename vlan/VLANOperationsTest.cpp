@@ -30,7 +30,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-const std::string recordFile = test::supportFolder + "/vlans.json";
+constexpr const char* folder = "/Library/Application Support/Tarnvale";
+constexpr const char* recordFile = "/Library/Application Support/Tarnvale/vlans.json";
 
 /// The whole record; empty when there is none.
 std::string recorded() {
@@ -54,7 +55,7 @@ class VLANOperationsTest : public testing::Test {
 protected:
     VLANOperationsTest() {
         fs::remove(test::logPath);
-        fs::remove_all(test::supportFolder);
+        fs::remove_all(folder);
         preferences.physical = {"en0", "en1"};
     }
 
@@ -196,6 +197,7 @@ TEST_F(VLANCreateTest, StopsAtTheFirstStepThatFails) {
         }
         preferences.failing = failing;
         preferences.saved.clear();
+        preferences.attemptsToApply = 0;
         const auto first = std::ranges::find_if(
             steps, [&](const auto& step) { return failing.contains(step.first); });
 
@@ -204,6 +206,7 @@ TEST_F(VLANCreateTest, StopsAtTheFirstStepThatFails) {
         // Nothing is undone: what was committed stays, though it is not in effect.
         EXPECT_EQ(preferences.saved.size(), first->first == Step::apply ? 1U : 0U);
         EXPECT_THAT(preferences.inEffect, IsEmpty());
+        EXPECT_EQ(preferences.attemptsToApply, first->first == Step::apply ? 1 : 0);
         EXPECT_EQ(preferences.openSessions, 0);
         EXPECT_EQ(recorded(), before);
         EXPECT_THAT(test::logMessages(), IsEmpty());
@@ -269,7 +272,7 @@ TEST_F(VLANCreateTest, StartsADamagedRecordAnew) {
 }
 
 TEST_F(VLANCreateTest, SucceedsWhenItCannotBeRecorded) {
-    test::put(test::supportFolder, "a file");
+    test::put(folder, "a file");
 
     EXPECT_EQ(createVLAN(), "vlan0");
 
@@ -298,7 +301,7 @@ TEST_F(VLANCreateTest, LeavesAWholeFileWhenRequestsMeet) {
         request.join();
     }
 
-    EXPECT_EQ(test::namesIn(test::supportFolder).size(), 1U);
+    EXPECT_EQ(test::namesIn(folder).size(), 1U);
     EXPECT_EQ(test::logMessages().size(), 40U);
 }
 
@@ -319,7 +322,7 @@ TEST_F(VLANCreateTest, IsRefusedByAKernelWithoutVLANs) {
         "macOS refused to create the VLAN interface.");
 
     EXPECT_EQ(test::run({"/bin/sh", "-c", "ip -oneline link"}).output, before);
-    EXPECT_FALSE(fs::exists(test::supportFolder));
+    EXPECT_FALSE(fs::exists(folder));
     EXPECT_THAT(test::logMessages(), IsEmpty());
 }
 
@@ -477,6 +480,7 @@ TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
         }
         preferences.failing = failing;
         preferences.saved = vlans;
+        preferences.attemptsToApply = 0;
         const auto first = std::ranges::find_if(
             steps, [&](const auto& step) { return failing.contains(step.first); });
 
@@ -484,6 +488,7 @@ TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
 
         EXPECT_EQ(preferences.saved.size(), first->first == Step::apply ? 1U : 2U);
         EXPECT_EQ(preferences.inEffect, vlans);
+        EXPECT_EQ(preferences.attemptsToApply, first->first == Step::apply ? 1 : 0);
         EXPECT_EQ(preferences.openSessions, 0);
         EXPECT_EQ(recorded(), before);
         EXPECT_THAT(test::logMessages(), IsEmpty());
@@ -491,7 +496,7 @@ TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
 }
 
 TEST_F(VLANDeleteTest, SucceedsWhenItCannotBeRecorded) {
-    test::SmallDisk disk(test::supportFolder);
+    test::SmallDisk disk(folder);
     saveRecords({{"vlan0", 5, "en0"}});
     disk.makeReadOnly();
 
@@ -503,7 +508,7 @@ TEST_F(VLANDeleteTest, SucceedsWhenItCannotBeRecorded) {
         ElementsAre(
             "Could not record Tarnvale's VLANs: You can’t save the file “vlans.json” because the "
             "volume “" +
-                std::string(test::supportFolder) + "” is read only.",
+                std::string(folder) + "” is read only.",
             "Deleted VLAN vlan0."));
 }
 

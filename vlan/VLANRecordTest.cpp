@@ -25,11 +25,11 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-const std::string& folder = test::supportFolder;
-const std::string recordFile = folder + "/vlans.json";
+constexpr const char* folder = "/Library/Application Support/Tarnvale";
+constexpr const char* recordFile = "/Library/Application Support/Tarnvale/vlans.json";
 
 /// A record as somebody else may have written it, in another order of keys.
-const std::string wellFormed = R"([{"tag":5,"bsdName":"vlan0","parentBSD":"en0"}])";
+constexpr const char* wellFormed = R"([{"tag":5,"bsdName":"vlan0","parentBSD":"en0"}])";
 
 std::optional<std::string> contentOf(const std::string& path) {
     return fs::exists(path) ? std::optional(test::contentOf(path)) : std::nullopt;
@@ -75,7 +75,7 @@ TEST_F(VLANRecordTest, WritesAnEmptyList) {
 
 TEST_F(VLANRecordTest, ReadsEveryWellFormedForm) {
     for (const auto& json : {
-             wellFormed,
+             std::string(wellFormed),
              std::string(R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en0"}])"),
              std::string("\xEF\xBB\xBF") + wellFormed,
              std::string(
@@ -139,8 +139,8 @@ TEST_F(VLANRecordTest, TakesADamagedFileForAnEmptyList) {
 }
 
 TEST_F(VLANRecordTest, TakesAFileThatWasCutForAnEmptyList) {
-    for (std::size_t size = 0; size < wellFormed.size(); ++size) {
-        test::put(recordFile, wellFormed.substr(0, size));
+    for (std::size_t size = 0; size < std::string_view(wellFormed).size(); ++size) {
+        test::put(recordFile, std::string_view(wellFormed).substr(0, size));
 
         EXPECT_THAT(loadRecords(), IsEmpty()) << size;
     }
@@ -157,7 +157,7 @@ TEST_F(VLANRecordTest, TakesWhatCannotBeReadForAnEmptyList) {
     EXPECT_THAT(loadRecords(), IsEmpty());
 
     fs::remove(recordFile);
-    ASSERT_EQ(::mkfifo(recordFile.c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(recordFile, 0600), 0);
     EXPECT_THAT(loadRecords(), IsEmpty());
 
     EXPECT_THAT(test::logMessages(), IsEmpty());
@@ -178,7 +178,7 @@ TEST_F(VLANRecordTest, IsReadableByRootOnlyWhateverTheUmaskIs) {
 
 TEST_F(VLANRecordTest, ClosesAFileThatOthersCouldRead) {
     test::put(recordFile, wellFormed);
-    ASSERT_EQ(::chmod(recordFile.c_str(), 0644), 0);
+    ASSERT_EQ(::chmod(recordFile, 0644), 0);
 
     saveRecords({{"vlan0", 5, "en0"}});
 
@@ -187,7 +187,7 @@ TEST_F(VLANRecordTest, ClosesAFileThatOthersCouldRead) {
 
 TEST_F(VLANRecordTest, LeavesTheModeOfAnExistingFolder) {
     fs::create_directories(folder);
-    ASSERT_EQ(::chmod(folder.c_str(), 0750), 0);
+    ASSERT_EQ(::chmod(folder, 0750), 0);
 
     saveRecords({{"vlan0", 5, "en0"}});
 
@@ -231,13 +231,13 @@ TEST_F(VLANRecordTest, LogsAFullDiskAndKeepsTheOldList) {
         ElementsAre(
             "Could not record Tarnvale's VLANs: You can’t save the file “vlans.json” "
             "because the volume “" +
-            folder + "” is out of space."));
+            std::string(folder) + "” is out of space."));
     EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
     EXPECT_EQ(test::namesIn(folder).size(), 2U);
 }
 
 TEST_F(VLANRecordTest, LogsThatAFolderStandsInItsPlace) {
-    fs::create_directories(recordFile + "/full");
+    fs::create_directories(std::string(recordFile) + "/full");
 
     saveRecords({{"vlan0", 5, "en0"}});
 

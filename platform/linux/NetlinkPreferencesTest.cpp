@@ -76,10 +76,10 @@ TEST_F(NetlinkPreferencesTest, KnowsAtOnceThatTheKernelHasNoVLANs) {
 }
 
 TEST_F(NetlinkPreferencesTest, HasNoSessionWithoutADescriptor) {
-    rlimit none{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &none), 0);
-    const rlimit before = none;
-    none.rlim_cur = 0;
+    ASSERT_NE(preferences->open("test"), nullptr);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
 
     EXPECT_EQ(preferences->open("test"), nullptr);

@@ -52,6 +52,8 @@ public:
     std::vector<std::string> opened;
     int openSessions = 0;
 
+    int attemptsToApply = 0;
+
     /// Sets up VLANs as if somebody had done it in the system's settings.
     void add(const VLAN& vlan) {
         saved.push_back(vlan);
@@ -142,6 +144,7 @@ private:
         }
 
         bool apply() override {
+            ++preferences_.attemptsToApply;
             if (preferences_.fails(Step::apply)) {
                 return false;
             }

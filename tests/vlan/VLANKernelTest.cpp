@@ -94,14 +94,11 @@ protected:
         ip("-batch -",
            "link add name en0 index 1000 up type dummy\n"
            "link add name en1 index 400 up type dummy\n");
-        fs::remove_all(test::supportFolder);
+        fs::remove_all("/Library/Application Support/Tarnvale");
         fs::remove(test::logPath);
     }
 
-    ~VLANKernelTest() override { ::umount("/sys"); }
-
-    VLANKernelTest(const VLANKernelTest&) = delete;
-    VLANKernelTest& operator=(const VLANKernelTest&) = delete;
+    void TearDown() override { ::umount("/sys"); }
 
     std::string createVLAN(std::int64_t tag, const std::string& parent = "en0") {
         return create(*preferences, "", tag, parent);
@@ -117,10 +114,9 @@ protected:
 
 std::vector<std::string> namesOf(
     const std::vector<InterfaceID>& ids, platform::NetworkPreferencesSession& session) {
-    std::vector<std::string> names;
-    for (const InterfaceID id : ids) {
-        names.push_back(session.bsdName(id).value_or("(none)"));
-    }
+    std::vector<std::string> names(ids.size());
+    std::ranges::transform(
+        ids, names.begin(), [&](InterfaceID id) { return session.bsdName(id).value_or("(none)"); });
     return names;
 }
 

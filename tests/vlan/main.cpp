@@ -38,6 +38,9 @@ namespace fs = std::filesystem;
 
 constexpr const char* kernelProgram = "/usr/bin/linux.uml";
 
+/// A sanitized program needs terabytes of address space; user-mode Linux has half of one.
+constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
+
 /// How the first process is told from the program that boots the kernel.
 constexpr const char* asFirstProcess = "--as-first-process";
 
@@ -150,6 +153,9 @@ int bootAndReport(const std::vector<std::string>& arguments) {
 }
 
 int bootAndReportFromAPrivateRoot(const std::vector<std::string>& arguments) {
+    if (isSanitized) {
+        return skip("a sanitizer's shadow memory does not fit into user-mode Linux");
+    }
     if (!fs::exists(kernelProgram)) {
         return skip("user-mode-linux is not installed");
     }

@@ -101,7 +101,9 @@ SocketPeer::SocketPeer(const std::vector<std::string>& arguments, std::optional<
     }
     writing.reset();
     char byte = 0;
-    static_cast<void>(::read(reading.get(), &byte, 1));
+    if (::read(reading.get(), &byte, 1) != 0) {
+        fail("wait for the program");
+    }
 }
 
 void SocketPeer::waitUntilNotRunning(const std::string& path) const {

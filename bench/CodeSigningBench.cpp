@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: MIT
+//
+// What admission costs, for a client of 1 MB: the whole check beside the digest that it contains,
+// once with OpenSSL loaded and once in a process that has yet to load it, and what is left of it
+// when the client is known.
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/ClientAdmission.h"
+#include "platform/CodeSigning.h"
+#include "platform/linux/codesigning/PeerProcess.h"
+#include "platform/linux/codesigning/SignedData.h"
+#include "support/UniqueFd.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/SocketPeer.h"
+
+namespace tarnvale {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* clientPath = "/tmp/client";
+constexpr std::size_t clientSize = 1'000'000;
+
+void runCommand(const std::string& command) {
+    // NOLINTNEXTLINE(cert-env33-c): the commands are this file's own
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error(command);
+    }
+}
+
+/// A running, well-signed client, and the root that it is trusted by.
+class Client {
+public:
+    Client() {
+        std::ifstream original("/bin/sleep", std::ios::binary);
+        std::string program{std::istreambuf_iterator<char>(original), {}};
+        program.resize(clientSize);
+        std::ofstream(clientPath, std::ios::binary) << program;
+        const std::string scripts = TARNVALE_SOURCE_DIR "/scripts/";
+        runCommand(std::string("chmod 755 ") + clientPath);
+        runCommand(scripts + "dev-ca /tmp/ca");
+        runCommand(
+            scripts + "codesign /tmp/ca/leaf.key /tmp/ca/chain.pem com.brackwen.tarnvale " +
+            clientPath);
+        runCommand("mkdir -p /etc/tarnvale");
+        runCommand("cp /tmp/ca/root.pem /etc/tarnvale/code-signing-roots.pem");
+        // Verdicts on files that changed just now are not kept.
+        std::this_thread::sleep_for(std::chrono::seconds(4));
+        process_.emplace(std::vector<std::string>{clientPath, "100000"});
+    }
+
+    int socket() const { return process_->socket(); }
+
+private:
+    std::optional<test::SocketPeer> process_;
+};
+
+std::optional<Client> client;
+
+/// What the service does for a connection up to its first message.
+void admit(platform::CodeSigning& signing, ClientAdmission& admission) {
+    const auto process = platform::PeerProcess::ofSocket(client->socket());
+    if (!process || !admission.isAllowedClient(process->peer()) ||
+        !signing.guest(process->peer())->isValid(admission.clientRequirement())) {
+        throw std::runtime_error("the client is not admitted");
+    }
+}
+
+void digestOfTheClient(benchmark::State& state) {
+    const support::UniqueFd file(::open(clientPath, O_RDONLY | O_CLOEXEC));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(platform::sha256(file.get(), clientSize));
+    }
+}
+
+void firstAdmission(benchmark::State& state) {
+    for (auto _ : state) {
+        const auto signing = platform::makeCodeSigning();
+        ClientAdmission admission(*signing);
+        admit(*signing, admission);
+    }
+}
+
+/// The first of all in a process, loading OpenSSL included.
+void firstAdmissionOfAProcess(benchmark::State& state) {
+    for (auto _ : state) {
+        std::array<int, 2> result{};
+        if (::pipe2(result.data(), O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe2");
+        }
+        const support::UniqueFd reading(result[0]);
+        const support::UniqueFd writing(result[1]);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const auto start = Clock::now();
+            const auto signing = platform::makeCodeSigning();
+            ClientAdmission admission(*signing);
+            admit(*signing, admission);
+            const std::chrono::duration<double> taken = Clock::now() - start;
+            const double seconds = taken.count();
+            ::_exit(::write(writing.get(), &seconds, sizeof(seconds)) == sizeof(seconds) ? 0 : 1);
+        }
+        int status = 0;
+        double seconds = 0;
+        if (::waitpid(child, &status, 0) != child || status != 0 ||
+            ::read(reading.get(), &seconds, sizeof(seconds)) != sizeof(seconds)) {
+            throw std::runtime_error("the child failed");
+        }
+        state.SetIterationTime(seconds);
+    }
+}
+
+void admissionOfAKnownClient(benchmark::State& state) {
+    const auto signing = platform::makeCodeSigning();
+    ClientAdmission admission(*signing);
+    admit(*signing, admission);
+    for (auto _ : state) {
+        admit(*signing, admission);
+    }
+}
+
+void checkOfAMessage(benchmark::State& state) {
+    const auto signing = platform::makeCodeSigning();
+    ClientAdmission admission(*signing);
+    admit(*signing, admission);
+    const std::string& requirement = admission.clientRequirement();
+    const auto process = platform::PeerProcess::ofSocket(client->socket());
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(signing->guest(process->peer())->isValid(requirement));
+    }
+}
+
+// The first one before the others, which load OpenSSL into this process.
+BENCHMARK(firstAdmissionOfAProcess)->Unit(benchmark::kMicrosecond)->UseManualTime();
+BENCHMARK(firstAdmission)->Unit(benchmark::kMicrosecond);
+BENCHMARK(digestOfTheClient)->Unit(benchmark::kMicrosecond);
+BENCHMARK(admissionOfAKnownClient)->Unit(benchmark::kMicrosecond);
+BENCHMARK(checkOfAMessage)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace tarnvale
+
+int main(int argc, char** argv) {
+    if (const auto refusal = tarnvale::test::enterPrivateRoot()) {
+        std::cerr << *refusal << '\n';
+        return 77;
+    }
+    tarnvale::client.emplace();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    tarnvale::client.reset();
+}

@@ -28,9 +28,9 @@ using test::supportFolder;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::string pfConf = "/etc/pf.conf";
-const std::string legacyRules = "/etc/pf.anchors/com.tarnvale.firewall";
-const std::string cleanedUp = "Removed legacy anchor references from /etc/pf.conf.";
+constexpr const char* pfConf = "/etc/pf.conf";
+constexpr const char* legacyRules = "/etc/pf.anchors/com.tarnvale.firewall";
+constexpr const char* cleanedUp = "Removed legacy anchor references from /etc/pf.conf.";
 
 class LegacyCleanupTest : public testing::Test {
 protected:
@@ -115,14 +115,14 @@ TEST_F(LegacyCleanupTest, ASecondCleanUpRewritesNothing) {
 
 TEST_F(LegacyCleanupTest, KeepsModeOwnerAndGroupOfPfConf) {
     put(pfConf, "anchor com.tarnvale.firewall\n");
-    ASSERT_EQ(::chown(pfConf.c_str(), 7, 9), 0);
-    ASSERT_EQ(::chmod(pfConf.c_str(), 0640), 0);
+    ASSERT_EQ(::chown(pfConf, 7, 9), 0);
+    ASSERT_EQ(::chmod(pfConf, 0640), 0);
     ::umask(077);
 
     removeLegacyAnchor();
 
     struct stat info {};
-    ASSERT_EQ(::stat(pfConf.c_str(), &info), 0);
+    ASSERT_EQ(::stat(pfConf, &info), 0);
     EXPECT_EQ(modeOf(pfConf), 0640U);
     EXPECT_EQ(info.st_uid, 7U);
     EXPECT_EQ(info.st_gid, 9U);
@@ -169,7 +169,7 @@ TEST_F(LegacyCleanupTest, CleansUpAlthoughTheBackupFails) {
 TEST_F(LegacyCleanupTest, LogsTheAttemptAlthoughTheFileCantBeWritten) {
     put("/etc/frozen/pf.conf", "anchor com.tarnvale.firewall\n");
     put(pfConf, "");
-    ASSERT_EQ(::mount("/etc/frozen/pf.conf", pfConf.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount("/etc/frozen/pf.conf", pfConf, nullptr, MS_BIND, nullptr), 0);
 
     removeLegacyAnchor();
 

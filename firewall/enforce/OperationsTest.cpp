@@ -46,10 +46,11 @@ using testing::ThrowsMessage;
 constexpr bool atConsole = true;
 constexpr bool elsewhere = false;
 
-const std::string load = "-a com.apple/900.tarnvale.firewall -f " + rulesetPath;
-const std::string flush = "-a com.apple/900.tarnvale.firewall -F rules";
-const std::string flushLegacy = "-a com.tarnvale.firewall -F rules";
-const std::string enable = "-E";
+constexpr const char* load =
+    "-a com.apple/900.tarnvale.firewall -f /Library/Application Support/Tarnvale/firewall.pf.conf";
+constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
+constexpr const char* flushLegacy = "-a com.tarnvale.firewall -F rules";
+constexpr const char* enable = "-E";
 
 /// One network as the application sends it.
 struct Sent {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include <fcntl.h>
@@ -39,7 +40,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-const std::string onePolicy =
+constexpr std::string_view onePolicy =
     R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",)"
     R"("subnetCIDR":"192.168.64.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,)"
     R"("defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}])";

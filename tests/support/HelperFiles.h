@@ -12,11 +12,13 @@
 
 namespace tarnvale::test {
 
+// NOLINTBEGIN(cert-err58-cpp): a test program without memory for these may end
 inline const std::string supportFolder = "/Library/Application Support/Tarnvale";
 inline const std::string storePath = supportFolder + "/firewall-policies.json";
 inline const std::string rulesetPath = supportFolder + "/firewall.pf.conf";
 inline const std::string backupPath = supportFolder + "/pf.conf.before-tarnvale-cleanup";
 inline const std::string logPath = "/var/log/tarnvale-adminhelper.log";
+// NOLINTEND(cert-err58-cpp)
 
 /// The whole file; throws `std::runtime_error` when it can't be read.
 std::string contentOf(const std::string& path);

@@ -7,7 +7,10 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -44,7 +47,7 @@ void requireRoot() {
     }
 }
 
-/// The bytes of the file. Throws `PfctlError`, which names it.
+/// The bytes of the file. Throws `std::system_error`.
 std::string readRuleset(const std::string& path) {
     const support::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     std::string text;
@@ -52,7 +55,7 @@ std::string readRuleset(const std::string& path) {
     while (file) {
         const std::size_t before = text.size();
         if (before > longestRuleset) {
-            throw PfctlError(path, EFBIG);
+            throw std::system_error(EFBIG, std::generic_category());
         }
         text.resize(before + std::max(piece, before / 2));
         const ssize_t size = ::read(file.get(), text.data() + before, text.size() - before);
@@ -64,7 +67,7 @@ std::string readRuleset(const std::string& path) {
             break;
         }
     }
-    throw PfctlError(path, errno);
+    throw std::system_error(errno, std::generic_category());
 }
 
 /// The rules of the file, or nothing after its mistakes have been told.
@@ -72,12 +75,10 @@ std::optional<std::vector<Rule>> rulesOf(const std::string& path) {
     std::string text;
     try {
         text = readRuleset(path);
-    } catch (const PfctlError& error) {
-        print(stderr, std::string("pfctl: ") + error.what() + "\n");
-        print(
-            stderr,
-            "pfctl: cannot open the main config file!" +
-                std::string(error.what()).substr(path.size()) + "\n");
+    } catch (const std::system_error& error) {
+        const std::string reason = error.code().message() + "\n";
+        print(stderr, "pfctl: " + path + ": " + reason);
+        print(stderr, "pfctl: cannot open the main config file!: " + reason);
         return std::nullopt;
     }
     ParsedRuleset ruleset = parseRuleset(text);

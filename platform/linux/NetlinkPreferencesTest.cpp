@@ -2,8 +2,10 @@
 //
 // On this machine's kernel, which need not have VLANs; tests/vlan boots one that has.
 
+#include <cerrno>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <fcntl.h>
@@ -76,7 +78,10 @@ TEST_F(NetlinkPreferencesTest, KnowsAtOnceThatTheKernelHasNoVLANs) {
 }
 
 TEST_F(NetlinkPreferencesTest, HasNoSessionWithoutADescriptor) {
+    // A sanitizer needs descriptors where it meets a type for the first time.
     ASSERT_NE(preferences->open("test"), nullptr);
+    EXPECT_THROW(
+        throw std::system_error(EMFILE, std::generic_category(), "warming up"), std::system_error);
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};

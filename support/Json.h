@@ -235,6 +235,7 @@ public:
     void write(std::int64_t value);
     void write(double value);
     void write(const std::string& value) { writeString(value); }
+    void write(const char* text) = delete;  ///< lest it be a bool
     void write(const Uuid& value);
     void write(const ReferenceDate& value) { write(value.seconds); }
     template <class T>

@@ -2,6 +2,8 @@
 
 #include "core/CallerAuthorization.h"
 
+#include "core/HelperLog.h"
+
 namespace tarnvale {
 
 bool isAdministrator(platform::Users& users, uid_t uid) {
@@ -15,6 +17,24 @@ std::optional<uid_t> consoleUserID(platform::Users& users) {
         return std::nullopt;
     }
     return user->uid;
+}
+
+std::optional<std::string> authorizeCaller(
+    const platform::Transport& transport,
+    platform::Users& users,
+    bool adminOnly,
+    std::string_view operation) {
+    const auto uid = transport.currentEffectiveUserID();
+    if (!uid) {
+        return std::string(refusalMessage);
+    }
+    if (isAdministrator(users, *uid) || (!adminOnly && consoleUserID(users) == uid)) {
+        return std::nullopt;
+    }
+    helperLog(
+        "Refused " + std::string(operation) + " for uid " + std::to_string(*uid) +
+        (adminOnly ? ": not an administrator." : ": not an administrator or the console user."));
+    return std::string(refusalMessage);
 }
 
 }  // namespace tarnvale

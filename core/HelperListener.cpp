@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+
+#include "core/HelperListener.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <string>
+
+#include "core/HelperLog.h"
+#include "core/HelperVersion.h"
+
+namespace tarnvale {
+
+HelperListener::HelperListener(
+    platform::Transport& transport, platform::MainLoop& loop, ClientAdmission& admission)
+    : transport_(transport), loop_(loop), admission_(admission), lastActivity_(loop.now()) {}
+
+void HelperListener::start(TarnvaleAdminHelperProtocol& exported) {
+    transport_.resume(*this, exported);
+    loop_.repeat(idleCheckPeriod, [weak = weak_from_this()] {
+        if (const auto listener = weak.lock()) {
+            listener->checkIdle();
+        }
+    });
+    helperLog(
+        "Helper " + helperVersionString() + " listening on com.brackwen.tarnvale.adminhelper.");
+    loop_.run();
+}
+
+bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connection) {
+    if (!admission_.isAllowedClient(connection.peer()) ||
+        !connection.setCodeSigningRequirement(admission_.clientRequirement())) {
+        helperLog(
+            "Rejected XPC client pid=" + std::to_string(connection.peer().pid) +
+            " uid=" + std::to_string(connection.effectiveUserID()) +
+            ": not Tarnvale or its service signed by K7PD2QM4TZ.");
+        return false;
+    }
+
+    const auto now = loop_.now();
+    {
+        const support::MutexLock lock(stateLock_);
+        if (activeConnections_ == std::numeric_limits<std::int64_t>::max()) {
+            std::abort();
+        }
+        ++activeConnections_;
+        lastActivity_ = now;
+    }
+    connection.setInvalidationHandler([weak = weak_from_this()] {
+        if (const auto listener = weak.lock()) {
+            listener->connectionEnded();
+        }
+    });
+    return true;
+}
+
+void HelperListener::touch() {
+    const auto now = loop_.now();
+    const support::MutexLock lock(stateLock_);
+    lastActivity_ = now;
+}
+
+void HelperListener::connectionEnded() {
+    const auto now = loop_.now();
+    const support::MutexLock lock(stateLock_);
+    activeConnections_ = std::max<std::int64_t>(activeConnections_ - 1, 0);
+    lastActivity_ = now;
+}
+
+void HelperListener::checkIdle() {
+    const auto now = loop_.now();
+    {
+        const support::MutexLock lock(stateLock_);
+        if (activeConnections_ != 0 || now - lastActivity_ <= idleLimit) {
+            return;
+        }
+    }
+    helperLog("Idle; exiting. launchd will relaunch on the next request.");
+    loop_.exitProcess(EXIT_SUCCESS);
+}
+
+void HelperListener::shutdownForUpgrade(const std::function<void()>& reply) {
+    helperLog("Shutdown requested for upgrade; exiting so launchd re-execs the new binary.");
+    reply();
+    loop_.runAfter(shutdownDelay, [&loop = loop_] { loop.exitProcess(EXIT_SUCCESS); });
+}
+
+}  // namespace tarnvale

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+//
+// How requests reach the helper: connections of local processes, each with a serial queue of its
+// own on which its requests and its end are handled one at a time. Connections run side by side.
+
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <sys/types.h>
+
+#include "core/protocol/TarnvaleAdminHelperProtocol.h"
+#include "platform/CodeSigning.h"
+
+namespace tarnvale::platform {
+
+/// A connection that a peer has opened and that nobody has admitted yet.
+class NewConnection {
+public:
+    virtual ~NewConnection() = default;
+
+    /// The process at the other end.
+    virtual const Peer& peer() const = 0;
+
+    /// The effective user ID that the peer had when it connected.
+    virtual uid_t effectiveUserID() const = 0;
+
+    /// Has every message checked against this requirement before it is read. A connection whose
+    /// peer fails it ends. False when the requirement itself is not well-formed.
+    virtual bool setCodeSigningRequirement(const std::string& requirement) = 0;
+
+    /// Called once, on the connection's queue, when the admitted connection has ended.
+    virtual void setInvalidationHandler(std::function<void()> handler) = 0;
+};
+
+/// Who decides on connections.
+class TransportDelegate {
+public:
+    virtual ~TransportDelegate() = default;
+
+    /// False turns the peer away: nothing that it sends is read. Called from any thread.
+    virtual bool shouldAcceptNewConnection(NewConnection& connection) = 0;
+};
+
+/// Why the service could not be offered; what() is a whole sentence.
+class TransportError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class Transport {
+public:
+    virtual ~Transport() = default;
+
+    /// Begins to take connections, on threads of its own, and to serve those that `delegate` admits
+    /// with `exported`; both must outlive the process. Throws `TransportError`.
+    virtual void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) = 0;
+
+    /// The effective user ID of the connection whose request this thread is serving; nothing
+    /// outside a request.
+    virtual std::optional<uid_t> currentEffectiveUserID() const = 0;
+};
+
+/// The transport of this machine. `codeSigning`, which must outlive it, checks the messages where
+/// the system does not do so by itself. Defined once in platform/macos and once in platform/linux.
+std::unique_ptr<Transport> makeTransport(CodeSigning& codeSigning);
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/dbus/DBusConnection.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "platform/linux/dbus/LibSystemd.h"
+#include "platform/linux/dbus/ProtocolObject.h"
+
+#ifndef SO_PEERPIDFD
+#define SO_PEERPIDFD 77
+#endif
+
+namespace tarnvale::platform {
+namespace {
+
+using support::UniqueFd;
+
+thread_local std::optional<uid_t> userOfRequest;
+
+pid_t pidOf(int socket) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    const int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+    return result == 0 ? credentials.pid : -1;
+}
+
+/// A pidfd of the process that connected; none when it cannot be named any more.
+UniqueFd processOf(int socket, pid_t pid) {
+    int fd = -1;
+    socklen_t size = sizeof fd;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &size) == 0) {
+        return UniqueFd(fd);
+    }
+    if (errno != ENOPROTOOPT || pid <= 0) {
+        return UniqueFd();
+    }
+    return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));  // kernels before 6.5
+}
+
+int require(int result) {
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category());
+    }
+    return result;
+}
+
+struct BusClose {
+    void operator()(sd_bus* bus) const { LibSystemd::get().busCloseUnref(bus); }
+};
+using Bus = std::unique_ptr<sd_bus, BusClose>;
+
+/// A D-Bus server on the socket, of which sd-bus gets a descriptor of its own.
+Bus makeBus(int socket, ProtocolObject& object) {
+    const auto& lib = LibSystemd::get();
+    sd_bus* made = nullptr;
+    require(lib.busNew(&made));
+    Bus bus(made);
+
+    sd_id128_t id{};
+    if (::getrandom(&id, sizeof id, 0) != sizeof id) {
+        throw std::system_error(errno, std::generic_category());
+    }
+    // Who the peer is was settled before this; D-Bus's own authentication decides nothing.
+    require(lib.busSetServer(made, 1, id));
+    require(lib.busSetAnonymous(made, 1));
+    require(lib.busSetTrusted(made, 1));
+    require(lib.busNegotiateFds(made, 0));
+    UniqueFd own(::fcntl(socket, F_DUPFD_CLOEXEC, 3));
+    require(own ? 0 : -errno);
+    require(lib.busSetFd(made, own.get(), own.get()));
+    own.release();
+    exportProtocol(made, object);
+    require(lib.busStart(made));
+    return bus;
+}
+
+/// Waits for one of the events; false when the time is over first. Zero waits without end.
+bool waitFor(int fd, short events, std::chrono::steady_clock::time_point deadline) {
+    using namespace std::chrono;
+    pollfd waited{.fd = fd, .events = events, .revents = 0};
+    while (true) {
+        int timeout = -1;
+        if (deadline != steady_clock::time_point::max()) {
+            const auto left = ceil<milliseconds>(deadline - steady_clock::now());
+            timeout = static_cast<int>(std::max(left, milliseconds::zero()).count());
+        }
+        const int ready = ::poll(&waited, 1, timeout);
+        if (ready > 0) {
+            return true;
+        }
+        if (ready == 0) {
+            return false;
+        }
+        if (errno != EINTR) {
+            throw std::system_error(errno, std::generic_category());
+        }
+    }
+}
+
+/// Whether all that was written has been taken by the peer.
+bool hasTakenEverything(int socket) {
+    int waiting = 0;
+    return ::ioctl(socket, SIOCOUTQ, &waiting) != 0 || waiting == 0;
+}
+
+}  // namespace
+
+std::optional<uid_t> effectiveUserIDOfRequest() {
+    return userOfRequest;
+}
+
+DBusConnection::DBusConnection(UniqueFd socket, uid_t uid, CodeSigning& codeSigning)
+    : socket_(std::move(socket)), uid_(uid), codeSigning_(codeSigning) {
+    peer_.pid = pidOf(socket_.get());
+    process_ = processOf(socket_.get(), peer_.pid);
+    peer_.handle = process_.get();
+}
+
+bool DBusConnection::setCodeSigningRequirement(const std::string& requirement) {
+    requirement_ = requirement;
+    return true;  // whether it holds is asked before every message
+}
+
+void DBusConnection::setInvalidationHandler(std::function<void()> handler) {
+    invalidationHandler_ = std::move(handler);
+}
+
+void DBusConnection::run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
+    if (!process_ || !delegate.shouldAcceptNewConnection(*this)) {
+        return;
+    }
+    try {
+        serve(exported);
+    } catch (...) {
+        // Whatever went wrong went wrong with this connection, and ends it.
+    }
+    userOfRequest.reset();
+    socket_.reset();
+    if (invalidationHandler_) {
+        invalidationHandler_();
+    }
+}
+
+bool DBusConnection::requirementHolds() {
+    const auto code = codeSigning_.guest(peer_);
+    return code != nullptr && code->isValid(requirement_);
+}
+
+void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
+    const auto& lib = LibSystemd::get();
+    const auto handshakeDeadline = connectedAt_ + handshakeLimit;
+    ProtocolObject object{.exported = exported, .socket = socket_.get()};
+    const Bus bus = makeBus(socket_.get(), object);
+    userOfRequest = uid_;
+
+    bool isReady = false;
+    // A first call that comes together with the end of the handshake lies in sd-bus's own buffer,
+    // where no poll sees it: only when sd-bus has found nothing more is it time to wait. Later it
+    // never reads beyond one message.
+    bool isDrained = false;
+    bool hasReplied = false;
+    while (true) {
+        if (isDrained || !isReady) {
+            auto deadline = Clock::time_point::max();
+            if (!isReady) {
+                deadline = handshakeDeadline;
+            } else if (hasReplied) {
+                deadline = Clock::now() + replyLimit;
+            }
+            const int events = isReady ? POLLIN : lib.busGetEvents(bus.get());
+            if (!waitFor(socket_.get(), static_cast<short>(require(events)), deadline)) {
+                if (!isReady || !hasTakenEverything(socket_.get())) {
+                    return;
+                }
+                hasReplied = false;
+                continue;
+            }
+        }
+        if (!requirementHolds()) {
+            return;
+        }
+        const int progress = require(lib.busProcess(bus.get(), nullptr));
+        isDrained = isDrained || (isReady && progress == 0);
+        isReady = isReady || require(lib.busIsReady(bus.get())) > 0;
+        if (!isReady && Clock::now() >= handshakeDeadline) {
+            return;
+        }
+        hasReplied = true;
+        // The next request is read only when this reply has left.
+        std::uint64_t queued = 0;
+        require(lib.busGetQueuedWrite(bus.get(), &queued));
+        if (queued > 0 || object.hasLargeBuffer) {
+            do {
+                if (!waitFor(socket_.get(), POLLOUT, Clock::now() + replyLimit)) {
+                    return;
+                }
+                if (queued > 0) {
+                    require(lib.busProcess(bus.get(), nullptr));
+                    require(lib.busGetQueuedWrite(bus.get(), &queued));
+                }
+            } while (queued > 0);
+            isDrained = false;
+            object.hasLargeBuffer = false;
+        }
+    }
+}
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+//
+// One peer-to-peer D-Bus connection: its admission, its requests one at a time, its end. All of it
+// runs on one thread, the connection's serial queue.
+
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/Transport.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::platform {
+
+class DBusConnection final : public NewConnection {
+public:
+    /// How long a peer may take from connecting until it is authenticated, our own checks included.
+    static constexpr std::chrono::seconds handshakeLimit{10};
+    /// How long a peer may take to fetch a reply.
+    static constexpr std::chrono::seconds replyLimit{30};
+
+    /// Takes over the connected, non-blocking `socket` of a peer that had this effective user ID
+    /// when it connected. `codeSigning` must outlive the connection.
+    DBusConnection(support::UniqueFd socket, uid_t uid, CodeSigning& codeSigning);
+
+    const Peer& peer() const override { return peer_; }
+    uid_t effectiveUserID() const override { return uid_; }
+    bool setCodeSigningRequirement(const std::string& requirement) override;
+    void setInvalidationHandler(std::function<void()> handler) override;
+
+    /// Serves the peer until the connection ends, if the delegate admits it.
+    void run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void serve(TarnvaleAdminHelperProtocol& exported);
+    bool requirementHolds();
+
+    support::UniqueFd socket_;
+    uid_t uid_;
+    CodeSigning& codeSigning_;
+    Clock::time_point connectedAt_ = Clock::now();
+    support::UniqueFd process_;  ///< the peer's pidfd
+    Peer peer_;
+    std::string requirement_;
+    std::function<void()> invalidationHandler_;
+};
+
+/// The effective user ID of the connection that this thread is serving a request of.
+std::optional<uid_t> effectiveUserIDOfRequest();
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/dbus/ListeningSocket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "platform/Transport.h"
+
+namespace tarnvale::platform {
+namespace {
+
+using support::UniqueFd;
+
+/// The first descriptor that systemd passes (sd_listen_fds(3)).
+constexpr int firstPassedDescriptor = 3;
+
+[[noreturn]] void fail(const std::string& what, int errorNumber) {
+    throw TransportError(what + ": " + std::generic_category().message(errorNumber) + ".");
+}
+
+std::optional<int> number(const char* text) {
+    int value = 0;
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    const char* end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, value);
+    return error == std::errc{} && stop == end ? std::optional(value) : std::nullopt;
+}
+
+/// The descriptor that was passed to this process, if one was.
+std::optional<int> passedDescriptor() {
+    const auto pid = number(std::getenv("LISTEN_PID"));
+    const auto count = number(std::getenv("LISTEN_FDS"));
+    const bool passed = pid == ::getpid() && count.value_or(0) > 0;
+    // No child of ours is to take them for its own.
+    for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
+        ::unsetenv(name);
+    }
+    if (!passed) {
+        return std::nullopt;
+    }
+    if (*count != 1) {
+        throw TransportError(
+            "One listening socket was expected, " + std::to_string(*count) + " were passed.");
+    }
+    return firstPassedDescriptor;
+}
+
+int socketOption(int fd, int option) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    return ::getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
+UniqueFd adoptPassedSocket(int descriptor) {
+    if (socketOption(descriptor, SO_DOMAIN) != AF_UNIX ||
+        socketOption(descriptor, SO_TYPE) != SOCK_STREAM ||
+        socketOption(descriptor, SO_ACCEPTCONN) != 1) {
+        throw TransportError("The descriptor that was passed is no listening Unix stream socket.");
+    }
+    UniqueFd fd(descriptor);
+    if (::fcntl(fd.get(), F_SETFD, FD_CLOEXEC) != 0 ||
+        ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) | O_NONBLOCK) != 0) {
+        fail("Could not set up the socket that was passed", errno);
+    }
+    return fd;
+}
+
+sockaddr_un addressOf(std::string_view path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::copy(path.begin(), path.end(), address.sun_path);
+    return address;
+}
+
+UniqueFd newSocket() {
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd) {
+        fail("Could not make a socket", errno);
+    }
+    return fd;
+}
+
+/// Makes sure that what is at the path, if anything, is a socket that nobody listens on.
+void requireStaleOrAbsent() {
+    const std::string path = listeningSocketPath;
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) {
+        if (errno == ENOENT) {
+            return;
+        }
+        fail("Could not look at " + path, errno);
+    }
+    if (!S_ISSOCK(info.st_mode)) {
+        throw TransportError(path + " is in the way: it isn't a socket.");
+    }
+    const auto address = addressOf(path);
+    const auto probe = newSocket();
+    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+        errno == EAGAIN) {
+        throw TransportError("Another helper listens on " + path + ".");
+    }
+}
+
+UniqueFd makeSocket() {
+    requireStaleOrAbsent();
+
+    // It is bound under a name of its own and renamed when it is ready, so that at its true path it
+    // always has its mode and somebody who listens.
+    const std::string path = listeningSocketPath;
+    const std::string temporary = path + "." + std::to_string(::getpid());
+    const auto address = addressOf(temporary);
+    auto fd = newSocket();
+    ::unlink(temporary.c_str());
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        fail("Could not bind " + path, errno);
+    }
+    if (::chmod(temporary.c_str(), 0666) != 0 || ::listen(fd.get(), SOMAXCONN) != 0 ||
+        ::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        ::unlink(temporary.c_str());
+        fail("Could not offer " + path, error);
+    }
+    return fd;
+}
+
+}  // namespace
+
+UniqueFd openListeningSocket() {
+    if (const auto passed = passedDescriptor()) {
+        return adoptPassedSocket(*passed);
+    }
+    return makeSocket();
+}
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/dbus/ProtocolObject.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <initializer_list>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include <sys/socket.h>
+
+#include "platform/linux/dbus/LibSystemd.h"
+#include "support/Text.h"
+
+namespace tarnvale::platform {
+namespace {
+
+constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
+constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
+
+const LibSystemd& lib() {
+    return LibSystemd::get();
+}
+
+/// Passes a result of sd-bus on; a negative one is an errno.
+int require(int result) {
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category());
+    }
+    return result;
+}
+
+struct MessageUnref {
+    void operator()(sd_bus_message* message) const { lib().messageUnref(message); }
+};
+using OwnedMessage = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+/// The text as D-Bus can carry it.
+std::string carriable(std::string_view text) {
+    std::string carried;
+    carried.reserve(text.size());
+    const auto repaired = support::repairedUtf8(text);
+    for (const char c : repaired) {
+        if (c == '\0') {
+            carried += "\uFFFD";
+        } else {
+            carried += c;
+        }
+    }
+    return carried;
+}
+
+/// Makes room in the socket for a large reply as a whole, so that it leaves at once: sd-bus would
+/// go on reading requests beside a reply that is written in parts.
+void makeRoom(ProtocolObject& object, std::size_t size) {
+    constexpr std::size_t usual = 65536;  // fits into every socket's first buffer
+    if (size <= usual || size > std::numeric_limits<int>::max() / 4) {
+        return;
+    }
+    const int wanted = static_cast<int>(size + usual);
+    object.hasLargeBuffer =
+        ::setsockopt(object.socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0;
+}
+
+/// Replies with the optional texts, each an array of none or one.
+int reply(
+    sd_bus_message* call,
+    ProtocolObject& object,
+    std::initializer_list<const OptionalText*> texts) {
+    if (lib().messageGetExpectReply(call) == 0) {
+        return 1;
+    }
+    sd_bus_message* made = nullptr;
+    require(lib().messageNewMethodReturn(call, &made));
+    const OwnedMessage message(made);
+    std::size_t size = 0;
+    for (const auto* text : texts) {
+        require(lib().messageOpenContainer(made, SD_BUS_TYPE_ARRAY, "s"));
+        if (*text) {
+            const auto carried = carriable(**text);
+            size += carried.size();
+            require(lib().messageAppendBasic(made, SD_BUS_TYPE_STRING, carried.c_str()));
+        }
+        require(lib().messageCloseContainer(made));
+    }
+    makeRoom(object, size);
+    require(lib().busSend(nullptr, made, nullptr));
+    return 1;
+}
+
+int reply(sd_bus_message* call, ProtocolObject& object, const OptionalText& text) {
+    return reply(call, object, {&text});
+}
+
+int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both) {
+    return reply(call, object, {&both.result, &both.error});
+}
+
+/// The next argument, a string, which lives as long as the message.
+std::string_view nextText(sd_bus_message* call) {
+    const char* text = nullptr;
+    require(lib().messageReadBasic(call, SD_BUS_TYPE_STRING, &text));
+    return text;
+}
+
+std::int64_t nextInteger(sd_bus_message* call) {
+    std::int64_t value = 0;
+    require(lib().messageReadBasic(call, SD_BUS_TYPE_INT64, &value));
+    return value;
+}
+
+bool nextBool(sd_bus_message* call) {
+    int value = 0;
+    require(lib().messageReadBasic(call, SD_BUS_TYPE_BOOLEAN, &value));
+    return value != 0;
+}
+
+/// The next argument, bytes, which live as long as the message.
+std::string_view nextBytes(sd_bus_message* call) {
+    const void* bytes = nullptr;
+    std::size_t size = 0;
+    require(lib().messageReadArray(call, SD_BUS_TYPE_BYTE, &bytes, &size));
+    return {static_cast<const char*>(bytes), size};
+}
+
+using Handler = int (*)(sd_bus_message* call, ProtocolObject& object);
+
+/// Calls a handler from C: no exception leaves, each failure is an error reply.
+template <Handler handler>
+int entry(sd_bus_message* call, void* object, sd_bus_error* /*error*/) noexcept {
+    try {
+        return handler(call, *static_cast<ProtocolObject*>(object));
+    } catch (const std::system_error& failure) {
+        return -failure.code().value();
+    } catch (const std::bad_alloc&) {
+        return -ENOMEM;
+    } catch (...) {
+        return -EIO;
+    }
+}
+
+int helperVersion(sd_bus_message* call, ProtocolObject& object) {
+    return reply(call, object, object.exported.helperVersion());
+}
+
+int applyFirewall(sd_bus_message* call, ProtocolObject& object) {
+    const auto policyData = nextBytes(call);
+    return reply(call, object, object.exported.applyFirewallWithPolicyData(policyData));
+}
+
+int removeFirewall(sd_bus_message* call, ProtocolObject& object) {
+    return reply(call, object, object.exported.removeFirewall());
+}
+
+int firewallReport(sd_bus_message* call, ProtocolObject& object) {
+    return reply(call, object, object.exported.firewallReport());
+}
+
+int createVLAN(sd_bus_message* call, ProtocolObject& object) {
+    const auto name = nextText(call);
+    const auto tag = nextInteger(call);
+    const auto parentBSD = nextText(call);
+    return reply(call, object, object.exported.createVLANWithName(name, tag, parentBSD));
+}
+
+int deleteVLAN(sd_bus_message* call, ProtocolObject& object) {
+    const auto bsdName = nextText(call);
+    return reply(call, object, object.exported.deleteVLANWithBsdName(bsdName));
+}
+
+int installCLISymlink(sd_bus_message* call, ProtocolObject& object) {
+    return reply(call, object, object.exported.installCLISymlink());
+}
+
+int removeCLISymlink(sd_bus_message* call, ProtocolObject& object) {
+    return reply(call, object, object.exported.removeCLISymlink());
+}
+
+int setTarnvaleResolver(sd_bus_message* call, ProtocolObject& object) {
+    const bool enabled = nextBool(call);
+    return reply(call, object, object.exported.setTarnvaleResolverWithEnabled(enabled));
+}
+
+int shutdownForUpgrade(sd_bus_message* call, ProtocolObject& object) {
+    object.exported.shutdownForUpgrade([&] { reply(call, object, {}); });
+    return 1;
+}
+
+/// A peer that takes us for a message bus asks for its name first.
+int hello(sd_bus_message* call, ProtocolObject& /*object*/) {
+    if (lib().messageGetExpectReply(call) == 0) {
+        return 1;
+    }
+    sd_bus_message* made = nullptr;
+    require(lib().messageNewMethodReturn(call, &made));
+    const OwnedMessage message(made);
+    require(lib().messageAppendBasic(made, SD_BUS_TYPE_STRING, ":1.1"));
+    require(lib().busSend(nullptr, made, nullptr));
+    return 1;
+}
+
+sd_bus_vtable startOfTable() {
+    sd_bus_vtable start{};
+    start.type = _SD_BUS_VTABLE_START;
+    start.x.start.element_size = sizeof(sd_bus_vtable);
+    start.x.start.features = _SD_BUS_VTABLE_PARAM_NAMES;
+    start.x.start.vtable_format_reference = lib().objectVtableFormat;
+    return start;
+}
+
+/// `names` are those of the arguments and results, each ended by a NUL.
+template <Handler handler>
+sd_bus_vtable method(
+    const char* member, const char* signature, const char* result, const char* names) {
+    sd_bus_vtable entryOfTable{};
+    entryOfTable.type = _SD_BUS_VTABLE_METHOD;
+    entryOfTable.flags = SD_BUS_VTABLE_UNPRIVILEGED;
+    entryOfTable.x.method.member = member;
+    entryOfTable.x.method.signature = signature;
+    entryOfTable.x.method.result = result;
+    entryOfTable.x.method.handler = entry<handler>;
+    entryOfTable.x.method.names = names;
+    return entryOfTable;
+}
+
+sd_bus_vtable endOfTable() {
+    sd_bus_vtable end{};
+    end.type = _SD_BUS_VTABLE_END;
+    return end;
+}
+
+const sd_bus_vtable* protocolTable() {
+    static const std::array table{
+        startOfTable(),
+        method<helperVersion>("HelperVersion", "", "as", "version\0"),
+        method<applyFirewall>("ApplyFirewall", "ay", "asas", "policyData\0summary\0error\0"),
+        method<removeFirewall>("RemoveFirewall", "", "as", "error\0"),
+        method<firewallReport>("FirewallReport", "", "asas", "report\0error\0"),
+        method<createVLAN>("CreateVLAN", "sxs", "asas", "name\0tag\0parentBSD\0bsdName\0error\0"),
+        method<deleteVLAN>("DeleteVLAN", "s", "as", "bsdName\0error\0"),
+        method<installCLISymlink>("InstallCLISymlink", "", "as", "error\0"),
+        method<removeCLISymlink>("RemoveCLISymlink", "", "as", "error\0"),
+        method<setTarnvaleResolver>("SetTarnvaleResolver", "b", "as", "enabled\0error\0"),
+        method<shutdownForUpgrade>("ShutdownForUpgrade", "", "", ""),
+        endOfTable()};
+    return table.data();
+}
+
+const sd_bus_vtable* driverTable() {
+    static const std::array table{
+        startOfTable(), method<hello>("Hello", "", "s", "uniqueName\0"), endOfTable()};
+    return table.data();
+}
+
+}  // namespace
+
+void exportProtocol(sd_bus* bus, ProtocolObject& object) {
+    require(lib().busAddObjectVtable(
+        bus, nullptr, objectPath, interfaceName, protocolTable(), &object));
+    require(lib().busAddObjectVtable(
+        bus, nullptr, "/org/freedesktop/DBus", "org.freedesktop.DBus", driverTable(), &object));
+}
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+//
+// The ten methods as a D-Bus object: arguments are taken from the message, replies put into one.
+
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include "core/protocol/TarnvaleAdminHelperProtocol.h"
+
+namespace tarnvale::platform {
+
+/// What the object's methods work with while a connection lasts.
+struct ProtocolObject {
+    TarnvaleAdminHelperProtocol& exported;
+    int socket;                   ///< the connection's descriptor, borrowed
+    bool hasLargeBuffer = false;  ///< the socket's send buffer has been enlarged for a reply
+};
+
+/// Puts the object on the bus, and the little of the bus driver that clients of a message bus
+/// expect. `object` must outlive the bus. Throws `std::system_error`.
+void exportProtocol(sd_bus* bus, ProtocolObject& object);
+
+}  // namespace tarnvale::platform

@@ -8,16 +8,25 @@
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "core/ClientAdmission.h"
+#include "core/HelperListener.h"
 #include "core/HelperVersion.h"
+#include "core/RequestHandlers.h"
 #include "firewall/enforce/Operations.h"
 #include "firewall/enforce/StatusReport.h"
+#include "platform/CodeSigning.h"
 #include "platform/ExecutablePath.h"
+#include "platform/MainLoop.h"
+#include "platform/NetworkPreferences.h"
+#include "platform/Transport.h"
+#include "platform/Users.h"
 
 namespace {
 
@@ -55,6 +64,23 @@ int fail(std::string_view message) {
     return EXIT_FAILURE;
 }
 
+/// Serves requests until the process exits.
+[[noreturn]] void serve() {
+    using namespace tarnvale;  // NOLINT(google-build-using-namespace): this is its program
+    // Before a client can change what is enforced, what is stored is enforced again.
+    HelperFirewall::reapplyAtBoot();
+
+    const auto codeSigning = platform::makeCodeSigning();
+    const auto users = platform::makeUsers();
+    const auto preferences = platform::makeNetworkPreferences();
+    const auto transport = platform::makeTransport(*codeSigning);
+    const auto loop = platform::makeMainLoop();
+    ClientAdmission admission(*codeSigning);
+    const auto listener = std::make_shared<HelperListener>(*transport, *loop, admission);
+    RequestHandlers handlers(*listener, *transport, *users, *preferences);
+    listener->start(handlers);
+}
+
 int run(std::string_view argument) {
     using namespace tarnvale;  // NOLINT(google-build-using-namespace): this is its program
     if (argument == "--version") {
@@ -72,9 +98,7 @@ int run(std::string_view argument) {
         printLine(HelperFirewall::statusReport());
         return EXIT_SUCCESS;
     }
-    return fail(
-        "TarnvaleAdminHelper can't serve requests on this system yet; use --reapply, --status or "
-        "--version.\n");
+    serve();
 }
 
 }  // namespace

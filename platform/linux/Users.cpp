@@ -13,7 +13,8 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <systemd/sd-login.h>
+
+#include "platform/linux/LibSystemd.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -75,7 +76,7 @@ std::optional<std::string> answer(Function function, const char* of) {
 std::optional<std::string> activeSessionOfTheConsole() {
     return answer(
         [](const char* seat, char** session) {
-            return ::sd_seat_get_active(seat, session, nullptr);
+            return LibSystemd::get().sd_seat_get_active(seat, session, nullptr);
         },
         "seat0");
 }
@@ -92,18 +93,19 @@ public:
     }
 
     std::optional<ConsoleUser> consoleUser() override {
+        const auto& login = LibSystemd::get();
         const auto session = activeSessionOfTheConsole();
         // A session that is being closed has no user any more.
-        if (!session || answer(::sd_session_get_state, session->c_str()) != "active") {
+        if (!session || answer(login.sd_session_get_state, session->c_str()) != "active") {
             return std::nullopt;
         }
 
-        const auto kind = answer(::sd_session_get_class, session->c_str());
+        const auto kind = answer(login.sd_session_get_class, session->c_str());
         if (kind == "greeter") {
             return ConsoleUser{.name = std::string(loginWindowName), .uid = 0};
         }
         uid_t uid = 0;
-        if (kind != "user" || ::sd_session_get_uid(session->c_str(), &uid) < 0) {
+        if (kind != "user" || login.sd_session_get_uid(session->c_str(), &uid) < 0) {
             return std::nullopt;
         }
         const auto account = accountOf(uid);

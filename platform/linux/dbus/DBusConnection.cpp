@@ -18,7 +18,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "platform/linux/dbus/LibSystemd.h"
+#include "platform/linux/LibSystemd.h"
 #include "platform/linux/dbus/ProtocolObject.h"
 
 #ifndef SO_PEERPIDFD
@@ -60,7 +60,7 @@ int require(int result) {
 }
 
 struct BusClose {
-    void operator()(sd_bus* bus) const { LibSystemd::get().busCloseUnref(bus); }
+    void operator()(sd_bus* bus) const { LibSystemd::get().sd_bus_close_unref(bus); }
 };
 using Bus = std::unique_ptr<sd_bus, BusClose>;
 
@@ -68,7 +68,7 @@ using Bus = std::unique_ptr<sd_bus, BusClose>;
 Bus makeBus(int socket, ProtocolObject& object) {
     const auto& lib = LibSystemd::get();
     sd_bus* made = nullptr;
-    require(lib.busNew(&made));
+    require(lib.sd_bus_new(&made));
     Bus bus(made);
 
     sd_id128_t id{};
@@ -76,16 +76,17 @@ Bus makeBus(int socket, ProtocolObject& object) {
         throw std::system_error(errno, std::generic_category());
     }
     // Who the peer is was settled before this; D-Bus's own authentication decides nothing.
-    require(lib.busSetServer(made, 1, id));
-    require(lib.busSetAnonymous(made, 1));
-    require(lib.busSetTrusted(made, 1));
-    require(lib.busNegotiateFds(made, 0));
+    require(lib.sd_bus_set_server(made, 1, id));
+    require(lib.sd_bus_set_anonymous(made, 1));
+    require(lib.sd_bus_set_trusted(made, 1));
+    require(lib.sd_bus_negotiate_fds(made, 0));
     UniqueFd own(::fcntl(socket, F_DUPFD_CLOEXEC, 3));
     require(own ? 0 : -errno);
-    require(lib.busSetFd(made, own.get(), own.get()));
+    require(lib.sd_bus_set_fd(made, own.get(), own.get()));
     own.release();
     exportProtocol(made, object);
-    require(lib.busStart(made));
+    require(lib.sd_bus_start(made));
+    restoreSendBuffer(socket);  // sd-bus has made it 8 MiB
     return bus;
 }
 
@@ -182,8 +183,10 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
             } else if (hasReplied) {
                 deadline = Clock::now() + replyLimit;
             }
-            const int events = isReady ? POLLIN : lib.busGetEvents(bus.get());
-            if (!waitFor(socket_.get(), static_cast<short>(require(events)), deadline)) {
+            // No events at all means that sd-bus has already met the end and wants to say so.
+            const int events = require(lib.sd_bus_get_events(bus.get()));
+            if (events != 0 &&
+                !waitFor(socket_.get(), static_cast<short>(isReady ? POLLIN : events), deadline)) {
                 if (!isReady || !hasTakenEverything(socket_.get())) {
                     return;
                 }
@@ -194,28 +197,30 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
         if (!requirementHolds()) {
             return;
         }
-        const int progress = require(lib.busProcess(bus.get(), nullptr));
+        const int progress = require(lib.sd_bus_process(bus.get(), nullptr));
         isDrained = isDrained || (isReady && progress == 0);
-        isReady = isReady || require(lib.busIsReady(bus.get())) > 0;
+        isReady = isReady || require(lib.sd_bus_is_ready(bus.get())) > 0;
         if (!isReady && Clock::now() >= handshakeDeadline) {
             return;
         }
         hasReplied = true;
         // The next request is read only when this reply has left.
         std::uint64_t queued = 0;
-        require(lib.busGetQueuedWrite(bus.get(), &queued));
+        require(lib.sd_bus_get_n_queued_write(bus.get(), &queued));
         if (queued > 0 || object.hasLargeBuffer) {
             do {
                 if (!waitFor(socket_.get(), POLLOUT, Clock::now() + replyLimit)) {
                     return;
                 }
                 if (queued > 0) {
-                    require(lib.busProcess(bus.get(), nullptr));
-                    require(lib.busGetQueuedWrite(bus.get(), &queued));
+                    require(lib.sd_bus_process(bus.get(), nullptr));
+                    require(lib.sd_bus_get_n_queued_write(bus.get(), &queued));
                 }
             } while (queued > 0);
             isDrained = false;
-            object.hasLargeBuffer = false;
+            if (std::exchange(object.hasLargeBuffer, false)) {
+                restoreSendBuffer(socket_.get());
+            }
         }
     }
 }

@@ -15,7 +15,7 @@
 
 #include <sys/socket.h>
 
-#include "platform/linux/dbus/LibSystemd.h"
+#include "platform/linux/LibSystemd.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform {
@@ -23,6 +23,8 @@ namespace {
 
 constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
 constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
+
+constexpr std::size_t usualBuffer = 131072;  // bytes
 
 const LibSystemd& lib() {
     return LibSystemd::get();
@@ -37,21 +39,15 @@ int require(int result) {
 }
 
 struct MessageUnref {
-    void operator()(sd_bus_message* message) const { lib().messageUnref(message); }
+    void operator()(sd_bus_message* message) const { lib().sd_bus_message_unref(message); }
 };
 using OwnedMessage = std::unique_ptr<sd_bus_message, MessageUnref>;
 
-/// The text as D-Bus can carry it.
-std::string carriable(std::string_view text) {
-    std::string carried;
-    carried.reserve(text.size());
-    const auto repaired = support::repairedUtf8(text);
-    for (const char c : repaired) {
-        if (c == '\0') {
-            carried += "\uFFFD";
-        } else {
-            carried += c;
-        }
+/// The text as D-Bus can carry it: UTF-8 without a NUL.
+std::string carriable(const std::string& text) {
+    auto carried = support::isValidUtf8(text) ? text : support::repairedUtf8(text);
+    for (auto nul = carried.find('\0'); nul != std::string::npos; nul = carried.find('\0', nul)) {
+        carried.replace(nul, 1, "\uFFFD");
     }
     return carried;
 }
@@ -59,11 +55,10 @@ std::string carriable(std::string_view text) {
 /// Makes room in the socket for a large reply as a whole, so that it leaves at once: sd-bus would
 /// go on reading requests beside a reply that is written in parts.
 void makeRoom(ProtocolObject& object, std::size_t size) {
-    constexpr std::size_t usual = 65536;  // fits into every socket's first buffer
-    if (size <= usual || size > std::numeric_limits<int>::max() / 4) {
+    if (size <= usualBuffer / 2 || size > std::numeric_limits<int>::max() / 4) {
         return;
     }
-    const int wanted = static_cast<int>(size + usual);
+    const int wanted = static_cast<int>(size + usualBuffer);
     object.hasLargeBuffer =
         ::setsockopt(object.socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0;
 }
@@ -73,24 +68,24 @@ int reply(
     sd_bus_message* call,
     ProtocolObject& object,
     std::initializer_list<const OptionalText*> texts) {
-    if (lib().messageGetExpectReply(call) == 0) {
+    if (lib().sd_bus_message_get_expect_reply(call) == 0) {
         return 1;
     }
     sd_bus_message* made = nullptr;
-    require(lib().messageNewMethodReturn(call, &made));
+    require(lib().sd_bus_message_new_method_return(call, &made));
     const OwnedMessage message(made);
     std::size_t size = 0;
     for (const auto* text : texts) {
-        require(lib().messageOpenContainer(made, SD_BUS_TYPE_ARRAY, "s"));
+        require(lib().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s"));
         if (*text) {
             const auto carried = carriable(**text);
             size += carried.size();
-            require(lib().messageAppendBasic(made, SD_BUS_TYPE_STRING, carried.c_str()));
+            require(lib().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, carried.c_str()));
         }
-        require(lib().messageCloseContainer(made));
+        require(lib().sd_bus_message_close_container(made));
     }
     makeRoom(object, size);
-    require(lib().busSend(nullptr, made, nullptr));
+    require(lib().sd_bus_send(nullptr, made, nullptr));
     return 1;
 }
 
@@ -105,19 +100,19 @@ int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both)
 /// The next argument, a string, which lives as long as the message.
 std::string_view nextText(sd_bus_message* call) {
     const char* text = nullptr;
-    require(lib().messageReadBasic(call, SD_BUS_TYPE_STRING, &text));
+    require(lib().sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &text));
     return text;
 }
 
 std::int64_t nextInteger(sd_bus_message* call) {
     std::int64_t value = 0;
-    require(lib().messageReadBasic(call, SD_BUS_TYPE_INT64, &value));
+    require(lib().sd_bus_message_read_basic(call, SD_BUS_TYPE_INT64, &value));
     return value;
 }
 
 bool nextBool(sd_bus_message* call) {
     int value = 0;
-    require(lib().messageReadBasic(call, SD_BUS_TYPE_BOOLEAN, &value));
+    require(lib().sd_bus_message_read_basic(call, SD_BUS_TYPE_BOOLEAN, &value));
     return value != 0;
 }
 
@@ -125,7 +120,7 @@ bool nextBool(sd_bus_message* call) {
 std::string_view nextBytes(sd_bus_message* call) {
     const void* bytes = nullptr;
     std::size_t size = 0;
-    require(lib().messageReadArray(call, SD_BUS_TYPE_BYTE, &bytes, &size));
+    require(lib().sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size));
     return {static_cast<const char*>(bytes), size};
 }
 
@@ -194,14 +189,14 @@ int shutdownForUpgrade(sd_bus_message* call, ProtocolObject& object) {
 
 /// A peer that takes us for a message bus asks for its name first.
 int hello(sd_bus_message* call, ProtocolObject& /*object*/) {
-    if (lib().messageGetExpectReply(call) == 0) {
+    if (lib().sd_bus_message_get_expect_reply(call) == 0) {
         return 1;
     }
     sd_bus_message* made = nullptr;
-    require(lib().messageNewMethodReturn(call, &made));
+    require(lib().sd_bus_message_new_method_return(call, &made));
     const OwnedMessage message(made);
-    require(lib().messageAppendBasic(made, SD_BUS_TYPE_STRING, ":1.1"));
-    require(lib().busSend(nullptr, made, nullptr));
+    require(lib().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, ":1.1"));
+    require(lib().sd_bus_send(nullptr, made, nullptr));
     return 1;
 }
 
@@ -210,7 +205,7 @@ sd_bus_vtable startOfTable() {
     start.type = _SD_BUS_VTABLE_START;
     start.x.start.element_size = sizeof(sd_bus_vtable);
     start.x.start.features = _SD_BUS_VTABLE_PARAM_NAMES;
-    start.x.start.vtable_format_reference = lib().objectVtableFormat;
+    start.x.start.vtable_format_reference = lib().sd_bus_object_vtable_format;
     return start;
 }
 
@@ -260,10 +255,15 @@ const sd_bus_vtable* driverTable() {
 
 }  // namespace
 
+void restoreSendBuffer(int socket) {
+    const int wanted = usualBuffer;
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
+}
+
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
-    require(lib().busAddObjectVtable(
+    require(lib().sd_bus_add_object_vtable(
         bus, nullptr, objectPath, interfaceName, protocolTable(), &object));
-    require(lib().busAddObjectVtable(
+    require(lib().sd_bus_add_object_vtable(
         bus, nullptr, "/org/freedesktop/DBus", "org.freedesktop.DBus", driverTable(), &object));
 }
 

@@ -17,6 +17,9 @@ struct ProtocolObject {
     bool hasLargeBuffer = false;  ///< the socket's send buffer has been enlarged for a reply
 };
 
+/// Lets as much wait in the socket for the peer to fetch as many small replies, but no large one.
+void restoreSendBuffer(int socket);
+
 /// Puts the object on the bus, and the little of the bus driver that clients of a message bus
 /// expect. `object` must outlive the bus. Throws `std::system_error`.
 void exportProtocol(sd_bus* bus, ProtocolObject& object);

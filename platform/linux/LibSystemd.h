@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+//
+// The functions of libsystemd that we call. The library is loaded when the first of them is needed:
+// linked in the usual way, it and those it depends on would cost each start of a one-shot mode more
+// than all of its own work.
+
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-login.h>
+
+namespace tarnvale::platform {
+
+#define TARNVALE_LIBSYSTEMD_SYMBOLS(SYMBOL)  \
+    SYMBOL(sd_bus_add_object_vtable)         \
+    SYMBOL(sd_bus_close_unref)               \
+    SYMBOL(sd_bus_get_events)                \
+    SYMBOL(sd_bus_get_n_queued_write)        \
+    SYMBOL(sd_bus_is_ready)                  \
+    SYMBOL(sd_bus_message_append_basic)      \
+    SYMBOL(sd_bus_message_close_container)   \
+    SYMBOL(sd_bus_message_get_expect_reply)  \
+    SYMBOL(sd_bus_message_new_method_return) \
+    SYMBOL(sd_bus_message_open_container)    \
+    SYMBOL(sd_bus_message_read_array)        \
+    SYMBOL(sd_bus_message_read_basic)        \
+    SYMBOL(sd_bus_message_unref)             \
+    SYMBOL(sd_bus_negotiate_fds)             \
+    SYMBOL(sd_bus_new)                       \
+    SYMBOL(sd_bus_object_vtable_format)      \
+    SYMBOL(sd_bus_process)                   \
+    SYMBOL(sd_bus_send)                      \
+    SYMBOL(sd_bus_set_anonymous)             \
+    SYMBOL(sd_bus_set_fd)                    \
+    SYMBOL(sd_bus_set_server)                \
+    SYMBOL(sd_bus_set_trusted)               \
+    SYMBOL(sd_bus_start)                     \
+    SYMBOL(sd_seat_get_active)               \
+    SYMBOL(sd_session_get_class)             \
+    SYMBOL(sd_session_get_state)             \
+    SYMBOL(sd_session_get_uid)
+
+/// The address of each under its own name, with the type that systemd's headers give it.
+struct LibSystemd {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name takes none
+#define TARNVALE_MEMBER(name) decltype(&::name) name = nullptr;
+    TARNVALE_LIBSYSTEMD_SYMBOLS(TARNVALE_MEMBER)
+#undef TARNVALE_MEMBER
+
+    /// The library, loaded on first use, once for the process. Throws `std::runtime_error` when it
+    /// is not there. Safe from any thread.
+    static const LibSystemd& get();
+};
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,420 @@
+// SPDX-License-Identifier: MIT
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include "platform/Transport.h"
+#include "platform/linux/dbus/ListeningSocket.h"
+#include "support/UniqueFd.h"
+#include "tests/support/HelperFiles.h"
+
+namespace tarnvale::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using support::UniqueFd;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Texts = std::vector<std::string>;
+
+/// Finds every program good as long as the test says so.
+class FakeSigning final : public CodeSigning {
+public:
+    std::atomic<bool> valid = true;
+    std::atomic<int> checks = 0;
+
+    std::unique_ptr<Code> self() override { return nullptr; }
+    std::unique_ptr<Code> guest(const Peer& /*peer*/) override {
+        return std::make_unique<FakeCode>(*this);
+    }
+
+private:
+    class FakeCode final : public Code {
+    public:
+        explicit FakeCode(FakeSigning& signing) : signing_(signing) {}
+        std::optional<SigningInformation> signingInformation() override { return {}; }
+        bool isValid(std::string_view /*requirement*/) override {
+            ++signing_.checks;
+            return signing_.valid;
+        }
+
+    private:
+        FakeSigning& signing_;
+    };
+};
+
+class Doorkeeper final : public TransportDelegate {
+public:
+    std::atomic<bool> admits = true;
+    std::atomic<int> admitted = 0;
+    std::atomic<int> ended = 0;
+    std::atomic<pid_t> lastPeer = 0;
+    std::atomic<uid_t> lastUser = 12345;
+
+    bool shouldAcceptNewConnection(NewConnection& connection) override {
+        lastPeer = connection.peer().pid;
+        lastUser = connection.effectiveUserID();
+        if (!admits || !connection.setCodeSigningRequirement("good")) {
+            return false;
+        }
+        ++admitted;
+        connection.setInvalidationHandler([this] { ++ended; });
+        return true;
+    }
+};
+
+/// Answers with what it was asked.
+class Echo final : public TarnvaleAdminHelperProtocol {
+public:
+    explicit Echo(const std::unique_ptr<Transport>& transport) : transport_(transport) {}
+
+    std::atomic<int> calls = 0;
+
+    OptionalText helperVersion() override {
+        ++calls;
+        return std::to_string(transport_->currentEffectiveUserID().value_or(99));
+    }
+    ResultReply applyFirewallWithPolicyData(std::string_view policyData) override {
+        ++calls;
+        return {.result = std::to_string(policyData.size()), .error = std::nullopt};
+    }
+    OptionalText removeFirewall() override { return std::nullopt; }
+    ResultReply firewallReport() override {
+        return {.result = std::string(20'000'000, 'r'), .error = std::nullopt};
+    }
+    ResultReply createVLANWithName(
+        std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
+        return {
+            .result = std::nullopt,
+            .error = std::string(name) + "|" + std::to_string(tag) + "|" + std::string(parentBSD)};
+    }
+    OptionalText deleteVLANWithBsdName(std::string_view bsdName) override {
+        return std::string(bsdName) + std::string("\0\xFF", 2);
+    }
+    OptionalText installCLISymlink() override { throw std::runtime_error("unexpected"); }
+    OptionalText removeCLISymlink() override { return ""; }
+    OptionalText setTarnvaleResolverWithEnabled(bool enabled) override {
+        return enabled ? "on" : "off";
+    }
+    void shutdownForUpgrade(const std::function<void()>& reply) override { reply(); }
+
+private:
+    const std::unique_ptr<Transport>& transport_;
+};
+
+/// A client as sd-bus makes one.
+class Client {
+public:
+    Client() {
+        sd_bus* made = nullptr;
+        ::sd_bus_new(&made);
+        bus_.reset(made);
+        ::sd_bus_set_address(made, (std::string("unix:path=") + listeningSocketPath).c_str());
+        startResult = ::sd_bus_start(made);
+    }
+
+    int startResult = 0;
+
+    /// The optional texts of the reply, one string for each array: its element, or "nil".
+    std::optional<Texts> call(const char* method, const char* types, auto... arguments) {
+        sd_bus_error error{};
+        sd_bus_message* reply = nullptr;
+        const int result = ::sd_bus_call_method(
+            bus_.get(),
+            nullptr,
+            "/com/brackwen/tarnvale/adminhelper",
+            "com.brackwen.tarnvale.adminhelper",
+            method,
+            &error,
+            &reply,
+            types,
+            arguments...);
+        ::sd_bus_error_free(&error);
+        lastResult = result;
+        if (result < 0) {
+            return std::nullopt;
+        }
+        const std::unique_ptr<sd_bus_message, sd_bus_message* (*)(sd_bus_message*)> owner(
+            reply, ::sd_bus_message_unref);
+        Texts texts;
+        while (::sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "s") > 0) {
+            const char* text = "nil";
+            ::sd_bus_message_read(reply, "s", &text);
+            texts.emplace_back(text);
+            ::sd_bus_message_exit_container(reply);
+        }
+        return texts;
+    }
+
+    int lastResult = 0;
+
+private:
+    std::unique_ptr<sd_bus, sd_bus* (*)(sd_bus*)> bus_{nullptr, ::sd_bus_close_unref};
+};
+
+UniqueFd connectRaw() {
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string_view(listeningSocketPath).copy(address.sun_path, sizeof address.sun_path - 1);
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    if (::connect(fd.get(), generic, sizeof address) != 0) {
+        fd.reset();
+    }
+    return fd;
+}
+
+/// Whether the other side closes the connection within this time.
+bool isClosed(const UniqueFd& fd, std::chrono::milliseconds time) {
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < deadline) {
+        pollfd waited{.fd = fd.get(), .events = POLLIN, .revents = 0};
+        ::poll(&waited, 1, 10);
+        char byte = 0;
+        const auto got = ::recv(fd.get(), &byte, 1, MSG_DONTWAIT);
+        if (got == 0 || (got < 0 && errno == ECONNRESET)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+template <class Condition>
+bool eventually(const Condition& condition) {
+    for (int i = 0; i < 500 && !condition(); ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    return condition();
+}
+
+/// The transport lives to the end of the process, as in the helper.
+class DBusTransportTest : public testing::Test {
+protected:
+    DBusTransportTest() { transport->resume(doorkeeper, echo); }
+
+    static void TearDownTestSuite() {}
+
+    FakeSigning& signing = *new FakeSigning;
+    Doorkeeper& doorkeeper = *new Doorkeeper;
+    std::unique_ptr<Transport>& transport = *new std::unique_ptr<Transport>(makeTransport(signing));
+    Echo& echo = *new Echo(transport);
+};
+
+TEST_F(DBusTransportTest, CarriesTheTenMethods) {
+    Client client;
+
+    EXPECT_THAT(client.call("HelperVersion", ""), testing::Optional(ElementsAre("0")));
+    EXPECT_THAT(
+        client.call("ApplyFirewall", "ay", 3, 1, 2, 3), testing::Optional(ElementsAre("3", "nil")));
+    EXPECT_THAT(client.call("RemoveFirewall", ""), testing::Optional(ElementsAre("nil")));
+    EXPECT_THAT(
+        client.call("CreateVLAN", "sxs", "Büro", std::int64_t{-5}, "en0"),
+        testing::Optional(ElementsAre("nil", "Büro|-5|en0")));
+    EXPECT_THAT(client.call("RemoveCLISymlink", ""), testing::Optional(ElementsAre("")));
+    EXPECT_THAT(client.call("SetTarnvaleResolver", "b", 1), testing::Optional(ElementsAre("on")));
+    EXPECT_THAT(client.call("SetTarnvaleResolver", "b", 0), testing::Optional(ElementsAre("off")));
+    EXPECT_THAT(client.call("ShutdownForUpgrade", ""), testing::Optional(IsEmpty()));
+}
+
+TEST_F(DBusTransportTest, SendsWhatDBusCantCarryWithReplacementCharacters) {
+    EXPECT_THAT(
+        Client().call("DeleteVLAN", "s", "vlan0"),
+        testing::Optional(ElementsAre("vlan0\uFFFD\uFFFD")));
+}
+
+TEST_F(DBusTransportTest, DeliversALargeReply) {
+    const auto reply = Client().call("FirewallReport", "");
+
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->at(0).size(), 20'000'000U);
+    EXPECT_EQ(reply->at(1), "nil");
+}
+
+TEST_F(DBusTransportTest, AFailureOfAHandlerIsAnErrorReply) {
+    Client client;
+
+    EXPECT_FALSE(client.call("InstallCLISymlink", ""));
+    EXPECT_TRUE(client.call("HelperVersion", ""));
+}
+
+TEST_F(DBusTransportTest, RefusesWrongTypesAndUnknownMethods) {
+    Client client;
+
+    EXPECT_FALSE(client.call("ApplyFirewall", "s", "text"));
+    EXPECT_FALSE(client.call("HelperVersion", "s", "text"));
+    EXPECT_FALSE(client.call("CreateVLAN", "ss", "a", "b"));
+    EXPECT_FALSE(client.call("FormatDisk", ""));
+    EXPECT_EQ(echo.calls, 0);
+    EXPECT_TRUE(client.call("HelperVersion", ""));
+}
+
+TEST_F(DBusTransportTest, TellsWhoThePeerIs) {
+    Client client;
+    client.call("HelperVersion", "");
+
+    EXPECT_EQ(doorkeeper.lastPeer, ::getpid());
+    EXPECT_EQ(doorkeeper.lastUser, ::getuid());
+    EXPECT_EQ(transport->currentEffectiveUserID(), std::nullopt);
+}
+
+TEST_F(DBusTransportTest, ClosesAPeerThatIsNotAdmittedWithoutAWord) {
+    doorkeeper.admits = false;
+
+    EXPECT_TRUE(isClosed(connectRaw(), 2s));
+
+    EXPECT_EQ(doorkeeper.ended, 0);
+    EXPECT_EQ(signing.checks, 0);
+}
+
+TEST_F(DBusTransportTest, ChecksThePeerBeforeEveryMessage) {
+    Client client;
+    EXPECT_TRUE(client.call("HelperVersion", ""));
+    const int checks = signing.checks;
+    EXPECT_TRUE(client.call("HelperVersion", ""));
+    EXPECT_GT(signing.checks, checks);
+    const int calls = echo.calls;
+
+    signing.valid = false;
+
+    EXPECT_FALSE(client.call("HelperVersion", ""));
+    EXPECT_EQ(echo.calls, calls);
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
+}
+
+TEST_F(DBusTransportTest, ReportsTheEndOfEachConnectionOnce) {
+    for (int i = 0; i < 20; ++i) {
+        Client client;
+        client.call("HelperVersion", "");
+    }
+
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 20; }));
+    EXPECT_EQ(doorkeeper.admitted, 20);
+}
+
+TEST_F(DBusTransportTest, SurvivesPeersThatConnectAndHangUp) {
+    for (int i = 0; i < 2000; ++i) {
+        connectRaw();
+    }
+
+    EXPECT_TRUE(Client().call("HelperVersion", ""));
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == doorkeeper.admitted; }));
+}
+
+TEST_F(DBusTransportTest, SurvivesGarbage) {
+    for (const std::string_view garbage :
+         {std::string_view("x"),
+          std::string_view("\0AUTH NONSENSE\r\n", 16),
+          std::string_view("\0BEGIN\r\n", 8),
+          std::string_view("\0AUTH EXTERNAL 30\r\nBEGIN\r\nl\1\0\1\377\377\377\377\377\377", 37)}) {
+        const auto peer = connectRaw();
+        ::send(peer.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
+        ::shutdown(peer.get(), SHUT_WR);
+        EXPECT_TRUE(isClosed(peer, 5s)) << testing::PrintToString(garbage);
+    }
+
+    EXPECT_TRUE(Client().call("HelperVersion", ""));
+}
+
+TEST_F(DBusTransportTest, ServesOthersBesideAPeerThatNeverSpeaks) {
+    const auto silent = connectRaw();
+
+    EXPECT_TRUE(Client().call("HelperVersion", ""));
+}
+
+TEST_F(DBusTransportTest, DropsAPeerThatIsNotDoneWithTheHandshakeInTime) {
+    const auto silent = connectRaw();
+    const auto slow = connectRaw();
+    ::send(slow.get(), "\0AUTH", 5, MSG_NOSIGNAL);
+
+    EXPECT_FALSE(isClosed(silent, 9s));
+    EXPECT_TRUE(isClosed(silent, 2s));
+    EXPECT_TRUE(isClosed(slow, 1s));
+}
+
+TEST_F(DBusTransportTest, KeepsOneUserToSixtyFourConnections) {
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 64; ++i) {
+        clients.push_back(std::make_unique<Client>());
+        ASSERT_TRUE(clients.back()->call("HelperVersion", "")) << i;
+    }
+
+    EXPECT_TRUE(isClosed(connectRaw(), 2s));
+    clients.pop_back();
+
+    EXPECT_TRUE(eventually([] { return Client().call("HelperVersion", "").has_value(); }));
+}
+
+TEST_F(DBusTransportTest, ServesManyConnectionsSideBySide) {
+    std::vector<std::thread> threads;
+    std::atomic<int> answered = 0;
+    for (int i = 0; i < 16; ++i) {
+        threads.emplace_back([&] {
+            Client client;
+            for (int call = 0; call < 20; ++call) {
+                answered += client.call("HelperVersion", "") ? 1 : 0;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(answered, 320);
+}
+
+TEST(ListeningSocketTest, IsOpenToEverybody) {
+    const auto socket = openListeningSocket();
+
+    EXPECT_EQ(test::modeOf(listeningSocketPath), 0666U);
+    EXPECT_TRUE(connectRaw());
+}
+
+TEST(ListeningSocketTest, ReplacesASocketThatNobodyListensOn) {
+    openListeningSocket();
+    EXPECT_FALSE(connectRaw());
+
+    const auto socket = openListeningSocket();
+
+    EXPECT_TRUE(connectRaw());
+}
+
+TEST(ListeningSocketTest, LeavesAnotherHelpersSocketAlone) {
+    const auto first = openListeningSocket();
+
+    EXPECT_THROW(openListeningSocket(), TransportError);
+
+    EXPECT_TRUE(connectRaw());
+}
+
+TEST(ListeningSocketTest, LeavesAnythingElseAlone) {
+    test::put(listeningSocketPath, "in the way");
+
+    EXPECT_THAT(
+        [] { openListeningSocket(); },
+        testing::ThrowsMessage<TransportError>(
+            "/run/com.brackwen.tarnvale.adminhelper.socket is in the way: it isn't a socket."));
+
+    EXPECT_EQ(test::contentOf(listeningSocketPath), "in the way");
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -182,7 +182,9 @@ std::string cmsMessage(std::string_view content, const MessageRequest& request) 
     if (request.signers.empty()) {
         // OpenSSL finishes no message that nobody signs.
         ASN1_OCTET_STRING** const inside = CMS_get0_content(message);
-        *inside = ASN1_OCTET_STRING_new();
+        if (*inside == nullptr) {
+            *inside = ASN1_OCTET_STRING_new();
+        }
         ASN1_OCTET_STRING_set(
             *inside,
             reinterpret_cast<const unsigned char*>(content.data()),

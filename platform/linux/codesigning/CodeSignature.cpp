@@ -23,6 +23,48 @@ std::size_t bigEndian(std::string_view bytes) {
     return value;
 }
 
+// The tags of DER.
+constexpr char integer = 0x02;
+constexpr char objectIdentifier = 0x06;
+constexpr char sequence = 0x30;
+constexpr char set = 0x31;
+constexpr char context0 = static_cast<char>(0xA0);
+
+/// Takes the element off the front of the bytes: its content, where it has that tag.
+std::optional<std::string_view> takeElement(std::string_view& bytes, char tag) {
+    if (bytes.size() < 2 || bytes[0] != tag) {
+        return std::nullopt;
+    }
+    std::size_t length = static_cast<std::uint8_t>(bytes[1]);
+    std::size_t header = 2;
+    if (length >= 0x80) {
+        // Without digits it would be an indefinite length; more than three are beyond any message.
+        const std::size_t digits = length - 0x80;
+        if (digits < 1 || digits > 3 || bytes.size() < header + digits) {
+            return std::nullopt;
+        }
+        length = bigEndian(bytes.substr(header, digits));
+        header += digits;
+    }
+    if (length > bytes.size() - header) {
+        return std::nullopt;
+    }
+    const auto content = bytes.substr(header, length);
+    bytes.remove_prefix(header + length);
+    return content;
+}
+
+/// Whether the bytes are that many sequences.
+bool areSequences(std::string_view bytes, std::size_t fewest, std::size_t most) {
+    std::size_t count = 0;
+    for (; !bytes.empty() && count <= most; ++count) {
+        if (!takeElement(bytes, sequence)) {
+            return false;
+        }
+    }
+    return count >= fewest && count <= most;
+}
+
 /// Takes the line that begins with `key` off the text: what stands between the key and the line
 /// feed.
 std::optional<std::string_view> takeLine(std::string_view& text, std::string_view key) {
@@ -64,6 +106,32 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size) {
         return std::nullopt;
     }
     return SignatureTrailer{.programSize = programSize, .message = std::move(*message)};
+}
+
+bool hasShapeOfSignature(std::string_view message) {
+    auto contentInfo = takeElement(message, sequence);
+    if (!contentInfo || !message.empty() || !takeElement(*contentInfo, objectIdentifier)) {
+        return false;
+    }
+    auto content = takeElement(*contentInfo, context0);
+    if (!content || !contentInfo->empty()) {
+        return false;
+    }
+    auto signedData = takeElement(*content, sequence);
+    if (!signedData || !content->empty()) {
+        return false;
+    }
+
+    const bool beginsRight = takeElement(*signedData, integer) && takeElement(*signedData, set) &&
+                             takeElement(*signedData, sequence);
+    if (!beginsRight) {
+        return false;
+    }
+    const auto certificates = takeElement(*signedData, context0);
+    const auto signers = takeElement(*signedData, set);
+    return signedData->empty() && certificates &&
+           areSequences(*certificates, 1, mostCertificates) && signers &&
+           areSequences(*signers, 1, 1);
 }
 
 std::optional<SignedContent> parseSignedContent(std::string_view text) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The form of a signed executable: the program's bytes, a CMS message, its length in 4 bytes, and
-// the magic. What the message says is read in SignedData.h; here are the trailer, and the three
-// lines that are signed.
+// the magic. What the message says is read in SignedData.h; here are the trailer, the message's
+// outline, and the three lines that are signed.
 
 #pragma once
 
@@ -31,6 +31,14 @@ struct SignatureTrailer {
 
 /// The trailer of an open file of that size; nothing when there is none, or none that could be.
 std::optional<SignatureTrailer> readTrailer(int file, off_t size);
+
+/// The most certificates that a message may carry.
+inline constexpr std::size_t mostCertificates = 16;
+
+/// Whether the message could be a signature by its outermost elements: DER, signed data with one
+/// signer and no more certificates than it may carry. Found out at no cost, where decoding all
+/// that a megabyte can hold takes OpenSSL most of a second.
+bool hasShapeOfSignature(std::string_view message);
 
 /// The three signed lines.
 struct SignedContent {

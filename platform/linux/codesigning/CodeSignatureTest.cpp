@@ -113,6 +113,65 @@ TEST(CodeSignatureTest, RefusesAFileThatCannotBeRead) {
     EXPECT_FALSE(readTrailer(-1, 1000));
 }
 
+/// DER elements, by hand.
+std::string element(char tag, const std::string& content) {
+    std::string length;
+    if (content.size() < 0x80) {
+        length += static_cast<char>(content.size());
+    } else {
+        length += '\x82';
+        length += static_cast<char>(content.size() >> 8U);
+        length += static_cast<char>(content.size() & 0xFFU);
+    }
+    return tag + length + content;
+}
+
+std::string sequences(int count) {
+    std::string all;
+    for (int index = 0; index < count; ++index) {
+        all += element(0x30, "content");
+    }
+    return all;
+}
+
+std::string message(int certificates, int signers, const std::string& between = {}) {
+    const std::string data = element(0x02, "\x01") + element(0x31, "") + element(0x30, "") +
+                             element('\xA0', sequences(certificates)) + between +
+                             element(0x31, sequences(signers));
+    return element(0x30, element(0x06, "type") + element('\xA0', element(0x30, data)));
+}
+
+TEST(MessageShapeTest, IsThatOfOneSignerWithUpToSixteenCertificates) {
+    EXPECT_TRUE(hasShapeOfSignature(message(1, 1)));
+    EXPECT_TRUE(hasShapeOfSignature(message(16, 1)));
+
+    EXPECT_FALSE(hasShapeOfSignature(message(0, 1)));
+    EXPECT_FALSE(hasShapeOfSignature(message(17, 1)));
+    EXPECT_FALSE(hasShapeOfSignature(message(1000, 1)));
+    EXPECT_FALSE(hasShapeOfSignature(message(1, 0)));
+    EXPECT_FALSE(hasShapeOfSignature(message(1, 2)));
+}
+
+TEST(MessageShapeTest, IsThatOfTheWholeMessage) {
+    const std::string good = message(3, 1);
+
+    for (std::size_t size = 0; size < good.size(); ++size) {
+        EXPECT_FALSE(hasShapeOfSignature(good.substr(0, size))) << size;
+    }
+    EXPECT_FALSE(hasShapeOfSignature(good + '\0'));
+    EXPECT_FALSE(hasShapeOfSignature(message(1, 1, element('\xA1', "revocations"))));
+}
+
+TEST(MessageShapeTest, HasNoIndefiniteLength) {
+    std::string indefinite = message(1, 1);
+    indefinite[1] = '\x80';
+    EXPECT_FALSE(hasShapeOfSignature(indefinite + std::string(2, '\0')));
+    indefinite[1] = '\x84';
+    EXPECT_FALSE(hasShapeOfSignature(indefinite));
+    indefinite[1] = '\xFF';
+    EXPECT_FALSE(hasShapeOfSignature(indefinite));
+}
+
 TEST(SignedContentTest, IsExactlyTheThreeLines) {
     EXPECT_THAT(
         parseSignedContent(content()),

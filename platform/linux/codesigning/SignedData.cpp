@@ -113,6 +113,9 @@ X509* leafOf(const Libcrypto& library, CMS_SignerInfo* signer, STACK_OF(X509) * 
 }
 
 std::optional<Decoded> decode(const Libcrypto& library, std::string_view bytes) {
+    if (!hasShapeOfSignature(bytes)) {
+        return std::nullopt;
+    }
     Decoded decoded;
     const auto* position = reinterpret_cast<const unsigned char*>(bytes.data());
     const auto* const end = position + bytes.size();
@@ -131,7 +134,7 @@ std::optional<Decoded> decode(const Libcrypto& library, std::string_view bytes) 
     }
     decoded.signer = elementOf<CMS_SignerInfo>(library, signers, 0);
     decoded.certificates.reset(library.CMS_get1_certs(message));
-    if (!decoded.certificates || countOf(library, decoded.certificates.get()) > mostCertificates) {
+    if (!decoded.certificates) {
         return std::nullopt;
     }
     decoded.leaf = leafOf(library, decoded.signer, decoded.certificates.get());
@@ -280,7 +283,7 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
     }
     X509_VERIFY_PARAM* const parameters = library->X509_STORE_CTX_get0_param(context.get());
     library->X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
-    library->X509_VERIFY_PARAM_set_depth(parameters, mostCertificates);
+    library->X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(mostCertificates));
     if (library->X509_verify_cert(context.get()) != 1 || !mayCodeSign(*library, decoded->leaf)) {
         return std::nullopt;
     }

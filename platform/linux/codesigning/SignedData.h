@@ -22,9 +22,6 @@
 
 namespace tarnvale::platform {
 
-/// The most certificates that a message may carry.
-inline constexpr int mostCertificates = 16;
-
 /// What a well-formed message says; nobody vouches for it yet.
 struct Claims {
     SignedContent content;

@@ -49,18 +49,18 @@ std::optional<Connection> connectionOf(const Message& message) {
     if (message.family != AF_INET) {
         return std::nullopt;
     }
-    const Flow original = flowOf(attribute(message.attributes, CTA_TUPLE_ORIG));
-    const Flow reply = flowOf(attribute(message.attributes, CTA_TUPLE_REPLY));
-    Connection connection{.entering = original, .leaving = original, .mark = 0};
-    connection.mark = numberOr0<std::uint32_t>(message.attributes, CTA_MARK);
-
     // What the responder answers from and to is what translation has made of the addresses.
-    connection.entering.destination = reply.source;
-    connection.entering.destinationPort = reply.sourcePort;
-    connection.leaving = connection.entering;
-    connection.leaving.source = reply.destination;
-    connection.leaving.sourcePort = reply.destinationPort;
-    return connection;
+    const Flow reply = flowOf(attribute(message.attributes, CTA_TUPLE_REPLY));
+    Flow entering = flowOf(attribute(message.attributes, CTA_TUPLE_ORIG));
+    entering.destination = reply.source;
+    entering.destinationPort = reply.sourcePort;
+    Flow leaving = entering;
+    leaving.source = reply.destination;
+    leaving.sourcePort = reply.destinationPort;
+    return Connection{
+        .entering = entering,
+        .leaving = leaving,
+        .mark = numberOr0<std::uint32_t>(message.attributes, CTA_MARK)};
 }
 
 /// The attributes by which the kernel finds the entry again, just as it gave them.

@@ -42,7 +42,9 @@ std::optional<std::string> readFile(const std::string& path);
 
 /// Makes `bytes` the content of the file at `path`, atomically and durably. The file has exactly
 /// `mode` from the first moment, whatever the umask is and whatever mode an older file had. A link
-/// at `path` is replaced, not followed. Throws `FileError`, and then nothing has changed.
+/// at `path` is replaced, not followed. Throws `FileError`: the old content stands then, unless
+/// only its folder could not be synchronised, when a power cut may still bring the old content
+/// back.
 void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode);
 
 /// The same for a file that is not ours: an existing file's mode, owner and group are kept, a new

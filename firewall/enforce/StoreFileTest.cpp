@@ -137,7 +137,7 @@ public:
             const auto lock = lockStore();
             put("/run/locked", "");
             work();
-            ::_exit(0);
+            ::_exit(lock ? 0 : 1);
         }
         while (!exists("/run/locked")) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -22,11 +23,13 @@ namespace tarnvale::platform {
 struct Link {
     int index = 0;
     std::string name;
-    std::vector<std::string> otherNames;  ///< no new interface may have one of these either
-    bool isEthernet = false;              ///< and not a loopback
+    std::vector<std::string> otherNames = {};  ///< no new interface may have one of these either
+    bool isEthernet = false;                   ///< and not a loopback
     bool isVLAN = false;
-    std::optional<std::int64_t> tag;  ///< of an 802.1Q VLAN; one of another kind has none
-    std::optional<int> parent;        ///< its index, unless it is in another network namespace
+    /// Of an 802.1Q VLAN; one of another kind has none.
+    std::optional<std::int64_t> tag = std::nullopt;
+    /// The parent's index, unless it is in another network namespace.
+    std::optional<int> parent = std::nullopt;
 
     bool operator==(const Link&) const = default;
 };

@@ -4,6 +4,7 @@
 
 #include "platform/linux/Links.h"
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>

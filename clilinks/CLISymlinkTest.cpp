@@ -198,7 +198,7 @@ TEST_F(CLISymlinkTest, KeepsTheFirstLinkWhenTheSecondNameIsTaken) {
 
 TEST_F(CLISymlinkTest, ReadsTheFirst1024BytesOfATarget) {
     const std::string end = "/Tarnvale.app/Contents/Helpers/tarnvale";
-    const std::string target = "/" + std::string(1023 - end.size(), 'x') + end;
+    const std::string target = std::string(1024 - end.size(), '/') + end;
     ASSERT_EQ(target.size(), 1024);
     link("tarnvale", target);
     link("tvx", target + "2");
@@ -280,7 +280,7 @@ TEST_F(CLISymlinkTest, GoesByTheFirstArgumentWhereTheHelpersPathIsTooLong) {
         const std::size_t wanted = length - std::string("/TarnvaleAdminHelper").size();
         while (folder.size() < wanted) {
             const std::size_t part = std::min<std::size_t>(200, wanted - folder.size());
-            folder += "/" + std::string(part - 1, 'x');
+            folder.append("/").append(part - 1, 'x');
         }
         placePrograms(folder);
         ASSERT_EQ((folder + "/TarnvaleAdminHelper").size(), length);

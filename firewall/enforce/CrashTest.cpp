@@ -73,6 +73,7 @@ struct State {
             .backup = contentAt(test::backupPath)};
     }
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): it takes the 0 of the defaulted <=> for a pointer
     auto operator<=>(const State&) const = default;
 };
 
@@ -173,7 +174,7 @@ private:
         }
     }
 
-    const std::vector<std::string> places_ = {
+    std::vector<std::string> places_ = {
         test::storePath, test::rulesetPath, anchorPath, pfConfPath, test::backupPath};
     std::vector<std::optional<std::string>> arranged_;  ///< the contents of those places
     State before_;

@@ -46,7 +46,6 @@ using testing::ElementsAre;
 using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
 constexpr const char* helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";

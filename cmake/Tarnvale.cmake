@@ -21,6 +21,8 @@ target_compile_options(tarnvale_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
     -fPIE
     -fstack-protector-strong -ffunction-sections -fdata-sections
+    # g++ 12 takes the joining of a literal and a temporary string for an overlap (GCC bug 105651).
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
     $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
 target_compile_definitions(tarnvale_options INTERFACE
     $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)

@@ -3,11 +3,13 @@
 // The whole helper, as it is shipped, run from the command line against a scripted pfctl.
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <regex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -441,13 +443,26 @@ TEST_F(HelperTest, ADeathAtAnyInstantHarmsNothing) {
     EXPECT_EQ(writtenRuleset(), ruleset);
 }
 
-TEST_F(HelperTest, SaysThatItCantServeYet) {
-    for (const std::string argument : {"", "serve", "--versions"}) {
+TEST_F(HelperTest, ServesWithoutAnArgumentAndWithOneThatItDoesntKnow) {
+    put(storePath, store);
+    const std::vector<std::vector<std::string>> commandLines = {
+        {helperPath}, {helperPath, ""}, {helperPath, "--versions"}, {helperPath, "-version"}};
+    for (const auto& commandLine : commandLines) {
+        fs::remove(logPath);
+
+        test::Program service(commandLine);
+        while (service.running() && logMessages().size() < 3) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+
+        EXPECT_TRUE(service.running());
         EXPECT_THAT(
-            helper({argument}),
-            Ended(1, "", HasSubstr("TarnvaleAdminHelper can't serve requests")));
+            logMessages(),
+            ElementsAre(
+                appliedLine,
+                reappliedLine,
+                "Helper 7 listening on com.brackwen.tarnvale.adminhelper."));
     }
-    EXPECT_THAT(pfctl.calls(), IsEmpty());
 }
 
 }  // namespace

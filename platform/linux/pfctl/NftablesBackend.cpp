@@ -115,9 +115,31 @@ void NftablesBackend::load(const RulesetTable& table) {
         flush(table.anchor);
         return;
     }
+    RulesetTable placed = table;
+    placed.place = placeBehind(table.anchor);
     MessageWriter transaction;
-    writeReplacement(transaction, table);
+    writeReplacement(transaction, placed);
     commit(transaction);
+}
+
+/// The place on the hooks that is just behind the anchor's table, if there is one.
+std::int32_t NftablesBackend::placeBehind(std::string_view anchor) {
+    std::int32_t place = 0;
+    MessageWriter request;
+    request.begin(header(NFT_MSG_GETCHAIN));
+    request.putText(NFTA_CHAIN_TABLE, anchor);
+    request.putText(NFTA_CHAIN_NAME, "in");
+    const int error = socket_.get(request, [&place](const Message& message) {
+        const Bytes hook = attribute(message.attributes, NFTA_CHAIN_HOOK);
+        const auto priority = number(attribute(hook, NFTA_HOOK_PRIORITY));
+        if (priority) {
+            place = static_cast<std::int32_t>(*priority) - firstPlaceIn + 1;
+        }
+    });
+    if (error != 0 && error != ENOENT) {
+        throw NetlinkSocket::failure(error);
+    }
+    return place;
 }
 
 void NftablesBackend::flush(std::string_view anchor) {

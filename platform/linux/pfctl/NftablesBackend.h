@@ -64,6 +64,7 @@ private:
     std::optional<std::vector<std::string>> chains(std::string_view anchor);
     bool readChain(
         std::string_view anchor, const std::string& chain, std::vector<CountedRule>& rules);
+    std::int32_t placeBehind(std::string_view anchor);
     void commit(MessageWriter& transaction);
 
     NetlinkSocket& socket_;

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -272,16 +273,37 @@ constexpr std::uint32_t destinationPortOffset = 2;
 constexpr std::uint8_t byInitiator = 0;  ///< conntrack's direction "original"
 constexpr std::uint8_t byResponder = 1;  ///< conntrack's direction "reply"
 
-/// The mask under which an address says by itself which interval it is in: the intervals are all
-/// of one size, and lie as networks do. Then the kernel finds it in a hash table, which among a
-/// thousand networks takes half the time of a search. Nothing for other intervals.
-std::optional<std::uint32_t> commonMask(const std::vector<Interval>& intervals) {
-    const std::uint32_t hostBits = intervals.front().last - intervals.front().first;
-    const bool common = std::ranges::all_of(intervals, [hostBits](const Interval& interval) {
-        return interval.last - interval.first == hostBits && (interval.first & hostBits) == 0;
-    });
-    const bool isPrefix = (hostBits & (hostBits + 1)) == 0;
-    return common && isPrefix ? std::optional(~hostBits) : std::nullopt;
+/// Networks of one size.
+struct Networks {
+    std::uint32_t mask = 0;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> pathOf;  ///< by address
+};
+
+/// The networks of which the intervals consist, size by size. An address is in one of them at most.
+std::vector<Networks> networksBySize(const std::vector<Interval>& intervals) {
+    std::array<Networks, 33> bySize;
+    for (const Interval& interval : intervals) {
+        // The largest network that begins here and does not reach beyond the interval, and so on.
+        std::uint64_t address = interval.first;
+        while (address <= interval.last) {
+            std::size_t hostBits = 0;
+            while (hostBits < 32 && (address >> hostBits & 1U) == 0 &&
+                   address + (std::uint64_t{2} << hostBits) - 1 <= interval.last) {
+                ++hostBits;
+            }
+            bySize[hostBits].mask = static_cast<std::uint32_t>(~std::uint64_t{0} << hostBits);
+            bySize[hostBits].pathOf.emplace_back(
+                static_cast<std::uint32_t>(address), interval.path);
+            address += std::uint64_t{1} << hostBits;
+        }
+    }
+    std::vector<Networks> result;
+    for (Networks& networks : bySize) {
+        if (!networks.pathOf.empty()) {
+            result.push_back(std::move(networks));
+        }
+    }
+    return result;
 }
 
 /// Writes one direction's half of the table.
@@ -425,41 +447,39 @@ private:
             }
         }
 
-        const std::string name = mapName(maps_);
-        ++maps_;
-        const bool hashed = commonMask(map.intervals).has_value();
+        // Not one map of intervals: the kernel fills that only after the new rules are in force,
+        // and packets of that moment would find nothing in it. Hash tables are full in time.
+        Lookups lookups;
+        for (const Networks& networks : networksBySize(map.intervals)) {
+            lookups.push_back({.mask = networks.mask, .map = mapName(maps_)});
+            writeHashTable(lookups.back().map, networks, chainOf);
+            ++maps_;
+        }
+        lookups_.push_back(std::move(lookups));
+    }
+
+    template <typename ChainOf>
+    void writeHashTable(const std::string& name, const Networks& networks, ChainOf chainOf) {
+        const auto& pathOf = networks.pathOf;
         messages_.begin(header(NFT_MSG_NEWSET, NLM_F_CREATE));
         messages_.putText(NFTA_SET_TABLE, table_.anchor);
         messages_.putText(NFTA_SET_NAME, name);
         messages_.put32(NFTA_SET_ID, nextSetID());
-        messages_.put32(NFTA_SET_FLAGS, NFT_SET_MAP | (hashed ? 0 : NFT_SET_INTERVAL));
+        messages_.put32(NFTA_SET_FLAGS, NFT_SET_MAP);
         messages_.put32(NFTA_SET_KEY_TYPE, ipv4AddressType);
         messages_.put32(NFTA_SET_KEY_LEN, sizeof(std::uint32_t));
         messages_.put32(NFTA_SET_DATA_TYPE, NFT_DATA_VERDICT);
-        if (hashed) {
-            messages_.nest(NFTA_SET_DESC, [&] {
-                messages_.put32(
-                    NFTA_SET_DESC_SIZE, static_cast<std::uint32_t>(map.intervals.size()));
-            });
-        }
-        writeElements(name, map, [&](const Interval& interval) {
-            putElement(interval.first, chainOf(interval.path));
-            if (!hashed) {
-                putEnd(interval.last);
-            }
+        messages_.nest(NFTA_SET_DESC, [&] {
+            messages_.put32(NFTA_SET_DESC_SIZE, static_cast<std::uint32_t>(pathOf.size()));
         });
-    }
-
-    template <typename PutInterval>
-    void writeElements(const std::string& name, const NetworkMap& map, PutInterval putInterval) {
         std::size_t next = 0;
-        while (next < map.intervals.size()) {
+        while (next < pathOf.size()) {
             messages_.begin(header(NFT_MSG_NEWSETELEM, NLM_F_CREATE));
             messages_.putText(NFTA_SET_ELEM_LIST_TABLE, table_.anchor);
             messages_.putText(NFTA_SET_ELEM_LIST_SET, name);
             messages_.nest(NFTA_SET_ELEM_LIST_ELEMENTS, [&] {
-                while (next < map.intervals.size() && messages_.messageSize() < mostElementBytes) {
-                    putInterval(map.intervals[next]);
+                while (next < pathOf.size() && messages_.messageSize() < mostElementBytes) {
+                    putElement(pathOf[next].first, chainOf(pathOf[next].second));
                     ++next;
                 }
             });
@@ -471,17 +491,6 @@ private:
             putKey(key);
             messages_.nest(
                 NFTA_SET_ELEM_DATA, [&] { RuleWriter::putVerdict(messages_, NFT_JUMP, chain); });
-        });
-    }
-
-    /// An interval ends before an element of its own, unless no address follows it.
-    void putEnd(std::uint32_t last) {
-        if (last == Network().last()) {
-            return;
-        }
-        messages_.nest(NFTA_LIST_ELEM, [&] {
-            putKey(last + 1);
-            messages_.put32(NFTA_SET_ELEM_FLAGS, NFT_SET_ELEM_INTERVAL_END);
         });
     }
 
@@ -523,22 +532,33 @@ private:
         std::size_t block = 0;
         std::size_t map = 0;
         for (const Step& step : plan_.steps) {
-            writeRule(side_.name, [&](RuleWriter& rule) {
-                const auto* networks = std::get_if<NetworkMap>(&step);
-                if (networks == nullptr) {
+            const auto* networks = std::get_if<NetworkMap>(&step);
+            if (networks == nullptr) {
+                writeRule(side_.name, [&](RuleWriter& rule) {
                     rule.decide(NFT_JUMP, blockChain(block));
-                    ++block;
-                    return;
-                }
-                rule.decideBy(
-                    side_.direction == Direction::in ? sourceOffset : destinationOffset,
-                    commonMask(networks->intervals).value_or(~std::uint32_t{0}),
-                    mapName(map));
-                block += networks->blocks.size();
-                ++map;
-            });
+                });
+                ++block;
+                continue;
+            }
+            for (const Lookup& lookup : lookups_[map]) {
+                writeRule(side_.name, [&](RuleWriter& rule) {
+                    rule.decideBy(
+                        side_.direction == Direction::in ? sourceOffset : destinationOffset,
+                        lookup.mask,
+                        lookup.map);
+                });
+            }
+            block += networks->blocks.size();
+            ++map;
         }
     }
+
+    /// One of the hash tables of a map; an address is looked up under its mask.
+    struct Lookup {
+        std::uint32_t mask = 0;
+        std::string map;
+    };
+    using Lookups = std::vector<Lookup>;
 
     MessageWriter& messages_;
     const RulesetTable& table_;
@@ -546,6 +566,7 @@ private:
     const DirectionPlan& plan_;
     std::size_t blocks_ = 0;
     std::size_t maps_ = 0;
+    std::vector<Lookups> lookups_;  ///< of each map among the steps
 };
 
 void putTable(MessageWriter& messages, std::string_view anchor, int message, unsigned flags) {
@@ -590,20 +611,19 @@ std::optional<std::uint32_t> takeNumbered(std::string_view& text, std::string_vi
 }  // namespace
 
 void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
-    constexpr std::int32_t destinationNat = -100;
     constexpr std::int32_t sourceNat = 100;
     const Side in{
         .direction = Direction::in,
         .name = "in",
         .hook = NF_INET_PRE_ROUTING,
-        .priority = destinationNat + 10,
+        .priority = firstPlaceIn + table.place,
         .initiatorPasses = initiatorPassesIn,
         .responderPasses = initiatorPassesOut};
     const Side out{
         .direction = Direction::out,
         .name = "out",
         .hook = NF_INET_POST_ROUTING,
-        .priority = sourceNat + 10,
+        .priority = sourceNat + 10 + table.place,
         .initiatorPasses = initiatorPassesOut,
         .responderPasses = initiatorPassesIn};
     const Dispatch dispatch = planDispatch(table.rules);

@@ -5,8 +5,8 @@
 //
 //     chain in        hook prerouting, after destination translation, as pf's rules see addresses:
 //                     passes packets of flows that have a state, then goes through the steps of the
-//                     dispatch: "jump in.N" or "ip saddr vmap @in.map.N", or, where the networks
-//                     of a map are all of one size, "ip saddr & MASK vmap @in.map.N"
+//                     dispatch: "jump in.N", or for each size of network that a map has,
+//                     "ip saddr & MASK vmap @in.map.N"
 //     chain in.N      the rules of one block, and at its end a counter of the packets that none of
 //                     them matched
 //     chain in.path.N the blocks for the addresses of a network that lies inside another
@@ -42,7 +42,13 @@ struct RulesetTable {
     std::span<const Rule> rules;
     Loader loader;
     bool dormant = false;  ///< loaded, but not enforced
+    /// How far behind the first place on the hooks the chains stand: behind those of the table that
+    /// is replaced, so that a packet which has just been let off by the old rules meets the new.
+    std::int32_t place = 0;
 };
+
+/// The priority of the chain "in" at the first place: behind destination translation.
+inline constexpr std::int32_t firstPlaceIn = -100 + 10;
 
 /// A transaction that replaces the anchor's table, whether there is one or not. In each of the
 /// three transactions the last message before the end asks for an acknowledgement.

@@ -112,20 +112,23 @@ TEST(RulesetBatchTest, CarriesTheLoaderAndEveryLine) {
     EXPECT_THAT(lines, ElementsAre(0, 0, 1));
 }
 
-TEST(RulesetBatchTest, TakesAHashTableForNetworksOfOneSizeOnly) {
-    const auto flagsFor = [](std::string_view other) {
+TEST(RulesetBatchTest, TakesAHashTableForEachSizeOfNetwork) {
+    const auto setsFor = [](std::string_view other) {
         const auto messages = replacementOf(
             "block drop in quick from 10.0.0.0/24 to any\nblock drop in quick from " +
             std::string(other) + " to any\n");
         const auto sets = ofType(messages, NFT_MSG_NEWSET);
-        EXPECT_THAT(sets, SizeIs(1));
-        return number(attribute(sets.at(0).attributes, NFTA_SET_FLAGS)).value_or(0);
+        for (const auto& set : sets) {
+            EXPECT_EQ(number(attribute(set.attributes, NFTA_SET_FLAGS)), NFT_SET_MAP);
+        }
+        return sets.size();
     };
 
-    EXPECT_EQ(flagsFor("10.0.1.0/24"), NFT_SET_MAP);
-    EXPECT_EQ(flagsFor("10.0.1.0/25"), NFT_SET_MAP | NFT_SET_INTERVAL);
-    EXPECT_EQ(flagsFor("10.0.0.0/23"), NFT_SET_MAP) << "two halves of one size";
-    EXPECT_EQ(flagsFor("10.0.0.0/22"), NFT_SET_MAP | NFT_SET_INTERVAL);
+    EXPECT_EQ(setsFor("10.0.1.0/24"), 1U);
+    EXPECT_EQ(setsFor("10.0.1.0/25"), 2U);
+    EXPECT_EQ(setsFor("10.0.0.0/23"), 1U) << "two halves of one size";
+    EXPECT_EQ(setsFor("10.0.0.0/22"), 2U) << "a quarter, the quarter beside it, and a half";
+    EXPECT_EQ(setsFor("10.0.0.0/8"), 16U) << "what is left of it has each size from 9 to 24";
 }
 
 TEST(RulesetBatchTest, KnowsItsOwnTablesByTheirUserData) {

@@ -213,6 +213,52 @@ TEST_F(LoadTest, KeepsCountersWhenPfIsEnabledAndResetsThemByALoad) {
     EXPECT_THAT(countedLines(), ElementsAre(Pair(line, 0)));
 }
 
+TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
+    constexpr int reloads = 200;
+    std::ofstream("/tmp/one.conf") << network(subnet64, Default::deny, Default::deny)
+                                   << network("192.168.65.0/24", Default::allow, Default::deny);
+    std::ofstream("/tmp/two.conf") << "block drop in quick from 192.168.64.0/24 to any\n"
+                                   << network("192.168.64.0/20", Default::allow, Default::allow);
+    ASSERT_EQ(pfctl({"-a", anchor, "-f", "/tmp/one.conf"}).status, 0);
+    ASSERT_EQ(pfctl({"-E"}).status, 0);
+    Question longLived = lab->established({.from = vm3, .to = outside, .port = 22});
+
+    Program reloading(
+        {"/bin/sh",
+         "-e",
+         "-c",
+         "i=0; while [ $i -lt " + std::to_string(reloads / 2) +
+             " ]; do i=$((i + 1))\n"
+             "for rules in one two; do /sbin/pfctl -a " +
+             anchor + " -f /tmp/$rules.conf; done; done"});
+    std::vector<Question> denied;
+    for (const Host& from : {vm1, vm2}) {
+        for (const Host& to : {outside, office, vm3}) {
+            denied.push_back(
+                lab->ask({.protocol = Protocol::udp, .from = from, .to = to, .port = 99}));
+        }
+    }
+    while (reloading.running()) {
+        for (int i = 0; i < 100; ++i) {
+            for (Question& question : denied) {
+                question.repeat();
+            }
+        }
+        ASSERT_TRUE(lab->stillPasses(longLived));
+
+        // The packet of a new flow may be lost at the moment of the change, as on any network.
+        Question allowed =
+            lab->ask({.protocol = Protocol::udp, .from = vm3, .to = outside, .port = 53});
+        lab->settle({&allowed, 1}, NetworkLab::quiet);
+        ASSERT_TRUE(allowed.outcome() == Outcome::answered || lab->stillPasses(allowed));
+    }
+    lab->settle(denied, NetworkLab::quiet);
+
+    const Finished finished = reloading.finish();
+    EXPECT_EQ(finished.status, 0) << finished.error;
+    EXPECT_EQ(lab->arrivals(99), 0U);
+}
+
 TEST_F(LoadTest, IsRefusedAsBusyWhileAnotherOneRuns) {
     std::string large = network(subnet64, Default::allow, Default::deny);
     for (int i = 0; i < 5000; ++i) {

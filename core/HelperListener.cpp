@@ -26,6 +26,7 @@ void HelperListener::start(TarnvaleAdminHelperProtocol& exported) {
     helperLog(
         "Helper " + helperVersionString() + " listening on com.brackwen.tarnvale.adminhelper.");
     loop_.run();
+    std::abort();  // g++ does not believe that a virtual function never returns
 }
 
 bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connection) {

@@ -271,7 +271,7 @@ TEST(AddressesTest, LooksAtPortsOnlyWhereTheyMatter) {
     for (const Proto proto : {Proto::any, Proto::tcp, Proto::udp}) {
         EXPECT_THAT(portsOfRule(proto, ""), Optional(Ports{}));
         EXPECT_THAT(portsOfRule(proto, " \t\u00A0"), Optional(Ports{}));
-        EXPECT_THAT(portsOfRule(proto, "22"), Optional(Ports{.first = 22}));
+        EXPECT_THAT(portsOfRule(proto, "22"), Optional(Ports{.first = 22, .last = std::nullopt}));
         EXPECT_THAT(portsOfRule(proto, "1:2"), Optional(Ports{.first = 1, .last = 2}));
         EXPECT_THAT(portsOfRule(proto, "abc"), Eq(std::nullopt));
         EXPECT_THAT(portsOfRule(proto, "\n"), Eq(std::nullopt));

@@ -578,7 +578,9 @@ TEST(JsonTest, ReadsAndWritesNumbersAlikeInEveryLocale) {
         "localedef -c -i /tmp/comma.src -f ANSI_X3.4-1968 /tmp/comma 2> /dev/null";
     std::ignore = std::system(command);  // NOLINT(cert-env33-c): always the same, in a private root
     ASSERT_EQ(setenv("LOCPATH", "/tmp", 1), 0);
-    ASSERT_NE(std::setlocale(LC_NUMERIC, "comma"), nullptr);
+    if (std::setlocale(LC_NUMERIC, "comma") == nullptr) {
+        GTEST_SKIP() << "localedef can't make a locale here (Debian's locales has its sources)";
+    }
     ASSERT_EQ(std::strtod("1,5", nullptr), 1.5);
 
     EXPECT_EQ(decodeJson<double>("-1234567.5e-1"), -123456.75);

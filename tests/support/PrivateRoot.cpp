@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <system_error>
 
@@ -19,8 +20,6 @@
 
 namespace tarnvale::test {
 namespace {
-
-bool realRoot = false;
 
 void require(int result, const std::string& step) {
     if (result != 0) {
@@ -128,8 +127,7 @@ void mountPrivateRoot() {
 
 std::optional<std::string> enterPrivateRoot() {
     try {
-        realRoot = ::geteuid() == 0;
-        if (!realRoot) {
+        if (::geteuid() != 0) {
             becomeRootOfAUserNamespace();
         }
         require(::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID), "make namespaces");
@@ -154,7 +152,11 @@ std::optional<std::string> enterPrivateRoot() {
 }
 
 bool isRealRoot() {
-    return realRoot;
+    unsigned inside = 1;
+    unsigned outside = 0;
+    unsigned count = 0;
+    std::ifstream("/proc/self/uid_map") >> inside >> outside >> count;
+    return ::geteuid() == 0 && inside == 0 && count > 1;
 }
 
 }  // namespace tarnvale::test

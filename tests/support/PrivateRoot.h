@@ -17,7 +17,8 @@ namespace tarnvale::test {
 /// kernel refuses, the sentence that says so; the process is then as it was.
 std::optional<std::string> enterPrivateRoot();
 
-/// True when the private root is that of real root, not of a user namespace's.
+/// True when this process is root over several users, not only over the one who made its user
+/// namespace.
 bool isRealRoot();
 
 }  // namespace tarnvale::test

@@ -1,21 +1,46 @@
 // SPDX-License-Identifier: MIT
 //
-// Every test program's entry: it moves itself into a private root, then runs its tests. Where the
-// kernel gives none, the program is skipped with the reason, by the exit status that ctest knows.
+// Every test program's entry: it moves itself into a private root and starts again there, so that
+// it is a program of that root through and through, then runs its tests. Where the kernel gives no
+// private root, the program is skipped with the reason, by the exit status that ctest knows.
 
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "tests/support/PrivateRoot.h"
 
+namespace {
+
+constexpr const char* restartedVariable = "TARNVALE_IN_PRIVATE_ROOT";
+
+/// Only the first process of a PID namespace can have been started again in a private root.
+bool wasRestarted() {
+    const bool restarted = ::getpid() == 1 && std::getenv(restartedVariable) != nullptr;
+    ::unsetenv(restartedVariable);
+    return restarted;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    const std::vector<char*> originalArguments(argv, argv + argc + 1);
     testing::InitGoogleTest(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests)) {
+    if (!testing::GTEST_FLAG(list_tests) && !wasRestarted()) {
+        const std::string program = std::filesystem::read_symlink("/proc/self/exe");
         if (const auto refusal = tarnvale::test::enterPrivateRoot()) {
             std::cout << "[  SKIPPED ] " << *refusal << '\n';
             return 77;
         }
+        ::setenv(restartedVariable, "1", 1);
+        ::execv(program.c_str(), originalArguments.data());
+        std::cerr << "the private root does not show " << program << '\n';
+        return EXIT_FAILURE;
     }
     return RUN_ALL_TESTS();
 }

@@ -200,18 +200,19 @@ bool isClosed(const UniqueFd& fd, std::chrono::milliseconds time) {
 
 template <class Condition>
 bool eventually(const Condition& condition) {
-    for (int i = 0; i < 500 && !condition(); ++i) {
+    for (int i = 0; i < 500; ++i) {
+        if (condition()) {
+            return true;
+        }
         std::this_thread::sleep_for(10ms);
     }
-    return condition();
+    return false;
 }
 
 /// The transport lives to the end of the process, as in the helper.
 class DBusTransportTest : public testing::Test {
 protected:
     DBusTransportTest() { transport->resume(doorkeeper, echo); }
-
-    static void TearDownTestSuite() {}
 
     FakeSigning& signing = *new FakeSigning;
     Doorkeeper& doorkeeper = *new Doorkeeper;
@@ -315,7 +316,8 @@ TEST_F(DBusTransportTest, SurvivesPeersThatConnectAndHangUp) {
         connectRaw();
     }
 
-    EXPECT_TRUE(Client().call("HelperVersion", ""));
+    // Until the last of them has been seen off there may be too many connections.
+    EXPECT_TRUE(eventually([] { return Client().call("HelperVersion", "").has_value(); }));
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == doorkeeper.admitted; }));
 }
 

@@ -181,10 +181,12 @@ TEST_F(CLISymlinkFailuresTest, TellsOfAnOldLinkThatCannotBeReplaced) {
         perform("install", {"unlinkat", "/usr/local/bin", 1, "EPERM"}),
         "Could not link /usr/local/bin/tarnvale: File exists.");
     EXPECT_EQ(perform("install", {"readlinkat", "/usr/local/bin", 1, "EIO"}), tarnvaleIsForeign);
+#if !defined(TARNVALE_THREAD_SANITIZER)  // it looks at descriptors by another call
     // The first look at the folder is the one at itself.
     EXPECT_EQ(
         perform("install", {"newfstatat,fstatat64", "/usr/local/bin", 2, "EIO"}),
         "Could not link /usr/local/bin/tarnvale: File exists.");
+#endif
 
     EXPECT_THAT(linked(), UnorderedElementsAre(Pair("tarnvale", std::string("-> ") + anotherTool)));
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "core/HelperLog.h"
 #include "core/HelperVersion.h"
@@ -39,6 +40,12 @@ bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connecti
         return false;
     }
 
+    // Made first: nothing may fail between counting the connection and being told of its end.
+    std::function<void()> ended = [weak = weak_from_this()] {
+        if (const auto listener = weak.lock()) {
+            listener->connectionEnded();
+        }
+    };
     const auto now = loop_.now();
     {
         const support::MutexLock lock(stateLock_);
@@ -48,11 +55,7 @@ bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connecti
         ++activeConnections_;
         lastActivity_ = now;
     }
-    connection.setInvalidationHandler([weak = weak_from_this()] {
-        if (const auto listener = weak.lock()) {
-            listener->connectionEnded();
-        }
-    });
+    connection.setInvalidationHandler(std::move(ended));
     return true;
 }
 
@@ -83,7 +86,11 @@ void HelperListener::checkIdle() {
 
 void HelperListener::shutdownForUpgrade(const std::function<void()>& reply) {
     helperLog("Shutdown requested for upgrade; exiting so launchd re-execs the new binary.");
-    reply();
+    try {
+        reply();
+    } catch (...) {
+        // A client that is gone already has no reply to get.
+    }
     loop_.runAfter(shutdownDelay, [&loop = loop_] { loop.exitProcess(EXIT_SUCCESS); });
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -223,6 +224,12 @@ TEST_F(HelperListenerTest, ShutdownRepliesFirstAndEndsAMomentLater) {
                     "binary."));
 }
 
+TEST_F(HelperListenerTest, ShutdownEndsItAlthoughTheClientIsGone) {
+    listener->shutdownForUpgrade([] { throw std::runtime_error("nobody to reply to"); });
+
+    EXPECT_THAT(loop.delayed, SizeIs(1));
+}
+
 TEST_F(HelperListenerTest, ShutdownDoesNotRestartTheIdleClock) {
     loop.time += 100s;
     listener->shutdownForUpgrade([] {});
@@ -233,6 +240,7 @@ TEST_F(HelperListenerTest, ShutdownDoesNotRestartTheIdleClock) {
 TEST_F(HelperListenerTest, CountsConnectionsOfManyThreads) {
     admission.clientRequirement();  // computed once, before the threads
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([this] {
             for (int round = 0; round < 200; ++round) {

@@ -41,7 +41,7 @@ constexpr uid_t administrator = 501;
 constexpr uid_t consoleUser = 502;
 constexpr uid_t otherUser = 503;
 
-const std::string refused =
+constexpr const char* refused =
     "Only an administrator of this Mac can make this change through Tarnvale's helper.";
 
 /// One request that changes something, by its name in the log.

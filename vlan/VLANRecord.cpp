@@ -24,7 +24,7 @@ std::vector<Record> loadRecords() {
     }
     try {
         return support::decodeJson<std::vector<Record>>(*bytes);
-    } catch (const support::JsonError&) {
+    } catch (const std::exception&) {
         return {};
     }
 }

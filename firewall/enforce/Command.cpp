@@ -36,7 +36,7 @@ struct Pipe {
 /// Nothing, and errno, when the system has none to give.
 std::optional<Pipe> makePipe() {
     std::array<int, 2> ends{};
-    if (::pipe(ends.data()) != 0) {
+    if (::pipe(ends.data()) != 0) {  // NOLINT(android-cloexec-pipe): macOS has no pipe2
         return std::nullopt;
     }
     Pipe made{.reader = UniqueFd(ends[0]), .writer = UniqueFd(ends[1])};

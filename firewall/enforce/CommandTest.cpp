@@ -21,7 +21,6 @@ namespace tarnvale::HelperFirewall {
 namespace {
 
 using support::UniqueFd;
-using testing::HasSubstr;
 
 CommandResult shell(const std::string& commands) {
     return runCommand("/bin/sh", {"-c", commands});
@@ -43,9 +42,11 @@ TEST(CommandTest, PassesArgumentsAsTheyAre) {
 TEST(CommandTest, DrainsTenMebibytesOfErrorsBeforeAnyOutput) {
     const auto result = shell("head -c 10485760 /dev/zero | tr '\\0' e >&2; echo done");
 
+    std::string errors;
+    errors.resize(10485760, 'e');
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.standardOutput, "done\n");
-    EXPECT_EQ(result.standardError, std::string(10485760, 'e'));
+    EXPECT_EQ(result.standardError, errors);
 }
 
 TEST(CommandTest, DrainsTenMebibytesOfOutputWhileErrorsStayOpen) {
@@ -56,7 +57,7 @@ TEST(CommandTest, DrainsTenMebibytesOfOutputWhileErrorsStayOpen) {
 }
 
 TEST(CommandTest, ReplacesInvalidUtf8InBothOutputs) {
-    const auto result = shell("printf 'a\\377b'; printf '\\360\\237x' >&2");
+    const auto result = shell(R"(printf 'a\377b'; printf '\360\237x' >&2)");
 
     EXPECT_EQ(result.standardOutput, "a\uFFFDb");
     EXPECT_EQ(result.standardError, "\uFFFDx");

@@ -24,7 +24,6 @@ namespace tarnvale::HelperFirewall {
 namespace {
 
 using support::FileError;
-using test::backupPath;
 using test::contentOf;
 using test::exists;
 using test::logMessages;
@@ -36,7 +35,6 @@ using test::ScriptedPfctl;
 using test::storePath;
 using test::supportFolder;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -309,7 +307,7 @@ TEST_F(OperationsTest, AStoreThatCantBeWrittenIsToldAfterTheLoad) {
 }
 
 TEST_F(OperationsTest, ADamagedStoreIsReplacedByTheCallersList) {
-    for (const std::string damaged : {"", "{}", "[{}]", "{\"owners\":{\"501\":", "\xFF\xFE"}) {
+    for (const std::string damaged : {"", "{}", "[{}]", R"({"owners":{"501":)", "\xFF\xFE"}) {
         put(storePath, damaged);
 
         applyFirewall(json({{64}}), 501, atConsole);
@@ -489,6 +487,7 @@ TEST_F(OperationsTest, AFailedReapplyIsLogged) {
 TEST_F(OperationsTest, OperationsOfManyThreadsNeverInterleave) {
     pfctl.answer("*", "echo begin >>/run/turns; sleep 0.005; echo end >>/run/turns");
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {
             applyFirewall(json({{64 + i}}), static_cast<std::uint32_t>(501 + i), elsewhere);

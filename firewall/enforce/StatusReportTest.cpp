@@ -17,7 +17,7 @@ using testing::ElementsAre;
 
 TEST(StatusReportTest, ShowsTheStatusAndTheRules) {
     ScriptedPfctl pfctl;
-    pfctl.answer("-si", "printf 'Status: Enabled\\n\\nState Table\\n  current entries\\n'");
+    pfctl.answer("-si", R"(printf 'Status: Enabled\n\nState Table\n  current entries\n')");
     pfctl.answer(
         "* -v -sr",
         "echo 'pass in quick inet all'; echo '  [ Evaluations: 1 ]'; echo 'No ALTQ support' >&2");

@@ -43,7 +43,7 @@ UniqueFd lockStore() {
         }
         while (::flock(file.get(), LOCK_EX) != 0) {
             if (errno != EINTR) {
-                return UniqueFd();
+                return {};
             }
         }
         // Whoever held it before us may have put a new file in its place, or none.

@@ -46,7 +46,11 @@ public:
             Task task = std::move(next->second);
             due_.erase(next);
             lock.unlock();
-            task.work();
+            try {
+                task.work();
+            } catch (...) {
+                // For want of memory it is left out this time.
+            }
             lock.lock();
             if (task.period > 0ms) {
                 due_.emplace(time + task.period, std::move(task));

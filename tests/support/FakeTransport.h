@@ -44,10 +44,10 @@ public:
     TarnvaleAdminHelperProtocol* exported = nullptr;
     std::optional<uid_t> caller;  ///< whose request is being served
 
-    void resume(
-        platform::TransportDelegate& delegate_, TarnvaleAdminHelperProtocol& exported_) override {
-        delegate = &delegate_;
-        exported = &exported_;
+    void resume(platform::TransportDelegate& newDelegate, TarnvaleAdminHelperProtocol& newExported)
+        override {
+        delegate = &newDelegate;
+        exported = &newExported;
     }
 
     std::optional<uid_t> currentEffectiveUserID() const override { return caller; }

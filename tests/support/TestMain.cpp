@@ -28,6 +28,14 @@ bool wasRestarted() {
 
 }  // namespace
 
+#if defined(TARNVALE_THREAD_SANITIZER)
+/// libsystemd draws the keys of its hash tables into one place without a lock, and copies them.
+/// Whatever it copies is as random as it has to be.
+extern "C" const char* __tsan_default_suppressions() {  // NOLINT: the sanitizer's own name
+    return "called_from_lib:libsystemd.so\n";
+}
+#endif
+
 int main(int argc, char** argv) {
     const std::vector<char*> originalArguments(argv, argv + argc + 1);
     testing::InitGoogleTest(&argc, argv);

@@ -174,53 +174,39 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
     // where no poll sees it: only when sd-bus has found nothing more is it time to wait. Later it
     // never reads beyond one message.
     bool isDrained = false;
-    bool hasReplied = false;
-    while (true) {
-        if (isDrained || !isReady) {
-            auto deadline = Clock::time_point::max();
-            if (!isReady) {
-                deadline = handshakeDeadline;
-            } else if (hasReplied) {
-                deadline = Clock::now() + replyLimit;
-            }
-            // No events at all means that sd-bus has already met the end and wants to say so.
-            const int events = require(lib.sd_bus_get_events(bus.get()));
-            if (events != 0 &&
-                !waitFor(socket_.get(), static_cast<short>(isReady ? POLLIN : events), deadline)) {
-                if (!isReady || !hasTakenEverything(socket_.get())) {
+    // Until when the peer has to have taken what was sent last.
+    auto replyDeadline = Clock::time_point::max();
+    while (isReady || Clock::now() < handshakeDeadline) {
+        std::uint64_t queued = 0;
+        require(lib.sd_bus_get_n_queued_write(bus.get(), &queued));
+        // No events at all means that sd-bus has already met the end and wants to say so.
+        int events = require(lib.sd_bus_get_events(bus.get()));
+        if (isReady && events != 0) {
+            // The next request is read only when the last reply has left.
+            events = queued > 0 || object.hasLargeBuffer ? POLLOUT : POLLIN;
+        }
+        if (events != 0 && (isDrained || !isReady || events == POLLOUT)) {
+            const auto deadline = isReady ? replyDeadline : handshakeDeadline;
+            if (!waitFor(socket_.get(), static_cast<short>(events), deadline)) {
+                if (!isReady || events == POLLOUT || !hasTakenEverything(socket_.get())) {
                     return;
                 }
-                hasReplied = false;
+                replyDeadline = Clock::time_point::max();
                 continue;
             }
+        }
+        if (queued == 0 && std::exchange(object.hasLargeBuffer, false)) {
+            restoreSendBuffer(socket_.get());
+            continue;
         }
         if (!requirementHolds()) {
             return;
         }
         const int progress = require(lib.sd_bus_process(bus.get(), nullptr));
-        isDrained = isDrained || (isReady && progress == 0);
+        isDrained = isReady && (isDrained || progress == 0);
         isReady = isReady || require(lib.sd_bus_is_ready(bus.get())) > 0;
-        if (!isReady && Clock::now() >= handshakeDeadline) {
-            return;
-        }
-        hasReplied = true;
-        // The next request is read only when this reply has left.
-        std::uint64_t queued = 0;
-        require(lib.sd_bus_get_n_queued_write(bus.get(), &queued));
-        if (queued > 0 || object.hasLargeBuffer) {
-            do {
-                if (!waitFor(socket_.get(), POLLOUT, Clock::now() + replyLimit)) {
-                    return;
-                }
-                if (queued > 0) {
-                    require(lib.sd_bus_process(bus.get(), nullptr));
-                    require(lib.sd_bus_get_n_queued_write(bus.get(), &queued));
-                }
-            } while (queued > 0);
-            isDrained = false;
-            if (std::exchange(object.hasLargeBuffer, false)) {
-                restoreSendBuffer(socket_.get());
-            }
+        if (queued == 0) {
+            replyDeadline = Clock::now() + replyLimit;
         }
     }
 }

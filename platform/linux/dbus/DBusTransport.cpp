@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 
 #include "platform/Transport.h"
+#include "platform/linux/LibSystemd.h"
 #include "platform/linux/dbus/DBusConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "support/Mutex.h"
@@ -75,6 +76,7 @@ public:
     explicit DBusTransport(CodeSigning& codeSigning) : codeSigning_(codeSigning) {}
 
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
+        LibSystemd::get();  // one that is missing is found out now, not at the first connection
         listening_ = openListeningSocket();
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
@@ -112,7 +114,11 @@ private:
             UniqueFd socket(
                 ::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (socket) {
-                begin(delegate, exported, std::move(socket));
+                try {
+                    begin(delegate, exported, std::move(socket));
+                } catch (...) {
+                    // For want of memory this connection is closed.
+                }
             } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
                 pollfd waited{.fd = listening_.get(), .events = POLLIN, .revents = 0};
                 ::poll(&waited, 1, -1);

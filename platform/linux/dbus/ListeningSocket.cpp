@@ -111,9 +111,13 @@ void requireStaleOrAbsent() {
     }
     const auto address = addressOf(path);
     const auto probe = newSocket();
-    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
-        errno == EAGAIN) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
         throw TransportError("Another helper listens on " + path + ".");
+    }
+    if (errno != ECONNREFUSED && errno != ENOENT) {
+        fail("Could not find out who listens on " + path, errno);
     }
 }
 

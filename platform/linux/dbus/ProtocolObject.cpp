@@ -13,6 +13,8 @@
 #include <string_view>
 #include <system_error>
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "platform/linux/LibSystemd.h"
@@ -52,13 +54,18 @@ std::string carriable(const std::string& text) {
     return carried;
 }
 
-/// Makes room in the socket for a large reply as a whole, so that it leaves at once: sd-bus would
-/// go on reading requests beside a reply that is written in parts.
+/// Makes room in the socket for a reply as a whole beside what the peer has not taken yet, so that
+/// it leaves at once: sd-bus would go on reading requests beside a reply that is written in parts.
 void makeRoom(ProtocolObject& object, std::size_t size) {
-    if (size <= usualBuffer / 2 || size > std::numeric_limits<int>::max() / 4) {
+    int waiting = 0;
+    if (::ioctl(object.socket, SIOCOUTQ, &waiting) != 0) {
+        waiting = 0;
+    }
+    const auto needed = size + static_cast<std::size_t>(waiting);
+    if (needed <= usualBuffer / 2 || needed > std::numeric_limits<int>::max() / 4) {
         return;
     }
-    const int wanted = static_cast<int>(size + usualBuffer);
+    const int wanted = static_cast<int>(needed + usualBuffer);
     object.hasLargeBuffer =
         ::setsockopt(object.socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0;
 }

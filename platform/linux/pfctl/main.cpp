@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <exception>
 #include <new>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -33,11 +32,10 @@ void openStandardDescriptors() {
     }
 }
 
-void complain(std::string_view text) {
-    std::string line("pfctl: ");
-    line += text;
-    line += '\n';
-    std::fputs(line.c_str(), stderr);  // NOLINT(cert-err33-c): there is nowhere left to say it
+void complain(const char* text) {
+    for (const char* const part : {"pfctl: ", text, "\n"}) {
+        std::fputs(part, stderr);  // NOLINT(cert-err33-c): there is nowhere left to say it
+    }
 }
 
 }  // namespace

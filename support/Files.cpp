@@ -23,6 +23,7 @@ namespace {
 using Operation = FileError::Operation;
 
 constexpr std::size_t randomDigits = 16;
+constexpr std::string_view hexDigits = "0123456789abcdef";
 constexpr std::time_t leftoverAge = 3600;  // seconds, far more than a write takes
 
 struct SplitPath {
@@ -149,13 +150,18 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 
 std::string temporaryName(const std::string& name) {
-    static constexpr std::string_view digits = "0123456789abcdef";
     std::random_device source;
     std::string made = "." + name + ".";
     for (std::size_t i = 0; i < randomDigits; ++i) {
-        made += digits[source() % digits.size()];
+        made += hexDigits[source() % hexDigits.size()];
     }
     return made;
+}
+
+/// Whether the entry is named as `temporaryName` names: somebody else's file never is.
+bool isTemporaryName(std::string_view entry, std::string_view prefix) {
+    return entry.size() == prefix.size() + randomDigits && entry.starts_with(prefix) &&
+           entry.find_first_not_of(hexDigits, prefix.size()) == std::string_view::npos;
 }
 
 /// Sweeps away what killed processes left of temporary files for this name. A younger one may be in
@@ -170,9 +176,8 @@ void removeLeftovers(const UniqueFd& folder, const std::string& name) {
     own.release();
     const std::string prefix = "." + name + ".";
     while (const dirent* const entry = ::readdir(entries.get())) {
-        const std::string_view candidate = entry->d_name;
         struct stat info {};
-        if (candidate.size() == prefix.size() + randomDigits && candidate.starts_with(prefix) &&
+        if (isTemporaryName(entry->d_name, prefix) &&
             ::fstatat(folder.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(info.st_mode) && info.st_mtime < std::time(nullptr) - leftoverAge) {
             ::unlinkat(folder.get(), entry->d_name, 0);

@@ -162,7 +162,8 @@ TEST_F(FilesTest, SweepsAwayWhatKilledWritesLeft) {
     const std::string young = ".notes.txt.fedcba9876543210";
     const std::string others = ".other.txt.0123456789abcdef";
     const std::string notOurs = ".notes.txt.swp";
-    for (const auto& name : {leftover, young, others, notOurs}) {
+    const std::string asLong = ".notes.txt.20261121-backup0";
+    for (const auto& name : {leftover, young, others, notOurs, asLong}) {
         put(inFolder(name), "left");
         if (name != young) {
             fs::last_write_time(
@@ -172,7 +173,7 @@ TEST_F(FilesTest, SweepsAwayWhatKilledWritesLeft) {
 
     writeFileAtomically(path, "new", forAll);
 
-    EXPECT_THAT(namesIn(folder), ElementsAre(young, notOurs, others, "notes.txt"));
+    EXPECT_THAT(namesIn(folder), ElementsAre(asLong, young, notOurs, others, "notes.txt"));
 }
 
 TEST_F(FilesTest, AFolderInTheFilesPlaceStaysAndNothingIsLeftBehind) {

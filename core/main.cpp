@@ -106,6 +106,8 @@ int run(std::string_view argument) {
 int main(int argc, char** argv) {
     openStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): it can't fail for this signal
+    // Whoever starts us may ignore it, and we would inherit that: no child could be waited for.
+    ::signal(SIGCHLD, SIG_DFL);  // NOLINT(cert-err33-c): it can't fail for this signal
     tarnvale::platform::rememberFirstArgument(argc > 0 ? argv[0] : "");
     try {
         return run(argc > 1 ? argv[1] : "");

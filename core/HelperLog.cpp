@@ -65,9 +65,9 @@ void appendLine(std::string_view line) {
 }  // namespace
 
 void helperLog(std::string_view message) {
-    // Never destroyed: other threads may log while the process ends.
-    static auto& lock = *new support::Mutex;
     try {
+        // Never destroyed: other threads may log while the process ends.
+        static auto& lock = *new support::Mutex;
         std::string line = support::iso8601(std::chrono::system_clock::now());
         line += ' ';
         line += message;

@@ -70,15 +70,16 @@ int fail(std::string_view message) {
     // Before a client can change what is enforced, what is stored is enforced again.
     HelperFirewall::reapplyAtBoot();
 
-    const auto codeSigning = platform::makeCodeSigning();
-    const auto users = platform::makeUsers();
-    const auto preferences = platform::makeNetworkPreferences();
-    const auto transport = platform::makeTransport(*codeSigning);
-    const auto loop = platform::makeMainLoop();
-    ClientAdmission admission(*codeSigning);
-    const auto listener = std::make_shared<HelperListener>(*transport, *loop, admission);
-    RequestHandlers handlers(*listener, *transport, *users, *preferences);
-    listener->start(handlers);
+    // Threads use all of these until the process exits, so nothing ever destroys them.
+    auto& codeSigning = *platform::makeCodeSigning().release();
+    auto& users = *platform::makeUsers().release();
+    auto& preferences = *platform::makeNetworkPreferences().release();
+    auto& transport = *platform::makeTransport(codeSigning).release();
+    auto& loop = *platform::makeMainLoop().release();
+    auto& admission = *new ClientAdmission(codeSigning);
+    auto& listener = **new auto(std::make_shared<HelperListener>(transport, loop, admission));
+    auto& handlers = *new RequestHandlers(listener, transport, users, preferences);
+    listener.start(handlers);
 }
 
 int run(std::string_view argument) {
@@ -112,6 +113,9 @@ int main(int argc, char** argv) {
     try {
         return run(argc > 1 ? argv[1] : "");
     } catch (const std::exception& error) {
-        return fail(std::string("TarnvaleAdminHelper: ") + error.what() + "\n");
+        for (const char* const part : {"TarnvaleAdminHelper: ", error.what(), "\n"}) {
+            writeAll(STDERR_FILENO, part);
+        }
     }
+    ::_exit(EXIT_FAILURE);  // threads of the service may be at work
 }

@@ -286,8 +286,9 @@ void makeFolders(const std::string& path, std::optional<mode_t> mode) {
         }
         return;
     }
+    const bool isMissing = errno == ENOENT;
     const auto above = splitPath(path).folder;
-    if (errno == ENOENT && above != path) {
+    if (isMissing && above != path) {
         makeFolders(above, mode);
     }
     if (::mkdir(path.c_str(), mode.value_or(0777)) != 0) {
@@ -315,8 +316,16 @@ void setMode(const std::string& path, mode_t mode) {
 void removeFile(const std::string& path) {
     const auto [folderPath, name] = splitPath(path);
     const auto folder = openFolder(folderPath);
-    if (!folder || ::unlinkat(folder.get(), name.c_str(), 0) != 0 || !synchronise(folder.get())) {
-        throw FileError(Operation::remove, path, errno);
+    int error = 0;
+    if (!folder || ::unlinkat(folder.get(), name.c_str(), 0) != 0) {
+        error = errno;
+    }
+    // Also when it was gone: whoever deleted it may have died before the folder was synchronised.
+    if (folder && !synchronise(folder.get()) && error == 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        throw FileError(Operation::remove, path, error);
     }
 }
 

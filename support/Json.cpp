@@ -452,7 +452,7 @@ unsigned JsonReader::takeEscapedUnit(const char* escape) {
     unsigned unit = 0;
     const char* const digitsEnd = next_ + std::min<std::ptrdiff_t>(4, end_ - next_);
     const auto [stop, error] = std::from_chars(next_, digitsEnd, unit, 16);
-    if (stop != next_ + 4) {
+    if (digitsEnd - next_ != 4 || stop != digitsEnd) {
         failAt(escape, "escape without four hexadecimal digits in a string");
     }
     next_ = stop;

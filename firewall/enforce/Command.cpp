@@ -135,7 +135,12 @@ void drain(UniqueFd output, std::string& outputText, UniqueFd errors, std::strin
             {{.fd = output.get(), .events = POLLIN, .revents = 0},
              {.fd = errors.get(), .events = POLLIN, .revents = 0}}};
         if (::poll(waited.data(), waited.size(), -1) < 0) {
-            continue;  // interrupted
+            if (errno == EINTR || errno == EAGAIN) {
+                continue;
+            }
+            // Without poll there is one end after the other.
+            waited[0].revents = output ? POLLIN : 0;
+            waited[1].revents = output ? 0 : POLLIN;
         }
         if (waited[0].revents != 0 && !readSome(output.get(), outputText)) {
             output.reset();

@@ -2,6 +2,7 @@
 
 #include "firewall/enforce/LegacyCleanup.h"
 
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -25,7 +26,7 @@ template <class Step>
 void ignoreFailure(const Step& step) {
     try {
         step();
-    } catch (const support::FileError&) {
+    } catch (const std::exception&) {
         // The next load tries again.
     }
 }
@@ -72,21 +73,26 @@ void backUp(const std::string& text) {
     });
 }
 
+/// Takes the lines that name the old anchor out of /etc/pf.conf.
+void cleanUpPfConf() {
+    const auto text = readPfConf();
+    if (!isNamedIn(text)) {
+        return;
+    }
+    backUp(text);
+    std::string_view content = text;
+    if (content.starts_with(byteOrderMark)) {
+        content.remove_prefix(byteOrderMark.size());
+    }
+    ignoreFailure(
+        [&] { support::replaceFileKeepingAttributes(pfConfPath, withoutLegacyLines(content)); });
+    helperLog("Removed legacy anchor references from /etc/pf.conf.");
+}
+
 }  // namespace
 
 void removeLegacyAnchor() {
-    const auto text = readPfConf();
-    if (isNamedIn(text)) {
-        backUp(text);
-        std::string_view content = text;
-        if (content.starts_with(byteOrderMark)) {
-            content.remove_prefix(byteOrderMark.size());
-        }
-        ignoreFailure([&] {
-            support::replaceFileKeepingAttributes(pfConfPath, withoutLegacyLines(content));
-        });
-        helperLog("Removed legacy anchor references from /etc/pf.conf.");
-    }
+    ignoreFailure(cleanUpPfConf);
     ignoreFailure([] { support::removeFile(legacyRulesPath); });
     flushLegacyAnchor();
 }

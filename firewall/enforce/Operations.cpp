@@ -55,7 +55,7 @@ std::string counted(std::size_t count, const char* noun) {
 std::string joinedNames(std::span<const FirewallNetworkPolicy> networks) {
     std::string names;
     for (const auto& network : networks) {
-        if (!names.empty() || &network != networks.data()) {
+        if (&network != networks.data()) {
             names += ", ";
         }
         names += network.name;

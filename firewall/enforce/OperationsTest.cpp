@@ -139,6 +139,19 @@ TEST_F(OperationsTest, KillsTheStatesOfEverySubnetOfAListThatChanged) {
             "-k 0.0.0.0/0 -k 192.168.65.0/24"));
 }
 
+TEST_F(OperationsTest, KillsNoStatesOfASubnetThatIsNotEnforced) {
+    // Another user's network, whose firewall is off, holds it: that user's clock was ahead.
+    const auto theirs = json({{64, "Theirs", "192.168.64.0/24", "any", false}});
+    put(storePath, R"({"owners":{"502":{"appliedAt":9e9,"policies":)" + theirs + "}}}");
+
+    applyFirewall(json({{64}, {65}}), 501, elsewhere);
+
+    EXPECT_THAT(
+        pfctl.calls(),
+        ElementsAre(
+            flushLegacy, load, enable, "-k 192.168.65.0/24", "-k 0.0.0.0/0 -k 192.168.65.0/24"));
+}
+
 TEST_F(OperationsTest, RefusesWhatIsNoPolicyAndChangesNothing) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "at line 1, column 1"},

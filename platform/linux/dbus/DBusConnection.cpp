@@ -47,7 +47,7 @@ UniqueFd processOf(int socket, pid_t pid) {
         return UniqueFd(fd);
     }
     if (errno != ENOPROTOOPT || pid <= 0) {
-        return UniqueFd();
+        return {};
     }
     return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));  // kernels before 6.5
 }
@@ -92,7 +92,9 @@ Bus makeBus(int socket, ProtocolObject& object) {
 
 /// Waits for one of the events; false when the time is over first. Zero waits without end.
 bool waitFor(int fd, short events, std::chrono::steady_clock::time_point deadline) {
-    using namespace std::chrono;
+    using std::chrono::ceil;
+    using std::chrono::milliseconds;
+    using std::chrono::steady_clock;
     pollfd waited{.fd = fd, .events = events, .revents = 0};
     while (true) {
         int timeout = -1;

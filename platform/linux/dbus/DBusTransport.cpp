@@ -90,12 +90,12 @@ private:
     struct Work {
         Work(
             DBusTransport& transport,
-            TransportDelegate& delegate_,
-            TarnvaleAdminHelperProtocol& exported_,
+            TransportDelegate& itsDelegate,
+            TarnvaleAdminHelperProtocol& itsExported,
             UniqueFd socket,
             uid_t uid)
-            : delegate(delegate_),
-              exported(exported_),
+            : delegate(itsDelegate),
+              exported(itsExported),
               slots(transport.slots_),
               connection(std::move(socket), uid, transport.codeSigning_) {}
         Work(const Work&) = delete;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -98,7 +99,9 @@ public:
     }
     OptionalText removeFirewall() override { return std::nullopt; }
     ResultReply firewallReport() override {
-        return {.result = std::string(20'000'000, 'r'), .error = std::nullopt};
+        std::string report;
+        report.resize(20'000'000, 'r');
+        return {.result = report, .error = std::nullopt};
     }
     ResultReply createVLANWithName(
         std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
@@ -322,11 +325,13 @@ TEST_F(DBusTransportTest, SurvivesPeersThatConnectAndHangUp) {
 }
 
 TEST_F(DBusTransportTest, SurvivesGarbage) {
-    for (const std::string_view garbage :
-         {std::string_view("x"),
-          std::string_view("\0AUTH NONSENSE\r\n", 16),
-          std::string_view("\0BEGIN\r\n", 8),
-          std::string_view("\0AUTH EXTERNAL 30\r\nBEGIN\r\nl\1\0\1\377\377\377\377\377\377", 37)}) {
+    using std::string_view_literals::operator""sv;
+    const std::array garbages = {
+        "x"sv,
+        "\0AUTH NONSENSE\r\n"sv,
+        "\0BEGIN\r\n"sv,
+        "\0AUTH EXTERNAL 30\r\nBEGIN\r\nl\1\0\1\377\377\377\377\377\377"sv};
+    for (const auto garbage : garbages) {
         const auto peer = connectRaw();
         ::send(peer.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
         ::shutdown(peer.get(), SHUT_WR);
@@ -367,6 +372,7 @@ TEST_F(DBusTransportTest, KeepsOneUserToSixtyFourConnections) {
 
 TEST_F(DBusTransportTest, ServesManyConnectionsSideBySide) {
     std::vector<std::thread> threads;
+    threads.reserve(16);
     std::atomic<int> answered = 0;
     for (int i = 0; i < 16; ++i) {
         threads.emplace_back([&] {

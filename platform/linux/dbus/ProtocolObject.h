@@ -13,7 +13,7 @@ namespace tarnvale::platform {
 /// What the object's methods work with while a connection lasts.
 struct ProtocolObject {
     TarnvaleAdminHelperProtocol& exported;
-    int socket;                   ///< the connection's descriptor, borrowed
+    int socket = -1;              ///< the connection's descriptor, borrowed
     bool hasLargeBuffer = false;  ///< the socket's send buffer has been enlarged for a reply
 };
 

@@ -22,7 +22,6 @@ namespace tarnvale::pfctl {
 namespace {
 
 using testing::ElementsAre;
-using testing::SizeIs;
 
 struct Sent {
     nlmsghdr header{};

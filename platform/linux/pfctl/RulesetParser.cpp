@@ -186,8 +186,7 @@ private:
         if (!accept("any")) {
             const auto network = parseNetwork(word_);
             if (!network) {
-                throw LineMistake{
-                    isPlain(word_) ? "could not parse host specification" : "syntax error"};
+                throw LineMistake{isPlain(word_) ? "could not parse host" : "syntax error"};
             }
             side.network = *network;
             rule.namesANetwork = true;

@@ -233,7 +233,7 @@ TEST(RulesetParserTest, RefusesWhatIsNoNetwork) {
           "anyy",
           "/8",
           "."}) {
-        EXPECT_EQ(mistakeAt(network), "could not parse host specification") << network;
+        EXPECT_EQ(mistakeAt(network), "could not parse host") << network;
     }
     for (const char* network : {"!10.0.0.0/8", "+10.0.0.0/8", "<table>", "(en0)", "{", "\"any\""}) {
         EXPECT_EQ(mistakeAt(network), "syntax error") << network;

@@ -47,9 +47,15 @@ void ScriptedPfctl::install() const {
         // A blank in a pattern would end it; quoted, it is a blank.
         std::string quoted;
         for (const char c : pattern) {
-            quoted += c == ' ' ? std::string("\\ ") : std::string(1, c);
+            if (c == ' ') {
+                quoted += '\\';
+            }
+            quoted += c;
         }
-        script += quoted + ")\n" + commands + "\n;;\n";
+        for (const auto* const part : {&quoted, &commands}) {
+            script += *part;
+            script += part == &quoted ? ")\n" : "\n;;\n";
+        }
     }
     script += "esac\nexit 0\n";
 

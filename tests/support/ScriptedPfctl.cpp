@@ -52,10 +52,10 @@ void ScriptedPfctl::install() const {
             }
             quoted += c;
         }
-        for (const auto* const part : {&quoted, &commands}) {
-            script += *part;
-            script += part == &quoted ? ")\n" : "\n;;\n";
-        }
+        script += quoted;
+        script += ")\n";
+        script += commands;
+        script += "\n;;\n";
     }
     script += "esac\nexit 0\n";
 

@@ -24,10 +24,8 @@ public:
     void answer(const std::string& pattern, const std::string& commands);
 
     /// Every call so far, its words joined by blanks.
-    // NOLINTNEXTLINE(readability-convert-member-functions-to-static): they are this script's calls
     std::vector<std::string> calls() const;
 
-    // NOLINTNEXTLINE(readability-convert-member-functions-to-static): as above
     void forgetCalls();
 
 private:

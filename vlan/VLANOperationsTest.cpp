@@ -28,7 +28,6 @@ using VLAN = test::FakeNetworkPreferences::VLAN;
 using Step = test::FakeNetworkPreferences::Step;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::ThrowsMessage;
 
 constexpr const char* folder = "/Library/Application Support/Tarnvale";
 constexpr const char* recordFile = "/Library/Application Support/Tarnvale/vlans.json";
@@ -187,6 +186,7 @@ TEST_F(VLANCreateTest, StopsAtTheFirstStepThatFails) {
     saveRecords({{"vlan9", 9, "en9"}});
     const auto before = recorded();
     std::vector<Step> all;
+    all.reserve(steps.size());
     for (const auto& [step, failure] : steps) {
         all.push_back(step);
     }
@@ -287,6 +287,7 @@ TEST_F(VLANCreateTest, SucceedsWhenItCannotBeRecorded) {
 
 TEST_F(VLANCreateTest, LeavesAWholeFileWhenRequestsMeet) {
     std::vector<std::thread> requests;
+    requests.reserve(4);
     for (int request = 0; request < 4; ++request) {
         requests.emplace_back([] {
             for (int tag = 1; tag <= 10; ++tag) {
@@ -470,6 +471,7 @@ TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
     const auto before = recorded();
     const auto vlans = preferences.saved;
     std::vector<Step> all;
+    all.reserve(steps.size());
     for (const auto& [step, failure] : steps) {
         all.push_back(step);
     }

@@ -55,13 +55,10 @@ std::vector<std::string> namesIn(const std::string& folder) {
     return names;
 }
 
-std::vector<std::string> logMessages() {
+std::vector<std::string> messagesOf(const std::string& log) {
     static const std::regex form(R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ) (.*))");
     std::vector<std::string> messages;
-    if (!exists(logPath)) {
-        return messages;
-    }
-    std::istringstream lines(contentOf(logPath));
+    std::istringstream lines(log);
     for (std::string line; std::getline(lines, line);) {
         std::smatch parts;
         if (!std::regex_match(line, parts, form)) {
@@ -70,6 +67,10 @@ std::vector<std::string> logMessages() {
         messages.push_back(parts[2]);
     }
     return messages;
+}
+
+std::vector<std::string> logMessages() {
+    return exists(logPath) ? messagesOf(contentOf(logPath)) : std::vector<std::string>();
 }
 
 }  // namespace tarnvale::test

@@ -34,6 +34,10 @@ mode_t modeOf(const std::string& path);
 /// The names in a folder, sorted.
 std::vector<std::string> namesIn(const std::string& folder);
 
+/// The messages in a text of the log's form, each without its timestamp. Throws
+/// `std::runtime_error` for a line of another form.
+std::vector<std::string> messagesOf(const std::string& log);
+
 /// The messages in the helper's log, each without its timestamp, whose form is checked; none when
 /// there is no log. Throws `std::runtime_error` for a line of another form.
 std::vector<std::string> logMessages();

@@ -8,8 +8,10 @@
 #include <iterator>
 #include <system_error>
 
+#include <poll.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,24 +38,46 @@ std::string contentOf(int fd) {
     return content;
 }
 
-}  // namespace
-
-Program::Program(const std::vector<std::string>& arguments, std::string_view input)
-    : input_(fileInMemory(input)), output_(fileInMemory({})), error_(fileInMemory({})) {
-    std::vector<std::string> texts = arguments;
+/// As the system's calls want it, ended by a null pointer.
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     std::transform(texts.begin(), texts.end(), std::back_inserter(pointers), [](std::string& text) {
         return text.data();
     });
     pointers.push_back(nullptr);
+    return pointers;
+}
+
+}  // namespace
+
+Program::Program(
+    const std::vector<std::string>& arguments,
+    std::string_view input,
+    const Surroundings& surroundings)
+    : input_(fileInMemory(input)), output_(fileInMemory({})), error_(fileInMemory({})) {
+    std::vector<std::string> words = arguments;
+    std::vector<std::string> environment = surroundings.environment;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        environment.emplace_back(*variable);
+    }
+    const std::vector<char*> argumentPointers = pointersTo(words);
+    const std::vector<char*> environmentPointers = pointersTo(environment);
 
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, input_.get(), STDIN_FILENO);
     ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDOUT_FILENO);
     ::posix_spawn_file_actions_adddup2(&actions, error_.get(), STDERR_FILENO);
-    const int error =
-        ::posix_spawn(&pid_, pointers[0], &actions, nullptr, pointers.data(), environ);
+    for (const auto& [ours, theirs] : surroundings.descriptors) {
+        ::posix_spawn_file_actions_adddup2(&actions, ours, theirs);
+    }
+    const int error = ::posix_spawn(
+        &pid_,
+        argumentPointers[0],
+        &actions,
+        nullptr,
+        argumentPointers.data(),
+        environmentPointers.data());
     ::posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
         pid_ = -1;
@@ -75,6 +99,17 @@ bool Program::running() {
     return pid_ >= 0;
 }
 
+bool Program::endsWithin(std::chrono::milliseconds time) {
+    if (!running()) {
+        return true;
+    }
+    // The C library's pidfd_open lacks C linkage in the version that Debian 12 has.
+    const support::UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
+    pollfd end{.fd = process.get(), .events = POLLIN, .revents = 0};
+    ::poll(&end, 1, static_cast<int>(time.count()));
+    return !running();
+}
+
 Finished Program::finish() {
     while (pid_ >= 0) {
         if (::waitpid(pid_, &status_, 0) == pid_) {
@@ -85,8 +120,16 @@ Finished Program::finish() {
     }
     return {
         .status = WIFSIGNALED(status_) ? 128 + WTERMSIG(status_) : WEXITSTATUS(status_),
-        .output = contentOf(output_.get()),
-        .error = contentOf(error_.get())};
+        .output = output(),
+        .error = error()};
+}
+
+std::string Program::output() const {
+    return contentOf(output_.get());
+}
+
+std::string Program::error() const {
+    return contentOf(error_.get());
 }
 
 Finished run(const std::vector<std::string>& arguments, std::string_view input) {

@@ -4,8 +4,10 @@
 
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <sys/types.h>
@@ -21,13 +23,22 @@ struct Finished {
     std::string error;
 };
 
+/// What a program gets besides its arguments and its input.
+struct Surroundings {
+    std::vector<std::string> environment;          ///< "NAME=value", besides the test's own
+    std::vector<std::pair<int, int>> descriptors;  ///< ours, and the number that it has there
+};
+
 /// A program that runs beside the test. Its output goes to files in memory, so it never waits for
 /// a reader.
 class Program {
 public:
     /// Starts `arguments[0]`, a path, in the calling thread's namespaces. Throws
     /// `std::system_error`.
-    explicit Program(const std::vector<std::string>& arguments, std::string_view input = {});
+    explicit Program(
+        const std::vector<std::string>& arguments,
+        std::string_view input = {},
+        const Surroundings& surroundings = {});
 
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
@@ -35,10 +46,20 @@ public:
     /// Kills the program if it still runs.
     ~Program();
 
+    /// -1 once its end has been seen.
+    pid_t pid() const { return pid_; }
+
     bool running();
+
+    /// Waits until it has ended; false when the time is over first.
+    bool endsWithin(std::chrono::milliseconds time);
 
     /// Waits for the end.
     Finished finish();
+
+    /// What it has written so far.
+    std::string output() const;
+    std::string error() const;
 
 private:
     support::UniqueFd input_;

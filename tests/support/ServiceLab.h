@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: MIT
+//
+// The shipped helper as a service inside the test's private root, and signed clients that speak to
+// it over its socket. Everything is real: signatures, users, the socket, the log.
+
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "support/UniqueFd.h"
+#include "tests/support/Program.h"
+#include "tests/support/SigningLab.h"
+#include "tests/support/SocketPeer.h"
+
+namespace tarnvale::test {
+
+/// The programs as they were built.
+extern const char* const helperProgram;
+extern const char* const clientProgram;
+
+inline constexpr const char* servicePath = "/run/com.brackwen.tarnvale.adminhelper.socket";
+inline constexpr const char* rootsPath = "/etc/tarnvale/code-signing-roots.pem";
+
+/// The identifiers that are admitted.
+inline constexpr const char* applicationIdentifier = "com.brackwen.tarnvale";
+inline constexpr const char* serviceProcessIdentifier = "com.brackwen.tarnvale.service";
+
+/// The version that the build was given, or "7".
+std::string helperVersion();
+
+/// What the log says once the service listens.
+std::string listeningMessage();
+
+/// The users of this machine.
+inline constexpr uid_t rootUser = 0;
+inline constexpr uid_t administrator = 501;  ///< "ada", a member of group 80
+inline constexpr uid_t firstUser = 502;      ///< "bob"
+inline constexpr uid_t secondUser = 503;     ///< "eve"
+
+/// The certificates, programs and users that a test needs. What it makes is there from the
+/// beginning of the test to its end.
+class ServiceLab {
+public:
+    /// Trusts `development`, signs a client with it, makes the users, with nobody at the console,
+    /// and puts the project's pfctl into /sbin.
+    ServiceLab();
+
+    /// The maker's team.
+    const Chain development = Chain::development();
+    const Chain developerID = Chain::developerID();
+
+    /// The path of the client that is signed by `development` as the application.
+    const std::string client;
+
+    /// Writes the file of trusted roots.
+    static void trust(const std::vector<const Chain*>& chains);
+
+    /// A new file: the program, signed. Returns `path`.
+    static std::string signCopy(
+        const std::string& program,
+        std::string_view identifier,
+        const Chain& chain,
+        const std::string& path);
+
+    /// The same for the client program, at a path of its own in /tmp.
+    std::string signedClient(std::string_view identifier, const Chain& chain);
+
+    /// Who is at the console, as systemd-logind says it. Without a user: nobody.
+    static void setConsoleUser(std::optional<uid_t> uid);
+    static void showLoginWindow();
+
+private:
+    int clients_ = 0;
+};
+
+/// Waits until what the log says satisfies the condition, and returns it. Throws
+/// `std::runtime_error` when that takes longer than a minute, or when the program ends before.
+std::vector<std::string> awaitLog(
+    const std::function<bool(const std::vector<std::string>&)>& condition,
+    Program* program = nullptr);
+
+/// Waits until the log has the message.
+std::vector<std::string> awaitMessage(const std::string& message, Program* program = nullptr);
+
+/// The helper at work.
+class Service {
+public:
+    struct Start {
+        std::string program = helperProgram;
+        /// Passed to it as systemd passes a socket; without one it makes its own.
+        int listeningSocket = -1;
+    };
+
+    /// Starts it and waits until it listens. Throws `std::runtime_error` when it ends instead.
+    Service();
+    explicit Service(const Start& start);
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    /// Kills it if it still runs. It is a failure of the test when it has written anything: it
+    /// never writes, only the sanitizers do.
+    ~Service();
+
+    Program& program() { return program_; }
+    pid_t pid() const { return program_.pid(); }
+    bool running() { return program_.running(); }
+
+    /// Sends it a signal.
+    void signal(int number) const;
+
+    /// Kills it and waits for its end.
+    void kill();
+
+private:
+    Service(const Start& start, std::size_t listeningBefore);
+
+    Program program_;
+};
+
+/// The command line of a shell that sets these variables ("LISTEN_PID=$$", `$$` being its process
+/// ID) and becomes the program, keeping that ID, as what systemd forks does.
+std::vector<std::string> activationCommand(
+    const std::string& program, const std::vector<std::string>& variables);
+
+/// A listening socket at the helper's path, such as systemd makes one.
+support::UniqueFd makeListeningSocket(const std::string& path = servicePath);
+
+/// A connection to the service from the test's own process; none when nobody listens.
+support::UniqueFd connectToService();
+
+/// The optional texts of a reply, each its text or "nil"; {"closed"} when the service has closed
+/// the connection; {"error", name} for an error of D-Bus.
+using Texts = std::vector<std::string>;
+
+/// A client program that runs as a user, with a connection of its own.
+class ServiceClient {
+public:
+    /// `pid` is the process ID that it is to have, where one is given.
+    explicit ServiceClient(
+        const std::string& program, uid_t uid = rootUser, std::optional<pid_t> pid = std::nullopt);
+
+    pid_t pid() const { return process_.pid(); }
+
+    /// Whether the service lets it connect. The first call connects by itself.
+    bool connects();
+
+    /// Makes the call and waits for its reply. The words are the values of the types' codes:
+    /// texts, integers in decimal, "true" or "false", for "ay" the bytes.
+    Texts call(
+        const std::string& method, const std::string& types = "", const Texts& arguments = {});
+
+    /// The two halves of a call. Any number of calls may be begun before the first reply.
+    void begin(
+        const std::string& method, const std::string& types = "", const Texts& arguments = {});
+    Texts reply();
+
+    /// Tells the program anything (tests/client/main.cpp) and waits for its answer.
+    Texts tell(const Texts& sentence);
+
+    void signal(int number) const;
+
+    /// Kills it and waits for its end.
+    void kill() { process_.end(); }
+
+private:
+    SocketPeer process_;
+};
+
+}  // namespace tarnvale::test

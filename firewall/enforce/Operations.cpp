@@ -2,7 +2,6 @@
 
 #include "firewall/enforce/Operations.h"
 
-#include <cstddef>
 #include <exception>
 #include <span>
 #include <unordered_set>
@@ -20,6 +19,7 @@
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
 #include "firewall/policy/Review.h"
+#include "firewall/policy/Summary.h"
 #include "support/Files.h"
 #include "support/Json.h"
 #include "support/Mutex.h"
@@ -30,7 +30,6 @@ namespace {
 
 using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::HostAddress;
-using NetworkFirewall::Note;
 using NetworkFirewall::PolicyStore;
 using NetworkFirewall::Review;
 using support::FileError;
@@ -45,61 +44,6 @@ support::Mutex& firewallLock() {
 
 std::string rulesetPath() {
     return std::string(appSupportDirectory) + "/firewall.pf.conf";
-}
-
-/// "3 networks", "1 rule".
-std::string counted(std::size_t count, const char* noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
-std::string joinedNames(std::span<const FirewallNetworkPolicy> networks) {
-    std::string names;
-    for (const auto& network : networks) {
-        if (&network != networks.data()) {
-            names += ", ";
-        }
-        names += network.name;
-    }
-    return names;
-}
-
-/// One line for each refused network: its name and why.
-std::vector<std::string> linesOf(std::span<const Note> notes) {
-    std::vector<std::string> lines;
-    lines.reserve(notes.size());
-    for (const auto& note : notes) {
-        lines.push_back(note.label() + ": " + note.problem);
-    }
-    return lines;
-}
-
-void appendSkippedRules(std::string& summary, std::size_t count) {
-    if (count > 0) {
-        summary += " · " + counted(count, "rule") + " skipped";
-    }
-}
-
-/// What is in force for everybody.
-std::string summaryForAllUsers(const Review& all) {
-    const auto count = all.enforceable.size();
-    std::string summary = count == 0 ? "No networks have an enabled firewall — the anchor is empty."
-                                     : "Enforcing " + counted(count, "network") +
-                                           " for all users: " + joinedNames(all.enforceable);
-    appendSkippedRules(summary, all.skippedRules.size());
-    return summary;
-}
-
-/// What the user's own list comes to, and how much of others' there is.
-std::string summaryForCaller(const Review& own, std::size_t otherUsersNetworks) {
-    const auto count = own.enforceable.size();
-    std::string summary =
-        count == 0 ? "None of your networks has an enabled firewall."
-                   : "Enforcing " + counted(count, "network") + ": " + joinedNames(own.enforceable);
-    appendSkippedRules(summary, own.skippedRules.size());
-    if (otherUsersNetworks > 0) {
-        summary += " · " + std::to_string(otherUsersNetworks) + " more for other users of this Mac";
-    }
-    return summary;
 }
 
 /// Merges all users' lists, says in the log which networks that leaves out, and reviews the rest.
@@ -140,7 +84,7 @@ std::string loadAnchor(const Review& all, std::span<const std::string> resetSubn
     enablePf();
     resetStates(all.enforceable, resetSubnets);
 
-    auto summary = summaryForAllUsers(all);
+    auto summary = NetworkFirewall::summaryForAllUsers(all);
     helperLog("Applied firewall. " + summary);
     return summary;
 }
@@ -180,7 +124,7 @@ void reapply() {
     helperLog("Boot re-apply: " + summary);
     if (!all.refused.empty()) {
         std::string leftOut;
-        for (const auto& line : linesOf(all.refused)) {
+        for (const auto& line : NetworkFirewall::linesOf(all.refused)) {
             leftOut += (leftOut.empty() ? "" : " | ") + line;
         }
         helperLog("Boot re-apply left out: " + leftOut);
@@ -214,9 +158,10 @@ std::string applyFirewall(
     loadAnchor(reviewAll(store, hosts), resetSubnets);
     saveStore(store);
 
-    auto summary = summaryForCaller(own, NetworkFirewall::otherUsersNetworkCount(store, uid));
+    auto summary =
+        NetworkFirewall::summaryForCaller(own, NetworkFirewall::otherUsersNetworkCount(store, uid));
     if (!own.refused.empty()) {
-        throw HelperError::networksRefused(summary, linesOf(own.refused));
+        throw HelperError::networksRefused(summary, NetworkFirewall::linesOf(own.refused));
     }
     return summary;
 }

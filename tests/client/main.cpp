@@ -8,7 +8,10 @@
 //     call METHOD TYPES ARGUMENT…   the reply's texts, "nil" for an absent one; or closed; or error
 //                                   and the D-Bus error's name
 //     await-close                   closed, once the service has closed the connection
-//     send-raw                      sends RemoveFirewall past sd-bus: answered or closed
+//     connect-raw                   connected, without a word having been said
+//     send-raw [BYTES]              sends the bytes, or a RemoveFirewall call, past sd-bus:
+//     answered
+//                                   or closed
 //     fork                          forked; a child goes on in its place and it waits to be killed
 //     exec PROGRAM                  the program, with the connection as its descriptor 3, goes on
 //                                   in its place
@@ -19,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +33,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -45,7 +50,7 @@ extern "C" const char* __tsan_default_suppressions() {  // NOLINT: the sanitizer
 namespace tarnvale::test {
 namespace {
 
-constexpr const char* address = "unix:path=/run/com.brackwen.tarnvale.adminhelper.socket";
+constexpr const char* socketPath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
 constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
 constexpr std::uint64_t patience = std::uint64_t{300} * 1'000'000;  // microseconds
@@ -104,7 +109,9 @@ public:
         sd_bus* made = nullptr;
         require(::sd_bus_new(&made), "sd_bus_new");
         bus_.reset(made);
-        require(::sd_bus_set_address(made, address), "sd_bus_set_address");
+        require(
+            ::sd_bus_set_address(made, (std::string("unix:path=") + socketPath).c_str()),
+            "sd_bus_set_address");
         int result = ::sd_bus_start(made);
         while (result >= 0 && ::sd_bus_is_ready(made) == 0) {
             result = ::sd_bus_process(made, nullptr);
@@ -117,6 +124,16 @@ public:
         }
         require(result, "connect");
         connection_ = require(::sd_bus_get_fd(made), "sd_bus_get_fd");
+        return {"connected"};
+    }
+
+    Words connectRaw() {
+        connection_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un to{};
+        to.sun_family = AF_UNIX;
+        std::string_view(socketPath).copy(std::begin(to.sun_path), sizeof to.sun_path - 1);
+        const auto* const generic = reinterpret_cast<const sockaddr*>(&to);
+        require(::connect(connection_, generic, sizeof to) == 0 ? 0 : -errno, "connect");
         return {"connected"};
     }
 
@@ -157,9 +174,9 @@ public:
         return {"closed"};
     }
 
-    Words sendRaw() const {
-        const std::string call = rawCall();
-        if (::send(connection_, call.data(), call.size(), MSG_NOSIGNAL) < 0) {
+    Words sendRaw(const Words& words) const {
+        const std::string bytes = words.size() > 1 ? words[1] : rawCall();
+        if (::send(connection_, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) {
             return {"closed"};
         }
         // sd-bus has made the socket non-blocking.
@@ -244,7 +261,9 @@ void serve(Client& client) {
         } else if (verb == "await-close") {
             say(STDOUT_FILENO, client.awaitClose());
         } else if (verb == "send-raw") {
-            say(STDOUT_FILENO, client.sendRaw());
+            say(STDOUT_FILENO, client.sendRaw(*words));
+        } else if (verb == "connect-raw") {
+            say(STDOUT_FILENO, client.connectRaw());
         } else if (verb == "fork") {
             leaveToChild();
             say(STDOUT_FILENO, {"forked"});

@@ -47,6 +47,8 @@ inline constexpr uid_t secondUser = 503;     ///< "eve"
 /// The certificates, programs and users that a test needs. What it makes is there from the
 /// beginning of the test to its end.
 class ServiceLab {
+    int clients_ = 0;  ///< signed so far; there before `client`
+
 public:
     /// Trusts `development`, signs a client with it, makes the users, with nobody at the console,
     /// and puts the project's pfctl into /sbin.
@@ -75,9 +77,6 @@ public:
     /// Who is at the console, as systemd-logind says it. Without a user: nobody.
     static void setConsoleUser(std::optional<uid_t> uid);
     static void showLoginWindow();
-
-private:
-    int clients_ = 0;
 };
 
 /// Waits until what the log says satisfies the condition, and returns it. Throws

@@ -67,14 +67,16 @@ int fail(std::string_view message) {
 /// Serves requests until the process exits.
 [[noreturn]] void serve() {
     using namespace tarnvale;  // NOLINT(google-build-using-namespace): this is its program
+    // Threads use all of these until the process exits, so nothing ever destroys them.
+    auto& codeSigning = *platform::makeCodeSigning().release();
+    // Before there is a child: it takes the news of a passed socket out of the environment.
+    auto& transport = *platform::makeTransport(codeSigning).release();
+
     // Before a client can change what is enforced, what is stored is enforced again.
     HelperFirewall::reapplyAtBoot();
 
-    // Threads use all of these until the process exits, so nothing ever destroys them.
-    auto& codeSigning = *platform::makeCodeSigning().release();
     auto& users = *platform::makeUsers().release();
     auto& preferences = *platform::makeNetworkPreferences().release();
-    auto& transport = *platform::makeTransport(codeSigning).release();
     auto& loop = *platform::makeMainLoop().release();
     auto& admission = *new ClientAdmission(codeSigning);
     auto& listener = **new auto(std::make_shared<HelperListener>(transport, loop, admission));

@@ -39,17 +39,19 @@ pid_t pidOf(int socket) {
     return result == 0 ? credentials.pid : -1;
 }
 
-/// A pidfd of the process that connected; none when it cannot be named any more.
+/// A pidfd of the process that connected. Of one that cannot be named any more there is none: what
+/// stands for it is a descriptor that is always ready, as the pidfd of an ended process is, so that
+/// the peer is judged, and turned away, like one.
 UniqueFd processOf(int socket, pid_t pid) {
     int fd = -1;
     socklen_t size = sizeof fd;
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &size) == 0) {
         return UniqueFd(fd);
     }
-    if (errno != ENOPROTOOPT || pid <= 0) {
-        return {};
+    if (errno == ENOPROTOOPT && pid > 0) {
+        fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));  // kernels before 6.5
     }
-    return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));  // kernels before 6.5
+    return UniqueFd(fd >= 0 ? fd : ::open("/dev/null", O_RDWR | O_CLOEXEC));
 }
 
 int require(int result) {

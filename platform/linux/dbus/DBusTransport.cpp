@@ -77,7 +77,7 @@ public:
 
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
         LibSystemd::get();  // one that is missing is found out now, not at the first connection
-        listening_ = openListeningSocket();
+        listening_ = openListeningSocket(passedSockets_);
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
 
@@ -167,6 +167,7 @@ private:
     }
 
     CodeSigning& codeSigning_;
+    int passedSockets_ = takePassedSockets();
     UniqueFd listening_;
     ConnectionSlots slots_;
 };

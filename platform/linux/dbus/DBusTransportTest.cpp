@@ -390,25 +390,25 @@ TEST_F(DBusTransportTest, ServesManyConnectionsSideBySide) {
 }
 
 TEST(ListeningSocketTest, IsOpenToEverybody) {
-    const auto socket = openListeningSocket();
+    const auto socket = openListeningSocket(0);
 
     EXPECT_EQ(test::modeOf(listeningSocketPath), 0666U);
     EXPECT_TRUE(connectRaw());
 }
 
 TEST(ListeningSocketTest, ReplacesASocketThatNobodyListensOn) {
-    openListeningSocket();
+    openListeningSocket(0);
     EXPECT_FALSE(connectRaw());
 
-    const auto socket = openListeningSocket();
+    const auto socket = openListeningSocket(0);
 
     EXPECT_TRUE(connectRaw());
 }
 
 TEST(ListeningSocketTest, LeavesAnotherHelpersSocketAlone) {
-    const auto first = openListeningSocket();
+    const auto first = openListeningSocket(0);
 
-    EXPECT_THROW(openListeningSocket(), TransportError);
+    EXPECT_THROW(openListeningSocket(0), TransportError);
 
     EXPECT_TRUE(connectRaw());
 }
@@ -417,7 +417,7 @@ TEST(ListeningSocketTest, LeavesAnythingElseAlone) {
     test::put(listeningSocketPath, "in the way");
 
     EXPECT_THAT(
-        [] { openListeningSocket(); },
+        [] { openListeningSocket(0); },
         testing::ThrowsMessage<TransportError>(
             "/run/com.brackwen.tarnvale.adminhelper.socket is in the way: it isn't a socket."));
 

@@ -42,25 +42,6 @@ std::optional<int> number(const char* text) {
     return error == std::errc{} && stop == end ? std::optional(value) : std::nullopt;
 }
 
-/// The descriptor that was passed to this process, if one was.
-std::optional<int> passedDescriptor() {
-    const auto pid = number(std::getenv("LISTEN_PID"));
-    const auto count = number(std::getenv("LISTEN_FDS"));
-    const bool passed = pid == ::getpid() && count.value_or(0) > 0;
-    // No child of ours is to take them for its own.
-    for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
-        ::unsetenv(name);
-    }
-    if (!passed) {
-        return std::nullopt;
-    }
-    if (*count != 1) {
-        throw TransportError(
-            "One listening socket was expected, " + std::to_string(*count) + " were passed.");
-    }
-    return firstPassedDescriptor;
-}
-
 int socketOption(int fd, int option) {
     int value = 0;
     socklen_t size = sizeof value;
@@ -145,11 +126,25 @@ UniqueFd makeSocket() {
 
 }  // namespace
 
-UniqueFd openListeningSocket() {
-    if (const auto passed = passedDescriptor()) {
-        return adoptPassedSocket(*passed);
+int takePassedSockets() {
+    const auto pid = number(std::getenv("LISTEN_PID"));
+    const auto count = number(std::getenv("LISTEN_FDS"));
+    for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
+        ::unsetenv(name);
     }
-    return makeSocket();
+    return pid == ::getpid() ? std::max(count.value_or(0), 0) : 0;
+}
+
+UniqueFd openListeningSocket(int passedSockets) {
+    if (passedSockets == 0) {
+        return makeSocket();
+    }
+    if (passedSockets != 1) {
+        throw TransportError(
+            "One listening socket was expected, " + std::to_string(passedSockets) +
+            " were passed.");
+    }
+    return adoptPassedSocket(firstPassedDescriptor);
 }
 
 }  // namespace tarnvale::platform

@@ -1,0 +1,256 @@
+// SPDX-License-Identifier: MIT
+//
+// Where the service's socket comes from: systemd passes it, or the helper makes it.
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/support/HelperFiles.h"
+#include "tests/support/ScriptedPfctl.h"
+#include "tests/support/ServiceLab.h"
+
+namespace tarnvale::test {
+namespace {
+
+namespace fs = std::filesystem;
+using support::UniqueFd;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+
+constexpr const char* notListening =
+    "TarnvaleAdminHelper: The descriptor that was passed is no listening Unix stream socket.\n";
+
+constexpr const char* store = R"({"owners":{"501":{"appliedAt":763636013,"policies":[
+    {"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",
+     "subnetCIDR":"192.168.64.0/24","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,
+     "policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}]}}})";
+
+ino_t inodeOf(const char* path) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(path, &info), 0);
+    return info.st_ino;
+}
+
+/// Waits until somebody knocks.
+bool hasCaller(const UniqueFd& listening) {
+    pollfd waited{.fd = listening.get(), .events = POLLIN, .revents = 0};
+    constexpr int patience = 30'000;  // milliseconds
+    return ::poll(&waited, 1, patience) == 1;
+}
+
+/// What becomes of a helper that is told of a passed socket in this way, and gets `fd` as its
+/// descriptor 3.
+Finished passed(int fd, const std::vector<std::string>& variables) {
+    Surroundings surroundings;
+    if (fd >= 0) {
+        surroundings.descriptors = {{fd, 3}};
+    }
+    return Program(activationCommand(helperProgram, variables), {}, surroundings).finish();
+}
+
+Finished passedOne(int fd) {
+    return passed(fd, {"LISTEN_PID=$$", "LISTEN_FDS=1"});
+}
+
+auto failedWith(const std::string& error) {
+    return AllOf(Field(&Finished::status, 1), Field(&Finished::error, error));
+}
+
+class ServiceActivationTest : public testing::Test {
+protected:
+    ServiceLab lab;
+};
+
+TEST_F(ServiceActivationTest, ServesOnTheSocketThatIsPassed) {
+    const UniqueFd listening = makeListeningSocket();
+    const ino_t inode = inodeOf(servicePath);
+
+    const Service service({.program = helperProgram, .listeningSocket = listening.get()});
+    ServiceClient client(lab.client);
+
+    EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
+    EXPECT_EQ(inodeOf(servicePath), inode);
+    EXPECT_THAT(namesIn("/run"), testing::Not(testing::Contains(testing::HasSubstr("socket."))));
+}
+
+TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForce) {
+    put(storePath, store);
+    const UniqueFd listening = makeListeningSocket();
+    for (int start = 0; start < 3; ++start) {
+        ServiceClient client(lab.client);
+        client.begin("HelperVersion");
+        ASSERT_TRUE(hasCaller(listening));
+        run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+
+        Service service({.program = helperProgram, .listeningSocket = listening.get()});
+
+        EXPECT_THAT(client.reply(), ElementsAre(helperVersion()));
+        EXPECT_THAT(
+            client.call("FirewallReport"),
+            ElementsAre(testing::HasSubstr("block drop out quick"), "nil"));
+        service.kill();
+        EXPECT_THAT(client.call("HelperVersion"), ElementsAre("closed"));
+    }
+    const std::vector<std::string> once = {
+        "Applied firewall. Enforcing 1 network for all users: Lab",
+        "Boot re-apply: Enforcing 1 network for all users: Lab",
+        listeningMessage()};
+    std::vector<std::string> log;
+    for (int start = 0; start < 3; ++start) {
+        log.insert(log.end(), once.begin(), once.end());
+    }
+    EXPECT_THAT(logMessages(), testing::ElementsAreArray(log));
+}
+
+TEST_F(ServiceActivationTest, PassesNothingOfItOn) {
+    ScriptedPfctl pfctl;
+    pfctl.answer("-E", "env >/run/environment; ls /proc/self/fd >/run/descriptors");
+    put(storePath, store);
+    const UniqueFd listening = makeListeningSocket();
+    Surroundings surroundings;
+    surroundings.descriptors = {{listening.get(), 3}};
+    Program helper(
+        activationCommand(
+            helperProgram, {"LISTEN_PID=$$", "LISTEN_FDS=1", "LISTEN_FDNAMES=service", "OTHER=x"}),
+        {},
+        surroundings);
+    awaitMessage(listeningMessage(), &helper);
+
+    EXPECT_THAT(contentOf("/run/environment"), testing::HasSubstr("OTHER=x\n"));
+    EXPECT_THAT(contentOf("/run/environment"), testing::Not(testing::HasSubstr("LISTEN_")));
+    // The fourth is that of ls(1) itself.
+    EXPECT_EQ(contentOf("/run/descriptors"), "0\n1\n2\n3\n");
+}
+
+TEST_F(ServiceActivationTest, MakesItsOwnWhereNothingIsPassedToIt) {
+    const UniqueFd other = makeListeningSocket("/run/other");
+    const std::vector<std::vector<std::string>> environments = {
+        {"LISTEN_PID=1", "LISTEN_FDS=1"},
+        {"LISTEN_PID=", "LISTEN_FDS=1"},
+        {"LISTEN_PID=$$x", "LISTEN_FDS=1"},
+        {"LISTEN_FDS=1"},
+        {"LISTEN_PID=$$"},
+        {"LISTEN_PID=$$", "LISTEN_FDS=0"},
+        {"LISTEN_PID=$$", "LISTEN_FDS=-1"},
+        {"LISTEN_PID=$$", "LISTEN_FDS=one"}};
+    for (const auto& environment : environments) {
+        SCOPED_TRACE(testing::PrintToString(environment));
+        fs::remove(logPath);
+        Surroundings surroundings;
+        surroundings.descriptors = {{other.get(), 3}};
+        Program helper(activationCommand(helperProgram, environment), {}, surroundings);
+        awaitMessage(listeningMessage(), &helper);
+
+        ServiceClient client(lab.client);
+
+        EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
+        EXPECT_EQ(modeOf(servicePath), 0666U);
+    }
+}
+
+TEST_F(ServiceActivationTest, TakesExactlyOneSocket) {
+    const UniqueFd listening = makeListeningSocket();
+
+    EXPECT_THAT(
+        passed(listening.get(), {"LISTEN_PID=$$", "LISTEN_FDS=2"}),
+        failedWith("TarnvaleAdminHelper: One listening socket was expected, 2 were passed.\n"));
+    EXPECT_THAT(logMessages(), IsEmpty());
+}
+
+TEST_F(ServiceActivationTest, TakesNothingButAListeningUnixStreamSocket) {
+    const UniqueFd file(::open("/etc/passwd", O_RDONLY | O_CLOEXEC));
+    const UniqueFd datagrams(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const UniqueFd packets(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    const UniqueFd idle(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const UniqueFd internet(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::listen(internet.get(), 1), 0);
+    const UniqueFd listening = makeListeningSocket();
+    const UniqueFd connected = connectToService();
+
+    for (const auto* fd : {&file, &datagrams, &packets, &idle, &internet, &connected}) {
+        EXPECT_THAT(passedOne(fd->get()), failedWith(notListening));
+    }
+    EXPECT_THAT(passedOne(-1), failedWith(notListening));
+}
+
+TEST_F(ServiceActivationTest, MakesASocketForEverybodyWhateverTheUmask) {
+    for (const mode_t mask : {0U, 022U, 077U}) {
+        ::umask(mask);
+        const Service service;
+        EXPECT_EQ(modeOf(servicePath), 0666U) << mask;
+    }
+}
+
+TEST_F(ServiceActivationTest, ReplacesASocketThatNobodyListensOn) {
+    { const Service first; }
+    ASSERT_TRUE(exists(servicePath));
+    ASSERT_FALSE(connectToService());
+
+    const Service second;
+    ServiceClient client(lab.client);
+
+    EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
+    EXPECT_THAT(namesIn("/run"), testing::Not(testing::Contains(testing::HasSubstr("socket."))));
+}
+
+TEST_F(ServiceActivationTest, LeavesAnotherHelpersSocketAlone) {
+    const Service service;
+    const ino_t inode = inodeOf(servicePath);
+
+    EXPECT_THAT(
+        run({helperProgram}),
+        failedWith("TarnvaleAdminHelper: Another helper listens on "
+                   "/run/com.brackwen.tarnvale.adminhelper.socket.\n"));
+
+    EXPECT_EQ(inodeOf(servicePath), inode);
+    ServiceClient client(lab.client);
+    EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
+}
+
+TEST_F(ServiceActivationTest, LeavesWhatIsNoSocketAlone) {
+    const std::string inTheWay =
+        "TarnvaleAdminHelper: /run/com.brackwen.tarnvale.adminhelper."
+        "socket is in the way: it isn't a socket.\n";
+
+    put(servicePath, "somebody's");
+    EXPECT_THAT(run({helperProgram}), failedWith(inTheWay));
+    EXPECT_EQ(contentOf(servicePath), "somebody's");
+
+    fs::remove(servicePath);
+    fs::create_directory(servicePath);
+    EXPECT_THAT(run({helperProgram}), failedWith(inTheWay));
+    EXPECT_TRUE(fs::is_directory(servicePath));
+
+    fs::remove(servicePath);
+    makeListeningSocket("/run/other");
+    fs::create_symlink("/run/other", servicePath);
+    EXPECT_THAT(run({helperProgram}), failedWith(inTheWay));
+    EXPECT_TRUE(fs::is_symlink(servicePath));
+    EXPECT_THAT(logMessages(), IsEmpty());
+}
+
+TEST_F(ServiceActivationTest, SaysThatThereIsNoPlaceForASocket) {
+    ASSERT_EQ(::mount(nullptr, "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+
+    EXPECT_THAT(
+        run({helperProgram}),
+        failedWith("TarnvaleAdminHelper: Could not bind "
+                   "/run/com.brackwen.tarnvale.adminhelper.socket: Read-only file system.\n"));
+}
+
+}  // namespace
+}  // namespace tarnvale::test

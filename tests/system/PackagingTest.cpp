@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// The units by which systemd starts the helper: that they are right, agree with the programs, and
-// leave as little exposed as they may.
+// The units by which systemd starts the helper: that they are right, agree with the programs, leave
+// as little exposed as they may, and let the helper do all its work.
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -13,7 +14,9 @@
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "platform/linux/pfctl/RunState.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/ServiceLab.h"
 
 namespace tarnvale::test {
 namespace {
@@ -22,10 +25,14 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 constexpr const char* analyzer = "/usr/bin/systemd-analyze";
+constexpr const char* pfctlProgram = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* packaging = TARNVALE_SOURCE_DIR "/packaging/linux/";
 constexpr const char* installedHelper = "/usr/libexec/tarnvale/TarnvaleAdminHelper";
 constexpr const char* socketUnit = "tarnvale-adminhelper.socket";
 constexpr const char* serviceUnit = "tarnvale-adminhelper.service";
+
+/// What a sanitizer needs of the system the service doesn't get.
+constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
 
 std::string textOf(const std::string& unit) {
     return contentOf(packaging + unit);
@@ -40,10 +47,7 @@ protected:
             put(folder + installed, textOf(installed));
         }
         fs::create_directories(fs::path(installedHelper).parent_path());
-        fs::copy_file(
-            TARNVALE_BIN_DIR "/TarnvaleAdminHelper",
-            installedHelper,
-            fs::copy_options::overwrite_existing);
+        fs::copy_file(helperProgram, installedHelper, fs::copy_options::overwrite_existing);
         question.insert(question.begin(), analyzer);
         question.push_back(folder + unit);
         return run(question);
@@ -101,6 +105,96 @@ TEST_F(SystemdAnalyzeTest, CallsTheServiceExposedByThreeAtMost) {
     EXPECT_EQ(rated.status, 0) << rated.output << rated.error;
     EXPECT_THAT(
         rated.output, HasSubstr("Overall exposure level for tarnvale-adminhelper.service: "));
+}
+
+class UnderSystemdTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (isSanitized) {
+            GTEST_SKIP() << "what a sanitizer needs of the system the service doesn't get";
+        }
+        if (!isRealRoot()) {
+            GTEST_SKIP() << "a user namespace has no other users";
+        }
+        if (run({pfctlProgram, "-a", "none", "-v", "-sr"}).status != 0) {
+            GTEST_SKIP() << "the kernel has no nf_tables";
+        }
+    }
+};
+
+TEST_F(UnderSystemdTest, TheServiceDoesAllItsWorkInItsSandbox) {
+    const std::string folder = TARNVALE_SOURCE_DIR "/tests/system/";
+    const Finished walk =
+        run({folder + "under-systemd", helperProgram, pfctlProgram, folder + "service-walk"});
+    if (walk.status == 77) {
+        GTEST_SKIP() << walk.output;
+    }
+
+    const std::string version = "ann HelperVersion: as 1 \"" + helperVersion() + "\"\n";
+    const std::string listening = listeningMessage() + "\n";
+    const std::string enforcing = "Enforcing 1 network for all users: Lab\n";
+    EXPECT_EQ(walk.error, "");
+    EXPECT_EQ(
+        walk.output,
+        "the service is inactive\n"
+        "/run/com.brackwen.tarnvale.adminhelper.socket srw-rw-rw-\n"
+        "-- requests\n" +
+            version +
+            "ann ApplyFirewall: asas 0 1 \"Only an administrator of this Mac can make this change "
+            "through Tarnvale\\'s helper.\"\n"
+            "bea ApplyFirewall: asas 1 \"Enforcing 1 network: Lab\" 0\n"
+            "bea CreateVLAN: asas 0 1 \"No physical interface named none.\"\n"
+            "bea InstallCLISymlink: as 0\n"
+            "bea SetTarnvaleResolver: as 0\n"
+            "/usr/local/bin drwxr-xr-x\n"
+            "/etc/resolver/tvx -rw-r--r--\n"
+            "/usr/libexec/tarnvale/tarnvale\n"
+            "/etc/pf.conf -rw-r----- 1502:80\n"
+            "pass\n"
+            "bea RemoveCLISymlink: as 0\n"
+            "bea SetTarnvaleResolver: as 0\n"
+            "/etc/resolver:\n"
+            "\n"
+            "/usr/local/bin:\n"
+            "Status: Enabled\n"
+            "block drop in quick inet from 192.168.64.0/24 to 10.0.0.0/8\n"
+            "-- the sandbox\n"
+            "touch: cannot touch '/x': Read-only file system\n"
+            "touch: cannot touch '/usr/x': Read-only file system\n"
+            "touch: cannot touch '/boot/x': Read-only file system\n"
+            "touch: cannot touch '/var/lib/x': Read-only file system\n"
+            "touch: cannot touch '/etc/tarnvale/x': Read-only file system\n"
+            "/home:\n"
+            "\n"
+            "/root:\n"
+            "CapBnd 000000000008100b\n"
+            "NoNewPrivs 1\n"
+            "Seccomp 2\n"
+            "-- life\n" +
+            version +
+            "bea ShutdownForUpgrade: \n"
+            "Result=success\n"
+            "enabled\n"
+            "lock\n" +
+            version + "the socket is active\n" + version + "-- log\n" + listening +
+            "Refused applyFirewall for uid 1501: not an administrator or the console user.\n"
+            "Removed legacy anchor references from /etc/pf.conf.\n"
+            "Applied firewall. " +
+            enforcing +
+            "createVLAN failed: No physical interface named none.\n"
+            "Linked /usr/local/bin/tarnvale -> /usr/libexec/tarnvale/tarnvale.\n"
+            "Linked /usr/local/bin/tvx -> /usr/libexec/tarnvale/tarnvale.\n"
+            "Installed /etc/resolver/tvx.\n"
+            "Installed /etc/resolver/tarnvale.\n"
+            "Removed /usr/local/bin/tarnvale.\n"
+            "Removed /usr/local/bin/tvx.\n"
+            "Removed /etc/resolver/tvx.\n"
+            "Removed /etc/resolver/tarnvale.\n"
+            "Applied firewall. " +
+            enforcing + "Boot re-apply: " + enforcing + listening +
+            "Shutdown requested for upgrade; exiting so launchd re-execs the new binary.\n"
+            "Applied firewall. " +
+            enforcing + "Boot re-apply: " + enforcing + listening);
 }
 
 }  // namespace

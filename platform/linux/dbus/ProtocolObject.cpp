@@ -23,9 +23,6 @@
 namespace tarnvale::platform {
 namespace {
 
-constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
-constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
-
 constexpr std::size_t usualBuffer = 131072;  // bytes
 
 const LibSystemd& lib() {

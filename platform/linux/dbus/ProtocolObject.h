@@ -10,6 +10,9 @@
 
 namespace tarnvale::platform {
 
+inline constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
+inline constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
+
 /// What the object's methods work with while a connection lasts.
 struct ProtocolObject {
     TarnvaleAdminHelperProtocol& exported;

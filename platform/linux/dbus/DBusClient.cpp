@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: MIT
+//
+// A client of the helper over peer-to-peer D-Bus.
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include <systemd/sd-bus.h>
+
+#include "platform/HelperClient.h"
+#include "platform/linux/dbus/ListeningSocket.h"
+#include "platform/linux/dbus/ProtocolObject.h"
+#include "support/Text.h"
+
+namespace tarnvale::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct BusClose {
+    void operator()(sd_bus* bus) const { ::sd_bus_close_unref(bus); }
+};
+using Bus = std::unique_ptr<sd_bus, BusClose>;
+
+struct MessageUnref {
+    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+/// What the helper says of a request that it doesn't understand.
+struct BusError {
+    BusError() = default;
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
+    ~BusError() { ::sd_bus_error_free(&error); }
+
+    sd_bus_error error{};
+};
+
+std::uint64_t microseconds(Clock::duration time) {
+    const auto count = std::chrono::ceil<std::chrono::microseconds>(time).count();
+    return count > 0 ? static_cast<std::uint64_t>(count) : 0;
+}
+
+std::string textOf(int error) {
+    return std::generic_category().message(error);
+}
+
+/// Whether the error says that the other side has ended the connection.
+bool isClosed(int error) {
+    return error == ECONNRESET || error == EPIPE || error == ENOTCONN || error == ESHUTDOWN;
+}
+
+/// Passes a result of sd-bus on while the helper hasn't admitted us; a negative one is an errno.
+int requireAdmission(int result) {
+    if (result >= 0) {
+        return result;
+    }
+    if (isClosed(-result)) {
+        throw HelperClientError::notAdmitted();
+    }
+    throw HelperClientError::notReachable(textOf(-result));
+}
+
+/// The same afterwards.
+int require(int result) {
+    if (result < 0) {
+        throw HelperClientError::noReply(
+            isClosed(-result) ? "it closed the connection" : textOf(-result));
+    }
+    return result;
+}
+
+class DBusClient final : public HelperClient {
+public:
+    DBusClient() {
+        sd_bus* made = nullptr;
+        requireAdmission(::sd_bus_new(&made));
+        bus_.reset(made);
+        const std::string address = std::string("unix:path=") + listeningSocketPath;
+        requireAdmission(::sd_bus_set_address(made, address.c_str()));
+        requireAdmission(::sd_bus_start(made));
+        awaitAdmission();
+    }
+
+    OptionalText helperVersion() override { return nextText(send(request("HelperVersion"))); }
+
+    ResultReply applyFirewallWithPolicyData(std::string_view policyData) override {
+        const auto call = request("ApplyFirewall");
+        require(::sd_bus_message_append_array(
+            call.get(), SD_BUS_TYPE_BYTE, policyData.data(), policyData.size()));
+        return result(send(call));
+    }
+
+    OptionalText removeFirewall() override { return nextText(send(request("RemoveFirewall"))); }
+
+    ResultReply firewallReport() override { return result(send(request("FirewallReport"))); }
+
+    ResultReply createVLANWithName(
+        std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
+        const auto call = request("CreateVLAN");
+        append(call, name);
+        require(::sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_INT64, &tag));
+        append(call, parentBSD);
+        return result(send(call));
+    }
+
+    OptionalText deleteVLANWithBsdName(std::string_view bsdName) override {
+        const auto call = request("DeleteVLAN");
+        append(call, bsdName);
+        return nextText(send(call));
+    }
+
+    OptionalText installCLISymlink() override {
+        return nextText(send(request("InstallCLISymlink")));
+    }
+
+    OptionalText removeCLISymlink() override { return nextText(send(request("RemoveCLISymlink"))); }
+
+    OptionalText setTarnvaleResolverWithEnabled(bool enabled) override {
+        const auto call = request("SetTarnvaleResolver");
+        const int value = enabled ? 1 : 0;
+        require(::sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_BOOLEAN, &value));
+        return nextText(send(call));
+    }
+
+    void shutdownForUpgrade(const std::function<void()>& reply) override {
+        send(request("ShutdownForUpgrade"));
+        reply();
+    }
+
+private:
+    /// The handshake, and a first reply: a peer that isn't admitted never gets one.
+    void awaitAdmission() {
+        const auto deadline = Clock::now() + admissionLimit;
+        while (requireAdmission(::sd_bus_is_ready(bus_.get())) == 0) {
+            if (requireAdmission(::sd_bus_process(bus_.get(), nullptr)) > 0) {
+                continue;
+            }
+            const auto left = microseconds(deadline - Clock::now());
+            if (left == 0) {
+                throw HelperClientError::notReachable(textOf(ETIMEDOUT));
+            }
+            requireAdmission(::sd_bus_wait(bus_.get(), left));
+        }
+
+        sd_bus_message* made = nullptr;
+        requireAdmission(::sd_bus_message_new_method_call(
+            bus_.get(), &made, nullptr, objectPath, "org.freedesktop.DBus.Peer", "Ping"));
+        const Message ping(made);
+        // No time at all would be taken for no limit.
+        const auto left = std::max<std::uint64_t>(microseconds(deadline - Clock::now()), 1);
+        requireAdmission(::sd_bus_call(bus_.get(), ping.get(), left, nullptr, nullptr));
+    }
+
+    Message request(const char* member) {
+        sd_bus_message* made = nullptr;
+        require(::sd_bus_message_new_method_call(
+            bus_.get(), &made, nullptr, objectPath, interfaceName, member));
+        return Message(made);
+    }
+
+    /// D-Bus carries text only; whatever else a caller gives is a name that nothing has.
+    static void append(const Message& call, std::string_view text) {
+        require(::sd_bus_message_append_basic(
+            call.get(), SD_BUS_TYPE_STRING, support::repairedUtf8(text).c_str()));
+    }
+
+    Message send(const Message& call) {
+        BusError problem;
+        sd_bus_message* reply = nullptr;
+        const int sent =
+            ::sd_bus_call(bus_.get(), call.get(), microseconds(replyLimit), &problem.error, &reply);
+        if (sent < 0 && problem.error.message != nullptr && !isClosed(-sent)) {
+            throw HelperClientError::noReply(problem.error.message);
+        }
+        require(sent);
+        return Message(reply);
+    }
+
+    /// The next of the reply's optional texts, each an array of none or one.
+    static OptionalText nextText(const Message& reply) {
+        OptionalText text;
+        require(::sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "s"));
+        const char* element = nullptr;
+        if (require(::sd_bus_message_read_basic(reply.get(), SD_BUS_TYPE_STRING, &element)) > 0) {
+            text = element;
+        }
+        require(::sd_bus_message_exit_container(reply.get()));
+        return text;
+    }
+
+    static ResultReply result(const Message& reply) {
+        auto first = nextText(reply);
+        return {.result = std::move(first), .error = nextText(reply)};
+    }
+
+    Bus bus_;
+};
+
+}  // namespace
+
+std::unique_ptr<HelperClient> connectToHelper() {
+    return std::make_unique<DBusClient>();
+}
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Answer.h"
+
+#include <ostream>
+#include <utility>
+
+namespace tarnvale::helperctl {
+namespace {
+
+/// A part of the answer under its heading, apart from what stands above it.
+void printHeading(const char* heading, std::ostream& output) {
+    output << '\n' << heading << ":\n";
+}
+
+void printProblems(const Answer& answer, std::ostream& output) {
+    if (answer.refused && !answer.refused->empty()) {
+        printHeading("Not enforced", output);
+        for (const auto& network : *answer.refused) {
+            output << "• " << network.name << ": " << network.problem << '\n';
+        }
+    }
+    if (answer.skippedRules && !answer.skippedRules->empty()) {
+        printHeading("Rules skipped", output);
+        for (const auto& network : *answer.skippedRules) {
+            output << "• " << network.name << '\n';
+            for (const auto& rule : network.rules) {
+                output << "  rule " << rule.number << ": " << rule.problem << '\n';
+            }
+        }
+    }
+    if (answer.droppedClaims && !answer.droppedClaims->empty()) {
+        printHeading("Left out", output);
+        for (const auto& claim : *answer.droppedClaims) {
+            output << "• " << claim << '\n';
+        }
+    }
+}
+
+void printText(const Answer& answer, std::ostream& output, std::ostream& errors) {
+    for (const auto* const text :
+         {&answer.version, &answer.report, &answer.summary, &answer.bsdName}) {
+        if (*text) {
+            output << **text << '\n';
+        }
+    }
+    printProblems(answer, output);
+    if (answer.ruleset) {
+        printHeading("Ruleset", output);
+        output << *answer.ruleset;
+    }
+    if (answer.error) {
+        errors << *answer.error << '\n';
+    }
+}
+
+}  // namespace
+
+Outcome failure(std::string error, int status) {
+    Outcome outcome{.status = status, .answer = {}};
+    outcome.answer.error = std::move(error);
+    return outcome;
+}
+
+void print(const Answer& answer, Format format, std::ostream& output, std::ostream& errors) {
+    if (format == Format::json) {
+        output << support::encodeJson(answer, support::JsonForm::compact) << '\n';
+    } else {
+        printText(answer, output, errors);
+    }
+}
+
+}  // namespace tarnvale::helperctl

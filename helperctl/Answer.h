@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: MIT
+//
+// What a command came to, and how it is printed: as text for people, or as one JSON object.
+
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include "helperctl/Arguments.h"
+#include "support/Json.h"
+#include "support/Uuid.h"
+
+namespace tarnvale::helperctl {
+
+/// The program's exit statuses.
+inline constexpr int done = 0;
+inline constexpr int refusedOrFailed = 1;
+inline constexpr int usageError = 2;
+inline constexpr int notReachable = 3;
+inline constexpr int notAdmitted = 4;
+
+/// A network that may not be enforced.
+struct RefusedNetwork {
+    support::Uuid networkID;
+    std::string name;
+    std::string problem;
+
+    bool operator==(const RefusedNetwork&) const = default;
+};
+
+struct SkippedRule {
+    std::int64_t number = 0;  ///< counted from 1
+    std::string problem;
+
+    bool operator==(const SkippedRule&) const = default;
+};
+
+/// The rules of one network that would be left out.
+struct SkippedRules {
+    support::Uuid networkID;
+    std::string name;
+    std::vector<SkippedRule> rules;
+
+    bool operator==(const SkippedRules&) const = default;
+};
+
+/// The members are those of the JSON object; what a command has nothing to say for is left out.
+struct Answer {
+    std::optional<std::string> version;
+    std::optional<std::string> report;
+    std::optional<std::string> summary;
+    std::optional<std::string> bsdName;
+    std::optional<std::vector<RefusedNetwork>> refused;
+    std::optional<std::vector<SkippedRules>> skippedRules;
+    std::optional<std::vector<std::string>> droppedClaims;
+    std::optional<std::string> ruleset;
+    std::optional<std::string> error;
+
+    bool operator==(const Answer&) const = default;
+};
+
+/// An answer and the exit status that goes with it.
+struct Outcome {
+    int status = done;
+    Answer answer;
+
+    bool operator==(const Outcome&) const = default;
+};
+
+/// The outcome of what was refused or failed.
+Outcome failure(std::string error, int status = refusedOrFailed);
+
+/// As text the results go to `output` and the error to `errors`; as JSON everything to `output`.
+void print(const Answer& answer, Format format, std::ostream& output, std::ostream& errors);
+
+constexpr auto jsonMembers(std::type_identity<RefusedNetwork> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"networkID", &RefusedNetwork::networkID},
+        support::JsonMember{"name", &RefusedNetwork::name},
+        support::JsonMember{"problem", &RefusedNetwork::problem}};
+}
+
+constexpr auto jsonMembers(std::type_identity<SkippedRule> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"number", &SkippedRule::number},
+        support::JsonMember{"problem", &SkippedRule::problem}};
+}
+
+constexpr auto jsonMembers(std::type_identity<SkippedRules> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"networkID", &SkippedRules::networkID},
+        support::JsonMember{"name", &SkippedRules::name},
+        support::JsonMember{"rules", &SkippedRules::rules}};
+}
+
+constexpr auto jsonMembers(std::type_identity<Answer> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"version", &Answer::version},
+        support::JsonMember{"report", &Answer::report},
+        support::JsonMember{"summary", &Answer::summary},
+        support::JsonMember{"bsdName", &Answer::bsdName},
+        support::JsonMember{"refused", &Answer::refused},
+        support::JsonMember{"skippedRules", &Answer::skippedRules},
+        support::JsonMember{"droppedClaims", &Answer::droppedClaims},
+        support::JsonMember{"ruleset", &Answer::ruleset},
+        support::JsonMember{"error", &Answer::error}};
+}
+
+}  // namespace tarnvale::helperctl

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Arguments.h"
+
+#include <map>
+
+#include <CLI/CLI.hpp>
+
+#include "helperctl/Answer.h"
+#include "helperctl/Help.h"
+#include "support/Text.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+/// The parser, which fills `arguments`.
+class Parser {
+public:
+    explicit Parser(Arguments& arguments) : arguments_(arguments) {
+        // Of the program and of each command the help is the same one page.
+        app_.formatter_fn([](const CLI::App* /*app*/, const std::string& /*name*/, auto /*mode*/) {
+            return std::string(helpText);
+        });
+        app_.require_subcommand(1);
+        app_.fallthrough();
+        app_.add_option("--format", arguments_.format)
+            ->transform(CLI::Transformer(
+                std::map<std::string, Format>{{"text", Format::text}, {"json", Format::json}}));
+        app_.add_option("--user", arguments_.user);
+        addCommands();
+    }
+
+    void parse(int argc, const char* const* argv) { app_.parse(argc, argv); }
+
+private:
+    CLI::App& add(CLI::App& parent, const char* name, Command command) {
+        auto* const added = parent.add_subcommand(name);
+        added->callback([this, command] { arguments_.command = command; });
+        return *added;
+    }
+
+    static CLI::App& addGroup(CLI::App& parent, const char* name) {
+        auto* const group = parent.add_subcommand(name);
+        group->require_subcommand(1);
+        return *group;
+    }
+
+    void addCommands() {
+        add(app_, "version", Command::version);
+        add(app_, "status", Command::status);
+        for (auto* const command :
+             {&add(app_, "preview", Command::preview), &add(app_, "apply", Command::apply)}) {
+            command->add_option("FILE", arguments_.file)->required();
+        }
+        add(app_, "remove", Command::remove);
+
+        auto& vlan = addGroup(app_, "vlan");
+        auto& create = add(vlan, "create", Command::createVLAN);
+        create.add_option("NAME", arguments_.name)->required();
+        create.add_option_function<std::string>("TAG", [this](const auto& text) { readTag(text); })
+            ->required();
+        create.add_option("PARENT", arguments_.parentBSD)->required();
+        add(vlan, "delete", Command::deleteVLAN).add_option("NAME", arguments_.bsdName)->required();
+
+        auto& link = addGroup(app_, "link");
+        add(link, "install", Command::installLink);
+        add(link, "remove", Command::removeLink);
+
+        auto& resolver = addGroup(app_, "resolver");
+        add(resolver, "on", Command::resolverOn);
+        add(resolver, "off", Command::resolverOff);
+
+        add(app_, "shutdown", Command::shutdown);
+    }
+
+    /// Which tags there are is the helper's to say.
+    void readTag(const std::string& text) {
+        const auto tag = support::parseDecimal(text);
+        if (!tag) {
+            throw CLI::ValidationError("TAG", "\"" + text + "\" is no number");
+        }
+        arguments_.tag = *tag;
+    }
+
+    Arguments& arguments_;
+    CLI::App app_;
+};
+
+}  // namespace
+
+std::variant<Arguments, Ending> parseArguments(int argc, const char* const* argv) {
+    Arguments arguments;
+    Parser parser(arguments);
+    try {
+        parser.parse(argc, argv);
+        return arguments;
+    } catch (const CLI::CallForHelp&) {
+        return Ending{.status = done, .output = std::string(helpText), .error = {}};
+    } catch (const CLI::ParseError& error) {
+        return Ending{
+            .status = usageError,
+            .output = {},
+            .error = std::string("tarnvale-helperctl: ") + error.what() +
+                     "\nRun tarnvale-helperctl --help for more.\n"};
+    }
+}
+
+}  // namespace tarnvale::helperctl

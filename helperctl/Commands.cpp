@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Commands.h"
+
+#include <exception>
+#include <utility>
+
+#include <unistd.h>
+
+#include "firewall/policy/HostAddresses.h"
+#include "helperctl/PolicyFile.h"
+#include "helperctl/Preview.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+using platform::HelperClientError;
+
+bool isChange(Command command) {
+    return command != Command::version && command != Command::status && command != Command::preview;
+}
+
+/// The outcome of a request with a result, which goes into this member of the answer.
+Outcome withResult(std::optional<std::string> Answer::*member, ResultReply reply) {
+    if (reply.error) {
+        return failure(*std::move(reply.error));
+    }
+    Outcome outcome;
+    outcome.answer.*member = std::move(reply.result);
+    return outcome;
+}
+
+/// The outcome of a request without one.
+Outcome withoutResult(OptionalText error) {
+    return error ? failure(*std::move(error)) : Outcome{};
+}
+
+/// The helper reads nothing of the file before it has all of it, so that a file which can't be read
+/// needs no helper.
+Outcome apply(const std::string& file, const Connect& connect) {
+    const auto policyData = readPolicyFile(file);
+    return withResult(&Answer::summary, connect()->applyFirewallWithPolicyData(policyData));
+}
+
+Outcome ask(const Arguments& arguments, platform::HelperClient& helper) {
+    switch (arguments.command) {
+        case Command::version:
+            return withResult(&Answer::version, {.result = helper.helperVersion(), .error = {}});
+        case Command::status:
+            return withResult(&Answer::report, helper.firewallReport());
+        case Command::remove:
+            return withoutResult(helper.removeFirewall());
+        case Command::createVLAN:
+            return withResult(
+                &Answer::bsdName,
+                helper.createVLANWithName(arguments.name, arguments.tag, arguments.parentBSD));
+        case Command::deleteVLAN:
+            return withoutResult(helper.deleteVLANWithBsdName(arguments.bsdName));
+        case Command::installLink:
+            return withoutResult(helper.installCLISymlink());
+        case Command::removeLink:
+            return withoutResult(helper.removeCLISymlink());
+        case Command::resolverOn:
+            return withoutResult(helper.setTarnvaleResolverWithEnabled(true));
+        case Command::resolverOff:
+            return withoutResult(helper.setTarnvaleResolverWithEnabled(false));
+        case Command::shutdown:
+            helper.shutdownForUpgrade([] {});
+            return {};
+        case Command::preview:
+        case Command::apply:
+            break;  // they begin with their file
+    }
+    return {};
+}
+
+int statusFor(HelperClientError::Case errorCase) {
+    switch (errorCase) {
+        case HelperClientError::Case::notReachable:
+            return notReachable;
+        case HelperClientError::Case::notAdmitted:
+            return notAdmitted;
+        case HelperClientError::Case::noReply:
+            break;
+    }
+    return refusedOrFailed;
+}
+
+}  // namespace
+
+std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
+    if (uid == 0) {
+        return std::nullopt;
+    }
+    if (arguments.user) {
+        return "Only root may act as another user.";
+    }
+    if (isChange(arguments.command)) {
+        return "Only root may change anything by tarnvale-helperctl: the helper admits it, so any "
+               "program could use it as its proxy.";
+    }
+    return std::nullopt;
+}
+
+Outcome run(const Arguments& arguments, const Connect& connect) {
+    try {
+        if (arguments.command == Command::preview) {
+            return preview(
+                readPolicyFile(arguments.file), NetworkFirewall::hostAddresses(), ::geteuid());
+        }
+        if (arguments.command == Command::apply) {
+            return apply(arguments.file, connect);
+        }
+        return ask(arguments, *connect());
+    } catch (const HelperClientError& error) {
+        return failure(error.what(), statusFor(error.errorCase()));
+    } catch (const std::exception& error) {
+        return failure(error.what());
+    }
+}
+
+}  // namespace tarnvale::helperctl

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+//
+// tarnvale-helperctl: the helper's companion on the command line.
+
+#include <exception>
+#include <iostream>
+#include <variant>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "helperctl/ActingUser.h"
+#include "helperctl/Answer.h"
+#include "helperctl/Arguments.h"
+#include "helperctl/Commands.h"
+#include "platform/HelperClient.h"
+
+namespace {
+
+using namespace tarnvale::helperctl;  // NOLINT(google-build-using-namespace): this is its program
+
+/// Descriptors 0 to 2 must be open, or what is printed could go into the connection.
+void openStandardDescriptors() {
+    int fd = 0;
+    do {
+        fd = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open): 0, 1 or 2
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) {
+        ::close(fd);
+    }
+}
+
+Outcome perform(const Arguments& arguments) {
+    if (auto problem = refusal(arguments, ::getuid())) {
+        return failure(*problem);
+    }
+    if (arguments.user) {
+        try {
+            actAs(*arguments.user);
+        } catch (const std::exception& error) {
+            return failure(error.what());
+        }
+    }
+    return run(arguments, tarnvale::platform::connectToHelper);
+}
+
+int runProgram(int argc, const char* const* argv) {
+    const auto parsed = parseArguments(argc, argv);
+    if (const auto* const ending = std::get_if<Ending>(&parsed)) {
+        std::cout << ending->output << std::flush;
+        std::cerr << ending->error;
+        return ending->status;
+    }
+    const auto& arguments = std::get<Arguments>(parsed);
+    const auto outcome = perform(arguments);
+    print(outcome.answer, arguments.format, std::cout, std::cerr);
+    std::cout.flush();
+    if (!std::cout) {
+        std::cerr << "Could not write the result.\n";
+        return refusedOrFailed;
+    }
+    return outcome.status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    openStandardDescriptors();
+    try {
+        return runProgram(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "tarnvale-helperctl: " << error.what() << '\n';
+    }
+    return refusedOrFailed;
+}

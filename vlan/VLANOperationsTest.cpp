@@ -37,17 +37,25 @@ std::string recorded() {
     return test::exists(recordFile) ? test::contentOf(recordFile) : "";
 }
 
-/// All sets of steps.
-std::vector<std::set<Step>> subsetsOf(const std::vector<Step>& steps) {
-    std::vector<std::set<Step>> subsets = {{}};
-    for (const Step step : steps) {
-        for (std::size_t i = 0, size = subsets.size(); i < size; ++i) {
-            auto larger = subsets[i];
-            larger.insert(step);
-            subsets.push_back(std::move(larger));
+/// Steps that fail, and what the first of them in the operation's order comes to.
+struct FailingSteps {
+    std::set<Step> steps;
+    Step first;
+    std::string failure;
+};
+
+/// Every set of one or more of the operation's steps, which are given in its order.
+std::vector<FailingSteps> everySetOf(const std::vector<std::pair<Step, std::string>>& steps) {
+    std::vector<FailingSteps> sets;
+    for (const auto& [step, failure] : steps) {
+        for (std::size_t i = 0, size = sets.size(); i < size; ++i) {
+            auto larger = sets[i];
+            larger.steps.insert(step);
+            sets.push_back(std::move(larger));
         }
+        sets.push_back({.steps = {step}, .first = step, .failure = failure});
     }
-    return subsets;
+    return sets;
 }
 
 class VLANOperationsTest : public testing::Test {
@@ -176,37 +184,27 @@ TEST_F(VLANCreateTest, DoesWithoutADisplayNameThatIsRefused) {
 }
 
 TEST_F(VLANCreateTest, StopsAtTheFirstStepThatFails) {
-    const std::vector<std::pair<Step, std::string>> steps = {
+    const auto failures = everySetOf({
         {Step::open, "Could not open the system network preferences."},
         {Step::listPhysical, "No physical interface named en0."},
         {Step::create, "macOS refused to create the VLAN interface."},
         {Step::commit, "Could not save the network configuration."},
         {Step::apply, "Could not save the network configuration."},
-    };
+    });
     saveRecords({{"vlan9", 9, "en9"}});
     const auto before = recorded();
-    std::vector<Step> all;
-    all.reserve(steps.size());
-    for (const auto& [step, failure] : steps) {
-        all.push_back(step);
-    }
 
-    for (const auto& failing : subsetsOf(all)) {
-        if (failing.empty()) {
-            continue;
-        }
-        preferences.failing = failing;
+    for (const auto& [steps, first, failure] : failures) {
+        preferences.failing = steps;
         preferences.saved.clear();
         preferences.attemptsToApply = 0;
-        const auto first = std::ranges::find_if(
-            steps, [&](const auto& step) { return failing.contains(step.first); });
 
-        EXPECT_EQ(failureOf([&] { create(preferences, "Lab", 5, "en0"); }), first->second);
+        EXPECT_EQ(failureOf([&] { create(preferences, "Lab", 5, "en0"); }), failure);
 
         // Nothing is undone: what was committed stays, though it is not in effect.
-        EXPECT_EQ(preferences.saved.size(), first->first == Step::apply ? 1U : 0U);
+        EXPECT_EQ(preferences.saved.size(), first == Step::apply ? 1U : 0U);
         EXPECT_THAT(preferences.inEffect, IsEmpty());
-        EXPECT_EQ(preferences.attemptsToApply, first->first == Step::apply ? 1 : 0);
+        EXPECT_EQ(preferences.attemptsToApply, first == Step::apply ? 1 : 0);
         EXPECT_EQ(preferences.openSessions, 0);
         EXPECT_EQ(recorded(), before);
         EXPECT_THAT(test::logMessages(), IsEmpty());
@@ -460,37 +458,27 @@ TEST_F(VLANDeleteTest, KnowsAVLANWithoutAParentOrItsNameByTheEmptyName) {
 }
 
 TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
-    const std::vector<std::pair<Step, std::string>> steps = {
+    const auto failures = everySetOf({
         {Step::open, "Could not open the system network preferences."},
         {Step::listVLANs, "No VLAN interface named vlan0."},
         {Step::remove, "Could not save the network configuration."},
         {Step::commit, "Could not save the network configuration."},
         {Step::apply, "Could not save the network configuration."},
-    };
+    });
     saveRecords({{"vlan0", 5, "en0"}});
     const auto before = recorded();
     const auto vlans = preferences.saved;
-    std::vector<Step> all;
-    all.reserve(steps.size());
-    for (const auto& [step, failure] : steps) {
-        all.push_back(step);
-    }
 
-    for (const auto& failing : subsetsOf(all)) {
-        if (failing.empty()) {
-            continue;
-        }
-        preferences.failing = failing;
+    for (const auto& [steps, first, failure] : failures) {
+        preferences.failing = steps;
         preferences.saved = vlans;
         preferences.attemptsToApply = 0;
-        const auto first = std::ranges::find_if(
-            steps, [&](const auto& step) { return failing.contains(step.first); });
 
-        EXPECT_EQ(failureOfDeleting("vlan0"), first->second);
+        EXPECT_EQ(failureOfDeleting("vlan0"), failure);
 
-        EXPECT_EQ(preferences.saved.size(), first->first == Step::apply ? 1U : 2U);
+        EXPECT_EQ(preferences.saved.size(), first == Step::apply ? 1U : 2U);
         EXPECT_EQ(preferences.inEffect, vlans);
-        EXPECT_EQ(preferences.attemptsToApply, first->first == Step::apply ? 1 : 0);
+        EXPECT_EQ(preferences.attemptsToApply, first == Step::apply ? 1 : 0);
         EXPECT_EQ(preferences.openSessions, 0);
         EXPECT_EQ(recorded(), before);
         EXPECT_THAT(test::logMessages(), IsEmpty());

@@ -12,6 +12,7 @@
 namespace tarnvale::platform {
 
 #define TARNVALE_LIBSYSTEMD_SYMBOLS(SYMBOL)  \
+    SYMBOL(sd_bus_add_filter)                \
     SYMBOL(sd_bus_add_object_vtable)         \
     SYMBOL(sd_bus_close_unref)               \
     SYMBOL(sd_bus_get_events)                \

@@ -25,6 +25,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/ServiceLab.h"
 
 namespace tarnvale {
 namespace {
@@ -51,8 +52,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr const char* helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
-/// The version that the build was given; a plain build has none.
-constexpr const char* versionLine = *TARNVALE_VERSION == 0 ? "7\n" : TARNVALE_VERSION "\n";
 constexpr const char* mustBeRoot = "TarnvaleAdminHelper must run as root (launchd LaunchDaemon).\n";
 
 constexpr const char* flushLegacy = "-a com.tarnvale.firewall -F rules";
@@ -139,10 +138,10 @@ protected:
 };
 
 TEST_F(HelperTest, PrintsItsVersionForEverybody) {
-    EXPECT_THAT(helper({"--version"}), Ended(0, versionLine, ""));
-    EXPECT_THAT(helper({"--version", "--reapply"}), Ended(0, versionLine, ""));
+    EXPECT_THAT(helper({"--version"}), Ended(0, test::helperVersion() + "\n", ""));
+    EXPECT_THAT(helper({"--version", "--reapply"}), Ended(0, test::helperVersion() + "\n", ""));
     if (test::isRealRoot()) {
-        EXPECT_THAT(helperAsNobody({"--version"}), Ended(0, versionLine, ""));
+        EXPECT_THAT(helperAsNobody({"--version"}), Ended(0, test::helperVersion() + "\n", ""));
     }
 }
 

@@ -92,6 +92,22 @@ Bus makeBus(int socket, ProtocolObject& object) {
     return bus;
 }
 
+/// Stands between a message that has been read and its handler.
+struct Gate {
+    std::function<bool()> mayPass;
+    bool hasHeldBack = false;  ///< which ends the connection
+};
+
+int passGate(sd_bus_message* /*message*/, void* userdata, sd_bus_error* /*error*/) noexcept {
+    auto& gate = *static_cast<Gate*>(userdata);
+    try {
+        gate.hasHeldBack = gate.hasHeldBack || !gate.mayPass();
+    } catch (...) {
+        gate.hasHeldBack = true;
+    }
+    return gate.hasHeldBack ? 1 : 0;  // 1 tells sd-bus that the message has been taken care of
+}
+
 /// Waits for one of the events; false when the time is over first. Zero waits without end.
 bool waitFor(int fd, short events, std::chrono::steady_clock::time_point deadline) {
     using std::chrono::ceil;
@@ -170,7 +186,6 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
     const auto& lib = LibSystemd::get();
     const auto handshakeDeadline = connectedAt_ + handshakeLimit;
     ProtocolObject object{.exported = exported, .socket = socket_.get()};
-    const Bus bus = makeBus(socket_.get(), object);
     userOfRequest = uid_;
 
     bool isReady = false;
@@ -178,6 +193,11 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
     // where no poll sees it: only when sd-bus has found nothing more is it time to wait. Later it
     // never reads beyond one message.
     bool isDrained = false;
+    // Until then a message may come while the check before it is under way, so it is made again.
+    Gate gate{.mayPass = [&] { return isDrained || requirementHolds(); }};
+    const Bus bus = makeBus(socket_.get(), object);
+    require(lib.sd_bus_add_filter(bus.get(), nullptr, passGate, &gate));
+
     // Until when the peer has to have taken what was sent last.
     auto replyDeadline = Clock::time_point::max();
     while (isReady || Clock::now() < handshakeDeadline) {
@@ -207,6 +227,9 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
             return;
         }
         const int progress = require(lib.sd_bus_process(bus.get(), nullptr));
+        if (gate.hasHeldBack) {
+            return;
+        }
         isDrained = isReady && (isDrained || progress == 0);
         isReady = isReady || require(lib.sd_bus_is_ready(bus.get())) > 0;
         if (queued == 0) {

@@ -41,6 +41,9 @@ class FakeSigning final : public CodeSigning {
 public:
     std::atomic<bool> valid = true;
     std::atomic<int> checks = 0;
+    /// The number of a check that takes as long as it is the slow one; what it finds it finds at
+    /// its beginning.
+    std::atomic<int> slowCheck = 0;
 
     std::unique_ptr<Code> self() override { return nullptr; }
     std::unique_ptr<Code> guest(const Peer& /*peer*/) override {
@@ -53,8 +56,12 @@ private:
         explicit FakeCode(FakeSigning& signing) : signing_(signing) {}
         std::optional<SigningInformation> signingInformation() override { return {}; }
         bool isValid(std::string_view /*requirement*/) override {
-            ++signing_.checks;
-            return signing_.valid;
+            const bool found = signing_.valid;
+            const int number = ++signing_.checks;
+            while (signing_.slowCheck == number) {
+                std::this_thread::sleep_for(1ms);
+            }
+            return found;
         }
 
     private:
@@ -302,6 +309,34 @@ TEST_F(DBusTransportTest, ChecksThePeerBeforeEveryMessage) {
     EXPECT_FALSE(client.call("HelperVersion", ""));
     EXPECT_EQ(echo.calls, calls);
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
+}
+
+TEST_F(DBusTransportTest, ChecksAMessageAgainThatComesDuringTheCheckBeforeTheFirst) {
+    using std::string_view_literals::operator""sv;
+    const auto peer = connectRaw();
+    const auto say = [&peer](std::string_view bytes) {
+        return ::send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    };
+    ASSERT_GT(say("\0AUTH ANONYMOUS\r\n"sv), 0);
+    std::array<char, 256> answer{};
+    ASSERT_GT(::recv(peer.get(), answer.data(), answer.size(), 0), 0);
+    // One check before BEGIN is read, and one before whatever may have come together with it.
+    const int check = signing.checks + 2;
+    signing.slowCheck = check;
+    ASSERT_GT(say("BEGIN\r\n"sv), 0);
+    ASSERT_TRUE(eventually([&] { return signing.checks == check; }));
+
+    signing.valid = false;
+    // A call of org.freedesktop.DBus.Peer.Ping.
+    ASSERT_GT(
+        say("l\1\0\1\0\0\0\0\1\0\0\0\x42\0\0\0"
+            "\1\1o\0\1\0\0\0/\0\0\0\0\0\0\0"
+            "\3\1s\0\4\0\0\0Ping\0\0\0\0"
+            "\2\1s\0\x19\0\0\0org.freedesktop.DBus.Peer\0\0\0\0\0\0\0"sv),
+        0);
+    signing.slowCheck = 0;
+
+    EXPECT_EQ(::recv(peer.get(), answer.data(), answer.size(), 0), 0) << "an answer";
 }
 
 TEST_F(DBusTransportTest, ReportsTheEndOfEachConnectionOnce) {

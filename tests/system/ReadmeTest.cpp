@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: MIT
+//
+// The README's walk through a request: what it says to type is typed here.
+
+#include <string>
+#include <string_view>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/HelperFiles.h"
+#include "tests/support/Program.h"
+#include "tests/support/ServiceLab.h"
+
+namespace tarnvale::test {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+constexpr const char* binFolder = TARNVALE_BIN_DIR "/";
+constexpr const char* sourceFolder = TARNVALE_SOURCE_DIR;
+
+/// What is typed in the private root, as one script. A person takes longer to type the next line
+/// than the helper takes to start.
+std::string walk() {
+    constexpr std::string_view begin = "    sudo build/bin/sandbox bash\n";
+    constexpr std::string_view end = "\n    exit\n";
+    const std::string readme = contentOf(std::string(sourceFolder) + "/README.md");
+    const auto start = readme.find(begin);
+    const auto stop = readme.find(end, start);
+    if (start == std::string::npos || stop == std::string::npos) {
+        return {};
+    }
+    std::string script = readme.substr(start + begin.size(), stop + 1 - start - begin.size());
+
+    const auto replaceAll = [&script](std::string_view text, const std::string& by) {
+        for (auto at = script.find(text); at != std::string::npos;
+             at = script.find(text, at + by.size())) {
+            script.replace(at, text.size(), by);
+        }
+    };
+    replaceAll("build/bin/", binFolder);
+    replaceAll(" &\n", " &\nuntil [ -S " + std::string(servicePath) + " ]; do sleep 0.01; done\n");
+    return "cd " + std::string(sourceFolder) + "\n" + script;
+}
+
+TEST(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
+    if (!std::string_view(TARNVALE_SANITIZE).empty()) {
+        GTEST_SKIP() << "a sanitizer has things to say that the README doesn't know of";
+    }
+    if (!exists("/usr/bin/busctl")) {
+        GTEST_SKIP() << "busctl is not installed";
+    }
+    if (run({std::string(binFolder) + "pfctl", "-a", "none", "-v", "-sr"}).status != 0) {
+        GTEST_SKIP() << "the kernel has no nf_tables";
+    }
+
+    const Finished walked = run({"/bin/bash", "-s"}, walk());
+
+    EXPECT_EQ(walked.status, 0);
+    EXPECT_EQ(
+        walked.error,
+        "The helper closed the connection: it doesn't admit this program, or has too many "
+        "connections already.\n"
+        "Only an administrator of this Mac can make this change through Tarnvale's helper.\n");
+    EXPECT_THAT(
+        walked.output,
+        AllOf(
+            HasSubstr(helperVersion() + "\nEnforcing 1 network: Lab\n\nRuleset:\n"),
+            HasSubstr("\nEnforcing 1 network: Lab\n== pf status ==\nStatus: Enabled"),
+            HasSubstr("\nasas 0 1 \"No physical interface named eth9.\"\nas 0\n"),
+            HasSubstr("\nnameserver 127.0.0.1\n"),
+            HasSubstr(" Installed /etc/resolver/tarnvale.\n")));
+}
+
+}  // namespace
+}  // namespace tarnvale::test

@@ -2,6 +2,7 @@
 //
 // The README's walk through a request: what it says to type is typed here.
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -56,6 +57,9 @@ TEST(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
         GTEST_SKIP() << "the kernel has no nf_tables";
     }
 
+    // Another test in this process may have been here.
+    std::filesystem::remove_all("/tmp/ca");
+    std::filesystem::remove_all(supportFolder);
     const Finished walked = run({"/bin/bash", "-s"}, walk());
 
     EXPECT_EQ(walked.status, 0);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The README's walk through a request: what it says to type is typed here.
+// What newcomers try first: the README's walk through a request, typed as it says, and the demo.
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -17,6 +18,7 @@ namespace tarnvale::test {
 namespace {
 
 using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 constexpr const char* binFolder = TARNVALE_BIN_DIR "/";
@@ -46,20 +48,30 @@ std::string walk() {
     return "cd " + std::string(sourceFolder) + "\n" + script;
 }
 
-TEST(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
-    if (!std::string_view(TARNVALE_SANITIZE).empty()) {
-        GTEST_SKIP() << "a sanitizer has things to say that the README doesn't know of";
+class ReadmeTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!std::string_view(TARNVALE_SANITIZE).empty()) {
+            GTEST_SKIP() << "a sanitizer has things to say that the README doesn't know of";
+        }
+        // Another test in this process may have been here.
+        const std::string pfctl = std::string(binFolder) + "pfctl";
+        if (run({pfctl, "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"}).status != 0) {
+            GTEST_SKIP() << "the kernel has no nf_tables";
+        }
+        std::filesystem::remove_all("/tmp/ca");
+        std::filesystem::remove_all(supportFolder);
     }
+
+    /// Ends what was left running, as the end of the private root does.
+    void TearDown() override { ::kill(-1, SIGKILL); }
+};
+
+TEST_F(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
     if (!exists("/usr/bin/busctl")) {
         GTEST_SKIP() << "busctl is not installed";
     }
-    if (run({std::string(binFolder) + "pfctl", "-a", "none", "-v", "-sr"}).status != 0) {
-        GTEST_SKIP() << "the kernel has no nf_tables";
-    }
 
-    // Another test in this process may have been here.
-    std::filesystem::remove_all("/tmp/ca");
-    std::filesystem::remove_all(supportFolder);
     const Finished walked = run({"/bin/bash", "-s"}, walk());
 
     EXPECT_EQ(walked.status, 0);
@@ -76,6 +88,21 @@ TEST(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
             HasSubstr("\nasas 0 1 \"No physical interface named eth9.\"\nas 0\n"),
             HasSubstr("\nnameserver 127.0.0.1\n"),
             HasSubstr(" Installed /etc/resolver/tarnvale.\n")));
+}
+
+TEST_F(ReadmeTest, TheDemoShowsWhatItPromises) {
+    const Finished shown = run(
+        {"/usr/bin/env",
+         "TARNVALE_BIN_DIR=" TARNVALE_BIN_DIR,
+         std::string(sourceFolder) + "/scripts/demo",
+         "--in-the-sandbox"});
+    if (shown.error.starts_with("demo: this kernel has no ")) {
+        GTEST_SKIP() << shown.error;
+    }
+
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_THAT(shown.output, EndsWith(" checks passed, 0 failed\n"));
+    EXPECT_EQ(shown.error, "");
 }
 
 }  // namespace

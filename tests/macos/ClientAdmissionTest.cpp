@@ -1,0 +1,234 @@
+// SPDX-License-Identifier: MIT
+//
+// Admission by the signatures of a Mac, through every call that it takes and every one that fails.
+
+#include "core/ClientAdmission.h"
+
+#include <array>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/macos/standin/StandIn.h"
+
+namespace tarnvale {
+namespace {
+
+using testing::ElementsAreArray;
+
+constexpr platform::Peer peer{.pid = 4711};
+
+constexpr const char* developerID =
+    "anchor apple generic and certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
+    "leaf[field.1.2.840.113635.100.6.1.13] exists";
+constexpr const char* base =
+    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
+    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\"";
+constexpr const char* strict =
+    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
+    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\" and "
+    "certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
+    "leaf[field.1.2.840.113635.100.6.1.13] exists";
+
+class MacAdmissionTest : public test::OnAMac {
+protected:
+    /// A development-signed application and helper.
+    MacAdmissionTest() {
+        client().teamIdentifier = "K7PD2QM4TZ";
+        client().identifier = "com.brackwen.tarnvale";
+        client().meets = {base};
+        mac.self = {
+            .teamIdentifier = "K7PD2QM4TZ",
+            .identifier = "com.brackwen.tarnvale.adminhelper",
+            .meets = {}};
+    }
+
+    test::StandIn::Program& client() { return mac.processes[peer.pid]; }
+
+    void giveEverybodyADeveloperID() {
+        client().meets = {base, strict};
+        mac.self.meets = {developerID};
+    }
+
+    /// What a helper says that has just started.
+    bool isAllowed() {
+        mac.calls.clear();
+        return ClientAdmission(*signing).isAllowedClient(peer);
+    }
+
+    std::string requirement() {
+        mac.calls.clear();
+        return ClientAdmission(*signing).clientRequirement();
+    }
+
+    const std::unique_ptr<platform::CodeSigning> signing = platform::makeCodeSigning();
+};
+
+/// The calls of one check, and whether the client is admitted when that one fails. When it is the
+/// helper's own signature that can't be checked, the helper counts as development-signed.
+struct Step {
+    const char* call;
+    bool isAllowedWithout;
+};
+
+constexpr std::array identification = {
+    Step{"CFNumberCreate", false},
+    Step{"CFDictionaryCreate", false},
+    Step{"SecCodeCopyGuestWithAttributes", false},
+    Step{"SecCodeCopyStaticCode", false},
+    Step{"SecCodeCopySigningInformation", false},
+    Step{"CFDictionaryGetValue", false},
+    Step{"CFStringGetBytes", false},
+    Step{"CFStringGetBytes", false},
+    Step{"CFDictionaryGetValue", false},
+    Step{"CFStringGetBytes", false},
+    Step{"CFStringGetBytes", false},
+    Step{"SecCodeCopySelf", true},
+    Step{"CFStringCreateWithBytes", true},
+    Step{"SecRequirementCreateWithString", true},
+    Step{"SecCodeCheckValidity", true},
+};
+
+constexpr std::array strictCheck = {
+    Step{"CFStringCreateWithBytes", false},
+    Step{"SecRequirementCreateWithString", false},
+    Step{"SecCodeCheckValidity", false},
+};
+
+std::vector<std::string> callsOf(const std::vector<Step>& steps) {
+    std::vector<std::string> calls;
+    calls.reserve(steps.size());
+    for (const Step& step : steps) {
+        calls.emplace_back(step.call);
+    }
+    return calls;
+}
+
+/// Fails each step in turn, in both ways that the Security framework has.
+class FailingStepsTest : public MacAdmissionTest {
+protected:
+    void expectEachFailure(const std::vector<Step>& steps) {
+        ASSERT_TRUE(isAllowed());
+        ASSERT_THAT(mac.calls, ElementsAreArray(callsOf(steps)));
+        for (const bool quietly : {false, true}) {
+            mac.failsQuietly = quietly;
+            for (std::size_t step = 0; step < steps.size(); ++step) {
+                SCOPED_TRACE(std::to_string(step) + ' ' + steps[step].call);
+                mac.failingCall = step;
+
+                EXPECT_EQ(isAllowed(), steps[step].isAllowedWithout);
+                EXPECT_THAT(mac.stillOwned(), testing::IsEmpty());
+            }
+        }
+    }
+};
+
+TEST_F(MacAdmissionTest, AdmitsTheTwoProgramsOfTheTeam) {
+    EXPECT_TRUE(isAllowed());
+
+    client().identifier = "com.brackwen.tarnvale.service";
+    EXPECT_TRUE(isAllowed());
+
+    giveEverybodyADeveloperID();
+    EXPECT_TRUE(isAllowed());
+}
+
+TEST_F(MacAdmissionTest, RejectsAnotherTeam) {
+    client().teamIdentifier = "K7PD2QM4TX";
+    EXPECT_FALSE(isAllowed());
+
+    client().teamIdentifier = std::int64_t{7};
+    EXPECT_FALSE(isAllowed());
+
+    client().teamIdentifier = std::u16string(u"K7PD2QM4TZ\xD800");
+    EXPECT_FALSE(isAllowed());
+
+    client().teamIdentifier = std::string("K7PD2QM4TZ\0", 11);
+    EXPECT_FALSE(isAllowed());
+
+    client().teamIdentifier.reset();
+    EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(MacAdmissionTest, RejectsAnotherIdentifier) {
+    client().identifier = "com.brackwen.tarnvale.adminhelper";
+    EXPECT_FALSE(isAllowed());
+
+    client().identifier = std::string("com.brackwen.tarnvale\0.other", 28);
+    EXPECT_FALSE(isAllowed());
+
+    client().identifier = std::int64_t{7};
+    EXPECT_FALSE(isAllowed());
+
+    client().identifier.reset();
+    EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(MacAdmissionTest, RejectsAProcessThatHasEnded) {
+    mac.processes.clear();
+
+    EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(MacAdmissionTest, RejectsADevelopmentSignedClientOfADeveloperIDSignedHelper) {
+    mac.self.meets = {developerID};
+
+    EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(MacAdmissionTest, AttachesTheRequirementOfItsOwnKindOfSignature) {
+    EXPECT_EQ(requirement(), base);
+
+    giveEverybodyADeveloperID();
+    EXPECT_EQ(requirement(), strict);
+}
+
+TEST_F(MacAdmissionTest, AttachesTheBaseRequirementWhenItsOwnSignatureCannotBeChecked) {
+    giveEverybodyADeveloperID();
+    requirement();
+    const auto count = mac.calls.size();
+    ASSERT_EQ(count, 4U);
+
+    for (const bool quietly : {false, true}) {
+        mac.failsQuietly = quietly;
+        for (std::size_t call = 0; call < count; ++call) {
+            mac.failingCall = call;
+            EXPECT_EQ(requirement(), base) << mac.calls.back();
+        }
+    }
+}
+
+TEST_F(MacAdmissionTest, AdmitsFromManyThreads) {
+    giveEverybodyADeveloperID();
+    ClientAdmission admission(*signing);
+    std::array<std::thread, 4> threads;
+    for (auto& thread : threads) {
+        thread = std::thread([&] {
+            for (int i = 0; i < 50; ++i) {
+                EXPECT_TRUE(admission.isAllowedClient(peer));
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(FailingStepsTest, OfADevelopmentSignedHelper) {
+    expectEachFailure({identification.begin(), identification.end()});
+}
+
+TEST_F(FailingStepsTest, OfADeveloperIDSignedHelper) {
+    giveEverybodyADeveloperID();
+    std::vector<Step> steps(identification.begin(), identification.end());
+    steps.insert(steps.end(), strictCheck.begin(), strictCheck.end());
+
+    expectEachFailure(steps);
+}
+
+}  // namespace
+}  // namespace tarnvale

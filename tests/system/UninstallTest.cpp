@@ -65,7 +65,7 @@ protected:
             "'--forget com.brackwen.tarnvale.pkg') rm /tmp/receipt ;;\n"
             "*) exit 1 ;;\n"
             "esac\n");
-        putProgram("/usr/sbin/ifconfig", "[ \"$1\" = vlan0 ] || [ \"$1\" = vlan7 ]\n");
+        putProgram("/usr/sbin/ifconfig", "[ $1 = vlan0 ] || [ $1 = vlan7 ]\n");
         for (const char* folder : {"/usr/local/bin", "/etc/resolver"}) {
             fs::remove_all(folder);
             fs::create_directories(folder);
@@ -198,9 +198,9 @@ TEST_F(UninstallTest, NeedsNoFolderThatIsMissing) {
 TEST_F(UninstallTest, DoesNothingWhileThereAreVLANsOfOurs) {
     installEverything();
     put(supportFolder + "/vlans.json",
-        "[{\"bsdName\":\"vlan0\",\"tag\":5,\"parentBSD\":\"en0\"},"
-        "{\"parentBSD\" : \"en0\", \"tag\" : 6, \"bsdName\" : \"vlan7\"},"
-        "{\"bsdName\":\"vlan1\",\"tag\":7,\"parentBSD\":\"en0\"}]");
+        R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en0"},)"
+        R"({"parentBSD" : "en0", "tag" : 6, "bsdName" : "vlan7"},)"
+        R"({"bsdName":"vlan1","tag":7,"parentBSD":"en0"}])");
 
     const Finished finished = uninstall();
 
@@ -219,7 +219,7 @@ TEST_F(UninstallTest, DoesNothingWhileThereAreVLANsOfOurs) {
 }
 
 TEST_F(UninstallTest, IsNotKeptByVLANsThatAreGone) {
-    put(supportFolder + "/vlans.json", "[{\"bsdName\":\"vlan1\",\"tag\":7,\"parentBSD\":\"en0\"}]");
+    put(supportFolder + "/vlans.json", R"([{"bsdName":"vlan1","tag":7,"parentBSD":"en0"}])");
 
     EXPECT_EQ(uninstall().status, 0);
 

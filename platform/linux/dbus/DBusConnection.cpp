@@ -183,6 +183,11 @@ bool DBusConnection::requirementHolds() {
 }
 
 void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
+    // Admission may have gone by what the signature says of itself, and sd-bus begins to read as
+    // soon as it is started: not before it is known that the signature is good.
+    if (!requirementHolds()) {
+        return;
+    }
     const auto& lib = LibSystemd::get();
     const auto handshakeDeadline = connectedAt_ + handshakeLimit;
     ProtocolObject object{.exported = exported, .socket = socket_.get()};
@@ -200,6 +205,9 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
 
     // Until when the peer has to have taken what was sent last.
     auto replyDeadline = Clock::time_point::max();
+    // Until when the rest of a message that has begun to arrive has to be there: until then it lies
+    // in our memory.
+    auto requestDeadline = Clock::time_point::max();
     while (isReady || Clock::now() < handshakeDeadline) {
         std::uint64_t queued = 0;
         require(lib.sd_bus_get_n_queued_write(bus.get(), &queued));
@@ -210,9 +218,11 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
             events = queued > 0 || object.hasLargeBuffer ? POLLOUT : POLLIN;
         }
         if (events != 0 && (isDrained || !isReady || events == POLLOUT)) {
-            const auto deadline = isReady ? replyDeadline : handshakeDeadline;
+            const auto deadline =
+                isReady ? std::min(replyDeadline, requestDeadline) : handshakeDeadline;
             if (!waitFor(socket_.get(), static_cast<short>(events), deadline)) {
-                if (!isReady || events == POLLOUT || !hasTakenEverything(socket_.get())) {
+                if (!isReady || events == POLLOUT || Clock::now() >= requestDeadline ||
+                    !hasTakenEverything(socket_.get())) {
                     return;
                 }
                 replyDeadline = Clock::time_point::max();
@@ -230,11 +240,22 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
         if (gate.hasHeldBack) {
             return;
         }
+        if (progress > 0) {
+            requestDeadline = Clock::time_point::max();
+            if (queued == 0) {
+                replyDeadline = Clock::now() + replyLimit;
+            }
+        } else if (isDrained && queued == 0) {
+            // What has come is a part of a message. More of it puts neither deadline off.
+            const auto now = Clock::now();
+            requestDeadline = std::min(requestDeadline, now + requestLimit);
+            if (now >= requestDeadline ||
+                (now >= replyDeadline && !hasTakenEverything(socket_.get()))) {
+                return;
+            }
+        }
         isDrained = isReady && (isDrained || progress == 0);
         isReady = isReady || require(lib.sd_bus_is_ready(bus.get())) > 0;
-        if (queued == 0) {
-            replyDeadline = Clock::now() + replyLimit;
-        }
     }
 }
 

@@ -21,6 +21,8 @@ public:
     static constexpr std::chrono::seconds handshakeLimit{10};
     /// How long a peer may take to fetch a reply.
     static constexpr std::chrono::seconds replyLimit{30};
+    /// How long a message may take from its first byte to its last.
+    static constexpr std::chrono::seconds requestLimit{30};
 
     /// Takes over the connected, non-blocking `socket` of a peer that had this effective user ID
     /// when it connected. `codeSigning` must outlive the connection.

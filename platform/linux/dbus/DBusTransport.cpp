@@ -5,8 +5,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <ctime>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -14,6 +17,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "platform/Transport.h"
 #include "platform/linux/LibSystemd.h"
@@ -33,20 +37,40 @@ public:
     static constexpr int maxForUser = 64;
     static constexpr int maxInAll = 256;
 
-    bool take(uid_t uid) {
+    /// One user's place for one connection.
+    class Slot {
+    public:
+        Slot(ConnectionSlots& slots, uid_t uid) : slots_(&slots), uid_(uid) {}
+        Slot(Slot&& other) noexcept
+            : slots_(std::exchange(other.slots_, nullptr)), uid_(other.uid_) {}
+        Slot(const Slot&) = delete;
+        Slot& operator=(const Slot&) = delete;
+        ~Slot() {
+            if (slots_ != nullptr) {
+                slots_->giveBack(uid_);
+            }
+        }
+
+    private:
+        ConnectionSlots* slots_;
+        uid_t uid_;
+    };
+
+    std::optional<Slot> take(uid_t uid) {
         const support::MutexLock lock(mutex_);
         if (inAll_ == maxInAll) {
-            return false;
+            return std::nullopt;
         }
         int& ofUser = byUser_[uid];
         if (ofUser == maxForUser) {
-            return false;
+            return std::nullopt;
         }
         ++ofUser;
         ++inAll_;
-        return true;
+        return std::optional<Slot>(std::in_place, *this, uid);
     }
 
+private:
     void giveBack(uid_t uid) {
         const support::MutexLock lock(mutex_);
         --inAll_;
@@ -56,10 +80,51 @@ public:
         }
     }
 
-private:
     support::Mutex mutex_;
     std::map<uid_t, int> byUser_ GUARDED_BY(mutex_);
     int inAll_ GUARDED_BY(mutex_) = 0;
+};
+
+/// While it exists, nothing keeps its thread waiting for longer than some milliseconds. With a
+/// connection are closed the descriptors that its peer has passed and nobody has taken, and where
+/// that was the last close of one it is done here and now: of a TCP socket that is to linger until
+/// its data has left, for as long as the one who made it pleases. A signal ends such a wait.
+class Impatience {
+public:
+    Impatience() {
+        static const bool handled = handleSignal();
+        sigevent event{};
+        event.sigev_notify = SIGEV_THREAD_ID;
+        event.sigev_signo = signalNumber;
+        event._sigev_un._tid = ::gettid();
+        if (handled && ::timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0) {
+            isSet_ = true;
+            constexpr long period = 5'000'000;  // nanoseconds
+            const itimerspec times{
+                .it_interval = {.tv_sec = 0, .tv_nsec = period},
+                .it_value = {.tv_sec = 0, .tv_nsec = period}};
+            ::timer_settime(timer_, 0, &times, nullptr);
+        }
+    }
+    Impatience(const Impatience&) = delete;
+    Impatience& operator=(const Impatience&) = delete;
+    ~Impatience() {
+        if (isSet_) {
+            ::timer_delete(timer_);
+        }
+    }
+
+private:
+    static constexpr int signalNumber = SIGALRM;
+
+    static bool handleSignal() {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        return ::sigaction(signalNumber, &action, nullptr) == 0;
+    }
+
+    timer_t timer_{};
+    bool isSet_ = false;
 };
 
 std::optional<uid_t> userOf(int socket) {
@@ -92,19 +157,17 @@ private:
             DBusTransport& transport,
             TransportDelegate& itsDelegate,
             TarnvaleAdminHelperProtocol& itsExported,
+            ConnectionSlots::Slot itsSlot,
             UniqueFd socket,
             uid_t uid)
             : delegate(itsDelegate),
               exported(itsExported),
-              slots(transport.slots_),
+              slot(std::move(itsSlot)),
               connection(std::move(socket), uid, transport.codeSigning_) {}
-        Work(const Work&) = delete;
-        Work& operator=(const Work&) = delete;
-        ~Work() { slots.giveBack(connection.effectiveUserID()); }
 
         TransportDelegate& delegate;
         TarnvaleAdminHelperProtocol& exported;
-        ConnectionSlots& slots;
+        ConnectionSlots::Slot slot;  ///< outlives the connection: it is taken until all is closed
         DBusConnection connection;
     };
 
@@ -114,11 +177,7 @@ private:
             UniqueFd socket(
                 ::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (socket) {
-                try {
-                    begin(delegate, exported, std::move(socket));
-                } catch (...) {
-                    // For want of memory this connection is closed.
-                }
+                begin(delegate, exported, std::move(socket));
             } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
                 pollfd waited{.fd = listening_.get(), .events = POLLIN, .revents = 0};
                 ::poll(&waited, 1, -1);
@@ -132,28 +191,49 @@ private:
 
     /// Gives the connection a thread of its own; one for which there is no room is closed.
     void begin(
-        TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, UniqueFd socket) {
-        const auto uid = userOf(socket.get());
-        if (!uid || !slots_.take(*uid)) {
+        TransportDelegate& delegate,
+        TarnvaleAdminHelperProtocol& exported,
+        UniqueFd socket) noexcept {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the thread owns it in the end
+        auto work = makeWork(delegate, exported, socket);
+        if (work && startThread(work)) {
             return;
         }
-        std::unique_ptr<Work> work;
+        const Impatience impatience;
+        work.reset();
+        socket.reset();
+    }
+
+    /// Takes the socket over, or returns null.
+    std::unique_ptr<Work> makeWork(
+        TransportDelegate& delegate,
+        TarnvaleAdminHelperProtocol& exported,
+        UniqueFd& socket) noexcept {
         try {
-            work = std::make_unique<Work>(*this, delegate, exported, std::move(socket), *uid);
+            const auto uid = userOf(socket.get());
+            auto slot = uid ? slots_.take(*uid) : std::nullopt;
+            return slot ? std::make_unique<Work>(
+                              *this, delegate, exported, std::move(*slot), std::move(socket), *uid)
+                        : nullptr;
         } catch (...) {
-            slots_.giveBack(*uid);
-            return;
+            return nullptr;  // there is no memory for it
         }
+    }
+
+    /// The thread takes the work over, or it is left where it is.
+    static bool startThread(std::unique_ptr<Work>& work) {
         pthread_attr_t attributes;
         if (::pthread_attr_init(&attributes) != 0) {
-            return;
+            return false;
         }
         ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
         pthread_t thread{};
-        if (::pthread_create(&thread, &attributes, runWork, work.get()) == 0) {
-            work.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now
+        const bool isStarted = ::pthread_create(&thread, &attributes, runWork, work.get()) == 0;
+        if (isStarted) {
+            work.release();  // NOLINT(bugprone-unused-return-value): it is the thread's now
         }
         ::pthread_attr_destroy(&attributes);
+        return isStarted;
     }
 
     static void* runWork(void* argument) noexcept {

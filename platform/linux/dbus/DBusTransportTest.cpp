@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -296,6 +298,50 @@ TEST_F(DBusTransportTest, ClosesAPeerThatIsNotAdmittedWithoutAWord) {
     EXPECT_EQ(signing.checks, 0);
 }
 
+TEST_F(DBusTransportTest, ReadsNoByteOfAPeerWhoseSignatureOnlyLooksGood) {
+    signing.valid = false;
+    const auto peer = connectRaw();
+    ::send(peer.get(), "\0AUTH ANONYMOUS\r\n", 17, MSG_NOSIGNAL);
+
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
+
+    // The end of a connection of which something has not been read is not an orderly one.
+    char byte = 0;
+    EXPECT_EQ(::recv(peer.get(), &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(DBusTransportTest, TakesNoDescriptors) {
+    const auto peer = connectRaw();
+    iovec bytes{.iov_base = const_cast<char*>("\0AUTH ANONYMOUS\r\n"), .iov_len = 17};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const passed = CMSG_FIRSTHDR(&message);
+    passed->cmsg_level = SOL_SOCKET;
+    passed->cmsg_type = SCM_RIGHTS;
+    passed->cmsg_len = CMSG_LEN(sizeof(int));
+    std::array<int, 2> pipe{};
+    ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
+    const UniqueFd reading(pipe[0]);
+    UniqueFd writing(pipe[1]);
+    *reinterpret_cast<int*>(CMSG_DATA(passed)) = writing.get();
+
+    // Newer kernels do not even let it be sent.
+    if (::sendmsg(peer.get(), &message, MSG_NOSIGNAL) < 0) {
+        EXPECT_EQ(errno, EPERM);
+    } else {
+        EXPECT_TRUE(isClosed(peer, 5s));
+    }
+
+    writing.reset();
+    char byte = 0;
+    EXPECT_EQ(::read(reading.get(), &byte, 1), 0) << "the descriptor is open somewhere";
+}
+
 TEST_F(DBusTransportTest, ChecksThePeerBeforeEveryMessage) {
     Client client;
     EXPECT_TRUE(client.call("HelperVersion", ""));
@@ -320,6 +366,7 @@ TEST_F(DBusTransportTest, ChecksAMessageAgainThatComesDuringTheCheckBeforeTheFir
     ASSERT_GT(say("\0AUTH ANONYMOUS\r\n"sv), 0);
     std::array<char, 256> answer{};
     ASSERT_GT(::recv(peer.get(), answer.data(), answer.size(), 0), 0);
+    std::this_thread::sleep_for(50ms);  // it looks for more once, after that one check
     // One check before BEGIN is read, and one before whatever may have come together with it.
     const int check = signing.checks + 2;
     signing.slowCheck = check;

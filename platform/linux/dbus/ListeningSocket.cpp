@@ -20,6 +20,11 @@
 
 #include "platform/Transport.h"
 
+// Newer than the C library's headers.
+#ifndef SO_PASSRIGHTS
+#define SO_PASSRIGHTS 83
+#endif
+
 namespace tarnvale::platform {
 namespace {
 
@@ -136,15 +141,17 @@ int takePassedSockets() {
 }
 
 UniqueFd openListeningSocket(int passedSockets) {
-    if (passedSockets == 0) {
-        return makeSocket();
-    }
-    if (passedSockets != 1) {
+    if (passedSockets > 1) {
         throw TransportError(
             "One listening socket was expected, " + std::to_string(passedSockets) +
             " were passed.");
     }
-    return adoptPassedSocket(firstPassedDescriptor);
+    auto fd = passedSockets == 0 ? makeSocket() : adoptPassedSocket(firstPassedDescriptor);
+    // No request carries descriptors, and closing somebody else's may take as long as he likes. The
+    // kernel can refuse them since Linux 6.16; before, each is closed where it turns up.
+    const int no = 0;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_PASSRIGHTS, &no, sizeof no);
+    return fd;
 }
 
 }  // namespace tarnvale::platform

@@ -2,12 +2,16 @@
 #
 #   tarnvale_library(NAME SOURCES a.cpp … [DEPENDS lib …])
 #   tarnvale_program(NAME SOURCES a.cpp … [DEPENDS lib …])      lands in bin/
-#   tarnvale_test(NAME SOURCES aTest.cpp … [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds])
+#   tarnvale_test(NAME SOURCES aTest.cpp … [PORTABLE_SOURCES bTest.cpp …]
+#       [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds])
 #   tarnvale_fuzzer(NAME SOURCES a.cpp … [DEPENDS lib …])       only with TARNVALE_FUZZ
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_OBJCXX_STANDARD 20)
+set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
+set(CMAKE_OBJCXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_LINK_DEPENDS_NO_SHARED ON)
 
@@ -32,6 +36,11 @@ endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(tarnvale_options INTERFACE
         -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
+elseif(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
+    target_compile_options(tarnvale_options INTERFACE
+        -Wunguarded-availability
+        $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-arc>)
+    target_link_options(tarnvale_options INTERFACE -Wl,-dead_strip)
 endif()
 if(TARNVALE_SANITIZE)
     target_compile_options(tarnvale_options INTERFACE
@@ -66,17 +75,20 @@ if(TARNVALE_TESTS)
     enable_testing()
     find_package(GTest REQUIRED)
     include(GoogleTest)
+endif()
+if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
     add_subdirectory(tests/support)
 
     # A test program enters its private root before its first test (tests/support/TestMain.cpp).
     # It may run every program of the project: they are built before it, and TARNVALE_BIN_DIR says
     # where they are.
     function(tarnvale_test name)
-        cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;DEPENDS;LABELS")
+        cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT"
+            "SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
         if(NOT arg_TIMEOUT)
             set(arg_TIMEOUT 60)
         endif()
-        add_executable(${name} ${arg_SOURCES})
+        add_executable(${name} ${arg_SOURCES} ${arg_PORTABLE_SOURCES})
         target_link_libraries(${name} PRIVATE
             tarnvale_options ${arg_DEPENDS} tarnvale_test_main GTest::gmock)
         target_compile_definitions(${name} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
@@ -90,6 +102,18 @@ if(TARNVALE_TESTS)
             list(APPEND properties LABELS "${arg_LABELS}")
         endif()
         gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+    endfunction()
+elseif(TARNVALE_TESTS)
+    # Where there are no private roots, the tests that touch nothing outside themselves are built.
+    function(tarnvale_test name)
+        cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT"
+            "SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
+        if(arg_PORTABLE_SOURCES)
+            add_executable(${name} ${arg_PORTABLE_SOURCES})
+            target_link_libraries(${name} PRIVATE
+                tarnvale_options ${arg_DEPENDS} GTest::gmock_main)
+            gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST)
+        endif()
     endfunction()
 else()
     function(tarnvale_test)

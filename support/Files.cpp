@@ -288,7 +288,8 @@ void replaceFileKeepingAttributes(const std::string& path, std::string_view byte
     replaceFile(
         path,
         bytes,
-        {.mode = info.st_mode & permissions, .owner = std::pair(info.st_uid, info.st_gid)});
+        {.mode = static_cast<mode_t>(info.st_mode & permissions),
+         .owner = std::pair(info.st_uid, info.st_gid)});
 }
 
 void makeFolders(const std::string& path, std::optional<mode_t> mode) {

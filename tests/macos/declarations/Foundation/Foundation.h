@@ -85,7 +85,7 @@ enum : NSInteger {
 + (nullable NSXPCConnection*)currentConnection;
 @end
 
-@protocol NSXPCListenerDelegate <NSObject>
+@protocol NSXPCListenerDelegate<NSObject>
 @optional
 - (BOOL)listener:(NSXPCListener*)listener shouldAcceptNewConnection:(NSXPCConnection*)newConnection;
 @end

@@ -1,0 +1,33 @@
+# Builds for macOS 13 on Linux, for checks: Zig's compiler and linker with the declarations beside
+# this file and the linker stubs that are made of them. What comes out is not for use on a Mac.
+#
+# scripts/check-macos says TARNVALE_ZIG, TARNVALE_STUBS and TARNVALE_ARCHITECTURE.
+
+set(CMAKE_SYSTEM_NAME Darwin)
+set(CMAKE_SYSTEM_PROCESSOR "${TARNVALE_ARCHITECTURE}")
+set(CMAKE_OSX_DEPLOYMENT_TARGET 13.0)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
+    TARNVALE_ZIG TARNVALE_STUBS TARNVALE_ARCHITECTURE)
+
+# What the linker lacks: an information dictionary goes into the program on a Mac only.
+set(TARNVALE_NO_SECTCREATE ON)
+
+set(flags
+    "-isystem ${CMAKE_CURRENT_LIST_DIR}/declarations"
+    # What the standard library of macOS 13.0 lacks is refused, as Apple's own would do.
+    "-include ${CMAKE_CURRENT_LIST_DIR}/Availability.h"
+    # Zig's own additions are not what is checked, nor what it says of CMake's.
+    "-fno-sanitize=undefined -Wno-unused-command-line-argument")
+list(JOIN flags " " flags)
+foreach(language CXX OBJCXX)
+    set(CMAKE_${language}_COMPILER "${TARNVALE_ZIG}" c++)
+    set(CMAKE_${language}_COMPILER_TARGET "${TARNVALE_ARCHITECTURE}-macos.13.0-none")
+    set(CMAKE_${language}_COMPILER_WORKS ON)
+    set(CMAKE_${language}_FLAGS_INIT "${flags}")
+    set(CMAKE_${language}_ARCHIVE_CREATE "${TARNVALE_ZIG} ar qcs <TARGET> <OBJECTS>")
+    set(CMAKE_${language}_ARCHIVE_FINISH "")
+endforeach()
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-F ${TARNVALE_STUBS} -L ${TARNVALE_STUBS} -lobjc")
+
+# CMake asks for it and nothing here uses it.
+set(CMAKE_INSTALL_NAME_TOOL /bin/false)

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <stdexcept>
 #include <system_error>
 
@@ -184,6 +185,13 @@ std::vector<std::string> awaitMessage(const std::string& message, Program* progr
     return awaitLog(
         [&](const std::vector<std::string>& messages) { return countOf(messages, message) > 0; },
         program);
+}
+
+std::string listedRules() {
+    return std::regex_replace(
+        run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-v", "-sr"}).output,
+        std::regex("  \\[[^\n]*\n"),
+        "");
 }
 
 Service::Service() : Service(Start{}) {}

@@ -88,6 +88,9 @@ std::vector<std::string> awaitLog(
 /// Waits until the log has the message.
 std::vector<std::string> awaitMessage(const std::string& message, Program* program = nullptr);
 
+/// The rules of the helper's anchor as pf lists them, without their counters.
+std::string listedRules();
+
 /// The helper at work.
 class Service {
 public:

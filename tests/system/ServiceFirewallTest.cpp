@@ -67,14 +67,6 @@ std::string writtenRules() {
     return std::regex_replace(contentOf(rulesetPath), std::regex("#[^\n]*\n+"), "");
 }
 
-/// The rules of the anchor as pf lists them, without their counters.
-std::string listedRules() {
-    return std::regex_replace(
-        run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-v", "-sr"}).output,
-        std::regex("  \\[[^\n]*\n"),
-        "");
-}
-
 std::string withOwner(const std::string& uid, const std::string& networks) {
     return R"(")" + uid + R"(":{"appliedAt":763636013,"policies":[)" + networks + "]}";
 }

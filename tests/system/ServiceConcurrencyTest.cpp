@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+//
+// As many connections as a user may have, all of them at work. Built with the thread sanitizer,
+// the helper would write to its standard error, which the service's end looks at.
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/HelperFiles.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Program.h"
+#include "tests/support/ServiceLab.h"
+
+namespace tarnvale::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Matcher;
+using testing::StartsWith;
+
+constexpr std::size_t connections = 64;
+constexpr std::size_t requestsEach = 8;
+
+/// A list of one network, a different one for each index.
+std::string networkOf(std::size_t index) {
+    const std::string number = std::to_string(index % 10);
+    return R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2)" + number + R"(","name":"Net)" +
+           number + R"(","subnetCIDR":"192.168.6)" + number +
+           R"(.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,"defaultInbound":"deny",)"
+           R"("defaultOutbound":"allow","rules":[]}}])";
+}
+
+struct Request {
+    const char* method;
+    const char* types;
+    Texts arguments;
+    Matcher<Texts> reply;
+};
+
+/// A request of another kind for each index.
+Request requestOf(std::size_t index) {
+    switch (index % 9) {
+        case 0:
+            return {"HelperVersion", "", {}, ElementsAre(helperVersion())};
+        case 1:
+            return {
+                "ApplyFirewall",
+                "ay",
+                {networkOf(index)},
+                ElementsAre(StartsWith("Enforcing 1 network: Net"), "nil")};
+        case 2:
+            return {"RemoveFirewall", "", {}, ElementsAre("nil")};
+        case 3:
+            return {
+                "FirewallReport",
+                "",
+                {},
+                ElementsAre(HasSubstr("== com.apple/900.tarnvale.firewall ==\n"), "nil")};
+        case 4:
+            return {
+                "CreateVLAN",
+                "sxs",
+                {"Office", "5", "en7"},
+                ElementsAre("nil", "No physical interface named en7.")};
+        case 5:
+            return {"DeleteVLAN", "s", {"vlan7"}, ElementsAre("No VLAN interface named vlan7.")};
+        case 6:
+            return {
+                "InstallCLISymlink",
+                "",
+                {},
+                ElementsAre("The bundled 'tarnvale' tool isn't at " TARNVALE_BIN_DIR "/tarnvale.")};
+        case 7:
+            return {"RemoveCLISymlink", "", {}, ElementsAre("nil")};
+        default:
+            return {"SetTarnvaleResolver", "b", {"true"}, ElementsAre("nil")};
+    }
+}
+
+TEST(ServiceConcurrencyTest, ServesAllItsConnectionsWithEveryKindOfRequest) {
+    const ServiceLab lab;
+    const Service service;
+    std::vector<std::unique_ptr<ServiceClient>> clients;
+    for (std::size_t index = 0; index < connections; ++index) {
+        // Where there are other users, some of the connections are theirs.
+        const uid_t uid = isRealRoot() && index % 4 == 0 ? administrator : rootUser;
+        clients.push_back(std::make_unique<ServiceClient>(lab.client, uid));
+    }
+
+    for (std::size_t round = 0; round < requestsEach; ++round) {
+        for (std::size_t index = 0; index < connections; ++index) {
+            const Request request = requestOf(index + round);
+            clients[index]->begin(request.method, request.types, request.arguments);
+        }
+    }
+
+    for (std::size_t round = 0; round < requestsEach; ++round) {
+        for (std::size_t index = 0; index < connections; ++index) {
+            const Request request = requestOf(index + round);
+            EXPECT_THAT(clients[index]->reply(), request.reply) << request.method;
+        }
+    }
+    // Never are two requests mixed: the log's lines are whole, and what pf enforces is what it
+    // would be told again.
+    EXPECT_NO_THROW(logMessages());
+    const std::string listed = listedRules();
+    EXPECT_EQ(run({helperProgram, "--reapply"}).status, 0);
+    EXPECT_EQ(listedRules(), listed);
+}
+
+}  // namespace
+}  // namespace tarnvale::test

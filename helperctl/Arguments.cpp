@@ -2,8 +2,6 @@
 
 #include "helperctl/Arguments.h"
 
-#include <map>
-
 #include <CLI/CLI.hpp>
 
 #include "helperctl/Answer.h"
@@ -21,28 +19,33 @@ public:
         app_.formatter_fn([](const CLI::App* /*app*/, const std::string& /*name*/, auto /*mode*/) {
             return std::string(helpText);
         });
-        app_.require_subcommand(1);
+        app_.require_subcommand(0, 1);
         app_.fallthrough();
-        app_.add_option("--format", arguments_.format)
-            ->transform(CLI::Transformer(
-                std::map<std::string, Format>{{"text", Format::text}, {"json", Format::json}}));
-        app_.add_option("--user", arguments_.user);
+        app_.add_option_function<std::string>(
+            "--format", [this](const auto& word) { readFormat(word); });
+        app_.add_option("--user", arguments_.user)->type_name("NAME");
         addCommands();
     }
 
-    void parse(int argc, const char* const* argv) { app_.parse(argc, argv); }
+    void parse(int argc, const char* const* argv) {
+        app_.parse(argc, argv);
+        if (!hasCommand_) {
+            throw CLI::ParseError("A command is required", usageError);
+        }
+    }
 
 private:
     CLI::App& add(CLI::App& parent, const char* name, Command command) {
         auto* const added = parent.add_subcommand(name);
-        added->callback([this, command] { arguments_.command = command; });
+        added->callback([this, command] {
+            arguments_.command = command;
+            hasCommand_ = true;
+        });
         return *added;
     }
 
     static CLI::App& addGroup(CLI::App& parent, const char* name) {
-        auto* const group = parent.add_subcommand(name);
-        group->require_subcommand(1);
-        return *group;
+        return *parent.add_subcommand(name)->require_subcommand(0, 1);
     }
 
     void addCommands() {
@@ -73,6 +76,13 @@ private:
         add(app_, "shutdown", Command::shutdown);
     }
 
+    void readFormat(const std::string& word) {
+        if (word != "text" && word != "json") {
+            throw CLI::ValidationError("--format", "it is text or json");
+        }
+        arguments_.format = word == "json" ? Format::json : Format::text;
+    }
+
     /// Which tags there are is the helper's to say.
     void readTag(const std::string& text) {
         const auto tag = support::parseDecimal(text);
@@ -83,6 +93,7 @@ private:
     }
 
     Arguments& arguments_;
+    bool hasCommand_ = false;
     CLI::App app_;
 };
 

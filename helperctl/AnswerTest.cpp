@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Answer.h"
+
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace tarnvale::helperctl {
+namespace {
+
+struct Printed {
+    std::string output;
+    std::string errors;
+
+    bool operator==(const Printed&) const = default;
+
+    friend std::ostream& operator<<(std::ostream& stream, const Printed& printed) {
+        return stream << "output \"" << printed.output << "\", errors \"" << printed.errors << '"';
+    }
+};
+
+Printed printed(const Answer& answer, Format format) {
+    std::ostringstream output;
+    std::ostringstream errors;
+    print(answer, format, output, errors);
+    return {.output = output.str(), .errors = errors.str()};
+}
+
+support::Uuid uuid(const char* text) {
+    return support::Uuid::parse(text).value();
+}
+
+Answer fullPreview() {
+    Answer answer;
+    answer.summary = "Enforcing 1 network: Lab · 2 rules skipped";
+    answer.refused.emplace().push_back(
+        {.networkID = uuid("6F0C2A51-8E0B-4C55-9C39-0D5B4C7E6401"),
+         .name = "Büro",
+         .problem = "the subnet is wrong."});
+    answer.skippedRules.emplace().push_back(
+        {.networkID = uuid("6F0C2A51-8E0B-4C55-9C39-0D5B4C7E6402"),
+         .name = "Lab",
+         .rules = {
+             {.number = 1, .problem = "its port is wrong."},
+             {.number = 3, .problem = "its address is wrong."}}});
+    answer.droppedClaims = {"192.168.64.0/24 is claimed."};
+    answer.ruleset = "# a ruleset\npass in quick\n\n";
+    return answer;
+}
+
+TEST(AnswerTest, PrintsNothingOfNothing) {
+    EXPECT_EQ(printed({}, Format::text), (Printed{"", ""}));
+    EXPECT_EQ(printed({}, Format::json), (Printed{"{}\n", ""}));
+}
+
+TEST(AnswerTest, PrintsEachSingleResultAsALine) {
+    struct Case {
+        std::optional<std::string> Answer::*member = nullptr;
+        const char* name = nullptr;
+    };
+    const std::vector<Case> results{
+        {&Answer::version, "version"},
+        {&Answer::report, "report"},
+        {&Answer::summary, "summary"},
+        {&Answer::bsdName, "bsdName"}};
+    for (const auto& result : results) {
+        Answer answer;
+        answer.*result.member = "one\n\"two\"";
+
+        EXPECT_EQ(printed(answer, Format::text), (Printed{"one\n\"two\"\n", ""})) << result.name;
+        EXPECT_EQ(
+            printed(answer, Format::json),
+            (Printed{std::string("{\"") + result.name + R"(":"one\n\"two\""})" + "\n", ""}));
+    }
+}
+
+TEST(AnswerTest, PrintsAnErrorToTheErrorsButAsJsonToTheOutput) {
+    const auto answer = failure("It failed.\nNot enforced:\n• Büro: no.").answer;
+
+    EXPECT_EQ(
+        printed(answer, Format::text), (Printed{"", "It failed.\nNot enforced:\n• Büro: no.\n"}));
+    EXPECT_EQ(
+        printed(answer, Format::json),
+        (Printed{"{\"error\":\"It failed.\\nNot enforced:\\n• Büro: no.\"}\n", ""}));
+}
+
+TEST(AnswerTest, PrintsAPreviewInParts) {
+    EXPECT_EQ(
+        printed(fullPreview(), Format::text),
+        (Printed{
+            "Enforcing 1 network: Lab · 2 rules skipped\n"
+            "\n"
+            "Not enforced:\n"
+            "• Büro: the subnet is wrong.\n"
+            "\n"
+            "Rules skipped:\n"
+            "• Lab\n"
+            "  rule 1: its port is wrong.\n"
+            "  rule 3: its address is wrong.\n"
+            "\n"
+            "Left out:\n"
+            "• 192.168.64.0/24 is claimed.\n"
+            "\n"
+            "Ruleset:\n"
+            "# a ruleset\n"
+            "pass in quick\n"
+            "\n",
+            ""}));
+}
+
+TEST(AnswerTest, PrintsAPreviewAsOneObject) {
+    EXPECT_EQ(
+        printed(fullPreview(), Format::json),
+        (Printed{
+            R"({"droppedClaims":["192.168.64.0\/24 is claimed."],)"
+            R"("refused":[{"name":"Büro","networkID":"6F0C2A51-8E0B-4C55-9C39-0D5B4C7E6401",)"
+            R"("problem":"the subnet is wrong."}],)"
+            R"("ruleset":"# a ruleset\npass in quick\n\n",)"
+            R"("skippedRules":[{"name":"Lab","networkID":"6F0C2A51-8E0B-4C55-9C39-0D5B4C7E6402",)"
+            R"("rules":[{"number":1,"problem":"its port is wrong."},)"
+            R"({"number":3,"problem":"its address is wrong."}]}],)"
+            R"("summary":"Enforcing 1 network: Lab · 2 rules skipped"})"
+            "\n",
+            ""}));
+}
+
+TEST(AnswerTest, ShowsNoHeadingOverNothing) {
+    auto answer = fullPreview();
+    answer.refused->clear();
+    answer.skippedRules->clear();
+    answer.droppedClaims->clear();
+
+    EXPECT_EQ(
+        printed(answer, Format::text).output,
+        "Enforcing 1 network: Lab · 2 rules skipped\n\nRuleset:\n# a ruleset\npass in quick\n\n");
+}
+
+}  // namespace
+}  // namespace tarnvale::helperctl

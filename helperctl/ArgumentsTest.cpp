@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Arguments.h"
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "helperctl/Answer.h"
+#include "helperctl/Help.h"
+#include "support/Text.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+using testing::HasSubstr;
+using Words = std::vector<const char*>;
+
+std::variant<Arguments, Ending> parse(Words words) {
+    words.insert(words.begin(), "tarnvale-helperctl");
+    return parseArguments(static_cast<int>(words.size()), words.data());
+}
+
+/// The arguments that these words are; empty for words that are none.
+Arguments arguments(const Words& words) {
+    const auto parsed = parse(words);
+    if (const auto* const ending = std::get_if<Ending>(&parsed)) {
+        ADD_FAILURE() << ending->error << ending->output;
+        return {};
+    }
+    return std::get<Arguments>(parsed);
+}
+
+/// What is wrong with these words.
+std::string problem(const Words& words) {
+    const auto parsed = parse(words);
+    const auto* const ending = std::get_if<Ending>(&parsed);
+    if (ending == nullptr) {
+        return "nothing";
+    }
+    EXPECT_EQ(ending->status, usageError);
+    EXPECT_EQ(ending->output, "");
+    return ending->error;
+}
+
+std::string complaint(const std::string& problem) {
+    return "tarnvale-helperctl: " + problem + "\nRun tarnvale-helperctl --help for more.\n";
+}
+
+TEST(ArgumentsTest, KnowsEveryCommand) {
+    struct Case {
+        Words words;
+        Command command = Command::version;
+    };
+    const std::vector<Case> cases{
+        {{"version"}, Command::version},
+        {{"status"}, Command::status},
+        {{"preview", "a.json"}, Command::preview},
+        {{"apply", "a.json"}, Command::apply},
+        {{"remove"}, Command::remove},
+        {{"vlan", "create", "Office", "7", "en0"}, Command::createVLAN},
+        {{"vlan", "delete", "vlan0"}, Command::deleteVLAN},
+        {{"link", "install"}, Command::installLink},
+        {{"link", "remove"}, Command::removeLink},
+        {{"resolver", "on"}, Command::resolverOn},
+        {{"resolver", "off"}, Command::resolverOff},
+        {{"shutdown"}, Command::shutdown}};
+    for (const auto& [words, command] : cases) {
+        const auto parsed = arguments(words);
+
+        EXPECT_EQ(parsed.command, command) << words[0];
+        EXPECT_EQ(parsed.format, Format::text);
+        EXPECT_EQ(parsed.user, std::nullopt);
+    }
+}
+
+TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
+    EXPECT_EQ(arguments({"preview", "a.json"}).file, "a.json");
+    EXPECT_EQ(arguments({"apply", "-"}).file, "-");
+    EXPECT_EQ(arguments({"vlan", "delete", "vlan0"}).bsdName, "vlan0");
+
+    const auto create = arguments({"vlan", "create", "Büro 2", "7", "en0"});
+    EXPECT_EQ(create.name, "Büro 2");
+    EXPECT_EQ(create.tag, 7);
+    EXPECT_EQ(create.parentBSD, "en0");
+}
+
+TEST(ArgumentsTest, LeavesJudgingToTheHelper) {
+    EXPECT_EQ(arguments({"vlan", "create", "", "0", ""}).tag, 0);
+    EXPECT_EQ(arguments({"vlan", "create", "a", "-1", "b"}).tag, -1);
+    EXPECT_EQ(
+        arguments({"vlan", "create", "a", "9223372036854775807", "b"}).tag,
+        std::numeric_limits<std::int64_t>::max());
+    EXPECT_EQ(arguments({"vlan", "create", "--", "-a", "5", "b"}).name, "-a");
+    EXPECT_EQ(arguments({"apply", "--", "--format"}).file, "--format");
+}
+
+TEST(ArgumentsTest, TakesOptionsBeforeAndBehindTheCommand) {
+    for (const Words& words :
+         {Words{"--format", "json", "--user", "ada", "link", "install"},
+          Words{"link", "--format=json", "install", "--user=ada"},
+          Words{"link", "install", "--user", "ada", "--format", "json"}}) {
+        const auto parsed = arguments(words);
+
+        EXPECT_EQ(parsed.command, Command::installLink);
+        EXPECT_EQ(parsed.format, Format::json);
+        EXPECT_EQ(parsed.user, "ada");
+    }
+    EXPECT_EQ(arguments({"--format", "text", "status"}).format, Format::text);
+}
+
+TEST(ArgumentsTest, SaysWhatIsWrong) {
+    struct Case {
+        Words words;
+        const char* problem = nullptr;
+    };
+    const std::vector<Case> cases{
+        {{}, "A command is required"},
+        {{"vlan"}, "A command is required"},
+        {{"destroy"}, "The following argument was not expected: destroy"},
+        {{"vlan", "rename"}, "The following argument was not expected: rename"},
+        {{"apply"}, "FILE is required"},
+        {{"preview"}, "FILE is required"},
+        {{"vlan", "create", "a", "7"}, "PARENT is required"},
+        {{"vlan", "create", "a", "x", "b"}, "TAG: \"x\" is no number"},
+        {{"vlan", "create", "a", "9223372036854775808", "b"},
+         "TAG: \"9223372036854775808\" is no number"},
+        {{"vlan", "create", "a", " 7", "b"}, "TAG: \" 7\" is no number"},
+        {{"vlan", "delete"}, "NAME is required"},
+        {{"version", "8"}, "The following argument was not expected: 8"},
+        {{"status", "--verbose"}, "The following argument was not expected: --verbose"},
+        {{"status", "--format", "xml"}, "--format: it is text or json"},
+        {{"status", "--format", "Json"}, "--format: it is text or json"},
+        {{"status", "--user"}, "--user: 1 required NAME missing"},
+    };
+    for (const auto& [words, expected] : cases) {
+        EXPECT_EQ(problem(words), complaint(expected));
+    }
+}
+
+TEST(ArgumentsTest, TakesOneCommandOnly) {
+    EXPECT_EQ(
+        problem({"version", "status"}),
+        complaint("The following argument was not expected: status"));
+    EXPECT_EQ(
+        problem({"link", "install", "remove"}),
+        complaint("The following argument was not expected: remove"));
+}
+
+TEST(ArgumentsTest, HelpsWhereverItIsAsked) {
+    for (const Words& words :
+         {Words{"--help"},
+          Words{"-h"},
+          Words{"vlan", "--help"},
+          Words{"vlan", "create", "--help"},
+          Words{"apply", "--help"}}) {
+        const auto parsed = parse(words);
+
+        const auto* const ending = std::get_if<Ending>(&parsed);
+        ASSERT_NE(ending, nullptr);
+        EXPECT_EQ(ending->status, done);
+        EXPECT_EQ(ending->output, helpText);
+        EXPECT_EQ(ending->error, "");
+    }
+}
+
+TEST(ArgumentsTest, HelpsWithWhatThereIs) {
+    for (const char* text :
+         {"  version  ",
+          "  status  ",
+          "  preview FILE  ",
+          "  apply FILE  ",
+          "  remove  ",
+          "  vlan create NAME TAG PARENT  ",
+          "  vlan delete NAME  ",
+          "  link install, link remove  ",
+          "  resolver on, resolver off  ",
+          "  shutdown  ",
+          "  --format text  ",
+          "  --format json  ",
+          "  --user NAME  "}) {
+        EXPECT_THAT(std::string(helpText), HasSubstr(text));
+    }
+    std::apply(
+        [](const auto&... member) {
+            for (const auto key : {member.key...}) {
+                EXPECT_THAT(std::string(helpText), HasSubstr("\n  " + std::string(key) + "  "));
+            }
+        },
+        support::jsonMembersOf<Answer>);
+}
+
+TEST(ArgumentsTest, HelpFitsATerminal) {
+    for (const auto line : support::split(helpText, '\n')) {
+        EXPECT_LE(line.size(), 80U) << line;
+    }
+}
+
+}  // namespace
+}  // namespace tarnvale::helperctl

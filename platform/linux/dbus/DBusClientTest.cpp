@@ -1,0 +1,304 @@
+// SPDX-License-Identifier: MIT
+//
+// The client against the transport that the helper has, in one process.
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include "platform/HelperClient.h"
+#include "platform/Transport.h"
+#include "platform/linux/dbus/ListeningSocket.h"
+#include "support/Mutex.h"
+#include "support/UniqueFd.h"
+#include "tests/support/HelperFiles.h"
+
+namespace tarnvale::platform {
+namespace {
+
+using support::UniqueFd;
+using testing::ElementsAre;
+
+/// Finds every program good as long as the test says so.
+class Signing final : public CodeSigning {
+public:
+    std::atomic<bool> valid = true;
+
+    std::unique_ptr<Code> self() override { return nullptr; }
+    std::unique_ptr<Code> guest(const Peer& /*peer*/) override {
+        return std::make_unique<ValidCode>(valid);
+    }
+
+private:
+    class ValidCode final : public Code {
+    public:
+        explicit ValidCode(const std::atomic<bool>& valid) : valid_(valid) {}
+        std::optional<SigningInformation> signingInformation() override { return {}; }
+        bool isValid(std::string_view /*requirement*/) override { return valid_; }
+
+    private:
+        const std::atomic<bool>& valid_;
+    };
+};
+
+class Doorkeeper final : public TransportDelegate {
+public:
+    std::atomic<bool> admits = true;
+
+    bool shouldAcceptNewConnection(NewConnection& connection) override {
+        return admits && connection.setCodeSigningRequirement("good");
+    }
+};
+
+/// Replies what the test wants and remembers what it was asked, on the connection's thread.
+class Exported final : public TarnvaleAdminHelperProtocol {
+public:
+    std::vector<std::string> calls() {
+        const support::MutexLock lock(mutex_);
+        return calls_;
+    }
+    void setReply(const ResultReply& reply) {
+        const support::MutexLock lock(mutex_);
+        reply_ = reply;
+    }
+    /// What is done in the middle of each request.
+    void setWork(std::function<void()> work) {
+        const support::MutexLock lock(mutex_);
+        work_ = std::move(work);
+    }
+
+    OptionalText helperVersion() override { return asked("helperVersion").result; }
+    ResultReply applyFirewallWithPolicyData(std::string_view policyData) override {
+        return asked("applyFirewall " + std::string(policyData));
+    }
+    OptionalText removeFirewall() override { return asked("removeFirewall").error; }
+    ResultReply firewallReport() override { return asked("firewallReport"); }
+    ResultReply createVLANWithName(
+        std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
+        return asked(
+            "createVLAN " + std::string(name) + "|" + std::to_string(tag) + "|" +
+            std::string(parentBSD));
+    }
+    OptionalText deleteVLANWithBsdName(std::string_view bsdName) override {
+        return asked("deleteVLAN " + std::string(bsdName)).error;
+    }
+    OptionalText installCLISymlink() override { return asked("installCLISymlink").error; }
+    OptionalText removeCLISymlink() override { return asked("removeCLISymlink").error; }
+    OptionalText setTarnvaleResolverWithEnabled(bool enabled) override {
+        return asked(enabled ? "resolver on" : "resolver off").error;
+    }
+    void shutdownForUpgrade(const std::function<void()>& itsReply) override {
+        asked("shutdownForUpgrade");
+        itsReply();
+    }
+
+private:
+    ResultReply asked(std::string call) {
+        const support::MutexLock lock(mutex_);
+        calls_.push_back(std::move(call));
+        work_();
+        return reply_;
+    }
+
+    support::Mutex mutex_;
+    std::vector<std::string> calls_ GUARDED_BY(mutex_);
+    ResultReply reply_ GUARDED_BY(mutex_);
+    std::function<void()> work_ GUARDED_BY(mutex_) = [] {};
+};
+
+/// The error with which the action fails.
+std::string errorOf(const std::function<void()>& action, HelperClientError::Case errorCase) {
+    try {
+        action();
+    } catch (const HelperClientError& error) {
+        EXPECT_EQ(error.errorCase(), errorCase) << error.what();
+        return error.what();
+    }
+    return "none";
+}
+
+std::string connectionError(HelperClientError::Case errorCase) {
+    return errorOf([] { connectToHelper(); }, errorCase);
+}
+
+constexpr const char* turnedAway =
+    "The helper closed the connection: it doesn't admit this program, or has too many connections "
+    "already.";
+
+/// The transport lives to the end of the process, as in the helper.
+class DBusClientTest : public testing::Test {
+protected:
+    DBusClientTest() { makeTransport(signing).release()->resume(doorkeeper, exported); }
+
+    Signing& signing = *new Signing;
+    Doorkeeper& doorkeeper = *new Doorkeeper;
+    Exported& exported = *new Exported;
+};
+
+TEST_F(DBusClientTest, PassesEveryRequestOn) {
+    const auto client = connectToHelper();
+    const std::string policy("[\0\xFF]", 4);
+
+    client->helperVersion();
+    client->applyFirewallWithPolicyData(policy);
+    client->applyFirewallWithPolicyData("");
+    client->removeFirewall();
+    client->firewallReport();
+    client->createVLANWithName("Büro", -7, "");
+    client->deleteVLANWithBsdName("vlan0");
+    client->installCLISymlink();
+    client->removeCLISymlink();
+    client->setTarnvaleResolverWithEnabled(true);
+    client->setTarnvaleResolverWithEnabled(false);
+    int replies = 0;
+    client->shutdownForUpgrade([&] { ++replies; });
+
+    EXPECT_EQ(replies, 1);
+    EXPECT_THAT(
+        exported.calls(),
+        ElementsAre(
+            "helperVersion",
+            "applyFirewall " + policy,
+            "applyFirewall ",
+            "removeFirewall",
+            "firewallReport",
+            "createVLAN Büro|-7|",
+            "deleteVLAN vlan0",
+            "installCLISymlink",
+            "removeCLISymlink",
+            "resolver on",
+            "resolver off",
+            "shutdownForUpgrade"));
+}
+
+TEST_F(DBusClientTest, PassesEveryReplyBack) {
+    const auto client = connectToHelper();
+    for (const auto& reply :
+         {ResultReply{.result = std::nullopt, .error = std::nullopt},
+          ResultReply{.result = "the result", .error = std::nullopt},
+          ResultReply{.result = std::nullopt, .error = "the • error"},
+          ResultReply{.result = "", .error = ""},
+          ResultReply{.result = std::string(2'000'000, 'r'), .error = std::nullopt}}) {
+        exported.setReply(reply);
+
+        EXPECT_EQ(client->helperVersion(), reply.result);
+        EXPECT_EQ(client->applyFirewallWithPolicyData("[]"), reply);
+        EXPECT_EQ(client->removeFirewall(), reply.error);
+        EXPECT_EQ(client->firewallReport(), reply);
+        EXPECT_EQ(client->createVLANWithName("a", 5, "en0"), reply);
+        EXPECT_EQ(client->deleteVLANWithBsdName("vlan0"), reply.error);
+        EXPECT_EQ(client->installCLISymlink(), reply.error);
+        EXPECT_EQ(client->removeCLISymlink(), reply.error);
+        EXPECT_EQ(client->setTarnvaleResolverWithEnabled(true), reply.error);
+    }
+}
+
+TEST_F(DBusClientTest, RepairsTextThatDBusCantCarry) {
+    connectToHelper()->createVLANWithName("B\xFCro", 5, "en0");
+
+    EXPECT_THAT(exported.calls(), ElementsAre("createVLAN B\uFFFDro|5|en0"));
+}
+
+TEST_F(DBusClientTest, CarriesTheLargestPolicy) {
+    constexpr std::size_t largest = std::size_t{64} << 20U;
+    const auto client = connectToHelper();
+
+    client->applyFirewallWithPolicyData(std::string(largest, ' '));
+    EXPECT_EQ(exported.calls().at(0).size(), std::string_view("applyFirewall ").size() + largest);
+}
+
+TEST_F(DBusClientTest, IsNotAdmitted) {
+    doorkeeper.admits = false;
+
+    EXPECT_EQ(connectionError(HelperClientError::Case::notAdmitted), turnedAway);
+}
+
+TEST_F(DBusClientTest, IsNotAdmittedWithASignatureThatIsNotValid) {
+    signing.valid = false;
+
+    EXPECT_EQ(connectionError(HelperClientError::Case::notAdmitted), turnedAway);
+}
+
+TEST_F(DBusClientTest, GetsNoReplyOnceItsSignatureIsNotValidAnyMore) {
+    const auto client = connectToHelper();
+    exported.setWork([this] { signing.valid = false; });
+    client->removeFirewall();
+
+    EXPECT_EQ(
+        errorOf([&] { client->removeFirewall(); }, HelperClientError::Case::noReply),
+        "The helper gave no reply: it closed the connection.");
+    EXPECT_EQ(exported.calls().size(), 1U);
+}
+
+TEST_F(DBusClientTest, SaysWhatTheHelperSaysOfARequestThatFails) {
+    const auto client = connectToHelper();
+    exported.setWork([] { throw std::runtime_error("unexpected"); });
+
+    EXPECT_THAT(
+        errorOf([&] { client->removeFirewall(); }, HelperClientError::Case::noReply),
+        testing::StartsWith("The helper gave no reply: "));
+
+    exported.setWork([] {});
+    EXPECT_EQ(connectToHelper()->removeFirewall(), std::nullopt);
+}
+
+TEST(DBusClientAloneTest, SaysThatNobodyIsThere) {
+    EXPECT_EQ(
+        connectionError(HelperClientError::Case::notReachable),
+        "Could not reach the helper: No such file or directory.");
+
+    { const UniqueFd stale = openListeningSocket(0); }
+    EXPECT_EQ(
+        connectionError(HelperClientError::Case::notReachable),
+        "Could not reach the helper: Connection refused.");
+
+    std::filesystem::remove(listeningSocketPath);
+    test::put(listeningSocketPath, "no socket");
+    EXPECT_EQ(
+        connectionError(HelperClientError::Case::notReachable),
+        "Could not reach the helper: Connection refused.");
+}
+
+/// What becomes of a connection whose other side says this and hangs up.
+std::string errorAgainst(std::string_view words) {
+    const UniqueFd listening = openListeningSocket(0);
+    std::thread peer([&] {
+        UniqueFd connection;
+        while (!connection) {  // it is non-blocking
+            connection.reset(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        }
+        ::send(connection.get(), words.data(), words.size(), MSG_NOSIGNAL);
+        std::string heard(1000, ' ');
+        ::recv(connection.get(), heard.data(), heard.size(), 0);
+    });
+    auto error = connectionError(HelperClientError::Case::notAdmitted);
+    peer.join();
+    return error;
+}
+
+TEST(DBusClientAloneTest, IsNotAdmittedByWhoeverHangsUp) {
+    for (const std::string_view words :
+         {"",
+          "OK 00000000000000000000000000000000\r\n",
+          "OK 00000000000000000000000000000000\r\nl",
+          "REJECTED\r\n",
+          "SSH-2.0-OpenSSH_9.2p1\r\n"}) {
+        EXPECT_EQ(errorAgainst(words), turnedAway) << words;
+    }
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

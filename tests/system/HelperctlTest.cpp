@@ -2,13 +2,16 @@
 //
 // tarnvale-helperctl as it is shipped, signed or not, and the helper that it asks.
 
+#include <chrono>
+#include <csignal>
 #include <filesystem>
-#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
@@ -18,7 +21,11 @@
 namespace tarnvale::test {
 namespace {
 
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using Words = std::vector<std::string>;
 
@@ -31,7 +38,24 @@ constexpr const char* onlyRootMayChange =
     "Only root may change anything by tarnvale-helperctl: the helper admits it, so any program "
     "could use it as its proxy.\n";
 constexpr const char* administratorsOnly =
-    "Only an administrator of this Mac can make this change through Tarnvale's helper.";
+    "Only an administrator of this Mac can make this change through Tarnvale's helper.\n";
+constexpr const char* turnedAway =
+    "The helper closed the connection: it doesn't admit this program, or has too many connections "
+    "already.\n";
+
+/// The commands that change something, with what they take.
+std::vector<Words> changes() {
+    return {
+        {"apply", labPath},
+        {"remove"},
+        {"vlan", "create", "Office", "7", "none"},
+        {"vlan", "delete", "none"},
+        {"link", "install"},
+        {"link", "remove"},
+        {"resolver", "on"},
+        {"resolver", "off"},
+        {"shutdown"}};
+}
 
 MATCHER_P2(Prints, status, output, "") {
     *result_listener << "status " << arg.status << ", error \"" << arg.error << "\"";
@@ -49,23 +73,29 @@ protected:
     const std::string signedProgram =
         ServiceLab::signCopy(unsignedProgram, applicationIdentifier, lab.development, "/tmp/ctl");
 
+    Words command(const Words& arguments) const {
+        Words words{signedProgram};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        return words;
+    }
+
     /// Runs it as root.
     Finished ctl(const Words& arguments, std::string_view input = {}) const {
-        Words command{signedProgram};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        return run(command, input);
+        return run(command(arguments), input);
     }
 
     /// Runs it as that user.
     Finished ctlAs(uid_t user, const Words& arguments) const {
-        Words command{
-            "/usr/bin/setpriv",
-            "--reuid=" + std::to_string(user),
-            "--regid=20",
-            "--clear-groups",
-            signedProgram};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        return run(command);
+        Words words{
+            "/usr/bin/setpriv", "--reuid=" + std::to_string(user), "--regid=20", "--clear-groups"};
+        const auto behind = command(arguments);
+        words.insert(words.end(), behind.begin(), behind.end());
+        return run(words);
+    }
+
+    /// Runs a line of the shell, in which "$0" is the program.
+    Finished shell(const std::string& line) const {
+        return run({"/bin/sh", "-c", line, signedProgram});
     }
 };
 
@@ -75,7 +105,7 @@ TEST_F(HelperctlTest, PrintsTheHelpersVersion) {
     EXPECT_THAT(ctl({"version"}), Prints(0, helperVersion() + "\n"));
     EXPECT_THAT(
         ctl({"--format", "json", "version"}),
-        Prints(0, "{\"version\":\"" + helperVersion() + "\"}\n"));
+        Prints(0, R"({"version":")" + helperVersion() + "\"}\n"));
 }
 
 TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
@@ -87,53 +117,315 @@ TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
     EXPECT_EQ(status.status, 0) << status.error;
     EXPECT_THAT(status.output, StartsWith("== pf status ==\nStatus: Enabled"));
     EXPECT_THAT(status.output, HasSubstr("192.168.64.0/24"));
+    EXPECT_EQ(status.error, "");
+    EXPECT_THAT(
+        ctl({"status", "--format=json"}).output,
+        StartsWith(R"({"report":"== pf status ==\nStatus: Enabled)"));
 
     EXPECT_THAT(ctl({"remove"}), Prints(0, ""));
     EXPECT_THAT(ctl({"status"}).output, HasSubstr("\n(anchor is empty — nothing enforced)\n"));
+
+    EXPECT_THAT(
+        ctl({"apply", "-", "--format", "json"}, contentOf(labPath)),
+        Prints(0, "{\"summary\":\"Enforcing 1 network: Lab\"}\n"));
+    EXPECT_THAT(ctl({"remove", "--format", "json"}), Prints(0, "{}\n"));
+    EXPECT_FALSE(exists(storePath));
 }
 
-TEST_F(HelperctlTest, AppliesForTheUserThatRootNames) {
-    if (!isRealRoot()) {
-        GTEST_SKIP() << "there is one user only";
+TEST_F(HelperctlTest, SendsTheFileAsItIs) {
+    const Service service;
+    struct Case {
+        const char* content = nullptr;
+        const char* problem = nullptr;
+    };
+    const std::vector<Case> cases{
+        {"",
+         "Could not read the firewall policy: expected a value, found the end at line 1, "
+         "column 1\n"},
+        {"[{}]", "Could not read the firewall policy: missing key \"networkID\" at [0]\n"}};
+    for (const auto& [content, problem] : cases) {
+        EXPECT_THAT(ctl({"apply", "-"}, content), Complains(1, problem));
+        EXPECT_THAT(ctl({"preview", "-"}, content), Complains(1, problem));
     }
-    const Service service;
-
-    EXPECT_THAT(
-        ctl({"--user", "ada", "apply", "-"}, contentOf(labPath)),
-        Prints(0, "Enforcing 1 network: Lab\n"));
-
-    EXPECT_THAT(contentOf(storePath), HasSubstr("\"501\""));
-    EXPECT_THAT(
-        ctl({"--user", "eve", "apply", "-"}, contentOf(labPath)),
-        Complains(1, std::string(administratorsOnly) + "\n"));
 }
 
-TEST_F(HelperctlTest, IsTurnedAwayWithoutASignature) {
+TEST_F(HelperctlTest, SaysWhichNetworksAreRefused) {
     const Service service;
-
-    const auto finished = run({unsignedProgram, "version"});
+    std::string policy = contentOf(labPath);
+    policy.replace(policy.find("192.168.64.0/24"), 15, "10.0.0.0/24");
+    const std::string problem =
+        "the subnet \"10.0.0.0/24\" isn't one macOS gives a virtual network (a /24 such as "
+        "192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be keyed on it.";
 
     EXPECT_THAT(
-        finished,
+        ctl({"apply", "-"}, policy),
         Complains(
-            4,
-            "The helper closed the connection: it doesn't admit this program, or has too many "
-            "connections already.\n"));
+            1,
+            "None of your networks has an enabled firewall.\nNot enforced:\n• Lab: " + problem +
+                "\n"));
+    const auto json = ctl({"apply", "-", "--format", "json"}, policy);
+    EXPECT_EQ(json.status, 1);
+    EXPECT_THAT(
+        json.output,
+        StartsWith(R"({"error":"None of your networks has an enabled firewall.\nNot enforced:\n• )"
+                   R"(Lab: the subnet \"10.0.0.0\/24\" isn't)"));
+    EXPECT_EQ(json.error, "");
+
+    const auto preview = ctl({"preview", "-"}, policy);
+    EXPECT_EQ(preview.status, 1);
+    EXPECT_THAT(
+        preview.output,
+        StartsWith(
+            "None of your networks has an enabled firewall.\n\nNot enforced:\n• Lab: " + problem +
+            "\n\nRuleset:\n# Tarnvale network firewall — generated "));
+}
+
+TEST_F(HelperctlTest, PreviewsTheRulesetThatAnApplyLoads) {
+    const auto preview = ctl({"preview", labPath});
+
+    EXPECT_EQ(preview.status, 0) << preview.error;
+    EXPECT_FALSE(exists(servicePath));
+
+    const Service service;
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+    const auto withoutTime = [](const std::string& ruleset) {
+        return ruleset.substr(ruleset.find("\n# Loaded into pf anchor"));
+    };
+    EXPECT_THAT(preview.output, StartsWith("Enforcing 1 network: Lab\n\nRuleset:\n# Tarnvale"));
+    EXPECT_EQ(withoutTime(preview.output), withoutTime(contentOf(rulesetPath)));
+}
+
+TEST_F(HelperctlTest, AsksForVLANs) {
+    const Service service;
+
+    EXPECT_THAT(
+        ctl({"vlan", "create", "Office", "7", "none"}),
+        Complains(1, "No physical interface named none.\n"));
+    EXPECT_THAT(ctl({"vlan", "delete", "vlan9"}), Complains(1, "No VLAN interface named vlan9.\n"));
+    EXPECT_THAT(
+        ctl({"vlan", "delete", "vlan9", "--format", "json"}),
+        Prints(1, "{\"error\":\"No VLAN interface named vlan9.\"}\n"));
+}
+
+TEST_F(HelperctlTest, MakesAndRemovesTheLinks) {
+    put("/opt/tarnvale/tarnvale", "#!/bin/sh\n");
+    fs::permissions("/opt/tarnvale/tarnvale", fs::perms(0755));
+    fs::permissions("/opt/tarnvale", fs::perms(0755));
+    fs::copy_file(helperProgram, "/opt/tarnvale/TarnvaleAdminHelper");
+    const Service service({.program = "/opt/tarnvale/TarnvaleAdminHelper"});
+
+    EXPECT_THAT(ctl({"link", "install"}), Prints(0, ""));
+    EXPECT_EQ(fs::read_symlink("/usr/local/bin/tarnvale"), "/opt/tarnvale/tarnvale");
+
+    fs::remove("/opt/tarnvale/tarnvale");
+    EXPECT_THAT(
+        ctl({"link", "install"}),
+        Complains(1, "The bundled 'tarnvale' tool isn't at /opt/tarnvale/tarnvale.\n"));
+    EXPECT_THAT(ctl({"link", "remove"}), Prints(0, ""));
+}
+
+TEST_F(HelperctlTest, MakesAndRemovesTheResolverFiles) {
+    const Service service;
+
+    EXPECT_THAT(ctl({"resolver", "on"}), Prints(0, ""));
+    EXPECT_TRUE(exists("/etc/resolver/tvx"));
+    EXPECT_THAT(ctl({"resolver", "off", "--format", "json"}), Prints(0, "{}\n"));
+    EXPECT_FALSE(exists("/etc/resolver/tvx"));
+}
+
+TEST_F(HelperctlTest, EndsTheHelper) {
+    Service service;
+
+    EXPECT_THAT(ctl({"shutdown"}), Prints(0, ""));
+
+    EXPECT_TRUE(service.program().endsWithin(10s));
+    EXPECT_THAT(ctl({"status"}), Complains(3, "Could not reach the helper: Connection refused.\n"));
 }
 
 TEST_F(HelperctlTest, SaysThatThereIsNoHelper) {
+    const std::string problem = "Could not reach the helper: No such file or directory.";
+
+    EXPECT_THAT(ctl({"version"}), Complains(3, problem + "\n"));
     EXPECT_THAT(
-        ctl({"version"}), Complains(3, "Could not reach the helper: No such file or directory.\n"));
+        ctl({"--format", "json", "version"}), Prints(3, "{\"error\":\"" + problem + "\"}\n"));
+    for (const auto& change : changes()) {
+        EXPECT_THAT(ctl(change), Complains(3, problem + "\n")) << change[0];
+    }
 }
 
-TEST_F(HelperctlTest, ChangesNothingForAnybodyButRoot) {
-    if (!isRealRoot()) {
-        GTEST_SKIP() << "there is one user only";
+TEST_F(HelperctlTest, IsTurnedAwayWithoutItsSignature) {
+    const Service service;
+    const std::string otherTeam = ServiceLab::signCopy(
+        unsignedProgram, applicationIdentifier, Chain::development("AAAAAAAAAA"), "/tmp/other");
+
+    for (const std::string& program : {std::string(unsignedProgram), otherTeam}) {
+        EXPECT_THAT(run({program, "version"}), Complains(4, turnedAway));
+        EXPECT_THAT(run({program, "remove"}), Complains(4, turnedAway));
+        EXPECT_EQ(run({program, "preview", labPath}).status, 0);
     }
+    EXPECT_THAT(logMessages(), Not(Contains("Removed firewall enforcement.")));
+}
+
+TEST_F(HelperctlTest, WritesNothingIntoTheConnection) {
     const Service service;
 
-    EXPECT_THAT(ctlAs(administrator, {"remove"}), Complains(1, onlyRootMayChange));
-    EXPECT_THAT(ctlAs(administrator, {"version"}), Prints(0, helperVersion() + "\n"));
+    EXPECT_THAT(shell("\"$0\" status <&- >&- 2>&-"), Prints(0, ""));
+    EXPECT_THAT(shell("\"$0\" remove <&- >&- 2>&-"), Prints(0, ""));
+    EXPECT_THAT(logMessages(), Contains("Removed firewall enforcement."));
+}
+
+/// What takes no helper takes no signature.
+Finished runUnsigned(const Words& arguments) {
+    Words words{unsignedProgram};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return run(words);
+}
+
+TEST(HelperctlAloneTest, UnderstandsItsCommandLineOrSaysWhy) {
+    EXPECT_THAT(
+        runUnsigned({}),
+        Complains(
+            2,
+            "tarnvale-helperctl: A command is required\n"
+            "Run tarnvale-helperctl --help for more.\n"));
+    EXPECT_THAT(
+        runUnsigned({"vlan", "create", "Office", "seven", "en0", "--format", "json"}),
+        Complains(
+            2,
+            "tarnvale-helperctl: TAG: \"seven\" is no number\n"
+            "Run tarnvale-helperctl --help for more.\n"));
+
+    const auto help = runUnsigned({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.output, StartsWith("tarnvale-helperctl - ask Tarnvale's privileged helper"));
+    EXPECT_EQ(help.error, "");
+}
+
+TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
+    EXPECT_THAT(
+        runUnsigned({"apply", "/tmp/none"}),
+        Complains(1, "Could not read \"/tmp/none\": No such file or directory.\n"));
+    EXPECT_THAT(
+        runUnsigned({"preview", "/tmp"}),
+        Complains(1, "Could not read \"/tmp\": Is a directory.\n"));
+}
+
+TEST(HelperctlAloneTest, SaysWhenItsResultIsLost) {
+    EXPECT_THAT(
+        run({"/bin/sh", "-c", R"("$0" preview "$1" >/dev/full)", unsignedProgram, labPath}),
+        Complains(1, "Could not write the result.\n"));
+}
+
+/// Where there are other users.
+class HelperctlUsersTest : public HelperctlTest {
+protected:
+    void SetUp() override {
+        if (!isRealRoot()) {
+            GTEST_SKIP() << "a user namespace has no other users";
+        }
+    }
+};
+
+TEST_F(HelperctlUsersTest, ChangesNothingForAnybodyButRoot) {
+    ServiceLab::setConsoleUser(firstUser);
+    const Service service;
+
+    for (const auto user : {administrator, firstUser, secondUser}) {
+        for (const auto& change : changes()) {
+            EXPECT_THAT(ctlAs(user, change), Complains(1, onlyRootMayChange)) << change[0];
+        }
+        EXPECT_THAT(
+            ctlAs(user, {"remove", "--format", "json"}),
+            Prints(
+                1,
+                "{\"error\":\"Only root may change anything by tarnvale-helperctl: the helper "
+                "admits it, so any program could use it as its proxy.\"}\n"));
+        EXPECT_THAT(
+            ctlAs(user, {"--user", "ada", "version"}),
+            Complains(1, "Only root may act as another user.\n"));
+    }
+    EXPECT_THAT(logMessages(), testing::ElementsAre(listeningMessage()));
+}
+
+TEST_F(HelperctlUsersTest, LetsEverybodyLook) {
+    const Service service;
+    put("/tmp/lab.json", contentOf(labPath));
+    fs::permissions("/tmp/lab.json", fs::perms(0644));
+
+    EXPECT_THAT(ctlAs(secondUser, {"version"}), Prints(0, helperVersion() + "\n"));
+    EXPECT_THAT(ctlAs(secondUser, {"status"}).output, StartsWith("== pf status =="));
+    EXPECT_THAT(
+        ctlAs(secondUser, {"preview", "/tmp/lab.json"}).output,
+        StartsWith("Enforcing 1 network: Lab\n"));
+}
+
+TEST_F(HelperctlUsersTest, ActsForTheUserThatRootNames) {
+    ServiceLab::setConsoleUser(firstUser);
+    const Service service;
+    const std::string policy = contentOf(labPath);
+
+    EXPECT_THAT(
+        ctl({"--user", "ada", "apply", "-"}, policy), Prints(0, "Enforcing 1 network: Lab\n"));
+    EXPECT_THAT(
+        ctl({"--user", "bob", "apply", "-"}, policy),
+        Prints(0, "Enforcing 1 network: Lab · 1 more for other users of this Mac\n"));
+    EXPECT_THAT(ctl({"--user", "eve", "apply", "-"}, policy), Complains(1, administratorsOnly));
+    EXPECT_THAT(
+        ctl({"--user", "bob", "vlan", "delete", "vlan9"}), Complains(1, administratorsOnly));
+    EXPECT_THAT(ctl({"--user", "ada", "remove"}), Prints(0, ""));
+    EXPECT_THAT(ctl({"--user", "eve", "version"}), Prints(0, helperVersion() + "\n"));
+    EXPECT_THAT(
+        ctl({"--user", "root", "apply", "-"}, "[]"),
+        Prints(
+            0,
+            "None of your networks has an enabled firewall. · 1 more for other users of this "
+            "Mac\n"));
+
+    const std::string store = contentOf(storePath);
+    EXPECT_THAT(store, HasSubstr("\"502\""));
+    EXPECT_THAT(store, Not(HasSubstr("\"501\"")));
+    EXPECT_THAT(logMessages(), Contains(StartsWith("Refused applyFirewall for uid 503: ")));
+}
+
+TEST_F(HelperctlUsersTest, ReadsTheFileAsTheUser) {
+    put("/tmp/secret.json", contentOf(labPath));
+    fs::permissions("/tmp/secret.json", fs::perms(0600));
+
+    EXPECT_THAT(
+        ctl({"--user", "bob", "preview", "/tmp/secret.json"}),
+        Complains(1, "Could not read \"/tmp/secret.json\": Permission denied.\n"));
+    EXPECT_EQ(shell("\"$0\" --user bob preview - </tmp/secret.json").status, 0);
+}
+
+TEST_F(HelperctlUsersTest, ActsForNobodyWhomTheSystemDoesNotKnow) {
+    for (const char* user : {"zoe", "", "501"}) {
+        EXPECT_THAT(
+            ctl({"--user", user, "version"}),
+            Complains(1, std::string("Found no user \"") + user + "\".\n"));
+    }
+}
+
+TEST_F(HelperctlUsersTest, KeepsNothingOfRootWhenItActsForAUser) {
+    Service service;
+    service.signal(SIGSTOP);
+    Program program(command({"--user", "ada", "version"}));
+    const std::string folder = "/proc/" + std::to_string(program.pid());
+    const auto status = [&] { return contentOf(folder + "/status"); };
+    while (status().find("Uid:\t501\t501\t501\t501\n") == std::string::npos) {
+        ASSERT_FALSE(program.endsWithin(10ms)) << program.error();
+    }
+
+    EXPECT_THAT(status(), HasSubstr("\nGid:\t20\t20\t20\t20\n"));
+    EXPECT_THAT(status(), HasSubstr("\nGroups:\t20 80 \n"));
+    EXPECT_THAT(status(), HasSubstr("\nCapEff:\t0000000000000000\n"));
+    EXPECT_THAT(status(), HasSubstr("\nCapPrm:\t0000000000000000\n"));
+    // Programs of that user can't take over this one, which bears an admitted identifier.
+    struct stat info {};
+    ASSERT_EQ(::stat((folder + "/mem").c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, rootUser);
+
+    service.signal(SIGCONT);
+    EXPECT_THAT(program.finish(), Prints(0, helperVersion() + "\n"));
 }
 
 }  // namespace

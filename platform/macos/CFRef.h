@@ -33,7 +33,7 @@ public:
     }
 
     /// Takes over the caller's reference; null gives an owner of nothing.
-    static CFRef adopt(Ref object) noexcept { return CFRef(object); }
+    static CFRef adopt(Ref CF_CONSUMED object) noexcept { return CFRef(object); }
 
     /// Adds a reference to an object that somebody else owns; null gives an owner of nothing.
     static CFRef retain(Ref object) noexcept {

@@ -11,10 +11,12 @@
 #if defined(__clang__)
 #define TARNVALE_NONNULL_BEGIN _Pragma("clang assume_nonnull begin")
 #define TARNVALE_NONNULL_END _Pragma("clang assume_nonnull end")
+#define CF_CONSUMED __attribute__((cf_consumed))
 #define CF_RETURNS_RETAINED __attribute__((cf_returns_retained))
 #else
 #define TARNVALE_NONNULL_BEGIN
 #define TARNVALE_NONNULL_END
+#define CF_CONSUMED
 #define CF_RETURNS_RETAINED
 #define _Nonnull
 #define _Nullable

@@ -25,7 +25,7 @@ using testing::Matcher;
 using testing::StartsWith;
 
 constexpr std::size_t connections = 64;
-constexpr std::size_t requestsEach = 8;
+constexpr std::size_t requestsEach = 4;
 
 /// A list of one network, a different one for each index.
 std::string networkOf(std::size_t index) {

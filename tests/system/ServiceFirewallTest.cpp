@@ -25,7 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -402,13 +401,13 @@ protected:
             return;
         }
         try {
-            network_ = std::make_unique<NetworkLab>();
+            machines = std::make_unique<NetworkLab>();
         } catch (const LabUnavailable& reason) {
             GTEST_SKIP() << reason.what();
         }
     }
 
-    std::unique_ptr<NetworkLab> network_;
+    std::unique_ptr<NetworkLab> machines;
 };
 
 TEST_F(ServiceStatesTest, AChangeEndsTheConnectionsThatItNoLongerAllows) {
@@ -420,20 +419,20 @@ TEST_F(ServiceStatesTest, AChangeEndsTheConnectionsThatItNoLongerAllows) {
     const std::string office = network('2', "Office", "192.168.65.0/24", "", "allow");
     applyFor(bob, open);
     applyFor(ada, office);
-    Question toLab = network_->established({.from = outside, .to = vm1, .port = 22});
-    Question toOffice = network_->established({.from = outside, .to = vm3, .port = 22});
+    Question toLab = machines->established({.from = outside, .to = vm1, .port = 22});
+    Question toOffice = machines->established({.from = outside, .to = vm3, .port = 22});
 
     applyFor(bob, open);
-    EXPECT_TRUE(network_->stillPasses(toLab)) << "nothing has changed";
+    EXPECT_TRUE(machines->stillPasses(toLab)) << "nothing has changed";
 
     applyFor(bob, closed);
-    EXPECT_TRUE(network_->nowDrops(toLab));
-    EXPECT_TRUE(network_->drops({.from = outside, .to = vm1, .port = 22}));
-    EXPECT_TRUE(network_->stillPasses(toOffice)) << "another user's";
+    EXPECT_TRUE(machines->nowDrops(toLab));
+    EXPECT_TRUE(machines->drops({.from = outside, .to = vm1, .port = 22}));
+    EXPECT_TRUE(machines->stillPasses(toOffice)) << "another user's";
 
     bob.call("RemoveFirewall");
-    EXPECT_TRUE(network_->passes({.from = outside, .to = vm1, .port = 22}));
-    EXPECT_TRUE(network_->stillPasses(toOffice)) << "a removal ends none";
+    EXPECT_TRUE(machines->passes({.from = outside, .to = vm1, .port = 22}));
+    EXPECT_TRUE(machines->stillPasses(toOffice)) << "a removal ends none";
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ std::string installedHelper() {
     fs::remove_all("/usr/local");
     fs::create_directories(helpers);
     fs::create_directories("/usr/local");
-    const std::string path = std::string(helpers) + "/TarnvaleAdminHelper";
+    std::string path = std::string(helpers) + "/TarnvaleAdminHelper";
     fs::copy_file(helperProgram, path);
     put(tool, "#!/bin/sh\n");
     fs::permissions(tool, fs::perms(0755));

@@ -197,7 +197,9 @@ using tarnvale::platform::toUtf8;
 }
 
 - (void)setTarnvaleResolverWithEnabled:(BOOL)enabled withReply:(void (^)(NSString*))reply {
-    answer(reply, [&] { return _exported->setTarnvaleResolverWithEnabled(enabled != NO); });
+    answer(reply, [&] {
+        return _exported->setTarnvaleResolverWithEnabled(static_cast<bool>(enabled));
+    });
 }
 
 - (void)shutdownForUpgradeWithReply:(void (^)(void))reply {

@@ -108,9 +108,9 @@ std::vector<std::string> callsOf(const std::vector<Step>& steps) {
     return calls;
 }
 
-/// Fails each step in turn, in both ways that the Security framework has.
-class FailingStepsTest : public MacAdmissionTest {
+class MacAdmissionFailuresTest : public MacAdmissionTest {
 protected:
+    /// Fails each step in turn, in both ways that the Security framework has.
     void expectEachFailure(const std::vector<Step>& steps) {
         ASSERT_TRUE(isAllowed());
         ASSERT_THAT(mac.calls, ElementsAreArray(callsOf(steps)));
@@ -218,11 +218,11 @@ TEST_F(MacAdmissionTest, AdmitsFromManyThreads) {
     }
 }
 
-TEST_F(FailingStepsTest, OfADevelopmentSignedHelper) {
+TEST_F(MacAdmissionFailuresTest, CountAsANoForADevelopmentSignedHelper) {
     expectEachFailure({identification.begin(), identification.end()});
 }
 
-TEST_F(FailingStepsTest, OfADeveloperIDSignedHelper) {
+TEST_F(MacAdmissionFailuresTest, CountAsANoForADeveloperIDSignedHelper) {
     giveEverybodyADeveloperID();
     std::vector<Step> steps(identification.begin(), identification.end());
     steps.insert(steps.end(), strictCheck.begin(), strictCheck.end());

@@ -38,13 +38,13 @@ public:
     Clock::time_point now() override { return Clock::now(); }
 
     void repeat(std::chrono::milliseconds period, Work work) override {
-        auto context = std::make_unique<Work>(std::move(work));
-        const auto timer = ::dispatch_source_create(
+        auto kept = std::make_unique<Work>(std::move(work));
+        dispatch_source_t timer = ::dispatch_source_create(
             DISPATCH_SOURCE_TYPE_TIMER, 0, 0, ::dispatch_get_global_queue(QOS_CLASS_UTILITY, 0));
         if (timer == nullptr) {
             throw std::bad_alloc();
         }
-        ::dispatch_set_context(timer, context.release());
+        ::dispatch_set_context(timer, kept.release());
         ::dispatch_source_set_event_handler_f(
             timer, [](void* context) { perform(*static_cast<const Work*>(context)); });
         ::dispatch_source_set_timer(

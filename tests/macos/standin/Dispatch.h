@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+//
+// Dispatch for the C++ parts of platform/macos: it keeps what it is given, and runs it when the
+// test says so.
+
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <optional>
+
+#include <dispatch/dispatch.h>
+
+/// A timer source as it was set up.
+struct dispatch_source_s {
+    std::intptr_t queue = 0;  ///< the quality-of-service class
+    std::uintptr_t flags = 0;
+    void* context = nullptr;
+    dispatch_function_t handler = nullptr;
+    std::chrono::nanoseconds start{};
+    std::chrono::nanoseconds interval{};
+    std::chrono::nanoseconds leeway{};
+    bool isResumed = false;
+
+    void fire() const { handler(context); }
+};
+
+namespace tarnvale::test {
+
+/// Thrown where a Mac's dispatch keeps the main thread for good.
+struct MainThreadGiven {};
+
+struct Dispatch {
+    struct DelayedWork {
+        std::chrono::nanoseconds delay;
+        std::intptr_t queue;
+        void* context;
+        dispatch_function_t work;
+
+        void run() const { work(context); }
+    };
+
+    std::deque<dispatch_source_s> timers;
+    std::deque<DelayedWork> delayed;
+    bool hasNoSources = false;
+
+    /// That of this process.
+    static Dispatch& current();
+};
+
+}  // namespace tarnvale::test

@@ -2,7 +2,7 @@
 //
 // Where the service's socket comes from: systemd passes it, or the helper makes it.
 
-#include <csignal>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -52,6 +52,11 @@ bool hasCaller(const UniqueFd& listening) {
     return ::poll(&waited, 1, patience) == 1;
 }
 
+/// How a helper has ended that is not to serve.
+Finished endOf(Program& helper) {
+    return helper.endsWithin(std::chrono::seconds(20)) ? helper.finish() : Finished();
+}
+
 /// What becomes of a helper that is told of a passed socket in this way, and gets `fd` as its
 /// descriptor 3.
 Finished passed(int fd, const std::vector<std::string>& variables) {
@@ -59,7 +64,14 @@ Finished passed(int fd, const std::vector<std::string>& variables) {
     if (fd >= 0) {
         surroundings.descriptors = {{fd, 3}};
     }
-    return Program(activationCommand(helperProgram, variables), {}, surroundings).finish();
+    Program helper(activationCommand(helperProgram, variables), {}, surroundings);
+    return endOf(helper);
+}
+
+/// What becomes of a helper to which nothing is passed.
+Finished startedByHand() {
+    Program helper({helperProgram});
+    return endOf(helper);
 }
 
 Finished passedOne(int fd) {
@@ -212,7 +224,7 @@ TEST_F(ServiceActivationTest, LeavesAnotherHelpersSocketAlone) {
     const ino_t inode = inodeOf(servicePath);
 
     EXPECT_THAT(
-        run({helperProgram}),
+        startedByHand(),
         failedWith("TarnvaleAdminHelper: Another helper listens on "
                    "/run/com.brackwen.tarnvale.adminhelper.socket.\n"));
 
@@ -227,18 +239,18 @@ TEST_F(ServiceActivationTest, LeavesWhatIsNoSocketAlone) {
         "socket is in the way: it isn't a socket.\n";
 
     put(servicePath, "somebody's");
-    EXPECT_THAT(run({helperProgram}), failedWith(inTheWay));
+    EXPECT_THAT(startedByHand(), failedWith(inTheWay));
     EXPECT_EQ(contentOf(servicePath), "somebody's");
 
     fs::remove(servicePath);
     fs::create_directory(servicePath);
-    EXPECT_THAT(run({helperProgram}), failedWith(inTheWay));
+    EXPECT_THAT(startedByHand(), failedWith(inTheWay));
     EXPECT_TRUE(fs::is_directory(servicePath));
 
     fs::remove(servicePath);
     makeListeningSocket("/run/other");
     fs::create_symlink("/run/other", servicePath);
-    EXPECT_THAT(run({helperProgram}), failedWith(inTheWay));
+    EXPECT_THAT(startedByHand(), failedWith(inTheWay));
     EXPECT_TRUE(fs::is_symlink(servicePath));
     EXPECT_THAT(logMessages(), IsEmpty());
 }
@@ -247,7 +259,7 @@ TEST_F(ServiceActivationTest, SaysThatThereIsNoPlaceForASocket) {
     ASSERT_EQ(::mount(nullptr, "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
 
     EXPECT_THAT(
-        run({helperProgram}),
+        startedByHand(),
         failedWith("TarnvaleAdminHelper: Could not bind "
                    "/run/com.brackwen.tarnvale.adminhelper.socket: Read-only file system.\n"));
 }

@@ -112,6 +112,11 @@ elseif(TARNVALE_TESTS)
             add_executable(${name} ${arg_PORTABLE_SOURCES})
             target_link_libraries(${name} PRIVATE
                 tarnvale_options ${arg_DEPENDS} GTest::gmock_main)
+            # GoogleTest is there for this machine's processor only.
+            if(CMAKE_OSX_ARCHITECTURES)
+                set_target_properties(${name} PROPERTIES
+                    OSX_ARCHITECTURES "${CMAKE_HOST_SYSTEM_PROCESSOR}")
+            endif()
             gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST)
         endif()
     endfunction()

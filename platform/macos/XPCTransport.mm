@@ -72,6 +72,16 @@ NSString* textOrNil(const OptionalText& text) {
     return text ? toNSString(*text) : nil;
 }
 
+/// Sends a reply. If that fails, the client is gone and has none to get.
+template <class Reply, class... Texts>
+void send(Reply reply, Texts... texts) noexcept {
+    try {
+        reply(texts...);
+    } catch (...) {
+        // The connection's end is told of by itself.
+    }
+}
+
 /// Runs the method and replies with its text, or with `failure` if it throws: once in any case.
 template <class Method>
 void answer(
@@ -83,7 +93,7 @@ void answer(
         } catch (...) {
             text = failure;
         }
-        reply(text);
+        send(reply, text);
     }
 }
 
@@ -101,7 +111,7 @@ void answer(void (^reply)(NSString*, NSString*), const Method& method) noexcept 
             result = nil;
             error = notEnoughMemory;
         }
-        reply(result, error);
+        send(reply, result, error);
     }
 }
 
@@ -207,7 +217,7 @@ using tarnvale::platform::toUtf8;
         bool replied = false;
         const auto replyOnce = [&] {
             if (!std::exchange(replied, true)) {
-                reply();
+                tarnvale::platform::send(reply);
             }
         };
         try {
@@ -236,7 +246,7 @@ public:
             } @catch (NSException* exception) {
                 throw TransportError(
                     "Could not offer the service " + toUtf8(machServiceName) + ": " +
-                    toUtf8(exception.reason));
+                    toUtf8(exception.reason) + ".");
             }
         }
     }

@@ -21,6 +21,7 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_message_append_basic)      \
     SYMBOL(sd_bus_message_close_container)   \
     SYMBOL(sd_bus_message_get_expect_reply)  \
+    SYMBOL(sd_bus_message_get_path)          \
     SYMBOL(sd_bus_message_new_method_return) \
     SYMBOL(sd_bus_message_open_container)    \
     SYMBOL(sd_bus_message_read_array)        \
@@ -30,6 +31,7 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_new)                       \
     SYMBOL(sd_bus_object_vtable_format)      \
     SYMBOL(sd_bus_process)                   \
+    SYMBOL(sd_bus_reply_method_errorf)       \
     SYMBOL(sd_bus_send)                      \
     SYMBOL(sd_bus_set_anonymous)             \
     SYMBOL(sd_bus_set_fd)                    \

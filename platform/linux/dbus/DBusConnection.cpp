@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -95,17 +96,33 @@ Bus makeBus(int socket, ProtocolObject& object) {
 /// Stands between a message that has been read and its handler.
 struct Gate {
     std::function<bool()> mayPass;
+    bool hasMessage = false;   ///< one has come
     bool hasHeldBack = false;  ///< which ends the connection
 };
 
-int passGate(sd_bus_message* /*message*/, void* userdata, sd_bus_error* /*error*/) noexcept {
+/// Far longer than the paths of our objects. sd-bus looks for an object at each of the folders that
+/// a path names, and for 64 KiB of folders that takes it seconds.
+constexpr std::size_t longestPath = 255;
+
+int passGate(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) noexcept {
     auto& gate = *static_cast<Gate*>(userdata);
+    gate.hasMessage = true;
     try {
         gate.hasHeldBack = gate.hasHeldBack || !gate.mayPass();
     } catch (...) {
         gate.hasHeldBack = true;
     }
-    return gate.hasHeldBack ? 1 : 0;  // 1 tells sd-bus that the message has been taken care of
+    if (gate.hasHeldBack) {
+        return 1;  // tells sd-bus that the message has been taken care of
+    }
+    const auto& lib = LibSystemd::get();
+    const char* const path = lib.sd_bus_message_get_path(message);
+    if (path != nullptr && std::strlen(path) > longestPath) {
+        // What asks for no reply gets none.
+        lib.sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object.");
+        return 1;
+    }
+    return 0;
 }
 
 /// Waits for one of the events; false when the time is over first. Zero waits without end.
@@ -236,18 +253,19 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
         if (!requirementHolds()) {
             return;
         }
+        gate.hasMessage = false;
         const int progress = require(lib.sd_bus_process(bus.get(), nullptr));
         if (gate.hasHeldBack) {
             return;
         }
-        if (progress > 0) {
+        const auto now = Clock::now();
+        if (gate.hasMessage) {
             requestDeadline = Clock::time_point::max();
             if (queued == 0) {
-                replyDeadline = Clock::now() + replyLimit;
+                replyDeadline = now + replyLimit;
             }
-        } else if (isDrained && queued == 0) {
+        } else if (isReady && progress > 0 && queued == 0) {
             // What has come is a part of a message. More of it puts neither deadline off.
-            const auto now = Clock::now();
             requestDeadline = std::min(requestDeadline, now + requestLimit);
             if (now >= requestDeadline ||
                 (now >= replyDeadline && !hasTakenEverything(socket_.get()))) {

@@ -25,6 +25,7 @@ std::size_t bigEndian(std::string_view bytes) {
 
 // The tags of DER.
 constexpr char integer = 0x02;
+constexpr char octetString = 0x04;
 constexpr char objectIdentifier = 0x06;
 constexpr char sequence = 0x30;
 constexpr char set = 0x31;
@@ -63,6 +64,26 @@ bool areSequences(std::string_view bytes, std::size_t fewest, std::size_t most) 
         }
     }
     return count >= fewest && count <= most;
+}
+
+/// Whether the bytes are no more elements than a signature may have, however deep they lie, and
+/// none of them is a long octet string, such as an extension's value is one, with elements inside.
+bool hasFewElements(std::string_view bytes) {
+    constexpr char isConstructed = 0x20;
+    for (std::size_t count = 0; !bytes.empty(); ++count) {
+        const char tag = bytes[0];
+        auto rest = bytes;
+        const auto content = takeElement(rest, tag);
+        if (count == mostElements || !content ||
+            (tag == octetString && content->size() > longestOctetString)) {
+            return false;
+        }
+        // What lies inside is looked at next, and what follows it after that.
+        bytes = (tag & isConstructed) != 0
+                    ? bytes.substr(static_cast<std::size_t>(content->data() - bytes.data()))
+                    : rest;
+    }
+    return true;
 }
 
 /// Takes the line that begins with `key` off the text: what stands between the key and the line
@@ -109,6 +130,9 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size) {
 }
 
 bool hasShapeOfSignature(std::string_view message) {
+    if (!hasFewElements(message)) {
+        return false;
+    }
     auto contentInfo = takeElement(message, sequence);
     if (!contentInfo || !message.empty() || !takeElement(*contentInfo, objectIdentifier)) {
         return false;

@@ -35,9 +35,17 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size);
 /// The most certificates that a message may carry.
 inline constexpr std::size_t mostCertificates = 16;
 
+/// The most elements of DER in a message: several times what that many certificates have. A name or
+/// a certificate could have a hundred thousand of them otherwise.
+inline constexpr std::size_t mostElements = 8192;
+
+/// The longest octet string in a message: the content and the signature are some, and the value of
+/// each extension of a certificate, which is DER again.
+inline constexpr std::size_t longestOctetString = 4096;
+
 /// Whether the message could be a signature by its outermost elements: DER, signed data with one
-/// signer and no more certificates than it may carry. Found out at no cost, where decoding all
-/// that a megabyte can hold takes OpenSSL most of a second.
+/// signer and no more certificates and elements than it may carry. Found out at no cost, where
+/// decoding all that a megabyte can hold takes OpenSSL most of a second.
 bool hasShapeOfSignature(std::string_view message);
 
 /// The three signed lines.

@@ -126,17 +126,21 @@ std::string element(char tag, const std::string& content) {
     return tag + length + content;
 }
 
-std::string sequences(int count) {
+std::string sequences(int count, const std::string& content = element(0x04, "content")) {
     std::string all;
     for (int index = 0; index < count; ++index) {
-        all += element(0x30, "content");
+        all += element(0x30, content);
     }
     return all;
 }
 
-std::string message(int certificates, int signers, const std::string& between = {}) {
+std::string message(
+    int certificates,
+    int signers,
+    const std::string& between = {},
+    const std::string& certificate = element(0x04, "content")) {
     const std::string data = element(0x02, "\x01") + element(0x31, "") + element(0x30, "") +
-                             element('\xA0', sequences(certificates)) + between +
+                             element('\xA0', sequences(certificates, certificate)) + between +
                              element(0x31, sequences(signers));
     return element(0x30, element(0x06, "type") + element('\xA0', element(0x30, data)));
 }
@@ -159,7 +163,26 @@ TEST(MessageShapeTest, IsThatOfTheWholeMessage) {
         EXPECT_FALSE(hasShapeOfSignature(good.substr(0, size))) << size;
     }
     EXPECT_FALSE(hasShapeOfSignature(good + '\0'));
-    EXPECT_FALSE(hasShapeOfSignature(message(1, 1, element('\xA1', "revocations"))));
+    EXPECT_FALSE(hasShapeOfSignature(message(1, 1, element('\xA1', element(0x04, "revocations")))));
+}
+
+TEST(MessageShapeTest, HasNoMoreElementsThanCanBeDecodedInNoTime) {
+    const auto withNulls = [](int count) {
+        std::string nulls;
+        for (int index = 0; index < count; ++index) {
+            nulls += element(0x05, "");
+        }
+        return message(2, 1, {}, element(0x31, element('\xA3', nulls)));
+    };
+    const auto withOctets = [](std::size_t count) {
+        return message(2, 1, {}, element(0x31, element(0x04, std::string(count, 'x'))));
+    };
+
+    EXPECT_TRUE(hasShapeOfSignature(withNulls(4000)));
+    EXPECT_FALSE(hasShapeOfSignature(withNulls(4100)));
+    EXPECT_TRUE(hasShapeOfSignature(withOctets(4096)));
+    EXPECT_FALSE(hasShapeOfSignature(withOctets(4097)));
+    EXPECT_FALSE(hasShapeOfSignature(message(1, 1, {}, "no DER")));
 }
 
 TEST(MessageShapeTest, HasNoIndefiniteLength) {

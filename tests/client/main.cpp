@@ -12,6 +12,8 @@
 //     send-raw [BYTES]              sends the bytes, or a RemoveFirewall call, past sd-bus:
 //     answered
 //                                   or closed
+//     lend                          connects like connect-raw, but sends the connection to the
+//                                   test with one byte instead of a sentence
 //     fork                          forked; a child goes on in its place and it waits to be killed
 //     exec PROGRAM                  the program, with the connection as its descriptor 3, goes on
 //                                   in its place
@@ -21,6 +23,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <iterator>
 #include <memory>
@@ -186,6 +189,26 @@ public:
         return {size > 0 ? "answered" : "closed"};
     }
 
+    void lend() {
+        connectRaw();
+        char byte = 0;
+        iovec bytes{.iov_base = &byte, .iov_len = 1};
+        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+        msghdr message{};
+        message.msg_iov = &bytes;
+        message.msg_iovlen = 1;
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        cmsghdr* const passed = CMSG_FIRSTHDR(&message);
+        passed->cmsg_level = SOL_SOCKET;
+        passed->cmsg_type = SCM_RIGHTS;
+        passed->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(passed), &connection_, sizeof connection_);
+        const auto sent = ::sendmsg(STDOUT_FILENO, &message, MSG_NOSIGNAL);
+        require(sent == 1 ? 0 : -errno, "sendmsg");
+        ::close(std::exchange(connection_, -1));
+    }
+
     [[noreturn]] void become(const std::string& program) const {
         constexpr int passed = 3;
         require(::dup2(connection_, passed), "dup2");
@@ -264,6 +287,8 @@ void serve(Client& client) {
             say(STDOUT_FILENO, client.sendRaw(*words));
         } else if (verb == "connect-raw") {
             say(STDOUT_FILENO, client.connectRaw());
+        } else if (verb == "lend") {
+            client.lend();
         } else if (verb == "fork") {
             leaveToChild();
             say(STDOUT_FILENO, {"forked"});

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -262,6 +263,26 @@ ServiceClient::ServiceClient(const std::string& program, uid_t uid, std::optiona
 
 bool ServiceClient::connects() {
     return tell({"connect"}) == Texts{"connected"};
+}
+
+support::UniqueFd ServiceClient::lend() {
+    say(process_.socket(), {"lend"});
+    char byte = 0;
+    iovec bytes{.iov_base = &byte, .iov_len = 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    const auto got = ::recvmsg(process_.socket(), &message, MSG_CMSG_CLOEXEC);
+    const cmsghdr* const passed = got == 1 ? CMSG_FIRSTHDR(&message) : nullptr;
+    if (passed == nullptr || passed->cmsg_type != SCM_RIGHTS) {
+        throw std::runtime_error("the client has no connection to lend");
+    }
+    int fd = -1;
+    std::memcpy(&fd, CMSG_DATA(passed), sizeof fd);
+    return support::UniqueFd(fd);
 }
 
 Texts ServiceClient::call(

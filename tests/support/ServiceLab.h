@@ -153,6 +153,10 @@ public:
     /// Whether the service lets it connect. The first call connects by itself.
     bool connects();
 
+    /// A further connection of the client's on which nothing has been said yet, for the test to
+    /// speak on by itself. To the service it is the client's, as long as the client lives.
+    support::UniqueFd lend();
+
     /// Makes the call and waits for its reply. The words are the values of the types' codes:
     /// texts, integers in decimal, "true" or "false", for "ay" the bytes.
     Texts call(

@@ -35,42 +35,44 @@ Outcome withoutResult(OptionalText error) {
     return error ? failure(*std::move(error)) : Outcome{};
 }
 
-/// The helper reads nothing of the file before it has all of it, so that a file which can't be read
-/// needs no helper.
+/// The file comes first: one that can't be read needs no helper.
 Outcome apply(const std::string& file, const Connect& connect) {
     const auto policyData = readPolicyFile(file);
     return withResult(&Answer::summary, connect()->applyFirewallWithPolicyData(policyData));
 }
 
-Outcome ask(const Arguments& arguments, platform::HelperClient& helper) {
+Outcome perform(const Arguments& arguments, const Connect& connect) {
     switch (arguments.command) {
         case Command::version:
-            return withResult(&Answer::version, {.result = helper.helperVersion(), .error = {}});
+            return withResult(
+                &Answer::version, {.result = connect()->helperVersion(), .error = {}});
         case Command::status:
-            return withResult(&Answer::report, helper.firewallReport());
+            return withResult(&Answer::report, connect()->firewallReport());
+        case Command::preview:
+            return preview(
+                readPolicyFile(arguments.file), NetworkFirewall::hostAddresses(), ::geteuid());
+        case Command::apply:
+            return apply(arguments.file, connect);
         case Command::remove:
-            return withoutResult(helper.removeFirewall());
+            return withoutResult(connect()->removeFirewall());
         case Command::createVLAN:
             return withResult(
                 &Answer::bsdName,
-                helper.createVLANWithName(arguments.name, arguments.tag, arguments.parentBSD));
+                connect()->createVLANWithName(arguments.name, arguments.tag, arguments.parentBSD));
         case Command::deleteVLAN:
-            return withoutResult(helper.deleteVLANWithBsdName(arguments.bsdName));
+            return withoutResult(connect()->deleteVLANWithBsdName(arguments.bsdName));
         case Command::installLink:
-            return withoutResult(helper.installCLISymlink());
+            return withoutResult(connect()->installCLISymlink());
         case Command::removeLink:
-            return withoutResult(helper.removeCLISymlink());
+            return withoutResult(connect()->removeCLISymlink());
         case Command::resolverOn:
-            return withoutResult(helper.setTarnvaleResolverWithEnabled(true));
+            return withoutResult(connect()->setTarnvaleResolverWithEnabled(true));
         case Command::resolverOff:
-            return withoutResult(helper.setTarnvaleResolverWithEnabled(false));
+            return withoutResult(connect()->setTarnvaleResolverWithEnabled(false));
         case Command::shutdown:
-            helper.shutdownForUpgrade([] {});
-            return {};
-        case Command::preview:
-        case Command::apply:
-            break;  // they begin with their file
+            break;
     }
+    connect()->shutdownForUpgrade([] {});
     return {};
 }
 
@@ -104,14 +106,7 @@ std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
 
 Outcome run(const Arguments& arguments, const Connect& connect) {
     try {
-        if (arguments.command == Command::preview) {
-            return preview(
-                readPolicyFile(arguments.file), NetworkFirewall::hostAddresses(), ::geteuid());
-        }
-        if (arguments.command == Command::apply) {
-            return apply(arguments.file, connect);
-        }
-        return ask(arguments, *connect());
+        return perform(arguments, connect);
     } catch (const HelperClientError& error) {
         return failure(error.what(), statusFor(error.errorCase()));
     } catch (const std::exception& error) {

@@ -262,6 +262,12 @@ TEST_F(CommandsTest, PreviewsWithoutTheHelper) {
     EXPECT_THAT(outcome.answer.ruleset.value(), StartsWith("# Tarnvale network firewall"));
     EXPECT_THAT(conversation.calls, IsEmpty());
 
+    test::put(path, "[\xFF]");
+    EXPECT_EQ(
+        run(arguments),
+        failure("Could not read the firewall policy: expected a value, found byte 0xFF at line 1, "
+                "column 2"));
+
     test::put(path, "[1]");
     EXPECT_EQ(
         run(arguments),

@@ -44,21 +44,17 @@ Outcome perform(const Arguments& arguments) {
     return run(arguments, tarnvale::platform::connectToHelper);
 }
 
-int runProgram(int argc, const char* const* argv) {
+/// Prints what the command line asks for; returns the exit status.
+int answer(int argc, const char* const* argv) {
     const auto parsed = parseArguments(argc, argv);
     if (const auto* const ending = std::get_if<Ending>(&parsed)) {
-        std::cout << ending->output << std::flush;
+        std::cout << ending->output;
         std::cerr << ending->error;
         return ending->status;
     }
     const auto& arguments = std::get<Arguments>(parsed);
     const auto outcome = perform(arguments);
     print(outcome.answer, arguments.format, std::cout, std::cerr);
-    std::cout.flush();
-    if (!std::cout) {
-        std::cerr << "Could not write the result.\n";
-        return refusedOrFailed;
-    }
     return outcome.status;
 }
 
@@ -67,7 +63,11 @@ int runProgram(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
     openStandardDescriptors();
     try {
-        return runProgram(argc, argv);
+        const int status = answer(argc, argv);
+        if (std::cout.flush()) {
+            return status;
+        }
+        std::cerr << "Could not write the result.\n";
     } catch (const std::exception& error) {
         std::cerr << "tarnvale-helperctl: " << error.what() << '\n';
     }

@@ -311,9 +311,11 @@ TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
 }
 
 TEST(HelperctlAloneTest, SaysWhenItsResultIsLost) {
-    EXPECT_THAT(
-        run({"/bin/sh", "-c", R"("$0" preview "$1" >/dev/full)", unsignedProgram, labPath}),
-        Complains(1, "Could not write the result.\n"));
+    for (const char* line : {R"("$0" preview "$1" >/dev/full)", R"("$0" --help >/dev/full)"}) {
+        EXPECT_THAT(
+            run({"/bin/sh", "-c", line, unsignedProgram, labPath}),
+            Complains(1, "Could not write the result.\n"));
+    }
 }
 
 /// Where there are other users.

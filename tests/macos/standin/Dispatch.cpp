@@ -13,7 +13,8 @@ struct dispatch_queue_s {
 namespace tarnvale::test {
 
 Dispatch& Dispatch::current() {
-    static Dispatch dispatch;
+    // A timer's work is for the life of the process, so what holds it is too.
+    static auto& dispatch = *new Dispatch;
     return dispatch;
 }
 

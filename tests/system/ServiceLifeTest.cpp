@@ -7,7 +7,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -66,8 +68,12 @@ void inPrivateMachines(int count, const std::function<void()>& work) {
                 made = made && ::mount("private", folder, "tmpfs", 0, nullptr) == 0;
             }
             EXPECT_TRUE(made);
-            if (made) {
-                work();
+            try {
+                if (made) {
+                    work();
+                }
+            } catch (const std::exception& error) {
+                ADD_FAILURE() << error.what();
             }
             std::fflush(nullptr);
             ::_exit(testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
@@ -90,11 +96,12 @@ TEST_F(ServiceLifeTest, ReappliesWhatIsStoredBeforeItCanBeReached) {
     put(storePath,
         R"({"owners":{"501":{"appliedAt":763636013,"policies":)" + std::string(networks) + "}}}");
     ScriptedPfctl pfctl;
-    pfctl.answer("-E", "test -e /run/com.brackwen.tarnvale.adminhelper.socket || touch /run/early");
+    pfctl.answer(
+        "-E", "test -e /run/com.brackwen.tarnvale.adminhelper.socket || touch /run/unreachable");
 
     const Service service;
 
-    EXPECT_TRUE(exists("/run/early"));
+    EXPECT_TRUE(exists("/run/unreachable"));
     EXPECT_THAT(
         logMessages(),
         ElementsAre(

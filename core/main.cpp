@@ -12,7 +12,6 @@
 #include <string>
 #include <string_view>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "core/ClientAdmission.h"
@@ -27,19 +26,9 @@
 #include "platform/NetworkPreferences.h"
 #include "platform/Transport.h"
 #include "platform/Users.h"
+#include "support/StandardDescriptors.h"
 
 namespace {
-
-/// Descriptors 0 to 2 must be open, or the next file of ours would be taken for one of them.
-void openStandardDescriptors() {
-    int fd = 0;
-    do {
-        fd = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open): children share 0 to 2
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd > STDERR_FILENO) {
-        ::close(fd);
-    }
-}
 
 /// Output that nobody takes is lost; there is nobody else to tell.
 void writeAll(int fd, std::string_view text) {
@@ -107,7 +96,7 @@ int run(std::string_view argument) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    openStandardDescriptors();
+    tarnvale::support::openStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): it can't fail for this signal
     // Whoever starts us may ignore it, and we would inherit that: no child could be waited for.
     ::signal(SIGCHLD, SIG_DFL);  // NOLINT(cert-err33-c): it can't fail for this signal

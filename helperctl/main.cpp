@@ -6,7 +6,6 @@
 #include <iostream>
 #include <variant>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "helperctl/ActingUser.h"
@@ -14,21 +13,11 @@
 #include "helperctl/Arguments.h"
 #include "helperctl/Commands.h"
 #include "platform/HelperClient.h"
+#include "support/StandardDescriptors.h"
 
 namespace {
 
 using namespace tarnvale::helperctl;  // NOLINT(google-build-using-namespace): this is its program
-
-/// Descriptors 0 to 2 must be open, or what is printed could go into the connection.
-void openStandardDescriptors() {
-    int fd = 0;
-    do {
-        fd = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open): 0, 1 or 2
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd > STDERR_FILENO) {
-        ::close(fd);
-    }
-}
 
 Outcome perform(const Arguments& arguments) {
     if (auto problem = refusal(arguments, ::getuid())) {
@@ -61,7 +50,7 @@ int answer(int argc, const char* const* argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    openStandardDescriptors();
+    tarnvale::support::openStandardDescriptors();
     try {
         const int status = answer(argc, argv);
         if (std::cout.flush()) {

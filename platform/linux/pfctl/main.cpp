@@ -3,7 +3,6 @@
 // pfctl for Linux: loads pf rulesets into the kernel's nftables and says what it enforces. Results
 // and errors go to standard error, only listings to standard output, as with pf's own tool.
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -11,26 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "platform/linux/pfctl/Arguments.h"
 #include "platform/linux/pfctl/Commands.h"
 #include "platform/linux/pfctl/PfctlError.h"
+#include "support/StandardDescriptors.h"
 
 namespace {
-
-/// Descriptors 0 to 2 must be open, or a socket or a file of ours would be taken for one of them.
-void openStandardDescriptors() {
-    int fd = 0;
-    do {
-        fd = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open): 0, 1 or 2
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd > STDERR_FILENO) {
-        ::close(fd);
-    }
-}
 
 void complain(const char* text) {
     for (const char* const part : {"pfctl: ", text, "\n"}) {
@@ -43,7 +28,7 @@ void complain(const char* text) {
 int main(int argc, char** argv) {
     using namespace tarnvale;  // NOLINT(google-build-using-namespace): of this program's own
     try {
-        openStandardDescriptors();
+        support::openStandardDescriptors();
         const std::vector<std::string_view> words(argv + (argc > 0 ? 1 : 0), argv + argc);
         return pfctl::run(pfctl::parseArguments(words));
     } catch (const pfctl::UsageError& error) {

@@ -490,11 +490,12 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
 
     auto& half = add("half a message", nothing, 30s);
     ASSERT_TRUE(half.authenticate());
-    constexpr std::uint32_t large = 100'000'000;
+    // A sanitizer's realloc copies all of it each time that something comes.
+    constexpr std::uint32_t large = isSanitized ? 1'000'000 : 100'000'000;
     const std::string announced =
         RawMessage{.member = "ApplyFirewall", .signature = "ay", .body = wireNumber(large - 4)}
             .bytes(large);
-    ASSERT_TRUE(half.send(announced + std::string(32'000'000, 'x')));
+    ASSERT_TRUE(half.send(announced + std::string(large / 3, 'x')));
 
     auto& slowly = add("a message slowly", sendByte, 30s);
     ASSERT_TRUE(slowly.authenticate());

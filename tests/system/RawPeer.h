@@ -24,8 +24,8 @@ inline constexpr std::uint8_t signalMessage = 4;
 /// What a message says; whatever is not said otherwise makes it a call of a method of the service.
 struct RawMessage {
     std::string member = "HelperVersion";
-    std::string signature;  ///< of the body
-    std::string body;       ///< as it goes over the wire
+    std::string signature{};  ///< of the body
+    std::string body{};       ///< as it goes over the wire
     std::uint8_t type = methodCall;
     std::uint8_t flags = 0;
     std::uint32_t serial = 1;

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -19,12 +20,6 @@ namespace tarnvale::bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-double median(std::vector<double>& values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 }  // namespace
 
@@ -65,6 +60,12 @@ Cost runProgram(std::vector<std::string> words) {
     return cost;
 }
 
+double median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
 Comparison compare(
     int rounds, const std::function<double()>& measured, const std::function<double()>& floor) {
     std::vector<double> times;
@@ -73,16 +74,23 @@ Comparison compare(
         times.push_back(measured());
         floors.push_back(floor());
     }
-    return {.measured = median(times), .floor = median(floors)};
+    return {.measured = median(std::move(times)), .floor = median(std::move(floors))};
 }
 
-void printRow(const std::string& name, const Comparison& comparison) {
+void printRow(const std::string& name, const Comparison& comparison, const std::string& unit) {
     std::printf(
-        "%-44s %12.2f us %12.2f us %8.2fx\n",
+        "%-44s %12.2f %s %12.2f %s %8.2fx\n",
         name.c_str(),
         comparison.measured,
+        unit.c_str(),
         comparison.floor,
+        unit.c_str(),
         comparison.ratio());
+    std::fflush(stdout);
+}
+
+void printRow(const std::string& name, double measured, const std::string& unit) {
+    std::printf("%-44s %12.2f %s\n", name.c_str(), measured, unit.c_str());
     std::fflush(stdout);
 }
 

@@ -26,6 +26,8 @@ Cost runProgram(std::vector<std::string> words);
 /// The time that the work takes.
 double microseconds(const std::function<void()>& work);
 
+double median(std::vector<double> values);
+
 /// The median times of two pieces of work that are done in turns, so that whatever else the machine
 /// does meets both. Each returns its time in microseconds.
 struct Comparison {
@@ -37,7 +39,11 @@ struct Comparison {
 Comparison compare(
     int rounds, const std::function<double()>& measured, const std::function<double()>& floor);
 
-/// Prints one row of a table of figures.
-void printRow(const std::string& name, const Comparison& comparison);
+/// Prints one row of a table of figures, the ratio last.
+void printRow(
+    const std::string& name, const Comparison& comparison, const std::string& unit = "us");
+
+/// Prints a row of a figure that has no floor.
+void printRow(const std::string& name, double measured, const std::string& unit);
 
 }  // namespace tarnvale::bench

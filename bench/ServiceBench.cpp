@@ -1,0 +1,479 @@
+// SPDX-License-Identifier: MIT
+//
+// What the service costs: the shipped helper with a signed client, beside a bare D-Bus server that
+// does nothing else (service/EchoService.cpp), in turns; its start, its memory, its wake-ups. It
+// writes the true paths, so it enters a private root first; it needs root. An argument chooses one
+// of the benches: rate, connect, admission, activation, version, memory or wake-ups.
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "bench/PolicyDocument.h"
+#include "bench/Programs.h"
+#include "support/UniqueFd.h"
+#include "tests/support/PrivateRoot.h"
+
+namespace tarnvale::bench {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
+constexpr const char* echoPath = TARNVALE_BIN_DIR "/echo_service";
+constexpr const char* callerPath = TARNVALE_BIN_DIR "/service_caller";
+
+constexpr const char* caller = "/tmp/caller";            ///< as small as it is
+constexpr const char* largeCaller = "/tmp/caller-1-MB";  ///< of 1 MB
+constexpr const char* documentPath = "/tmp/document.json";
+constexpr const char* logPath = "/var/log/tarnvale-adminhelper.log";
+
+const std::vector<std::string> helper{helperPath};
+const std::vector<std::string> echoLoop{echoPath, "loop"};
+const std::vector<std::string> echoThreads{echoPath, "threads"};
+
+constexpr std::size_t callerSize = 1'000'000;
+constexpr std::size_t requestSize = std::size_t{16} << 20;
+
+/// Everything that runs on one core runs on this one.
+constexpr int theCore = 0;
+
+/// What is started while it lives has one core.
+class OnOneCore {
+public:
+    OnOneCore() {
+        require(::sched_getaffinity(0, sizeof before_, &before_) == 0, "sched_getaffinity");
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(theCore, &one);
+        require(::sched_setaffinity(0, sizeof one, &one) == 0, "sched_setaffinity");
+    }
+    OnOneCore(const OnOneCore&) = delete;
+    OnOneCore& operator=(const OnOneCore&) = delete;
+    ~OnOneCore() { ::sched_setaffinity(0, sizeof before_, &before_); }
+
+private:
+    cpu_set_t before_{};
+};
+
+double clockMicroseconds() {
+    return std::chrono::duration<double, std::micro>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+/// A server that is started with a listening socket, as systemd starts one.
+class Server {
+public:
+    explicit Server(const std::vector<std::string>& words)
+        : path_("/tmp/server-" + std::to_string(++count_)), socket_(listeningSocket(path_)) {
+        start(words);
+    }
+    Server(const std::vector<std::string>& words, const std::function<void(const Server&)>& before)
+        : path_("/tmp/server-" + std::to_string(++count_)), socket_(listeningSocket(path_)) {
+        before(*this);
+        start(words);
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+        ::unlink(path_.c_str());
+    }
+
+    const std::string& path() const { return path_; }
+    pid_t pid() const { return pid_; }
+
+    /// When it was about to become its program, by the steady clock, in microseconds.
+    double startedAt() const { return startedAt_; }
+
+private:
+    static support::UniqueFd listeningSocket(const std::string& path) {
+        support::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(std::begin(address.sun_path), sizeof address.sun_path - 1);
+        const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+        require(
+            fd && ::bind(fd.get(), generic, sizeof address) == 0 &&
+                ::listen(fd.get(), SOMAXCONN) == 0,
+            "listen");
+        return fd;
+    }
+
+    void start(const std::vector<std::string>& words) {
+        std::vector<char*> arguments;
+        for (const std::string& word : words) {
+            arguments.push_back(const_cast<char*>(word.c_str()));
+        }
+        arguments.push_back(nullptr);
+        void* const shared = ::mmap(
+            nullptr, sizeof(double), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        require(shared != MAP_FAILED, "mmap");
+        auto* const startedAt = new (shared) double(0);
+        pid_ = ::fork();
+        require(pid_ >= 0, "fork");
+        if (pid_ == 0) {
+            constexpr int passed = 3;
+            if (::dup2(socket_.get(), passed) != passed || ::fcntl(passed, F_SETFD, 0) != 0 ||
+                ::setenv("LISTEN_FDS", "1", 1) != 0 ||
+                ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1) != 0) {
+                ::_exit(EXIT_FAILURE);
+            }
+            *startedAt = clockMicroseconds();
+            ::execv(arguments[0], arguments.data());
+            ::_exit(EXIT_FAILURE);
+        }
+        awaitProgram();
+        startedAt_ = *startedAt;
+        ::munmap(shared, sizeof(double));
+    }
+
+    /// The time stands in memory that the child shares until it becomes another program.
+    void awaitProgram() const {
+        const std::string link = "/proc/" + std::to_string(pid_) + "/exe";
+        while (fs::read_symlink(link) == fs::read_symlink("/proc/self/exe")) {
+            std::this_thread::sleep_for(50us);
+        }
+    }
+
+    static inline int count_ = 0;
+    std::string path_;
+    support::UniqueFd socket_;
+    pid_t pid_ = -1;
+    double startedAt_ = 0;
+};
+
+/// A client program at work, which says lines.
+class Call {
+public:
+    Call(const char* program, const std::string& socket, std::vector<std::string> words) {
+        words.insert(words.begin(), {program, socket});
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        int input[2]{};
+        int output[2]{};
+        require(::pipe2(input, O_CLOEXEC) == 0 && ::pipe2(output, O_CLOEXEC) == 0, "pipe2");
+        const support::UniqueFd itsInput(input[0]);
+        const support::UniqueFd itsOutput(output[1]);
+        input_.reset(input[1]);
+        output_ = ::fdopen(output[0], "r");
+        posix_spawn_file_actions_t actions{};
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_adddup2(&actions, itsInput.get(), STDIN_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, itsOutput.get(), STDOUT_FILENO);
+        errno = ::posix_spawn(&pid_, program, &actions, nullptr, arguments.data(), environ);
+        ::posix_spawn_file_actions_destroy(&actions);
+        require(errno == 0, program);
+    }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+    ~Call() {
+        input_.reset();
+        ::waitpid(pid_, nullptr, 0);
+        std::fclose(output_);  // NOLINT(cert-err33-c): it was only read
+    }
+
+    std::string line() {
+        char text[64]{};
+        if (std::fgets(text, sizeof text, output_) == nullptr) {
+            throw std::runtime_error("the client was turned away");
+        }
+        return text;
+    }
+
+    double number() { return std::stod(line()); }
+
+private:
+    support::UniqueFd input_;
+    std::FILE* output_ = nullptr;
+    pid_t pid_ = -1;
+};
+
+double figure(const char* program, const Server& server, std::vector<std::string> words) {
+    return Call(program, server.path(), std::move(words)).number();
+}
+
+void runCommand(const std::string& command) {
+    // NOLINTNEXTLINE(cert-env33-c): the commands are this file's own
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error(command);
+    }
+}
+
+void makeClients() {
+    const std::string scripts = TARNVALE_SOURCE_DIR "/scripts/";
+    runCommand(scripts + "dev-ca /tmp/ca");
+    for (const char* path : {caller, largeCaller}) {
+        fs::copy_file(callerPath, path);
+        if (path == largeCaller) {
+            fs::resize_file(path, callerSize);
+        }
+        runCommand(
+            scripts + "codesign /tmp/ca/leaf.key /tmp/ca/chain.pem com.brackwen.tarnvale " + path);
+    }
+    fs::create_directories("/etc/tarnvale");
+    fs::remove("/etc/tarnvale/code-signing-roots.pem");
+    fs::copy_file("/tmp/ca/root.pem", "/etc/tarnvale/code-signing-roots.pem");
+    // Verdicts on files that changed just now are not kept.
+    std::this_thread::sleep_for(4s);
+}
+
+void benchRate(std::size_t connections, std::size_t calls) {
+    const OnOneCore onOneCore;
+    const Server service(helper);
+    const Server echo(echoLoop);
+    const Server threads(echoThreads);
+    const auto callsASecond = [&](const Server& server) {
+        const auto microsecondsOfOne =
+            figure(caller, server, {"rate", std::to_string(connections), std::to_string(calls)});
+        return 1e6 / microsecondsOfOne;
+    };
+    std::vector<double> ofThreads;
+    const auto comparison = compare(
+        15,
+        [&] {
+            ofThreads.push_back(callsASecond(threads));
+            return callsASecond(service);
+        },
+        [&] { return callsASecond(echo); });
+    const std::string name =
+        std::to_string(connections) + (connections == 1 ? " connection" : " connections");
+    printRow("calls a second, " + name, comparison, "/s");
+    printRow(
+        "the same by an echo with threads",
+        {.measured = median(ofThreads), .floor = comparison.floor},
+        "/s");
+}
+
+void benchConnect() {
+    const Server service(helper);
+    const Server echo(echoThreads);
+    const auto connect = [](const Server& server) {
+        return figure(caller, server, {"connect", "300"});
+    };
+    printRow(
+        "new connection to its first reply",
+        compare(
+            15, [&] { return connect(service); }, [&] { return connect(echo); }));
+}
+
+/// From the program's start to its first reply, to a client that waits for it.
+double activation(const std::vector<std::string>& words, const char* program) {
+    std::optional<Call> call;
+    const Server server(words, [&](const Server& waiting) {
+        call.emplace(program, waiting.path(), std::vector<std::string>{"first"});
+        call->line();
+    });
+    return call->number() - server.startedAt();
+}
+
+void benchActivation() {
+    printRow(
+        "activated, exec to first reply",
+        compare(
+            60,
+            [] { return activation(helper, caller); },
+            [] { return activation(echoLoop, caller); }));
+}
+
+void awaitListening() {
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        std::ifstream log(logPath);
+        const std::string text{std::istreambuf_iterator<char>(log), {}};
+        if (text.find(" listening on ") != std::string::npos) {
+            return;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    throw std::runtime_error("the helper does not listen");
+}
+
+/// A helper that listens and has met nobody.
+class FreshHelper {
+public:
+    FreshHelper() : server_((fs::remove(logPath), helper)) { awaitListening(); }
+    const Server& operator*() const { return server_; }
+
+private:
+    Server server_;
+};
+
+void benchAdmission() {
+    std::vector<double> inAFreshProcess;
+    std::vector<double> later;
+    for (int round = 0; round < 40; ++round) {
+        const FreshHelper service;
+        inAFreshProcess.push_back(figure(largeCaller, *service, {"connect", "1"}));
+    }
+    for (int round = 0; round < 40; ++round) {
+        const FreshHelper service;
+        figure(caller, *service, {"connect", "1"});
+        later.push_back(figure(largeCaller, *service, {"connect", "1"}));
+    }
+    printRow("first admission, client of 1 MB", median(inAFreshProcess) / 1000, "ms");
+    printRow("the same when another one came before", median(later) / 1000, "ms");
+}
+
+void benchVersion() {
+    printRow(
+        "--version",
+        compare(
+            300,
+            [] {
+                return runProgram({helperPath, "--version"}).microseconds;
+            },
+            [] { return runProgram({TARNVALE_BIN_DIR "/print_line"}).microseconds; }));
+}
+
+/// Memory that is its own alone, the pages of files that it has not changed left out: those are
+/// everybody's, though nobody else may have them open at the moment.
+double privateKibibytes(const Server& server) {
+    std::ifstream file("/proc/" + std::to_string(server.pid()) + "/smaps_rollup");
+    std::string key;
+    double sum = 0;
+    while (file >> key) {
+        double value = 0;
+        if (key == "Private_Dirty:" && file >> value) {
+            sum += value;
+        }
+    }
+    return sum;
+}
+
+void benchMemory() {
+    constexpr int connections = 60;
+    // The packet filter's program is another process; here it does nothing.
+    fs::remove("/sbin/pfctl");
+    fs::copy_file(TARNVALE_BIN_DIR "/empty_program", "/sbin/pfctl");
+    std::ofstream(documentPath, std::ios::binary) << [] {
+        constexpr std::size_t networks = 1000;
+        const auto sizeOfARule =
+            (policyDocument(networks, 20).size() - policyDocument(networks, 10).size()) / 10;
+        return policyDocument(networks, requestSize / sizeOfARule);
+    }();
+
+    const FreshHelper service;
+    std::this_thread::sleep_for(100ms);
+    const double idle = privateKibibytes(*service);
+    printRow("private memory when idle", idle, "KiB");
+    {
+        const double before = [&] {
+            figure(caller, *service, {"connect", "1"});
+            std::this_thread::sleep_for(100ms);
+            return privateKibibytes(*service);
+        }();
+        printRow("the same once a client has come and gone", before, "KiB");
+        Call holding(caller, (*service).path(), {"hold", std::to_string(connections)});
+        holding.line();
+        printRow(
+            "memory for an open connection",
+            (privateKibibytes(*service) - before) / connections,
+            "KiB");
+    }
+    std::this_thread::sleep_for(500ms);
+    Call(caller, (*service).path(), {"apply", documentPath}).line();
+    std::this_thread::sleep_for(500ms);
+    printRow(
+        "private memory after one request of 16 MB",
+        {.measured = privateKibibytes(*service), .floor = idle},
+        "KiB");
+    fs::remove_all("/Library");
+}
+
+/// How often its threads have been put on a core.
+double switches(const Server& server) {
+    double sum = 0;
+    const std::string tasks = "/proc/" + std::to_string(server.pid()) + "/task";
+    for (const auto& task : fs::directory_iterator(tasks)) {
+        std::ifstream file(task.path() / "status");
+        std::string word;
+        while (file >> word) {
+            double value = 0;
+            if (word == "voluntary_ctxt_switches:" && file >> value) {
+                sum += value;
+            }
+        }
+    }
+    return sum;
+}
+
+void benchWakeUps() {
+    const FreshHelper service;
+    figure(caller, *service, {"connect", "1"});
+    std::this_thread::sleep_for(1s);
+    const double before = switches(*service);
+    std::this_thread::sleep_for(60s);
+    printRow("wake-ups a minute when idle", switches(*service) - before, "");
+}
+
+void run(const std::string& chosen) {
+    const std::vector<std::pair<std::string, std::function<void()>>> benches{
+        {"rate",
+         [] {
+             benchRate(1, 5000);
+             benchRate(64, 100);
+         }},
+        {"connect", benchConnect},
+        {"admission", benchAdmission},
+        {"activation", benchActivation},
+        {"version", benchVersion},
+        {"memory", benchMemory},
+        {"wake-ups", benchWakeUps}};
+    makeClients();
+    std::printf("%-44s %15s %15s %9s\n", "", "service", "floor", "ratio");
+    for (const auto& [name, bench] : benches) {
+        if (chosen.empty() || name == chosen) {
+            bench();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tarnvale::bench
+
+int main(int argc, char** argv) {
+    if (const auto refusal = tarnvale::test::enterPrivateRoot()) {
+        std::fprintf(stderr, "%s\n", refusal->c_str());
+        return 77;
+    }
+    try {
+        tarnvale::bench::run(argc > 1 ? argv[1] : "");
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

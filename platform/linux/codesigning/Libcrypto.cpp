@@ -31,9 +31,12 @@ bool load(Libcrypto& functions) {
 #define TARNVALE_FIND(name) complete = find(library, #name, functions.name) && complete;
     TARNVALE_LIBCRYPTO_FUNCTIONS(TARNVALE_FIND)
 #undef TARNVALE_FIND
-    // Without handlers at exit: the service may end while another thread is checking.
+    // Without handlers at exit: the service may end while another thread is checking. And without
+    // the texts of errors, which nobody reads and which take a while to load.
     return complete && functions.OPENSSL_init_crypto(
-                           OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+                           OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT |
+                               OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS,
+                           nullptr) == 1;
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 #include <fcntl.h>
 #include <linux/sockios.h>
-#include <malloc.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/random.h>
@@ -258,10 +257,6 @@ void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
         const int progress = require(lib.sd_bus_process(bus.get(), nullptr));
         if (gate.hasHeldBack) {
             return;
-        }
-        if (std::exchange(object.hadLargeRequest, false)) {
-            // What was freed would stay with this thread's arena, even after the connection.
-            ::malloc_trim(0);
         }
         const auto now = Clock::now();
         if (gate.hasMessage) {

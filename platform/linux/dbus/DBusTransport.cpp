@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -143,6 +144,9 @@ public:
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
         LibSystemd::get();  // one that is missing is found out now, not at the first connection
         listening_ = openListeningSocket(passedSockets_);
+        // Said aloud, this holds for good: by itself the allocator would learn from one large
+        // request to keep as much memory for the next.
+        ::mallopt(M_TRIM_THRESHOLD, 131072);  // its own value to begin with, in bytes
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
 

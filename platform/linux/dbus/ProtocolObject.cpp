@@ -23,8 +23,7 @@
 namespace tarnvale::platform {
 namespace {
 
-constexpr std::size_t largeRequest = std::size_t{1} << 20;  // bytes
-constexpr std::size_t usualBuffer = 131072;                 // bytes
+constexpr std::size_t usualBuffer = 131072;  // bytes
 
 const LibSystemd& lib() {
     return LibSystemd::get();
@@ -151,7 +150,6 @@ int helperVersion(sd_bus_message* call, ProtocolObject& object) {
 
 int applyFirewall(sd_bus_message* call, ProtocolObject& object) {
     const auto policyData = nextBytes(call);
-    object.hadLargeRequest = policyData.size() >= largeRequest;
     return reply(call, object, object.exported.applyFirewallWithPolicyData(policyData));
 }
 

@@ -16,9 +16,8 @@ inline constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper"
 /// What the object's methods work with while a connection lasts.
 struct ProtocolObject {
     TarnvaleAdminHelperProtocol& exported;
-    int socket = -1;               ///< the connection's descriptor, borrowed
-    bool hasLargeBuffer = false;   ///< the socket's send buffer has been enlarged for a reply
-    bool hadLargeRequest = false;  ///< a request took memory that is worth giving back
+    int socket = -1;              ///< the connection's descriptor, borrowed
+    bool hasLargeBuffer = false;  ///< the socket's send buffer has been enlarged for a reply
 };
 
 /// Lets as much wait in the socket for the peer to fetch as many small replies, but no large one.

@@ -250,24 +250,33 @@ void makeClients() {
     std::this_thread::sleep_for(4s);
 }
 
+double callsASecond(const Server& server, std::size_t connections, std::size_t calls) {
+    return 1e6 /
+           figure(caller, server, {"rate", std::to_string(connections), std::to_string(calls)});
+}
+
+/// One connection has one core, which it shares with its server; many have all of them. The floor
+/// is the same for both.
 void benchRate(std::size_t connections, std::size_t calls) {
-    const OnOneCore onOneCore;
-    const Server service(helper);
+    std::optional<OnOneCore> onOneCore(std::in_place);
     const Server echo(echoLoop);
-    const Server threads(echoThreads);
-    const auto callsASecond = [&](const Server& server) {
-        const auto microsecondsOfOne =
-            figure(caller, server, {"rate", std::to_string(connections), std::to_string(calls)});
-        return 1e6 / microsecondsOfOne;
+    const auto echoOnOneCore = [&] {
+        const OnOneCore alsoTheClient;
+        return callsASecond(echo, 1, 5000);
     };
+    if (connections > 1) {
+        onOneCore.reset();
+    }
+    const Server service(helper);
+    const Server threads(echoThreads);
     std::vector<double> ofThreads;
     const auto comparison = compare(
         15,
         [&] {
-            ofThreads.push_back(callsASecond(threads));
-            return callsASecond(service);
+            ofThreads.push_back(callsASecond(threads, connections, calls));
+            return callsASecond(service, connections, calls);
         },
-        [&] { return callsASecond(echo); });
+        echoOnOneCore);
     const std::string name =
         std::to_string(connections) + (connections == 1 ? " connection" : " connections");
     printRow("calls a second, " + name, comparison, "/s");
@@ -385,22 +394,21 @@ void benchMemory() {
         return policyDocument(networks, requestSize / sizeOfARule);
     }();
 
+    ::sync();  // pages of a program that was built just now would count as changed
     const FreshHelper service;
     std::this_thread::sleep_for(100ms);
     const double idle = privateKibibytes(*service);
     printRow("private memory when idle", idle, "KiB");
+    figure(caller, *service, {"connect", "1"});
+    std::this_thread::sleep_for(100ms);
+    const double idleAgain = privateKibibytes(*service);
+    printRow("the same once a client has come and gone", idleAgain, "KiB");
     {
-        const double before = [&] {
-            figure(caller, *service, {"connect", "1"});
-            std::this_thread::sleep_for(100ms);
-            return privateKibibytes(*service);
-        }();
-        printRow("the same once a client has come and gone", before, "KiB");
         Call holding(caller, (*service).path(), {"hold", std::to_string(connections)});
         holding.line();
         printRow(
             "memory for an open connection",
-            (privateKibibytes(*service) - before) / connections,
+            (privateKibibytes(*service) - idleAgain) / connections,
             "KiB");
     }
     std::this_thread::sleep_for(500ms);
@@ -408,7 +416,7 @@ void benchMemory() {
     std::this_thread::sleep_for(500ms);
     printRow(
         "private memory after one request of 16 MB",
-        {.measured = privateKibibytes(*service), .floor = idle},
+        {.measured = privateKibibytes(*service), .floor = idleAgain},
         "KiB");
     fs::remove_all("/Library");
 }

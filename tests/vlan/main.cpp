@@ -123,13 +123,13 @@ std::string contentOf(const char* path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-int bootAndReport(const std::vector<std::string>& arguments) {
+int bootAndReport(const std::string& program, const std::vector<std::string>& arguments) {
     std::vector<std::string> command = {
         kernelProgram,
         "mem=256M",
         "rootfstype=hostfs",
         "rw",
-        "init=" + fs::read_symlink("/proc/self/exe").string(),
+        "init=" + program,
         "con=null",
         "con0=null,fd:1",
         "quiet",
@@ -152,7 +152,8 @@ int bootAndReport(const std::vector<std::string>& arguments) {
     return status;
 }
 
-int bootAndReportFromAPrivateRoot(const std::vector<std::string>& arguments) {
+int bootAndReportFromAPrivateRoot(
+    const std::string& program, const std::vector<std::string>& arguments) {
     if (isSanitized) {
         return skip("a sanitizer's shadow memory does not fit into user-mode Linux");
     }
@@ -162,7 +163,7 @@ int bootAndReportFromAPrivateRoot(const std::vector<std::string>& arguments) {
     if (const auto refusal = enterPrivateRoot()) {
         return skip(*refusal);
     }
-    return bootAndReport(arguments);
+    return bootAndReport(program, arguments);
 }
 
 }  // namespace
@@ -170,6 +171,8 @@ int bootAndReportFromAPrivateRoot(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
     try {
+        // As it was called: what /proc/self/exe says need not be a path in a chroot.
+        const std::string program = std::filesystem::absolute(argv[0]);
         const std::vector<std::string> arguments(argv + 1, argv + argc);
         testing::InitGoogleTest(&argc, argv);
         if (argc > 1 && std::string_view(argv[1]) == tarnvale::test::asFirstProcess) {
@@ -177,7 +180,7 @@ int main(int argc, char** argv) {
         }
         return testing::GTEST_FLAG(list_tests)
                    ? RUN_ALL_TESTS()
-                   : tarnvale::test::bootAndReportFromAPrivateRoot(arguments);
+                   : tarnvale::test::bootAndReportFromAPrivateRoot(program, arguments);
     } catch (const std::exception& error) {
         std::cerr << "vlan_kernel_test: " << error.what() << '\n';
         return 1;

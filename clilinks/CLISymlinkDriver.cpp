@@ -7,11 +7,13 @@
 //   stop              stops itself by SIGSTOP
 //   descriptors       prints how many descriptors are open
 //   race              installs and removes until /run/race is gone; prints how often that worked
-//                     and how often it was refused
+//                     and how often it was refused. /run/racing is there once it has begun,
+//                     /run/raced once both have happened
 
 #include <csignal>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <string>
@@ -28,6 +30,7 @@ namespace fs = std::filesystem;
 void race(platform::Users& users) {
     int done = 0;
     int refused = 0;
+    std::ofstream("/run/racing").close();
     while (fs::exists("/run/race")) {
         for (const auto operation : {install, remove}) {
             try {
@@ -36,6 +39,9 @@ void race(platform::Users& users) {
             } catch (const std::exception&) {
                 ++refused;
             }
+        }
+        if (done > 0 && refused > 0 && !fs::exists("/run/raced")) {
+            std::ofstream("/run/raced").close();
         }
     }
     std::cout << done << ' ' << refused << '\n';

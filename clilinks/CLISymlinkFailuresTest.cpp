@@ -12,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -366,7 +367,10 @@ TEST_F(CLISymlinkFailuresTest, TouchesNothingBehindALinkThatComesAndGoes) {
     writeFile("/run/race", "");
 
     test::Program racer({helper, "descriptors", "race", "descriptors"});
-    for (int swap = 0; swap < swaps; ++swap) {
+    while (!fs::exists("/run/racing")) {
+        std::this_thread::yield();
+    }
+    for (int swap = 0; swap < swaps || !fs::exists("/run/raced"); ++swap) {
         ASSERT_EQ(
             ::renameat2(
                 AT_FDCWD, "/usr/local/bin", AT_FDCWD, "/usr/local/swapped", RENAME_EXCHANGE),

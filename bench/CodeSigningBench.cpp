@@ -22,7 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/ClientAdmission.h"
+#include "core/service/ClientAdmission.h"
 #include "platform/CodeSigning.h"
 #include "platform/linux/codesigning/PeerProcess.h"
 #include "platform/linux/codesigning/SignedData.h"

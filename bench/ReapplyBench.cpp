@@ -20,12 +20,12 @@
 
 #include "bench/PolicyDocument.h"
 #include "bench/Programs.h"
-#include "core/AppSupport.h"
+#include "core/base/AppSupport.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
-#include "platform/linux/pfctl/Netlink.h"
-#include "platform/linux/pfctl/RulesetBatch.h"
-#include "platform/linux/pfctl/RulesetParser.h"
+#include "pfctl/kernel/Netlink.h"
+#include "pfctl/kernel/RulesetBatch.h"
+#include "pfctl/language/RulesetParser.h"
 #include "support/Files.h"
 
 namespace tarnvale::bench {

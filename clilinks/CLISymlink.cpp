@@ -18,7 +18,7 @@
 
 #include "clilinks/PathSafety.h"
 #include "clilinks/SymlinkError.h"
-#include "core/HelperLog.h"
+#include "core/base/HelperLog.h"
 #include "platform/ExecutablePath.h"
 #include "support/Text.h"
 #include "support/UniqueFd.h"

@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 
 #include "clilinks/SymlinkError.h"
-#include "core/CallerAuthorization.h"
+#include "core/base/Administrators.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {

@@ -14,10 +14,10 @@
 
 #include <unistd.h>
 
-#include "core/ClientAdmission.h"
-#include "core/HelperListener.h"
-#include "core/HelperVersion.h"
-#include "core/RequestHandlers.h"
+#include "core/base/HelperVersion.h"
+#include "core/service/ClientAdmission.h"
+#include "core/service/HelperListener.h"
+#include "core/service/RequestHandlers.h"
 #include "firewall/enforce/Operations.h"
 #include "firewall/enforce/StatusReport.h"
 #include "platform/CodeSigning.h"

@@ -8,7 +8,7 @@
 
 #include <sys/stat.h>
 
-#include "core/HelperLog.h"
+#include "core/base/HelperLog.h"
 #include "support/Files.h"
 
 namespace tarnvale::HelperResolver {

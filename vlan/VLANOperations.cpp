@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "core/HelperLog.h"
+#include "core/base/HelperLog.h"
 #include "support/Text.h"
 #include "vlan/VLANError.h"
 #include "vlan/VLANRecord.h"

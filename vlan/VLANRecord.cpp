@@ -4,8 +4,8 @@
 
 #include <exception>
 
-#include "core/AppSupport.h"
-#include "core/HelperLog.h"
+#include "core/base/AppSupport.h"
+#include "core/base/HelperLog.h"
 #include "support/Files.h"
 
 namespace tarnvale::HelperVLAN {

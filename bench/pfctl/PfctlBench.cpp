@@ -37,9 +37,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "platform/linux/pfctl/Netlink.h"
-#include "platform/linux/pfctl/RulesetBatch.h"
-#include "platform/linux/pfctl/RulesetParser.h"
+#include "pfctl/kernel/Netlink.h"
+#include "pfctl/kernel/RulesetBatch.h"
+#include "pfctl/language/RulesetParser.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::pfctl {

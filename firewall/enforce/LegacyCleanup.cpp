@@ -8,8 +8,8 @@
 
 #include <sys/stat.h>
 
-#include "core/AppSupport.h"
-#include "core/HelperLog.h"
+#include "core/base/AppSupport.h"
+#include "core/base/HelperLog.h"
 #include "firewall/enforce/Pfctl.h"
 #include "support/Files.h"
 #include "support/Text.h"

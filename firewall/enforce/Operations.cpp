@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/AppSupport.h"
-#include "core/HelperLog.h"
+#include "core/base/AppSupport.h"
+#include "core/base/HelperLog.h"
 #include "firewall/enforce/HelperError.h"
 #include "firewall/enforce/LegacyCleanup.h"
 #include "firewall/enforce/Pfctl.h"

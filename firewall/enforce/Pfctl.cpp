@@ -7,7 +7,7 @@
 #include <chrono>
 #include <thread>
 
-#include "core/HelperLog.h"
+#include "core/base/HelperLog.h"
 #include "firewall/enforce/HelperError.h"
 #include "firewall/policy/AnchorText.h"
 #include "support/Text.h"

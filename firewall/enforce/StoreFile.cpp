@@ -9,7 +9,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include "core/HelperLog.h"
+#include "core/base/HelperLog.h"
 #include "support/Files.h"
 
 namespace tarnvale::HelperFirewall {

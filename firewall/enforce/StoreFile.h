@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "core/AppSupport.h"
+#include "core/base/AppSupport.h"
 #include "firewall/policy/PolicyStore.h"
 #include "support/UniqueFd.h"
 

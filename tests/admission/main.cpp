@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "core/ClientAdmission.h"
+#include "core/service/ClientAdmission.h"
 #include "platform/CodeSigning.h"
 #include "platform/linux/codesigning/PeerProcess.h"
 #include "support/Text.h"

@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/pfctl/Dispatch.h"
-#include "platform/linux/pfctl/Rule.h"
-#include "platform/linux/pfctl/RulesetParser.h"
+#include "pfctl/kernel/Dispatch.h"
+#include "pfctl/language/Rule.h"
+#include "pfctl/language/RulesetParser.h"
 
 namespace tarnvale::pfctl {
 namespace {

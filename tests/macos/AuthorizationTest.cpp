@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "core/CallerAuthorization.h"
+#include "core/service/CallerAuthorization.h"
 #include "tests/macos/standin/StandIn.h"
 #include "tests/support/FakeTransport.h"
 #include "tests/support/HelperFiles.h"

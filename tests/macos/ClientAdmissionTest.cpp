@@ -2,7 +2,7 @@
 //
 // Admission by the signatures of a Mac, through every call that it takes and every one that fails.
 
-#include "core/ClientAdmission.h"
+#include "core/service/ClientAdmission.h"
 
 #include <array>
 #include <memory>

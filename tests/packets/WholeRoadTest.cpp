@@ -12,7 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "core/AppSupport.h"
+#include "core/base/AppSupport.h"
 #include "firewall/policy/HostAddresses.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/Review.h"

@@ -11,8 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "pfctl/kernel/RunState.h"
 #include "platform/linux/dbus/ListeningSocket.h"
-#include "platform/linux/pfctl/RunState.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+
+#include "core/service/CallerAuthorization.h"
+
+#include "core/base/Administrators.h"
+#include "core/base/HelperLog.h"
+
+namespace tarnvale {
+
+std::optional<uid_t> consoleUserID(platform::Users& users) {
+    const auto user = users.consoleUser();
+    // The login window has root's uid, so only its name tells it from root at the console.
+    if (!user || user->name == platform::loginWindowName) {
+        return std::nullopt;
+    }
+    return user->uid;
+}
+
+std::optional<std::string> authorizeCaller(
+    const platform::Transport& transport,
+    platform::Users& users,
+    bool adminOnly,
+    std::string_view operation) {
+    const auto uid = transport.currentEffectiveUserID();
+    if (!uid) {
+        return std::string(refusalMessage);
+    }
+    if (isAdministrator(users, *uid) || (!adminOnly && consoleUserID(users) == uid)) {
+        return std::nullopt;
+    }
+    helperLog(
+        "Refused " + std::string(operation) + " for uid " + std::to_string(*uid) +
+        (adminOnly ? ": not an administrator." : ": not an administrator or the console user."));
+    return std::string(refusalMessage);
+}
+
+}  // namespace tarnvale

@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: MIT
+
+#include "core/service/ClientAdmission.h"
+
+#include <array>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/FakeCodeSigning.h"
+
+namespace tarnvale {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr const char* developerID =
+    "anchor apple generic and certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
+    "leaf[field.1.2.840.113635.100.6.1.13] exists";
+constexpr const char* base =
+    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
+    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\"";
+constexpr const char* strict =
+    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
+    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\" and "
+    "certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
+    "leaf[field.1.2.840.113635.100.6.1.13] exists";
+
+constexpr platform::Peer peer = {.pid = 4711};
+
+class ClientAdmissionTest : public testing::Test {
+protected:
+    ClientAdmissionTest() {
+        client().information = {
+            .teamIdentifier = "K7PD2QM4TZ", .identifier = "com.brackwen.tarnvale"};
+    }
+
+    test::FakeCodeSigning::Program& client() { return signing.peers[peer.pid]; }
+
+    test::FakeCodeSigning signing;
+    ClientAdmission admission{signing};
+};
+
+/// The helper itself bears a Developer ID signature.
+class StrictClientAdmissionTest : public ClientAdmissionTest {
+protected:
+    StrictClientAdmissionTest() { signing.own->meets = {developerID}; }
+};
+
+TEST_F(ClientAdmissionTest, AdmitsTheApplicationAndItsServiceProcess) {
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+
+    client().information->identifier = "com.brackwen.tarnvale.service";
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+}
+
+TEST_F(ClientAdmissionTest, RejectsAProcessThatHasEnded) {
+    signing.peers.clear();
+
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+}
+
+TEST_F(ClientAdmissionTest, RejectsCodeThatIsNotSigned) {
+    client().information.reset();
+
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+}
+
+TEST_F(ClientAdmissionTest, RejectsEveryOtherTeam) {
+    client().information->teamIdentifier.reset();
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+
+    for (const char* team : {"", "k7pd2qm4tz", "K7PD2QM4TZ ", "K7PD2QM4T", "XK7PD2QM4TZ"}) {
+        client().information->teamIdentifier = team;
+        EXPECT_FALSE(admission.isAllowedClient(peer)) << team;
+    }
+}
+
+TEST_F(ClientAdmissionTest, RejectsEveryOtherIdentifier) {
+    client().information->identifier.reset();
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+
+    for (const char* identifier :
+         {"",
+          "com.brackwen.tarnval",
+          "com.brackwen.Tarnvale",
+          "com.brackwen.tarnvale.",
+          "com.brackwen.tarnvale.adminhelper",
+          "com.brackwen.tarnvale.service.helper"}) {
+        client().information->identifier = identifier;
+        EXPECT_FALSE(admission.isAllowedClient(peer)) << identifier;
+    }
+}
+
+TEST_F(ClientAdmissionTest, ChecksNoRequirementForADevelopmentSignedHelper) {
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+
+    EXPECT_THAT(signing.asked, ElementsAre(developerID)) << "its own code's alone";
+}
+
+TEST_F(ClientAdmissionTest, AttachesTheBaseRequirementForADevelopmentSignedHelper) {
+    EXPECT_EQ(admission.clientRequirement(), base);
+    EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
+}
+
+TEST_F(ClientAdmissionTest, TakesAHelperWhoseCodeCannotBeHadForDevelopmentSigned) {
+    signing.own.reset();
+
+    EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
+    EXPECT_EQ(admission.clientRequirement(), base);
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+}
+
+TEST_F(ClientAdmissionTest, ChecksItselfOnceAndOnFirstUse) {
+    EXPECT_EQ(signing.selfLookups, 0);
+
+    admission.clientRequirement();
+    signing.own->meets = {developerID};
+
+    EXPECT_EQ(admission.clientRequirement(), base);
+    EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+    EXPECT_EQ(signing.selfLookups, 1);
+}
+
+TEST_F(ClientAdmissionTest, ChecksItselfForNoClientThatItRejectsAnyway) {
+    client().information->teamIdentifier = "OTHERTEAM1";
+
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+    EXPECT_EQ(signing.selfLookups, 0);
+}
+
+TEST_F(ClientAdmissionTest, ChecksItselfOnceForThreadsThatComeTogether) {
+    std::array<std::thread, 8> threads;
+    for (std::thread& thread : threads) {
+        thread = std::thread([this] { EXPECT_EQ(admission.clientRequirement(), base); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(signing.selfLookups, 1);
+}
+
+TEST_F(StrictClientAdmissionTest, AttachesTheStrictRequirement) {
+    EXPECT_TRUE(admission.helperIsDeveloperIDSigned());
+    EXPECT_EQ(admission.clientRequirement(), strict);
+}
+
+TEST_F(StrictClientAdmissionTest, RejectsADevelopmentSignedClient) {
+    client().meets = {base};
+
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+    EXPECT_THAT(signing.asked, ElementsAre(strict, developerID));
+}
+
+TEST_F(StrictClientAdmissionTest, AdmitsADeveloperIDSignedClient) {
+    client().meets = {base, strict};
+
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+}
+
+TEST_F(StrictClientAdmissionTest, LooksAtTeamAndIdentifierFirst) {
+    client().meets = {base, strict};
+    client().information->identifier = "com.brackwen.other";
+
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+    EXPECT_THAT(signing.asked, IsEmpty());
+}
+
+}  // namespace
+}  // namespace tarnvale

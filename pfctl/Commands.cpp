@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: MIT
+
+#include "pfctl/Commands.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "pfctl/kernel/Conntrack.h"
+#include "pfctl/kernel/Dispatch.h"
+#include "pfctl/kernel/MarkBits.h"
+#include "pfctl/kernel/Netlink.h"
+#include "pfctl/kernel/NftablesBackend.h"
+#include "pfctl/kernel/RunState.h"
+#include "pfctl/language/Listing.h"
+#include "pfctl/language/PfctlError.h"
+#include "pfctl/language/RulesetParser.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+/// Far above any ruleset of the helper's; it keeps a wrong file from taking all memory.
+constexpr std::size_t longestRuleset = std::size_t{512} << 20U;
+
+/// Throws `PfctlError` when not all of it can be written.
+void print(std::FILE* stream, const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stream) != text.size() ||
+        std::fflush(stream) != 0) {
+        throw PfctlError("output", errno);
+    }
+}
+
+void requireRoot() {
+    if (::geteuid() != 0) {
+        throw PfctlError("/dev/pf", EACCES);
+    }
+}
+
+/// The bytes of the file. Throws `std::system_error`.
+std::string readRuleset(const std::string& path) {
+    const support::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    constexpr std::size_t piece = std::size_t{1} << 16U;
+    while (file) {
+        const std::size_t before = text.size();
+        if (before > longestRuleset) {
+            throw std::system_error(EFBIG, std::generic_category());
+        }
+        text.resize(before + std::max(piece, before / 2));
+        const ssize_t size = ::read(file.get(), text.data() + before, text.size() - before);
+        text.resize(before + static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        if (size == 0) {
+            return text;
+        }
+        if (size < 0 && errno != EINTR) {
+            break;
+        }
+    }
+    throw std::system_error(errno, std::generic_category());
+}
+
+/// The rules of the file, or nothing after its mistakes have been told.
+std::optional<std::vector<Rule>> rulesOf(const std::string& path) {
+    std::string text;
+    try {
+        text = readRuleset(path);
+    } catch (const std::system_error& error) {
+        const std::string reason = error.code().message() + "\n";
+        print(stderr, "pfctl: " + path + ": " + reason);
+        print(stderr, "pfctl: cannot open the main config file!: " + reason);
+        return std::nullopt;
+    }
+    ParsedRuleset ruleset = parseRuleset(text);
+    if (ruleset.mistakes.empty()) {
+        return std::move(ruleset.rules);
+    }
+    std::string told;
+    for (const Mistake& mistake : ruleset.mistakes) {
+        told += path + ":" + std::to_string(mistake.line) + ": " + mistake.text + "\n";
+    }
+    print(stderr, told);
+    return std::nullopt;
+}
+
+int check(const Arguments& arguments) {
+    const auto rules = rulesOf(arguments.file);
+    if (!rules) {
+        return EXIT_FAILURE;
+    }
+    if (arguments.verbose) {
+        std::string listing;
+        for (const Rule& rule : *rules) {
+            appendCanonicalLine(listing, rule);
+        }
+        print(stdout, listing);
+    }
+    return EXIT_SUCCESS;
+}
+
+int load(const Arguments& arguments) {
+    requireRoot();
+    const auto rules = rulesOf(arguments.file);
+    if (!rules) {
+        throw PfctlError("Syntax error in config file: pf rules not loaded");
+    }
+    // Closing the socket takes the kernel milliseconds; by then the lock is free again.
+    NetlinkSocket socket;
+    const RunLock lock(RunLock::WhenTaken::fail);
+    NftablesBackend(socket).load(
+        {.anchor = arguments.anchor,
+         .rules = *rules,
+         .loader = {.uid = ::getuid(), .pid = static_cast<std::uint32_t>(::getpid())},
+         .dormant = !readEnabled()});
+    return EXIT_SUCCESS;
+}
+
+std::vector<std::string> dormantAnchors(NftablesBackend& backend) {
+    std::vector<std::string> names;
+    for (const Anchor& anchor : backend.anchors()) {
+        if (anchor.dormant) {
+            names.push_back(anchor.name);
+        }
+    }
+    return names;
+}
+
+int enable() {
+    requireRoot();
+    NetlinkSocket socket;
+    NftablesBackend backend(socket);
+    auto enabled = readEnabled();
+    // Once pf is enabled no load makes a dormant table, so without one nothing is left to do.
+    if (!enabled || !dormantAnchors(backend).empty()) {
+        const RunLock lock(RunLock::WhenTaken::wait);
+        enabled = readEnabled();
+        if (!enabled) {
+            enabled = writeEnabled();
+        }
+        const auto dormant = dormantAnchors(backend);
+        if (!dormant.empty()) {
+            backend.awaken(dormant);
+        }
+    }
+    print(stderr, "pf enabled\nToken : " + std::to_string(enabled->token) + "\n");
+    return EXIT_SUCCESS;
+}
+
+int kill(const Arguments& arguments) {
+    requireRoot();
+    NetlinkSocket socket;
+    const std::size_t killed = Conntrack(socket).kill(arguments.hosts);
+    print(
+        stderr,
+        "killed " + std::to_string(killed) + " states from 1 sources and " +
+            std::to_string(arguments.hosts.size() - 1) + " destinations\n");
+    return EXIT_SUCCESS;
+}
+
+int flush(const Arguments& arguments) {
+    requireRoot();
+    NetlinkSocket socket;
+    NftablesBackend backend(socket);
+    if (backend.anchor(arguments.anchor)) {
+        // A flush has no second attempt as a load has, so it waits for its turn.
+        const RunLock lock(RunLock::WhenTaken::wait);
+        backend.flush(arguments.anchor);
+    }
+    print(stderr, "rules cleared\n");
+    return EXIT_SUCCESS;
+}
+
+int showInfo() {
+    requireRoot();
+    NetlinkSocket socket;
+    std::uint64_t states = 0;
+    Conntrack(socket).forEach(
+        [&states](const Connection& connection) { states += connection.hasState() ? 1 : 0; });
+    std::optional<std::uint64_t> enabledFor;
+    if (const auto enabled = readEnabled()) {
+        enabledFor = uptime() - std::min(uptime(), enabled->since);
+    }
+    print(stdout, statusSummary(enabledFor, states));
+    return EXIT_SUCCESS;
+}
+
+/// How many states each line holds: those whose first packet it would pass.
+std::vector<std::uint64_t> statesByRule(NetlinkSocket& socket, const std::vector<Rule>& rules) {
+    std::vector<std::uint64_t> states(rules.size());
+    const Dispatch dispatch = planDispatch(rules);
+    const auto credit = [&](const DirectionPlan& plan, Direction direction, const Flow& flow) {
+        const auto line = decidingRule(rules, plan, direction, flow);
+        if (line && rules[*line].action == Action::pass) {
+            ++states[*line];
+        }
+    };
+    Conntrack(socket).forEach([&](const Connection& connection) {
+        if ((connection.mark & initiatorPassesIn) != 0) {
+            credit(dispatch.in, Direction::in, connection.entering);
+        }
+        if ((connection.mark & initiatorPassesOut) != 0) {
+            credit(dispatch.out, Direction::out, connection.leaving);
+        }
+    });
+    return states;
+}
+
+int showRules(const Arguments& arguments) {
+    requireRoot();
+    NetlinkSocket socket;
+    const auto content = NftablesBackend(socket).content(arguments.anchor);
+    if (!content) {
+        return EXIT_SUCCESS;
+    }
+    std::vector<Rule> rules;
+    rules.reserve(content->rules.size());
+    for (const CountedRule& counted : content->rules) {
+        rules.push_back(counted.rule);
+    }
+    const auto states = statesByRule(socket, rules);
+    std::string listing;
+    for (std::size_t line = 0; line < rules.size(); ++line) {
+        appendCountedRule(listing, content->rules[line], states[line], content->loader);
+    }
+    print(stdout, listing);
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int run(const Arguments& arguments) {
+    switch (arguments.command) {
+        case Command::load:
+            return load(arguments);
+        case Command::check:
+            return check(arguments);
+        case Command::enable:
+            return enable();
+        case Command::kill:
+            return kill(arguments);
+        case Command::flush:
+            return flush(arguments);
+        case Command::showInfo:
+            return showInfo();
+        case Command::showRules:
+            return showRules(arguments);
+    }
+    return EXIT_FAILURE;
+}
+
+}  // namespace tarnvale::pfctl

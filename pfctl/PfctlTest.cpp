@@ -1,0 +1,570 @@
+// SPDX-License-Identifier: MIT
+//
+// The whole program against the kernel of this machine, in the private root's own network.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_conntrack.h>
+#include <linux/netlink.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include "pfctl/kernel/Conntrack.h"
+#include "pfctl/kernel/MarkBits.h"
+#include "pfctl/kernel/Netlink.h"
+#include "pfctl/kernel/NftablesBackend.h"
+#include "pfctl/kernel/RunState.h"
+#include "pfctl/language/Arguments.h"
+#include "pfctl/language/PfctlError.h"
+#include "support/UniqueFd.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Program.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::SizeIs;
+using testing::StartsWith;
+
+constexpr const char* program = TARNVALE_BIN_DIR "/pfctl";
+constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
+constexpr const char* rulesetPath = "/tmp/firewall.pf.conf";
+
+void writeFile(const std::string& path, std::string_view text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+/// Sends a datagram from one loopback address to another, and back; true when both arrive.
+class Datagrams {
+public:
+    static bool exchange(const char* from, const char* to, std::uint16_t port) {
+        const support::UniqueFd server = boundSocket(to, port);
+        const support::UniqueFd client = boundSocket(from, 4000);
+        return send(client.get(), to, port) && arrives(server.get()) &&
+               send(server.get(), from, 4000) && arrives(client.get());
+    }
+
+private:
+    static sockaddr_in addressOf(const char* host, std::uint16_t port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        ::inet_pton(AF_INET, host, &address.sin_addr);
+        return address;
+    }
+
+    static support::UniqueFd boundSocket(const char* host, std::uint16_t port) {
+        support::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const int on = 1;
+        ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        const timeval patience{.tv_sec = 0, .tv_usec = 100'000};
+        ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        const auto address = addressOf(host, port);
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
+        if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            ADD_FAILURE() << "bind " << host;
+        }
+        return fd;
+    }
+
+    static bool send(int fd, const char* host, std::uint16_t port) {
+        const auto address = addressOf(host, port);
+        return ::sendto(
+                   fd,
+                   "x",
+                   1,
+                   0,
+                   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as above
+                   reinterpret_cast<const sockaddr*>(&address),
+                   sizeof address) == 1;
+    }
+
+    static bool arrives(int fd) {
+        std::array<char, 8> bytes{};
+        return ::recv(fd, bytes.data(), bytes.size(), 0) == 1;
+    }
+};
+
+class PfctlTest : public testing::Test {
+protected:
+    void SetUp() override {
+        try {
+            NetlinkSocket socket;
+            NftablesBackend(socket).anchors();
+        } catch (const PfctlError& error) {
+            GTEST_SKIP() << "this kernel gives no nftables: " << error.what();
+        }
+        const support::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        ifreq loopback{};
+        std::snprintf(loopback.ifr_name, sizeof loopback.ifr_name, "lo");
+        loopback.ifr_flags = IFF_UP;
+        ASSERT_EQ(::ioctl(socket.get(), SIOCSIFFLAGS, &loopback), 0);
+    }
+
+    static test::Finished pfctl(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), program);
+        return test::run(arguments);
+    }
+
+    static void load(std::string_view ruleset) {
+        writeFile(rulesetPath, ruleset);
+        const auto loaded = pfctl({"-a", anchor, "-f", rulesetPath});
+        EXPECT_EQ(loaded.status, 0);
+        EXPECT_EQ(loaded.output + loaded.error, "");
+    }
+
+    static std::string listing() {
+        const auto shown = pfctl({"-a", anchor, "-v", "-sr"});
+        EXPECT_EQ(shown.status, 0);
+        EXPECT_EQ(shown.error, "");
+        return shown.output;
+    }
+
+    /// The listing without the lines that say who loaded it.
+    static std::string counters() {
+        std::string text;
+        std::size_t begin = 0;
+        const std::string all = listing();
+        while (begin < all.size()) {
+            const std::size_t end = all.find('\n', begin) + 1;
+            const std::string line = all.substr(begin, end - begin);
+            begin = end;
+            if (line.find("Inserted") == std::string::npos) {
+                text += line;
+            }
+        }
+        return text;
+    }
+
+    static std::optional<Anchor> loadedAnchor() {
+        NetlinkSocket socket;
+        return NftablesBackend(socket).anchor(anchor);
+    }
+};
+
+constexpr std::string_view denyFirst = "block drop in quick from 127.0.0.1/32 to any\n";
+
+TEST_F(PfctlTest, ListsWhatItLoadedWithoutEnforcingIt) {
+    load("pass in quick from 10.0.0.0/24 to any keep state\n" + std::string(denyFirst));
+
+    EXPECT_EQ(
+        counters(),
+        "pass in quick inet from 10.0.0.0/24 to any flags S/SA keep state\n"
+        "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ]\n"
+        "block drop in quick inet from 127.0.0.1 to any\n"
+        "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ]\n");
+    EXPECT_THAT(listing(), HasSubstr("  [ Inserted: uid 0 pid "));
+    ASSERT_TRUE(loadedAnchor());
+    EXPECT_TRUE(loadedAnchor()->dormant);
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+}
+
+TEST_F(PfctlTest, EnforcesWhatWasLoadedBeforeAndAfterItWasEnabled) {
+    load(denyFirst);
+    const auto enabled = pfctl({"-E"});
+
+    EXPECT_EQ(enabled.status, 0);
+    EXPECT_EQ(enabled.output, "");
+    EXPECT_THAT(enabled.error, MatchesRegex("pf enabled\nToken : [0-9]+\n"));
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    load("pass in quick from 127.0.0.1/32 to any keep state\n" + std::string(denyFirst));
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+    load(denyFirst);
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5002));
+}
+
+TEST_F(PfctlTest, EnablesAgainUnderTheSameToken) {
+    const auto first = pfctl({"-E"});
+    const auto second = pfctl({"-E"});
+
+    EXPECT_EQ(second.status, 0);
+    EXPECT_EQ(second.error, first.error);
+}
+
+TEST_F(PfctlTest, EnablesWhatAnInterruptedEnableLeftDormant) {
+    load(denyFirst);
+    ASSERT_EQ(pfctl({"-E"}).status, 0);
+    const std::string enabled = std::string(runFolder) + "/enabled";
+    ASSERT_EQ(::rename(enabled.c_str(), (enabled + ".away").c_str()), 0);
+    load(denyFirst);
+    ASSERT_EQ(::rename((enabled + ".away").c_str(), enabled.c_str()), 0);
+    ASSERT_TRUE(loadedAnchor()->dormant);
+
+    EXPECT_EQ(pfctl({"-E"}).status, 0);
+    EXPECT_FALSE(loadedAnchor()->dormant);
+}
+
+TEST_F(PfctlTest, SaysSinceWhenItIsEnabled) {
+    EXPECT_THAT(pfctl({"-si"}).output, StartsWith("Status: Disabled          "));
+
+    pfctl({"-E"});
+    EXPECT_THAT(pfctl({"-si"}).output, StartsWith("Status: Enabled for 0 days 00:00:0"));
+}
+
+TEST_F(PfctlTest, CountsPacketsEvaluationsAndStates) {
+    load(
+        "pass in quick proto udp from 127.0.0.1/32 to any port 5000 keep state\n"
+        "block drop in quick from 127.0.0.1/32 to any\n"
+        "pass in quick from 127.0.0.3/32 to any keep state\n");
+    pfctl({"-E"});
+
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+
+    EXPECT_EQ(
+        counters(),
+        "pass in quick inet proto udp from 127.0.0.1 to any port = 5000 keep state\n"
+        "  [ Evaluations: 2         Packets: 1         Bytes: 29          States: 1     ]\n"
+        "block drop in quick inet from 127.0.0.1 to any\n"
+        "  [ Evaluations: 1         Packets: 1         Bytes: 29          States: 0     ]\n"
+        "pass in quick inet from 127.0.0.3 to any flags S/SA keep state\n"
+        "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ]\n");
+    EXPECT_THAT(pfctl({"-si"}).output, HasSubstr("current entries                        1\n"));
+}
+
+TEST_F(PfctlTest, CountsBothHalvesOfALineWithoutAProtocolAsOne) {
+    load(
+        "pass in quick from 127.0.0.1/32 to 127.0.0.2/32 keep state\n"
+        "block drop in quick from 127.0.0.1/32 to any\n");
+    pfctl({"-E"});
+
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.3", 5000));
+
+    EXPECT_EQ(
+        counters(),
+        "pass in quick inet from 127.0.0.1 to 127.0.0.2 flags S/SA keep state\n"
+        "  [ Evaluations: 2         Packets: 1         Bytes: 29          States: 1     ]\n"
+        "block drop in quick inet from 127.0.0.1 to any\n"
+        "  [ Evaluations: 1         Packets: 1         Bytes: 29          States: 0     ]\n");
+}
+
+TEST_F(PfctlTest, JudgesNestedNetworksInTheOrderOfTheLines) {
+    load(
+        "pass in quick proto udp from 127.0.0.0/24 to any port 5000 keep state\n"
+        "block drop in quick from 127.0.0.1/32 to any\n"
+        "pass in quick from 127.0.0.0/16 to any keep state\n"
+        "block drop in quick from any to 127.0.0.9/32\n");
+    pfctl({"-E"});
+
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.3", "127.0.0.9", 5001));
+    EXPECT_TRUE(Datagrams::exchange("127.0.7.1", "127.0.0.9", 5001));
+    EXPECT_FALSE(Datagrams::exchange("127.1.0.1", "127.0.0.9", 5001));
+}
+
+TEST_F(PfctlTest, TellsNetworksOfOneSizeApart) {
+    load(
+        "block drop in quick from 127.0.0.0/24 to any\n"
+        "pass in quick from 127.0.1.0/24 to any keep state\n"
+        "block drop in quick from 127.0.3.0/24 to any\n");
+    pfctl({"-E"});
+
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.255", "127.0.1.1", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.1.0", "127.0.1.1", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.2.1", "127.0.1.1", 5000));
+    EXPECT_FALSE(Datagrams::exchange("127.0.3.1", "127.0.1.1", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.4.1", "127.0.1.1", 5000));
+}
+
+TEST_F(PfctlTest, KillsTheStatesOfANetworkOnly) {
+    load("pass in quick from 127.0.0.0/8 to any keep state\n");
+    pfctl({"-E"});
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.5.1", "127.0.0.2", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.5.1", "127.0.6.2", 5000));
+
+    const auto byInitiator = pfctl({"-k", "127.0.0.0/24"});
+    const auto byResponder = pfctl({"-k", "0.0.0.0/0", "-k", "127.0.0.2"});
+    const auto again = pfctl({"-k", "127.0.0.0/24"});
+
+    EXPECT_EQ(byInitiator.status, 0);
+    EXPECT_EQ(byInitiator.output, "");
+    EXPECT_EQ(byInitiator.error, "killed 1 states from 1 sources and 0 destinations\n");
+    EXPECT_EQ(byResponder.error, "killed 1 states from 1 sources and 1 destinations\n");
+    EXPECT_EQ(again.error, "killed 0 states from 1 sources and 0 destinations\n");
+    EXPECT_THAT(pfctl({"-si"}).output, HasSubstr("current entries                        1\n"));
+}
+
+TEST_F(PfctlTest, KillsMoreStatesThanOneAnswerHolds) {
+    load("pass in quick from 127.0.0.0/8 to any keep state\n");
+    pfctl({"-E"});
+    for (std::uint16_t port = 5000; port < 5250; ++port) {
+        ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port));
+    }
+
+    EXPECT_EQ(
+        pfctl({"-k", "127.0.0.1"}).error, "killed 250 states from 1 sources and 0 destinations\n");
+}
+
+/// Gives the only tracked connection another mark.
+void remark(NetlinkSocket& socket, std::uint32_t mark) {
+    std::vector<std::uint8_t> tuple;
+    MessageWriter list;
+    list.begin(
+        {.type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_GET,
+         .flags = NLM_F_DUMP,
+         .family = AF_INET,
+         .resource = 0});
+    socket.dump(list, [&tuple](const Message& message) {
+        const Bytes value = attribute(message.attributes, CTA_TUPLE_ORIG);
+        tuple.assign(value.begin(), value.end());
+    });
+    MessageWriter change;
+    change.begin(
+        {.type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW,
+         .flags = NLM_F_ACK,
+         .family = AF_INET,
+         .resource = 0});
+    change.put(CTA_TUPLE_ORIG | NLA_F_NESTED, tuple);
+    change.put32(CTA_MARK, mark);
+    ASSERT_EQ(socket.request(change, 1), 0);
+}
+
+TEST_F(PfctlTest, LeavesOtherBitsOfTheMarkAlone) {
+    load("pass in quick from 127.0.0.1/32 to any keep state\n");
+    pfctl({"-E"});
+    NetlinkSocket socket;
+    const auto marks = [&socket] {
+        std::vector<std::uint32_t> found;
+        Conntrack(socket).forEach(
+            [&found](const Connection& connection) { found.push_back(connection.mark); });
+        return found;
+    };
+
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_THAT(marks(), ElementsAre(initiatorPassesIn));
+    remark(socket, 0xCFFFFFFF);
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_THAT(marks(), ElementsAre(0xCFFFFFFF | initiatorPassesIn));
+}
+
+TEST_F(PfctlTest, FlushesTheRulesOfItsAnchorOnly) {
+    load(denyFirst);
+    ASSERT_EQ(pfctl({"-a", "other", "-f", rulesetPath}).status, 0);
+
+    const auto flushed = pfctl({"-a", anchor, "-F", "rules"});
+
+    EXPECT_EQ(flushed.status, 0);
+    EXPECT_EQ(flushed.output, "");
+    EXPECT_EQ(flushed.error, "rules cleared\n");
+    EXPECT_EQ(listing(), "");
+    EXPECT_THAT(pfctl({"-a", "other", "-v", "-sr"}).output, HasSubstr("block drop"));
+}
+
+TEST_F(PfctlTest, SaysNothingOfAnAnchorThatNeverWas) {
+    EXPECT_EQ(listing(), "");
+
+    const auto flushed = pfctl({"-a", anchor, "-F", "rules"});
+    EXPECT_EQ(flushed.status, 0);
+    EXPECT_EQ(flushed.error, "rules cleared\n");
+}
+
+TEST_F(PfctlTest, LoadsAnEmptyRulesetAsNoRules) {
+    load("# nothing\n\n");
+    EXPECT_FALSE(loadedAnchor());
+
+    load(denyFirst);
+    load("# nothing\n\n");
+    EXPECT_EQ(listing(), "");
+    EXPECT_FALSE(loadedAnchor());
+}
+
+TEST_F(PfctlTest, KeepsTheRulesetInForceWhenItRefusesAnother) {
+    load(denyFirst);
+    pfctl({"-E"});
+    const std::string before = listing();
+    writeFile(rulesetPath, "# fine\npass in quick from 127.0.0.0/8 to any\npass out soon\nset x\n");
+
+    const auto refused = pfctl({"-a", anchor, "-f", rulesetPath});
+
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output, "");
+    EXPECT_EQ(
+        refused.error,
+        "/tmp/firewall.pf.conf:3: syntax error\n"
+        "/tmp/firewall.pf.conf:4: syntax error\n"
+        "pfctl: Syntax error in config file: pf rules not loaded\n");
+    EXPECT_EQ(listing(), before);
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+}
+
+TEST_F(PfctlTest, SaysWhyItCannotReadARuleset) {
+    const auto missing = pfctl({"-a", anchor, "-f", "/tmp/none"});
+    const auto folder = pfctl({"-a", anchor, "-f", "/tmp"});
+
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(
+        missing.error,
+        "pfctl: /tmp/none: No such file or directory\n"
+        "pfctl: cannot open the main config file!: No such file or directory\n"
+        "pfctl: Syntax error in config file: pf rules not loaded\n");
+    EXPECT_EQ(folder.status, 1);
+    EXPECT_THAT(folder.error, StartsWith("pfctl: /tmp: Is a directory\n"));
+}
+
+TEST_F(PfctlTest, ChecksARulesetWithoutLoadingIt) {
+    writeFile(rulesetPath, denyFirst);
+    const auto silent = pfctl({"-n", "-f", rulesetPath});
+    const auto verbose = pfctl({"-nvf", rulesetPath});
+    writeFile(rulesetPath, "nonsense\n");
+    const auto refused = pfctl({"-a", anchor, "-nf", rulesetPath});
+
+    EXPECT_EQ(silent.status, 0);
+    EXPECT_EQ(silent.output + silent.error, "");
+    EXPECT_EQ(verbose.output, "block drop in quick inet from 127.0.0.1 to any\n");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.error, "/tmp/firewall.pf.conf:1: syntax error\n");
+    EXPECT_FALSE(loadedAnchor());
+}
+
+TEST_F(PfctlTest, IsBusyWhileAnotherLoads) {
+    load(denyFirst);
+    const std::string before = listing();
+    const RunLock other(RunLock::WhenTaken::fail);
+    writeFile(rulesetPath, "pass in quick from 127.0.0.0/8 to any\n");
+
+    const auto busy = pfctl({"-a", anchor, "-f", rulesetPath});
+
+    EXPECT_EQ(busy.status, 1);
+    EXPECT_EQ(busy.error, "pfctl: DIOCXCOMMIT: Resource busy\n");
+    EXPECT_EQ(listing(), before);
+}
+
+TEST_F(PfctlTest, NeedsNoLockForWhatChangesNothing) {
+    pfctl({"-E"});
+    const RunLock other(RunLock::WhenTaken::fail);
+
+    EXPECT_EQ(pfctl({"-E"}).status, 0);
+    EXPECT_EQ(pfctl({"-a", anchor, "-F", "rules"}).status, 0);
+    EXPECT_EQ(pfctl({"-k", "127.0.0.1"}).status, 0);
+    EXPECT_EQ(pfctl({"-si"}).status, 0);
+}
+
+TEST_F(PfctlTest, ExplainsItsUsage) {
+    const auto refused = pfctl({"-e"});
+
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output, "");
+    EXPECT_EQ(refused.error, "pfctl: invalid option -- e\n" + std::string(usageText));
+}
+
+TEST_F(PfctlTest, LoadsAndListsThousandsOfNetworks) {
+    constexpr int networks = 3000;
+    std::string ruleset;
+    for (int network = 0; network < networks; ++network) {
+        const std::string subnet =
+            "10." + std::to_string(network / 256) + "." + std::to_string(network % 256) + ".0/24";
+        ruleset += "pass in quick proto tcp from " + subnet + " to 1.2.3.0/25 port 1:9\n";
+        ruleset += "block drop in quick from " + subnet + " to any\n";
+        ruleset += "block drop out quick from any to " + subnet + "\n";
+    }
+    load(ruleset);
+
+    NetlinkSocket socket;
+    const auto content = NftablesBackend(socket).content(anchor);
+    ASSERT_TRUE(content);
+    EXPECT_THAT(content->rules, SizeIs(3 * networks));
+    std::uint32_t index = 0;
+    EXPECT_TRUE(std::ranges::all_of(
+        content->rules, [&index](const CountedRule& rule) { return rule.index == index++; }));
+}
+
+void beginMessage(
+    MessageWriter& transaction, int type, std::uint16_t resource, unsigned flags = 0) {
+    transaction.begin(
+        {.type = static_cast<std::uint16_t>(type),
+         .flags = static_cast<std::uint16_t>(flags),
+         .family = NFPROTO_IPV4,
+         .resource = resource});
+}
+
+TEST_F(PfctlTest, DoesNotTakeTheTablesOfOthersForAnchors) {
+    MessageWriter transaction;
+    beginMessage(transaction, NFNL_MSG_BATCH_BEGIN, NFNL_SUBSYS_NFTABLES);
+    beginMessage(
+        transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_CREATE | NLM_F_ACK);
+    transaction.putText(NFTA_TABLE_NAME, "theirs");
+    beginMessage(transaction, NFNL_MSG_BATCH_END, NFNL_SUBSYS_NFTABLES);
+    NetlinkSocket socket;
+    ASSERT_EQ(socket.request(transaction, 1), 0);
+    load(denyFirst);
+
+    EXPECT_THAT(NftablesBackend(socket).anchors(), SizeIs(1));
+    EXPECT_EQ(pfctl({"-a", "theirs", "-v", "-sr"}).output, "");
+    EXPECT_EQ(pfctl({"-a", "theirs", "-F", "rules"}).error, "rules cleared\n");
+    EXPECT_EQ(socket.request(transaction, 1), 0) << "their table is gone";
+}
+
+TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {
+    MessageWriter transaction;
+    beginMessage(transaction, NFNL_MSG_BATCH_BEGIN, NFNL_SUBSYS_NFTABLES);
+    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_CREATE);
+    transaction.putText(NFTA_TABLE_NAME, "new");
+    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_DELTABLE, 0, 0);
+    transaction.putText(NFTA_TABLE_NAME, "missing");
+    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_ACK);
+    transaction.putText(NFTA_TABLE_NAME, "new");
+    beginMessage(transaction, NFNL_MSG_BATCH_END, NFNL_SUBSYS_NFTABLES);
+
+    EXPECT_EQ(NetlinkSocket().request(transaction, 1), ENOENT);
+}
+
+TEST_F(PfctlTest, RefusesUsersWithoutTheRight) {
+    if (!test::isRealRoot()) {
+        GTEST_SKIP() << "a user namespace has no other user";
+    }
+    ASSERT_EQ(test::run({"/bin/cp", program, "/tmp/pfctl"}).status, 0);
+
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"-si"}, {"-E"}, {"-k", "10.0.0.1"}, {"-a", anchor, "-F", "rules"}}) {
+        std::vector<std::string> words{
+            "/usr/bin/setpriv", "--reuid=1", "--clear-groups", "/tmp/pfctl"};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        const auto refused = test::run(words);
+
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.error, "pfctl: /dev/pf: Permission denied\n");
+    }
+}
+
+TEST_F(PfctlTest, RefusesRootWithoutTheRight) {
+    writeFile(rulesetPath, denyFirst);
+    const auto refused = test::run(
+        {"/usr/bin/setpriv",
+         "--bounding-set=-net_admin",
+         "--inh-caps=-net_admin",
+         program,
+         "-a",
+         anchor,
+         "-f",
+         rulesetPath});
+
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.error, "pfctl: /dev/pf: Permission denied\n");
+}
+
+}  // namespace
+}  // namespace tarnvale::pfctl

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+//
+// The states. The kernel tracks every connection; those with a bit of ours are what pf calls
+// states.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "pfctl/kernel/Dispatch.h"
+#include "pfctl/kernel/Netlink.h"
+#include "pfctl/language/Rule.h"
+
+namespace tarnvale::pfctl {
+
+/// One tracked connection.
+struct Connection {
+    Flow entering;           ///< its first packet as the rules for `in` see it
+    Flow leaving;            ///< and as those for `out` do: with its source translated
+    std::uint32_t mark = 0;  ///< MarkBits.h
+
+    bool hasState() const;
+};
+
+/// All functions throw `PfctlError`.
+class Conntrack {
+public:
+    explicit Conntrack(NetlinkSocket& socket) : socket_(socket) {}
+
+    /// Calls `take` for every IPv4 connection.
+    void forEach(const std::function<void(const Connection&)>& take);
+
+    /// Forgets the connections whose initiator is in the first network and, where a second is
+    /// given, whose responder is in that one. Returns how many of them had a state.
+    std::size_t kill(std::span<const Network> hosts);
+
+    /// Whether the text, in the form of /proc/net/nf_conntrack, may hold a connection that `kill`
+    /// forgets. What it does not understand it takes for one.
+    static bool mayName(std::string_view list, std::span<const Network> hosts);
+
+private:
+    void forget(std::span<const std::vector<std::uint8_t>> entries);
+
+    NetlinkSocket& socket_;
+};
+
+}  // namespace tarnvale::pfctl

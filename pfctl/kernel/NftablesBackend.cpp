@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: MIT
+
+#include "pfctl/kernel/NftablesBackend.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
+
+#include "pfctl/language/PfctlError.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+/// A listing that others keep changing under us is given up after so many attempts.
+constexpr int mostAttempts = 20;
+
+PfctlError keepsChanging() {
+    return PfctlError{"the rules keep changing while they are read"};
+}
+
+MessageHeader header(int message, unsigned flags = 0) {
+    return {
+        .type = static_cast<std::uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | message),
+        .flags = static_cast<std::uint16_t>(flags),
+        .family = NFPROTO_IPV4,
+        .resource = 0};
+}
+
+std::optional<Anchor> anchorOf(const Message& message) {
+    const auto loader = loaderFromUserData(attribute(message.attributes, NFTA_TABLE_USERDATA));
+    if (message.family != NFPROTO_IPV4 || !loader) {
+        return std::nullopt;
+    }
+    const auto flags = number(attribute(message.attributes, NFTA_TABLE_FLAGS)).value_or(0);
+    return Anchor{
+        .name = std::string(textOf(attribute(message.attributes, NFTA_TABLE_NAME))),
+        .loader = *loader,
+        .dormant = (flags & NFT_TABLE_F_DORMANT) != 0};
+}
+
+struct Counter {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+};
+
+/// The rule's counter, if it has one.
+std::optional<Counter> counterOf(Bytes expressions) {
+    for (AttributeReader reader(expressions); reader.next();) {
+        if (textOf(attribute(reader.value(), NFTA_EXPR_NAME)) == "counter") {
+            const Bytes data = attribute(reader.value(), NFTA_EXPR_DATA);
+            return Counter{
+                .packets = number(attribute(data, NFTA_COUNTER_PACKETS)).value_or(0),
+                .bytes = number(attribute(data, NFTA_COUNTER_BYTES)).value_or(0)};
+        }
+    }
+    return std::nullopt;
+}
+
+/// Makes one entry of the several that a line without a protocol has.
+std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
+    std::ranges::stable_sort(rules, {}, &CountedRule::index);
+    std::vector<CountedRule> result;
+    result.reserve(rules.size());
+    for (const CountedRule& rule : rules) {
+        if (result.empty() || result.back().index != rule.index) {
+            result.push_back(rule);
+            continue;
+        }
+        // The first entry met every packet that came to the line.
+        result.back().packets += rule.packets;
+        result.back().bytes += rule.bytes;
+    }
+    return result;
+}
+
+}  // namespace
+
+std::vector<Anchor> NftablesBackend::anchors() {
+    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+        std::vector<Anchor> found;
+        MessageWriter request;
+        request.begin(header(NFT_MSG_GETTABLE, NLM_F_DUMP));
+        const bool complete = socket_.dump(request, [&found](const Message& message) {
+            if (auto anchor = anchorOf(message)) {
+                found.push_back(std::move(*anchor));
+            }
+        });
+        if (complete) {
+            return found;
+        }
+    }
+    throw keepsChanging();
+}
+
+std::optional<Anchor> NftablesBackend::anchor(std::string_view name) {
+    std::optional<Anchor> found;
+    MessageWriter request;
+    request.begin(header(NFT_MSG_GETTABLE));
+    request.putText(NFTA_TABLE_NAME, name);
+    const int error =
+        socket_.get(request, [&found](const Message& message) { found = anchorOf(message); });
+    if (error != 0 && error != ENOENT) {
+        throw NetlinkSocket::failure(error);
+    }
+    return found;
+}
+
+void NftablesBackend::load(const RulesetTable& table) {
+    if (table.rules.empty()) {
+        flush(table.anchor);
+        return;
+    }
+    RulesetTable placed = table;
+    placed.place = placeBehind(table.anchor);
+    MessageWriter transaction;
+    writeReplacement(transaction, placed);
+    commit(transaction);
+}
+
+/// The place on the hooks that is just behind the anchor's table, if there is one.
+std::int32_t NftablesBackend::placeBehind(std::string_view anchor) {
+    std::int32_t place = 0;
+    MessageWriter request;
+    request.begin(header(NFT_MSG_GETCHAIN));
+    request.putText(NFTA_CHAIN_TABLE, anchor);
+    request.putText(NFTA_CHAIN_NAME, "in");
+    const int error = socket_.get(request, [&place](const Message& message) {
+        const Bytes hook = attribute(message.attributes, NFTA_CHAIN_HOOK);
+        const auto priority = number(attribute(hook, NFTA_HOOK_PRIORITY));
+        if (priority) {
+            place = static_cast<std::int32_t>(*priority) - firstPlaceIn + 1;
+        }
+    });
+    if (error != 0 && error != ENOENT) {
+        throw NetlinkSocket::failure(error);
+    }
+    return place;
+}
+
+void NftablesBackend::flush(std::string_view anchor) {
+    // A transaction costs milliseconds, also one that finds nothing to remove.
+    if (!this->anchor(anchor)) {
+        return;
+    }
+    MessageWriter transaction;
+    writeRemoval(transaction, anchor);
+    commit(transaction);
+}
+
+void NftablesBackend::awaken(std::span<const std::string> anchors) {
+    MessageWriter transaction;
+    writeAwakening(transaction, anchors);
+    commit(transaction);
+}
+
+void NftablesBackend::commit(MessageWriter& transaction) {
+    if (const int error = socket_.request(transaction, 1); error != 0) {
+        throw NetlinkSocket::failure(error);
+    }
+}
+
+std::uint32_t NftablesBackend::generation() {
+    std::uint64_t generation = 0;
+    MessageWriter request;
+    request.begin(header(NFT_MSG_GETGEN));
+    const int error = socket_.get(request, [&generation](const Message& message) {
+        generation = number(attribute(message.attributes, NFTA_GEN_ID)).value_or(0);
+    });
+    if (error != 0) {
+        throw NetlinkSocket::failure(error);
+    }
+    return static_cast<std::uint32_t>(generation);
+}
+
+std::optional<std::vector<std::string>> NftablesBackend::chains(std::string_view anchor) {
+    std::vector<std::string> names;
+    MessageWriter request;
+    request.begin(header(NFT_MSG_GETCHAIN, NLM_F_DUMP));
+    const bool complete = socket_.dump(request, [&](const Message& message) {
+        if (textOf(attribute(message.attributes, NFTA_CHAIN_TABLE)) == anchor) {
+            names.emplace_back(textOf(attribute(message.attributes, NFTA_CHAIN_NAME)));
+        }
+    });
+    return complete ? std::optional(std::move(names)) : std::nullopt;
+}
+
+bool NftablesBackend::readChain(
+    std::string_view anchor, const std::string& chain, std::vector<CountedRule>& rules) {
+    const std::size_t first = rules.size();
+    std::uint64_t unmatched = 0;
+    MessageWriter request;
+    request.begin(header(NFT_MSG_GETRULE, NLM_F_DUMP));
+    request.putText(NFTA_RULE_TABLE, anchor);
+    request.putText(NFTA_RULE_CHAIN, chain);
+    const bool complete = socket_.dump(request, [&](const Message& message) {
+        const auto counter = counterOf(attribute(message.attributes, NFTA_RULE_EXPRESSIONS));
+        if (!counter) {
+            return;
+        }
+        const auto line = ruleFromUserData(attribute(message.attributes, NFTA_RULE_USERDATA));
+        if (!line) {
+            unmatched = counter->packets;
+            return;
+        }
+        rules.push_back(
+            {.index = line->index,
+             .rule = line->rule,
+             .evaluations = 0,
+             .packets = counter->packets,
+             .bytes = counter->bytes});
+    });
+
+    // A packet came to a line if the line took it, a line below did, or none.
+    for (std::size_t at = rules.size(); at > first; --at) {
+        unmatched += rules[at - 1].packets;
+        rules[at - 1].evaluations = unmatched;
+    }
+    return complete;
+}
+
+std::optional<AnchorContent> NftablesBackend::content(std::string_view anchor) {
+    // The dumps belong together if no transaction was committed between the first and the last.
+    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+        const std::uint32_t before = generation();
+        const auto found = this->anchor(anchor);
+        if (!found) {
+            return std::nullopt;
+        }
+        const auto names = chains(anchor);
+        bool complete = names.has_value();
+        std::vector<CountedRule> rules;
+        for (std::size_t chain = 0; complete && chain < names->size(); ++chain) {
+            complete = readChain(anchor, (*names)[chain], rules);
+        }
+        if (complete && generation() == before) {
+            return AnchorContent{.loader = found->loader, .rules = merged(std::move(rules))};
+        }
+    }
+    throw keepsChanging();
+}
+
+}  // namespace tarnvale::pfctl

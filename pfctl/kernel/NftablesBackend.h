@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+//
+// The anchors as the kernel has them: which there are, what they hold, and their replacement. A
+// load is one transaction: the old ruleset is in force until the new one is.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "pfctl/kernel/Netlink.h"
+#include "pfctl/kernel/RulesetBatch.h"
+
+namespace tarnvale::pfctl {
+
+struct Anchor {
+    std::string name;
+    Loader loader;
+    bool dormant = false;
+};
+
+/// A line with the packets that it decided on. Those that passed by a state count nowhere.
+struct CountedRule {
+    std::uint32_t index = 0;
+    Rule rule;
+    std::uint64_t evaluations = 0;  ///< packets that came to this line
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+};
+
+struct AnchorContent {
+    Loader loader;
+    std::vector<CountedRule> rules;  ///< in the order of the lines
+};
+
+/// All functions throw `PfctlError`.
+class NftablesBackend {
+public:
+    explicit NftablesBackend(NetlinkSocket& socket) : socket_(socket) {}
+
+    /// The anchors that have rules. Tables of others are not among them.
+    std::vector<Anchor> anchors();
+
+    /// The anchor of that name, if it has rules.
+    std::optional<Anchor> anchor(std::string_view name);
+
+    /// Makes the rules the anchor's only ones; with none the anchor ceases to be.
+    void load(const RulesetTable& table);
+
+    /// Removes the anchor's rules, if it has any.
+    void flush(std::string_view anchor);
+
+    /// Lets the anchors be enforced that were loaded dormant.
+    void awaken(std::span<const std::string> anchors);
+
+    /// What the anchor holds at one instant; nothing when it has no rules.
+    std::optional<AnchorContent> content(std::string_view anchor);
+
+private:
+    std::uint32_t generation();
+    std::optional<std::vector<std::string>> chains(std::string_view anchor);
+    bool readChain(
+        std::string_view anchor, const std::string& chain, std::vector<CountedRule>& rules);
+    std::int32_t placeBehind(std::string_view anchor);
+    void commit(MessageWriter& transaction);
+
+    NetlinkSocket& socket_;
+};
+
+}  // namespace tarnvale::pfctl

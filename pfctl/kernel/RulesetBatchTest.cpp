@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: MIT
+
+#include "pfctl/kernel/RulesetBatch.h"
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
+
+#include "pfctl/language/RulesetParser.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+using testing::ElementsAre;
+
+struct Sent {
+    nlmsghdr header{};
+    std::vector<std::uint8_t> attributes;
+};
+
+std::vector<Sent> messagesOf(const MessageWriter& messages) {
+    std::vector<Sent> sent;
+    for (const iovec& piece : messages.pieces()) {
+        Bytes rest(static_cast<const std::uint8_t*>(piece.iov_base), piece.iov_len);
+        while (!rest.empty()) {
+            Sent message;
+            std::memcpy(&message.header, rest.data(), sizeof message.header);
+            const Bytes attributes = rest.first(message.header.nlmsg_len).subspan(20);
+            message.attributes.assign(attributes.begin(), attributes.end());
+            sent.push_back(message);
+            rest = rest.subspan(message.header.nlmsg_len);
+        }
+    }
+    return sent;
+}
+
+std::vector<Sent> replacementOf(std::string_view ruleset) {
+    const auto rules = parseRuleset(ruleset).rules;
+    MessageWriter messages;
+    writeReplacement(
+        messages,
+        {.anchor = "anchor", .rules = rules, .loader = {.uid = 7, .pid = 8}, .dormant = true});
+    return messagesOf(messages);
+}
+
+std::vector<Sent> ofType(const std::vector<Sent>& messages, int type) {
+    std::vector<Sent> found;
+    for (const Sent& message : messages) {
+        if (message.header.nlmsg_type == (NFNL_SUBSYS_NFTABLES << 8 | type)) {
+            found.push_back(message);
+        }
+    }
+    return found;
+}
+
+/// Only the last message before the end may ask for an answer: an error comes before it then.
+void expectOneQuestionAtTheEnd(const std::vector<Sent>& messages) {
+    ASSERT_GE(messages.size(), 3U);
+    EXPECT_EQ(messages.front().header.nlmsg_type, NFNL_MSG_BATCH_BEGIN);
+    EXPECT_EQ(messages.back().header.nlmsg_type, NFNL_MSG_BATCH_END);
+    for (std::size_t at = 0; at < messages.size(); ++at) {
+        const bool asks = (messages[at].header.nlmsg_flags & NLM_F_ACK) != 0;
+        EXPECT_EQ(asks, at + 2 == messages.size()) << at;
+    }
+}
+
+constexpr std::string_view twoLines =
+    "pass in quick from 10.0.0.0/24 to any keep state\n"
+    "block drop out quick from any to 10.0.0.0/24\n";
+
+TEST(RulesetBatchTest, AsksForOneAnswerWithTheLastMessage) {
+    expectOneQuestionAtTheEnd(replacementOf(twoLines));
+    const std::vector<std::string> anchors{"one", "two"};
+    const std::vector<std::function<void(MessageWriter&)>> others{
+        [](MessageWriter& messages) { writeRemoval(messages, "one"); },
+        [&anchors](MessageWriter& messages) { writeAwakening(messages, anchors); }};
+    for (const auto& write : others) {
+        MessageWriter messages;
+        write(messages);
+        expectOneQuestionAtTheEnd(messagesOf(messages));
+    }
+}
+
+TEST(RulesetBatchTest, CarriesTheLoaderAndEveryLine) {
+    const auto messages = replacementOf(twoLines);
+
+    const auto table = ofType(messages, NFT_MSG_NEWTABLE).at(1);
+    EXPECT_EQ(
+        loaderFromUserData(attribute(table.attributes, NFTA_TABLE_USERDATA)),
+        (Loader{.uid = 7, .pid = 8}));
+    EXPECT_EQ(
+        number(attribute(table.attributes, NFTA_TABLE_FLAGS)), std::uint64_t{NFT_TABLE_F_DORMANT});
+    std::vector<std::uint32_t> lines;
+    for (const Sent& rule : ofType(messages, NFT_MSG_NEWRULE)) {
+        if (const auto line = ruleFromUserData(attribute(rule.attributes, NFTA_RULE_USERDATA))) {
+            EXPECT_EQ(line->rule, parseRuleset(twoLines).rules.at(line->index));
+            lines.push_back(line->index);
+        }
+    }
+    // A line that passes without a protocol is two rules: its TCP half and the rest.
+    EXPECT_THAT(lines, ElementsAre(0, 0, 1));
+}
+
+TEST(RulesetBatchTest, TakesAHashTableForEachSizeOfNetwork) {
+    const auto setsFor = [](std::string_view other) {
+        const auto messages = replacementOf(
+            "block drop in quick from 10.0.0.0/24 to any\nblock drop in quick from " +
+            std::string(other) + " to any\n");
+        const auto sets = ofType(messages, NFT_MSG_NEWSET);
+        for (const auto& set : sets) {
+            EXPECT_EQ(number(attribute(set.attributes, NFTA_SET_FLAGS)), NFT_SET_MAP);
+        }
+        return sets.size();
+    };
+
+    EXPECT_EQ(setsFor("10.0.1.0/24"), 1U);
+    EXPECT_EQ(setsFor("10.0.1.0/25"), 2U);
+    EXPECT_EQ(setsFor("10.0.0.0/23"), 1U) << "two halves of one size";
+    EXPECT_EQ(setsFor("10.0.0.0/22"), 2U) << "a quarter, the quarter beside it, and a half";
+    EXPECT_EQ(setsFor("10.0.0.0/8"), 16U) << "what is left of it has each size from 9 to 24";
+}
+
+TEST(RulesetBatchTest, KnowsItsOwnTablesByTheirUserData) {
+    const auto loaderOf = [](std::string_view comment) {
+        std::vector<std::uint8_t> data{0, static_cast<std::uint8_t>(comment.size() + 1)};
+        data.insert(data.end(), comment.begin(), comment.end());
+        data.push_back(0);
+        return loaderFromUserData(data);
+    };
+
+    EXPECT_EQ(
+        loaderOf("pf anchor, form 1, loaded by uid 4294967295 pid 68"),
+        (Loader{.uid = 4294967295, .pid = 68}));
+    for (const std::string_view comment :
+         {"",
+          "somebody's table",
+          "pf anchor, form 2, loaded by uid 0 pid 68",
+          "pf anchor, form 1, loaded by uid pid 68",
+          "pf anchor, form 1, loaded by uid 0 pid ",
+          "pf anchor, form 1, loaded by uid 0 pid 68 ",
+          "pf anchor, form 1, loaded by uid 4294967296 pid 68"}) {
+        EXPECT_EQ(loaderOf(comment), std::nullopt) << comment;
+    }
+    EXPECT_EQ(loaderFromUserData({}), std::nullopt);
+    EXPECT_EQ(loaderFromUserData(std::array<std::uint8_t, 3>{0, 200, 'p'}), std::nullopt);
+}
+
+TEST(RulesetBatchTest, TakesNoOtherUserDataForALine) {
+    EXPECT_EQ(ruleFromUserData({}), std::nullopt);
+    EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 2>{0xF0, 0}), std::nullopt);
+    EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 4>{0xF0, 200, 0, 0}), std::nullopt);
+    EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 6>{0xF0, 4, 0, 0, 0, 0}), std::nullopt);
+    EXPECT_EQ(
+        ruleFromUserData(std::array<std::uint8_t, 6>{0x00, 4, 'l', 'i', 'n', 0}), std::nullopt);
+}
+
+}  // namespace
+}  // namespace tarnvale::pfctl

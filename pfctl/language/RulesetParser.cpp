@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: MIT
+
+#include "pfctl/language/RulesetParser.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+namespace tarnvale::pfctl {
+namespace {
+
+/// One line after joining, without its comment and its line feed.
+struct Line {
+    std::string_view text;
+    std::size_t number = 0;          ///< of its first line in the file
+    std::vector<std::size_t> joins;  ///< where in `text` further lines of the file begin
+    bool ended = true;               ///< by a line feed
+
+    std::size_t numberAt(std::size_t offset) const {
+        const auto before =
+            std::ranges::count_if(joins, [offset](std::size_t join) { return join <= offset; });
+        return number + static_cast<std::size_t>(before);
+    }
+};
+
+/// Cuts a text into lines.
+class LineReader {
+public:
+    explicit LineReader(std::string_view text) : rest_(text) {}
+
+    /// False at the end of the text.
+    bool next(Line& line) {
+        if (rest_.empty()) {
+            return false;
+        }
+        line.number = ++lastNumber_;
+        line.joins.clear();
+        line.text = takePhysicalLine(line.ended);
+        if (line.ended && line.text.ends_with('\\')) {
+            joinLines(line);
+        }
+        line.text = line.text.substr(0, line.text.find('#'));
+        return true;
+    }
+
+private:
+    std::string_view takePhysicalLine(bool& ended) {
+        const std::size_t end = rest_.find('\n');
+        ended = end != std::string_view::npos;
+        const std::string_view line = rest_.substr(0, end);
+        rest_.remove_prefix(ended ? end + 1 : rest_.size());
+        return line;
+    }
+
+    void joinLines(Line& line) {
+        joined_.clear();
+        std::string_view piece = line.text;
+        while (line.ended && piece.ends_with('\\')) {
+            joined_ += piece.substr(0, piece.size() - 1);
+            line.joins.push_back(joined_.size());
+            piece = takePhysicalLine(line.ended);
+            ++lastNumber_;
+        }
+        joined_ += piece;
+        line.text = joined_;
+    }
+
+    std::string_view rest_;
+    std::string joined_;
+    std::size_t lastNumber_ = 0;
+};
+
+/// A mistake on its way out of the line that holds it.
+struct LineMistake {
+    std::string text;
+};
+
+/// Whether the word is made of what names, numbers and addresses are made of.
+bool isPlain(std::string_view word) {
+    return !word.empty() && std::ranges::all_of(word, [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               c == '-' || c == '.' || c == ':' || c == '/';
+    });
+}
+
+/// A mistake that names the word, if the word is one that can be shown.
+LineMistake mistakeWithWord(const std::string& text, std::string_view word) {
+    constexpr std::size_t longest = 40;
+    const bool showable = isPlain(word) && word.size() <= longest;
+    return {showable ? text + std::string(word) : "syntax error"};
+}
+
+/// Reads the words of one line, each as what it has to be. Throws `LineMistake`.
+class RuleReader {
+public:
+    explicit RuleReader(std::string_view line) : line_(line) { advance(); }
+
+    Rule read() {
+        Rule rule;
+        rule.action = readAction();
+        rule.direction = readDirection();
+        expect("quick");
+        if (accept("proto")) {
+            rule.protocol = readProtocol();
+        }
+        expect("from");
+        rule.from = readEndpoint(rule);
+        expect("to");
+        rule.to = readEndpoint(rule);
+        if (accept("keep")) {
+            expect("state");
+            if (rule.action == Action::blockDrop) {
+                throw LineMistake{"keep state on block rules doesn't make sense"};
+            }
+        }
+        if (!word_.empty()) {
+            throw LineMistake{"syntax error"};
+        }
+        const bool hasPorts =
+            rule.from.ports.kind != Ports::Kind::all || rule.to.ports.kind != Ports::Kind::all;
+        if (hasPorts && rule.protocol != Protocol::tcp && rule.protocol != Protocol::udp) {
+            throw LineMistake{"port only applies to tcp/udp"};
+        }
+        return rule;
+    }
+
+    /// Where the word begins that is being read.
+    std::size_t offset() const { return wordBegin_; }
+
+    bool atEnd() const { return word_.empty(); }
+
+private:
+    void advance() {
+        constexpr std::string_view blanks = " \t";
+        wordBegin_ = std::min(line_.find_first_not_of(blanks, wordEnd_), line_.size());
+        wordEnd_ = std::min(line_.find_first_of(blanks, wordBegin_), line_.size());
+        word_ = line_.substr(wordBegin_, wordEnd_ - wordBegin_);
+    }
+
+    bool accept(std::string_view word) {
+        if (word_ != word) {
+            return false;
+        }
+        advance();
+        return true;
+    }
+
+    void expect(std::string_view word) {
+        if (!accept(word)) {
+            throw LineMistake{"syntax error"};
+        }
+    }
+
+    Action readAction() {
+        if (accept("pass")) {
+            return Action::pass;
+        }
+        expect("block");
+        expect("drop");
+        return Action::blockDrop;
+    }
+
+    Direction readDirection() {
+        if (accept("in")) {
+            return Direction::in;
+        }
+        expect("out");
+        return Direction::out;
+    }
+
+    Protocol readProtocol() {
+        if (accept("tcp")) {
+            return Protocol::tcp;
+        }
+        if (accept("udp")) {
+            return Protocol::udp;
+        }
+        if (accept("icmp")) {
+            return Protocol::icmp;
+        }
+        throw mistakeWithWord("unknown protocol ", word_);
+    }
+
+    Endpoint readEndpoint(Rule& rule) {
+        Endpoint side;
+        if (!accept("any")) {
+            const auto network = parseNetwork(word_);
+            if (!network) {
+                throw LineMistake{isPlain(word_) ? "could not parse host" : "syntax error"};
+            }
+            side.network = *network;
+            rule.namesANetwork = true;
+            advance();
+        }
+        if (accept("port")) {
+            side.ports = readPorts();
+        }
+        return side;
+    }
+
+    Ports readPorts() {
+        const std::size_t colon = word_.find(':');
+        Ports ports;
+        ports.kind = colon == std::string_view::npos ? Ports::Kind::one : Ports::Kind::range;
+        ports.first = parsedPort(word_.substr(0, colon));
+        ports.last =
+            ports.kind == Ports::Kind::one ? ports.first : parsedPort(word_.substr(colon + 1));
+        if (ports.last < ports.first) {
+            throw LineMistake{"syntax error"};
+        }
+        advance();
+        return ports;
+    }
+
+    static std::uint16_t parsedPort(std::string_view text) {
+        const bool isNumber =
+            std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
+        if (!isNumber) {
+            throw mistakeWithWord("unknown port ", text);
+        }
+        std::uint32_t value = 0;
+        for (const char digit : text.substr(0, 6)) {
+            value = value * 10 + static_cast<std::uint32_t>(digit - '0');
+        }
+        if (text.empty() || text.front() == '0' || value > 65535) {
+            throw mistakeWithWord("illegal port value ", text);
+        }
+        return static_cast<std::uint16_t>(value);
+    }
+
+    std::string_view line_;
+    std::string_view word_;
+    std::size_t wordBegin_ = 0;
+    std::size_t wordEnd_ = 0;
+};
+
+}  // namespace
+
+ParsedRuleset parseRuleset(std::string_view text) {
+    ParsedRuleset ruleset;
+    LineReader lines(text);
+    Line line;
+    while (ruleset.mistakes.size() < mostMistakes && lines.next(line)) {
+        RuleReader reader(line.text);
+        if (reader.atEnd()) {
+            continue;
+        }
+        try {
+            const Rule rule = reader.read();
+            if (!line.ended) {
+                throw LineMistake{"syntax error"};
+            }
+            ruleset.rules.push_back(rule);
+        } catch (LineMistake& mistake) {
+            ruleset.mistakes.push_back({line.numberAt(reader.offset()), std::move(mistake.text)});
+        }
+    }
+    return ruleset;
+}
+
+}  // namespace tarnvale::pfctl

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+//
+// Reads a ruleset: the part of pf.conf that the helper writes, and nothing else, so that a line is
+// enforced as it was meant or refused. Blank lines, comments from "#" to the end of the line, and
+//
+//     pass|block drop  in|out  quick  [proto tcp|udp|icmp]
+//         from any|CIDR [port N|N:M]  to any|CIDR [port N|N:M]  [keep state]
+//
+// As in pf, a backslash before a line feed joins two lines, in comments too; a carriage return is
+// a mistake, and so is a last rule without a line feed. Time and memory are linear in the text.
+
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pfctl/language/Rule.h"
+
+namespace tarnvale::pfctl {
+
+struct Mistake {
+    std::size_t line = 0;  ///< counted from 1
+    std::string text;
+
+    bool operator==(const Mistake&) const = default;
+};
+
+/// No more mistakes than these are told: the first ones are what a reader needs.
+inline constexpr std::size_t mostMistakes = 10;
+
+struct ParsedRuleset {
+    std::vector<Rule> rules;
+    std::vector<Mistake> mistakes;  ///< one per line at most; with any, `rules` is of no use
+};
+
+ParsedRuleset parseRuleset(std::string_view text);
+
+}  // namespace tarnvale::pfctl

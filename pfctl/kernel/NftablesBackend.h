@@ -22,15 +22,6 @@ struct Anchor {
     bool dormant = false;
 };
 
-/// A line with the packets that it decided on. Those that passed by a state count nowhere.
-struct CountedRule {
-    std::uint32_t index = 0;
-    Rule rule;
-    std::uint64_t evaluations = 0;  ///< packets that came to this line
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;
-};
-
 struct AnchorContent {
     Loader loader;
     std::vector<CountedRule> rules;  ///< in the order of the lines

@@ -25,17 +25,10 @@
 
 #include "pfctl/kernel/Dispatch.h"
 #include "pfctl/kernel/Netlink.h"
+#include "pfctl/language/CountedRule.h"
 #include "pfctl/language/Rule.h"
 
 namespace tarnvale::pfctl {
-
-/// Who loaded a ruleset.
-struct Loader {
-    std::uint32_t uid = 0;
-    std::uint32_t pid = 0;
-
-    bool operator==(const Loader&) const = default;
-};
 
 struct RulesetTable {
     std::string_view anchor;

@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "pfctl/kernel/NftablesBackend.h"
+#include "pfctl/language/CountedRule.h"
 #include "pfctl/language/Rule.h"
 
 namespace tarnvale::pfctl {

@@ -7,9 +7,9 @@
 
 #include <unistd.h>
 
-#include "firewall/policy/HostAddresses.h"
 #include "helperctl/PolicyFile.h"
 #include "helperctl/Preview.h"
+#include "platform/HostAddresses.h"
 
 namespace tarnvale::helperctl {
 namespace {

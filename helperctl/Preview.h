@@ -9,8 +9,8 @@
 
 #include <sys/types.h>
 
-#include "firewall/policy/HostAddresses.h"
 #include "helperctl/Answer.h"
+#include "platform/HostAddresses.h"
 
 namespace tarnvale::helperctl {
 

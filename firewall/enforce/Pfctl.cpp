@@ -37,7 +37,7 @@ bool isNotice(std::string_view line) {
 }  // namespace
 
 CommandResult runPfctl(const std::vector<std::string>& arguments) {
-    return runCommand(pfctlPath, arguments);
+    return platform::runCommand(pfctlPath, arguments);
 }
 
 std::string combinedOutput(const CommandResult& result) {

@@ -9,9 +9,11 @@
 #include <string_view>
 #include <vector>
 
-#include "firewall/enforce/Command.h"
+#include "platform/Command.h"
 
 namespace tarnvale::HelperFirewall {
+
+using platform::CommandResult;
 
 inline constexpr const char* pfctlPath = "/sbin/pfctl";
 

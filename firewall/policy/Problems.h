@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "firewall/policy/FirewallRecords.h"
-#include "firewall/policy/HostAddresses.h"
+#include "platform/HostAddresses.h"
 
 namespace tarnvale::NetworkFirewall {
 

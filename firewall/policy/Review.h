@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "firewall/policy/FirewallRecords.h"
-#include "firewall/policy/HostAddresses.h"
 #include "firewall/policy/PolicyStore.h"
+#include "platform/HostAddresses.h"
 #include "support/Uuid.h"
 
 namespace tarnvale::NetworkFirewall {

@@ -13,9 +13,9 @@
 #include <gtest/gtest.h>
 
 #include "core/base/AppSupport.h"
-#include "firewall/policy/HostAddresses.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/Review.h"
+#include "platform/HostAddresses.h"
 #include "tests/packets/PacketTest.h"
 
 namespace tarnvale::test {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "firewall/enforce/Command.h"
+#include "platform/Command.h"
 
 #include <atomic>
 #include <csignal>
@@ -17,7 +17,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 
-namespace tarnvale::HelperFirewall {
+namespace tarnvale::platform {
 namespace {
 
 using support::UniqueFd;
@@ -156,4 +156,4 @@ TEST(CommandTest, InheritsEnvironmentAndFolder) {
 }
 
 }  // namespace
-}  // namespace tarnvale::HelperFirewall
+}  // namespace tarnvale::platform

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The addresses of this machine's own network interfaces.
+// Reads a list that `getifaddrs` made. Asking for the list is left to `hostAddresses`, so that
+// tests can hand in lists that no machine at hand would give.
 
 #pragma once
 
@@ -8,34 +9,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string>
 #include <vector>
+
+#include "platform/HostAddresses.h"
 
 struct ifaddrs;
 
 namespace tarnvale::NetworkFirewall {
 
-/// One address of one interface.
-struct HostAddress {
-    std::string interface;            ///< BSD name, such as "en0" or "bridge100"
-    std::vector<std::uint8_t> bytes;  ///< network order: 4 bytes for IPv4, 16 for IPv6
-    int prefixLength = 0;             ///< leading one bits of the interface's netmask
-
-    bool operator==(const HostAddress&) const = default;
-};
-
-/// The IPv4 and IPv6 addresses of all interfaces, in the system's order; none when the system does
-/// not tell.
-std::vector<HostAddress> hostAddresses();
-
-/// The same from a list that `getifaddrs` has made, which stays the caller's.
+/// The list's IPv4 and IPv6 addresses, in its order. The list stays the caller's.
 std::vector<HostAddress> hostAddresses(const ifaddrs* list);
 
 /// The leading one bits of a netmask. Counting stops at the first byte that isn't all ones.
 int netmaskPrefixLength(std::span<const std::uint8_t> mask);
 
 /// The bytes of a socket address from `offset` on, at most `count` of them. Where socket addresses
-/// tell their own length, a netmask's may end before its last bytes, or before its first one.
+/// carry their own length, a netmask's may end before its last bytes, or before its first one.
 template <class SocketAddress>
 std::span<const std::uint8_t> storedBytes(
     const SocketAddress& address, std::size_t offset, std::size_t count) {

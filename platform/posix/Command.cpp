@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "firewall/enforce/Command.h"
+#include "platform/Command.h"
 
 #include <array>
 #include <cerrno>
@@ -22,7 +22,7 @@
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): macOS declares it nowhere
 
-namespace tarnvale::HelperFirewall {
+namespace tarnvale::platform {
 namespace {
 
 using support::FileError;
@@ -73,7 +73,7 @@ public:
         int error = passDescriptor(STDIN_FILENO, STDIN_FILENO);
         error = error != 0 ? error : passDescriptor(output, STDOUT_FILENO);
         error = error != 0 ? error : passDescriptor(errors, STDERR_FILENO);
-        error = error != 0 ? error : platform::keepOtherDescriptors(actions_, flags);
+        error = error != 0 ? error : keepOtherDescriptors(actions_, flags);
         error = error != 0 ? error : ::posix_spawnattr_setsigmask(&attributes_, &none);
         error = error != 0 ? error : ::posix_spawnattr_setsigdefault(&attributes_, &all);
         return error != 0 ? error : ::posix_spawnattr_setflags(&attributes_, flags);
@@ -206,4 +206,4 @@ CommandResult runCommand(
     return result;
 }
 
-}  // namespace tarnvale::HelperFirewall
+}  // namespace tarnvale::platform

@@ -1,31 +1,28 @@
 // SPDX-License-Identifier: MIT
 
-#include "firewall/policy/HostAddresses.h"
+#include "platform/posix/HostAddressList.h"
 
 #include <array>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-
-#include "tests/support/Program.h"
 
 namespace tarnvale::NetworkFirewall {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 using Bytes = std::vector<std::uint8_t>;
 
-TEST(HostAddressesTest, CountsTheLeadingOnesOfANetmask) {
+TEST(NetmaskPrefixLengthTest, CountsTheLeadingOnes) {
     struct Case {
         Bytes mask;
         int prefixLength;
@@ -52,14 +49,14 @@ TEST(HostAddressesTest, CountsTheLeadingOnesOfANetmask) {
     }
 }
 
-/// A socket address of a system where each tells its own length.
+/// A socket address of a system where each carries its own length.
 struct LengthySocketAddress {
     std::uint8_t sa_len = 0;  // NOLINT(readability-identifier-naming): the system's name
     std::uint8_t family = 0;
     std::array<std::uint8_t, 14> data{};
 };
 
-TEST(HostAddressesTest, ReadsNoFurtherThanASocketAddressReaches) {
+TEST(StoredBytesTest, ReadsNoFurtherThanASocketAddressReaches) {
     const auto netmask = [](std::uint8_t length) {
         const LengthySocketAddress address{
             .sa_len = length, .family = 0, .data = {0, 0, 255, 255, 255, 128, 255, 255}};
@@ -76,7 +73,7 @@ TEST(HostAddressesTest, ReadsNoFurtherThanASocketAddressReaches) {
     EXPECT_THAT(netmask(16), ElementsAre(255, 255, 255, 128));
 }
 
-TEST(HostAddressesTest, ReadsTheWholeOfASocketAddressThatTellsNoLength) {
+TEST(StoredBytesTest, ReadsTheWholeOfASocketAddressWithoutALength) {
     struct Lengthless {
         std::array<std::uint8_t, 16> data{0, 0, 0, 0, 255, 255, 0, 0, 9};
     };
@@ -182,73 +179,6 @@ TEST_F(HostAddressListTest, PassesOverEntriesWithoutAnInternetAddress) {
 
 TEST_F(HostAddressListTest, MakesNothingOfAnEmptyList) {
     EXPECT_THAT(hostAddresses(list()), IsEmpty());
-}
-
-/// Each test has a network namespace of its own: a loopback interface, which is down, and nothing
-/// else.
-class HostAddressesSystemTest : public testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(::unshare(CLONE_NEWNET), 0); }
-
-    static test::Finished configure(const std::string& commands) {
-        return test::run({"/sbin/ip", "-batch", "-"}, commands);
-    }
-};
-
-TEST_F(HostAddressesSystemTest, FindsNoneWhereThereAreNone) {
-    EXPECT_THAT(hostAddresses(), IsEmpty());
-}
-
-TEST_F(HostAddressesSystemTest, FindsTheAddressesOfInterfaces) {
-    const test::Finished ip = configure(
-        "link set lo up\n"
-        "address add 192.168.64.1/20 dev lo\n"
-        "address add 10.1.2.3/32 dev lo\n"
-        "address add 2001:db8::7/48 dev lo nodad\n");
-    ASSERT_EQ(ip.status, 0) << ip.error;
-
-    EXPECT_THAT(
-        hostAddresses(),
-        UnorderedElementsAre(
-            HostAddress{"lo", {127, 0, 0, 1}, 8},
-            HostAddress{"lo", {192, 168, 64, 1}, 20},
-            HostAddress{"lo", {10, 1, 2, 3}, 32},
-            HostAddress{"lo", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 128},
-            HostAddress{"lo", {0x20, 1, 0xD, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7}, 48}));
-}
-
-TEST_F(HostAddressesSystemTest, NamesEachInterface) {
-    const test::Finished ip = configure(
-        "link add bridge100 type bridge\n"
-        "address add 192.168.64.1/24 dev bridge100\n"
-        "address add 172.16.0.1/12 dev lo\n");
-    if (ip.error.find("Unknown device type") != std::string::npos) {
-        GTEST_SKIP() << "this kernel has no bridges";
-    }
-    ASSERT_EQ(ip.status, 0) << ip.error;
-
-    EXPECT_THAT(
-        hostAddresses(),
-        UnorderedElementsAre(
-            HostAddress{"bridge100", {192, 168, 64, 1}, 24},
-            HostAddress{"lo", {172, 16, 0, 1}, 12}));
-}
-
-TEST_F(HostAddressesSystemTest, FindsNoneWhenTheSystemDoesNotTell) {
-    const test::Finished ip = configure("address add 192.168.64.1/20 dev lo\n");
-    ASSERT_EQ(ip.status, 0) << ip.error;
-    ASSERT_EQ(hostAddresses().size(), 1U);
-
-    // Asking the system takes a descriptor.
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-
-    const std::vector<HostAddress> addresses = hostAddresses();
-
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    EXPECT_THAT(addresses, IsEmpty());
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 
-#include "firewall/policy/HostAddresses.h"
+#include "platform/posix/HostAddressList.h"
 
 #include <bit>
-#include <memory>
 
 #include <ifaddrs.h>
 #include <netinet/in.h>
@@ -13,12 +12,8 @@ namespace tarnvale::NetworkFirewall {
 
 namespace {
 
-struct FreeIfaddrs {
-    void operator()(ifaddrs* list) const noexcept { ::freeifaddrs(list); }
-};
-
 /// The entry's address, whose bytes lie at `offset` in a socket address of its family. The mask's
-/// own family isn't looked at: some systems leave it unset.
+/// own family is ignored: some systems leave it unset.
 HostAddress hostAddress(const ifaddrs& entry, std::size_t offset, std::size_t count) {
     const auto bytes = storedBytes(*entry.ifa_addr, offset, count);
     HostAddress host{.interface = entry.ifa_name, .bytes = {bytes.begin(), bytes.end()}};
@@ -30,15 +25,6 @@ HostAddress hostAddress(const ifaddrs& entry, std::size_t offset, std::size_t co
 }
 
 }  // namespace
-
-std::vector<HostAddress> hostAddresses() {
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) {
-        return {};
-    }
-    const std::unique_ptr<ifaddrs, FreeIfaddrs> owner(list);
-    return hostAddresses(list);
-}
 
 std::vector<HostAddress> hostAddresses(const ifaddrs* list) {
     std::vector<HostAddress> addresses;

@@ -2,8 +2,8 @@
 # includes to it, this file the libraries: tarnvale_check_rooms() fails if a target links one whose
 # folder its own folder may not know.
 #
-# What stands behind the headers of platform/ counts as platform/ for everybody else: that folder
-# is all they include of it, and the linker chooses the system's own.
+# What stands behind the headers of platform/ counts as platform/ for everybody but the systems'
+# own folders: those headers are all that the others include, and the linker chooses.
 
 set(rooms_table "${PROJECT_SOURCE_DIR}/docs/architecture.md")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${rooms_table}")
@@ -51,7 +51,7 @@ function(tarnvale_check_rooms)
                 continue()
             endif()
             tarnvale_room_of(${library} to)
-            if(NOT from MATCHES "^platform/")
+            if(NOT from MATCHES "^platform/(linux|macos)")
                 string(REGEX REPLACE "^platform/.*" "platform" to "${to}")
             endif()
             if(to AND NOT to STREQUAL from AND NOT to IN_LIST below_${from})

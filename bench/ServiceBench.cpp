@@ -202,7 +202,7 @@ public:
     ~Call() {
         input_.reset();
         ::waitpid(pid_, nullptr, 0);
-        std::fclose(output_);  // NOLINT(cert-err33-c): it was only read
+        std::fclose(output_);
     }
 
     std::string line() {

@@ -195,7 +195,6 @@ public:
         sockaddr_in any{};
         any.sin_family = AF_INET;
         any.sin_port = htons(port);
-        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
         const auto* address = reinterpret_cast<const sockaddr*>(&any);
         require(::bind(receiver_.get(), address, sizeof any) == 0, "bind");
         const int smallest = 1;  // what arrives is dropped when this is full: nobody reads it
@@ -235,7 +234,6 @@ private:
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_addr.s_addr = packet.ip.daddr;
-        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
         const auto* address = reinterpret_cast<const sockaddr*>(&to);
         require(
             ::sendto(sender_.get(), &packet, sizeof packet, 0, address, sizeof to) > 0,

@@ -5,7 +5,8 @@
 namespace tarnvale::platform {
 
 std::optional<std::string> bundleShortVersion() {
-    const std::string version(TARNVALE_VERSION);  // NOLINT(readability-redundant-string-init)
+    // NOLINTNEXTLINE(readability-redundant-string-init): empty unless the build was given one
+    const std::string version(TARNVALE_VERSION);
     return version.empty() ? std::nullopt : std::optional(version);
 }
 

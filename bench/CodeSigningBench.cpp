@@ -24,7 +24,7 @@
 
 #include "core/service/ClientAdmission.h"
 #include "platform/CodeSigning.h"
-#include "platform/linux/codesigning/PeerProcess.h"
+#include "platform/linux/PeerProcess.h"
 #include "platform/linux/codesigning/SignedData.h"
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"

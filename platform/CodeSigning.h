@@ -16,10 +16,14 @@ namespace tarnvale::platform {
 
 /// The process at the other end of a connection, as the transport names it.
 struct Peer {
+    /// The handle of a process that can't be named any more: it had ended before, or belongs to
+    /// another PID namespace. No code is ever its code, whoever has its ID now.
+    static constexpr int gone = -2;
+
     pid_t pid = -1;
 
     /// On Linux a pidfd, which goes on naming this process when its ID has passed to another; -1
-    /// where the caller knows the ID only. Without use on macOS. The transport owns it.
+    /// where the caller knows only the ID. macOS doesn't use it. The transport owns it.
     int handle = -1;
 };
 

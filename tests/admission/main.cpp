@@ -12,7 +12,7 @@
 
 #include "core/service/ClientAdmission.h"
 #include "platform/CodeSigning.h"
-#include "platform/linux/codesigning/PeerProcess.h"
+#include "platform/linux/PeerProcess.h"
 #include "support/Text.h"
 
 namespace tarnvale {

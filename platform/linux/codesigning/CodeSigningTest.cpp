@@ -18,7 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/linux/codesigning/PeerProcess.h"
+#include "platform/linux/PeerProcess.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/SigningLab.h"
 #include "tests/support/SocketPeer.h"
@@ -155,6 +155,13 @@ TEST_F(CodeSigningTest, KnowsNoPeerThatHasEnded) {
 
     EXPECT_EQ(signing->guest(process->peer()), nullptr);
     EXPECT_EQ(signing->guest({.pid = client.pid()}), nullptr);
+}
+
+TEST_F(CodeSigningTest, TakesNoProcessForAPeerThatIsGone) {
+    const SocketPeer namesake({clientPath, "1000"});
+
+    EXPECT_NE(signing->guest({.pid = namesake.pid()}), nullptr);
+    EXPECT_EQ(signing->guest({.pid = namesake.pid(), .handle = Peer::gone}), nullptr);
 }
 
 TEST_F(CodeSigningTest, FindsThePeerInvalidThatEndsBeforeTheCheck) {

@@ -14,10 +14,10 @@
 #include <sys/stat.h>
 
 #include "platform/CodeSigning.h"
+#include "platform/linux/PeerProcess.h"
 #include "platform/linux/codesigning/CodeSignature.h"
 #include "platform/linux/codesigning/KnownCode.h"
 #include "platform/linux/codesigning/OpenFile.h"
-#include "platform/linux/codesigning/PeerProcess.h"
 #include "platform/linux/codesigning/Requirement.h"
 #include "platform/linux/codesigning/Roots.h"
 #include "platform/linux/codesigning/SignedData.h"
@@ -148,6 +148,9 @@ public:
     }
 
     std::unique_ptr<Code> guest(const Peer& peer) override {
+        if (peer.handle == Peer::gone) {
+            return nullptr;
+        }
         if (peer.handle >= 0) {
             return codeAt(executableLink(peer), peer, std::nullopt);
         }

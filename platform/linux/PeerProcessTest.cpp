@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 
-#include "platform/linux/codesigning/PeerProcess.h"
+#include "platform/linux/PeerProcess.h"
 
 #include <csignal>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,12 +57,33 @@ TEST(PeerProcessTest, NamesNoLivingProcessForAPeerThatEndedBefore) {
 
     const auto process = PeerProcess::ofSocket(client.socket());
 
-    EXPECT_FALSE(process && lives(process->peer()));
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process->peer().pid, client.pid());
+    EXPECT_FALSE(lives(process->peer()));
 }
 
-TEST(PeerProcessTest, NamesNobodyForWhatIsNoConnection) {
-    EXPECT_FALSE(PeerProcess::ofSocket(-1));
-    EXPECT_FALSE(PeerProcess::ofSocket(STDIN_FILENO));
+TEST(PeerProcessTest, CallsWhatIsNotAConnectionGone) {
+    for (const int socket : {-1, STDIN_FILENO}) {
+        const auto process = PeerProcess::ofSocket(socket);
+
+        ASSERT_TRUE(process);
+        EXPECT_EQ(process->peer().pid, -1);
+        EXPECT_EQ(process->peer().handle, Peer::gone);
+        EXPECT_FALSE(lives(process->peer()));
+    }
+}
+
+TEST(PeerProcessTest, NamesNobodyWithoutADescriptorLeft) {
+    const SocketPeer client({"/bin/sleep", "1000"});
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+
+    const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto process = PeerProcess::ofSocket(client.socket());
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+    EXPECT_FALSE(process);
 }
 
 TEST(PeerProcessTest, NamesTheProcessThatHasAnID) {
@@ -78,6 +99,7 @@ TEST(PeerProcessTest, NamesTheProcessThatHasAnID) {
 
 TEST(PeerProcessTest, TakesAPeerWithoutAHandleForEnded) {
     EXPECT_FALSE(lives({.pid = ::getpid()}));
+    EXPECT_FALSE(lives({.pid = ::getpid(), .handle = Peer::gone}));
     EXPECT_FALSE(lives({.pid = ::getpid(), .handle = 999}));
 }
 

@@ -20,25 +20,27 @@ namespace tarnvale::platform {
 /// Holds the pidfd of a peer.
 class PeerProcess {
 public:
-    /// The process that connected the stream socket; nothing when it has ended or is not of this
-    /// PID namespace.
+    /// The process that connected the stream socket. Its handle is `Peer::gone` when it can't be
+    /// named any more. Nothing when this process has no descriptor left for it.
     static std::optional<PeerProcess> ofSocket(int socket);
 
     /// The process that has the ID now.
     static std::optional<PeerProcess> ofPid(pid_t pid);
 
     /// Valid as long as this object is.
-    Peer peer() const noexcept { return {.pid = pid_, .handle = pidfd_.get()}; }
+    Peer peer() const noexcept {
+        return {.pid = pid_, .handle = pidfd_ ? pidfd_.get() : Peer::gone};
+    }
 
 private:
     PeerProcess(pid_t pid, support::UniqueFd pidfd) noexcept
         : pid_(pid), pidfd_(std::move(pidfd)) {}
 
     pid_t pid_;
-    support::UniqueFd pidfd_;
+    support::UniqueFd pidfd_;  ///< none of a process that is gone
 };
 
-/// Where the system shows what the process runs.
+/// Where the system shows which executable the process runs.
 std::string executableLink(const Peer& peer);
 
 /// Whether the peer, which has a handle, has not ended. False when that cannot be found out.

@@ -64,7 +64,7 @@ void decodeReviewWrite(benchmark::State& state) {
     const std::string json = document(state);
     while (state.KeepRunning()) {
         const Review reviewed = review(decodePolicies(json), {});
-        benchmark::DoNotOptimize(anchorText(reviewed.enforceable));
+        benchmark::DoNotOptimize(anchorText(reviewed.enforceable, {}));
     }
     countBytes(state, json);
 }

@@ -2,11 +2,11 @@
 
 #include "helperctl/Preview.h"
 
+#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "firewall/enforce/HelperError.h"
 #include "firewall/policy/AnchorText.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
@@ -17,14 +17,6 @@ namespace tarnvale::helperctl {
 namespace {
 
 using NetworkFirewall::Note;
-
-std::vector<NetworkFirewall::FirewallNetworkPolicy> decode(std::string_view policyData) {
-    try {
-        return NetworkFirewall::decodePolicies(policyData);
-    } catch (const support::JsonError& error) {
-        throw HelperFirewall::HelperError::decodeFailed(error.what());
-    }
-}
 
 std::vector<RefusedNetwork> refusedNetworks(std::span<const Note> notes) {
     std::vector<RefusedNetwork> networks;
@@ -55,7 +47,7 @@ std::vector<SkippedRules> skippedRules(std::span<const Note> notes) {
 
 Outcome preview(
     std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts, uid_t uid) {
-    auto own = NetworkFirewall::review(decode(policyData), hosts);
+    auto own = NetworkFirewall::review(NetworkFirewall::decodePolicyData(policyData), hosts);
     Outcome outcome{.status = own.refused.empty() ? done : refusedOrFailed, .answer = {}};
     auto& answer = outcome.answer;
     answer.summary = NetworkFirewall::summaryForCaller(own, 0);
@@ -70,7 +62,7 @@ Outcome preview(
         claims.push_back(NetworkFirewall::claimMessage(claim.owner, claim.policy));
     }
     const auto all = NetworkFirewall::review(std::move(merged.policies), hosts);
-    answer.ruleset = NetworkFirewall::anchorText(all.enforceable);
+    answer.ruleset = NetworkFirewall::anchorText(all.enforceable, std::chrono::system_clock::now());
     return outcome;
 }
 

@@ -2,6 +2,7 @@
 
 #include "firewall/enforce/Operations.h"
 
+#include <chrono>
 #include <exception>
 #include <span>
 #include <unordered_set>
@@ -10,18 +11,17 @@
 
 #include "core/base/AppSupport.h"
 #include "core/base/HelperLog.h"
-#include "firewall/enforce/HelperError.h"
 #include "firewall/enforce/LegacyCleanup.h"
 #include "firewall/enforce/Pfctl.h"
 #include "firewall/enforce/StoreFile.h"
 #include "firewall/policy/AnchorText.h"
+#include "firewall/policy/HelperError.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
 #include "firewall/policy/Review.h"
 #include "firewall/policy/Summary.h"
 #include "platform/HostAddresses.h"
 #include "support/Files.h"
-#include "support/Json.h"
 #include "support/Mutex.h"
 #include "support/Timestamp.h"
 
@@ -78,7 +78,8 @@ void resetStates(
 std::string loadAnchor(const Review& all, std::span<const std::string> resetSubnets) {
     support::makeFolders(appSupportDirectory);
     const auto path = rulesetPath();
-    support::writeFileAtomically(path, NetworkFirewall::anchorText(all.enforceable), 0644);
+    support::writeFileAtomically(
+        path, NetworkFirewall::anchorText(all.enforceable, std::chrono::system_clock::now()), 0644);
     removeLegacyAnchor();
     loadRulesetFile(path);
     enablePf();
@@ -87,14 +88,6 @@ std::string loadAnchor(const Review& all, std::span<const std::string> resetSubn
     auto summary = NetworkFirewall::summaryForAllUsers(all);
     helperLog("Applied firewall. " + summary);
     return summary;
-}
-
-std::vector<FirewallNetworkPolicy> decode(std::string_view policyData) {
-    try {
-        return NetworkFirewall::decodePolicies(policyData);
-    } catch (const support::JsonError& error) {
-        throw HelperError::decodeFailed(error.what());
-    }
 }
 
 /// A file that is not there any more is as good as deleted.
@@ -136,7 +129,7 @@ void reapply() {
 std::string applyFirewall(
     std::string_view policyData, std::uint32_t uid, bool callerIsConsoleUser) {
     const MutexLock lock(firewallLock());
-    auto decoded = decode(policyData);
+    auto decoded = NetworkFirewall::decodePolicyData(policyData);
 
     const auto storeLock = lockStore();
     const auto hosts = NetworkFirewall::hostAddresses();

@@ -2,6 +2,7 @@
 
 #include "firewall/enforce/Operations.h"
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -14,9 +15,10 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include "firewall/enforce/HelperError.h"
+#include "firewall/policy/HelperError.h"
 #include "firewall/policy/PolicyStore.h"
 #include "support/Files.h"
+#include "support/Timestamp.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/ScriptedPfctl.h"
 
@@ -98,6 +100,19 @@ TEST_F(OperationsTest, AppliesAUsersFirstList) {
     const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
     ASSERT_TRUE(store);
     EXPECT_EQ(store->owners.at("501").policies.at(0).name, "Lab");
+}
+
+TEST_F(OperationsTest, DatesTheRulesetAtTheLoad) {
+    const auto before = support::iso8601(std::chrono::system_clock::now());
+    applyFirewall(json({{64}}), 501, atConsole);
+    const auto after = support::iso8601(std::chrono::system_clock::now());
+
+    const auto ruleset = contentOf(rulesetPath);
+    const std::string prefix = "# Tarnvale network firewall — generated ";
+    ASSERT_THAT(ruleset, StartsWith(prefix));
+    const auto time = ruleset.substr(prefix.size(), before.size());
+    EXPECT_LE(before, time);
+    EXPECT_LE(time, after);
 }
 
 TEST_F(OperationsTest, GivesItsFilesTheirModesWhateverTheUmask) {

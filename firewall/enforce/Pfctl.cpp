@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "core/base/HelperLog.h"
-#include "firewall/enforce/HelperError.h"
 #include "firewall/policy/AnchorText.h"
+#include "firewall/policy/HelperError.h"
 #include "support/Text.h"
 
 namespace tarnvale::HelperFirewall {

@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "firewall/enforce/HelperError.h"
+#include "firewall/policy/HelperError.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/ScriptedPfctl.h"
 

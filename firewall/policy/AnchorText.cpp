@@ -3,7 +3,6 @@
 #include "firewall/policy/AnchorText.h"
 
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <optional>
 
@@ -137,14 +136,13 @@ std::size_t usualLength(std::span<const FirewallNetworkPolicy> policies) {
 
 }  // namespace
 
-std::string anchorText(std::span<const FirewallNetworkPolicy> policies) {
+std::string anchorText(
+    std::span<const FirewallNetworkPolicy> policies,
+    std::chrono::system_clock::time_point generatedAt) {
     std::string text;
     text.reserve(usualLength(policies));
     appendLine(
-        text,
-        "# Tarnvale network firewall — generated ",
-        support::iso8601(std::chrono::system_clock::now()),
-        ".");
+        text, "# Tarnvale network firewall — generated ", support::iso8601(generatedAt), ".");
     appendLine(
         text, "# Loaded into pf anchor \"", anchorName, "\" by TarnvaleAdminHelper. Do not edit.");
     text += '\n';

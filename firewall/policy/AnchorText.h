@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <span>
 #include <string>
 #include <string_view>
@@ -18,9 +19,11 @@ namespace tarnvale::NetworkFirewall {
 /// The anchor that holds the helper's rules, below the system's own "com.apple".
 inline constexpr std::string_view anchorName = "com.apple/900.tarnvale.firewall";
 
-/// The whole ruleset for the networks, in their order, ending in a line feed. Networks that are
-/// off or whose subnet has no canonical form are passed over.
-std::string anchorText(std::span<const FirewallNetworkPolicy> policies);
+/// The whole ruleset for the networks, in their order, ending in a line feed. Skips networks that
+/// are off or whose subnet has no canonical form. The first line states `generatedAt`.
+std::string anchorText(
+    std::span<const FirewallNetworkPolicy> policies,
+    std::chrono::system_clock::time_point generatedAt);
 
 /// The lines for one rule of the network on the canonical `subnet`: none when the rule's texts
 /// don't parse, else one or two. Whether the rule is enabled is the caller's business.

@@ -20,6 +20,10 @@ namespace tarnvale::NetworkFirewall {
 /// where.
 std::vector<FirewallNetworkPolicy> decodePolicies(std::string_view json);
 
+/// The same for what a user wants enforced. Throws `HelperFirewall::HelperError` with the sentence
+/// for that user.
+std::vector<FirewallNetworkPolicy> decodePolicyData(std::string_view policyData);
+
 constexpr auto jsonCases(std::type_identity<FirewallRule::Direction> /*type*/) {
     return FirewallRule::allDirections;
 }

@@ -83,8 +83,8 @@ void check(const std::array<std::string, 5>& texts) {
         require(ruleProblem(rule).has_value() == ruleLines(rule, "192.168.64.0/24").empty());
     }
 
-    const std::string direct = anchorText(std::vector{network});
-    const std::string reviewed = anchorText(review({network}, {}).enforceable);
+    const std::string direct = anchorText(std::vector{network}, {});
+    const std::string reviewed = anchorText(review({network}, {}).enforceable, {});
     for (const std::string& text : {direct, reviewed}) {
         for (const std::string_view line : support::split(text, '\n')) {
             require(test::isRulesetLine(std::string(line)));

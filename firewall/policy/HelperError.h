@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Why a firewall operation failed.
+// Why a firewall operation failed, in the text that the user reads. It stands among the policy's
+// sentences because a preview reports what an apply would report.
 
 #pragma once
 
@@ -11,7 +12,7 @@
 
 namespace tarnvale::HelperFirewall {
 
-/// what() is the whole text that the user reads.
+/// what() is the whole text for the user.
 class HelperError : public std::runtime_error {
 public:
     enum class Case { decodeFailed, pfctlFailed, networksRefused };

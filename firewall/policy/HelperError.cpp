@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "firewall/enforce/HelperError.h"
+#include "firewall/policy/HelperError.h"
 
 namespace tarnvale::HelperFirewall {
 

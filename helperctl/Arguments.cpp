@@ -6,7 +6,7 @@
 
 #include "helperctl/Answer.h"
 #include "helperctl/Help.h"
-#include "support/Text.h"
+#include "support/Decimal.h"
 
 namespace tarnvale::helperctl {
 namespace {

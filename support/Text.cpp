@@ -4,11 +4,9 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <span>
-#include <system_error>
 
 namespace tarnvale::support {
 
@@ -224,23 +222,6 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
         }
         text.remove_prefix(end + 1);
     }
-}
-
-std::optional<std::int64_t> parseDecimal(std::string_view text) {
-    // from_chars reads a minus sign itself, but no plus.
-    if (text.starts_with('+')) {
-        text.remove_prefix(1);
-        if (text.starts_with('-')) {
-            return std::nullopt;
-        }
-    }
-    std::int64_t value = 0;
-    const auto* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc{} || stop != end) {
-        return std::nullopt;
-    }
-    return value;
 }
 
 }  // namespace tarnvale::support

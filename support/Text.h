@@ -6,8 +6,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,9 +37,5 @@ std::string repairedUtf8(std::string_view bytes);
 
 /// The pieces between the separators, empty ones included: n separators give n + 1 pieces.
 std::vector<std::string_view> split(std::string_view text, char separator);
-
-/// A decimal integer: an optional single sign, then ASCII digits, leading zeros allowed, nothing
-/// else. Nothing when it is not one or is out of range.
-std::optional<std::int64_t> parseDecimal(std::string_view text);
 
 }  // namespace tarnvale::support

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <limits>
 #include <random>
 
 #include <gmock/gmock.h>
@@ -16,8 +15,6 @@ namespace {
 
 using namespace std::string_literals;
 using testing::ElementsAre;
-using testing::Eq;
-using testing::Optional;
 
 /// The code point in UTF-8, by arithmetic alone; surrogates and more are encoded as they come.
 std::string encoded(std::uint32_t codePoint) {
@@ -268,61 +265,6 @@ TEST(TextTest, SplitsAtEverySeparator) {
     EXPECT_THAT(split("/a//b/", '/'), ElementsAre("", "a", "", "b", ""));
     EXPECT_THAT(split("a\nb\r\n", '\n'), ElementsAre("a", "b\r", ""));
     EXPECT_THAT(split("\0a\0"s, '\0'), ElementsAre("", "a", ""));
-}
-
-TEST(TextTest, ReadsDecimalIntegers) {
-    struct Case {
-        std::string_view text;
-        std::int64_t value;
-    };
-    const std::vector<Case> cases = {
-        {"0", 0},
-        {"7", 7},
-        {"-7", -7},
-        {"+80", 80},
-        {"-0", 0},
-        {"+0", 0},
-        {"007", 7},
-        {"-0099", -99},
-        {"00000000000000000000000000000000042", 42},
-        {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-        {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-    };
-    for (const Case& each : cases) {
-        EXPECT_THAT(parseDecimal(each.text), Optional(each.value)) << each.text;
-    }
-}
-
-TEST(TextTest, RefusesWhatIsNoDecimalInteger) {
-    const std::vector<std::string> texts = {
-        "",
-        "+",
-        "-",
-        "+-1",
-        "-+1",
-        "++1",
-        "--1",
-        " 1",
-        "1 ",
-        "1\n",
-        "1a",
-        "0x10",
-        "1.0",
-        "1e3",
-        "1,000",
-        "\u0661",
-        "\uFF11",
-        "\u22121",
-        "1\0"s,
-        "\0"s,
-        "9223372036854775808",
-        "-9223372036854775809",
-        "99999999999999999999",
-        "+9223372036854775808",
-    };
-    for (const std::string& text : texts) {
-        EXPECT_THAT(parseDecimal(text), Eq(std::nullopt)) << text;
-    }
 }
 
 TEST(TextTest, MeasuresTheFirstCharacter) {

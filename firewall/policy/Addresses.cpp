@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include "support/Decimal.h"
 #include "support/Text.h"
 
 namespace tarnvale::NetworkFirewall {
@@ -58,28 +59,12 @@ std::optional<std::string> textOf(const std::optional<Value>& value) {
 
 /// One or two ASCII digits that make 0 to 32.
 std::optional<int> parsePrefixLength(std::string_view text) {
-    if (text.empty() || text.size() > 2) {
-        return std::nullopt;
-    }
-    int length = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        length = length * 10 + (c - '0');
-    }
-    if (length > 32) {
-        return std::nullopt;
-    }
-    return length;
+    return text.size() <= 2 ? support::parseNumber<unsigned char>(text, 32) : std::nullopt;
 }
 
 std::optional<std::uint16_t> parsePort(std::string_view text) {
-    const auto port = support::parseDecimal(text);
-    if (!port || *port < firstPort || *port > lastPort) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint16_t>(*port);
+    const auto port = support::parseDecimal(text, firstPort, lastPort);
+    return port ? std::optional(static_cast<std::uint16_t>(*port)) : std::nullopt;
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "firewall/policy/Addresses.h"
-#include "support/Text.h"
+#include "support/Decimal.h"
 
 namespace tarnvale::NetworkFirewall {
 

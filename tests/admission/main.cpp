@@ -13,7 +13,7 @@
 #include "core/service/ClientAdmission.h"
 #include "platform/CodeSigning.h"
 #include "platform/linux/PeerProcess.h"
-#include "support/Text.h"
+#include "support/Decimal.h"
 
 namespace tarnvale {
 namespace {

@@ -40,7 +40,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include "support/Text.h"
+#include "support/Decimal.h"
 #include "tests/client/Conversation.h"
 
 #if defined(TARNVALE_THREAD_SANITIZER)

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+//
+// Decimal integers in text, read digit by digit and within bounds. Nothing here depends on the
+// locale.
+
+#pragma once
+
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+namespace tarnvale::support {
+
+enum class LeadingZeros { allowed, refused };
+
+/// Takes the number at the front of the text off it: all the ASCII digits there, without a sign.
+/// When there is none, or it exceeds `max`, the result is nothing and the text stays as it is.
+template <std::unsigned_integral Number>
+std::optional<Number> takeNumber(
+    std::string_view& text,
+    Number max = std::numeric_limits<Number>::max(),
+    LeadingZeros leadingZeros = LeadingZeros::allowed) {
+    Number value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const auto length = static_cast<std::size_t>(end - text.data());
+    if (error != std::errc{} || value > max ||
+        (leadingZeros == LeadingZeros::refused && length > 1 && text.front() == '0')) {
+        return std::nullopt;
+    }
+    text.remove_prefix(length);
+    return value;
+}
+
+/// The number that the whole text is, read as `takeNumber` does.
+template <std::unsigned_integral Number>
+std::optional<Number> parseNumber(
+    std::string_view text,
+    Number max = std::numeric_limits<Number>::max(),
+    LeadingZeros leadingZeros = LeadingZeros::allowed) {
+    const auto value = takeNumber<Number>(text, max, leadingZeros);
+    return text.empty() ? value : std::nullopt;
+}
+
+/// The integer that the whole text is: an optional single sign, then ASCII digits, leading zeros
+/// allowed. Nothing when it is anything else or not from `min` to `max`.
+std::optional<std::int64_t> parseDecimal(
+    std::string_view text,
+    std::int64_t min = std::numeric_limits<std::int64_t>::min(),
+    std::int64_t max = std::numeric_limits<std::int64_t>::max());
+
+}  // namespace tarnvale::support

@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/SystemCalls.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::support {
@@ -124,16 +125,6 @@ UniqueFd openFolder(const std::string& path) {
     return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-/// Runs a system call again as long as a signal interrupts it.
-template <class Call>
-auto uninterrupted(const Call& call) {
-    auto result = call();
-    while (result < 0 && errno == EINTR) {
-        result = call();
-    }
-    return result;
-}
-
 /// Makes what the descriptor's file or folder holds survive a power cut.
 bool synchronise(int fd) {
 // Asked for by its name and not by the system's: whoever has it has an fsync that stops at the
@@ -149,17 +140,6 @@ bool synchronise(int fd) {
     }
 #endif
     return uninterrupted([&] { return ::fsync(fd); }) == 0;
-}
-
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const auto written = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });
-        if (written < 0) {
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
 }
 
 std::string temporaryName(const std::string& name) {

@@ -38,14 +38,6 @@ std::optional<FileIdentity> identityOf(int file) {
     return FileIdentity(status);
 }
 
-std::optional<Requirement> compiled(std::string_view text) {
-    try {
-        return Requirement::parse(text);
-    } catch (const RequirementError&) {
-        return std::nullopt;
-    }
-}
-
 /// Code that ran in a process at one moment: a state of a file.
 class LinuxCode final : public Code {
 public:
@@ -102,7 +94,7 @@ private:
 
     /// The whole check: what costs little comes first, the digest last.
     bool check(std::string_view requirement, std::int64_t now) {
-        const auto parsed = compiled(requirement);
+        const auto parsed = Requirement::parse(requirement);
         const auto roots = readRoots();
         if (!parsed || !roots || !open()) {
             return false;

@@ -43,36 +43,10 @@ bool isObjectIdentifier(std::string_view text) {
     }
 }
 
+/// Ends the parsing of a text that isn't a requirement.
+struct Malformed {};
+
 }  // namespace
-
-RequirementError RequirementError::expected(
-    std::string_view what, std::size_t column, std::string_view found) {
-    std::string shown(found);
-    if (found.empty()) {
-        shown = "the end";
-    } else if (found.front() != '"') {
-        shown = '"' + shown + '"';
-    }
-    return {
-        column,
-        "Expected " + std::string(what) + " at column " + std::to_string(column) + ", found " +
-            shown + "."};
-}
-
-RequirementError RequirementError::unterminatedText(std::size_t column) {
-    return {column, "The text at column " + std::to_string(column) + " has no end."};
-}
-
-RequirementError RequirementError::unexpectedCharacter(std::size_t column) {
-    return {column, "The character at column " + std::to_string(column) + " has no meaning here."};
-}
-
-RequirementError RequirementError::tooDeep(std::size_t column) {
-    return {
-        column,
-        "More than " + std::to_string(Requirement::deepest) + " levels at column " +
-            std::to_string(column) + "."};
-}
 
 class Requirement::Parser {
 public:
@@ -81,7 +55,7 @@ public:
     Node whole() {
         Node node = disjunction();
         if (!token_.empty()) {
-            fail(R"("and", "or" or the end)");
+            throw Malformed{};
         }
         return node;
     }
@@ -104,11 +78,11 @@ private:
         if (first == '"') {
             const auto end = text_.find_first_of("\"\\", start_ + 1);
             if (end == std::string_view::npos) {
-                throw RequirementError::unterminatedText(start_ + 1);
+                throw Malformed{};
             }
             // The full language knows escapes; here a text that has some would mean another.
             if (text_[end] == '\\') {
-                throw RequirementError::unexpectedCharacter(end + 1);
+                throw Malformed{};
             }
             return end + 1;
         }
@@ -120,13 +94,9 @@ private:
             return end;
         }
         if (std::string_view("()[]=!").find(first) == std::string_view::npos) {
-            throw RequirementError::unexpectedCharacter(start_ + 1);
+            throw Malformed{};
         }
         return start_ + 1;
-    }
-
-    [[noreturn]] void fail(std::string_view expected) const {
-        throw RequirementError::expected(expected, start_ + 1, token_);
     }
 
     bool take(std::string_view token) {
@@ -139,13 +109,13 @@ private:
 
     void require(std::string_view token) {
         if (!take(token)) {
-            fail("\"" + std::string(token) + "\"");
+            throw Malformed{};
         }
     }
 
     std::string quotedText() {
         if (token_.empty() || token_.front() != '"') {
-            fail("a text in quotes");
+            throw Malformed{};
         }
         std::string text(token_.substr(1, token_.size() - 2));
         advance();
@@ -179,7 +149,7 @@ private:
             return condition();
         }
         if (++depth_ > deepest) {
-            throw RequirementError::tooDeep(start_ + 1);
+            throw Malformed{};
         }
         Node node = take("(") ? parenthesised() : negated();
         --depth_;
@@ -211,7 +181,7 @@ private:
         if (take("certificate")) {
             return certificateCondition();
         }
-        fail("a condition");
+        throw Malformed{};
     }
 
     Node certificateCondition() {
@@ -231,7 +201,7 @@ private:
         std::size_t number = 0;
         if (token_ != "leaf") {
             if (!isPlainNumber(token_) || token_.size() > longestNumber) {
-                fail(R"("leaf" or a number of at most two digits)");
+                throw Malformed{};
             }
             for (const char digit : token_) {
                 number = number * 10 + static_cast<std::size_t>(digit - '0');
@@ -248,7 +218,7 @@ private:
             return std::nullopt;
         }
         if (!token_.starts_with(prefix) || !isObjectIdentifier(token_.substr(prefix.size()))) {
-            fail(R"("subject.OU" or "field." and an object identifier)");
+            throw Malformed{};
         }
         std::string name(token_.substr(prefix.size()));
         advance();
@@ -262,8 +232,12 @@ private:
     int depth_ = 0;
 };
 
-Requirement Requirement::parse(std::string_view text) {
-    return Requirement(Parser(text).whole());
+std::optional<Requirement> Requirement::parse(std::string_view text) {
+    try {
+        return Requirement(Parser(text).whole());
+    } catch (const Malformed&) {
+        return std::nullopt;
+    }
 }
 
 bool Requirement::holds(const Node& node, const CodeFacts& code) {

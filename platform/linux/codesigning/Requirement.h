@@ -14,7 +14,6 @@
 
 #include <cstddef>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,32 +34,14 @@ struct CodeFacts {
     bool anchored = false;                ///< the chain ends in a root of this machine
 };
 
-/// Why a text is no requirement; what() is the whole sentence.
-class RequirementError : public std::runtime_error {
-public:
-    static RequirementError expected(
-        std::string_view what, std::size_t column, std::string_view found);
-    static RequirementError unterminatedText(std::size_t column);
-    static RequirementError unexpectedCharacter(std::size_t column);
-    static RequirementError tooDeep(std::size_t column);
-
-    /// Where the text goes wrong, in bytes, counted from 1.
-    std::size_t column() const noexcept { return column_; }
-
-private:
-    RequirementError(std::size_t column, const std::string& description)
-        : std::runtime_error(description), column_(column) {}
-
-    std::size_t column_;
-};
-
 class Requirement {
 public:
     /// How deeply parentheses and negations may be nested.
     static constexpr int deepest = 32;
 
-    /// Throws `RequirementError`.
-    static Requirement parse(std::string_view text);
+    /// Nothing for a text that isn't a requirement. Those are texts of our own, so that nobody asks
+    /// where one goes wrong.
+    static std::optional<Requirement> parse(std::string_view text);
 
     bool holds(const CodeFacts& code) const { return holds(root_, code); }
 

@@ -5,15 +5,10 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace tarnvale::platform {
 namespace {
-
-using testing::Property;
-using testing::Throws;
-using testing::ThrowsMessage;
 
 /// A program that the maker signed for development.
 CodeFacts client() {
@@ -27,7 +22,11 @@ CodeFacts client() {
 }
 
 bool holds(const std::string& requirement, const CodeFacts& code = client()) {
-    return Requirement::parse(requirement).holds(code);
+    return Requirement::parse(requirement).value().holds(code);
+}
+
+bool isRequirement(const std::string& text) {
+    return Requirement::parse(text).has_value();
 }
 
 TEST(RequirementTest, HoldsTheHelpersOwnTexts) {
@@ -112,87 +111,58 @@ TEST(RequirementTest, TakesATextAsItStands) {
     EXPECT_TRUE(holds("identifier \"a b) or (\xC3\xA4\"", code));
 }
 
-TEST(RequirementTest, SaysWhereATextIsNoRequirement) {
-    struct Case {
-        const char* text;
-        const char* error;
+TEST(RequirementTest, RefusesATextThatIsNotARequirement) {
+    const std::vector<std::string> texts = {
+        "",
+        "   ",
+        "anchor",
+        "anchor apple",
+        "anchor trusted",
+        "Anchor apple generic",
+        "identifier",
+        "identifier com.x",
+        R"(identifier = "x")",
+        R"(identifier "x)",
+        R"(identifier "x\"")",
+        "identifier 'x'",
+        R"(identifier "x" # why)",
+        "\xC3\xA4",
+        "certificate",
+        R"(certificate root[subject.OU] = "x")",
+        R"(certificate 01[subject.OU] = "x")",
+        R"(certificate 100[subject.OU] = "x")",
+        R"(certificate -1[subject.OU] = "x")",
+        "certificate leaf",
+        "certificate leaf subject.OU",
+        R"(certificate leaf[subject.CN] = "x")",
+        R"(certificate leaf[subject.OU = "x")",
+        "certificate leaf[subject.OU] exists",
+        "certificate leaf[subject.OU] = K7",
+        "certificate leaf[field.]",
+        "certificate leaf[field.1]",
+        "certificate leaf[field.1..2]",
+        "certificate leaf[field.1.02]",
+        "certificate leaf[field.1.2.]",
+        "certificate leaf[field.1.x]",
+        "certificate leaf[field.1.2]",
+        R"(certificate leaf[field.1.2] = "x")",
+        "anchor apple generic and",
+        "anchor apple generic or and",
+        "anchor apple generic anchor apple generic",
+        "anchor apple generic)",
+        R"(anchor apple generic "and")",
+        "(anchor apple generic",
+        "()",
+        "not",
+        "! and",
     };
-    const std::vector<Case> cases = {
-        {"", "Expected a condition at column 1, found the end."},
-        {"   ", "Expected a condition at column 4, found the end."},
-        {"anchor", R"(Expected "apple" at column 7, found the end.)"},
-        {"anchor apple", R"(Expected "generic" at column 13, found the end.)"},
-        {"anchor trusted", R"(Expected "apple" at column 8, found "trusted".)"},
-        {"Anchor apple generic", R"(Expected a condition at column 1, found "Anchor".)"},
-        {"identifier", "Expected a text in quotes at column 11, found the end."},
-        {"identifier com.x", R"(Expected a text in quotes at column 12, found "com.x".)"},
-        {R"(identifier = "x")", R"(Expected a text in quotes at column 12, found "=".)"},
-        {R"(identifier "x)", "The text at column 12 has no end."},
-        {R"(identifier "x\"")", "The character at column 14 has no meaning here."},
-        {"identifier 'x'", "The character at column 12 has no meaning here."},
-        {R"(identifier "x" # why)", "The character at column 16 has no meaning here."},
-        {"\xC3\xA4", "The character at column 1 has no meaning here."},
-        {"certificate",
-         R"(Expected "leaf" or a number of at most two digits at column 12, found the end.)"},
-        {R"(certificate root[subject.OU] = "x")",
-         R"(Expected "leaf" or a number of at most two digits at column 13, found "root".)"},
-        {R"(certificate 01[subject.OU] = "x")",
-         R"(Expected "leaf" or a number of at most two digits at column 13, found "01".)"},
-        {R"(certificate 100[subject.OU] = "x")",
-         R"(Expected "leaf" or a number of at most two digits at column 13, found "100".)"},
-        {R"(certificate -1[subject.OU] = "x")", "The character at column 13 has no meaning here."},
-        {"certificate leaf", R"(Expected "[" at column 17, found the end.)"},
-        {"certificate leaf subject.OU", R"(Expected "[" at column 18, found "subject.OU".)"},
-        {R"(certificate leaf[subject.CN] = "x")",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("subject.CN".)"},
-        {R"(certificate leaf[subject.OU = "x")", R"(Expected "]" at column 29, found "=".)"},
-        {"certificate leaf[subject.OU] exists", R"(Expected "=" at column 30, found "exists".)"},
-        {"certificate leaf[subject.OU] = K7",
-         R"(Expected a text in quotes at column 32, found "K7".)"},
-        {"certificate leaf[field.]",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("field.".)"},
-        {"certificate leaf[field.1]",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("field.1".)"},
-        {"certificate leaf[field.1..2]",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("field.1..2".)"},
-        {"certificate leaf[field.1.02]",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("field.1.02".)"},
-        {"certificate leaf[field.1.2.]",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("field.1.2.".)"},
-        {"certificate leaf[field.1.x]",
-         R"(Expected "subject.OU" or "field." and an object identifier at column 18, found )"
-         R"("field.1.x".)"},
-        {"certificate leaf[field.1.2]", R"(Expected "exists" at column 28, found the end.)"},
-        {R"(certificate leaf[field.1.2] = "x")", R"(Expected "exists" at column 29, found "=".)"},
-        {"anchor apple generic and", "Expected a condition at column 25, found the end."},
-        {"anchor apple generic or and", R"(Expected a condition at column 25, found "and".)"},
-        {"anchor apple generic anchor apple generic",
-         R"(Expected "and", "or" or the end at column 22, found "anchor".)"},
-        {"anchor apple generic)", R"-(Expected "and", "or" or the end at column 21, found ")".)-"},
-        {R"(anchor apple generic "and")",
-         R"(Expected "and", "or" or the end at column 22, found "and".)"},
-        {"(anchor apple generic", R"-(Expected ")" at column 22, found the end.)-"},
-        {"()", R"-(Expected a condition at column 2, found ")".)-"},
-        {"not", "Expected a condition at column 4, found the end."},
-        {"! and", R"(Expected a condition at column 3, found "and".)"},
-    };
-    for (const Case& wrong : cases) {
-        EXPECT_THAT(
-            [&] { Requirement::parse(wrong.text); }, ThrowsMessage<RequirementError>(wrong.error))
-            << wrong.text;
+    for (const auto& text : texts) {
+        EXPECT_FALSE(isRequirement(text)) << text;
     }
 }
 
 TEST(RequirementTest, EndsATextAtANul) {
-    EXPECT_THAT(
-        [] { Requirement::parse(std::string("anchor apple generic\0", 21)); },
-        Throws<RequirementError>(Property(&RequirementError::column, 21)));
+    EXPECT_FALSE(isRequirement(std::string("anchor apple generic\0", 21)));
 }
 
 TEST(RequirementTest, NestsAsDeeplyAsItsBound) {
@@ -207,12 +177,8 @@ TEST(RequirementTest, NestsAsDeeplyAsItsBound) {
     EXPECT_TRUE(holds(nested("(", ")", 32)));
     EXPECT_TRUE(holds(nested("!", "", 32)));
     EXPECT_TRUE(holds(nested("not (", ")", 16)));
-    EXPECT_THAT(
-        [&] { Requirement::parse(nested("(", ")", 33)); },
-        ThrowsMessage<RequirementError>("More than 32 levels at column 33."));
-    EXPECT_THAT(
-        [&] { Requirement::parse(std::string(1'000'000, '!')); },
-        ThrowsMessage<RequirementError>("More than 32 levels at column 33."));
+    EXPECT_FALSE(isRequirement(nested("(", ")", 33)));
+    EXPECT_FALSE(isRequirement(std::string(1'000'000, '!')));
 }
 
 TEST(RequirementTest, TakesAnyNumberOfConditionsSideBySide) {

@@ -59,7 +59,7 @@ public:
     std::atomic<bool> admits = true;
 
     bool shouldAcceptNewConnection(NewConnection& connection) override {
-        return admits && connection.setCodeSigningRequirement("good");
+        return admits && connection.setCodeSigningRequirement(R"(identifier "good")");
     }
 };
 

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "platform/linux/LibSystemd.h"
+#include "platform/linux/codesigning/Requirement.h"
 #include "platform/linux/dbus/ProtocolObject.h"
 
 #ifndef SO_PEERPIDFD
@@ -170,8 +171,8 @@ DBusConnection::DBusConnection(UniqueFd socket, uid_t uid, CodeSigning& codeSign
 }
 
 bool DBusConnection::setCodeSigningRequirement(const std::string& requirement) {
-    requirement_ = requirement;
-    return true;  // whether it holds is asked before every message
+    requirement_ = requirement;  // whether it holds is asked before every message
+    return Requirement::parse(requirement).has_value();
 }
 
 void DBusConnection::setInvalidationHandler(std::function<void()> handler) {

@@ -73,6 +73,7 @@ private:
 
 class Doorkeeper final : public TransportDelegate {
 public:
+    std::string requirement = R"(identifier "good")";
     std::atomic<bool> admits = true;
     std::atomic<int> admitted = 0;
     std::atomic<int> ended = 0;
@@ -82,7 +83,7 @@ public:
     bool shouldAcceptNewConnection(NewConnection& connection) override {
         lastPeer = connection.peer().pid;
         lastUser = connection.effectiveUserID();
-        if (!admits || !connection.setCodeSigningRequirement("good")) {
+        if (!admits || !connection.setCodeSigningRequirement(requirement)) {
             return false;
         }
         ++admitted;
@@ -295,6 +296,15 @@ TEST_F(DBusTransportTest, ClosesAPeerThatIsNotAdmittedWithoutAWord) {
     EXPECT_TRUE(isClosed(connectRaw(), 2s));
 
     EXPECT_EQ(doorkeeper.ended, 0);
+    EXPECT_EQ(signing.checks, 0);
+}
+
+TEST_F(DBusTransportTest, SaysThatARequirementIsNotWellFormed) {
+    doorkeeper.requirement = "good";
+
+    EXPECT_TRUE(isClosed(connectRaw(), 2s));
+
+    EXPECT_EQ(doorkeeper.admitted, 0);
     EXPECT_EQ(signing.checks, 0);
 }
 

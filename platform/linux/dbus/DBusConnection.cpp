@@ -3,7 +3,6 @@
 #include "platform/linux/dbus/DBusConnection.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -16,16 +15,11 @@
 #include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "platform/linux/LibSystemd.h"
 #include "platform/linux/codesigning/Requirement.h"
 #include "platform/linux/dbus/ProtocolObject.h"
-
-#ifndef SO_PEERPIDFD
-#define SO_PEERPIDFD 77
-#endif
 
 namespace tarnvale::platform {
 namespace {
@@ -33,28 +27,6 @@ namespace {
 using support::UniqueFd;
 
 thread_local std::optional<uid_t> userOfRequest;
-
-pid_t pidOf(int socket) {
-    ucred credentials{};
-    socklen_t size = sizeof credentials;
-    const int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
-    return result == 0 ? credentials.pid : -1;
-}
-
-/// A pidfd of the process that connected. Of one that cannot be named any more there is none: what
-/// stands for it is a descriptor that is always ready, as the pidfd of an ended process is, so that
-/// the peer is judged, and turned away, like one.
-UniqueFd processOf(int socket, pid_t pid) {
-    int fd = -1;
-    socklen_t size = sizeof fd;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &size) == 0) {
-        return UniqueFd(fd);
-    }
-    if (errno == ENOPROTOOPT && pid > 0) {
-        fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));  // kernels before 6.5
-    }
-    return UniqueFd(fd >= 0 ? fd : ::open("/dev/null", O_RDWR | O_CLOEXEC));
-}
 
 int require(int result) {
     if (result < 0) {
@@ -164,11 +136,11 @@ std::optional<uid_t> effectiveUserIDOfRequest() {
 }
 
 DBusConnection::DBusConnection(UniqueFd socket, uid_t uid, CodeSigning& codeSigning)
-    : socket_(std::move(socket)), uid_(uid), codeSigning_(codeSigning) {
-    peer_.pid = pidOf(socket_.get());
-    process_ = processOf(socket_.get(), peer_.pid);
-    peer_.handle = process_.get();
-}
+    : socket_(std::move(socket)),
+      uid_(uid),
+      codeSigning_(codeSigning),
+      process_(PeerProcess::ofSocket(socket_.get())),
+      peer_(process_ ? process_->peer() : Peer{}) {}
 
 bool DBusConnection::setCodeSigningRequirement(const std::string& requirement) {
     requirement_ = requirement;  // whether it holds is asked before every message

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/Transport.h"
+#include "platform/linux/PeerProcess.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -46,7 +47,7 @@ private:
     uid_t uid_;
     CodeSigning& codeSigning_;
     Clock::time_point connectedAt_ = Clock::now();
-    support::UniqueFd process_;  ///< the peer's pidfd
+    std::optional<PeerProcess> process_;  ///< nothing if we have no descriptor left for it
     Peer peer_;
     std::string requirement_;
     std::function<void()> invalidationHandler_;

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "platform/linux/codesigning/OpenFile.h"
+#include "platform/linux/codesigning/ReadExactly.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform {
@@ -74,8 +74,8 @@ bool hasFewElements(std::string_view bytes) {
         const char tag = bytes[0];
         auto rest = bytes;
         const auto content = takeElement(rest, tag);
-        if (count == mostElements || !content ||
-            (tag == octetString && content->size() > longestOctetString)) {
+        if (count == maxElements || !content ||
+            (tag == octetString && content->size() > maxOctetStringSize)) {
             return false;
         }
         // What lies inside is looked at next, and what follows it after that.
@@ -115,11 +115,11 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size) {
     }
 
     const std::size_t length = bigEndian(std::string_view(*end).substr(0, lengthSize));
-    if (length == 0 || length > longestMessage || static_cast<off_t>(length) > size - tail) {
+    if (length == 0 || length > maxMessageSize || static_cast<off_t>(length) > size - tail) {
         return std::nullopt;
     }
     const off_t programSize = size - tail - static_cast<off_t>(length);
-    if (programSize > largestProgram) {
+    if (programSize > maxProgramSize) {
         return std::nullopt;
     }
     auto message = readExactly(file, length, programSize);
@@ -153,9 +153,8 @@ bool hasShapeOfSignature(std::string_view message) {
     }
     const auto certificates = takeElement(*signedData, context0);
     const auto signers = takeElement(*signedData, set);
-    return signedData->empty() && certificates &&
-           areSequences(*certificates, 1, mostCertificates) && signers &&
-           areSequences(*signers, 1, 1);
+    return signedData->empty() && certificates && areSequences(*certificates, 1, maxCertificates) &&
+           signers && areSequences(*signers, 1, 1);
 }
 
 std::optional<SignedContent> parseSignedContent(std::string_view text) {

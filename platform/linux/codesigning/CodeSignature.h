@@ -18,10 +18,10 @@ namespace tarnvale::platform {
 inline constexpr std::string_view signatureMagic = "~Tarnvale code signature~\n";
 
 /// The longest message that is looked at.
-inline constexpr std::size_t longestMessage = std::size_t{1} << 20;
+inline constexpr std::size_t maxMessageSize = std::size_t{1} << 20;
 
 /// The largest program that is looked at, so that no peer keeps root hashing for minutes.
-inline constexpr off_t largestProgram = off_t{256} << 20;
+inline constexpr off_t maxProgramSize = off_t{256} << 20;
 
 /// What lies behind the program.
 struct SignatureTrailer {
@@ -33,15 +33,15 @@ struct SignatureTrailer {
 std::optional<SignatureTrailer> readTrailer(int file, off_t size);
 
 /// The most certificates that a message may carry.
-inline constexpr std::size_t mostCertificates = 16;
+inline constexpr std::size_t maxCertificates = 16;
 
 /// The most elements of DER in a message: several times what that many certificates have. A name or
 /// a certificate could have a hundred thousand of them otherwise.
-inline constexpr std::size_t mostElements = 8192;
+inline constexpr std::size_t maxElements = 8192;
 
 /// The longest octet string in a message: the content and the signature are some, and the value of
 /// each extension of a certificate, which is DER again.
-inline constexpr std::size_t longestOctetString = 4096;
+inline constexpr std::size_t maxOctetStringSize = 4096;
 
 /// Whether the message could be a signature by its outermost elements: DER, signed data with one
 /// signer and no more certificates and elements than it may carry. Found out at no cost, where

@@ -93,12 +93,12 @@ TEST(CodeSignatureTest, LooksAtNoLargerProgramThanItsBound) {
     const support::UniqueFd file(::memfd_create("executable", MFD_CLOEXEC));
     const std::string trailer = test::withTrailer("", "message");
     const auto sizeOfTrailer = static_cast<off_t>(trailer.size());
-    ASSERT_EQ(::pwrite(file.get(), trailer.data(), trailer.size(), largestProgram), sizeOfTrailer);
-    EXPECT_TRUE(readTrailer(file.get(), largestProgram + sizeOfTrailer));
+    ASSERT_EQ(::pwrite(file.get(), trailer.data(), trailer.size(), maxProgramSize), sizeOfTrailer);
+    EXPECT_TRUE(readTrailer(file.get(), maxProgramSize + sizeOfTrailer));
 
     ASSERT_EQ(
-        ::pwrite(file.get(), trailer.data(), trailer.size(), largestProgram + 1), sizeOfTrailer);
-    EXPECT_FALSE(readTrailer(file.get(), largestProgram + 1 + sizeOfTrailer));
+        ::pwrite(file.get(), trailer.data(), trailer.size(), maxProgramSize + 1), sizeOfTrailer);
+    EXPECT_FALSE(readTrailer(file.get(), maxProgramSize + 1 + sizeOfTrailer));
 }
 
 TEST(CodeSignatureTest, RefusesAFileThatHasShrunk) {

@@ -16,11 +16,11 @@
 #include "platform/CodeSigning.h"
 #include "platform/linux/PeerProcess.h"
 #include "platform/linux/codesigning/CodeSignature.h"
-#include "platform/linux/codesigning/KnownCode.h"
-#include "platform/linux/codesigning/OpenFile.h"
+#include "platform/linux/codesigning/FileIdentity.h"
 #include "platform/linux/codesigning/Requirement.h"
 #include "platform/linux/codesigning/Roots.h"
 #include "platform/linux/codesigning/SignedData.h"
+#include "platform/linux/codesigning/VerifiedExecutables.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -43,19 +43,19 @@ class LinuxCode final : public Code {
 public:
     /// What /proc shows for the peer, or, without a peer, for this process.
     LinuxCode(
-        KnownCode& known,
+        VerifiedExecutables& verified,
         std::string link,
         std::optional<Peer> peer,
         std::optional<PeerProcess> owned,
         const FileIdentity& executable)
-        : known_(known),
+        : verified_(verified),
           link_(std::move(link)),
           peer_(peer),
           owned_(std::move(owned)),
           executable_(executable) {}
 
     std::optional<SigningInformation> signingInformation() override {
-        if (auto information = known_.informationOf(executable_)) {
+        if (auto information = verified_.informationOf(executable_)) {
             return information;
         }
         if (!open()) {
@@ -76,7 +76,7 @@ public:
             return false;
         }
         const std::int64_t now = std::time(nullptr);
-        return known_.isKnown(executable_, *roots, now, requirement) || check(requirement, now);
+        return verified_.meets(executable_, *roots, now, requirement) || check(requirement, now);
     }
 
 private:
@@ -114,7 +114,7 @@ private:
         }
 
         if (now - executable_.changedSeconds > coarsestStamp) {
-            known_.remember(
+            verified_.remember(
                 {.executable = executable_,
                  .roots = roots->identity,
                  .validUntil = trusted->validUntil},
@@ -124,7 +124,7 @@ private:
         return true;
     }
 
-    KnownCode& known_;
+    VerifiedExecutables& verified_;
     std::string link_;
     std::optional<Peer> peer_;
     std::optional<PeerProcess> owned_;  ///< the peer's handle, where the caller had none
@@ -162,10 +162,10 @@ private:
             return nullptr;
         }
         return std::make_unique<LinuxCode>(
-            known_, std::move(link), peer, std::move(owned), FileIdentity(status));
+            verified_, std::move(link), peer, std::move(owned), FileIdentity(status));
     }
 
-    KnownCode known_;
+    VerifiedExecutables verified_;
 };
 
 }  // namespace

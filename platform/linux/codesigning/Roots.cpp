@@ -7,13 +7,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "platform/linux/codesigning/ReadExactly.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
 namespace {
 
-/// Thousands of certificates.
-constexpr off_t largestRoots = off_t{4} << 20;
+/// Enough for thousands of certificates.
+constexpr off_t maxRootsSize = off_t{4} << 20;
 
 bool isRootsAlone(int fd, mode_t type, struct stat& file) {
     return ::fstat(fd, &file) == 0 && (file.st_mode & S_IFMT) == type && file.st_uid == 0 &&
@@ -31,7 +32,7 @@ std::optional<Roots> readRoots() {
     }
     const support::UniqueFd file(
         ::openat(folder.get(), rootsFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file || !isRootsAlone(file.get(), S_IFREG, status) || status.st_size > largestRoots) {
+    if (!file || !isRootsAlone(file.get(), S_IFREG, status) || status.st_size > maxRootsSize) {
         return std::nullopt;
     }
 

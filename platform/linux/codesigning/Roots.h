@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/linux/codesigning/OpenFile.h"
+#include "platform/linux/codesigning/FileIdentity.h"
 
 namespace tarnvale::platform {
 

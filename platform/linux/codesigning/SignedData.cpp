@@ -283,7 +283,7 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
     }
     X509_VERIFY_PARAM* const parameters = library->X509_STORE_CTX_get0_param(context.get());
     library->X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
-    library->X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(mostCertificates));
+    library->X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(maxCertificates));
     if (library->X509_verify_cert(context.get()) != 1 || !mayCodeSign(*library, decoded->leaf)) {
         return std::nullopt;
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "platform/linux/codesigning/KnownCode.h"
+#include "platform/linux/codesigning/VerifiedExecutables.h"
 
 #include <functional>
 #include <vector>
@@ -26,48 +26,48 @@ FileIdentity file(ino_t inode) {
     return FileIdentity(status);
 }
 
-class KnownCodeTest : public testing::Test {
+class VerifiedExecutablesTest : public testing::Test {
 protected:
     void remember(const FileIdentity& executable, const char* requirement = base) {
-        known.remember(
+        verified.remember(
             {.executable = executable, .roots = roots, .validUntil = expiry},
             information,
             requirement);
     }
 
-    bool isKnown(const FileIdentity& executable, const char* requirement = base) const {
-        return known.isKnown(executable, roots, expiry - 1, requirement);
+    bool meets(const FileIdentity& executable, const char* requirement = base) const {
+        return verified.meets(executable, roots, expiry - 1, requirement);
     }
 
     const FileIdentity client = file(10);
     const FileIdentity roots = file(20);
     const SigningInformation information = {
         .teamIdentifier = "K7PD2QM4TZ", .identifier = "com.brackwen.tarnvale"};
-    KnownCode known;
+    VerifiedExecutables verified;
 };
 
-TEST_F(KnownCodeTest, KnowsNothingAtFirst) {
-    EXPECT_FALSE(isKnown(client));
-    EXPECT_THAT(known.informationOf(client), Eq(std::nullopt));
+TEST_F(VerifiedExecutablesTest, KnowsNothingAtFirst) {
+    EXPECT_FALSE(meets(client));
+    EXPECT_THAT(verified.informationOf(client), Eq(std::nullopt));
 }
 
-TEST_F(KnownCodeTest, KnowsWhatItIsToRemember) {
+TEST_F(VerifiedExecutablesTest, KnowsWhatItIsToRemember) {
     remember(client);
 
-    EXPECT_TRUE(isKnown(client));
-    EXPECT_THAT(known.informationOf(client), Optional(information));
+    EXPECT_TRUE(meets(client));
+    EXPECT_THAT(verified.informationOf(client), Optional(information));
 }
 
-TEST_F(KnownCodeTest, KnowsTheRequirementThatWasMetAndNoOther) {
+TEST_F(VerifiedExecutablesTest, KnowsTheRequirementThatWasMetAndNoOther) {
     remember(client);
-    EXPECT_FALSE(isKnown(client, "identifier \"x\""));
+    EXPECT_FALSE(meets(client, "identifier \"x\""));
 
     remember(client, "identifier \"x\"");
-    EXPECT_TRUE(isKnown(client, "identifier \"x\""));
-    EXPECT_TRUE(isKnown(client));
+    EXPECT_TRUE(meets(client, "identifier \"x\""));
+    EXPECT_TRUE(meets(client));
 }
 
-TEST_F(KnownCodeTest, DoesNotKnowAFileThatHasChanged) {
+TEST_F(VerifiedExecutablesTest, DoesNotKnowAFileThatHasChanged) {
     remember(client);
 
     const std::vector<std::function<void(FileIdentity&)>> changes = {
@@ -80,39 +80,39 @@ TEST_F(KnownCodeTest, DoesNotKnowAFileThatHasChanged) {
     for (const auto& change : changes) {
         FileIdentity changed = client;
         change(changed);
-        EXPECT_FALSE(isKnown(changed));
-        EXPECT_FALSE(known.isKnown(client, changed, expiry - 1, base)) << "other roots";
+        EXPECT_FALSE(meets(changed));
+        EXPECT_FALSE(verified.meets(client, changed, expiry - 1, base)) << "other roots";
     }
 }
 
-TEST_F(KnownCodeTest, ForgetsOneWhoseCertificatesHaveExpired) {
+TEST_F(VerifiedExecutablesTest, ForgetsOneWhoseCertificatesHaveExpired) {
     remember(client);
 
-    EXPECT_FALSE(known.isKnown(client, roots, expiry, base));
+    EXPECT_FALSE(verified.meets(client, roots, expiry, base));
 }
 
-TEST_F(KnownCodeTest, ForgetsOtherRequirementsWithTheRootsTheyWereMetBy) {
+TEST_F(VerifiedExecutablesTest, ForgetsOtherRequirementsWithTheRootsTheyWereMetBy) {
     remember(client, "identifier \"x\"");
     const FileIdentity newRoots = file(30);
-    known.remember(
+    verified.remember(
         {.executable = client, .roots = newRoots, .validUntil = expiry}, information, base);
 
-    EXPECT_TRUE(known.isKnown(client, newRoots, expiry - 1, base));
-    EXPECT_FALSE(known.isKnown(client, newRoots, expiry - 1, "identifier \"x\""));
-    EXPECT_FALSE(isKnown(client));
+    EXPECT_TRUE(verified.meets(client, newRoots, expiry - 1, base));
+    EXPECT_FALSE(verified.meets(client, newRoots, expiry - 1, "identifier \"x\""));
+    EXPECT_FALSE(meets(client));
 }
 
-TEST_F(KnownCodeTest, HasABoundAndForgetsTheOldest) {
-    for (ino_t inode = 1; inode <= KnownCode::mostExecutables; ++inode) {
+TEST_F(VerifiedExecutablesTest, HasABoundAndForgetsTheOldest) {
+    for (ino_t inode = 1; inode <= VerifiedExecutables::maxExecutables; ++inode) {
         remember(file(inode));
     }
-    EXPECT_TRUE(isKnown(file(1)));
+    EXPECT_TRUE(meets(file(1)));
 
     remember(file(1000));
 
-    EXPECT_FALSE(isKnown(file(1)));
-    EXPECT_TRUE(isKnown(file(2)));
-    EXPECT_TRUE(isKnown(file(1000)));
+    EXPECT_FALSE(meets(file(1)));
+    EXPECT_TRUE(meets(file(2)));
+    EXPECT_TRUE(meets(file(1000)));
 }
 
 }  // namespace

@@ -1,20 +1,18 @@
 // SPDX-License-Identifier: MIT
 //
-// What the checks of code signatures need of open files.
+// Tells one state of a file from every other, so that what has been found out about a file holds
+// until it changes.
 
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
 namespace tarnvale::platform {
 
-/// Which file, and in which state: what cannot stay the same when the content has changed.
+/// Which file, and in which state: what cannot all stay the same when the content has changed.
 struct FileIdentity {
     dev_t device;
     ino_t inode;
@@ -31,8 +29,5 @@ struct FileIdentity {
 
     bool operator==(const FileIdentity&) const = default;
 };
-
-/// That many bytes from that place on; nothing when there are fewer or they cannot be read.
-std::optional<std::string> readExactly(int file, std::size_t count, off_t offset);
 
 }  // namespace tarnvale::platform

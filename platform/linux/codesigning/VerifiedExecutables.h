@@ -14,16 +14,16 @@
 #include <vector>
 
 #include "platform/CodeSigning.h"
-#include "platform/linux/codesigning/OpenFile.h"
+#include "platform/linux/codesigning/FileIdentity.h"
 #include "support/Mutex.h"
 
 namespace tarnvale::platform {
 
 /// Safe from any thread.
-class KnownCode {
+class VerifiedExecutables {
 public:
-    /// The oldest one makes place.
-    static constexpr std::size_t mostExecutables = 64;
+    /// One more takes the place of the oldest.
+    static constexpr std::size_t maxExecutables = 64;
 
     /// What a verdict rests on. It holds as long as none of it has changed.
     struct Evidence {
@@ -38,7 +38,7 @@ public:
         std::string_view requirement);
 
     /// Whether the executable has met the requirement, with these roots, and would still.
-    bool isKnown(
+    bool meets(
         const FileIdentity& executable,
         const FileIdentity& roots,
         std::int64_t now,
@@ -47,14 +47,14 @@ public:
     std::optional<SigningInformation> informationOf(const FileIdentity& executable) const;
 
 private:
-    struct Entry {
+    struct VerifiedExecutable {
         Evidence evidence;
         SigningInformation information;
         std::vector<std::string> requirements;
     };
 
     mutable support::Mutex mutex_;
-    std::deque<Entry> entries_ GUARDED_BY(mutex_);
+    std::deque<VerifiedExecutable> executables_ GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnvale::platform

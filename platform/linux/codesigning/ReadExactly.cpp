@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "platform/linux/codesigning/OpenFile.h"
+#include "platform/linux/codesigning/ReadExactly.h"
 
 #include <cerrno>
 

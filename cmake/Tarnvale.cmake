@@ -79,11 +79,8 @@ if(TARNVALE_TESTS)
     include(GoogleTest)
 endif()
 if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
-    add_subdirectory(tests/support)
-
     # A test program enters its private root before its first test (tests/support/TestMain.cpp).
-    # It may run every program of the project: they are built before it, and TARNVALE_BIN_DIR says
-    # where they are.
+    # TARNVALE_BIN_DIR says where the project's programs are; a test that runs one depends on it.
     function(tarnvale_test name)
         cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT"
             "SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")

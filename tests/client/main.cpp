@@ -41,7 +41,7 @@
 #include <unistd.h>
 
 #include "support/Decimal.h"
-#include "tests/client/Conversation.h"
+#include "tests/support/Conversation.h"
 
 #if defined(TARNVALE_THREAD_SANITIZER)
 /// libsystemd draws the keys of its hash tables into one place without a lock, and copies them.

@@ -15,7 +15,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -24,7 +23,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "tests/client/Conversation.h"
+#include "tests/support/Conversation.h"
 #include "tests/support/HelperFiles.h"
 
 namespace tarnvale::test {
@@ -72,7 +71,7 @@ std::vector<std::string> sanitizerOptions() {
     return {"TSAN_OPTIONS=suppressions=" + path};
 }
 
-Program startService(const Service::Start& start) {
+Program startHelper(const RunningHelper::Start& start) {
     Surroundings surroundings{.environment = sanitizerOptions(), .descriptors = {}};
     if (start.listeningSocket < 0) {
         return Program({start.program}, {}, surroundings);
@@ -195,11 +194,13 @@ std::string listedRules() {
         "");
 }
 
-Service::Service() : Service(Start{}) {}
+RunningHelper::RunningHelper() : RunningHelper(Start{}) {}
 
-Service::Service(const Start& start) : Service(start, countOf(logMessages(), listeningMessage())) {}
+RunningHelper::RunningHelper(const Start& start)
+    : RunningHelper(start, countOf(logMessages(), listeningMessage())) {}
 
-Service::Service(const Start& start, std::size_t listeningBefore) : program_(startService(start)) {
+RunningHelper::RunningHelper(const Start& start, std::size_t listeningBefore)
+    : program_(startHelper(start)) {
     awaitLog(
         [&](const auto& messages) {
             return countOf(messages, listeningMessage()) > listeningBefore;
@@ -207,22 +208,13 @@ Service::Service(const Start& start, std::size_t listeningBefore) : program_(sta
         &program_);
 }
 
-Service::~Service() {
-    try {
-        kill();
-        EXPECT_EQ(program_.output() + program_.error(), "");
-    } catch (...) {
-        std::abort();  // the test's process has gone mad
-    }
-}
-
-void Service::signal(int number) const {
+void RunningHelper::signal(int number) const {
     if (program_.pid() > 0 && ::kill(program_.pid(), number) != 0) {
         fail("kill");
     }
 }
 
-void Service::kill() {
+void RunningHelper::kill() {
     if (running()) {
         signal(SIGKILL);
         program_.finish();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The shipped helper as a service inside the test's private root, and signed clients that speak to
-// it over its socket. Everything is real: signatures, users, the socket, the log.
+// The shipped helper as a service inside this process's private root, and signed clients that speak
+// to it over its socket. Everything is real: signatures, users, the socket, the log.
 
 #pragma once
 
@@ -92,7 +92,7 @@ std::vector<std::string> awaitMessage(const std::string& message, Program* progr
 std::string listedRules();
 
 /// The helper at work.
-class Service {
+class RunningHelper {
 public:
     struct Start {
         std::string program = helperProgram;
@@ -101,18 +101,19 @@ public:
     };
 
     /// Starts it and waits until it listens. Throws `std::runtime_error` when it ends instead.
-    Service();
-    explicit Service(const Start& start);
-    Service(const Service&) = delete;
-    Service& operator=(const Service&) = delete;
+    RunningHelper();
+    explicit RunningHelper(const Start& start);
+    RunningHelper(const RunningHelper&) = delete;
+    RunningHelper& operator=(const RunningHelper&) = delete;
 
-    /// Kills it if it still runs. It is a failure of the test when it has written anything: it
-    /// never writes, only the sanitizers do.
-    ~Service();
+    ~RunningHelper() = default;  ///< kills it if it still runs
 
     Program& program() { return program_; }
     pid_t pid() const { return program_.pid(); }
     bool running() { return program_.running(); }
+
+    /// What it has written to its standard output and error so far.
+    std::string written() const { return program_.output() + program_.error(); }
 
     /// Sends it a signal.
     void signal(int number) const;
@@ -121,7 +122,7 @@ public:
     void kill();
 
 private:
-    Service(const Start& start, std::size_t listeningBefore);
+    RunningHelper(const Start& start, std::size_t listeningBefore);
 
     Program program_;
 };

@@ -16,6 +16,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
 
 namespace tarnvale::test {

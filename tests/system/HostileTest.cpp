@@ -29,9 +29,10 @@
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/RawPeer.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
-#include "tests/system/RawPeer.h"
 
 namespace tarnvale::test {
 namespace {

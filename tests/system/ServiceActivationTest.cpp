@@ -19,6 +19,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
 
 namespace tarnvale::test {

@@ -21,6 +21,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
 
 #ifndef SO_PEERPIDFD

@@ -17,6 +17,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
 
 namespace tarnvale::test {

@@ -28,6 +28,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
 
 namespace tarnvale::test {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "tests/client/Conversation.h"
+#include "tests/support/Conversation.h"
 
 #include <cerrno>
 #include <cstdint>

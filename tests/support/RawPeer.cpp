@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "tests/system/RawPeer.h"
+#include "tests/support/RawPeer.h"
 
 #include <algorithm>
 #include <array>

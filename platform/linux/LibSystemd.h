@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// The functions of libsystemd that we call. The library is loaded when the first of them is needed:
-// linked in the usual way, it and those it depends on would cost each start of a one-shot mode more
-// than all of its own work.
+// The functions of libsystemd that we call. The library is loaded when the first of them is needed.
 
 #pragma once
 
 #include <systemd/sd-bus.h>
 #include <systemd/sd-login.h>
+
+#include "platform/linux/SharedLibrary.h"
 
 namespace tarnvale::platform {
 
@@ -45,13 +45,10 @@ namespace tarnvale::platform {
 
 /// The address of each under its own name, with the type that systemd's headers give it.
 struct LibSystemd {
-// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name takes none
-#define TARNVALE_MEMBER(name) decltype(&::name) name = nullptr;
-    TARNVALE_LIBSYSTEMD_SYMBOLS(TARNVALE_MEMBER)
-#undef TARNVALE_MEMBER
+    TARNVALE_LIBSYSTEMD_SYMBOLS(TARNVALE_DECLARE_SYMBOL)
 
-    /// The library, loaded on first use, once for the process. Throws `std::runtime_error` when it
-    /// is not there. Safe from any thread.
+    /// The library, loaded once for the process; a failed attempt is repeated on the next call.
+    /// Safe from any thread. Throws `SharedLibraryError`.
     static const LibSystemd& get();
 };
 

@@ -16,77 +16,75 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include "platform/linux/SharedLibrary.h"
+
 namespace tarnvale::platform {
 
-#define TARNVALE_LIBCRYPTO_FUNCTIONS(FUNCTION) \
-    FUNCTION(ASN1_STRING_get0_data)            \
-    FUNCTION(ASN1_STRING_length)               \
-    FUNCTION(ASN1_STRING_to_UTF8)              \
-    FUNCTION(ASN1_TIME_to_tm)                  \
-    FUNCTION(BIO_free_all)                     \
-    FUNCTION(BIO_new_mem_buf)                  \
-    FUNCTION(CMS_ContentInfo_free)             \
-    FUNCTION(CMS_SignerInfo_cert_cmp)          \
-    FUNCTION(CMS_SignerInfo_get0_algs)         \
-    FUNCTION(CMS_SignerInfo_set1_signer_cert)  \
-    FUNCTION(CMS_get0_SignerInfos)             \
-    FUNCTION(CMS_get0_content)                 \
-    FUNCTION(CMS_get0_eContentType)            \
-    FUNCTION(CMS_get0_type)                    \
-    FUNCTION(CMS_get1_certs)                   \
-    FUNCTION(CMS_verify)                       \
-    FUNCTION(CRYPTO_free)                      \
-    FUNCTION(ERR_clear_error)                  \
-    FUNCTION(ERR_peek_last_error)              \
-    FUNCTION(EVP_DigestFinal_ex)               \
-    FUNCTION(EVP_DigestInit_ex)                \
-    FUNCTION(EVP_DigestUpdate)                 \
-    FUNCTION(EVP_MD_CTX_free)                  \
-    FUNCTION(EVP_MD_CTX_new)                   \
-    FUNCTION(EVP_sha256)                       \
-    FUNCTION(OBJ_obj2nid)                      \
-    FUNCTION(OBJ_obj2txt)                      \
-    FUNCTION(OPENSSL_init_crypto)              \
-    FUNCTION(OPENSSL_sk_free)                  \
-    FUNCTION(OPENSSL_sk_num)                   \
-    FUNCTION(OPENSSL_sk_value)                 \
-    FUNCTION(PEM_read_bio_X509)                \
-    FUNCTION(X509_EXTENSION_get_object)        \
-    FUNCTION(X509_NAME_ENTRY_get_data)         \
-    FUNCTION(X509_NAME_get_entry)              \
-    FUNCTION(X509_NAME_get_index_by_NID)       \
-    FUNCTION(X509_STORE_CTX_free)              \
-    FUNCTION(X509_STORE_CTX_get0_chain)        \
-    FUNCTION(X509_STORE_CTX_get0_param)        \
-    FUNCTION(X509_STORE_CTX_init)              \
-    FUNCTION(X509_STORE_CTX_new)               \
-    FUNCTION(X509_STORE_add_cert)              \
-    FUNCTION(X509_STORE_free)                  \
-    FUNCTION(X509_STORE_new)                   \
-    FUNCTION(X509_VERIFY_PARAM_set_auth_level) \
-    FUNCTION(X509_VERIFY_PARAM_set_depth)      \
-    FUNCTION(X509_free)                        \
-    FUNCTION(X509_get0_notAfter)               \
-    FUNCTION(X509_get_ext)                     \
-    FUNCTION(X509_get_ext_count)               \
-    FUNCTION(X509_get_extended_key_usage)      \
-    FUNCTION(X509_get_extension_flags)         \
-    FUNCTION(X509_get_key_usage)               \
-    FUNCTION(X509_get_subject_name)            \
-    FUNCTION(X509_verify_cert)                 \
-    FUNCTION(d2i_CMS_ContentInfo)
+#define TARNVALE_LIBCRYPTO_SYMBOLS(SYMBOL)   \
+    SYMBOL(ASN1_STRING_get0_data)            \
+    SYMBOL(ASN1_STRING_length)               \
+    SYMBOL(ASN1_STRING_to_UTF8)              \
+    SYMBOL(ASN1_TIME_to_tm)                  \
+    SYMBOL(BIO_free_all)                     \
+    SYMBOL(BIO_new_mem_buf)                  \
+    SYMBOL(CMS_ContentInfo_free)             \
+    SYMBOL(CMS_SignerInfo_cert_cmp)          \
+    SYMBOL(CMS_SignerInfo_get0_algs)         \
+    SYMBOL(CMS_SignerInfo_set1_signer_cert)  \
+    SYMBOL(CMS_get0_SignerInfos)             \
+    SYMBOL(CMS_get0_content)                 \
+    SYMBOL(CMS_get0_eContentType)            \
+    SYMBOL(CMS_get0_type)                    \
+    SYMBOL(CMS_get1_certs)                   \
+    SYMBOL(CMS_verify)                       \
+    SYMBOL(CRYPTO_free)                      \
+    SYMBOL(ERR_clear_error)                  \
+    SYMBOL(ERR_peek_last_error)              \
+    SYMBOL(EVP_DigestFinal_ex)               \
+    SYMBOL(EVP_DigestInit_ex)                \
+    SYMBOL(EVP_DigestUpdate)                 \
+    SYMBOL(EVP_MD_CTX_free)                  \
+    SYMBOL(EVP_MD_CTX_new)                   \
+    SYMBOL(EVP_sha256)                       \
+    SYMBOL(OBJ_obj2nid)                      \
+    SYMBOL(OBJ_obj2txt)                      \
+    SYMBOL(OPENSSL_init_crypto)              \
+    SYMBOL(OPENSSL_sk_free)                  \
+    SYMBOL(OPENSSL_sk_num)                   \
+    SYMBOL(OPENSSL_sk_value)                 \
+    SYMBOL(PEM_read_bio_X509)                \
+    SYMBOL(X509_EXTENSION_get_object)        \
+    SYMBOL(X509_NAME_ENTRY_get_data)         \
+    SYMBOL(X509_NAME_get_entry)              \
+    SYMBOL(X509_NAME_get_index_by_NID)       \
+    SYMBOL(X509_STORE_CTX_free)              \
+    SYMBOL(X509_STORE_CTX_get0_chain)        \
+    SYMBOL(X509_STORE_CTX_get0_param)        \
+    SYMBOL(X509_STORE_CTX_init)              \
+    SYMBOL(X509_STORE_CTX_new)               \
+    SYMBOL(X509_STORE_add_cert)              \
+    SYMBOL(X509_STORE_free)                  \
+    SYMBOL(X509_STORE_new)                   \
+    SYMBOL(X509_VERIFY_PARAM_set_auth_level) \
+    SYMBOL(X509_VERIFY_PARAM_set_depth)      \
+    SYMBOL(X509_free)                        \
+    SYMBOL(X509_get0_notAfter)               \
+    SYMBOL(X509_get_ext)                     \
+    SYMBOL(X509_get_ext_count)               \
+    SYMBOL(X509_get_extended_key_usage)      \
+    SYMBOL(X509_get_extension_flags)         \
+    SYMBOL(X509_get_key_usage)               \
+    SYMBOL(X509_get_subject_name)            \
+    SYMBOL(X509_verify_cert)                 \
+    SYMBOL(d2i_CMS_ContentInfo)
 
-/// Each function under its own name, with the type that OpenSSL's headers give it.
+/// The address of each under its own name, with the type that OpenSSL's headers give it.
 struct Libcrypto {
-// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name takes none
-#define TARNVALE_MEMBER(name) decltype(&::name) name = nullptr;
-    TARNVALE_LIBCRYPTO_FUNCTIONS(TARNVALE_MEMBER)
-#undef TARNVALE_MEMBER
+    TARNVALE_LIBCRYPTO_SYMBOLS(TARNVALE_DECLARE_SYMBOL)
 
-    /// The library, loaded on first use; null when that fails, and then tried again next time. It
-    /// reads no configuration file, so nothing can make it load code of somebody else's choice.
-    /// Safe from any thread.
-    static const Libcrypto* get();
+    /// The library, loaded and set up once for the process; a failed attempt is repeated on the
+    /// next call. Safe from any thread. Throws `SharedLibraryError`.
+    static const Libcrypto& get();
 };
 
 /// Gives an object back to the library, which must have been loaded.
@@ -94,7 +92,7 @@ template <auto function>
 struct LibcryptoDeleter {
     template <typename Object>
     void operator()(Object* object) const noexcept {
-        (Libcrypto::get()->*function)(object);
+        (Libcrypto::get().*function)(object);
     }
 };
 

@@ -15,6 +15,7 @@
 
 #include "platform/CodeSigning.h"
 #include "platform/linux/PeerProcess.h"
+#include "platform/linux/SharedLibrary.h"
 #include "platform/linux/codesigning/CodeSignature.h"
 #include "platform/linux/codesigning/FileIdentity.h"
 #include "platform/linux/codesigning/Requirement.h"
@@ -58,16 +59,11 @@ public:
         if (auto information = verified_.informationOf(executable_)) {
             return information;
         }
-        if (!open()) {
+        try {
+            return readInformation();
+        } catch (const SharedLibraryError&) {
             return std::nullopt;
         }
-        auto claims = readClaims(trailer_->message);
-        if (!claims) {
-            return std::nullopt;
-        }
-        return SigningInformation{
-            .teamIdentifier = std::move(claims->teamIdentifier),
-            .identifier = std::move(claims->content.identifier)};
     }
 
     bool isValid(std::string_view requirement) override {
@@ -76,7 +72,12 @@ public:
             return false;
         }
         const std::int64_t now = std::time(nullptr);
-        return verified_.meets(executable_, *roots, now, requirement) || check(requirement, now);
+        try {
+            return verified_.meets(executable_, *roots, now, requirement) ||
+                   check(requirement, now);
+        } catch (const SharedLibraryError&) {
+            return false;
+        }
     }
 
 private:
@@ -90,6 +91,19 @@ private:
             }
         }
         return trailer_.has_value();
+    }
+
+    std::optional<SigningInformation> readInformation() {
+        if (!open()) {
+            return std::nullopt;
+        }
+        auto claims = readClaims(trailer_->message);
+        if (!claims) {
+            return std::nullopt;
+        }
+        return SigningInformation{
+            .teamIdentifier = std::move(claims->teamIdentifier),
+            .identifier = std::move(claims->content.identifier)};
     }
 
     /// The whole check: what costs little comes first, the digest last.

@@ -55,7 +55,7 @@ Element* elementOf(const Libcrypto& library, const Stack* stack, int index) {
 
 struct CertificatesDeleter {
     void operator()(STACK_OF(X509) * certificates) const noexcept {
-        const Libcrypto& library = *Libcrypto::get();
+        const Libcrypto& library = Libcrypto::get();
         for (int index = 0; index < countOf(library, certificates); ++index) {
             library.X509_free(elementOf<X509>(library, certificates, index));
         }
@@ -245,54 +245,48 @@ std::string hex(const std::array<unsigned char, EVP_MAX_MD_SIZE>& bytes, std::si
 }  // namespace
 
 std::optional<Claims> readClaims(std::string_view message) {
-    const Libcrypto* const library = Libcrypto::get();
-    if (library == nullptr) {
-        return std::nullopt;
-    }
+    const Libcrypto& library = Libcrypto::get();
     const support::MutexLock lock(decoding());
-    const ErrorQueue errors(*library);
+    const ErrorQueue errors(library);
 
-    auto decoded = decode(*library, message);
+    auto decoded = decode(library, message);
     if (!decoded) {
         return std::nullopt;
     }
     return Claims{
         .content = std::move(decoded->content),
-        .teamIdentifier = subjectOUOf(*library, decoded->leaf)};
+        .teamIdentifier = subjectOUOf(library, decoded->leaf)};
 }
 
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
-    const Libcrypto* const library = Libcrypto::get();
-    if (library == nullptr) {
-        return std::nullopt;
-    }
+    const Libcrypto& library = Libcrypto::get();
     const support::MutexLock lock(decoding());
-    const ErrorQueue errors(*library);
+    const ErrorQueue errors(library);
 
-    auto decoded = decode(*library, message);
-    const Store store = storeOf(*library, rootsPem);
-    const StoreContext context(library->X509_STORE_CTX_new());
+    auto decoded = decode(library, message);
+    const Store store = storeOf(library, rootsPem);
+    const StoreContext context(library.X509_STORE_CTX_new());
     if (!decoded || !store || !context) {
         return std::nullopt;
     }
 
     // The chain comes first: no key works on the message before it is known to be a trusted one.
-    if (library->X509_STORE_CTX_init(
+    if (library.X509_STORE_CTX_init(
             context.get(), store.get(), decoded->leaf, decoded->certificates.get()) != 1) {
         return std::nullopt;
     }
-    X509_VERIFY_PARAM* const parameters = library->X509_STORE_CTX_get0_param(context.get());
-    library->X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
-    library->X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(maxCertificates));
-    if (library->X509_verify_cert(context.get()) != 1 || !mayCodeSign(*library, decoded->leaf)) {
+    X509_VERIFY_PARAM* const parameters = library.X509_STORE_CTX_get0_param(context.get());
+    library.X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
+    library.X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(maxCertificates));
+    if (library.X509_verify_cert(context.get()) != 1 || !mayCodeSign(library, decoded->leaf)) {
         return std::nullopt;
     }
 
-    if (!digestIsStrong(*library, decoded->signer)) {
+    if (!digestIsStrong(library, decoded->signer)) {
         return std::nullopt;
     }
-    library->CMS_SignerInfo_set1_signer_cert(decoded->signer, decoded->leaf);
-    if (library->CMS_verify(
+    library.CMS_SignerInfo_set1_signer_cert(decoded->signer, decoded->leaf);
+    if (library.CMS_verify(
             decoded->message.get(),
             nullptr,
             nullptr,
@@ -306,24 +300,20 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
         .content = std::move(decoded->content),
         .chain = {},
         .validUntil = std::numeric_limits<std::int64_t>::max()};
-    const STACK_OF(X509)* const chain = library->X509_STORE_CTX_get0_chain(context.get());
-    for (int index = 0; index < countOf(*library, chain); ++index) {
-        const X509* const certificate = elementOf<X509>(*library, chain, index);
-        trusted.chain.push_back(factsOf(*library, certificate));
-        trusted.validUntil = std::min(trusted.validUntil, expiryOf(*library, certificate));
+    const STACK_OF(X509)* const chain = library.X509_STORE_CTX_get0_chain(context.get());
+    for (int index = 0; index < countOf(library, chain); ++index) {
+        const X509* const certificate = elementOf<X509>(library, chain, index);
+        trusted.chain.push_back(factsOf(library, certificate));
+        trusted.validUntil = std::min(trusted.validUntil, expiryOf(library, certificate));
     }
     return trusted;
 }
 
 std::optional<std::string> sha256(int file, off_t size) {
-    const Libcrypto* const library = Libcrypto::get();
-    if (library == nullptr) {
-        return std::nullopt;
-    }
-    const ErrorQueue errors(*library);
-    const DigestContext context(library->EVP_MD_CTX_new());
-    if (!context ||
-        library->EVP_DigestInit_ex(context.get(), library->EVP_sha256(), nullptr) != 1) {
+    const Libcrypto& library = Libcrypto::get();
+    const ErrorQueue errors(library);
+    const DigestContext context(library.EVP_MD_CTX_new());
+    if (!context || library.EVP_DigestInit_ex(context.get(), library.EVP_sha256(), nullptr) != 1) {
         return std::nullopt;
     }
 
@@ -335,7 +325,7 @@ std::optional<std::string> sha256(int file, off_t size) {
         if (got < 0 && errno == EINTR) {
             continue;
         }
-        if (got <= 0 || library->EVP_DigestUpdate(
+        if (got <= 0 || library.EVP_DigestUpdate(
                             context.get(), chunk->data(), static_cast<std::size_t>(got)) != 1) {
             return std::nullopt;
         }
@@ -344,7 +334,7 @@ std::optional<std::string> sha256(int file, off_t size) {
 
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned int length = 0;
-    if (library->EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1) {
+    if (library.EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1) {
         return std::nullopt;
     }
     return hex(digest, length);

@@ -4,7 +4,7 @@
 // certificates can be trusted, and the digest that it is held against. Nothing that OpenSSL
 // allocates leaves these functions, and no two messages are decoded at the same time: what
 // hostile peers can make the service spend on them is bounded by one message. Safe from any
-// thread.
+// thread. Without libcrypto each function throws `SharedLibraryError`.
 
 #pragma once
 

@@ -2,6 +2,8 @@
 
 #include "core/service/CallerAuthorization.h"
 
+#include <string>
+
 #include "core/base/Administrators.h"
 #include "core/base/HelperLog.h"
 
@@ -16,22 +18,22 @@ std::optional<uid_t> consoleUserID(platform::Users& users) {
     return user->uid;
 }
 
-std::optional<std::string> authorizeCaller(
+std::optional<uid_t> authorizeCaller(
     const platform::Transport& transport,
     platform::Users& users,
     bool adminOnly,
     std::string_view operation) {
     const auto uid = transport.currentEffectiveUserID();
     if (!uid) {
-        return std::string(refusalMessage);
+        return std::nullopt;
     }
     if (isAdministrator(users, *uid) || (!adminOnly && consoleUserID(users) == uid)) {
-        return std::nullopt;
+        return uid;
     }
     helperLog(
         "Refused " + std::string(operation) + " for uid " + std::to_string(*uid) +
         (adminOnly ? ": not an administrator." : ": not an administrator or the console user."));
-    return std::string(refusalMessage);
+    return std::nullopt;
 }
 
 }  // namespace tarnvale

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include <sys/types.h>
@@ -15,17 +14,17 @@
 
 namespace tarnvale {
 
-/// What a caller who may not make a change is told.
+/// The error that a caller gets who may not make a change.
 inline constexpr std::string_view refusalMessage =
     "Only an administrator of this Mac can make this change through Tarnvale's helper.";
 
 /// The user who is logged in at the console; nothing when nobody is, the login window included.
 std::optional<uid_t> consoleUserID(platform::Users& users);
 
-/// Whether the user whose request this thread serves may make a change: an administrator always,
-/// the user at the console unless `adminOnly`. Nothing when allowed; else the refusal, which is
-/// logged with the `operation`'s name.
-std::optional<std::string> authorizeCaller(
+/// The user whose request this thread serves, if that user may make a change: an administrator
+/// always, the user at the console unless `adminOnly`. Anybody else is refused: the result is
+/// nothing, and the log names the `operation`.
+std::optional<uid_t> authorizeCaller(
     const platform::Transport& transport,
     platform::Users& users,
     bool adminOnly,

@@ -4,8 +4,9 @@
 
 #include <exception>
 #include <new>
+#include <optional>
 #include <string>
-#include <utility>
+#include <type_traits>
 
 #include "clilinks/CLISymlink.h"
 #include "core/base/HelperLog.h"
@@ -32,15 +33,6 @@ constexpr struct {
     RequestRule setTarnvaleResolver{.adminOnly = false, .operation = "setTarnvaleResolver"};
 } rules;
 
-/// On whose behalf a firewall request is made.
-struct FirewallCaller {
-    uid_t uid;
-    bool callerIsConsoleUser;  ///< also true when nobody is at the console
-};
-
-/// An operation that succeeded without a result.
-const OptionalText noResult;
-
 /// What a failed operation says of itself, logged and replied alike.
 ResultReply failure(const char* operation, const std::string& description) {
     helperLog(std::string(operation) + " failed: " + description);
@@ -52,11 +44,17 @@ ResultReply failure(const char* operation, const std::string& description) {
 template <class Operation>
 ResultReply RequestHandlers::perform(const RequestRule& rule, const Operation& operation) {
     listener_.touch();
-    if (auto refusal = authorizeCaller(transport_, users_, rule.adminOnly, rule.operation)) {
-        return {.result = std::nullopt, .error = std::move(refusal)};
+    const auto caller = authorizeCaller(transport_, users_, rule.adminOnly, rule.operation);
+    if (!caller) {
+        return {.result = std::nullopt, .error = std::string(refusalMessage)};
     }
     try {
-        return {.result = operation(), .error = std::nullopt};
+        if constexpr (std::is_void_v<std::invoke_result_t<const Operation&, uid_t>>) {
+            operation(*caller);
+            return {};
+        } else {
+            return {.result = operation(*caller), .error = std::nullopt};
+        }
     } catch (const std::bad_alloc&) {
         return failure(rule.operation, "There is not enough memory for this request.");
     } catch (const std::exception& error) {
@@ -64,21 +62,8 @@ ResultReply RequestHandlers::perform(const RequestRule& rule, const Operation& o
     }
 }
 
-template <class Operation>
-ResultReply RequestHandlers::performForFirewallCaller(
-    const RequestRule& rule, const Operation& operation) {
-    OptionalText refusal;
-    auto reply = perform(rule, [&]() -> OptionalText {
-        const auto uid = transport_.currentEffectiveUserID();
-        if (!uid) {
-            refusal = refusalMessage;
-            return std::nullopt;
-        }
-        const auto consoleUser = consoleUserID(users_);
-        return operation(
-            FirewallCaller{.uid = *uid, .callerIsConsoleUser = consoleUser.value_or(*uid) == *uid});
-    });
-    return refusal ? ResultReply{.result = std::nullopt, .error = std::move(refusal)} : reply;
+bool RequestHandlers::callerIsConsoleUser(uid_t caller) {
+    return consoleUserID(users_).value_or(caller) == caller;
 }
 
 OptionalText RequestHandlers::helperVersion() {
@@ -87,17 +72,16 @@ OptionalText RequestHandlers::helperVersion() {
 }
 
 ResultReply RequestHandlers::applyFirewallWithPolicyData(std::string_view policyData) {
-    return performForFirewallCaller(rules.applyFirewall, [&](const FirewallCaller& caller) {
-        return HelperFirewall::applyFirewall(policyData, caller.uid, caller.callerIsConsoleUser);
+    return perform(rules.applyFirewall, [&](uid_t caller) {
+        return HelperFirewall::applyFirewall(policyData, caller, callerIsConsoleUser(caller));
     });
 }
 
 OptionalText RequestHandlers::removeFirewall() {
-    return performForFirewallCaller(
+    return perform(
                rules.removeFirewall,
-               [](const FirewallCaller& caller) {
-                   HelperFirewall::removeFirewall(caller.uid, caller.callerIsConsoleUser);
-                   return noResult;
+               [&](uid_t caller) {
+                   HelperFirewall::removeFirewall(caller, callerIsConsoleUser(caller));
                })
         .error;
 }
@@ -109,50 +93,40 @@ ResultReply RequestHandlers::firewallReport() {
 
 ResultReply RequestHandlers::createVLANWithName(
     std::string_view name, std::int64_t tag, std::string_view parentBSD) {
-    return perform(
-        rules.createVLAN, [&] { return HelperVLAN::create(preferences_, name, tag, parentBSD); });
+    return perform(rules.createVLAN, [&](uid_t /*caller*/) {
+        return HelperVLAN::create(preferences_, name, tag, parentBSD);
+    });
 }
 
 OptionalText RequestHandlers::deleteVLANWithBsdName(std::string_view bsdName) {
     return perform(
                rules.deleteVLAN,
-               [&] {
-                   HelperVLAN::deleteVLAN(preferences_, bsdName);
-                   return noResult;
-               })
+               [&](uid_t /*caller*/) { HelperVLAN::deleteVLAN(preferences_, bsdName); })
         .error;
 }
 
 OptionalText RequestHandlers::installCLISymlink() {
     return perform(
                rules.installCLISymlink,
-               [&] {
-                   HelperCLISymlink::install(users_);
-                   return noResult;
-               })
+               [&](uid_t /*caller*/) { HelperCLISymlink::install(users_); })
         .error;
 }
 
 OptionalText RequestHandlers::removeCLISymlink() {
     return perform(
-               rules.removeCLISymlink,
-               [&] {
-                   HelperCLISymlink::remove(users_);
-                   return noResult;
-               })
+               rules.removeCLISymlink, [&](uid_t /*caller*/) { HelperCLISymlink::remove(users_); })
         .error;
 }
 
 OptionalText RequestHandlers::setTarnvaleResolverWithEnabled(bool enabled) {
     return perform(
                rules.setTarnvaleResolver,
-               [&] {
+               [&](uid_t /*caller*/) {
                    if (enabled) {
                        HelperResolver::installResolverFiles();
                    } else {
                        HelperResolver::removeResolverFiles();
                    }
-                   return noResult;
                })
         .error;
 }

@@ -10,6 +10,8 @@
 #include <functional>
 #include <string_view>
 
+#include <sys/types.h>
+
 #include "core/protocol/TarnvaleAdminHelperProtocol.h"
 #include "core/service/HelperListener.h"
 #include "platform/NetworkPreferences.h"
@@ -48,10 +50,13 @@ public:
     void shutdownForUpgrade(const std::function<void()>& reply) override;
 
 private:
+    /// The road that the requests share: `operation` gets the caller's uid and returns the result,
+    /// if it has one.
     template <class Operation>
     ResultReply perform(const RequestRule& rule, const Operation& operation);
-    template <class Operation>
-    ResultReply performForFirewallCaller(const RequestRule& rule, const Operation& operation);
+
+    /// Also true when nobody is at the console.
+    bool callerIsConsoleUser(uid_t caller);
 
     HelperListener& listener_;
     const platform::Transport& transport_;

@@ -35,7 +35,7 @@ protected:
     bool isAllowed(uid_t uid, bool adminOnly) {
         mac.calls.clear();
         transport.caller = uid;
-        return !authorizeCaller(transport, *users, adminOnly, "applyFirewall");
+        return authorizeCaller(transport, *users, adminOnly, "applyFirewall") == uid;
     }
 
     test::FakeTransport transport;

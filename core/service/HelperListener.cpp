@@ -36,7 +36,7 @@ bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connecti
         helperLog(
             "Rejected XPC client pid=" + std::to_string(connection.peer().pid) +
             " uid=" + std::to_string(connection.effectiveUserID()) +
-            ": not Tarnvale or its service signed by K7PD2QM4TZ.");
+            ": not Tarnvale or its service signed by " + std::string(teamIdentifier) + ".");
         return false;
     }
 

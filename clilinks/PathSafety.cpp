@@ -14,6 +14,7 @@
 
 #include "clilinks/SymlinkError.h"
 #include "core/base/Administrators.h"
+#include "support/Free.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
@@ -22,12 +23,6 @@ using support::UniqueFd;
 
 constexpr int folderFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
 constexpr mode_t folderMode = 0755;
-
-struct Free {
-    void operator()(char* text) const noexcept {
-        std::free(text);  // NOLINT(cppcoreguidelines-no-malloc): realpath's memory
-    }
-};
 
 /// The rule for one file or folder: nobody but administrators can write to it.
 bool isSafe(platform::Users& users, const struct stat& object) {
@@ -64,7 +59,7 @@ UniqueFd makeFolder(int parent, const char* name) {
 }  // namespace
 
 std::optional<std::string> firstUnsafeAncestor(platform::Users& users, const std::string& path) {
-    const std::unique_ptr<char, Free> real(::realpath(path.c_str(), nullptr));
+    const std::unique_ptr<char, support::Free> real(::realpath(path.c_str(), nullptr));
     if (!real) {
         return path;
     }

@@ -10,16 +10,11 @@
 
 #include <unistd.h>
 
+#include "support/Free.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform {
 namespace {
-
-struct Free {
-    void operator()(char* text) const noexcept {
-        std::free(text);  // NOLINT(cppcoreguidelines-no-malloc): realpath's memory
-    }
-};
 
 const char* firstArgument = "";
 
@@ -40,7 +35,7 @@ std::string executablePath() {
 }
 
 std::string resolvingSymlinksInPath(const std::string& path) {
-    const std::unique_ptr<char, Free> real(::realpath(path.c_str(), nullptr));
+    const std::unique_ptr<char, support::Free> real(::realpath(path.c_str(), nullptr));
     if (real) {
         return real.get();
     }

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include <pwd.h>
 
 #include "platform/linux/LibSystemd.h"
+#include "support/Free.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -58,18 +58,12 @@ std::vector<gid_t> groupsOf(const Account& account) {
     return {};
 }
 
-struct Free {
-    void operator()(char* text) const noexcept {
-        std::free(text);  // NOLINT(cppcoreguidelines-no-malloc): sd-login's memory
-    }
-};
-
 /// What one of sd-login's functions says, or nothing when it fails.
 template <typename Function>
 std::optional<std::string> answer(Function function, const char* of) {
     char* text = nullptr;
     const int result = function(of, &text);
-    const std::unique_ptr<char, Free> owner(text);
+    const std::unique_ptr<char, support::Free> owner(text);
     return result >= 0 && text != nullptr ? std::optional<std::string>(text) : std::nullopt;
 }
 

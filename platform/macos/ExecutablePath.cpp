@@ -13,16 +13,11 @@
 
 #include <mach-o/dyld.h>
 
+#include "support/Free.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform {
 namespace {
-
-struct Free {
-    void operator()(char* text) const noexcept {
-        std::free(text);  // NOLINT(cppcoreguidelines-no-malloc): realpath's memory
-    }
-};
 
 const char* firstArgument = "";
 
@@ -86,7 +81,7 @@ std::string executablePath() {
 }
 
 std::string resolvingSymlinksInPath(const std::string& path) {
-    const std::unique_ptr<char, Free> real(::realpath(path.c_str(), nullptr));
+    const std::unique_ptr<char, support::Free> real(::realpath(path.c_str(), nullptr));
     return withoutPrivate(real ? std::string(real.get()) : tidied(path));
 }
 

@@ -3,9 +3,7 @@
 // TarnvaleAdminHelper: one executable, four modes, chosen by its first argument. Without one, or
 // with one that it doesn't know, it is the service.
 
-#include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -27,29 +25,22 @@
 #include "platform/Transport.h"
 #include "platform/Users.h"
 #include "support/StandardDescriptors.h"
+#include "support/SystemCalls.h"
 
 namespace {
 
-/// Output that nobody takes is lost; there is nobody else to tell.
-void writeAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const auto written = ::write(fd, text.data(), text.size());
-        if (written < 0 && errno != EINTR) {
-            return;
-        }
-        if (written > 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));
-        }
-    }
+/// Output that nobody takes is lost: there is nowhere else to report it.
+void print(int fd, std::string_view text) {
+    static_cast<void>(tarnvale::support::writeAll(fd, text));
 }
 
 void printLine(std::string line) {
     line += '\n';
-    writeAll(STDOUT_FILENO, line);
+    print(STDOUT_FILENO, line);
 }
 
 int fail(std::string_view message) {
-    writeAll(STDERR_FILENO, message);
+    print(STDERR_FILENO, message);
     return EXIT_FAILURE;
 }
 
@@ -97,15 +88,15 @@ int run(std::string_view argument) {
 
 int main(int argc, char** argv) {
     tarnvale::support::openStandardDescriptors();
-    ::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): it can't fail for this signal
+    ::signal(SIGPIPE, SIG_IGN);
     // Whoever starts us may ignore it, and we would inherit that: no child could be waited for.
-    ::signal(SIGCHLD, SIG_DFL);  // NOLINT(cert-err33-c): it can't fail for this signal
+    ::signal(SIGCHLD, SIG_DFL);
     tarnvale::platform::rememberFirstArgument(argc > 0 ? argv[0] : "");
     try {
         return run(argc > 1 ? argv[1] : "");
     } catch (const std::exception& error) {
         for (const char* const part : {"TarnvaleAdminHelper: ", error.what(), "\n"}) {
-            writeAll(STDERR_FILENO, part);
+            print(STDERR_FILENO, part);
         }
     }
     ::_exit(EXIT_FAILURE);  // threads of the service may be at work

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "support/Mutex.h"
+#include "support/SystemCalls.h"
 #include "support/Timestamp.h"
 #include "support/UniqueFd.h"
 
@@ -51,15 +52,7 @@ void appendLine(std::string_view line) {
     if (::lseek(log.get(), 0, SEEK_END) > sizeLimit && ::ftruncate(log.get(), 0) != 0) {
         // A log that can't be emptied goes on growing; the line matters more.
     }
-    while (!line.empty()) {
-        const auto written = ::write(log.get(), line.data(), line.size());
-        if (written < 0 && errno != EINTR) {
-            return;
-        }
-        if (written > 0) {
-            line.remove_prefix(static_cast<std::size_t>(written));
-        }
-    }
+    static_cast<void>(support::writeAll(log.get(), line));
 }
 
 }  // namespace

@@ -8,25 +8,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/AdmissionRequirements.h"
 #include "tests/support/FakeCodeSigning.h"
 
 namespace tarnvale {
 namespace {
 
+using test::baseRequirement;
+using test::developerIDRequirement;
+using test::strictRequirement;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr const char* developerID =
-    "anchor apple generic and certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
-    "leaf[field.1.2.840.113635.100.6.1.13] exists";
-constexpr const char* base =
-    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
-    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\"";
-constexpr const char* strict =
-    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
-    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\" and "
-    "certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
-    "leaf[field.1.2.840.113635.100.6.1.13] exists";
 
 constexpr platform::Peer peer = {.pid = 4711};
 
@@ -46,7 +38,7 @@ protected:
 /// The helper itself bears a Developer ID signature.
 class StrictClientAdmissionTest : public ClientAdmissionTest {
 protected:
-    StrictClientAdmissionTest() { signing.own->meets = {developerID}; }
+    StrictClientAdmissionTest() { signing.own->meets = {developerIDRequirement}; }
 };
 
 TEST_F(ClientAdmissionTest, AdmitsTheApplicationAndItsServiceProcess) {
@@ -97,11 +89,11 @@ TEST_F(ClientAdmissionTest, RejectsEveryOtherIdentifier) {
 TEST_F(ClientAdmissionTest, ChecksNoRequirementForADevelopmentSignedHelper) {
     EXPECT_TRUE(admission.isAllowedClient(peer));
 
-    EXPECT_THAT(signing.asked, ElementsAre(developerID)) << "its own code's alone";
+    EXPECT_THAT(signing.asked, ElementsAre(developerIDRequirement)) << "its own code's alone";
 }
 
 TEST_F(ClientAdmissionTest, AttachesTheBaseRequirementForADevelopmentSignedHelper) {
-    EXPECT_EQ(admission.clientRequirement(), base);
+    EXPECT_EQ(admission.clientRequirement(), baseRequirement);
     EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
 }
 
@@ -109,7 +101,7 @@ TEST_F(ClientAdmissionTest, TakesAHelperWhoseCodeCannotBeHadForDevelopmentSigned
     signing.own.reset();
 
     EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
-    EXPECT_EQ(admission.clientRequirement(), base);
+    EXPECT_EQ(admission.clientRequirement(), baseRequirement);
     EXPECT_TRUE(admission.isAllowedClient(peer));
 }
 
@@ -117,9 +109,9 @@ TEST_F(ClientAdmissionTest, ChecksItselfOnceAndOnFirstUse) {
     EXPECT_EQ(signing.selfLookups, 0);
 
     admission.clientRequirement();
-    signing.own->meets = {developerID};
+    signing.own->meets = {developerIDRequirement};
 
-    EXPECT_EQ(admission.clientRequirement(), base);
+    EXPECT_EQ(admission.clientRequirement(), baseRequirement);
     EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
     EXPECT_TRUE(admission.isAllowedClient(peer));
     EXPECT_EQ(signing.selfLookups, 1);
@@ -135,7 +127,7 @@ TEST_F(ClientAdmissionTest, ChecksItselfForNoClientThatItRejectsAnyway) {
 TEST_F(ClientAdmissionTest, ChecksItselfOnceForThreadsThatComeTogether) {
     std::array<std::thread, 8> threads;
     for (std::thread& thread : threads) {
-        thread = std::thread([this] { EXPECT_EQ(admission.clientRequirement(), base); });
+        thread = std::thread([this] { EXPECT_EQ(admission.clientRequirement(), baseRequirement); });
     }
     for (std::thread& thread : threads) {
         thread.join();
@@ -146,24 +138,24 @@ TEST_F(ClientAdmissionTest, ChecksItselfOnceForThreadsThatComeTogether) {
 
 TEST_F(StrictClientAdmissionTest, AttachesTheStrictRequirement) {
     EXPECT_TRUE(admission.helperIsDeveloperIDSigned());
-    EXPECT_EQ(admission.clientRequirement(), strict);
+    EXPECT_EQ(admission.clientRequirement(), strictRequirement);
 }
 
 TEST_F(StrictClientAdmissionTest, RejectsADevelopmentSignedClient) {
-    client().meets = {base};
+    client().meets = {baseRequirement};
 
     EXPECT_FALSE(admission.isAllowedClient(peer));
-    EXPECT_THAT(signing.asked, ElementsAre(strict, developerID));
+    EXPECT_THAT(signing.asked, ElementsAre(strictRequirement, developerIDRequirement));
 }
 
 TEST_F(StrictClientAdmissionTest, AdmitsADeveloperIDSignedClient) {
-    client().meets = {base, strict};
+    client().meets = {baseRequirement, strictRequirement};
 
     EXPECT_TRUE(admission.isAllowedClient(peer));
 }
 
 TEST_F(StrictClientAdmissionTest, LooksAtTeamAndIdentifierFirst) {
-    client().meets = {base, strict};
+    client().meets = {baseRequirement, strictRequirement};
     client().information->identifier = "com.brackwen.other";
 
     EXPECT_FALSE(admission.isAllowedClient(peer));

@@ -14,25 +14,17 @@
 #include <gtest/gtest.h>
 
 #include "tests/macos/standin/StandIn.h"
+#include "tests/support/AdmissionRequirements.h"
 
 namespace tarnvale {
 namespace {
 
+using test::baseRequirement;
+using test::developerIDRequirement;
+using test::strictRequirement;
 using testing::ElementsAreArray;
 
 constexpr platform::Peer peer{.pid = 4711};
-
-constexpr const char* developerID =
-    "anchor apple generic and certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
-    "leaf[field.1.2.840.113635.100.6.1.13] exists";
-constexpr const char* base =
-    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
-    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\"";
-constexpr const char* strict =
-    "anchor apple generic and (identifier \"com.brackwen.tarnvale\" or identifier "
-    "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\" and "
-    "certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
-    "leaf[field.1.2.840.113635.100.6.1.13] exists";
 
 class MacAdmissionTest : public test::OnAMac {
 protected:
@@ -40,7 +32,7 @@ protected:
     MacAdmissionTest() {
         client().teamIdentifier = "K7PD2QM4TZ";
         client().identifier = "com.brackwen.tarnvale";
-        client().meets = {base};
+        client().meets = {baseRequirement};
         mac.self = {
             .teamIdentifier = "K7PD2QM4TZ",
             .identifier = "com.brackwen.tarnvale.adminhelper",
@@ -50,8 +42,8 @@ protected:
     test::StandIn::Program& client() { return mac.processes[peer.pid]; }
 
     void giveEverybodyADeveloperID() {
-        client().meets = {base, strict};
-        mac.self.meets = {developerID};
+        client().meets = {baseRequirement, strictRequirement};
+        mac.self.meets = {developerIDRequirement};
     }
 
     /// What a helper says that has just started.
@@ -175,16 +167,16 @@ TEST_F(MacAdmissionTest, RejectsAProcessThatHasEnded) {
 }
 
 TEST_F(MacAdmissionTest, RejectsADevelopmentSignedClientOfADeveloperIDSignedHelper) {
-    mac.self.meets = {developerID};
+    mac.self.meets = {developerIDRequirement};
 
     EXPECT_FALSE(isAllowed());
 }
 
 TEST_F(MacAdmissionTest, AttachesTheRequirementOfItsOwnKindOfSignature) {
-    EXPECT_EQ(requirement(), base);
+    EXPECT_EQ(requirement(), baseRequirement);
 
     giveEverybodyADeveloperID();
-    EXPECT_EQ(requirement(), strict);
+    EXPECT_EQ(requirement(), strictRequirement);
 }
 
 TEST_F(MacAdmissionTest, AttachesTheBaseRequirementWhenItsOwnSignatureCannotBeChecked) {
@@ -197,7 +189,7 @@ TEST_F(MacAdmissionTest, AttachesTheBaseRequirementWhenItsOwnSignatureCannotBeCh
         mac.failsQuietly = quietly;
         for (std::size_t call = 0; call < count; ++call) {
             mac.failingCall = call;
-            EXPECT_EQ(requirement(), base) << mac.calls.back();
+            EXPECT_EQ(requirement(), baseRequirement) << mac.calls.back();
         }
     }
 }

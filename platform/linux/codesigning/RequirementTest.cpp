@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/AdmissionRequirements.h"
+
 namespace tarnvale::platform {
 namespace {
 
@@ -30,21 +32,14 @@ bool isRequirement(const std::string& text) {
 }
 
 TEST(RequirementTest, HoldsTheHelpersOwnTexts) {
-    const std::string base =
-        R"(anchor apple generic and (identifier "com.brackwen.tarnvale" or identifier )"
-        R"("com.brackwen.tarnvale.service") and certificate leaf[subject.OU] = "K7PD2QM4TZ")";
-    const std::string strict =
-        base +
-        " and certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
-        "leaf[field.1.2.840.113635.100.6.1.13] exists";
     CodeFacts developerID = client();
     developerID.chain[0].extensions.emplace_back("1.2.840.113635.100.6.1.13");
     developerID.chain[1].extensions.emplace_back("1.2.840.113635.100.6.2.6");
 
-    EXPECT_TRUE(holds(base));
-    EXPECT_FALSE(holds(strict));
-    EXPECT_TRUE(holds(base, developerID));
-    EXPECT_TRUE(holds(strict, developerID));
+    EXPECT_TRUE(holds(test::baseRequirement));
+    EXPECT_FALSE(holds(test::strictRequirement));
+    EXPECT_TRUE(holds(test::baseRequirement, developerID));
+    EXPECT_TRUE(holds(test::strictRequirement, developerID));
 }
 
 TEST(RequirementTest, AsksForEachFact) {

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 
+#include "support/Decimal.h"
+
 namespace tarnvale::platform {
 namespace {
 
-/// The only kind of certificate number there is use for: one or two digits.
-constexpr std::size_t longestNumber = 2;
+/// Beyond every chain: a message carries 16 certificates at most.
+constexpr std::size_t maxCertificateNumber = 99;
 
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
@@ -148,7 +150,7 @@ private:
         if (token_ != "not" && token_ != "!" && token_ != "(") {
             return condition();
         }
-        if (++depth_ > deepest) {
+        if (++depth_ > maxDepth) {
             throw Malformed{};
         }
         Node node = take("(") ? parenthesised() : negated();
@@ -198,17 +200,16 @@ private:
     }
 
     std::size_t certificateNumber() {
-        std::size_t number = 0;
-        if (token_ != "leaf") {
-            if (!isPlainNumber(token_) || token_.size() > longestNumber) {
-                throw Malformed{};
-            }
-            for (const char digit : token_) {
-                number = number * 10 + static_cast<std::size_t>(digit - '0');
-            }
+        if (take("leaf")) {
+            return 0;
+        }
+        const auto number = support::parseNumber<std::size_t>(
+            token_, maxCertificateNumber, support::LeadingZeros::refused);
+        if (!number) {
+            throw Malformed{};
         }
         advance();
-        return number;
+        return *number;
     }
 
     /// The object identifier of a field; nothing for the subject's unit.

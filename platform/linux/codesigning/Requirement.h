@@ -37,7 +37,7 @@ struct CodeFacts {
 class Requirement {
 public:
     /// How deeply parentheses and negations may be nested.
-    static constexpr int deepest = 32;
+    static constexpr int maxDepth = 32;
 
     /// Nothing for a text that isn't a requirement. Those are texts of our own, so that nobody asks
     /// where one goes wrong.

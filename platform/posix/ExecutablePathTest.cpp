@@ -19,7 +19,7 @@ using testing::EndsWith;
 TEST(ExecutablePathTest, IsThatOfTheRunningFile) {
     rememberFirstArgument("/somewhere/else");
 
-    EXPECT_THAT(executablePath(), EndsWith("/platform_test"));
+    EXPECT_THAT(executablePath(), EndsWith("/posix_test"));
     EXPECT_TRUE(fs::exists(executablePath()));
 }
 

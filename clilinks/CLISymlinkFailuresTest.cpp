@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include "clilinks/CLISymlinkFixture.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/Program.h"
 
@@ -32,6 +33,9 @@ namespace tarnvale::HelperCLISymlink {
 namespace {
 
 namespace fs = std::filesystem;
+using test::logMessages;
+using test::modeOf;
+using test::put;
 using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
@@ -158,13 +162,13 @@ TEST_F(CLISymlinkFailuresTest, TellsWhyALinkCannotBeMade) {
         perform("install", {"symlinkat", "/usr/local/bin", 1, "ENOSPC"}),
         "Could not link /usr/local/bin/tarnvale: No space left on device.");
     EXPECT_THAT(linked(), IsEmpty());
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 
     EXPECT_EQ(
         perform("install", {"symlinkat", "/usr/local/bin", 2, "EDQUOT"}),
         "Could not link /usr/local/bin/tvx: Disk quota exceeded.");
     EXPECT_THAT(linked(), UnorderedElementsAre(Pair("tarnvale", std::string("-> ") + tool)));
-    EXPECT_THAT(logged(), ElementsAre(linkedLine("tarnvale")));
+    EXPECT_THAT(logMessages(), ElementsAre(linkedLine("tarnvale")));
 }
 
 TEST_F(CLISymlinkFailuresTest, TellsOfADiskThatIsFullAfterTheFirstLink) {
@@ -200,7 +204,8 @@ TEST_F(CLISymlinkFailuresTest, TellsOfACurrentLinkThatCannotBeRemoved) {
     EXPECT_EQ(
         perform("remove", {"unlinkat", "/usr/local/bin", 1, "EPERM"}),
         "Could not remove /usr/local/bin/tarnvale.");
-    EXPECT_THAT(logged(), ElementsAre("Removed /usr/local/bin/tvx.", "Removed /usr/local/bin/tx."));
+    EXPECT_THAT(
+        logMessages(), ElementsAre("Removed /usr/local/bin/tvx.", "Removed /usr/local/bin/tx."));
 
     link("tvx", tool);
     EXPECT_EQ(
@@ -227,7 +232,7 @@ TEST_F(CLISymlinkFailuresTest, TellsOfACurrentLinkThatCannotBeReadAndStays) {
         perform("remove", {"readlinkat", "/usr/local/bin", 1, "EIO"}),
         "Could not remove /usr/local/bin/tarnvale.");
 
-    EXPECT_THAT(logged(), ElementsAre("Removed /usr/local/bin/tvx."));
+    EXPECT_THAT(logMessages(), ElementsAre("Removed /usr/local/bin/tvx."));
 }
 
 TEST_F(CLISymlinkFailuresTest, LinksOnADiskThatCannotBeSynchronized) {
@@ -291,7 +296,7 @@ protected:
         link("tvx", anotherTool);
         link("tx", anotherTool);
         link("txr", "/opt/txr");
-        writeFile("/usr/local/bin/other", "");
+        put("/usr/local/bin/other", "");
     }
 
     static void run(const char* operation) {
@@ -364,7 +369,7 @@ TEST_F(CLISymlinkFailuresTest, TouchesNothingBehindALinkThatComesAndGoes) {
     fs::create_symlink("/opt/outside", "/usr/local/swapped");
     const Entries outside = entriesOf("/opt/outside");
     const auto changed = fs::last_write_time("/opt/outside");
-    writeFile("/run/race", "");
+    put("/run/race", "");
 
     test::Program racer({helper, "descriptors", "race", "descriptors"});
     while (!fs::exists("/run/racing")) {
@@ -405,7 +410,7 @@ TEST_F(CLISymlinkFailuresTest, LeavesNoDescriptorOpenAfterAnError) {
     auto [before, after] = descriptorsAround({"install", "remove", "remove"});
     EXPECT_EQ(after, before);
 
-    writeFile("/usr/local/bin/tvx", "");
+    put("/usr/local/bin/tvx", "");
     std::tie(before, after) = descriptorsAround({"install", "install"});
     EXPECT_EQ(after, before);
 

@@ -4,13 +4,13 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 
@@ -18,8 +18,6 @@ namespace tarnvale::HelperCLISymlink {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* logFile = "/var/log/tarnvale-adminhelper.log";
 
 void require(int result, const std::string& step) {
     if (result != 0) {
@@ -65,17 +63,8 @@ void link(const std::string& name, const std::string& target) {
     fs::create_symlink(target, "/usr/local/bin/" + name);
 }
 
-std::vector<std::string> logged() {
-    std::vector<std::string> lines;
-    std::ifstream log(logFile);
-    for (std::string line; std::getline(log, line);) {
-        lines.push_back(line.substr(line.find(' ') + 1));
-    }
-    return lines;
-}
-
 void clearLog() {
-    fs::remove(logFile);
+    fs::remove(test::logPath);
 }
 
 std::string install(const std::string& program) {
@@ -97,12 +86,8 @@ std::string outputOf(const std::vector<std::string>& arguments) {
 void placePrograms(const std::string& folder) {
     fs::create_directories(folder);
     fs::copy_file(TARNVALE_BIN_DIR "/clilinks_driver", folder + "/TarnvaleAdminHelper");
-    writeFile(folder + "/tarnvale", "#!/bin/sh\n");
+    test::put(folder + "/tarnvale", "#!/bin/sh\n");
     setMode(folder + "/tarnvale", 0755);
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream(path) << text;
 }
 
 void setMode(const std::string& path, mode_t mode) {
@@ -113,20 +98,14 @@ void setOwner(const std::string& path, uid_t owner, gid_t group) {
     require(::lchown(path.c_str(), owner, group), path);
 }
 
-mode_t modeOf(const std::string& path) {
-    struct stat status {};
-    require(::lstat(path.c_str(), &status), path);
-    return status.st_mode & 07777;
-}
-
 void CLISymlinkFixture::SetUp() {
     if (!test::isRealRoot()) {
         GTEST_SKIP() << "files of several owners need real root";
     }
     ::umask(022);
-    writeFile(
+    test::put(
         "/etc/passwd", "root:x:0:0::/:/bin/sh\nada:x:501:20::/:/bin/sh\nbob:x:502:20::/:/bin/sh\n");
-    writeFile("/etc/group", "wheel:x:0:\nstaff:x:20:\nadmin:x:80:root,ada\n");
+    test::put("/etc/group", "wheel:x:0:\nstaff:x:20:\nadmin:x:80:root,ada\n");
     clearLog();
     placePrograms(fs::path(helper).parent_path());
     require(::mount("local", "/usr/local", "tmpfs", 0, "mode=0755"), "mount /usr/local");

@@ -54,8 +54,6 @@ Entries bothLinks();
 /// Makes a link in /usr/local/bin.
 void link(const std::string& name, const std::string& target);
 
-/// The log's lines without their timestamps.
-std::vector<std::string> logged();
 void clearLog();
 
 /// What a helper at that path prints: nothing, or the error's sentence.
@@ -68,10 +66,8 @@ std::string outputOf(const std::vector<std::string>& arguments);
 /// Puts the application's two programs, the helper and the tool, into a folder, as root's.
 void placePrograms(const std::string& folder);
 
-void writeFile(const std::string& path, const std::string& text);
 void setMode(const std::string& path, mode_t mode);
 void setOwner(const std::string& path, uid_t owner, gid_t group = staff);
-mode_t modeOf(const std::string& path);
 
 class CLISymlinkFixture : public testing::Test {
 protected:

@@ -12,11 +12,14 @@
 #include <sys/stat.h>
 
 #include "clilinks/CLISymlinkFixture.h"
+#include "tests/support/HelperFiles.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
 
 namespace fs = std::filesystem;
+using test::logMessages;
+using test::put;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -28,7 +31,7 @@ TEST_F(CLISymlinkTest, LinksBothNamesToTheToolBesideTheHelper) {
     EXPECT_EQ(install(), "");
 
     EXPECT_EQ(linked(), bothLinks());
-    EXPECT_THAT(logged(), ElementsAre(linkedLine("tarnvale"), linkedLine("tvx")));
+    EXPECT_THAT(logMessages(), ElementsAre(linkedLine("tarnvale"), linkedLine("tvx")));
 }
 
 TEST_F(CLISymlinkTest, LinksAgainWhatIsLinked) {
@@ -37,7 +40,7 @@ TEST_F(CLISymlinkTest, LinksAgainWhatIsLinked) {
 
     EXPECT_EQ(linked(), bothLinks());
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             linkedLine("tarnvale"), linkedLine("tvx"), linkedLine("tarnvale"), linkedLine("tvx")));
 }
@@ -53,7 +56,7 @@ TEST_F(CLISymlinkTest, RemovesAllFourLinks) {
 
     EXPECT_THAT(linked(), UnorderedElementsAre(Pair("other", std::string("-> ") + tool)));
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             "Removed /usr/local/bin/tarnvale.",
             "Removed /usr/local/bin/tvx.",
@@ -64,7 +67,7 @@ TEST_F(CLISymlinkTest, RemovesAllFourLinks) {
 TEST_F(CLISymlinkTest, RemovesNothingFromAnEmptyFolder) {
     EXPECT_EQ(remove(), "");
     EXPECT_THAT(linked(), IsEmpty());
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(CLISymlinkTest, ReplacesLinksToOtherCopies) {
@@ -122,7 +125,7 @@ TEST_F(CLISymlinkTest, CleansUpLegacyLinksOnInstall) {
 
     EXPECT_EQ(linked(), bothLinks());
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             linkedLine("tarnvale"),
             linkedLine("tvx"),
@@ -135,16 +138,16 @@ TEST_F(CLISymlinkTest, LeavesALegacyLinkOfAnotherPackageAlone) {
         "Left /usr/local/bin/txr alone: it points at ../Cellar/txr/292/bin/txr, not a Tarnvale "
         "bundle.";
     link("txr", "../Cellar/txr/292/bin/txr");
-    writeFile("/usr/local/bin/tx", "a program of somebody else");
+    put("/usr/local/bin/tx", "a program of somebody else");
 
     EXPECT_EQ(install(), "");
-    EXPECT_THAT(logged(), ElementsAre(linkedLine("tarnvale"), linkedLine("tvx"), left));
+    EXPECT_THAT(logMessages(), ElementsAre(linkedLine("tarnvale"), linkedLine("tvx"), left));
 
     EXPECT_EQ(remove(), "");
     EXPECT_THAT(
         linked(),
         UnorderedElementsAre(Pair("tx", "file"), Pair("txr", "-> ../Cellar/txr/292/bin/txr")));
-    EXPECT_THAT(logged().back(), left);
+    EXPECT_THAT(logMessages().back(), left);
 }
 
 TEST_F(CLISymlinkTest, LeavesForeignThingsAtTheCurrentNamesAloneOnRemove) {
@@ -157,7 +160,7 @@ TEST_F(CLISymlinkTest, LeavesForeignThingsAtTheCurrentNamesAloneOnRemove) {
         linked(),
         UnorderedElementsAre(Pair("tarnvale", "-> /opt/other/tarnvale"), Pair("tvx", "folder")));
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             "Left /usr/local/bin/tarnvale alone: it points at /opt/other/tarnvale, not a Tarnvale "
             "bundle."));
@@ -175,11 +178,11 @@ TEST_F(CLISymlinkTest, RefusesToReplaceAnythingForeign) {
     fs::remove("/usr/local/bin/tarnvale");
     ASSERT_EQ(::mkfifo("/usr/local/bin/tarnvale", 0644), 0);
     EXPECT_EQ(install(), tarnvaleIsForeign);
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(CLISymlinkTest, KeepsTheFirstLinkWhenTheSecondNameIsTaken) {
-    writeFile("/usr/local/bin/tvx", "somebody's own");
+    put("/usr/local/bin/tvx", "somebody's own");
     link("tx", tool);
 
     EXPECT_EQ(
@@ -193,7 +196,7 @@ TEST_F(CLISymlinkTest, KeepsTheFirstLinkWhenTheSecondNameIsTaken) {
             Pair("tarnvale", std::string("-> ") + tool),
             Pair("tvx", "file"),
             Pair("tx", std::string("-> ") + tool)));
-    EXPECT_THAT(logged(), ElementsAre(linkedLine("tarnvale")));
+    EXPECT_THAT(logMessages(), ElementsAre(linkedLine("tarnvale")));
 }
 
 TEST_F(CLISymlinkTest, ReadsTheFirst1024BytesOfATarget) {
@@ -208,7 +211,7 @@ TEST_F(CLISymlinkTest, ReadsTheFirst1024BytesOfATarget) {
 
     EXPECT_THAT(linked(), UnorderedElementsAre(Pair("tx", "-> /" + target)));
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             "Removed /usr/local/bin/tarnvale.",
             "Removed /usr/local/bin/tvx.",
@@ -223,7 +226,7 @@ TEST_F(CLISymlinkTest, RepairsATargetThatIsNotUtf8) {
     EXPECT_EQ(remove(), "");
 
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             "Left /usr/local/bin/tx alone: it points at /opt/b\uFFFDro, not a Tarnvale bundle.",
             "Left /usr/local/bin/txr alone: it points at " + std::string(1023, 'x') +

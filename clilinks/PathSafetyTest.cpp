@@ -12,11 +12,15 @@
 #include <sys/stat.h>
 
 #include "clilinks/CLISymlinkFixture.h"
+#include "tests/support/HelperFiles.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
 
 namespace fs = std::filesystem;
+using test::logMessages;
+using test::modeOf;
+using test::put;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -40,7 +44,7 @@ TEST_F(PathSafetyTest, HasNothingToRemoveWithoutUsrLocal) {
     EXPECT_EQ(remove(), "");
 
     EXPECT_FALSE(fs::exists("/usr/local"));
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(PathSafetyTest, HasNothingToRemoveWithoutBin) {
@@ -87,7 +91,7 @@ TEST_F(PathSafetyTest, RefusesABinThatIsNoRealFolder) {
     EXPECT_FALSE(fs::exists("/opt/missing"));
 
     fs::remove("/usr/local/bin");
-    writeFile("/usr/local/bin", "");
+    put("/usr/local/bin", "");
     EXPECT_EQ(install(), binIsNoFolder);
     EXPECT_EQ(remove(), binIsNoFolder);
 }
@@ -181,7 +185,7 @@ TEST_F(PathSafetyTest, RefusesACopyInAUsersDownloads) {
             Pair("tvx", std::string("-> ") + tool),
             Pair("tx", "-> " + downloads + "tarnvale"),
             Pair("txr", "-> /opt/other")));
-    EXPECT_THAT(logged(), ElementsAre("Removed /usr/local/bin/tarnvale."));
+    EXPECT_THAT(logMessages(), ElementsAre("Removed /usr/local/bin/tarnvale."));
 }
 
 TEST_F(PathSafetyTest, NamesTheFirstUnsafePathFromTheToolUpwards) {

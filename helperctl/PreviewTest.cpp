@@ -9,11 +9,13 @@
 #include <gtest/gtest.h>
 
 #include "firewall/policy/HelperError.h"
+#include "tests/support/PolicyText.h"
 
 namespace tarnvale::helperctl {
 namespace {
 
 using NetworkFirewall::HostAddress;
+using test::policyText;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Optional;
@@ -21,29 +23,18 @@ using testing::ThrowsMessage;
 
 constexpr uid_t ada = 501;
 
-std::string rule(const std::string& ports, const std::string& enabled = "true") {
-    return R"({"id": "6F0C2A51-8E0B-4C55-9C39-0D5B4C7E6411", "enabled": )" + enabled +
-           R"(, "direction": "inbound", "action": "allow", "proto": "tcp", "remoteCIDR": "any",)"
-           R"( "ports": ")" +
-           ports + "\"}";
+/// A network that is called by its number.
+test::NetworkText network(
+    int number, const std::string& subnet, const std::vector<test::RuleText>& rules = {}) {
+    return {
+        .number = number,
+        .name = "net " + std::to_string(number),
+        .subnetCIDR = subnet,
+        .rules = rules};
 }
 
-/// A network that is called by the last digit of its ID.
-std::string network(
-    char digit,
-    const std::string& subnet,
-    const std::string& rules = "",
-    const std::string& enabled = "true") {
-    return std::string(R"({"networkID": "00000000-0000-0000-0000-00000000000)") + digit +
-           R"(", "name": "net )" + digit + R"(", "subnetCIDR": ")" + subnet +
-           R"(", "dnsProxyEnabled": false, "policy": {"enabled": )" + enabled +
-           R"(, "defaultInbound": "deny", "defaultOutbound": "allow", "rules": [)" + rules + "]}}";
-}
-
-support::Uuid idOf(char digit) {
-    support::Uuid id;
-    id.bytes.back() = static_cast<std::uint8_t>(digit - '0');
-    return id;
+support::Uuid idOf(int number) {
+    return support::Uuid::parse(test::networkID(number)).value();
 }
 
 /// The ruleset without its first line, which says when it was made.
@@ -64,7 +55,7 @@ std::string plainRules(const std::string& name, const std::string& subnet) {
 }
 
 TEST(PreviewTest, ShowsWhatWouldBeEnforced) {
-    const auto outcome = preview("[" + network('1', "192.168.64.9/24") + "]", {}, ada);
+    const auto outcome = preview(policyText({network(1, "192.168.64.9/24")}), {}, ada);
 
     EXPECT_EQ(outcome.status, done);
     EXPECT_EQ(outcome.answer.summary, "Enforcing 1 network: net 1");
@@ -76,8 +67,9 @@ TEST(PreviewTest, ShowsWhatWouldBeEnforced) {
 }
 
 TEST(PreviewTest, ShowsThatNothingWouldBeEnforced) {
-    for (const auto& list :
-         {std::string("[]"), "[" + network('1', "192.168.64.0/24", "", "false") + "]"}) {
+    auto off = network(1, "192.168.64.0/24");
+    off.enabled = false;
+    for (const auto& list : {policyText({}), policyText({off})}) {
         const auto outcome = preview(list, {}, ada);
 
         EXPECT_EQ(outcome.status, done);
@@ -91,8 +83,10 @@ TEST(PreviewTest, ShowsRefusedNetworksAndWouldFail) {
         {.interface = "en0", .bytes = {192, 168, 65, 7}, .prefixLength = 24}};
 
     const auto outcome = preview(
-        "[" + network('1', "10.0.0.0/24") + "," + network('2', "192.168.64.0/24") + "," +
-            network('3', "192.168.65.0/24") + "]",
+        policyText(
+            {network(1, "10.0.0.0/24"),
+             network(2, "192.168.64.0/24"),
+             network(3, "192.168.65.0/24")}),
         hosts,
         ada);
 
@@ -102,7 +96,7 @@ TEST(PreviewTest, ShowsRefusedNetworksAndWouldFail) {
         outcome.answer.refused,
         Optional(ElementsAre(
             RefusedNetwork{
-                .networkID = idOf('1'),
+                .networkID = idOf(1),
                 .name = "net 1",
                 .problem =
                     "the subnet \"10.0.0.0/24\" isn't one macOS gives a virtual network (a /24 "
@@ -110,7 +104,7 @@ TEST(PreviewTest, ShowsRefusedNetworksAndWouldFail) {
                     "as 192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be keyed on "
                     "it."},
             RefusedNetwork{
-                .networkID = idOf('3'),
+                .networkID = idOf(3),
                 .name = "net 3",
                 .problem = "192.168.65.0/24 overlaps en0 (192.168.65.7), one of this Mac's own "
                            "networks; rules there would cut the Mac off from it."})));
@@ -119,11 +113,13 @@ TEST(PreviewTest, ShowsRefusedNetworksAndWouldFail) {
 
 TEST(PreviewTest, ShowsSkippedRulesNetworkByNetwork) {
     const auto outcome = preview(
-        "[" +
-            network(
-                '1', "192.168.64.0/24", rule("0") + "," + rule("x", "false") + "," + rule("y")) +
-            "," + network('2', "192.168.65.0/24", rule("22")) + "," +
-            network('3', "192.168.66.0/24", rule("z")) + "]",
+        policyText(
+            {network(
+                 1,
+                 "192.168.64.0/24",
+                 {{.ports = "0"}, {.ports = "x", .enabled = false}, {.ports = "y"}}),
+             network(2, "192.168.65.0/24", {{.ports = "22"}}),
+             network(3, "192.168.66.0/24", {{.ports = "z"}})}),
         {},
         ada);
 
@@ -132,7 +128,7 @@ TEST(PreviewTest, ShowsSkippedRulesNetworkByNetwork) {
         outcome.answer.summary, "Enforcing 3 networks: net 1, net 2, net 3 · 3 rules skipped");
     ASSERT_EQ(outcome.answer.skippedRules.value().size(), 2U);
     const auto& first = outcome.answer.skippedRules->at(0);
-    EXPECT_EQ(first.networkID, idOf('1'));
+    EXPECT_EQ(first.networkID, idOf(1));
     EXPECT_EQ(first.name, "net 1");
     ASSERT_EQ(first.rules.size(), 2U);
     EXPECT_EQ(first.rules[0].number, 1);
@@ -144,9 +140,7 @@ TEST(PreviewTest, ShowsSkippedRulesNetworkByNetwork) {
 
 TEST(PreviewTest, ShowsNetworksThatOneOfTheSameSubnetLeavesOut) {
     const auto outcome = preview(
-        "[" + network('1', "192.168.64.0/24") + "," + network('2', "192.168.64.9/24") + "]",
-        {},
-        ada);
+        policyText({network(1, "192.168.64.0/24"), network(2, "192.168.64.9/24")}), {}, ada);
 
     EXPECT_EQ(outcome.status, done);
     EXPECT_EQ(outcome.answer.summary, "Enforcing 2 networks: net 1, net 2");

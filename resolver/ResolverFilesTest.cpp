@@ -3,8 +3,6 @@
 #include "resolver/ResolverFiles.h"
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -17,6 +15,7 @@
 #include <sys/stat.h>
 
 #include "support/Files.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
 
 namespace tarnvale::HelperResolver {
@@ -24,6 +23,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using support::FileError;
+using test::contentOf;
+using test::logMessages;
+using test::logPath;
+using test::modeOf;
+using test::put;
 using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
@@ -34,7 +38,6 @@ using testing::UnorderedElementsAre;
 
 constexpr const char* tvx = "/etc/resolver/tvx";
 constexpr const char* tarnvale = "/etc/resolver/tarnvale";
-constexpr const char* logFile = "/var/log/tarnvale-adminhelper.log";
 
 constexpr const char* tvxText =
     "# Installed by Tarnvale: <vm>.tvx names resolve to its VMs.\n"
@@ -54,11 +57,6 @@ constexpr const char* foreignText = "nameserver 10.0.0.1\n";
 
 using Files = std::map<std::string, std::string>;
 
-std::string contentOf(const fs::path& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /// Name and content of everything in /etc/resolver.
 Files files() {
     Files found;
@@ -73,31 +71,11 @@ const Files& installedFiles() {
     return installed;
 }
 
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream(path) << text;
-}
-
-mode_t modeOf(const std::string& path) {
-    struct stat status {};
-    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
-}
-
-/// The log's lines without their timestamps.
-std::vector<std::string> logged() {
-    std::vector<std::string> lines;
-    std::ifstream log(logFile);
-    for (std::string line; std::getline(log, line);) {
-        lines.push_back(line.substr(line.find(' ') + 1));
-    }
-    return lines;
-}
-
 class ResolverFilesTest : public testing::Test {
 protected:
     ResolverFilesTest() {
         ::umask(022);
-        fs::remove(logFile);
+        fs::remove(logPath);
         fs::remove_all("/etc/resolver");
         fs::create_directory("/etc/resolver");
     }
@@ -114,31 +92,33 @@ TEST_F(ResolverFilesTest, InstallsBothFiles) {
     EXPECT_EQ(modeOf(tvx), 0644);
     EXPECT_EQ(modeOf(tarnvale), 0644);
     EXPECT_THAT(
-        logged(), ElementsAre("Installed /etc/resolver/tvx.", "Installed /etc/resolver/tarnvale."));
+        logMessages(),
+        ElementsAre("Installed /etc/resolver/tvx.", "Installed /etc/resolver/tarnvale."));
 }
 
 TEST_F(ResolverFilesTest, WritesNothingTwice) {
     installResolverFiles();
-    fs::remove(logFile);
+    fs::remove(logPath);
     const auto written = fs::last_write_time("/etc/resolver");
     ASSERT_EQ(::chmod(tvx, 0600), 0);
 
     installResolverFiles();
 
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
     EXPECT_EQ(fs::last_write_time("/etc/resolver"), written);
     EXPECT_EQ(modeOf(tvx), 0600);
 }
 
 TEST_F(ResolverFilesTest, RemovesBothFilesAndKeepsTheFolder) {
     installResolverFiles();
-    fs::remove(logFile);
+    fs::remove(logPath);
 
     removeResolverFiles();
 
     EXPECT_THAT(files(), IsEmpty());
     EXPECT_THAT(
-        logged(), ElementsAre("Removed /etc/resolver/tvx.", "Removed /etc/resolver/tarnvale."));
+        logMessages(),
+        ElementsAre("Removed /etc/resolver/tvx.", "Removed /etc/resolver/tarnvale."));
 }
 
 TEST_F(ResolverFilesTest, HasNothingToRemoveWhereNothingIs) {
@@ -148,7 +128,7 @@ TEST_F(ResolverFilesTest, HasNothingToRemoveWhereNothingIs) {
     fs::remove("/etc/resolver");
     removeResolverFiles();
     EXPECT_FALSE(fs::exists("/etc/resolver"));
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(ResolverFilesTest, GivesFilesAndFolderTheirModesWhateverTheUmask) {
@@ -176,24 +156,24 @@ TEST_F(ResolverFilesTest, KeepsTheModeOfAFolderThatIsThere) {
 }
 
 TEST_F(ResolverFilesTest, LeavesAForeignFileAlone) {
-    writeFile(tarnvale, foreignText);
+    put(tarnvale, foreignText);
 
     installResolverFiles();
     EXPECT_EQ(files(), (Files{{"tarnvale", foreignText}, {"tvx", tvxText}}));
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             "Installed /etc/resolver/tvx.",
             "Left /etc/resolver/tarnvale alone: it wasn't installed by Tarnvale."));
 
-    fs::remove(logFile);
+    fs::remove(logPath);
     removeResolverFiles();
     EXPECT_EQ(files(), (Files{{"tarnvale", foreignText}}));
-    EXPECT_THAT(logged(), ElementsAre("Removed /etc/resolver/tvx."));
+    EXPECT_THAT(logMessages(), ElementsAre("Removed /etc/resolver/tvx."));
 }
 
 TEST_F(ResolverFilesTest, ReplacesAnOutdatedFileOfItsOwn) {
-    writeFile(tvx, outdatedText);
+    put(tvx, outdatedText);
     ASSERT_EQ(::chmod(tvx, 0600), 0);
 
     installResolverFiles();
@@ -201,7 +181,8 @@ TEST_F(ResolverFilesTest, ReplacesAnOutdatedFileOfItsOwn) {
     EXPECT_EQ(files(), installedFiles());
     EXPECT_EQ(modeOf(tvx), 0644);
     EXPECT_THAT(
-        logged(), ElementsAre("Installed /etc/resolver/tvx.", "Installed /etc/resolver/tarnvale."));
+        logMessages(),
+        ElementsAre("Installed /etc/resolver/tvx.", "Installed /etc/resolver/tarnvale."));
 }
 
 TEST_F(ResolverFilesTest, KnowsItsFilesByTheMarkerAlone) {
@@ -218,11 +199,11 @@ TEST_F(ResolverFilesTest, KnowsItsFilesByTheMarkerAlone) {
     };
     for (const auto& [text, ours] : texts) {
         SCOPED_TRACE(text.substr(0, 40));
-        writeFile(tvx, text);
+        put(tvx, text);
         installResolverFiles();
         EXPECT_EQ(contentOf(tvx), ours ? tvxText : text);
 
-        writeFile(tvx, text);
+        put(tvx, text);
         removeResolverFiles();
         EXPECT_EQ(fs::exists(tvx), !ours);
     }
@@ -238,14 +219,14 @@ TEST_F(ResolverFilesTest, LeavesWhatIsNoReadableFileAlone) {
     EXPECT_TRUE(fs::is_directory(tvx));
     EXPECT_TRUE(fs::is_fifo(tarnvale));
     EXPECT_THAT(
-        logged(),
+        logMessages(),
         ElementsAre(
             "Left /etc/resolver/tvx alone: it wasn't installed by Tarnvale.",
             "Left /etc/resolver/tarnvale alone: it wasn't installed by Tarnvale."));
 }
 
 TEST_F(ResolverFilesTest, LeavesALinkToNothingOrToAForeignFileAlone) {
-    writeFile("/etc/foreign", foreignText);
+    put("/etc/foreign", foreignText);
     fs::create_symlink("/etc/missing", tvx);
     fs::create_symlink("/etc/foreign", tarnvale);
 
@@ -259,7 +240,7 @@ TEST_F(ResolverFilesTest, LeavesALinkToNothingOrToAForeignFileAlone) {
 }
 
 TEST_F(ResolverFilesTest, NeverWritesThroughALink) {
-    writeFile("/etc/moved", outdatedText);
+    put("/etc/moved", outdatedText);
     fs::create_symlink("/etc/moved", tvx);
     installResolverFiles();
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(tvx)));
@@ -275,7 +256,7 @@ TEST_F(ResolverFilesTest, NeverWritesThroughALink) {
 
 TEST_F(ResolverFilesTest, TellsOfAFileInTheFoldersPlace) {
     fs::remove("/etc/resolver");
-    writeFile("/etc/resolver", "");
+    put("/etc/resolver", "");
 
     EXPECT_THAT(
         installResolverFiles,
@@ -283,7 +264,7 @@ TEST_F(ResolverFilesTest, TellsOfAFileInTheFoldersPlace) {
     removeResolverFiles();
 
     EXPECT_TRUE(fs::is_regular_file("/etc/resolver"));
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(ResolverFilesTest, TellsOfAFolderThatCannotBeMade) {
@@ -311,27 +292,27 @@ TEST_F(ResolverFilesTest, KeepsTheFirstFileWhenTheDiskIsFullAtTheSecond) {
                 "space."));
 
         EXPECT_EQ(files(), (Files{{"tvx", tvxText}}));
-        EXPECT_THAT(logged(), ElementsAre("Installed /etc/resolver/tvx."));
-        fs::remove(logFile);
+        EXPECT_THAT(logMessages(), ElementsAre("Installed /etc/resolver/tvx."));
+        fs::remove(logPath);
         ASSERT_EQ(::umount("/etc/resolver"), 0);
     }
 }
 
 TEST_F(ResolverFilesTest, KeepsAnOutdatedFileWhenTheDiskIsFull) {
     ASSERT_EQ(::mount("full", "/etc/resolver", "tmpfs", 0, "size=4k"), 0);
-    writeFile(tvx, outdatedText);
+    put(tvx, outdatedText);
 
     EXPECT_THROW(installResolverFiles(), FileError);
 
     EXPECT_EQ(files(), (Files{{"tvx", outdatedText}}));
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(ResolverFilesTest, TellsOfADiskThatCannotBeWritten) {
     ASSERT_EQ(::mount("disk", "/etc/resolver", "tmpfs", 0, nullptr), 0);
     installResolverFiles();
-    fs::remove(logFile);
-    writeFile(tarnvale, outdatedText);
+    fs::remove(logPath);
+    put(tarnvale, outdatedText);
     ASSERT_EQ(::mount(nullptr, "/etc/resolver", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
 
     EXPECT_THAT(
@@ -341,19 +322,19 @@ TEST_F(ResolverFilesTest, TellsOfADiskThatCannotBeWritten) {
     EXPECT_THAT(removeResolverFiles, ThrowsMessage<FileError>("“tvx” couldn’t be removed."));
 
     EXPECT_EQ(files(), (Files{{"tvx", tvxText}, {"tarnvale", outdatedText}}));
-    EXPECT_THAT(logged(), IsEmpty());
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(ResolverFilesTest, StopsAtAFileThatCannotBeRemoved) {
     installResolverFiles();
-    fs::remove(logFile);
+    fs::remove(logPath);
     // A file that something is mounted on is in use.
     ASSERT_EQ(::mount(tarnvale, tarnvale, nullptr, MS_BIND, nullptr), 0);
 
     EXPECT_THAT(removeResolverFiles, ThrowsMessage<FileError>("“tarnvale” couldn’t be removed."));
 
     EXPECT_EQ(files(), (Files{{"tarnvale", tarnvaleText}}));
-    EXPECT_THAT(logged(), ElementsAre("Removed /etc/resolver/tvx."));
+    EXPECT_THAT(logMessages(), ElementsAre("Removed /etc/resolver/tvx."));
 }
 
 /// What a kill may leave of an operation: each file absent, old or new, whole and with its mode,
@@ -377,7 +358,7 @@ TEST_F(ResolverFilesTest, LeavesWholeFilesWhenKilledDuringInstall) {
         [] {
             fs::remove_all("/etc/resolver");
             fs::create_directory("/etc/resolver");
-            writeFile(tvx, outdatedText);
+            put(tvx, outdatedText);
             ASSERT_EQ(::chmod(tvx, 0644), 0);
         },
         [] {

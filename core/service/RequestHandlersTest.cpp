@@ -23,6 +23,7 @@
 #include "tests/support/FakeTransport.h"
 #include "tests/support/FakeUsers.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/ScriptedPfctl.h"
 
 namespace tarnvale {
@@ -214,10 +215,7 @@ TEST_F(RequestHandlersTest, AppliesTheCallersOwnList) {
     transport.caller = administrator;
 
     EXPECT_EQ(
-        handlers.applyFirewallWithPolicyData(
-            R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",)"
-            R"("subnetCIDR":"192.168.64.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,)"
-            R"("defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}])"),
+        handlers.applyFirewallWithPolicyData(test::policyText({{.number = 64}})),
         (ResultReply{.result = "Enforcing 1 network: Lab", .error = std::nullopt}));
 
     const auto store = NetworkFirewall::decodeStore(contentOf(test::storePath));
@@ -236,12 +234,8 @@ TEST_F(RequestHandlersTest, AFailedApplyIsLoggedAndRepliedInTheSameWords) {
 }
 
 TEST_F(RequestHandlersTest, OnlyTheConsoleUserAdoptsTheLegacyNetworks) {
-    const std::string legacy =
-        R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Old",)"
-        R"("subnetCIDR":"192.168.64.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,)"
-        R"("defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}])";
     const auto keepsLegacyAfterRemovalBy = [&](uid_t caller) {
-        test::put(test::storePath, legacy);
+        test::put(test::storePath, test::policyText({{.number = 64}}));
         transport.caller = caller;
         handlers.removeFirewall();
         return exists(test::storePath);

@@ -23,12 +23,14 @@
 #include "firewall/enforce/Operations.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/PolicyText.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
 
 namespace fs = std::filesystem;
 using test::exists;
+using test::policyText;
 using test::put;
 using testing::AnyOf;
 using testing::Eq;
@@ -38,14 +40,6 @@ constexpr const char* anchorPath = "/run/anchor";
 constexpr const char* pfConfPath = "/etc/pf.conf";
 constexpr const char* oldPfConf = "anchor \"com.tarnvale.firewall\"\nset skip on lo0\n";
 constexpr const char* newPfConf = "set skip on lo0\n";
-
-/// A list of one network.
-std::string listOf(const std::string& name, const std::string& subnet) {
-    return R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":")" + name +
-           R"(","subnetCIDR":")" + subnet +
-           R"(","dnsProxyEnabled":false,"policy":{"enabled":true,"defaultInbound":"deny",)"
-           R"("defaultOutbound":"allow","rules":[]}}])";
-}
 
 /// The file's content, times in it replaced by one word; nothing when it is missing.
 std::optional<std::string> contentAt(const std::string& path) {
@@ -185,32 +179,37 @@ private:
 
 TEST_F(CrashTest, AnApplyLeavesTheOldListOrTheNew) {
     killEverywhere(
-        [] { applyFirewall(listOf("Old", "192.168.64.0/24"), 501, true); },
-        [] { applyFirewall(listOf("New", "192.168.65.0/24"), 501, true); });
+        [] {
+            applyFirewall(policyText({{64, "Old"}}), 501, true);
+        },
+        [] {
+            applyFirewall(policyText({{65, "New"}}), 501, true);
+        });
 }
 
 TEST_F(CrashTest, AFirstApplyLeavesNothingOrTheNewList) {
-    killEverywhere([] {}, [] { applyFirewall(listOf("New", "192.168.64.0/24"), 501, true); });
+    killEverywhere([] {}, [] { applyFirewall(policyText({{64, "New"}}), 501, true); });
 }
 
 TEST_F(CrashTest, ARemovalLeavesBothUsersListsOrOne) {
     killEverywhere(
         [] {
-            applyFirewall(listOf("Mine", "192.168.64.0/24"), 501, false);
-            applyFirewall(listOf("Theirs", "192.168.65.0/24"), 502, false);
+            applyFirewall(policyText({{64, "Mine"}}), 501, false);
+            applyFirewall(policyText({{65, "Theirs"}}), 502, false);
         },
         [] { removeFirewall(501, false); });
 }
 
 TEST_F(CrashTest, TheLastRemovalLeavesTheListOrNothing) {
     killEverywhere(
-        [] { applyFirewall(listOf("Mine", "192.168.64.0/24"), 501, false); },
+        [] {
+            applyFirewall(policyText({{64, "Mine"}}), 501, false);
+        },
         [] { removeFirewall(501, false); });
 }
 
 TEST_F(CrashTest, AReapplyLeavesTheStoreAsItIs) {
-    killEverywhere(
-        [] { put(test::storePath, listOf("Stored", "192.168.64.0/24")); }, reapplyAtBoot);
+    killEverywhere([] { put(test::storePath, policyText({{64, "Stored"}})); }, reapplyAtBoot);
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ constexpr const char* cleanedUp = "Removed legacy anchor references from /etc/pf
 class LegacyCleanupTest : public testing::Test {
 protected:
     void TearDown() override {
-        EXPECT_THAT(pfctl.calls(), testing::Contains("-a com.tarnvale.firewall -F rules"));
+        EXPECT_THAT(pfctl.calls(), testing::Contains(test::pfctlCall::flushLegacy));
     }
 
     ScriptedPfctl pfctl;
@@ -47,7 +47,7 @@ TEST_F(LegacyCleanupTest, IsHarmlessWhenThereIsNothingToCleanUp) {
     EXPECT_FALSE(exists(pfConf));
     EXPECT_FALSE(exists("/Library"));
     EXPECT_THAT(logMessages(), IsEmpty());
-    EXPECT_THAT(pfctl.calls(), ElementsAre("-a com.tarnvale.firewall -F rules"));
+    EXPECT_THAT(pfctl.calls(), ElementsAre(test::pfctlCall::flushLegacy));
 }
 
 TEST_F(LegacyCleanupTest, LeavesAFileWithoutTheOldNameAlone) {

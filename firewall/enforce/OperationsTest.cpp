@@ -20,6 +20,7 @@
 #include "support/Files.h"
 #include "support/Timestamp.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/ScriptedPfctl.h"
 
 namespace tarnvale::HelperFirewall {
@@ -31,11 +32,16 @@ using test::exists;
 using test::logMessages;
 using test::modeOf;
 using test::namesIn;
+using test::policyText;
 using test::put;
 using test::rulesetPath;
 using test::ScriptedPfctl;
 using test::storePath;
 using test::supportFolder;
+using test::pfctlCall::enable;
+using test::pfctlCall::flush;
+using test::pfctlCall::flushLegacy;
+using test::pfctlCall::load;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -46,36 +52,8 @@ using testing::ThrowsMessage;
 constexpr bool atConsole = true;
 constexpr bool elsewhere = false;
 
-constexpr const char* load =
-    "-a com.apple/900.tarnvale.firewall -f /Library/Application Support/Tarnvale/firewall.pf.conf";
-constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
-constexpr const char* flushLegacy = "-a com.tarnvale.firewall -F rules";
-constexpr const char* enable = "-E";
-
-/// One network as the application sends it.
-struct Sent {
-    int number;
-    std::string name = "Lab";
-    std::string subnet = "192.168." + std::to_string(number) + ".0/24";
-    std::string remote = "any";
-    bool enabled = true;
-};
-
-std::string json(const std::vector<Sent>& networks) {
-    std::string text = "[";
-    for (const auto& network : networks) {
-        text += text.size() > 1 ? "," : "";
-        text += R"({"networkID":"00000000-0000-0000-0000-000000000)" +
-                std::to_string(100 + network.number) + R"(","name":")" + network.name +
-                R"(","subnetCIDR":")" + network.subnet +
-                R"(","dnsProxyEnabled":false,"policy":{"enabled":)" +
-                (network.enabled ? "true" : "false") +
-                R"(,"defaultInbound":"deny","defaultOutbound":"allow","rules":[)"
-                R"({"id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F","enabled":true,)"
-                R"("direction":"outbound","action":"deny","proto":"tcp","remoteCIDR":")" +
-                network.remote + R"(","ports":"22"}]}})";
-    }
-    return text + "]";
+NetworkFirewall::PolicyStore stored() {
+    return NetworkFirewall::decodeStore(contentOf(storePath)).value();
 }
 
 class OperationsTest : public testing::Test {
@@ -84,7 +62,8 @@ protected:
 };
 
 TEST_F(OperationsTest, AppliesAUsersFirstList) {
-    const auto summary = applyFirewall(json({{64}}), 501, atConsole);
+    const auto summary =
+        applyFirewall(policyText({{.number = 64, .rules = {{.ports = "2222"}}}}), 501, atConsole);
 
     EXPECT_EQ(summary, "Enforcing 1 network: Lab");
     EXPECT_THAT(
@@ -96,15 +75,13 @@ TEST_F(OperationsTest, AppliesAUsersFirstList) {
     EXPECT_THAT(namesIn(supportFolder), ElementsAre("firewall-policies.json", "firewall.pf.conf"));
     EXPECT_THAT(
         contentOf(rulesetPath),
-        HasSubstr("block drop in quick proto tcp from 192.168.64.0/24 to any port 22\n"));
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_EQ(store->owners.at("501").policies.at(0).name, "Lab");
+        HasSubstr("pass out quick proto tcp from any to 192.168.64.0/24 port 2222 keep state\n"));
+    EXPECT_EQ(stored().owners.at("501").policies.at(0).name, "Lab");
 }
 
 TEST_F(OperationsTest, DatesTheRulesetAtTheLoad) {
     const auto before = support::iso8601(std::chrono::system_clock::now());
-    applyFirewall(json({{64}}), 501, atConsole);
+    applyFirewall(policyText({{64}}), 501, atConsole);
     const auto after = support::iso8601(std::chrono::system_clock::now());
 
     const auto ruleset = contentOf(rulesetPath);
@@ -120,7 +97,7 @@ TEST_F(OperationsTest, GivesItsFilesTheirModesWhateverTheUmask) {
         ::umask(mask);
         std::filesystem::remove_all(supportFolder);
 
-        applyFirewall(json({{64}}), 501, atConsole);
+        applyFirewall(policyText({{64}}), 501, atConsole);
 
         EXPECT_EQ(modeOf(storePath), 0600U) << mask;
         EXPECT_EQ(modeOf(rulesetPath), 0644U) << mask;
@@ -128,19 +105,19 @@ TEST_F(OperationsTest, GivesItsFilesTheirModesWhateverTheUmask) {
 }
 
 TEST_F(OperationsTest, KillsNoStatesWhenTheSameListIsAppliedAgain) {
-    applyFirewall(json({{64}, {65}}), 501, atConsole);
+    applyFirewall(policyText({{64}, {65}}), 501, atConsole);
     pfctl.forgetCalls();
 
-    applyFirewall(json({{65}, {64}}), 501, atConsole);
+    applyFirewall(policyText({{65}, {64}}), 501, atConsole);
 
     EXPECT_THAT(pfctl.calls(), ElementsAre(flushLegacy, load, enable));
 }
 
 TEST_F(OperationsTest, KillsTheStatesOfEverySubnetOfAListThatChanged) {
-    applyFirewall(json({{64}, {65}}), 501, atConsole);
+    applyFirewall(policyText({{64}, {65}}), 501, atConsole);
     pfctl.forgetCalls();
 
-    applyFirewall(json({{64}, {65, "Renamed"}}), 501, atConsole);
+    applyFirewall(policyText({{64}, {65, "Renamed"}}), 501, atConsole);
 
     EXPECT_THAT(
         pfctl.calls(),
@@ -156,10 +133,11 @@ TEST_F(OperationsTest, KillsTheStatesOfEverySubnetOfAListThatChanged) {
 
 TEST_F(OperationsTest, KillsNoStatesOfASubnetThatIsNotEnforced) {
     // Another user's network, whose firewall is off, holds it: that user's clock was ahead.
-    const auto theirs = json({{64, "Theirs", "192.168.64.0/24", "any", false}});
-    put(storePath, R"({"owners":{"502":{"appliedAt":9e9,"policies":)" + theirs + "}}}");
+    put(storePath,
+        test::storeText(
+            {{.key = "502", .networks = {{.number = 64, .enabled = false}}, .appliedAt = "9e9"}}));
 
-    applyFirewall(json({{64}, {65}}), 501, elsewhere);
+    applyFirewall(policyText({{64}, {65}}), 501, elsewhere);
 
     EXPECT_THAT(
         pfctl.calls(),
@@ -188,8 +166,8 @@ TEST_F(OperationsTest, RefusesWhatIsNoPolicyAndChangesNothing) {
 }
 
 TEST_F(OperationsTest, AnEmptyListRemovesTheUserAndKeepsTheOthers) {
-    applyFirewall(json({{64}}), 501, atConsole);
-    applyFirewall(json({{65}, {66}}), 502, elsewhere);
+    applyFirewall(policyText({{64}}), 501, atConsole);
+    applyFirewall(policyText({{65}, {66}}), 502, elsewhere);
     pfctl.forgetCalls();
 
     const auto summary = applyFirewall("[]", 501, atConsole);
@@ -198,9 +176,7 @@ TEST_F(OperationsTest, AnEmptyListRemovesTheUserAndKeepsTheOthers) {
         summary,
         "None of your networks has an enabled firewall. · 2 more for other users of this Mac");
     EXPECT_THAT(pfctl.calls(), ElementsAre(flushLegacy, load, enable));
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_THAT(store->owners, ElementsAre(testing::Key("502")));
+    EXPECT_THAT(stored().owners, ElementsAre(testing::Key("502")));
     EXPECT_THAT(contentOf(rulesetPath), Not(HasSubstr("192.168.64.0/24")));
 }
 
@@ -216,9 +192,9 @@ TEST_F(OperationsTest, AnEmptyListOfTheOnlyUserEmptiesTheAnchor) {
 }
 
 TEST_F(OperationsTest, TheMostRecentUserGetsAContestedSubnet) {
-    applyFirewall(json({{64, "Old"}}), 501, elsewhere);
+    applyFirewall(policyText({{64, "Old"}}), 501, elsewhere);
 
-    const auto summary = applyFirewall(json({{64, "New"}}), 502, elsewhere);
+    const auto summary = applyFirewall(policyText({{64, "New"}}), 502, elsewhere);
 
     EXPECT_EQ(summary, "Enforcing 1 network: New · 1 more for other users of this Mac");
     EXPECT_THAT(
@@ -230,38 +206,35 @@ TEST_F(OperationsTest, TheMostRecentUserGetsAContestedSubnet) {
             "Applied firewall. Enforcing 1 network for all users: New"));
     EXPECT_THAT(contentOf(rulesetPath), HasSubstr("# --- New (192.168.64.0/24) ---"));
     EXPECT_THAT(contentOf(rulesetPath), Not(HasSubstr("Old")));
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_EQ(store->owners.size(), 2U);
+    EXPECT_EQ(stored().owners.size(), 2U);
 }
 
 TEST_F(OperationsTest, EnforcesTheRestWhenANetworkIsRefused) {
     EXPECT_THAT(
         [] {
-            applyFirewall(json({{64}, {1, "Office", "10.0.0.0/24"}, {65, "Home"}}), 501, atConsole);
+            applyFirewall(
+                policyText({{64}, {1, "Office", "10.0.0.0/24"}, {65, "Home"}}), 501, atConsole);
         },
         ThrowsMessage<HelperError>(
             "Enforcing 2 networks: Lab, Home\nNot enforced:\n• Office: the subnet "
             "\"10.0.0.0/24\" isn't one macOS gives a virtual network (a /24 such as "
             "192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be keyed on it."));
 
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_EQ(store->owners.at("501").policies.size(), 2U);
+    EXPECT_EQ(stored().owners.at("501").policies.size(), 2U);
     EXPECT_THAT(
         logMessages(),
         ElementsAre("Applied firewall. Enforcing 2 networks for all users: Lab, Home"));
 }
 
 TEST_F(OperationsTest, CountsTheRulesThatItSkips) {
+    const test::NetworkText lab{.number = 64, .rules = {{.remoteCIDR = "10.0.0/8"}}};
+    const test::NetworkText den{.number = 65, .name = "Den", .rules = {{.remoteCIDR = "x"}}};
+
     EXPECT_EQ(
-        applyFirewall(json({{64, "Lab", "192.168.64.0/24", "10.0.0/8"}}), 501, atConsole),
+        applyFirewall(policyText({lab}), 501, atConsole),
         "Enforcing 1 network: Lab · 1 rule skipped");
     EXPECT_EQ(
-        applyFirewall(
-            json({{64, "Lab", "192.168.64.0/24", "10.0.0/8"}, {65, "Den", "192.168.65.0/24", "x"}}),
-            501,
-            atConsole),
+        applyFirewall(policyText({lab, den}), 501, atConsole),
         "Enforcing 2 networks: Lab, Den · 2 rules skipped");
     EXPECT_THAT(
         logMessages().back(),
@@ -269,13 +242,13 @@ TEST_F(OperationsTest, CountsTheRulesThatItSkips) {
 }
 
 TEST_F(OperationsTest, ARefusedRulesetLeavesTheStoreAsItWas) {
-    applyFirewall(json({{64}}), 501, atConsole);
+    applyFirewall(policyText({{64}}), 501, atConsole);
     const auto before = contentOf(storePath);
     pfctl.forgetCalls();
     pfctl.answer(ScriptedPfctl::load, "echo \"$4:7: syntax error\" >&2; exit 1");
 
     EXPECT_THAT(
-        [] { applyFirewall(json({{65}}), 501, atConsole); },
+        [] { applyFirewall(policyText({{65}}), 501, atConsole); },
         ThrowsMessage<HelperError>(
             "pfctl rejected the ruleset: " + rulesetPath + ":7: syntax error"));
 
@@ -288,7 +261,7 @@ TEST_F(OperationsTest, AMissingPfctlIsToldAsARefusal) {
     std::filesystem::remove("/sbin/pfctl");
 
     EXPECT_THAT(
-        [] { applyFirewall(json({{64}}), 501, atConsole); },
+        [] { applyFirewall(policyText({{64}}), 501, atConsole); },
         ThrowsMessage<HelperError>("pfctl rejected the ruleset: The file “pfctl” doesn’t exist."));
     EXPECT_FALSE(exists(storePath));
 }
@@ -297,7 +270,7 @@ TEST_F(OperationsTest, ASupportFolderThatIsAFileIsToldAndNothingIsLoaded) {
     put(supportFolder, "in the way");
 
     EXPECT_THAT(
-        [] { applyFirewall(json({{64}}), 501, atConsole); },
+        [] { applyFirewall(policyText({{64}}), 501, atConsole); },
         ThrowsMessage<FileError>(
             "The file “Tarnvale” couldn’t be saved in the folder “Application Support” because "
             "a file with the same name already exists."));
@@ -307,13 +280,13 @@ TEST_F(OperationsTest, ASupportFolderThatIsAFileIsToldAndNothingIsLoaded) {
 TEST_F(OperationsTest, AFullDiskIsToldAndLeavesTheOldFiles) {
     std::filesystem::create_directories(supportFolder);
     ASSERT_EQ(::mount("small", supportFolder.c_str(), "tmpfs", 0, "size=16k"), 0);
-    applyFirewall(json({{64}}), 501, atConsole);
+    applyFirewall(policyText({{64}}), 501, atConsole);
     const auto store = contentOf(storePath);
     const auto ruleset = contentOf(rulesetPath);
 
     EXPECT_THAT(
         [] {
-            applyFirewall(json({{64, std::string(20000, 'x')}}), 501, atConsole);
+            applyFirewall(policyText({{64, std::string(20000, 'x')}}), 501, atConsole);
         },
         ThrowsMessage<FileError>(
             "You can’t save the file “firewall.pf.conf” because the volume “" + supportFolder +
@@ -328,7 +301,7 @@ TEST_F(OperationsTest, AStoreThatCantBeWrittenIsToldAfterTheLoad) {
     std::filesystem::create_directories(storePath + "/in the way");
 
     EXPECT_THAT(
-        [] { applyFirewall(json({{64}}), 501, atConsole); },
+        [] { applyFirewall(policyText({{64}}), 501, atConsole); },
         ThrowsMessage<FileError>(
             "The file “firewall-policies.json” couldn’t be saved in the folder “Tarnvale”."));
     EXPECT_THAT(pfctl.calls(), testing::Contains(load));
@@ -338,11 +311,9 @@ TEST_F(OperationsTest, ADamagedStoreIsReplacedByTheCallersList) {
     for (const std::string damaged : {"", "{}", "[{}]", R"({"owners":{"501":)", "\xFF\xFE"}) {
         put(storePath, damaged);
 
-        applyFirewall(json({{64}}), 501, atConsole);
+        applyFirewall(policyText({{64}}), 501, atConsole);
 
-        const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-        ASSERT_TRUE(store) << damaged;
-        EXPECT_THAT(store->owners, ElementsAre(testing::Key("501")));
+        EXPECT_THAT(stored().owners, ElementsAre(testing::Key("501")));
         EXPECT_THAT(
             logMessages(),
             testing::Contains(
@@ -352,36 +323,34 @@ TEST_F(OperationsTest, ADamagedStoreIsReplacedByTheCallersList) {
 }
 
 TEST_F(OperationsTest, TheConsoleUserAdoptsTheLegacyNetworks) {
-    put(storePath, json({{64, "Old"}}));
+    put(storePath, policyText({{64, "Old"}}));
 
-    EXPECT_EQ(applyFirewall(json({{65}}), 501, atConsole), "Enforcing 1 network: Lab");
+    EXPECT_EQ(applyFirewall(policyText({{65}}), 501, atConsole), "Enforcing 1 network: Lab");
 
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_THAT(store->owners, ElementsAre(testing::Key("501")));
+    EXPECT_THAT(stored().owners, ElementsAre(testing::Key("501")));
 }
 
 TEST_F(OperationsTest, AnotherUserLeavesTheLegacyNetworksInForce) {
-    put(storePath, json({{64, "Old"}}));
+    put(storePath, policyText({{64, "Old"}}));
 
     EXPECT_EQ(
-        applyFirewall(json({{65}}), 502, elsewhere),
+        applyFirewall(policyText({{65}}), 502, elsewhere),
         "Enforcing 1 network: Lab · 1 more for other users of this Mac");
 
     EXPECT_THAT(contentOf(rulesetPath), HasSubstr("# --- Old (192.168.64.0/24) ---"));
 }
 
 TEST_F(OperationsTest, AdoptingTheLegacyNetworksUnchangedKillsNoStates) {
-    put(storePath, json({{64, "Old"}}));
+    put(storePath, policyText({{64, "Old"}}));
 
-    applyFirewall(json({{64, "Old"}}), 502, elsewhere);
+    applyFirewall(policyText({{64, "Old"}}), 502, elsewhere);
 
     EXPECT_THAT(pfctl.calls(), ElementsAre(flushLegacy, load, enable));
 }
 
 TEST_F(OperationsTest, RemovesOneUsersNetworksAndKeepsTheOthersInForce) {
-    applyFirewall(json({{64}}), 501, elsewhere);
-    applyFirewall(json({{65}}), 502, elsewhere);
+    applyFirewall(policyText({{64}}), 501, elsewhere);
+    applyFirewall(policyText({{65}}), 502, elsewhere);
     pfctl.forgetCalls();
 
     removeFirewall(501, elsewhere);
@@ -389,13 +358,11 @@ TEST_F(OperationsTest, RemovesOneUsersNetworksAndKeepsTheOthersInForce) {
     EXPECT_THAT(pfctl.calls(), ElementsAre(flushLegacy, load, enable));
     EXPECT_EQ(
         logMessages().back(), "Removed uid 501's firewall policies; other users' stay in force.");
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_THAT(store->owners, ElementsAre(testing::Key("502")));
+    EXPECT_THAT(stored().owners, ElementsAre(testing::Key("502")));
 }
 
 TEST_F(OperationsTest, TheLastUsersRemovalEmptiesTheAnchorAndDeletesTheFiles) {
-    applyFirewall(json({{64}}), 501, elsewhere);
+    applyFirewall(policyText({{64}}), 501, elsewhere);
     pfctl.forgetCalls();
 
     removeFirewall(501, elsewhere);
@@ -413,7 +380,7 @@ TEST_F(OperationsTest, RemovingWithNothingStoredIsFine) {
 }
 
 TEST_F(OperationsTest, TheConsoleUsersRemovalTakesTheLegacyNetworksToo) {
-    put(storePath, json({{64, "Old"}}));
+    put(storePath, policyText({{64, "Old"}}));
 
     removeFirewall(501, atConsole);
 
@@ -421,7 +388,7 @@ TEST_F(OperationsTest, TheConsoleUsersRemovalTakesTheLegacyNetworksToo) {
 }
 
 TEST_F(OperationsTest, AnotherUsersRemovalLeavesTheLegacyNetworksInForce) {
-    put(storePath, json({{64, "Old"}}));
+    put(storePath, policyText({{64, "Old"}}));
 
     removeFirewall(502, elsewhere);
 
@@ -429,8 +396,8 @@ TEST_F(OperationsTest, AnotherUsersRemovalLeavesTheLegacyNetworksInForce) {
 }
 
 TEST_F(OperationsTest, ARemovalThatCantLoadKeepsTheStore) {
-    applyFirewall(json({{64}}), 501, elsewhere);
-    applyFirewall(json({{65}}), 502, elsewhere);
+    applyFirewall(policyText({{64}}), 501, elsewhere);
+    applyFirewall(policyText({{65}}), 502, elsewhere);
     const auto before = contentOf(storePath);
     pfctl.answer(ScriptedPfctl::load, "echo no >&2; exit 1");
 
@@ -442,7 +409,7 @@ TEST_F(OperationsTest, ARemovalThatCantLoadKeepsTheStore) {
 }
 
 TEST_F(OperationsTest, ReappliesWhatIsStored) {
-    put(storePath, json({{64}, {65, "Home"}}));
+    put(storePath, policyText({{64}, {65, "Home"}}));
 
     reapplyAtBoot();
 
@@ -452,11 +419,11 @@ TEST_F(OperationsTest, ReappliesWhatIsStored) {
         ElementsAre(
             "Applied firewall. Enforcing 2 networks for all users: Lab, Home",
             "Boot re-apply: Enforcing 2 networks for all users: Lab, Home"));
-    EXPECT_EQ(contentOf(storePath), json({{64}, {65, "Home"}}));
+    EXPECT_EQ(contentOf(storePath), policyText({{64}, {65, "Home"}}));
 }
 
 TEST_F(OperationsTest, ReapplyingSaysWhatItLeavesOut) {
-    put(storePath, json({{64}, {1, "Office", "10.0.0.0/24"}, {2, "Attic", "10.0.1.0/24"}}));
+    put(storePath, policyText({{64}, {1, "Office", "10.0.0.0/24"}, {2, "Attic", "10.0.1.0/24"}}));
 
     reapplyAtBoot();
 
@@ -503,7 +470,7 @@ TEST_F(OperationsTest, ReapplyingPassesOverAStoreThatIsAFolder) {
 }
 
 TEST_F(OperationsTest, AFailedReapplyIsLogged) {
-    put(storePath, json({{64}}));
+    put(storePath, policyText({{64}}));
     pfctl.answer(ScriptedPfctl::load, "echo broken >&2; exit 1");
 
     reapplyAtBoot();
@@ -518,7 +485,7 @@ TEST_F(OperationsTest, OperationsOfManyThreadsNeverInterleave) {
     threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {
-            applyFirewall(json({{64 + i}}), static_cast<std::uint32_t>(501 + i), elsewhere);
+            applyFirewall(policyText({{64 + i}}), static_cast<std::uint32_t>(501 + i), elsewhere);
         });
     }
     for (auto& thread : threads) {
@@ -530,9 +497,7 @@ TEST_F(OperationsTest, OperationsOfManyThreadsNeverInterleave) {
         expected += "begin\nend\n";
     }
     EXPECT_EQ(contentOf("/run/turns"), expected);
-    const auto store = NetworkFirewall::decodeStore(contentOf(storePath));
-    ASSERT_TRUE(store);
-    EXPECT_EQ(store->owners.size(), 4U);
+    EXPECT_EQ(stored().owners.size(), 4U);
 }
 
 }  // namespace

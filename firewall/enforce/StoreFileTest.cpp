@@ -7,7 +7,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 
 #include <fcntl.h>
@@ -21,6 +20,7 @@
 #include "support/Files.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -40,13 +40,12 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-constexpr std::string_view onePolicy =
-    R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",)"
-    R"("subnetCIDR":"192.168.64.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,)"
-    R"("defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}])";
+std::string onePolicy() {
+    return test::policyText({{.number = 64}});
+}
 
 PolicyStore someStore() {
-    return *NetworkFirewall::decodeStore(onePolicy);
+    return NetworkFirewall::decodeStore(onePolicy()).value();
 }
 
 TEST(StoreFileTest, LoadsWhatWasSaved) {
@@ -58,7 +57,7 @@ TEST(StoreFileTest, LoadsWhatWasSaved) {
 }
 
 TEST(StoreFileTest, LoadsTheFormOfBeforeThereWereUsers) {
-    put(storePath(), onePolicy);
+    put(storePath(), onePolicy());
 
     EXPECT_THAT(loadStore().owners, ElementsAre(testing::Key("legacy")));
 }
@@ -152,7 +151,7 @@ private:
 };
 
 TEST(StoreLockTest, WaitsForAnotherProcess) {
-    put(storePath(), onePolicy);
+    put(storePath(), onePolicy());
     const OtherProcess other([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         put("/run/done", "");
@@ -165,7 +164,7 @@ TEST(StoreLockTest, WaitsForAnotherProcess) {
 }
 
 TEST(StoreLockTest, IsOnTheFileThatTheOtherProcessLeft) {
-    put(storePath(), onePolicy);
+    put(storePath(), onePolicy());
     const OtherProcess other([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         saveStore(someStore());
@@ -182,7 +181,7 @@ TEST(StoreLockTest, IsOnTheFileThatTheOtherProcessLeft) {
 }
 
 TEST(StoreLockTest, IsNoneWhenTheOtherProcessRemovedTheFile) {
-    put(storePath(), onePolicy);
+    put(storePath(), onePolicy());
     const OtherProcess other([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         support::removeFile(storePath());
@@ -192,7 +191,7 @@ TEST(StoreLockTest, IsNoneWhenTheOtherProcessRemovedTheFile) {
 }
 
 TEST(StoreLockTest, CantBeHeldByWhoeverMayOpenTheFolder) {
-    put(storePath(), onePolicy);
+    put(storePath(), onePolicy());
     const UniqueFd folder(::open(supportFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(::flock(folder.get(), LOCK_EX), 0);
 

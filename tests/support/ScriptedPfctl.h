@@ -11,9 +11,18 @@
 
 namespace tarnvale::test {
 
+/// How the helper calls pfctl, the words joined by blanks.
+namespace pfctlCall {
+inline constexpr const char* load =
+    "-a com.apple/900.tarnvale.firewall -f /Library/Application Support/Tarnvale/firewall.pf.conf";
+inline constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
+inline constexpr const char* flushLegacy = "-a com.tarnvale.firewall -F rules";
+inline constexpr const char* enable = "-E";
+}  // namespace pfctlCall
+
 class ScriptedPfctl {
 public:
-    /// The first argument words of the load into the helper's anchor.
+    /// The pattern of a load of any file into the helper's anchor.
     static constexpr const char* load = "-a com.apple/900.tarnvale.firewall -f *";
 
     /// Succeeds at everything and prints nothing.

@@ -43,6 +43,9 @@ using test::rulesetPath;
 using test::ScriptedPfctl;
 using test::storePath;
 using test::supportFolder;
+using test::pfctlCall::enable;
+using test::pfctlCall::flushLegacy;
+using test::pfctlCall::load;
 using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
@@ -53,11 +56,6 @@ using testing::SizeIs;
 
 constexpr const char* helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
 constexpr const char* mustBeRoot = "TarnvaleAdminHelper must run as root (launchd LaunchDaemon).\n";
-
-constexpr const char* flushLegacy = "-a com.tarnvale.firewall -F rules";
-constexpr const char* load =
-    "-a com.apple/900.tarnvale.firewall -f /Library/Application Support/Tarnvale/firewall.pf.conf";
-constexpr const char* enable = "-E";
 
 /// A store of one user's two networks, one of them off.
 constexpr std::string_view store = R"({"owners":{"501":{"appliedAt":763636013.25,"policies":[

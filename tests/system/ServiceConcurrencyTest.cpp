@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/Service.h"
@@ -30,11 +31,8 @@ constexpr std::size_t requestsEach = 4;
 
 /// A list of one network, a different one for each index.
 std::string networkOf(std::size_t index) {
-    const std::string number = std::to_string(index % 10);
-    return R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2)" + number + R"(","name":"Net)" +
-           number + R"(","subnetCIDR":"192.168.6)" + number +
-           R"(.0/24","dnsProxyEnabled":false,"policy":{"enabled":true,"defaultInbound":"deny",)"
-           R"("defaultOutbound":"allow","rules":[]}}])";
+    const int number = static_cast<int>(60 + index % 10);
+    return policyText({{number, "Net" + std::to_string(number)}});
 }
 
 struct Request {

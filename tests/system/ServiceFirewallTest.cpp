@@ -11,9 +11,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/NetworkLab.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/ScriptedPfctl.h"
@@ -33,42 +35,32 @@ using testing::StartsWith;
 
 constexpr const char* emptyAnchor = "(anchor is empty — nothing enforced)";
 
-/// One network as an application sends it, its ID ending in that digit.
-std::string network(
-    char digit,
-    const std::string& name,
-    const std::string& subnet,
-    const std::string& rules = "",
-    const std::string& inbound = "deny") {
-    return std::string(R"({"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2)") + digit +
-           R"(","name":")" + name + R"(","subnetCIDR":")" + subnet +
-           R"(","dnsProxyEnabled":false,"policy":{"enabled":true,"defaultInbound":")" + inbound +
-           R"(","defaultOutbound":"allow","rules":[)" + rules + "]}}";
+Texts applyFor(ServiceClient& client, const std::vector<NetworkText>& networks) {
+    return client.call("ApplyFirewall", "ay", {policyText(networks)});
 }
 
-std::string rule(const std::string& remoteCIDR, const std::string& ports) {
-    return R"({"id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F","enabled":true,"direction":"inbound",)"
-           R"("action":"allow","proto":"tcp","remoteCIDR":")" +
-           remoteCIDR + R"(","ports":")" + ports + R"("})";
+/// What the store holds, its times replaced by 0.
+nlohmann::json stored() {
+    auto store = nlohmann::json::parse(contentOf(storePath));
+    for (auto& owner : store.at("owners")) {
+        owner.at("appliedAt") = 0;
+    }
+    return store;
 }
 
-Texts applyFor(ServiceClient& client, const std::string& networks) {
-    return client.call("ApplyFirewall", "ay", {"[" + networks + "]"});
-}
-
-/// The store's text, its times replaced by a word.
-std::string stored() {
-    return std::regex_replace(
-        contentOf(storePath), std::regex(R"re(("appliedAt" : )-?[0-9.]+)re"), "$1TIME");
+/// The keys of the store's owners.
+std::vector<std::string> storedOwners() {
+    const auto store = stored();
+    std::vector<std::string> owners;
+    for (const auto& [owner, entry] : store.at("owners").items()) {
+        owners.push_back(owner);
+    }
+    return owners;
 }
 
 /// The rules in the ruleset's file.
 std::string writtenRules() {
     return std::regex_replace(contentOf(rulesetPath), std::regex("#[^\n]*\n+"), "");
-}
-
-std::string withOwner(const std::string& uid, const std::string& networks) {
-    return R"(")" + uid + R"(":{"appliedAt":763636013,"policies":[)" + networks + "]}";
 }
 
 class ServiceFirewallTest : public testing::Test {
@@ -97,10 +89,10 @@ TEST_F(ServiceFirewallTest, EnforcesTheNetworksOfAllUsersTogether) {
     ServiceClient ada(lab.client, administrator);
 
     EXPECT_THAT(
-        applyFor(bob, network('1', "Lab", "192.168.64.0/24", rule("10.0.0.0/8", "22"))),
+        applyFor(bob, {{.number = 64, .rules = {{.remoteCIDR = "10.0.0.0/8"}}}}),
         ElementsAre("Enforcing 1 network: Lab", "nil"));
     EXPECT_THAT(
-        applyFor(ada, network('2', "Office", "192.168.65.0/24")),
+        applyFor(ada, {{65, "Office"}}),
         ElementsAre("Enforcing 1 network: Office · 1 more for other users of this Mac", "nil"));
 
     EXPECT_THAT(
@@ -108,56 +100,13 @@ TEST_F(ServiceFirewallTest, EnforcesTheNetworksOfAllUsersTogether) {
         ElementsAre(
             "Applied firewall. Enforcing 1 network for all users: Lab",
             "Applied firewall. Enforcing 2 networks for all users: Office, Lab"));
-    EXPECT_EQ(stored(), R"({
-  "owners" : {
-    "501" : {
-      "appliedAt" : TIME,
-      "policies" : [
-        {
-          "dnsProxyEnabled" : false,
-          "name" : "Office",
-          "networkID" : "6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A22",
-          "policy" : {
-            "defaultInbound" : "deny",
-            "defaultOutbound" : "allow",
-            "enabled" : true,
-            "rules" : [
-
-            ]
-          },
-          "subnetCIDR" : "192.168.65.0\/24"
-        }
-      ]
-    },
-    "502" : {
-      "appliedAt" : TIME,
-      "policies" : [
-        {
-          "dnsProxyEnabled" : false,
-          "name" : "Lab",
-          "networkID" : "6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A21",
-          "policy" : {
-            "defaultInbound" : "deny",
-            "defaultOutbound" : "allow",
-            "enabled" : true,
-            "rules" : [
-              {
-                "action" : "allow",
-                "direction" : "inbound",
-                "enabled" : true,
-                "id" : "0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F",
-                "ports" : "22",
-                "proto" : "tcp",
-                "remoteCIDR" : "10.0.0.0\/8"
-              }
-            ]
-          },
-          "subnetCIDR" : "192.168.64.0\/24"
-        }
-      ]
-    }
-  }
-})");
+    EXPECT_EQ(
+        stored(),
+        nlohmann::json::parse(storeText(
+            {{.key = "501", .networks = {{65, "Office"}}, .appliedAt = "0"},
+             {.key = "502",
+              .networks = {{.number = 64, .rules = {{.remoteCIDR = "10.0.0.0/8"}}}},
+              .appliedAt = "0"}})));
     EXPECT_EQ(modeOf(storePath), 0600U);
     EXPECT_EQ(
         writtenRules(),
@@ -193,8 +142,8 @@ TEST_F(ServiceFirewallTest, RemovesOneUsersNetworksAndThenTheLasts) {
     const Service service;
     ServiceClient bob(lab.client, firstUser);
     ServiceClient ada(lab.client, administrator);
-    applyFor(bob, network('1', "Lab", "192.168.64.0/24"));
-    applyFor(ada, network('2', "Office", "192.168.65.0/24"));
+    applyFor(bob, {{64}});
+    applyFor(ada, {{65, "Office"}});
     fs::remove(logPath);
 
     EXPECT_THAT(ada.call("RemoveFirewall"), ElementsAre("nil"));
@@ -204,7 +153,7 @@ TEST_F(ServiceFirewallTest, RemovesOneUsersNetworksAndThenTheLasts) {
         ElementsAre(
             "Applied firewall. Enforcing 1 network for all users: Lab",
             "Removed uid 501's firewall policies; other users' stay in force."));
-    EXPECT_THAT(stored(), AllOf(HasSubstr("\"502\""), Not(HasSubstr("\"501\""))));
+    EXPECT_THAT(storedOwners(), ElementsAre("502"));
     EXPECT_THAT(
         listedRules(), AllOf(HasSubstr("192.168.64.0/24"), Not(HasSubstr("192.168.65.0/24"))));
 
@@ -221,13 +170,13 @@ TEST_F(ServiceFirewallTest, GivesAContestedSubnetToWhoAppliedLast) {
     const Service service;
     ServiceClient bob(lab.client, firstUser);
     ServiceClient ada(lab.client, administrator);
-    applyFor(bob, network('1', "Lab", "192.168.64.0/24"));
+    applyFor(bob, {{64}});
 
     EXPECT_THAT(
-        applyFor(ada, network('2', "Office", "192.168.64.9/24")),
+        applyFor(ada, {{65, "Office", "192.168.64.9/24"}}),
         ElementsAre("Enforcing 1 network: Office · 1 more for other users of this Mac", "nil"));
     EXPECT_THAT(
-        applyFor(bob, network('1', "Lab", "192.168.64.0/24")),
+        applyFor(bob, {{64}}),
         ElementsAre("Enforcing 1 network: Lab · 1 more for other users of this Mac", "nil"));
 
     EXPECT_THAT(
@@ -254,8 +203,7 @@ TEST_F(ServiceFirewallTest, NamesRefusedNetworksInTheReply) {
     EXPECT_THAT(
         applyFor(
             bob,
-            network('1', "Lab", "192.168.64.0/24", rule("10.0.0/8", "22")) + "," +
-                network('2', "Far", "10.0.0.0/24")),
+            {{.number = 64, .rules = {{.remoteCIDR = "10.0.0/8"}}}, {65, "Far", "10.0.0.0/24"}}),
         ElementsAre("nil", report));
 
     const std::string log = contentOf(logPath);
@@ -263,13 +211,13 @@ TEST_F(ServiceFirewallTest, NamesRefusedNetworksInTheReply) {
         log,
         HasSubstr("Applied firewall. Enforcing 1 network for all users: Lab · 1 rule skipped\n"));
     EXPECT_THAT(log, EndsWith("Z applyFirewall failed: " + report + "\n"));
-    EXPECT_THAT(stored(), AllOf(HasSubstr("Lab"), Not(HasSubstr("Far"))));
+    EXPECT_THAT(contentOf(storePath), AllOf(HasSubstr("Lab"), Not(HasSubstr("Far"))));
 }
 
 TEST_F(ServiceFirewallTest, ChangesNothingForWhatIsNoListOfNetworks) {
     const Service service;
     ServiceClient bob(lab.client, firstUser);
-    applyFor(bob, network('1', "Lab", "192.168.64.0/24"));
+    applyFor(bob, {{64}});
     const std::string before = contentOf(storePath) + contentOf(rulesetPath);
 
     const Texts reply = bob.call("ApplyFirewall", "ay", {"{\"networks\": []}"});
@@ -291,7 +239,7 @@ TEST_F(ServiceFirewallTest, StoresNothingThatPfRefuses) {
     ServiceClient bob(lab.client, firstUser);
 
     EXPECT_THAT(
-        applyFor(bob, network('1', "Lab", "192.168.64.0/24")),
+        applyFor(bob, {{64}}),
         ElementsAre("nil", "pfctl rejected the ruleset: pfctl: Syntax error"));
 
     EXPECT_THAT(
@@ -302,8 +250,8 @@ TEST_F(ServiceFirewallTest, StoresNothingThatPfRefuses) {
 
 TEST_F(ServiceFirewallTest, FailsToRemoveWhatItCannotReload) {
     put(storePath,
-        R"({"owners":{)" + withOwner("501", network('2', "Office", "192.168.65.0/24")) + "," +
-            withOwner("502", network('1', "Lab", "192.168.64.0/24")) + "}}");
+        storeText(
+            {{.key = "501", .networks = {{65, "Office"}}}, {.key = "502", .networks = {{64}}}}));
     const std::string before = contentOf(storePath);
     const Service service;
     ServiceClient bob(lab.client, firstUser);
@@ -320,28 +268,28 @@ TEST_F(ServiceFirewallTest, FailsToRemoveWhatItCannotReload) {
 }
 
 TEST_F(ServiceFirewallTest, LeavesTheOldNetworksToWhomeverTheyBelong) {
-    put(storePath, "[" + network('1', "Old", "192.168.64.0/24") + "]");
+    put(storePath, policyText({{64, "Old"}}));
     const Service service;
     ServiceClient ada(lab.client, administrator);
 
     EXPECT_THAT(
-        applyFor(ada, network('2', "Office", "192.168.65.0/24")),
+        applyFor(ada, {{65, "Office"}}),
         ElementsAre("Enforcing 1 network: Office · 1 more for other users of this Mac", "nil"));
 
-    EXPECT_THAT(stored(), HasSubstr("\"legacy\""));
+    EXPECT_THAT(storedOwners(), ElementsAre("501", "legacy"));
     EXPECT_THAT(
         log(), ElementsAre("Applied firewall. Enforcing 2 networks for all users: Office, Old"));
 }
 
 TEST_F(ServiceFirewallTest, GivesTheOldNetworksToTheConsoleUser) {
-    put(storePath, "[" + network('1', "Old", "192.168.64.0/24") + "]");
+    put(storePath, policyText({{64, "Old"}}));
     const Service service;
     ServiceClient bob(lab.client, firstUser);
 
     EXPECT_THAT(
-        applyFor(bob, ""), ElementsAre("None of your networks has an enabled firewall.", "nil"));
+        applyFor(bob, {}), ElementsAre("None of your networks has an enabled firewall.", "nil"));
 
-    EXPECT_EQ(stored(), "{\n  \"owners\" : {\n\n  }\n}");
+    EXPECT_EQ(contentOf(storePath), "{\n  \"owners\" : {\n\n  }\n}");
     EXPECT_THAT(
         log(),
         ElementsAre("Applied firewall. No networks have an enabled firewall — the anchor is "
@@ -350,20 +298,18 @@ TEST_F(ServiceFirewallTest, GivesTheOldNetworksToTheConsoleUser) {
 }
 
 TEST_F(ServiceFirewallTest, GivesTheOldNetworksToWhomAppliesOneOfThem) {
-    put(storePath, "[" + network('1', "Old", "192.168.64.0/24") + "]");
+    put(storePath, policyText({{64, "Old"}}));
     const Service service;
     ServiceClient ada(lab.client, administrator);
 
-    EXPECT_THAT(
-        applyFor(ada, network('1', "Old", "192.168.64.0/24")),
-        ElementsAre("Enforcing 1 network: Old", "nil"));
+    EXPECT_THAT(applyFor(ada, {{64, "Old"}}), ElementsAre("Enforcing 1 network: Old", "nil"));
 
-    EXPECT_THAT(stored(), AllOf(HasSubstr("\"501\""), Not(HasSubstr("\"legacy\""))));
+    EXPECT_THAT(storedOwners(), ElementsAre("501"));
 }
 
 TEST_F(ServiceFirewallTest, GivesTheOldNetworksToAnybodyWhileNobodyIsAtTheConsole) {
     for (const bool loginWindow : {true, false}) {
-        put(storePath, "[" + network('1', "Old", "192.168.64.0/24") + "]");
+        put(storePath, policyText({{64, "Old"}}));
         if (loginWindow) {
             ServiceLab::showLoginWindow();
         } else {
@@ -387,7 +333,7 @@ TEST_F(ServiceFirewallTest, ReportsWhatTheCommandLineReports) {
     };
     EXPECT_EQ(report(), run({helperProgram, "--status"}).output);
 
-    applyFor(bob, network('1', "Lab", "192.168.64.0/24"));
+    applyFor(bob, {{64}});
 
     EXPECT_THAT(report(), HasSubstr("Status: Enabled for 0 days 00:00:0"));
     EXPECT_EQ(withoutTime(report()), withoutTime(run({helperProgram, "--status"}).output));
@@ -415,9 +361,10 @@ TEST_F(ServiceStatesTest, AChangeEndsTheConnectionsThatItNoLongerAllows) {
     const Service service;
     ServiceClient bob(lab.client, firstUser);
     ServiceClient ada(lab.client, administrator);
-    const std::string open = network('1', "Lab", "192.168.64.0/24", "", "allow");
-    const std::string closed = network('1', "Lab", "192.168.64.0/24");
-    const std::string office = network('2', "Office", "192.168.65.0/24", "", "allow");
+    const std::vector<NetworkText> open = {{.number = 64, .defaultInbound = "allow"}};
+    const std::vector<NetworkText> closed = {{64}};
+    const std::vector<NetworkText> office = {
+        {.number = 65, .name = "Office", .defaultInbound = "allow"}};
     applyFor(bob, open);
     applyFor(ada, office);
     Question toLab = machines->established({.from = outside, .to = vm1, .port = 22});

@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
@@ -43,11 +44,6 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* shutdownMessage =
     "Shutdown requested for upgrade; exiting so launchd re-execs the new binary.";
 constexpr const char* idleMessage = "Idle; exiting. launchd will relaunch on the next request.";
-
-constexpr const char* networks =
-    R"([{"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",
-     "subnetCIDR":"192.168.64.0/24","dnsProxyEnabled":false,
-     "policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}])";
 
 constexpr const char* applied = "Applied firewall. Enforcing 1 network for all users: Lab";
 
@@ -94,8 +90,7 @@ protected:
 };
 
 TEST_F(ServiceLifeTest, ReappliesWhatIsStoredBeforeItCanBeReached) {
-    put(storePath,
-        R"({"owners":{"501":{"appliedAt":763636013,"policies":)" + std::string(networks) + "}}}");
+    put(storePath, storeText({{.key = "501", .networks = {{64}}}}));
     ScriptedPfctl pfctl;
     pfctl.answer(
         "-E", "test -e /run/com.brackwen.tarnvale.adminhelper.socket || touch /run/unreachable");
@@ -231,7 +226,7 @@ TEST_F(ServiceClientsEndTest, ChangesNothingAboutAnApply) {
     const Service service;
     const auto applyAs = [&](ServiceClient& client) {
         put("/run/client", std::to_string(client.pid()));
-        client.begin("ApplyFirewall", "ay", {networks});
+        client.begin("ApplyFirewall", "ay", {policyText({{64}})});
     };
     std::string undisturbed;
     std::size_t callCount = 0;
@@ -281,7 +276,7 @@ TEST_F(ServiceClientsEndTest, LeavesAnApplyWholeOrUndoneAtAnyInstant) {
             ServiceClient client(lab.client);
             rejection = "Rejected XPC client pid=" + std::to_string(client.pid()) +
                         " uid=0: not Tarnvale or its service signed by K7PD2QM4TZ.";
-            client.begin("ApplyFirewall", "ay", {networks});
+            client.begin("ApplyFirewall", "ay", {policyText({{64}})});
             std::this_thread::sleep_for(instant * 1ms);
         }
         awaitEndOfApply();

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// The units by which systemd starts the helper: that they are right, agree with the programs, leave
-// as little exposed as they may, and let the helper do all its work.
+// The installed files are where others look for them. The units by which systemd starts the helper
+// are right, agree with the programs, leave as little exposed as they may, and let the helper do
+// all its work.
 
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
+using testing::Pair;
+using testing::UnorderedElementsAre;
 
 constexpr const char* analyzer = "/usr/bin/systemd-analyze";
 constexpr const char* pfctlProgram = TARNVALE_BIN_DIR "/pfctl";
@@ -36,6 +40,18 @@ constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
 
 std::string textOf(const std::string& unit) {
     return contentOf(packaging + unit);
+}
+
+/// The files in a folder and below, each with its mode.
+std::map<std::string, int> filesBelow(const fs::path& folder) {
+    std::map<std::string, int> found;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) {
+            const std::string name = entry.path().string().substr(folder.string().size());
+            found[name] = static_cast<int>(entry.status().permissions());
+        }
+    }
+    return found;
 }
 
 class PackagingTest : public testing::Test {
@@ -79,6 +95,37 @@ TEST_F(PackagingTest, NoNumberOfStartsEndsTheSocketOrTheService) {
         EXPECT_THAT(textOf(unit), HasSubstr("\nStartLimitIntervalSec=0\n")) << unit;
     }
     EXPECT_THAT(textOf(socketUnit), HasSubstr("\nTriggerLimitIntervalSec=0\n"));
+}
+
+TEST_F(PackagingTest, InstallingPutsEachFileWhereItIsLookedFor) {
+    const fs::path destination = "/tmp/destination";
+
+    Program install(
+        {TARNVALE_CMAKE, "--install", TARNVALE_BINARY_DIR},
+        {},
+        {.environment = {"DESTDIR=" + destination.string()}, .descriptors = {}});
+    const Finished installed = install.finish();
+
+    ASSERT_EQ(installed.status, 0) << installed.output << installed.error;
+    const std::string documents = "/usr/share/doc/TarnvaleAdminHelper/";
+    EXPECT_THAT(
+        filesBelow(destination),
+        UnorderedElementsAre(
+            Pair(installedHelper, 0755),
+            Pair("/usr/sbin/pfctl", 0755),
+            Pair("/usr/bin/tarnvale-helperctl", 0755),
+            Pair("/usr/lib/systemd/system/tarnvale-adminhelper.service", 0644),
+            Pair("/usr/lib/systemd/system/tarnvale-adminhelper.socket", 0644),
+            Pair(documents + "LICENSE", 0644),
+            Pair(documents + "README.md", 0644),
+            Pair(documents + "SECURITY.md", 0644),
+            Pair(documents + "protocol.md", 0644),
+            Pair(documents + "examples/README.md", 0644),
+            Pair(documents + "examples/home.json", 0644),
+            Pair(documents + "examples/isolated.json", 0644),
+            Pair(documents + "examples/lab.json", 0644),
+            Pair(documents + "examples/open-lab.json", 0644),
+            Pair(documents + "examples/web-server.json", 0644)));
 }
 
 class SystemdAnalyzeTest : public PackagingTest {

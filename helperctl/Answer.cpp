@@ -5,6 +5,8 @@
 #include <ostream>
 #include <utility>
 
+#include "support/JsonWriter.h"
+
 namespace tarnvale::helperctl {
 namespace {
 

@@ -16,6 +16,10 @@
 
 namespace tarnvale::support {
 
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 enum class LeadingZeros { allowed, refused };
 
 /// Takes the number at the front of the text off it: all the ASCII digits there, without a sign.

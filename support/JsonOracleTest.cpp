@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/Json.h"
+#include "support/JsonReader.h"
 #include "tests/support/Mutation.h"
 
 namespace tarnvale::support {

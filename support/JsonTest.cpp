@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 
-#include "support/Json.h"
-
 #include <bit>
 #include <clocale>
 #include <cmath>
@@ -15,6 +13,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "support/JsonReader.h"
+#include "support/JsonWriter.h"
 
 namespace tarnvale::support {
 

@@ -7,6 +7,8 @@
 #include "core/base/AppSupport.h"
 #include "core/base/HelperLog.h"
 #include "support/Files.h"
+#include "support/JsonReader.h"
+#include "support/JsonWriter.h"
 
 namespace tarnvale::HelperVLAN {
 namespace {

@@ -3,6 +3,7 @@
 #include "firewall/policy/PolicyJson.h"
 
 #include "firewall/policy/HelperError.h"
+#include "support/JsonReader.h"
 
 namespace tarnvale::NetworkFirewall {
 

@@ -9,6 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/JsonWriter.h"
+
 namespace tarnvale::NetworkFirewall {
 namespace {
 

@@ -10,7 +10,8 @@
 #include <utility>
 
 #include "firewall/policy/PolicyJson.h"
-#include "support/Json.h"
+#include "support/JsonReader.h"
+#include "support/JsonWriter.h"
 
 namespace tarnvale::NetworkFirewall {
 

@@ -11,7 +11,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "support/Json.h"
+#include "support/JsonReader.h"
+#include "support/JsonWriter.h"
 
 namespace tarnvale::support {
 

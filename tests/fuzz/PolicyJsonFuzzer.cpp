@@ -12,7 +12,7 @@
 
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
-#include "support/Json.h"
+#include "support/JsonWriter.h"
 
 namespace tarnvale::NetworkFirewall {
 

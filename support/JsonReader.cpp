@@ -1,19 +1,12 @@
 // SPDX-License-Identifier: MIT
 
-#include "support/Json.h"
+#include "support/JsonReader.h"
 
-#include <bit>
 #include <bitset>
 #include <charconv>
-#include <clocale>
-#include <cmath>
-#include <cstdlib>
-#include <cstring>
-#include <iomanip>
-#include <limits>
-#include <locale>
-#include <sstream>
 
+#include "support/Decimal.h"
+#include "support/JsonText.h"
 #include "support/Text.h"
 
 namespace tarnvale::support {
@@ -22,46 +15,8 @@ namespace {
 
 constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 
-bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 bool isContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
-}
-
-// Strings
-
-/// True for what a string may hold just as it is and what needs no second look.
-bool isPlain(char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return byte >= ' ' && byte < 0x80 && c != '"' && c != '\\';
-}
-
-/// Where the run of plain characters that begins at `next` ends.
-const char* plainEnd(const char* next, const char* end) {
-    // Eight at a time. A subtraction borrows only out of a byte that is itself to be found, so the
-    // lowest mark is always right, which is all that is asked for.
-    if constexpr (std::endian::native == std::endian::little) {
-        constexpr std::uint64_t ones = 0x0101010101010101;
-        constexpr std::uint64_t highs = 0x8080808080808080;
-        while (end - next >= 8) {
-            std::uint64_t eight = 0;
-            std::memcpy(&eight, next, sizeof eight);
-            const std::uint64_t quotes = eight ^ (ones * '"');
-            const std::uint64_t backslashes = eight ^ (ones * '\\');
-            const std::uint64_t found =
-                (eight | (eight - ones * ' ') | (quotes - ones) | (backslashes - ones)) & highs;
-            if (found != 0) {
-                return next + std::countr_zero(found) / 8;
-            }
-            next += 8;
-        }
-    }
-    while (next != end && isPlain(*next)) {
-        ++next;
-    }
-    return next;
 }
 
 void appendUtf8(std::string& out, unsigned codePoint) {
@@ -84,112 +39,13 @@ void appendUtf8(std::string& out, unsigned codePoint) {
     }
 }
 
-// Numbers
-
-/// A number as digits, of which neither the first nor the last is 0, times a power of ten. Zero has
-/// no digits.
-struct Decimal {
-    bool isNegative = false;
-    std::string digits;
-    std::int64_t exponent = 0;
-};
-
-Decimal decimal(std::string_view number) {
-    Decimal result;
-    std::size_t next = 0;
-    if (number[next] == '-') {
-        result.isNegative = true;
-        ++next;
-    }
-    bool isFraction = false;
-    for (; next < number.size() && (isDigit(number[next]) || number[next] == '.'); ++next) {
-        if (number[next] == '.') {
-            isFraction = true;
-            continue;
-        }
-        if (number[next] != '0' || !result.digits.empty()) {
-            result.digits.push_back(number[next]);
-        }
-        result.exponent -= isFraction ? 1 : 0;
-    }
-    if (next < number.size()) {
-        ++next;  // the "e"
-        const bool isNegative = number[next] == '-';
-        next += isDigit(number[next]) ? 0 : 1;
-        // More digits than memory can hold make up for no exponent beyond this.
-        constexpr std::int64_t enough = std::numeric_limits<std::int64_t>::max() / 100;
-        std::int64_t exponent = 0;
-        for (; next < number.size(); ++next) {
-            exponent = std::min(exponent * 10 + (number[next] - '0'), enough);
-        }
-        result.exponent += isNegative ? -exponent : exponent;
-    }
-    while (result.digits.ends_with('0')) {
-        result.digits.pop_back();
-        ++result.exponent;
-    }
-    return result;
-}
-
-std::optional<std::int64_t> exactInteger(std::string_view number) {
-    const Decimal parts = decimal(number);
-    if (parts.digits.empty()) {
-        return 0;
-    }
-    constexpr std::int64_t mostDigits = std::numeric_limits<std::int64_t>::digits10 + 1;
-    if (parts.exponent < 0 || parts.exponent > mostDigits ||
-        static_cast<std::int64_t>(parts.digits.size()) + parts.exponent > mostDigits) {
-        return std::nullopt;
-    }
-    std::uint64_t magnitude = 0;  // 19 digits fit
-    for (const char digit : parts.digits) {
-        magnitude = magnitude * 10 + static_cast<std::uint64_t>(digit - '0');
-    }
-    for (std::int64_t i = 0; i < parts.exponent; ++i) {
-        magnitude *= 10;
-    }
-    constexpr std::uint64_t most = std::numeric_limits<std::int64_t>::max();
-    if (magnitude > most + (parts.isNegative ? 1 : 0)) {
-        return std::nullopt;
-    }
-    return static_cast<std::int64_t>(parts.isNegative ? 0 - magnitude : magnitude);
-}
-
-/// The double nearest to the number; nothing when that is infinite, or 0 for another number.
-std::optional<double> nearestDouble(std::string_view number) {
-    // strtod rounds right but wants the locale's decimal point.
-    std::string local(number);
-    if (const auto point = local.find('.'); point != std::string::npos) {
-        local.replace(point, 1, std::localeconv()->decimal_point);
-    }
-    const double value = std::strtod(local.c_str(), nullptr);
-    if (std::isinf(value) || (value == 0 && !decimal(number).digits.empty())) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-/// The decimal text without an exponent that has the fewest digits and reads back as the same.
-std::string shortestText(double value) {
-    for (int fraction = 0;; ++fraction) {
-        std::ostringstream text;
-        text.imbue(std::locale::classic());
-        text << std::fixed << std::setprecision(fraction) << value;
-        if (nearestDouble(text.str()) == value) {
-            return text.str();
-        }
-    }
-}
-
-// Sentences
-
 /// The start of a value as it was written, as much as a sentence can bear.
 std::string shortened(std::string_view written) {
-    constexpr std::size_t most = 40;
-    if (written.size() <= most) {
+    constexpr std::size_t maxLength = 40;
+    if (written.size() <= maxLength) {
         return std::string(written);
     }
-    std::size_t length = most;
+    std::size_t length = maxLength;
     while (isContinuation(written[length])) {
         --length;
     }
@@ -197,8 +53,6 @@ std::string shortened(std::string_view written) {
 }
 
 }  // namespace
-
-// Reading
 
 JsonReader::JsonReader(std::string_view json)
     : begin_(json.data()), next_(begin_), end_(begin_ + json.size()) {
@@ -600,106 +454,6 @@ std::string JsonReader::pathTo(const char* place) const {
         }
     }
     return path;
-}
-
-// Writing
-
-void JsonWriter::write(bool value) {
-    text_ += value ? "true" : "false";
-}
-
-void JsonWriter::write(std::int64_t value) {
-    text_ += std::to_string(value);
-}
-
-void JsonWriter::write(double value) {
-    if (!std::isfinite(value)) {
-        throw JsonError("JSON has no form for a number that is not finite");
-    }
-    text_ += shortestText(value);
-}
-
-void JsonWriter::write(const Uuid& value) {
-    text_ += '"';
-    value.appendTo(text_);
-    text_ += '"';
-}
-
-void JsonWriter::begin(char open) {
-    text_ += open;
-    ++depth_;
-    isEmpty_ = true;
-}
-
-void JsonWriter::end(char close) {
-    --depth_;
-    if (form_ == JsonForm::pretty && isEmpty_) {
-        text_ += '\n';
-    }
-    beginLine();
-    text_ += close;
-    isEmpty_ = false;
-}
-
-void JsonWriter::beginElement() {
-    if (!isEmpty_) {
-        text_ += ',';
-    }
-    beginLine();
-    isEmpty_ = false;
-}
-
-void JsonWriter::beginMember(std::string_view key) {
-    beginElement();
-    writeString(key);
-    text_ += form_ == JsonForm::pretty ? " : " : ":";
-}
-
-void JsonWriter::beginLine() {
-    if (form_ == JsonForm::pretty) {
-        text_ += '\n';
-        text_.append(2 * depth_, ' ');
-    }
-}
-
-void JsonWriter::writeString(std::string_view value) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    constexpr std::string_view shortForms = "btn?fr";  // for U+0008 to U+000D
-    text_ += '"';
-    const char* const end = value.data() + value.size();
-    for (const char* next = value.data(); next != end;) {
-        const char* const verbatim = next;
-        next = std::find(next, plainEnd(next, end), '/');
-        text_.append(verbatim, next);
-        if (next == end) {
-            break;
-        }
-        const auto byte = static_cast<unsigned char>(*next);
-        if (byte >= 0x80) {
-            const std::size_t length =
-                characterLength({next, static_cast<std::size_t>(end - next)});
-            if (length == 0) {
-                throw JsonError("JSON has no form for a string that is not UTF-8");
-            }
-            text_.append(next, length);
-            next += length;
-            continue;
-        }
-        text_ += '\\';
-        if (byte >= ' ') {
-            text_ += *next;
-        } else if (byte >= '\b' && byte <= '\r' && byte != '\v') {
-            text_ += shortForms[byte - '\b'];
-        } else {
-            text_ += {'u', '0', '0', digits[byte >> 4], digits[byte & 0xF]};
-        }
-        ++next;
-    }
-    text_ += '"';
-}
-
-void JsonWriter::writeNull() {
-    text_ += "null";
 }
 
 }  // namespace tarnvale::support

@@ -9,6 +9,11 @@
 #include <string>
 #include <string_view>
 
+// Without it nothing would ever be released.
+#if !__has_feature(objc_arc)
+#error "Automatic reference counting is off: compile with -fobjc-arc."
+#endif
+
 namespace tarnvale::platform {
 
 /// The text as Foundation's, what is not UTF-8 in it repaired. Throws `std::bad_alloc`.

@@ -194,35 +194,41 @@ TEST(TextTest, ReplacesEachMaximalIllFormedPart) {
     }
 }
 
+/// The length of the encoding that a lead byte announces.
+std::size_t announcedLength(std::uint8_t lead) {
+    return lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+}
+
+/// Whether some character's encoding begins with these bytes.
+bool beginsCharacter(const std::string& part) {
+    const auto lead = static_cast<std::uint8_t>(part[0]);
+    const std::size_t whole = announcedLength(lead);
+    std::uint32_t bits = whole == 1 ? lead : lead & (0xFFU >> (whole + 1));
+    if ((lead >= 0x80 && lead < 0xC0) || lead >= 0xF8 || part.size() > whole) {
+        return false;
+    }
+    for (std::size_t i = 1; i < part.size(); ++i) {
+        const auto next = static_cast<std::uint8_t>(part[i]);
+        if ((next & 0xC0U) != 0x80) {
+            return false;
+        }
+        bits = bits << 6 | (next & 0x3FU);
+    }
+    // The characters that begin so are a range: is one of them encoded in just this length?
+    const auto open = static_cast<unsigned>(6 * (whole - part.size()));
+    std::uint32_t first = bits << open;
+    std::uint32_t last = first + (1U << open) - 1;
+    const std::array<std::uint32_t, 5> least = {0, 0, 0x80, 0x800, 0x10000};
+    first = std::max(first, least.at(whole));
+    last = std::min<std::uint32_t>(last, 0x10FFFF);
+    return first <= last && !(isSurrogate(first) && isSurrogate(last));
+}
+
 /// What a decoder that has never heard of our table makes of the bytes: at each place the longest
 /// beginning of some character's encoding, a character if it is whole, else one replacement.
 std::string slowlyRepaired(const std::string& bytes) {
-    const auto beginsCharacter = [](const std::string& part) {
-        const auto lead = static_cast<std::uint8_t>(part[0]);
-        const std::size_t whole = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        std::uint32_t bits = whole == 1 ? lead : lead & (0xFFU >> (whole + 1));
-        if ((lead >= 0x80 && lead < 0xC0) || lead >= 0xF8 || part.size() > whole) {
-            return false;
-        }
-        for (std::size_t i = 1; i < part.size(); ++i) {
-            const auto next = static_cast<std::uint8_t>(part[i]);
-            if ((next & 0xC0U) != 0x80) {
-                return false;
-            }
-            bits = bits << 6 | (next & 0x3FU);
-        }
-        // The characters that begin so are a range: is one of them encoded in just this length?
-        const auto open = static_cast<unsigned>(6 * (whole - part.size()));
-        std::uint32_t first = bits << open;
-        std::uint32_t last = first + (1U << open) - 1;
-        const std::array<std::uint32_t, 5> least = {0, 0, 0x80, 0x800, 0x10000};
-        first = std::max(first, least.at(whole));
-        last = std::min<std::uint32_t>(last, 0x10FFFF);
-        return first <= last && !(isSurrogate(first) && isSurrogate(last));
-    };
-    const auto isCharacter = [&](const std::string& part) {
-        const auto lead = static_cast<std::uint8_t>(part[0]);
-        return part.size() == (lead < 0x80 ? 1U : lead < 0xE0 ? 2U : lead < 0xF0 ? 3U : 4U);
+    const auto isCharacter = [](const std::string& part) {
+        return part.size() == announcedLength(static_cast<std::uint8_t>(part[0]));
     };
     std::string text;
     for (std::size_t i = 0; i < bytes.size();) {

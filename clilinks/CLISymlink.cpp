@@ -30,25 +30,25 @@ using support::UniqueFd;
 
 constexpr const char* toolName = "tarnvale";
 
-/// What a link's target ends in when it leads into a copy of the application, wherever that lies.
-/// "tx" was the tool's name once.
+/// The ends of targets that lead into a copy of the application, wherever it lies. The tool was
+/// once called "tx".
 constexpr std::array<std::string_view, 2> bundleTools = {
     "/Tarnvale.app/Contents/Helpers/tarnvale", "/Tarnvale.app/Contents/Helpers/tx"};
 
-/// Where the tool has to be: beside the real executable of the running helper, never at a place
-/// that a client names.
+/// The tool lies beside the real executable of the running helper; no client can name another
+/// place.
 std::string expectedToolURL() {
     const std::filesystem::path helper =
         platform::resolvingSymlinksInPath(platform::executablePath());
     return (helper.parent_path() / toolName).string();
 }
 
-/// The name that a link has within the opened folder.
+/// The link's name within the opened folder.
 const char* bareName(const char* path) {
     return std::strrchr(path, '/') + 1;
 }
 
-/// The text of the link, cut at 1,024 bytes; nothing when there is no link.
+/// The target of the link, cut at 1,024 bytes; nothing if there is no link.
 std::optional<std::string> linkTarget(const char* path, int directory) {
     std::array<char, 1024> target{};
     const ssize_t length = ::readlinkat(directory, bareName(path), target.data(), target.size());
@@ -89,7 +89,7 @@ void placeLink(const char* path, int directory, const std::string& tool) {
                 std::string(path) +
                 " already exists and isn't a Tarnvale link. Move it aside, then try again.");
         }
-        // Where this fails the new link cannot be made either, and that is told.
+        // If this fails, making the new link fails too, and that is reported.
         static_cast<void>(::unlinkat(directory, bareName(path), 0));
     }
     if (::symlinkat(tool.c_str(), directory, bareName(path)) != 0) {
@@ -100,18 +100,18 @@ void placeLink(const char* path, int directory, const std::string& tool) {
     helperLog("Linked " + std::string(path) + " -> " + tool + ".");
 }
 
-/// Makes the changes outlast a power cut, where the disk can do that.
+/// Makes the changes survive a power cut, if the disk can do that.
 void synchronize(int directory) {
     static_cast<void>(::fsync(directory));
 }
 
-/// Takes away the current links that lead to this very copy of the application.
+/// Removes the current links that lead to this very copy of the application.
 void removeLinksTo(const std::string& tool, platform::Users& users) {
     UniqueFd directory;
     try {
         directory = openBinDirectory(users, Create::no);
     } catch (const SymlinkError&) {
-        return;  // what is wrong with the application's copy matters more
+        return;  // the caller reports the application's copy, which matters more
     }
     if (!directory) {
         return;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// A helper that only links and removes links, so that tests can put one wherever they like. It does
-// what its arguments say, in their order, and prints the sentence of every error:
+// A helper that only installs and removes links, so that tests can put it anywhere. It takes the
+// steps that its arguments name, in their order, and prints the sentence of every error:
 //
 //   install, remove   the operations
 //   stop              stops itself by SIGSTOP
 //   descriptors       prints how many descriptors are open
 //   race              installs and removes until /run/race is gone; prints how often that worked
-//                     and how often it was refused. /run/racing is there once it has begun,
+//                     and how often it was refused. Creates /run/racing when it begins and
 //                     /run/raced once both have happened
 
 #include <csignal>

@@ -59,7 +59,7 @@ struct Failure {
 class CLISymlinkFailuresTest : public CLISymlinkFixture {
 protected:
     CLISymlinkFailuresTest() {
-        ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which cannot be done below a tracer
+        ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the leak check fails under a tracer
     }
 
     /// What the helper prints when that call fails.
@@ -278,7 +278,7 @@ TEST_F(CLISymlinkFailuresTest, SynchronizesWhatItChangedLast) {
     EXPECT_THAT(callsOf("remove"), ElementsAre("unlinkat", "unlinkat", "fsync"));
 }
 
-// A kill leaves each of the four names absent, as it was or as it was to be.
+// A kill leaves each of the four names absent, old or new.
 class KilledCLISymlinkTest : public CLISymlinkFailuresTest {
 protected:
     const Entries before = {

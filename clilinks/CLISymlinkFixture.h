@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A machine with the application, two users, of whom one is an administrator, and an empty
-// /usr/local/bin, and a helper there that links and removes links: what the tests of this folder
-// share.
+// What the tests of this folder share: a machine with the application, an administrator, a standard
+// user and an empty /usr/local/bin, and a helper there that installs and removes links.
 
 #pragma once
 
@@ -48,7 +47,7 @@ Entries entriesOf(const std::string& folder);
 /// What is in /usr/local/bin.
 Entries linked();
 
-/// What is there when both links lead to `tool`.
+/// What is there if both links lead to `tool`.
 Entries bothLinks();
 
 /// Makes a link in /usr/local/bin.
@@ -56,11 +55,12 @@ void link(const std::string& name, const std::string& target);
 
 void clearLog();
 
-/// What a helper at that path prints: nothing, or the error's sentence.
+/// Runs the operation by the helper at that path. Returns what it prints: nothing, or the error's
+/// sentence.
 std::string install(const std::string& program = helper);
 std::string remove(const std::string& program = helper);
 
-/// Runs any program; what it prints, without the last line's end.
+/// Runs any program. Returns what it prints, without the last line's end.
 std::string outputOf(const std::vector<std::string>& arguments);
 
 /// Puts the application's two programs, the helper and the tool, into a folder, as root's.
@@ -73,7 +73,7 @@ class CLISymlinkFixture : public testing::Test {
 protected:
     void SetUp() override;
 
-    /// Takes the whole /usr/local away, the machine's own included.
+    /// Removes the whole /usr/local, the machine's own included.
     static void removeUsrLocal();
 };
 

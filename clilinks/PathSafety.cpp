@@ -24,7 +24,7 @@ using support::UniqueFd;
 constexpr int folderFlags = O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC;
 constexpr mode_t folderMode = 0755;
 
-/// The rule for one file or folder: nobody but administrators can write to it.
+/// A file or folder is safe if only administrators can write to it.
 bool isSafe(platform::Users& users, const struct stat& object) {
     const bool groupMayWrite = (object.st_mode & S_IWGRP) != 0;
     const bool othersMayWrite = (object.st_mode & S_IWOTH) != 0;
@@ -33,13 +33,13 @@ bool isSafe(platform::Users& users, const struct stat& object) {
            (!groupMayWrite || groupIsTrusted);
 }
 
-/// Opens a folder, or tells by errno why it can't.
+/// Opens a folder; errno says why it can't.
 UniqueFd openFolder(int parent, const char* name) {
     return UniqueFd(::openat(parent, name, folderFlags));
 }
 
-/// Makes a folder and opens it; one that somebody else has made meanwhile will do. Tells by errno
-/// why it can't.
+/// Makes a folder and opens it; errno says why it can't. A folder that somebody else has made
+/// meanwhile will do.
 UniqueFd makeFolder(int parent, const char* name) {
     const bool made = ::mkdirat(parent, name, folderMode) == 0;
     if (!made && errno != EEXIST) {
@@ -47,8 +47,8 @@ UniqueFd makeFolder(int parent, const char* name) {
     }
     UniqueFd folder = openFolder(parent, name);
     if (made && folder) {
-        // The umask may have taken bits away. A folder that is narrower than it should be, or that
-        // a power cut undoes, is no reason to give up.
+        // The umask may have removed bits. A folder with too narrow a mode, or one that a power cut
+        // undoes, is not a reason to give up.
         static_cast<void>(::fchmod(folder.get(), folderMode));
         static_cast<void>(::fsync(folder.get()));
         static_cast<void>(::fsync(parent));

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Which files and folders only administrators can change. What root links to, and the folder that
-// it links from, has to be of that kind: otherwise a link would hand root's hand to anyone.
+// Checks that only administrators can change a file or a folder. The tool that root links to and
+// the folder that it links from must pass: otherwise anyone could put a program in place of a tool
+// that others run.
 
 #pragma once
 
@@ -13,16 +14,16 @@
 
 namespace tarnvale::HelperCLISymlink {
 
-/// The first of the file at `path` and the folders above it, from the file up to "/", that
-/// somebody who isn't an administrator can change. Links in `path` are resolved first. Nothing
-/// when all of them are safe; a file that cannot be looked at is not.
+/// Goes from the file at `path` up to "/" and returns the first path that somebody who isn't an
+/// administrator can change; nothing if all are safe. Resolves links in `path` first. A file that
+/// can't be examined is not safe.
 std::optional<std::string> firstUnsafeAncestor(platform::Users& users, const std::string& path);
 
 enum class Create { no, yes };
 
-/// Opens /usr/local/bin, going down from /usr without following a link; every folder below /usr
-/// has to be safe. With `Create::yes` missing folders are made, with `Create::no` a missing one
-/// gives no descriptor. Throws `SymlinkError`.
+/// Opens /usr/local/bin, going down from /usr without following a link. Every folder below /usr
+/// must be safe. `Create::yes` creates missing folders; with `Create::no` the result is empty if
+/// one is missing. Throws `SymlinkError`.
 support::UniqueFd openBinDirectory(platform::Users& users, Create create);
 
 }  // namespace tarnvale::HelperCLISymlink

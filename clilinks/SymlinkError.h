@@ -9,12 +9,12 @@
 
 namespace tarnvale::HelperCLISymlink {
 
-/// what() is the whole sentence that the user reads.
+/// what() is the whole sentence for the user.
 class SymlinkError : public std::runtime_error {
 public:
     enum class Case { cliMissing, failed };
 
-    /// The application's copy has no tool where it was expected.
+    /// This copy of the application has no tool at the path.
     static SymlinkError cliMissing(const std::string& path);
 
     static SymlinkError failed(const std::string& message);

@@ -15,7 +15,7 @@
 namespace tarnvale::helperctl {
 namespace {
 
-/// Systems declare the function with types of their own for a group.
+/// Each system declares the function with its own type for a group.
 template <class Group>
 int initialiseGroups(int (*function)(const char*, Group), const char* user, gid_t group) {
     return function(user, static_cast<Group>(group));
@@ -36,7 +36,7 @@ void actAs(const std::string& userName) {
     }
     const uid_t user = entry->pw_uid;
     const gid_t group = entry->pw_gid;
-    // The user ID goes last: it takes the right to change the others along.
+    // The user ID comes last: without root's, the others can't be changed any more.
     if (initialiseGroups(::initgroups, userName.c_str(), group) != 0 || ::setgid(group) != 0 ||
         ::setuid(user) != 0) {
         const int error = errno;

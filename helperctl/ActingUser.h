@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Becoming the user that root wants to act for. The helper goes by the effective user ID that a
-// connection was made with.
+// Turns a process of root's into one of the user that root wants to act for. The helper judges a
+// connection by the effective user ID that it was made with.
 
 #pragma once
 
@@ -10,9 +10,8 @@
 namespace tarnvale::helperctl {
 
 /// Gives this process the user's IDs and groups, and none of root's, for good. Throws
-/// `std::runtime_error`, a sentence; the process may then be half changed and should end. The
-/// system lets no process of that user look into this one, as it lets none into a set-user-ID
-/// program.
+/// `std::runtime_error` with a sentence; the process may then be half changed and should end. As
+/// with a set-user-ID program, the system lets no process of that user look into this one.
 void actAs(const std::string& userName);
 
 }  // namespace tarnvale::helperctl

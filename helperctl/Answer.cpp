@@ -10,7 +10,7 @@
 namespace tarnvale::helperctl {
 namespace {
 
-/// A part of the answer under its heading, apart from what stands above it.
+/// Begins a part of the answer, set off from the text above it.
 void printHeading(const char* heading, std::ostream& output) {
     output << '\n' << heading << ":\n";
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What a command came to, and how it is printed: as text for people, or as one JSON object.
+// Holds the result of a command and prints it: as text for people, or as one JSON object.
 
 #pragma once
 
@@ -50,7 +50,7 @@ struct SkippedRules {
     bool operator==(const SkippedRules&) const = default;
 };
 
-/// The members are those of the JSON object; what a command has nothing to say for is left out.
+/// The members are those of the JSON object; a command leaves out those that don't concern it.
 struct Answer {
     std::optional<std::string> version;
     std::optional<std::string> report;
@@ -65,7 +65,7 @@ struct Answer {
     bool operator==(const Answer&) const = default;
 };
 
-/// An answer and the exit status that goes with it.
+/// An answer and its exit status.
 struct Outcome {
     int status = done;
     Answer answer;
@@ -73,10 +73,10 @@ struct Outcome {
     bool operator==(const Outcome&) const = default;
 };
 
-/// The outcome of what was refused or failed.
+/// The outcome of a command that was refused or failed.
 Outcome failure(std::string error, int status = refusedOrFailed);
 
-/// As text the results go to `output` and the error to `errors`; as JSON everything to `output`.
+/// As text, prints results to `output` and the error to `errors`; as JSON, everything to `output`.
 void print(const Answer& answer, Format format, std::ostream& output, std::ostream& errors);
 
 constexpr auto jsonMembers(std::type_identity<RefusedNetwork> /*type*/) {

@@ -15,7 +15,7 @@ namespace {
 class Parser {
 public:
     explicit Parser(Arguments& arguments) : arguments_(arguments) {
-        // Of the program and of each command the help is the same one page.
+        // The program and each of its commands print the same page of help.
         app_.formatter_fn([](const CLI::App* /*app*/, const std::string& /*name*/, auto /*mode*/) {
             return std::string(helpText);
         });
@@ -83,7 +83,7 @@ private:
         arguments_.format = word == "json" ? Format::json : Format::text;
     }
 
-    /// Which tags there are is the helper's to say.
+    /// Takes any number: the helper decides which tags are valid.
     void readTag(const std::string& text) {
         const auto tag = support::parseDecimal(text);
         if (!tag) {
@@ -99,16 +99,16 @@ private:
 
 }  // namespace
 
-std::variant<Arguments, Ending> parseArguments(int argc, const char* const* argv) {
+std::variant<Arguments, EarlyExit> parseArguments(int argc, const char* const* argv) {
     Arguments arguments;
     Parser parser(arguments);
     try {
         parser.parse(argc, argv);
         return arguments;
     } catch (const CLI::CallForHelp&) {
-        return Ending{.status = done, .output = std::string(helpText), .error = {}};
+        return EarlyExit{.status = done, .output = std::string(helpText), .error = {}};
     } catch (const CLI::ParseError& error) {
-        return Ending{
+        return EarlyExit{
             .status = usageError,
             .output = {},
             .error = std::string("tarnvale-helperctl: ") + error.what() +

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The command line of tarnvale-helperctl.
+// Reads the command line of tarnvale-helperctl.
 
 #pragma once
 
@@ -31,7 +31,7 @@ enum class Format { text, json };
 struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
-    std::optional<std::string> user;  ///< whom to act as
+    std::optional<std::string> user;  ///< the user to act as
     std::string file;                 ///< for `preview` and `apply`
     std::string name;                 ///< for `createVLAN` the display name
     std::int64_t tag = 0;
@@ -39,14 +39,14 @@ struct Arguments {
     std::string bsdName;  ///< for `deleteVLAN`
 };
 
-/// What there is to say instead of running a command: the help that was asked for, or what is wrong
-/// with the command line.
-struct Ending {
+/// What to print instead of running a command: the requested help, or what is wrong with the
+/// command line.
+struct EarlyExit {
     int status = 0;
     std::string output;
     std::string error;
 };
 
-std::variant<Arguments, Ending> parseArguments(int argc, const char* const* argv);
+std::variant<Arguments, EarlyExit> parseArguments(int argc, const char* const* argv);
 
 }  // namespace tarnvale::helperctl

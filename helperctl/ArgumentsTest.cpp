@@ -19,15 +19,15 @@ namespace {
 using testing::HasSubstr;
 using Words = std::vector<const char*>;
 
-std::variant<Arguments, Ending> parse(Words words) {
+std::variant<Arguments, EarlyExit> parse(Words words) {
     words.insert(words.begin(), "tarnvale-helperctl");
     return parseArguments(static_cast<int>(words.size()), words.data());
 }
 
-/// The arguments that these words are; empty for words that are none.
+/// The arguments that these words mean; empty arguments if they mean none.
 Arguments arguments(const Words& words) {
     const auto parsed = parse(words);
-    if (const auto* const ending = std::get_if<Ending>(&parsed)) {
+    if (const auto* const ending = std::get_if<EarlyExit>(&parsed)) {
         ADD_FAILURE() << ending->error << ending->output;
         return {};
     }
@@ -37,7 +37,7 @@ Arguments arguments(const Words& words) {
 /// What is wrong with these words.
 std::string problem(const Words& words) {
     const auto parsed = parse(words);
-    const auto* const ending = std::get_if<Ending>(&parsed);
+    const auto* const ending = std::get_if<EarlyExit>(&parsed);
     if (ending == nullptr) {
         return "nothing";
     }
@@ -159,7 +159,7 @@ TEST(ArgumentsTest, HelpsWhereverItIsAsked) {
           Words{"apply", "--help"}}) {
         const auto parsed = parse(words);
 
-        const auto* const ending = std::get_if<Ending>(&parsed);
+        const auto* const ending = std::get_if<EarlyExit>(&parsed);
         ASSERT_NE(ending, nullptr);
         EXPECT_EQ(ending->status, done);
         EXPECT_EQ(ending->output, helpText);

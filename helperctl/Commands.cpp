@@ -20,7 +20,7 @@ bool isChange(Command command) {
     return command != Command::version && command != Command::status && command != Command::preview;
 }
 
-/// The outcome of a request with a result, which goes into this member of the answer.
+/// The outcome of a request with a result, which becomes this member of the answer.
 Outcome withResult(std::optional<std::string> Answer::*member, ResultReply reply) {
     if (reply.error) {
         return failure(*std::move(reply.error));
@@ -30,12 +30,12 @@ Outcome withResult(std::optional<std::string> Answer::*member, ResultReply reply
     return outcome;
 }
 
-/// The outcome of a request without one.
+/// The outcome of a request without a result.
 Outcome withoutResult(OptionalText error) {
     return error ? failure(*std::move(error)) : Outcome{};
 }
 
-/// The file comes first: one that can't be read needs no helper.
+/// Reads the file first: if that fails, there is nothing to ask the helper.
 Outcome apply(const std::string& file, const Connect& connect) {
     const auto policyData = readPolicyFile(file);
     return withResult(&Answer::summary, connect()->applyFirewallWithPolicyData(policyData));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The commands of tarnvale-helperctl: who may run them, and what they do.
+// Runs the commands of tarnvale-helperctl, and says who may run them.
 
 #pragma once
 
@@ -17,12 +17,12 @@
 
 namespace tarnvale::helperctl {
 
-/// Why the command may not be run by this user; nothing when it may.
+/// Why this user may not run the command; nothing if the user may.
 std::optional<std::string> refusal(const Arguments& arguments, uid_t uid);
 
 using Connect = std::function<std::unique_ptr<platform::HelperClient>()>;
 
-/// Runs the command for the user that this process acts as. Whatever fails is in the outcome.
+/// Runs the command for the user that this process acts as. Reports any failure in the outcome.
 Outcome run(const Arguments& arguments, const Connect& connect);
 
 }  // namespace tarnvale::helperctl

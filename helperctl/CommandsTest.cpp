@@ -25,7 +25,7 @@ using Calls = std::vector<std::string>;
 
 const char* const path = "/tmp/policy.json";
 
-/// What the helper was asked, and what it replies to everything.
+/// The calls to the helper, and its one reply to everything.
 struct Conversation {
     Calls calls;
     OptionalText result;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What tarnvale-helperctl says of itself.
+// The page of help that tarnvale-helperctl prints.
 
 #pragma once
 

@@ -26,8 +26,8 @@ std::string readAll(int fd, const std::string& name) {
     std::size_t size = 0;
     while (true) {
         if (size == content.size()) {
-            // One byte more than there may be, to see whether there is more.
-            content.resize(std::min(std::max(2 * size, firstPiece), policyFileLimit + 1));
+            // One byte more than allowed, to notice a file that is too large.
+            content.resize(std::min(std::max(2 * size, firstPiece), maxPolicyFileSize + 1));
         }
         const auto count = ::read(fd, content.data() + size, content.size() - size);
         if (count < 0) {
@@ -41,7 +41,7 @@ std::string readAll(int fd, const std::string& name) {
             return content;
         }
         size += static_cast<std::size_t>(count);
-        if (size > policyFileLimit) {
+        if (size > maxPolicyFileSize) {
             fail(name, "it is larger than 64 MiB");
         }
     }

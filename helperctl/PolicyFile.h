@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The file of networks that a command is given.
+// Reads the file of networks that a command gets.
 
 #pragma once
 
@@ -9,11 +9,11 @@
 
 namespace tarnvale::helperctl {
 
-/// What one request can carry.
-inline constexpr std::size_t policyFileLimit = std::size_t{64} << 20U;  // bytes
+/// A request can't carry more.
+inline constexpr std::size_t maxPolicyFileSize = std::size_t{64} << 20U;  // bytes
 
-/// All bytes of the file, which need not be a regular one; "-" is standard input. Throws
-/// `std::runtime_error`, a sentence that names the file.
+/// All bytes of the file, which may also be a pipe or a device; "-" is standard input. Throws
+/// `std::runtime_error` with a sentence that names the file.
 std::string readPolicyFile(const std::string& path);
 
 }  // namespace tarnvale::helperctl

@@ -39,11 +39,11 @@ TEST(PolicyFileTest, ReadsAFileAsItIs) {
 
 TEST(PolicyFileTest, ReadsUpToWhatARequestCarries) {
     test::put(path, "");
-    fs::resize_file(path, policyFileLimit);
+    fs::resize_file(path, maxPolicyFileSize);
 
-    EXPECT_EQ(readPolicyFile(path).size(), policyFileLimit);
+    EXPECT_EQ(readPolicyFile(path).size(), maxPolicyFileSize);
 
-    fs::resize_file(path, policyFileLimit + 1);
+    fs::resize_file(path, maxPolicyFileSize + 1);
     EXPECT_THAT(
         [] { readPolicyFile(path); },
         ThrowsMessage<std::runtime_error>(

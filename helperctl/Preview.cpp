@@ -28,7 +28,7 @@ std::vector<RefusedNetwork> refusedNetworks(std::span<const Note> notes) {
     return networks;
 }
 
-/// Each network's name is said once: one long name may stand above many faulty rules.
+/// Names each network once: a network with a long name may have many faulty rules.
 std::vector<SkippedRules> skippedRules(std::span<const Note> notes) {
     std::vector<SkippedRules> networks;
     const std::string* lastName = nullptr;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What applying a policy would come to, found without the helper by the helper's own rules.
+// Finds out what applying a policy would result in. It asks no helper, but follows the helper's own
+// rules.
 
 #pragma once
 
@@ -14,8 +15,8 @@
 
 namespace tarnvale::helperctl {
 
-/// For a machine with these addresses on which nobody but this user has networks. Throws
-/// `HelperFirewall::HelperError`, as an apply does, for data that is no policy.
+/// The outcome on a machine with these addresses, where only this user has networks. Like an apply,
+/// throws `HelperFirewall::HelperError` for data that is not a policy.
 Outcome preview(
     std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts, uid_t uid);
 

@@ -23,7 +23,7 @@ using testing::ThrowsMessage;
 
 constexpr uid_t ada = 501;
 
-/// A network that is called by its number.
+/// A network whose name is its number.
 test::NetworkText network(
     int number, const std::string& subnet, const std::vector<test::RuleText>& rules = {}) {
     return {
@@ -37,7 +37,7 @@ support::Uuid idOf(int number) {
     return support::Uuid::parse(test::networkID(number)).value();
 }
 
-/// The ruleset without its first line, which says when it was made.
+/// The ruleset without its first line, which has the time.
 std::string rulesOf(const Outcome& outcome) {
     const auto& ruleset = outcome.answer.ruleset.value();
     return ruleset.substr(ruleset.find('\n') + 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// tarnvale-helperctl: the helper's companion on the command line.
+// tarnvale-helperctl: the helper's client for the command line.
 
 #include <exception>
 #include <iostream>
@@ -36,10 +36,10 @@ Outcome perform(const Arguments& arguments) {
 /// Prints what the command line asks for; returns the exit status.
 int answer(int argc, const char* const* argv) {
     const auto parsed = parseArguments(argc, argv);
-    if (const auto* const ending = std::get_if<Ending>(&parsed)) {
-        std::cout << ending->output;
-        std::cerr << ending->error;
-        return ending->status;
+    if (const auto* const early = std::get_if<EarlyExit>(&parsed)) {
+        std::cout << early->output;
+        std::cerr << early->error;
+        return early->status;
     }
     const auto& arguments = std::get<Arguments>(parsed);
     const auto outcome = perform(arguments);

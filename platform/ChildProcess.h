@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What systems do each in their own way to keep descriptors from child processes.
+// Keeps our descriptors from child processes, which each system does in its own way.
 
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace tarnvale::platform {
 
-/// Has the child get no descriptor beyond 0 to 2, whatever was inherited or opened by whom, and
-/// adds what that takes to the spawn attributes' `flags`. Returns 0 or an error number.
+/// Leaves the child only descriptors 0 to 2, no matter which others this process has. Adds to
+/// `flags`, the spawn attributes', what that takes. Returns 0 or an error number.
 int keepOtherDescriptors(posix_spawn_file_actions_t& actions, short& flags);
 
 }  // namespace tarnvale::platform

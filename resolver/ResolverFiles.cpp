@@ -22,7 +22,7 @@ std::string pathOf(std::string_view domain) {
     return std::string(resolverDirectory) + "/" + std::string(domain);
 }
 
-/// The text for one domain. "<vm>" is meant for the reader of the file.
+/// The text for one domain. "<vm>" is literal: people read the file.
 std::string contentFor(std::string_view domain) {
     return "# " + std::string(marker) + ": <vm>." + std::string(domain) +
            " names resolve to its VMs.\n"
@@ -33,7 +33,7 @@ std::string contentFor(std::string_view domain) {
            "timeout 2\n";
 }
 
-/// The marker is ASCII, so bytes that are not UTF-8 neither hide nor make it.
+/// The marker is ASCII, so bytes that are not UTF-8 can neither hide nor imitate it.
 bool isOurs(std::string_view content) {
     return content.find(marker) != std::string_view::npos;
 }
@@ -67,7 +67,7 @@ void installResolverFiles() {
         if (existing == content) {
             continue;
         }
-        // What is there and cannot be read, such as a folder, cannot be known as ours.
+        // Something that can't be read, such as a folder, can't be identified as ours.
         if (existing ? !isOurs(*existing) : isAnythingAt(path)) {
             helperLog("Left " + path + " alone: it wasn't installed by Tarnvale.");
             continue;

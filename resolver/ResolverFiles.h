@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The files in /etc/resolver that send queries for our two domains to the application's DNS proxy.
-// A file of ours is known by the marker in its text. What does not carry it is left as it is.
+// Installs and removes the files in /etc/resolver that send queries for our two domains to the
+// application's DNS proxy. A marker in its text identifies a file as ours; without it, a file stays
+// as it is.
 
 #pragma once
 
@@ -21,11 +22,11 @@ inline constexpr std::uint16_t dnsProxyPort = 5380;
 /// One file for each domain.
 std::vector<std::string> resolverFilePaths();
 
-/// Writes the files that are missing or outdated. Throws `support::FileError`; a file written
-/// before the error stays.
+/// Writes the files that are missing or outdated. Throws `support::FileError`; a file that was
+/// written before the error stays.
 void installResolverFiles();
 
-/// Removes the files; having none is success. Throws `support::FileError`.
+/// Removes our files, if any. Throws `support::FileError`.
 void removeResolverFiles();
 
 }  // namespace tarnvale::HelperResolver

@@ -337,8 +337,8 @@ TEST_F(ResolverFilesTest, StopsAtAFileThatCannotBeRemoved) {
     EXPECT_THAT(logMessages(), ElementsAre("Removed /etc/resolver/tvx."));
 }
 
-/// What a kill may leave of an operation: each file absent, old or new, whole and with its mode,
-/// beside temporary files that no resolver takes for a domain's.
+/// A kill leaves each file absent, old or new, whole and with its mode. Temporary files may stay
+/// beside them, but no resolver takes those for a domain's.
 void expectWholeFiles(const Files& old) {
     for (const auto& [name, content] : files()) {
         if (name.starts_with('.')) {

@@ -10,7 +10,7 @@
 
 namespace tarnvale::HelperVLAN {
 
-/// what() is the whole sentence that the user reads.
+/// what() is the whole sentence for the user.
 class VLANError : public std::runtime_error {
 public:
     enum class Case {
@@ -22,7 +22,7 @@ public:
         commitFailed,
     };
 
-    /// No interface that can carry a VLAN has the name.
+    /// No interface of that name can carry a VLAN.
     static VLANError noSuchPhysicalInterface(std::string_view parentBSD);
 
     /// No VLAN interface has the name.

@@ -28,7 +28,7 @@ std::unique_ptr<Session> openSession(platform::NetworkPreferences& preferences) 
     return session;
 }
 
-/// The first of the interfaces that has the name.
+/// The first of the interfaces with that name.
 std::optional<InterfaceID> interfaceNamed(
     std::string_view bsdName, const std::vector<InterfaceID>& interfaces, Session& session) {
     const auto found =
@@ -38,7 +38,7 @@ std::optional<InterfaceID> interfaceNamed(
     return found == interfaces.end() ? std::nullopt : std::optional(*found);
 }
 
-/// The record that the interface would have if the helper had made it.
+/// The record that the interface would have if the helper had created it.
 Record recordOf(InterfaceID vlan, std::string_view bsdName, Session& session) {
     const auto parent = session.parent(vlan);
     return {
@@ -53,7 +53,7 @@ void commitAndApply(Session& session) {
     }
 }
 
-/// Adds the record, in place of an older one with its name, and forgets the VLANs that are gone.
+/// Adds the record, replaces an older one of the same name, and forgets VLANs that are gone.
 void recordCreation(const Record& created, Session& session) {
     std::set<std::string, std::less<>> existing;
     for (const InterfaceID vlan : session.vlanInterfaces()) {
@@ -85,7 +85,7 @@ std::string create(
     if (!parent) {
         throw VLANError::noSuchPhysicalInterface(parentBSD);
     }
-    // Which tags are good is for the system to say.
+    // The system decides which tags are valid.
     const auto vlan = session->createVLAN(*parent, tag);
     if (!vlan) {
         throw VLANError::createFailed();
@@ -93,7 +93,7 @@ std::string create(
 
     const auto displayName = support::trimWhitespace(name);
     if (!displayName.empty()) {
-        // A VLAN that is shown under its BSD name is as good a VLAN.
+        // A VLAN that is shown under its BSD name works just as well.
         static_cast<void>(session->setDisplayName(*vlan, displayName));
     }
 
@@ -118,7 +118,7 @@ void deleteVLAN(platform::NetworkPreferences& preferences, std::string_view bsdN
         throw VLANError::notFound(bsdName);
     }
 
-    // The name alone is no proof: it is given again when another VLAN is set up by hand.
+    // The name alone proves nothing: the system gives it again to a VLAN that is set up by hand.
     const auto deleted = recordOf(*vlan, bsdName, *session);
     auto records = loadRecords();
     if (std::find(records.begin(), records.end(), deleted) == records.end()) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// VLAN interfaces on this machine's physical interfaces. Only a VLAN that the helper made is ever
-// deleted; what somebody else set up stays as it is.
+// Creates and deletes VLAN interfaces on this machine's physical interfaces. The helper deletes
+// only VLANs that it created; those that somebody else set up stay.
 
 #pragma once
 
@@ -13,9 +13,9 @@
 
 namespace tarnvale::HelperVLAN {
 
-/// Makes a VLAN with the given tag on the interface `parentBSD` and records it as ours. It is shown
-/// under `name`, less the blanks around it; under none when nothing is left. Returns the BSD name
-/// of the new interface, empty when the system gave it none. Throws `VLANError`.
+/// Creates a VLAN with the given tag on the interface `parentBSD` and records it as ours. Its
+/// display name is `name` without the blanks around it; if nothing is left, it gets none. Returns
+/// the BSD name of the new interface, empty if the system gave it none. Throws `VLANError`.
 std::string create(
     platform::NetworkPreferences& preferences,
     std::string_view name,

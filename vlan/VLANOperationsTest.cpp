@@ -32,12 +32,12 @@ using testing::IsEmpty;
 constexpr const char* folder = "/Library/Application Support/Tarnvale";
 constexpr const char* recordFile = "/Library/Application Support/Tarnvale/vlans.json";
 
-/// The whole record; empty when there is none.
+/// The whole record; empty if there is none.
 std::string recorded() {
     return test::exists(recordFile) ? test::contentOf(recordFile) : "";
 }
 
-/// Steps that fail, and what the first of them in the operation's order comes to.
+/// Steps that fail, and the sentence of the first of them in the operation's order.
 struct FailingSteps {
     std::set<Step> steps;
     Step first;
@@ -201,7 +201,7 @@ TEST_F(VLANCreateTest, StopsAtTheFirstStepThatFails) {
 
         EXPECT_EQ(failureOf([&] { create(preferences, "Lab", 5, "en0"); }), failure);
 
-        // Nothing is undone: what was committed stays, though it is not in effect.
+        // Nothing is undone: the committed change stays, although it is not in effect.
         EXPECT_EQ(preferences.saved.size(), first == Step::apply ? 1U : 0U);
         EXPECT_THAT(preferences.inEffect, IsEmpty());
         EXPECT_EQ(preferences.attemptsToApply, first == Step::apply ? 1 : 0);
@@ -336,7 +336,7 @@ protected:
         return failureOf([&] { deleteVLAN(preferences, bsdName); });
     }
 
-    /// Expects that "vlan0" is not taken for the helper's own.
+    /// Expects that the helper doesn't take "vlan0" for its own.
     void expectRefusal() {
         const auto vlans = preferences.saved;
         const auto before = recorded();

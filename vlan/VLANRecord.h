@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The list of the VLANs that the helper made. The system does not remember who made a VLAN; the
-// helper does, so that it deletes none but its own. A list that cannot be read counts as empty:
-// nothing is ours then.
+// Remembers which VLANs the helper created, so that it deletes only those: the system itself
+// doesn't know who created a VLAN. A list that can't be read counts as empty; then no VLAN is ours.
 
 #pragma once
 
@@ -16,7 +15,7 @@
 
 namespace tarnvale::HelperVLAN {
 
-/// One VLAN that the helper made.
+/// One VLAN that the helper created.
 struct Record {
     std::string bsdName;    ///< as the system named it, such as "vlan0"
     std::int64_t tag = 0;   ///< its 802.1Q tag
@@ -32,12 +31,12 @@ constexpr auto jsonMembers(std::type_identity<Record> /*of*/) {
         support::JsonMember{"parentBSD", &Record::parentBSD}};
 }
 
-/// The records in "vlans.json", oldest first; none when there is no such file or when any part of
-/// it is not as it should be.
+/// The records in "vlans.json", oldest first. A missing file, or one with any fault in it, holds
+/// none.
 std::vector<Record> loadRecords();
 
-/// Makes the records the content of "vlans.json", readable by root only. A failure is logged: the
-/// change that is being recorded has been made and stands.
+/// Writes the records to "vlans.json", which only root can read. Logs a failure instead of
+/// throwing: the change to the system has been made and stands.
 void saveRecords(const std::vector<Record>& records);
 
 }  // namespace tarnvale::HelperVLAN

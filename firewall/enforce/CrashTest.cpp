@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The operations, killed before each of their system calls in turn. What they leave is old or new,
-// never a mixture; the hidden files that killed writes leave do no harm; and the next re-apply
-// enforces what the store says.
+// Kills the operations before each of their system calls in turn. What they leave is old or new,
+// never a mixture; the hidden files of killed writes do no harm; and the next re-apply enforces
+// what the store says.
 
 #include <cerrno>
 #include <compare>
@@ -41,7 +41,7 @@ constexpr const char* pfConfPath = "/etc/pf.conf";
 constexpr const char* oldPfConf = "anchor \"com.tarnvale.firewall\"\nset skip on lo0\n";
 constexpr const char* newPfConf = "set skip on lo0\n";
 
-/// The file's content, times in it replaced by one word; nothing when it is missing.
+/// The file's content with every time replaced by one word; nothing if it is missing.
 std::optional<std::string> contentAt(const std::string& path) {
     if (!exists(path)) {
         return std::nullopt;
@@ -50,7 +50,7 @@ std::optional<std::string> contentAt(const std::string& path) {
     return std::regex_replace(test::contentOf(path), times, "TIME");
 }
 
-/// What there is to see of the firewall.
+/// Everything that an operation leaves to see.
 struct State {
     std::optional<std::string> store;
     std::optional<std::string> ruleset;
@@ -71,7 +71,7 @@ struct State {
     auto operator<=>(const State&) const = default;
 };
 
-/// Waits for the children of a killed process, which are this process's then.
+/// Waits for the children of a killed process, which this process has inherited.
 void waitForOrphans() {
     while (::wait(nullptr) >= 0 || errno == EINTR) {
     }
@@ -80,7 +80,7 @@ void waitForOrphans() {
 class CrashTest : public testing::Test {
 protected:
     CrashTest() {
-        // Of ScriptedPfctl's abilities none is needed here, hundreds of times.
+        // Plainer than ScriptedPfctl, because it runs hundreds of times.
         put("/sbin/pfctl",
             "#!/bin/sh\n"
             "case \"$*\" in\n"
@@ -92,7 +92,7 @@ protected:
         fs::permissions("/sbin/pfctl", fs::perms(0755));
     }
 
-    /// Brings about the state before and the state after `operation`, then kills it everywhere.
+    /// Notes the states before and after `operation`, then kills it everywhere.
     void killEverywhere(
         const std::function<void()>& arrange, const std::function<void()>& operation) {
         arrange();

@@ -59,7 +59,7 @@ std::string withoutLegacyLines(std::string_view text) {
     return kept;
 }
 
-/// Keeps the file as it was before the first clean-up, readable for nobody whom it wasn't for.
+/// Keeps a copy from before the first clean-up. It has the original's mode, so nobody gains access.
 void backUp(const std::string& text) {
     const std::string path = std::string(appSupportDirectory) + "/pf.conf.before-tarnvale-cleanup";
     struct stat info {};
@@ -73,7 +73,7 @@ void backUp(const std::string& text) {
     });
 }
 
-/// Takes the lines that name the old anchor out of /etc/pf.conf.
+/// Removes the lines that name the old anchor from /etc/pf.conf.
 void cleanUpPfConf() {
     const auto text = readPfConf();
     if (!isNamedIn(text)) {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// Earlier versions had an anchor of their own that /etc/pf.conf referred to. This removes every
-// trace of it, and is harmless when there is none.
+// Removes every trace of the anchor that earlier versions used and /etc/pf.conf referred to. It is
+// harmless when there is none.
 
 #pragma once
 
 namespace tarnvale::HelperFirewall {
 
-/// Never fails: what can't be cleaned up now is tried again at the next load. The file as it was
+/// Never fails: the next load tries again what can't be cleaned up now. A copy of /etc/pf.conf from
 /// before the first clean-up stays in the support folder.
 void removeLegacyAnchor();
 

@@ -35,8 +35,8 @@ using NetworkFirewall::Review;
 using support::FileError;
 using support::MutexLock;
 
-/// Held for the whole of each operation. Never destroyed: a request may be at work while the
-/// process ends.
+/// Held for the whole of each operation. Never destroyed, because a request may still be at work
+/// when the process ends.
 support::Mutex& firewallLock() {
     static auto& lock = *new support::Mutex;
     return lock;
@@ -46,7 +46,7 @@ std::string rulesetPath() {
     return std::string(appSupportDirectory) + "/firewall.pf.conf";
 }
 
-/// Merges all users' lists, says in the log which networks that leaves out, and reviews the rest.
+/// Merges all users' lists, logs which networks that leaves out, and reviews the rest.
 Review reviewAll(PolicyStore store, std::span<const HostAddress> hosts) {
     auto merged = NetworkFirewall::mergedPolicies(std::move(store));
     for (const auto& claim : merged.dropped) {
@@ -55,8 +55,8 @@ Review reviewAll(PolicyStore store, std::span<const HostAddress> hosts) {
     return NetworkFirewall::review(std::move(merged.policies), hosts);
 }
 
-/// Kills the connections' states of those subnets that are enforced: what an older list passed
-/// would go on passing.
+/// Kills the states of connections with those of the subnets that are enforced. Otherwise pf would
+/// go on passing connections that an older list allowed.
 void resetStates(
     std::span<const FirewallNetworkPolicy> enforceable, std::span<const std::string> subnets) {
     if (subnets.empty()) {
@@ -74,7 +74,7 @@ void resetStates(
 }
 
 /// Writes and loads the ruleset for these networks; returns the summary for all users. Throws
-/// `HelperError` or `FileError`; the anchor then holds what it held.
+/// `HelperError` or `FileError`, and then leaves the anchor as it was.
 std::string loadAnchor(const Review& all, std::span<const std::string> resetSubnets) {
     support::makeFolders(appSupportDirectory);
     const auto path = rulesetPath();
@@ -90,7 +90,8 @@ std::string loadAnchor(const Review& all, std::span<const std::string> resetSubn
     return summary;
 }
 
-/// A file that is not there any more is as good as deleted.
+/// Removes the file if it can. Nothing is enforced any more, so a file that stays is only a
+/// leftover.
 void removeIfThere(const std::string& path) {
     try {
         support::removeFile(path);

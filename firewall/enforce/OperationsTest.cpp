@@ -132,7 +132,7 @@ TEST_F(OperationsTest, KillsTheStatesOfEverySubnetOfAListThatChanged) {
 }
 
 TEST_F(OperationsTest, KillsNoStatesOfASubnetThatIsNotEnforced) {
-    // Another user's network, whose firewall is off, holds it: that user's clock was ahead.
+    // Another user's network, whose firewall is off, holds the subnet: it was applied "later".
     put(storePath,
         test::storeText(
             {{.key = "502", .networks = {{.number = 64, .enabled = false}}, .appliedAt = "9e9"}}));

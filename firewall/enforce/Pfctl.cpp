@@ -20,7 +20,7 @@ using NetworkFirewall::anchorName;
 constexpr int maxAttempts = 6;
 constexpr std::chrono::milliseconds busyDelay{400};
 
-/// pfctl prints these whatever it does.
+/// Lines with these texts are not errors: pfctl prints them with any load.
 constexpr std::array<std::string_view, 5> notices = {
     "Use of -f option",
     "present in the main ruleset",

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The command lines by which the helper has the packet filter changed and asked, and what pfctl's
-// output means. The helper touches pf in no other way.
+// Runs pfctl to change the packet filter or to ask it, and reads its output. The helper touches pf
+// in no other way.
 
 #pragma once
 
@@ -23,28 +23,28 @@ inline constexpr const char* legacyAnchorName = "com.tarnvale.firewall";
 /// Runs pfctl with these arguments.
 CommandResult runPfctl(const std::vector<std::string>& arguments);
 
-/// Standard output and standard error, each trimmed of white space and line ends, the empty ones
-/// left out, joined by a line feed.
+/// Standard output and standard error, each trimmed of white space and line ends, joined by a line
+/// feed. An empty one is left out.
 std::string combinedOutput(const CommandResult& result);
 
-/// What `combinedOutput` says without the notices that pfctl always prints; all of it, trimmed,
-/// when there is nothing else.
+/// The output without the notices that pfctl always prints; if it has nothing else, all of it,
+/// trimmed.
 std::string pfctlMessage(std::string_view output);
 
-/// Loads the file into the helper's anchor, again and again while pf is busy, up to six times in
-/// all. Throws `HelperError` when pfctl refuses it.
+/// Loads the file into the helper's anchor. While pf is busy it tries again, six times in all.
+/// Throws `HelperError` when pfctl refuses the file.
 void loadRulesetFile(const std::string& path);
 
 void enablePf();
 
-/// Kills the states of connections from the subnet, and of those from anywhere to it.
+/// Kills the states of connections from the subnet and to it.
 void killStates(const std::string& subnetCIDR);
 
 void flushAnchor();
 
 void flushLegacyAnchor();
 
-/// What `-si` prints: whether pf is enabled, and its counters.
+/// Whether pf is enabled, and its counters, as `-si` prints them.
 CommandResult pfStatus();
 
 /// The anchor's rules with their counters.

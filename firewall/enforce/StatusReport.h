@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What pf is doing and what the helper's anchor holds, for people to read.
+// Reports to people what pf is doing and what the helper's anchor holds.
 
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace tarnvale::HelperFirewall {
 
-/// The report, without a final line feed. It asks pf alone, takes no lock and never fails: what
-/// pfctl has to complain about stands in the anchor's place.
+/// The report, without a final line feed. Asks only pf, takes no lock and never fails: pfctl's
+/// complaints appear in place of the anchor's rules.
 std::string statusReport();
 
 }  // namespace tarnvale::HelperFirewall

@@ -19,7 +19,7 @@ using support::UniqueFd;
 
 namespace {
 
-/// Whether the store's name still stands for the opened file.
+/// Whether the opened file is still the one at the store's path.
 bool isStore(const UniqueFd& file) {
     struct stat opened {};
     struct stat named {};
@@ -46,7 +46,7 @@ UniqueFd lockStore() {
                 return {};
             }
         }
-        // Whoever held it before us may have put a new file in its place, or none.
+        // Whoever held the lock before us may have replaced or removed the file.
         if (isStore(file)) {
             return file;
         }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The file in which the policy store outlives requests, restarts and reboots. Who reads or writes
-// it holds the firewall lock, and the store's own lock against other processes.
+// Keeps the policy store in a file, so that it survives requests, restarts and reboots. Whoever
+// reads or writes it holds the firewall lock and, against other processes, the store's own lock.
 
 #pragma once
 
@@ -16,16 +16,15 @@ namespace tarnvale::HelperFirewall {
 /// "firewall-policies.json" in the support folder.
 const std::string& storePath();
 
-/// Keeps other processes' operations out until it is closed: `--reapply` may run beside the
-/// service. The lock is on the store's file, which nobody but root can open, so nobody else can
-/// hold it. Without a file there is nothing that two processes could work on, and no lock.
+/// Keeps other processes' operations out until the descriptor is closed: `--reapply` may run beside
+/// the service. The lock is on the store's file, which only root can open, so nobody else can hold
+/// it. If there is no file, two processes have nothing to share, and the result is empty.
 support::UniqueFd lockStore();
 
-/// What is stored; the empty store when the file cannot be read, or cannot be decoded, which is
-/// logged.
+/// What is stored. The store is empty if the file can't be read or decoded; the latter is logged.
 NetworkFirewall::PolicyStore loadStore();
 
-/// Writes the file for good, with mode 0600. Throws `support::FileError` or `support::JsonError`.
+/// Writes the file durably, with mode 0600. Throws `support::FileError` or `support::JsonError`.
 void saveStore(const NetworkFirewall::PolicyStore& store);
 
 }  // namespace tarnvale::HelperFirewall

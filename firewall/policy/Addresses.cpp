@@ -18,11 +18,11 @@ namespace {
 
 constexpr IPv4Address virtualNetworks = {192, 168, 0, 0};
 constexpr int virtualNetworksPrefixLength = 16;
-constexpr int shortestSubnetPrefix = 20;
-constexpr int longestSubnetPrefix = 30;
+constexpr int minSubnetPrefix = 20;
+constexpr int maxSubnetPrefix = 30;
 
-constexpr std::int64_t firstPort = 1;
-constexpr std::int64_t lastPort = 65535;
+constexpr std::int64_t minPort = 1;
+constexpr std::int64_t maxPort = 65535;
 
 void appendNumber(std::string& out, unsigned number) {
     std::array<char, 10> digits{};
@@ -63,7 +63,7 @@ std::optional<int> parsePrefixLength(std::string_view text) {
 }
 
 std::optional<std::uint16_t> parsePort(std::string_view text) {
-    const auto port = support::parseDecimal(text, firstPort, lastPort);
+    const auto port = support::parseDecimal(text, minPort, maxPort);
     return port ? std::optional(static_cast<std::uint16_t>(*port)) : std::nullopt;
 }
 
@@ -120,8 +120,8 @@ bool prefixMatches(std::span<const std::uint8_t> a, std::span<const std::uint8_t
 
 std::optional<CIDR> parseSubnet(std::string_view text) {
     auto subnet = parseCIDR(text);
-    if (!subnet || subnet->prefixLength < shortestSubnetPrefix ||
-        subnet->prefixLength > longestSubnetPrefix ||
+    if (!subnet || subnet->prefixLength < minSubnetPrefix ||
+        subnet->prefixLength > maxSubnetPrefix ||
         !prefixMatches(subnet->address, virtualNetworks, virtualNetworksPrefixLength)) {
         return std::nullopt;
     }

@@ -280,8 +280,8 @@ TEST(AddressesTest, LooksAtPortsOnlyWhereTheyMatter) {
     EXPECT_THAT(portsOfRule(Proto::icmp, "abc"), Optional(Ports{}));
 }
 
-// From here on: random texts against slow models of the same rules, made of regular expressions,
-// integers and bit strings. Leading zeros in an address are left out, on which systems differ.
+// From here on, random texts are compared with slow models of the same rules, made of regular
+// expressions, integers and bit strings. No address has leading zeros: systems differ on them.
 
 class AddressesPropertyTest : public testing::Test {
 protected:
@@ -436,7 +436,7 @@ TEST_F(AddressesPropertyTest, ReadsPortsAsRegularExpressionsDo) {
     int understood = 0;
     for (int round = 0; round < rounds; ++round) {
         const std::string text = ports();
-        // A blank inside is no part of a number: it becomes a letter before blanks separate.
+        // A blank inside a number is an error, but would separate below: a letter takes its place.
         std::string pieces = std::regex_replace(trimmedByRegex(text), std::regex(" "), "x");
         pieces = trimmedByRegex(std::regex_replace(pieces, separators, " "));
         std::string expected = "nothing";

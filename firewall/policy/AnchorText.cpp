@@ -19,9 +19,9 @@ using Action = FirewallRule::Action;
 using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
 
-// Roughly what a rule and a network's other lines come to, so that the text grows seldom.
-constexpr std::size_t usualRuleLength = 96;
-constexpr std::size_t usualNetworkLength = 640;
+// Roughly the length of a rule and of a network's other lines: reserving it avoids reallocations.
+constexpr std::size_t typicalRuleLength = 96;
+constexpr std::size_t typicalNetworkLength = 640;
 
 template <class... Pieces>
 void appendLine(std::string& out, const Pieces&... pieces) {
@@ -29,7 +29,7 @@ void appendLine(std::string& out, const Pieces&... pieces) {
     out += '\n';
 }
 
-/// How each line of a rule names its protocol. An empty text stands for any protocol.
+/// The protocol part of each line of a rule; an empty one matches any protocol.
 std::span<const std::string_view> protocolTexts(Proto proto, bool hasPorts) {
     static constexpr std::array<std::string_view, 4> texts = {
         " proto tcp", " proto udp", " proto icmp", ""};
@@ -125,11 +125,11 @@ void appendNetwork(
     out += '\n';
 }
 
-std::size_t usualLength(std::span<const FirewallNetworkPolicy> policies) {
-    std::size_t length = usualNetworkLength;
+std::size_t estimatedLength(std::span<const FirewallNetworkPolicy> policies) {
+    std::size_t length = typicalNetworkLength;
     for (const FirewallNetworkPolicy& network : policies) {
-        length += usualNetworkLength + network.name.size() +
-                  usualRuleLength * network.policy.rules.size();
+        length += typicalNetworkLength + network.name.size() +
+                  typicalRuleLength * network.policy.rules.size();
     }
     return length;
 }
@@ -140,7 +140,7 @@ std::string anchorText(
     std::span<const FirewallNetworkPolicy> policies,
     std::chrono::system_clock::time_point generatedAt) {
     std::string text;
-    text.reserve(usualLength(policies));
+    text.reserve(estimatedLength(policies));
     appendLine(
         text, "# Tarnvale network firewall — generated ", support::iso8601(generatedAt), ".");
     appendLine(
@@ -164,7 +164,7 @@ std::vector<std::string> ruleLines(const FirewallRule& rule, std::string_view su
     for (const std::string_view line : support::split(text, '\n')) {
         lines.emplace_back(line);
     }
-    lines.pop_back();  // the text ends in a line feed, behind which there is nothing
+    lines.pop_back();  // the empty piece behind the last line feed
     return lines;
 }
 

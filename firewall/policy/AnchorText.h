@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The text of the pf ruleset that the helper loads into its anchor. It is written from the host's
-// side of the virtual networks' bridges: what goes to the machines leaves the host ("out"), what
-// comes from them enters it ("in"). Every line is "quick", so the order of lines is precedence.
+// Writes the pf ruleset that the helper loads into its anchor. Rules take the host's side of the
+// virtual networks' bridges: traffic to the machines leaves the host ("out"), traffic from them
+// enters it ("in"). Every line is "quick", so an earlier line takes precedence over a later one.
 
 #pragma once
 
@@ -25,8 +25,8 @@ std::string anchorText(
     std::span<const FirewallNetworkPolicy> policies,
     std::chrono::system_clock::time_point generatedAt);
 
-/// The lines for one rule of the network on the canonical `subnet`: none when the rule's texts
-/// don't parse, else one or two. Whether the rule is enabled is the caller's business.
+/// The one or two lines for a rule of the network on the canonical `subnet`; none if the rule's
+/// texts don't parse. Ignores whether the rule is enabled: the caller has decided that.
 std::vector<std::string> ruleLines(const FirewallRule& rule, std::string_view subnet);
 
 }  // namespace tarnvale::NetworkFirewall

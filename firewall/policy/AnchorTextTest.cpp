@@ -56,7 +56,7 @@ FirewallNetworkPolicy network(
     return made;
 }
 
-/// The text behind its first line, which has the time.
+/// The text without its first line, which has the time.
 std::string withoutTime(const std::string& text) {
     return text.substr(text.find('\n') + 1);
 }
@@ -273,7 +273,7 @@ TEST(AnchorTextTest, WritesARulesLinesWhetherOrNotItIsEnabled) {
         ruleLines(off, subnet), ElementsAre("block drop out quick from any to 192.168.64.0/24"));
 }
 
-/// The lines of a rule, put together from words where the code appends to a text.
+/// The lines of a rule, written in another way than the code writes them.
 std::vector<std::string> slowRuleLines(const FirewallRule& rule) {
     const auto remote = normalizedRemote(rule.remoteCIDR);
     const bool hasPorts = rule.proto != Proto::icmp && !support::trimWhitespace(rule.ports).empty();
@@ -362,7 +362,7 @@ TEST(AnchorTextPropertyTest, WritesEveryLineOfEveryRule) {
             bare.policy.rules.clear();
             const std::string frame =
                 withoutTime(anchorText(std::vector{bare}, generatedAt)).substr(heading.size());
-            // The two defaults and the empty line stand behind the rules.
+            // The two defaults and the empty line follow the rules.
             std::size_t place = frame.size() - 1;
             for (int line = 0; line < 2; ++line) {
                 place = frame.rfind('\n', place - 2) + 1;

@@ -8,7 +8,7 @@ namespace tarnvale {
 
 namespace {
 
-/// Folds the hashes of fields into one, in their order.
+/// Combines the hashes of fields into one that depends on their order.
 class Hasher {
 public:
     template <class Field>

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The records in which the application describes, for each virtual network, the firewall that the
-// helper is to enforce. They hold what was sent, untrimmed and unjudged; what the texts mean is
-// decided where they are used.
+// The records in which the application describes the firewall of each virtual network. They hold
+// its texts exactly as sent; Addresses.h and Problems.h decide what the texts mean.
 
 #pragma once
 
@@ -39,7 +38,7 @@ struct FirewallRule {
     bool operator==(const FirewallRule&) const = default;
 };
 
-/// The word that stands for the value in JSON: "inbound", "deny", "icmp".
+/// The value's word in JSON: "inbound", "deny", "icmp".
 constexpr const char* rawValue(FirewallRule::Direction direction) {
     return direction == FirewallRule::Direction::inbound ? "inbound" : "outbound";
 }
@@ -75,12 +74,12 @@ struct NetworkFirewallPolicy {
     bool operator==(const NetworkFirewallPolicy&) const = default;
 };
 
-/// One virtual network with its policy, as the application sends it and the store keeps it.
+/// One virtual network with its firewall, as the application sends it and the store keeps it.
 struct FirewallNetworkPolicy {
     support::Uuid networkID;
     std::string name;        ///< the display name, any text
     std::string subnetCIDR;  ///< as the application knows it, such as "192.168.64.0/24"
-    std::optional<std::string> gatewayIPv4;  ///< the host's address there, where the DNS proxy is
+    std::optional<std::string> gatewayIPv4;  ///< the host's address there; the DNS proxy's too
     bool dnsProxyEnabled = false;            ///< whether the machines use that proxy
     NetworkFirewallPolicy policy;
 
@@ -89,7 +88,7 @@ struct FirewallNetworkPolicy {
 
 }  // namespace tarnvale::NetworkFirewall
 
-/// Hashes go field by field, as equality does.
+/// Like equality, the hash takes in every field.
 template <>
 struct std::hash<tarnvale::NetworkFirewall::FirewallRule> {
     std::size_t operator()(const tarnvale::NetworkFirewall::FirewallRule& rule) const noexcept;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Why a firewall operation failed, in the text that the user reads. It stands among the policy's
-// sentences because a preview reports what an apply would report.
+// Why a firewall operation failed, in the words that the user reads. The error lies here, below the
+// operations, because a preview fails with the same words as an apply.
 
 #pragma once
 
@@ -20,11 +20,11 @@ public:
     /// The policy could not be read; `description` is the decoder's.
     static HelperError decodeFailed(std::string_view description);
 
-    /// The ruleset could not be loaded; `message` is what pfctl said of it.
+    /// The ruleset could not be loaded; `message` is pfctl's.
     static HelperError pfctlFailed(std::string_view message);
 
-    /// `applied` is the summary of what is in force, `refused` has a line for each network that is
-    /// not.
+    /// Some networks are not enforced: `applied` is the summary of the rest, `refused` has a line
+    /// for each of them.
     static HelperError networksRefused(
         std::string_view applied, std::span<const std::string> refused);
 

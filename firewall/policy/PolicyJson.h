@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The JSON form of the firewall records, as the application sends them and the store keeps them:
-// objects whose members bear the names of the fields. Nothing is trimmed, and but for "gatewayIPv4"
-// every member has to be there.
+// Reads the JSON in which the application sends its networks; the store keeps them in the same
+// form. Each record is an object whose members are named like its fields. Every member but
+// "gatewayIPv4" is required, and texts are taken as they are.
 
 #pragma once
 
@@ -16,12 +16,12 @@
 
 namespace tarnvale::NetworkFirewall {
 
-/// The networks of a UTF-8 JSON array. Throws `support::JsonError`, which says what was wrong and
+/// The networks of a UTF-8 JSON array. Throws `support::JsonError`, which says what is wrong and
 /// where.
 std::vector<FirewallNetworkPolicy> decodePolicies(std::string_view json);
 
-/// The same for what a user wants enforced. Throws `HelperFirewall::HelperError` with the sentence
-/// for that user.
+/// The same for data that a user wants enforced. Throws `HelperFirewall::HelperError` instead, with
+/// the sentence for that user.
 std::vector<FirewallNetworkPolicy> decodePolicyData(std::string_view policyData);
 
 constexpr auto jsonCases(std::type_identity<FirewallRule::Direction> /*type*/) {

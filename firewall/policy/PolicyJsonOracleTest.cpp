@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Whole policy documents, damaged at random: what we read from them is what another JSON reader and
-// a plain mapping of its values make of them.
+// Reads policy documents that were damaged at random, and compares the result with that of another
+// JSON reader and a plain mapping of its values.
 
 #include <algorithm>
 #include <optional>
@@ -87,7 +87,7 @@ FirewallNetworkPolicy network(const json& value) {
     return network;
 }
 
-/// What the other reader makes of the text; nothing where that is no list of networks.
+/// What the other reader makes of the text; nothing if that is not a list of networks.
 std::optional<std::vector<FirewallNetworkPolicy>> oracle(const std::string& damaged) {
     try {
         const json parsed = json::parse(damaged);
@@ -101,7 +101,7 @@ std::optional<std::vector<FirewallNetworkPolicy>> oracle(const std::string& dama
     }
 }
 
-/// Whether the two readers may differ: it takes the last of equal keys and a NUL for the end.
+/// Whether the readers may differ: the other one takes the last of equal keys, and ends at a NUL.
 bool isBeyondTheOracle(const std::string& damaged) {
     bool isBeyond = damaged.find('\0') != std::string::npos;
     std::vector<std::set<std::string>> keys;

@@ -27,7 +27,7 @@ constexpr auto jsonMembers(std::type_identity<PolicyStore> /*type*/) {
 
 namespace {
 
-/// Whether any network of one list is, by its ID, in the other one as well.
+/// Whether some network's ID is in both lists.
 bool haveNetworkInCommon(
     std::span<const FirewallNetworkPolicy> a, std::span<const FirewallNetworkPolicy> b) {
     std::vector<support::Uuid> ids;
@@ -39,7 +39,7 @@ bool haveNetworkInCommon(
     });
 }
 
-/// The networks in the order of their IDs; those with the same one stay in the list's order.
+/// The networks sorted by ID; those with the same ID stay in the list's order.
 std::vector<const FirewallNetworkPolicy*> sortedByID(
     const std::vector<FirewallNetworkPolicy>& policies) {
     std::vector<const FirewallNetworkPolicy*> sorted;

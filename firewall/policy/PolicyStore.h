@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Every user's list of networks as it was last applied. What is enforced is a function of this
-// record and of the host's interfaces alone.
+// The store remembers, for every user, the list of networks that was last applied. This record and
+// the addresses of the host's interfaces alone determine what is enforced.
 
 #pragma once
 
@@ -19,7 +19,7 @@
 
 namespace tarnvale::NetworkFirewall {
 
-/// The owner of networks from the time before the store was kept per user.
+/// Owns the networks that were stored before the store was kept per user.
 inline constexpr std::string_view legacyOwner = "legacy";
 
 struct Entry {
@@ -40,14 +40,14 @@ struct PolicyStore {
 /// `support::JsonError` when a date is not a finite number.
 std::string encodeStore(const PolicyStore& store);
 
-/// Reads that JSON, or the older form, a bare array of networks, which become `legacyOwner`'s.
-/// Nothing when it is neither.
+/// Reads that JSON, or the older form: a bare array of networks, which become `legacyOwner`'s. No
+/// result for anything else.
 std::optional<PolicyStore> decodeStore(std::string_view data);
 
 /// Makes `policies` the owner's list in `store`; an empty list removes the owner. The legacy list
-/// goes when the user at the console applies anything, or when any user applies one of its
+/// is dropped when the user at the console applies anything, or when any user applies one of its
 /// networks. Returns the list that this one replaces, for `samePolicies`: the owner's own, or the
-/// legacy list where the owner had none and adopts it.
+/// legacy list if the owner had none and adopts it.
 std::vector<FirewallNetworkPolicy> setPolicies(
     PolicyStore& store,
     std::string_view ownerKey,

@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::string_view bridgePrefix = "bridge";
 
-/// The system numbers the bridges of virtual networks from 100; lower ones are the user's own.
-constexpr std::int64_t lastBridgeOfUsers = 99;
+/// The system numbers the bridges of virtual networks from 100 on; lower ones are the user's own.
+constexpr std::int64_t maxUserBridge = 99;
 
 std::string quoted(std::string_view text) {
     std::string quotedText;
@@ -31,7 +31,7 @@ bool isVirtualNetworkBridge(std::string_view interface) {
         return false;
     }
     const auto number = support::parseDecimal(interface.substr(bridgePrefix.size()));
-    return number && *number > lastBridgeOfUsers;
+    return number && *number > maxUserBridge;
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What is wrong with a network's subnet or with a rule, in one sentence for the user. The sentences
-// quote the texts as they were sent.
+// Says in one sentence for the user what is wrong with a network's subnet or with a rule. The
+// sentences quote the texts as they were sent.
 
 #pragma once
 
@@ -15,16 +15,16 @@
 
 namespace tarnvale::NetworkFirewall {
 
-/// Why rules may not be keyed on the subnet on a machine with these addresses: it is none that
-/// virtual networks get, or it overlaps one of the machine's own networks.
+/// Why rules may not be keyed on the subnet on a machine with these addresses: virtual networks
+/// never get it, or it overlaps one of the machine's own networks.
 std::optional<std::string> subnetProblem(
     std::string_view subnetText, std::span<const HostAddress> hosts);
 
-/// Why the rule can't be written. Of two faults the remote side's is told.
+/// Why the rule can't be written. If both its texts are invalid, reports the remote.
 std::optional<std::string> ruleProblem(const FirewallRule& rule);
 
-/// Whether a subnet may not overlap the address: it is an IPv4 address, and not of a bridge that
-/// the system made for virtual networks.
+/// Whether no subnet may overlap the address: it is an IPv4 address, and its interface is not a
+/// bridge that the system made for virtual networks.
 bool isOfOwnNetwork(const HostAddress& host);
 
 }  // namespace tarnvale::NetworkFirewall

@@ -18,7 +18,8 @@ namespace {
 
 using Owner = std::pair<const std::string, Entry>;
 
-/// The owners, the most recently applied first; at the same time the greater key first.
+/// The owners, the most recently applied first. Of those with the same time, the greater key comes
+/// first.
 std::vector<Owner*> byPrecedence(PolicyStore& store) {
     std::vector<Owner*> owners;
     owners.reserve(store.owners.size());
@@ -38,7 +39,7 @@ std::vector<HostAddress> ownNetworks(std::span<const HostAddress> hosts) {
     return own;
 }
 
-/// The gateway's canonical text, if it is an address of a machine on the subnet.
+/// The gateway's canonical text, if it can be an address on the subnet.
 std::optional<std::string> canonicalGateway(
     const std::optional<std::string>& gateway, const CIDR& subnet) {
     if (!gateway) {
@@ -52,7 +53,7 @@ std::optional<std::string> canonicalGateway(
     return dottedQuad(*address);
 }
 
-/// Notes the enabled rules of the network that can't be written.
+/// Notes the network's enabled rules that can't be written.
 void noteSkippedRules(const FirewallNetworkPolicy& network, std::vector<Note>& notes) {
     std::shared_ptr<const std::string> name;
     std::size_t number = 0;

@@ -66,7 +66,7 @@ Texts claimMessages(const MergedPolicies& merged) {
     return all;
 }
 
-/// The notes as they are told to the user.
+/// The notes as the user reads them.
 Texts lines(const std::vector<Note>& notes) {
     Texts all;
     for (const Note& note : notes) {
@@ -356,7 +356,7 @@ TEST(ReviewTest, ComparesNotesByWhatTheySay) {
     EXPECT_NE(review({lab}, {}).skippedRules, review({other}, {}).skippedRules);
 }
 
-// From here on: random lists against slow models.
+// From here on, random lists are compared with slow models.
 
 /// A store of a few users whose networks contest each other's subnets.
 PolicyStore randomStore(test::RandomPolicies& random) {
@@ -372,7 +372,7 @@ PolicyStore randomStore(test::RandomPolicies& random) {
     return store;
 }
 
-/// The merge the slow way: every network competes with every other one.
+/// A slow merge: every network competes with every other one.
 MergedPolicies slowlyMerged(const PolicyStore& store) {
     struct Claim {
         double appliedAt;
@@ -447,7 +447,7 @@ std::string bitString(const std::string& dottedQuadText) {
     return bits;
 }
 
-/// The review the slow way, of subnets as texts and addresses as strings of bits.
+/// A slow review, with subnets as texts and addresses as strings of bits.
 Review slowlyReviewed(const Policies& policies, const Hosts& hosts) {
     Review result;
     for (const FirewallNetworkPolicy& each : policies) {

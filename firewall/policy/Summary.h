@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What a review comes to, in the sentences that users and the log read.
+// Puts the outcome of a review into the sentences that users and the log read.
 
 #pragma once
 
@@ -13,13 +13,13 @@
 
 namespace tarnvale::NetworkFirewall {
 
-/// What is in force for everybody.
+/// Says what is in force for all users.
 std::string summaryForAllUsers(const Review& all);
 
-/// What the user's own list comes to, and how many networks other users have stored.
+/// Says what is in force of the user's own list, and how many networks other users have stored.
 std::string summaryForCaller(const Review& own, std::size_t otherUsersNetworks);
 
-/// One line for each note: what it is about and the problem.
+/// One line for each note: its label and its problem.
 std::vector<std::string> linesOf(std::span<const Note> notes);
 
 }  // namespace tarnvale::NetworkFirewall

@@ -7,7 +7,7 @@
 namespace tarnvale::platform {
 
 int keepOtherDescriptors(posix_spawn_file_actions_t& actions, short& flags) {
-    // The child then gets what the file actions mention and nothing else.
+    // With this flag the child gets only the descriptors that the file actions mention.
     flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;
     return ::posix_spawn_file_actions_addinherit_np(&actions, STDIN_FILENO);
 }

@@ -33,7 +33,7 @@ struct Pipe {
     UniqueFd writer;
 };
 
-/// Nothing, and errno, when the system has none to give.
+/// Nothing, with errno set, when the system has none to give.
 std::optional<Pipe> makePipe() {
     std::array<int, 2> ends{};
     if (::pipe(ends.data()) != 0) {  // NOLINT(android-cloexec-pipe): macOS has no pipe2
@@ -48,7 +48,7 @@ std::optional<Pipe> makePipe() {
     return made;
 }
 
-/// What the child starts with, put together for posix_spawn.
+/// What the child starts with, in the form that posix_spawn takes.
 class SpawnSetup {
 public:
     SpawnSetup() {
@@ -62,8 +62,8 @@ public:
         ::posix_spawnattr_destroy(&attributes_);
     }
 
-    /// The child gets these two as its output and errors, and standard input; no other descriptor,
-    /// no blocked signal, and each signal handled by default, whatever threads of ours do.
+    /// Gives the child these two as its output and errors, our standard input and no other
+    /// descriptor. It blocks no signal and handles each by default, whatever our threads do.
     int prepare(int output, int errors) {
         sigset_t none;
         sigset_t all;
@@ -100,7 +100,7 @@ int start(
     pid_t& child) {
     std::vector<char*> words;
     words.reserve(arguments.size() + 2);
-    // posix_spawn takes the words without const and leaves them as they are.
+    // posix_spawn takes the words without const, but doesn't change them.
     words.push_back(const_cast<char*>(executablePath.c_str()));
     for (const auto& argument : arguments) {
         words.push_back(const_cast<char*>(argument.c_str()));
@@ -126,11 +126,11 @@ bool readSome(int fd, std::string& out) {
     return got > 0;
 }
 
-/// Reads both pipes to their ends, whichever has something first, so that a child that fills one
-/// of them is never stuck.
+/// Reads both pipes to their ends at once, so that a child that fills one of them never gets
+/// stuck.
 void drain(UniqueFd output, std::string& outputText, UniqueFd errors, std::string& errorText) {
     while (output || errors) {
-        // poll passes over a descriptor of -1.
+        // poll ignores a descriptor of -1.
         std::array<pollfd, 2> waited{
             {{.fd = output.get(), .events = POLLIN, .revents = 0},
              {.fd = errors.get(), .events = POLLIN, .revents = 0}}};
@@ -138,7 +138,7 @@ void drain(UniqueFd output, std::string& outputText, UniqueFd errors, std::strin
             if (errno == EINTR || errno == EAGAIN) {
                 continue;
             }
-            // Without poll there is one end after the other.
+            // Without poll, one pipe is read to its end before the other.
             waited[0].revents = output ? POLLIN : 0;
             waited[1].revents = output ? 0 : POLLIN;
         }
@@ -194,7 +194,7 @@ CommandResult runCommand(
             std::move(errors->reader),
             result.standardError);
     } catch (...) {
-        waitFor(child);  // which ends by itself, its pipes being closed
+        waitFor(child);  // it ends by itself, because its pipes are closed
         throw;
     }
     result.status = waitFor(child);

@@ -97,7 +97,7 @@ TEST(CommandTest, GivesTheChildExactlyDescriptorsZeroToTwo) {
     const UniqueFd bait(::open("/dev/null", O_RDONLY));  // NOLINT(android-cloexec-open): a bait
     ASSERT_TRUE(bait);
 
-    // The folder that is being listed is ls's own descriptor 3.
+    // Descriptor 3 is ls's own, for the folder that it lists.
     EXPECT_EQ(runCommand("/bin/ls", {"/proc/self/fd"}).standardOutput, "0\n1\n2\n3\n");
 }
 
@@ -115,7 +115,7 @@ TEST(CommandTest, ResetsTheChildsSignals) {
     sigset_t old;
     sigfillset(&all);
     ::pthread_sigmask(SIG_BLOCK, &all, &old);
-    ::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
+    ::signal(SIGPIPE, SIG_IGN);
 
     const auto status =
         runCommand("/bin/grep", {"-E", "^Sig(Blk|Ign)", "/proc/self/status"}).standardOutput;

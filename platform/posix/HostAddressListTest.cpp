@@ -82,7 +82,7 @@ TEST(StoredBytesTest, ReadsTheWholeOfASocketAddressWithoutALength) {
     EXPECT_THAT(storedBytes(address, 4, 4), ElementsAre(255, 255, 0, 0));
 }
 
-/// A list as `getifaddrs` makes it, in memory of its own.
+/// Builds lists like those of `getifaddrs`, in its own memory.
 class HostAddressListTest : public testing::Test {
 protected:
     struct Entry {

@@ -30,8 +30,6 @@
 #include <sched.h>
 #include <spawn.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +37,7 @@
 #include "bench/Programs.h"
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::bench {
 namespace {
@@ -93,11 +92,11 @@ double clockMicroseconds() {
 class Server {
 public:
     explicit Server(const std::vector<std::string>& words)
-        : path_("/tmp/server-" + std::to_string(++count_)), socket_(listeningSocket(path_)) {
+        : path_("/tmp/server-" + std::to_string(++count_)), socket_(test::listenAt(path_)) {
         start(words);
     }
     Server(const std::vector<std::string>& words, const std::function<void(const Server&)>& before)
-        : path_("/tmp/server-" + std::to_string(++count_)), socket_(listeningSocket(path_)) {
+        : path_("/tmp/server-" + std::to_string(++count_)), socket_(test::listenAt(path_)) {
         before(*this);
         start(words);
     }
@@ -116,19 +115,6 @@ public:
     double startedAt() const { return startedAt_; }
 
 private:
-    static support::UniqueFd listeningSocket(const std::string& path) {
-        support::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(std::begin(address.sun_path), sizeof address.sun_path - 1);
-        const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-        require(
-            fd && ::bind(fd.get(), generic, sizeof address) == 0 &&
-                ::listen(fd.get(), SOMAXCONN) == 0,
-            "listen");
-        return fd;
-    }
-
     void start(const std::vector<std::string>& words) {
         std::vector<char*> arguments;
         for (const std::string& word : words) {

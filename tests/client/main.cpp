@@ -36,12 +36,13 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include "support/Decimal.h"
 #include "tests/support/Conversation.h"
+#include "tests/support/RawPeer.h"
+#include "tests/support/UnixSockets.h"
 
 #if defined(TARNVALE_THREAD_SANITIZER)
 /// libsystemd draws the keys of its hash tables into one place without a lock, and copies them.
@@ -75,33 +76,9 @@ struct Unref {
 };
 using Message = std::unique_ptr<sd_bus_message, Unref>;
 
-/// A RemoveFirewall call as D-Bus writes it, little-endian.
+/// A RemoveFirewall call, its serial beyond those that sd-bus has used.
 std::string rawCall() {
-    std::string bytes;
-    const auto pad = [&bytes](std::size_t alignment) {
-        bytes.resize((bytes.size() + alignment - 1) / alignment * alignment);
-    };
-    const auto number = [&bytes](std::size_t value) {
-        for (const unsigned shift : {0U, 8U, 16U, 24U}) {
-            bytes += static_cast<char>(value >> shift & 0xFFU);
-        }
-    };
-    const auto field = [&](char code, char type, std::string_view text) {
-        pad(8);
-        bytes += {code, '\1', type, '\0'};
-        number(text.size());
-        bytes.append(text).push_back('\0');
-    };
-    field('\1', 'o', objectPath);
-    field('\2', 's', interfaceName);
-    field('\3', 's', "RemoveFirewall");
-    const std::string fields = std::exchange(bytes, {'l', '\1', '\0', '\1'});
-    number(0);        // size of the body
-    number(1000000);  // serial: beyond those that sd-bus has used
-    number(fields.size());
-    bytes += fields;
-    pad(8);
-    return bytes;
+    return RawMessage{.member = "RemoveFirewall", .serial = 1'000'000}.bytes();
 }
 
 class Client {
@@ -131,12 +108,8 @@ public:
     }
 
     Words connectRaw() {
-        connection_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un to{};
-        to.sun_family = AF_UNIX;
-        std::string_view(socketPath).copy(std::begin(to.sun_path), sizeof to.sun_path - 1);
-        const auto* const generic = reinterpret_cast<const sockaddr*>(&to);
-        require(::connect(connection_, generic, sizeof to) == 0 ? 0 : -errno, "connect");
+        connection_ = connectTo(socketPath).release();
+        require(connection_ >= 0 ? 0 : -errno, "connect");
         return {"connected"};
     }
 
@@ -191,21 +164,7 @@ public:
 
     void lend() {
         connectRaw();
-        char byte = 0;
-        iovec bytes{.iov_base = &byte, .iov_len = 1};
-        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-        msghdr message{};
-        message.msg_iov = &bytes;
-        message.msg_iovlen = 1;
-        message.msg_control = control.data();
-        message.msg_controllen = control.size();
-        cmsghdr* const passed = CMSG_FIRSTHDR(&message);
-        passed->cmsg_level = SOL_SOCKET;
-        passed->cmsg_type = SCM_RIGHTS;
-        passed->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(passed), &connection_, sizeof connection_);
-        const auto sent = ::sendmsg(STDOUT_FILENO, &message, MSG_NOSIGNAL);
-        require(sent == 1 ? 0 : -errno, "sendmsg");
+        require(sendDescriptor(STDOUT_FILENO, "x", connection_) ? 0 : -errno, "sendmsg");
         ::close(std::exchange(connection_, -1));
     }
 

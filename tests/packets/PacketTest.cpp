@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 
 #include "support/UniqueFd.h"
+#include "tests/support/LabOrSkip.h"
 
 namespace tarnvale::test {
 namespace {
@@ -57,9 +58,8 @@ std::string network(
     return text + "\n";
 }
 
-Finished pfctl(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "/sbin/pfctl");
-    return run(arguments);
+Finished pfctl(const std::vector<std::string>& arguments) {
+    return run(with({"/sbin/pfctl"}, arguments));
 }
 
 Finished tryLoad(const std::string& ruleset) {
@@ -85,10 +85,9 @@ void PacketTest::SetUp() {
     if (!netfilterAnswers(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET_STATS)) {
         GTEST_SKIP() << "the kernel has no conntrack that can be asked";
     }
-    try {
-        lab = std::make_unique<NetworkLab>();
-    } catch (const LabUnavailable& reason) {
-        GTEST_SKIP() << reason.what();
+    buildOrSkip(lab);
+    if (IsSkipped()) {
+        return;
     }
     std::filesystem::remove("/sbin/pfctl");
     std::filesystem::create_symlink(TARNVALE_BIN_DIR "/pfctl", "/sbin/pfctl");

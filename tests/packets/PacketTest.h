@@ -31,7 +31,7 @@ std::string network(
     const std::vector<std::string>& rules = {});
 
 /// Runs pfctl with these arguments.
-Finished pfctl(std::vector<std::string> arguments);
+Finished pfctl(const std::vector<std::string>& arguments);
 
 /// Loads the text into the anchor; what pfctl says about it.
 Finished tryLoad(const std::string& ruleset);

@@ -12,9 +12,8 @@
 namespace tarnvale::test {
 namespace {
 
-int probe(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TARNVALE_BIN_DIR "/probe");
-    return run(arguments).status;
+int probe(const std::vector<std::string>& arguments) {
+    return run(with({TARNVALE_BIN_DIR "/probe"}, arguments)).status;
 }
 
 class ProbeTest : public testing::Test {

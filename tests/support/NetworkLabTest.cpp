@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/LabOrSkip.h"
+
 namespace tarnvale::test {
 namespace {
 
@@ -16,13 +18,7 @@ constexpr std::array hosts{vm1, vm2, vm3, outside, office, gateway64, gateway65,
 
 class NetworkLabTest : public testing::Test {
 protected:
-    void SetUp() override {
-        try {
-            lab = std::make_unique<NetworkLab>();
-        } catch (const LabUnavailable& reason) {
-            GTEST_SKIP() << reason.what();
-        }
-    }
+    void SetUp() override { buildOrSkip(lab); }
 
     std::unique_ptr<NetworkLab> lab;
 };

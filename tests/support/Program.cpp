@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <iterator>
+#include <stdexcept>
 #include <system_error>
 
 #include <poll.h>
@@ -134,6 +135,19 @@ std::string Program::error() const {
 
 Finished run(const std::vector<std::string>& arguments, std::string_view input) {
     return Program(arguments, input).finish();
+}
+
+std::vector<std::string> with(
+    std::vector<std::string> command, const std::vector<std::string>& arguments) {
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
+
+void killAllOthers() {
+    if (::getpid() != 1) {
+        throw std::logic_error("only the first process of a PID namespace may kill all others");
+    }
+    ::kill(-1, SIGKILL);
 }
 
 }  // namespace tarnvale::test

@@ -72,4 +72,13 @@ private:
 /// Runs a program to its end.
 Finished run(const std::vector<std::string>& arguments, std::string_view input = {});
 
+/// The command line with further arguments.
+std::vector<std::string> with(
+    std::vector<std::string> command, const std::vector<std::string>& arguments);
+
+/// Kills every process of the private root but this one, its first. Throws `std::logic_error`, and
+/// kills nobody, when this process is not the first of its PID namespace: there the signal would
+/// reach processes of the whole machine.
+void killAllOthers();
+
 }  // namespace tarnvale::test

@@ -12,6 +12,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "tests/support/UnixSockets.h"
+
 namespace tarnvale::test {
 namespace {
 
@@ -114,21 +116,7 @@ std::size_t RawPeer::sendNow(std::string_view bytes) const {
 }
 
 bool RawPeer::sendWithDescriptor(std::string_view bytes, int descriptor, std::size_t count) const {
-    std::string copy(bytes);
-    iovec all{.iov_base = copy.data(), .iov_len = copy.size()};
-    // Room that is aligned for a header.
-    std::vector<cmsghdr> control(CMSG_SPACE(count * sizeof(int)) / sizeof(cmsghdr) + 1);
-    msghdr message{};
-    message.msg_iov = &all;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = CMSG_SPACE(count * sizeof(int));
-    control.front().cmsg_level = SOL_SOCKET;
-    control.front().cmsg_type = SCM_RIGHTS;
-    control.front().cmsg_len = CMSG_LEN(count * sizeof(int));
-    const std::vector<int> copies(count, descriptor);
-    std::memcpy(CMSG_DATA(control.data()), copies.data(), count * sizeof(int));
-    return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) > 0;
+    return sendDescriptor(socket_.get(), bytes, descriptor, count);
 }
 
 bool RawPeer::authenticate() {
@@ -182,7 +170,7 @@ bool RawPeer::closesWithin(std::chrono::milliseconds time) const {
     std::array<char, 65536> chunk{};
     while (true) {
         const auto got = ::recv(socket_.get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && errno != EAGAIN)) {
+        if (got == 0 || (got < 0 && errno == ECONNRESET)) {
             return true;
         }
         if (got < 0 && !await(socket_.get(), POLLIN, deadline)) {

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,14 +16,12 @@
 
 #include <poll.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "tests/support/Conversation.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
 
@@ -40,18 +37,6 @@ constexpr auto patience = 60s;
 
 [[noreturn]] void fail(const std::string& step) {
     throw std::system_error(errno, std::generic_category(), step);
-}
-
-sockaddr_un addressOf(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::copy(path.begin(), path.end(), std::begin(address.sun_path));
-    return address;
-}
-
-/// The sockets' own type.
-const sockaddr* generic(const sockaddr_un& address) {
-    return reinterpret_cast<const sockaddr*>(&address);
 }
 
 void setSession(const std::string& session) {
@@ -230,24 +215,8 @@ std::vector<std::string> activationCommand(
     return {"/bin/sh", "-c", command + "exec \"$0\"", program};
 }
 
-support::UniqueFd makeListeningSocket(const std::string& path) {
-    support::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = addressOf(path);
-    ::unlink(path.c_str());
-    if (!fd || ::bind(fd.get(), generic(address), sizeof address) != 0 ||
-        ::chmod(path.c_str(), 0666) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
-        fail("listen on " + path);
-    }
-    return fd;
-}
-
 support::UniqueFd connectToService() {
-    support::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address = addressOf(servicePath);
-    if (::connect(fd.get(), generic(address), sizeof address) != 0) {
-        fd.reset();
-    }
-    return fd;
+    return connectTo(servicePath);
 }
 
 ServiceClient::ServiceClient(const std::string& program, uid_t uid, std::optional<pid_t> pid)
@@ -259,22 +228,11 @@ bool ServiceClient::connects() {
 
 support::UniqueFd ServiceClient::lend() {
     say(process_.socket(), {"lend"});
-    char byte = 0;
-    iovec bytes{.iov_base = &byte, .iov_len = 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const auto got = ::recvmsg(process_.socket(), &message, MSG_CMSG_CLOEXEC);
-    const cmsghdr* const passed = got == 1 ? CMSG_FIRSTHDR(&message) : nullptr;
-    if (passed == nullptr || passed->cmsg_type != SCM_RIGHTS) {
+    support::UniqueFd lent = receiveDescriptor(process_.socket());
+    if (!lent) {
         throw std::runtime_error("the client has no connection to lend");
     }
-    int fd = -1;
-    std::memcpy(&fd, CMSG_DATA(passed), sizeof fd);
-    return support::UniqueFd(fd);
+    return lent;
 }
 
 Texts ServiceClient::call(

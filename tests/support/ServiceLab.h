@@ -132,9 +132,6 @@ private:
 std::vector<std::string> activationCommand(
     const std::string& program, const std::vector<std::string>& variables);
 
-/// A listening socket at the helper's path, such as systemd makes one.
-support::UniqueFd makeListeningSocket(const std::string& path = servicePath);
-
 /// A connection to the service from the test's own process; none when nobody listens.
 support::UniqueFd connectToService();
 

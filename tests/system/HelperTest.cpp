@@ -57,7 +57,8 @@ using testing::SizeIs;
 constexpr const char* helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
 constexpr const char* mustBeRoot = "TarnvaleAdminHelper must run as root (launchd LaunchDaemon).\n";
 
-/// A store of one user's two networks, one of them off.
+/// A store of one user's two networks, one of them off: the whole text, which the tests also cut
+/// off at many places.
 constexpr std::string_view store = R"({"owners":{"501":{"appliedAt":763636013.25,"policies":[
     {"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Büro \"A\"",
      "subnetCIDR":"192.168.64.0/24","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,
@@ -86,19 +87,15 @@ constexpr std::string_view ruleset =
     "\n";
 
 Finished helper(const std::vector<std::string>& arguments) {
-    std::vector<std::string> words{helperPath};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return test::run(words);
+    return test::run(test::with({helperPath}, arguments));
 }
 
 /// Runs it as a user who is not root. Such a user can't reach every build folder.
 Finished helperAsNobody(const std::vector<std::string>& arguments) {
     const std::string copy = "/tmp/TarnvaleAdminHelper";
     fs::copy_file(helperPath, copy, fs::copy_options::overwrite_existing);
-    std::vector<std::string> words{
-        "/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return test::run(words);
+    return test::run(test::with(
+        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy}, arguments));
 }
 
 /// Runs shell commands in which "$0" is the helper.

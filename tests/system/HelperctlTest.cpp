@@ -74,24 +74,20 @@ protected:
     const std::string signedProgram =
         ServiceLab::signCopy(unsignedProgram, applicationIdentifier, lab.development, "/tmp/ctl");
 
-    Words command(const Words& arguments) const {
-        Words words{signedProgram};
-        words.insert(words.end(), arguments.begin(), arguments.end());
-        return words;
-    }
-
     /// Runs it as root.
     Finished ctl(const Words& arguments, std::string_view input = {}) const {
-        return run(command(arguments), input);
+        return run(with({signedProgram}, arguments), input);
     }
 
     /// Runs it as that user.
     Finished ctlAs(uid_t user, const Words& arguments) const {
-        Words words{
-            "/usr/bin/setpriv", "--reuid=" + std::to_string(user), "--regid=20", "--clear-groups"};
-        const auto behind = command(arguments);
-        words.insert(words.end(), behind.begin(), behind.end());
-        return run(words);
+        return run(with(
+            {"/usr/bin/setpriv",
+             "--reuid=" + std::to_string(user),
+             "--regid=20",
+             "--clear-groups",
+             signedProgram},
+            arguments));
     }
 
     /// Runs a line of the shell, in which "$0" is the program.
@@ -277,9 +273,7 @@ TEST_F(HelperctlTest, WritesNothingIntoTheConnection) {
 
 /// What takes no helper takes no signature.
 Finished runUnsigned(const Words& arguments) {
-    Words words{unsignedProgram};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return run(words);
+    return run(with({unsignedProgram}, arguments));
 }
 
 TEST(HelperctlAloneTest, UnderstandsItsCommandLineOrSaysWhy) {
@@ -411,7 +405,7 @@ TEST_F(HelperctlUsersTest, ActsForNobodyWhomTheSystemDoesNotKnow) {
 TEST_F(HelperctlUsersTest, KeepsNothingOfRootWhenItActsForAUser) {
     Service service;
     service.signal(SIGSTOP);
-    Program program(command({"--user", "ada", "version"}));
+    Program program(with({signedProgram}, {"--user", "ada", "version"}));
     const std::string folder = "/proc/" + std::to_string(program.pid());
     const auto status = [&] { return contentOf(folder + "/status"); };
     while (status().find("Uid:\t501\t501\t501\t501\n") == std::string::npos) {

@@ -33,6 +33,7 @@
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
 namespace {
@@ -653,7 +654,7 @@ UniqueFd lingeringSocket() {
 class HostileBeforeStartTest : public testing::Test {
 protected:
     ServiceLab lab;
-    UniqueFd listening = makeListeningSocket();
+    UniqueFd listening = listenAt(servicePath);
 
     /// Starts the service with what has come until now; a client is served within ten seconds.
     void expectServed() {

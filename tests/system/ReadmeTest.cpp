@@ -2,7 +2,6 @@
 //
 // What newcomers try first: the README's walk through a request, typed as it says, and the demo.
 
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -64,7 +63,7 @@ protected:
     }
 
     /// Ends what was left running, as the end of the private root does.
-    void TearDown() override { ::kill(-1, SIGKILL); }
+    void TearDown() override { killAllOthers(); }
 };
 
 TEST_F(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {

@@ -18,9 +18,11 @@
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
 namespace {
@@ -35,10 +37,9 @@ using testing::IsEmpty;
 constexpr const char* notListening =
     "TarnvaleAdminHelper: The descriptor that was passed is no listening Unix stream socket.\n";
 
-constexpr const char* store = R"({"owners":{"501":{"appliedAt":763636013,"policies":[
-    {"networkID":"6F1C2E0A-9B7D-4E53-8A21-0C5D9E7F1A2B","name":"Lab",
-     "subnetCIDR":"192.168.64.0/24","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,
-     "policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[]}}]}}})";
+std::string store() {
+    return storeText({{.key = "501", .networks = {NetworkText()}}});
+}
 
 ino_t inodeOf(const char* path) {
     struct stat info {};
@@ -89,7 +90,7 @@ protected:
 };
 
 TEST_F(ServiceActivationTest, ServesOnTheSocketThatIsPassed) {
-    const UniqueFd listening = makeListeningSocket();
+    const UniqueFd listening = listenAt(servicePath);
     const ino_t inode = inodeOf(servicePath);
 
     const Service service({.program = helperProgram, .listeningSocket = listening.get()});
@@ -101,8 +102,8 @@ TEST_F(ServiceActivationTest, ServesOnTheSocketThatIsPassed) {
 }
 
 TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForce) {
-    put(storePath, store);
-    const UniqueFd listening = makeListeningSocket();
+    put(storePath, store());
+    const UniqueFd listening = listenAt(servicePath);
     for (int start = 0; start < 3; ++start) {
         ServiceClient client(lab.client);
         client.begin("HelperVersion");
@@ -132,8 +133,8 @@ TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForc
 TEST_F(ServiceActivationTest, PassesNothingOfItOn) {
     ScriptedPfctl pfctl;
     pfctl.answer("-E", "env >/run/environment; ls /proc/self/fd >/run/descriptors");
-    put(storePath, store);
-    const UniqueFd listening = makeListeningSocket();
+    put(storePath, store());
+    const UniqueFd listening = listenAt(servicePath);
     Surroundings surroundings;
     surroundings.descriptors = {{listening.get(), 3}};
     Program helper(
@@ -150,7 +151,7 @@ TEST_F(ServiceActivationTest, PassesNothingOfItOn) {
 }
 
 TEST_F(ServiceActivationTest, MakesItsOwnWhereNothingIsPassedToIt) {
-    const UniqueFd other = makeListeningSocket("/run/other");
+    const UniqueFd other = listenAt("/run/other");
     const std::vector<std::vector<std::string>> environments = {
         {"LISTEN_PID=1", "LISTEN_FDS=1"},
         {"LISTEN_PID=", "LISTEN_FDS=1"},
@@ -176,7 +177,7 @@ TEST_F(ServiceActivationTest, MakesItsOwnWhereNothingIsPassedToIt) {
 }
 
 TEST_F(ServiceActivationTest, TakesExactlyOneSocket) {
-    const UniqueFd listening = makeListeningSocket();
+    const UniqueFd listening = listenAt(servicePath);
 
     EXPECT_THAT(
         passed(listening.get(), {"LISTEN_PID=$$", "LISTEN_FDS=2"}),
@@ -191,7 +192,7 @@ TEST_F(ServiceActivationTest, TakesNothingButAListeningUnixStreamSocket) {
     const UniqueFd idle(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const UniqueFd internet(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(::listen(internet.get(), 1), 0);
-    const UniqueFd listening = makeListeningSocket();
+    const UniqueFd listening = listenAt(servicePath);
     const UniqueFd connected = connectToService();
 
     for (const auto* fd : {&file, &datagrams, &packets, &idle, &internet, &connected}) {
@@ -249,7 +250,7 @@ TEST_F(ServiceActivationTest, LeavesWhatIsNoSocketAlone) {
     EXPECT_TRUE(fs::is_directory(servicePath));
 
     fs::remove(servicePath);
-    makeListeningSocket("/run/other");
+    listenAt("/run/other");
     fs::create_symlink("/run/other", servicePath);
     EXPECT_THAT(startedByHand(), failedWith(inTheWay));
     EXPECT_TRUE(fs::is_symlink(servicePath));

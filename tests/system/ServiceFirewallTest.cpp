@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/LabOrSkip.h"
 #include "tests/support/NetworkLab.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
@@ -344,13 +345,8 @@ class ServiceStatesTest : public ServiceFirewallTest {
 protected:
     void SetUp() override {
         ServiceFirewallTest::SetUp();
-        if (IsSkipped()) {
-            return;
-        }
-        try {
-            machines = std::make_unique<NetworkLab>();
-        } catch (const LabUnavailable& reason) {
-            GTEST_SKIP() << reason.what();
+        if (!IsSkipped()) {
+            buildOrSkip(machines);
         }
     }
 

@@ -17,10 +17,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -28,12 +25,16 @@
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/RawPeer.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::platform {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_view_literals;
 using support::UniqueFd;
+using test::RawPeer;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Texts = std::vector<std::string>;
@@ -183,32 +184,8 @@ private:
     std::unique_ptr<sd_bus, sd_bus* (*)(sd_bus*)> bus_{nullptr, ::sd_bus_close_unref};
 };
 
-UniqueFd connectRaw() {
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::string_view(listeningSocketPath).copy(address.sun_path, sizeof address.sun_path - 1);
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
-    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-    if (::connect(fd.get(), generic, sizeof address) != 0) {
-        fd.reset();
-    }
-    return fd;
-}
-
-/// Whether the other side closes the connection within this time.
-bool isClosed(const UniqueFd& fd, std::chrono::milliseconds time) {
-    const auto deadline = std::chrono::steady_clock::now() + time;
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd waited{.fd = fd.get(), .events = POLLIN, .revents = 0};
-        ::poll(&waited, 1, 10);
-        char byte = 0;
-        const auto got = ::recv(fd.get(), &byte, 1, MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && errno == ECONNRESET)) {
-            return true;
-        }
-    }
-    return false;
+RawPeer connectRaw() {
+    return RawPeer(test::connectTo(listeningSocketPath));
 }
 
 template <class Condition>
@@ -293,7 +270,7 @@ TEST_F(DBusTransportTest, TellsWhoThePeerIs) {
 TEST_F(DBusTransportTest, ClosesAPeerThatIsNotAdmittedWithoutAWord) {
     doorkeeper.admits = false;
 
-    EXPECT_TRUE(isClosed(connectRaw(), 2s));
+    EXPECT_TRUE(connectRaw().closesWithin(2s));
 
     EXPECT_EQ(doorkeeper.ended, 0);
     EXPECT_EQ(signing.checks, 0);
@@ -302,7 +279,7 @@ TEST_F(DBusTransportTest, ClosesAPeerThatIsNotAdmittedWithoutAWord) {
 TEST_F(DBusTransportTest, SaysThatARequirementIsNotWellFormed) {
     doorkeeper.requirement = "good";
 
-    EXPECT_TRUE(isClosed(connectRaw(), 2s));
+    EXPECT_TRUE(connectRaw().closesWithin(2s));
 
     EXPECT_EQ(doorkeeper.admitted, 0);
     EXPECT_EQ(signing.checks, 0);
@@ -311,40 +288,28 @@ TEST_F(DBusTransportTest, SaysThatARequirementIsNotWellFormed) {
 TEST_F(DBusTransportTest, ReadsNoByteOfAPeerWhoseSignatureOnlyLooksGood) {
     signing.valid = false;
     const auto peer = connectRaw();
-    ::send(peer.get(), "\0AUTH ANONYMOUS\r\n", 17, MSG_NOSIGNAL);
+    peer.send("\0AUTH ANONYMOUS\r\n"sv);
 
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
 
     // The end of a connection of which something has not been read is not an orderly one.
     char byte = 0;
-    EXPECT_EQ(::recv(peer.get(), &byte, 1, 0), -1);
+    EXPECT_EQ(::recv(peer.socket(), &byte, 1, 0), -1);
     EXPECT_EQ(errno, ECONNRESET);
 }
 
 TEST_F(DBusTransportTest, TakesNoDescriptors) {
     const auto peer = connectRaw();
-    iovec bytes{.iov_base = const_cast<char*>("\0AUTH ANONYMOUS\r\n"), .iov_len = 17};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr message{};
-    message.msg_iov = &bytes;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const passed = CMSG_FIRSTHDR(&message);
-    passed->cmsg_level = SOL_SOCKET;
-    passed->cmsg_type = SCM_RIGHTS;
-    passed->cmsg_len = CMSG_LEN(sizeof(int));
     std::array<int, 2> pipe{};
     ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
     const UniqueFd reading(pipe[0]);
     UniqueFd writing(pipe[1]);
-    *reinterpret_cast<int*>(CMSG_DATA(passed)) = writing.get();
 
     // Newer kernels do not even let it be sent.
-    if (::sendmsg(peer.get(), &message, MSG_NOSIGNAL) < 0) {
+    if (!peer.sendWithDescriptor("\0AUTH ANONYMOUS\r\n"sv, writing.get(), 1)) {
         EXPECT_EQ(errno, EPERM);
     } else {
-        EXPECT_TRUE(isClosed(peer, 5s));
+        EXPECT_TRUE(peer.closesWithin(5s));
     }
 
     writing.reset();
@@ -368,32 +333,24 @@ TEST_F(DBusTransportTest, ChecksThePeerBeforeEveryMessage) {
 }
 
 TEST_F(DBusTransportTest, ChecksAMessageAgainThatComesDuringTheCheckBeforeTheFirst) {
-    using std::string_view_literals::operator""sv;
     const auto peer = connectRaw();
-    const auto say = [&peer](std::string_view bytes) {
-        return ::send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    };
-    ASSERT_GT(say("\0AUTH ANONYMOUS\r\n"sv), 0);
+    ASSERT_TRUE(peer.send("\0AUTH ANONYMOUS\r\n"sv));
     std::array<char, 256> answer{};
-    ASSERT_GT(::recv(peer.get(), answer.data(), answer.size(), 0), 0);
+    ASSERT_GT(::recv(peer.socket(), answer.data(), answer.size(), 0), 0);
     std::this_thread::sleep_for(50ms);  // it looks for more once, after that one check
     // One check before BEGIN is read, and one before whatever may have come together with it.
     const int check = signing.checks + 2;
     signing.slowCheck = check;
-    ASSERT_GT(say("BEGIN\r\n"sv), 0);
+    ASSERT_TRUE(peer.send("BEGIN\r\n"));
     ASSERT_TRUE(eventually([&] { return signing.checks == check; }));
 
     signing.valid = false;
-    // A call of org.freedesktop.DBus.Peer.Ping.
-    ASSERT_GT(
-        say("l\1\0\1\0\0\0\0\1\0\0\0\x42\0\0\0"
-            "\1\1o\0\1\0\0\0/\0\0\0\0\0\0\0"
-            "\3\1s\0\4\0\0\0Ping\0\0\0\0"
-            "\2\1s\0\x19\0\0\0org.freedesktop.DBus.Peer\0\0\0\0\0\0\0"sv),
-        0);
+    const test::RawMessage ping{
+        .member = "Ping", .path = "/", .interface = "org.freedesktop.DBus.Peer"};
+    ASSERT_TRUE(peer.send(ping.bytes()));
     signing.slowCheck = 0;
 
-    EXPECT_EQ(::recv(peer.get(), answer.data(), answer.size(), 0), 0) << "an answer";
+    EXPECT_EQ(::recv(peer.socket(), answer.data(), answer.size(), 0), 0) << "an answer";
 }
 
 TEST_F(DBusTransportTest, ReportsTheEndOfEachConnectionOnce) {
@@ -417,7 +374,6 @@ TEST_F(DBusTransportTest, SurvivesPeersThatConnectAndHangUp) {
 }
 
 TEST_F(DBusTransportTest, SurvivesGarbage) {
-    using std::string_view_literals::operator""sv;
     const std::array garbages = {
         "x"sv,
         "\0AUTH NONSENSE\r\n"sv,
@@ -425,9 +381,9 @@ TEST_F(DBusTransportTest, SurvivesGarbage) {
         "\0AUTH EXTERNAL 30\r\nBEGIN\r\nl\1\0\1\377\377\377\377\377\377"sv};
     for (const auto garbage : garbages) {
         const auto peer = connectRaw();
-        ::send(peer.get(), garbage.data(), garbage.size(), MSG_NOSIGNAL);
-        ::shutdown(peer.get(), SHUT_WR);
-        EXPECT_TRUE(isClosed(peer, 5s)) << testing::PrintToString(garbage);
+        peer.send(garbage);
+        peer.finishWriting();
+        EXPECT_TRUE(peer.closesWithin(5s)) << testing::PrintToString(garbage);
     }
 
     EXPECT_TRUE(Client().call("HelperVersion", ""));
@@ -442,11 +398,11 @@ TEST_F(DBusTransportTest, ServesOthersBesideAPeerThatNeverSpeaks) {
 TEST_F(DBusTransportTest, DropsAPeerThatIsNotDoneWithTheHandshakeInTime) {
     const auto silent = connectRaw();
     const auto slow = connectRaw();
-    ::send(slow.get(), "\0AUTH", 5, MSG_NOSIGNAL);
+    slow.send("\0AUTH"sv);
 
-    EXPECT_FALSE(isClosed(silent, 9s));
-    EXPECT_TRUE(isClosed(silent, 2s));
-    EXPECT_TRUE(isClosed(slow, 1s));
+    EXPECT_FALSE(silent.closesWithin(9s));
+    EXPECT_TRUE(silent.closesWithin(2s));
+    EXPECT_TRUE(slow.closesWithin(1s));
 }
 
 TEST_F(DBusTransportTest, KeepsOneUserToSixtyFourConnections) {
@@ -456,7 +412,7 @@ TEST_F(DBusTransportTest, KeepsOneUserToSixtyFourConnections) {
         ASSERT_TRUE(clients.back()->call("HelperVersion", "")) << i;
     }
 
-    EXPECT_TRUE(isClosed(connectRaw(), 2s));
+    EXPECT_TRUE(connectRaw().closesWithin(2s));
     clients.pop_back();
 
     EXPECT_TRUE(eventually([] { return Client().call("HelperVersion", "").has_value(); }));
@@ -485,16 +441,16 @@ TEST(ListeningSocketTest, IsOpenToEverybody) {
     const auto socket = openListeningSocket(0);
 
     EXPECT_EQ(test::modeOf(listeningSocketPath), 0666U);
-    EXPECT_TRUE(connectRaw());
+    EXPECT_TRUE(test::connectTo(listeningSocketPath));
 }
 
 TEST(ListeningSocketTest, ReplacesASocketThatNobodyListensOn) {
     openListeningSocket(0);
-    EXPECT_FALSE(connectRaw());
+    EXPECT_FALSE(test::connectTo(listeningSocketPath));
 
     const auto socket = openListeningSocket(0);
 
-    EXPECT_TRUE(connectRaw());
+    EXPECT_TRUE(test::connectTo(listeningSocketPath));
 }
 
 TEST(ListeningSocketTest, LeavesAnotherHelpersSocketAlone) {
@@ -502,7 +458,7 @@ TEST(ListeningSocketTest, LeavesAnotherHelpersSocketAlone) {
 
     EXPECT_THROW(openListeningSocket(0), TransportError);
 
-    EXPECT_TRUE(connectRaw());
+    EXPECT_TRUE(test::connectTo(listeningSocketPath));
 }
 
 TEST(ListeningSocketTest, LeavesAnythingElseAlone) {

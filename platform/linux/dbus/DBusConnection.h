@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/Transport.h"
+#include "platform/linux/Deadline.h"
 #include "platform/linux/PeerProcess.h"
 #include "support/UniqueFd.h"
 
@@ -20,10 +21,6 @@ class DBusConnection final : public NewConnection {
 public:
     /// How long a peer may take from connecting until it is authenticated, our own checks included.
     static constexpr std::chrono::seconds handshakeLimit{10};
-    /// How long a peer may take to fetch a reply.
-    static constexpr std::chrono::seconds replyLimit{30};
-    /// How long a message may take from its first byte to its last.
-    static constexpr std::chrono::seconds requestLimit{30};
 
     /// Takes over the connected, non-blocking `socket` of a peer that had this effective user ID
     /// when it connected. `codeSigning` must outlive the connection.
@@ -38,15 +35,13 @@ public:
     void run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     void serve(TarnvaleAdminHelperProtocol& exported);
     bool requirementHolds();
 
     support::UniqueFd socket_;
     uid_t uid_;
     CodeSigning& codeSigning_;
-    Clock::time_point connectedAt_ = Clock::now();
+    Deadline handshakeDeadline_ = Deadline::in(handshakeLimit);
     std::optional<PeerProcess> process_;  ///< nothing if we have no descriptor left for it
     Peer peer_;
     std::string requirement_;

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+//
+// A moment by which something must have happened.
+
+#pragma once
+
+#include <chrono>
+#include <compare>
+
+namespace tarnvale::platform {
+
+class Deadline {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// One that never comes.
+    Deadline() = default;
+
+    static Deadline in(Clock::duration limit) { return Deadline(Clock::now() + limit); }
+
+    bool isOver() const { return Clock::now() >= time_; }
+
+    /// Zero once it is over.
+    Clock::duration left() const;
+
+    std::strong_ordering operator<=>(const Deadline&) const = default;
+
+private:
+    explicit Deadline(Clock::time_point time) : time_(time) {}
+
+    Clock::time_point time_ = Clock::time_point::max();  ///< `max()` waits forever
+};
+
+/// Waits until one of poll's `events` has happened on the descriptor; false when the deadline is
+/// over first. Throws `std::system_error`.
+bool waitFor(int fd, short events, const Deadline& deadline);
+
+}  // namespace tarnvale::platform

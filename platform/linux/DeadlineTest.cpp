@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/Deadline.h"
+
+#include <array>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "support/UniqueFd.h"
+
+namespace tarnvale::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using support::UniqueFd;
+
+struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        reading.reset(ends[0]);
+        writing.reset(ends[1]);
+    }
+
+    UniqueFd reading;
+    UniqueFd writing;
+};
+
+TEST(DeadlineTest, IsOverWhenItsTimeHasCome) {
+    const auto soon = Deadline::in(10ms);
+    EXPECT_FALSE(Deadline::in(1h).isOver());
+    EXPECT_TRUE(Deadline::in(0ms).isOver());
+
+    std::this_thread::sleep_for(10ms);
+
+    EXPECT_TRUE(soon.isOver());
+    EXPECT_EQ(soon.left(), 0ms);
+}
+
+TEST(DeadlineTest, NeverComesByItself) {
+    const Deadline never;
+
+    EXPECT_FALSE(never.isOver());
+    EXPECT_GT(never.left(), 24h * 365);
+    EXPECT_LT(Deadline::in(1h), never);
+}
+
+TEST(DeadlineTest, EndsAWait) {
+    const Pipe pipe;
+
+    EXPECT_FALSE(waitFor(pipe.reading.get(), POLLIN, Deadline::in(10ms)));
+    EXPECT_FALSE(waitFor(pipe.reading.get(), POLLIN, Deadline::in(0ms)));
+    EXPECT_TRUE(waitFor(pipe.writing.get(), POLLOUT, Deadline::in(0ms)));
+}
+
+TEST(DeadlineTest, WithoutOneAWaitEndsWithTheEvent) {
+    Pipe pipe;
+    std::thread other([&pipe] {
+        std::this_thread::sleep_for(10ms);
+        pipe.writing.reset();
+    });
+
+    EXPECT_TRUE(waitFor(pipe.reading.get(), POLLIN, Deadline()));
+
+    other.join();
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -14,14 +14,20 @@ namespace tarnvale::platform {
 #define TARNVALE_LIBSYSTEMD_SYMBOLS(SYMBOL)  \
     SYMBOL(sd_bus_add_filter)                \
     SYMBOL(sd_bus_add_object_vtable)         \
+    SYMBOL(sd_bus_call)                      \
     SYMBOL(sd_bus_close_unref)               \
+    SYMBOL(sd_bus_error_free)                \
     SYMBOL(sd_bus_get_events)                \
     SYMBOL(sd_bus_get_n_queued_write)        \
     SYMBOL(sd_bus_is_ready)                  \
+    SYMBOL(sd_bus_message_append_array)      \
     SYMBOL(sd_bus_message_append_basic)      \
     SYMBOL(sd_bus_message_close_container)   \
+    SYMBOL(sd_bus_message_enter_container)   \
+    SYMBOL(sd_bus_message_exit_container)    \
     SYMBOL(sd_bus_message_get_expect_reply)  \
     SYMBOL(sd_bus_message_get_path)          \
+    SYMBOL(sd_bus_message_new_method_call)   \
     SYMBOL(sd_bus_message_new_method_return) \
     SYMBOL(sd_bus_message_open_container)    \
     SYMBOL(sd_bus_message_read_array)        \
@@ -33,11 +39,13 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_process)                   \
     SYMBOL(sd_bus_reply_method_errorf)       \
     SYMBOL(sd_bus_send)                      \
+    SYMBOL(sd_bus_set_address)               \
     SYMBOL(sd_bus_set_anonymous)             \
     SYMBOL(sd_bus_set_fd)                    \
     SYMBOL(sd_bus_set_server)                \
     SYMBOL(sd_bus_set_trusted)               \
     SYMBOL(sd_bus_start)                     \
+    SYMBOL(sd_bus_wait)                      \
     SYMBOL(sd_seat_get_active)               \
     SYMBOL(sd_session_get_class)             \
     SYMBOL(sd_session_get_state)             \

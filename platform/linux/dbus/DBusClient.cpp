@@ -13,41 +13,28 @@
 #include <system_error>
 #include <utility>
 
-#include <systemd/sd-bus.h>
-
 #include "platform/HelperClient.h"
+#include "platform/linux/Deadline.h"
 #include "platform/linux/dbus/ListeningSocket.h"
-#include "platform/linux/dbus/ProtocolObject.h"
+#include "platform/linux/dbus/SdBus.h"
+#include "platform/linux/dbus/WireProtocol.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-struct BusClose {
-    void operator()(sd_bus* bus) const { ::sd_bus_close_unref(bus); }
-};
-using Bus = std::unique_ptr<sd_bus, BusClose>;
-
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 /// What the helper says of a request that it doesn't understand.
 struct BusError {
     BusError() = default;
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
-    ~BusError() { ::sd_bus_error_free(&error); }
+    ~BusError() { systemd().sd_bus_error_free(&error); }
 
     sd_bus_error error{};
 };
 
-std::uint64_t microseconds(Clock::duration time) {
-    const auto count = std::chrono::ceil<std::chrono::microseconds>(time).count();
-    return count > 0 ? static_cast<std::uint64_t>(count) : 0;
+std::uint64_t microseconds(Deadline::Clock::duration time) {
+    return static_cast<std::uint64_t>(std::chrono::ceil<std::chrono::microseconds>(time).count());
 }
 
 std::string textOf(int error) {
@@ -83,102 +70,104 @@ class DBusClient final : public HelperClient {
 public:
     DBusClient() {
         sd_bus* made = nullptr;
-        requireAdmission(::sd_bus_new(&made));
+        requireAdmission(systemd().sd_bus_new(&made));
         bus_.reset(made);
         const std::string address = std::string("unix:path=") + listeningSocketPath;
-        requireAdmission(::sd_bus_set_address(made, address.c_str()));
-        requireAdmission(::sd_bus_start(made));
+        requireAdmission(systemd().sd_bus_set_address(made, address.c_str()));
+        requireAdmission(systemd().sd_bus_start(made));
         awaitAdmission();
     }
 
-    OptionalText helperVersion() override { return nextText(send(request("HelperVersion"))); }
+    OptionalText helperVersion() override { return nextText(send(request(wire::helperVersion))); }
 
     ResultReply applyFirewallWithPolicyData(std::string_view policyData) override {
-        const auto call = request("ApplyFirewall");
-        require(::sd_bus_message_append_array(
+        const auto call = request(wire::applyFirewall);
+        require(systemd().sd_bus_message_append_array(
             call.get(), SD_BUS_TYPE_BYTE, policyData.data(), policyData.size()));
         return result(send(call));
     }
 
-    OptionalText removeFirewall() override { return nextText(send(request("RemoveFirewall"))); }
+    OptionalText removeFirewall() override { return nextText(send(request(wire::removeFirewall))); }
 
-    ResultReply firewallReport() override { return result(send(request("FirewallReport"))); }
+    ResultReply firewallReport() override { return result(send(request(wire::firewallReport))); }
 
     ResultReply createVLANWithName(
         std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
-        const auto call = request("CreateVLAN");
+        const auto call = request(wire::createVLAN);
         append(call, name);
-        require(::sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_INT64, &tag));
+        require(systemd().sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_INT64, &tag));
         append(call, parentBSD);
         return result(send(call));
     }
 
     OptionalText deleteVLANWithBsdName(std::string_view bsdName) override {
-        const auto call = request("DeleteVLAN");
+        const auto call = request(wire::deleteVLAN);
         append(call, bsdName);
         return nextText(send(call));
     }
 
     OptionalText installCLISymlink() override {
-        return nextText(send(request("InstallCLISymlink")));
+        return nextText(send(request(wire::installCLISymlink)));
     }
 
-    OptionalText removeCLISymlink() override { return nextText(send(request("RemoveCLISymlink"))); }
+    OptionalText removeCLISymlink() override {
+        return nextText(send(request(wire::removeCLISymlink)));
+    }
 
     OptionalText setTarnvaleResolverWithEnabled(bool enabled) override {
-        const auto call = request("SetTarnvaleResolver");
+        const auto call = request(wire::setTarnvaleResolver);
         const int value = enabled ? 1 : 0;
-        require(::sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_BOOLEAN, &value));
+        require(systemd().sd_bus_message_append_basic(call.get(), SD_BUS_TYPE_BOOLEAN, &value));
         return nextText(send(call));
     }
 
     void shutdownForUpgrade(const std::function<void()>& reply) override {
-        send(request("ShutdownForUpgrade"));
+        send(request(wire::shutdownForUpgrade));
         reply();
     }
 
 private:
     /// The handshake, and a first reply: a peer that isn't admitted never gets one.
     void awaitAdmission() {
-        const auto deadline = Clock::now() + admissionLimit;
-        while (requireAdmission(::sd_bus_is_ready(bus_.get())) == 0) {
-            if (requireAdmission(::sd_bus_process(bus_.get(), nullptr)) > 0) {
+        const auto deadline = Deadline::in(admissionLimit);
+        while (requireAdmission(systemd().sd_bus_is_ready(bus_.get())) == 0) {
+            if (requireAdmission(systemd().sd_bus_process(bus_.get(), nullptr)) > 0) {
                 continue;
             }
-            const auto left = microseconds(deadline - Clock::now());
+            const auto left = microseconds(deadline.left());
             if (left == 0) {
                 throw HelperClientError::notReachable(textOf(ETIMEDOUT));
             }
-            requireAdmission(::sd_bus_wait(bus_.get(), left));
+            requireAdmission(systemd().sd_bus_wait(bus_.get(), left));
         }
 
         sd_bus_message* made = nullptr;
-        requireAdmission(::sd_bus_message_new_method_call(
-            bus_.get(), &made, nullptr, objectPath, "org.freedesktop.DBus.Peer", "Ping"));
+        requireAdmission(systemd().sd_bus_message_new_method_call(
+            bus_.get(), &made, nullptr, wire::objectPath, "org.freedesktop.DBus.Peer", "Ping"));
         const Message ping(made);
         // No time at all would be taken for no limit.
-        const auto left = std::max<std::uint64_t>(microseconds(deadline - Clock::now()), 1);
-        requireAdmission(::sd_bus_call(bus_.get(), ping.get(), left, nullptr, nullptr));
+        const auto left = std::max<std::uint64_t>(microseconds(deadline.left()), 1);
+        requireAdmission(systemd().sd_bus_call(bus_.get(), ping.get(), left, nullptr, nullptr));
     }
 
-    Message request(const char* member) {
+    Message request(const wire::Method& method) {
         sd_bus_message* made = nullptr;
-        require(::sd_bus_message_new_method_call(
-            bus_.get(), &made, nullptr, objectPath, interfaceName, member));
+        require(systemd().sd_bus_message_new_method_call(
+            bus_.get(), &made, nullptr, wire::objectPath, wire::interfaceName, method.name));
         return Message(made);
     }
 
     /// D-Bus carries text only; whatever else a caller gives is a name that nothing has.
     static void append(const Message& call, std::string_view text) {
-        require(::sd_bus_message_append_basic(
+        require(systemd().sd_bus_message_append_basic(
             call.get(), SD_BUS_TYPE_STRING, support::repairedUtf8(text).c_str()));
     }
 
     Message send(const Message& call) {
         BusError problem;
         sd_bus_message* reply = nullptr;
-        const int sent =
-            ::sd_bus_call(bus_.get(), call.get(), microseconds(replyLimit), &problem.error, &reply);
+        const int sent = systemd().sd_bus_call(
+            bus_.get(), call.get(), microseconds(replyLimit), &problem.error, &reply);
         if (sent < 0 && problem.error.message != nullptr && !isClosed(-sent)) {
             throw HelperClientError::noReply(problem.error.message);
         }
@@ -189,12 +178,13 @@ private:
     /// The next of the reply's optional texts, each an array of none or one.
     static OptionalText nextText(const Message& reply) {
         OptionalText text;
-        require(::sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "s"));
+        require(systemd().sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "s"));
         const char* element = nullptr;
-        if (require(::sd_bus_message_read_basic(reply.get(), SD_BUS_TYPE_STRING, &element)) > 0) {
+        if (require(systemd().sd_bus_message_read_basic(
+                reply.get(), SD_BUS_TYPE_STRING, &element)) > 0) {
             text = element;
         }
-        require(::sd_bus_message_exit_container(reply.get()));
+        require(systemd().sd_bus_message_exit_container(reply.get()));
         return text;
     }
 

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
-#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -17,30 +16,14 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include "platform/linux/LibSystemd.h"
+#include "platform/linux/dbus/SdBus.h"
+#include "platform/linux/dbus/WireProtocol.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform {
 namespace {
 
-constexpr std::size_t usualBuffer = 131072;  // bytes
-
-const LibSystemd& lib() {
-    return LibSystemd::get();
-}
-
-/// Passes a result of sd-bus on; a negative one is an errno.
-int require(int result) {
-    if (result < 0) {
-        throw std::system_error(-result, std::generic_category());
-    }
-    return result;
-}
-
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const { lib().sd_bus_message_unref(message); }
-};
-using OwnedMessage = std::unique_ptr<sd_bus_message, MessageUnref>;
+constexpr std::size_t usualSendBuffer = 131072;  // bytes
 
 /// The text as D-Bus can carry it: UTF-8 without a NUL.
 std::string carriable(const std::string& text) {
@@ -59,10 +42,10 @@ void makeRoom(ProtocolObject& object, std::size_t size) {
         waiting = 0;
     }
     const auto needed = size + static_cast<std::size_t>(waiting);
-    if (needed <= usualBuffer / 2 || needed > std::numeric_limits<int>::max() / 4) {
+    if (needed <= usualSendBuffer / 2 || needed > std::numeric_limits<int>::max() / 4) {
         return;
     }
-    const int wanted = static_cast<int>(needed + usualBuffer);
+    const int wanted = static_cast<int>(needed + usualSendBuffer);
     object.hasLargeBuffer =
         ::setsockopt(object.socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0;
 }
@@ -72,24 +55,25 @@ int reply(
     sd_bus_message* call,
     ProtocolObject& object,
     std::initializer_list<const OptionalText*> texts) {
-    if (lib().sd_bus_message_get_expect_reply(call) == 0) {
+    if (systemd().sd_bus_message_get_expect_reply(call) == 0) {
         return 1;
     }
     sd_bus_message* made = nullptr;
-    require(lib().sd_bus_message_new_method_return(call, &made));
-    const OwnedMessage message(made);
+    checkBus(systemd().sd_bus_message_new_method_return(call, &made));
+    const Message message(made);
     std::size_t size = 0;
     for (const auto* text : texts) {
-        require(lib().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s"));
+        checkBus(systemd().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s"));
         if (*text) {
             const auto carried = carriable(**text);
             size += carried.size();
-            require(lib().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, carried.c_str()));
+            checkBus(
+                systemd().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, carried.c_str()));
         }
-        require(lib().sd_bus_message_close_container(made));
+        checkBus(systemd().sd_bus_message_close_container(made));
     }
     makeRoom(object, size);
-    require(lib().sd_bus_send(nullptr, made, nullptr));
+    checkBus(systemd().sd_bus_send(nullptr, made, nullptr));
     return 1;
 }
 
@@ -104,19 +88,19 @@ int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both)
 /// The next argument, a string, which lives as long as the message.
 std::string_view nextText(sd_bus_message* call) {
     const char* text = nullptr;
-    require(lib().sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &text));
+    checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &text));
     return text;
 }
 
 std::int64_t nextInteger(sd_bus_message* call) {
     std::int64_t value = 0;
-    require(lib().sd_bus_message_read_basic(call, SD_BUS_TYPE_INT64, &value));
+    checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_INT64, &value));
     return value;
 }
 
 bool nextBool(sd_bus_message* call) {
     int value = 0;
-    require(lib().sd_bus_message_read_basic(call, SD_BUS_TYPE_BOOLEAN, &value));
+    checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_BOOLEAN, &value));
     return value != 0;
 }
 
@@ -124,7 +108,7 @@ bool nextBool(sd_bus_message* call) {
 std::string_view nextBytes(sd_bus_message* call) {
     const void* bytes = nullptr;
     std::size_t size = 0;
-    require(lib().sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size));
+    checkBus(systemd().sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size));
     return {static_cast<const char*>(bytes), size};
 }
 
@@ -193,14 +177,14 @@ int shutdownForUpgrade(sd_bus_message* call, ProtocolObject& object) {
 
 /// A peer that takes us for a message bus asks for its name first.
 int hello(sd_bus_message* call, ProtocolObject& /*object*/) {
-    if (lib().sd_bus_message_get_expect_reply(call) == 0) {
+    if (systemd().sd_bus_message_get_expect_reply(call) == 0) {
         return 1;
     }
     sd_bus_message* made = nullptr;
-    require(lib().sd_bus_message_new_method_return(call, &made));
-    const OwnedMessage message(made);
-    require(lib().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, ":1.1"));
-    require(lib().sd_bus_send(nullptr, made, nullptr));
+    checkBus(systemd().sd_bus_message_new_method_return(call, &made));
+    const Message message(made);
+    checkBus(systemd().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, ":1.1"));
+    checkBus(systemd().sd_bus_send(nullptr, made, nullptr));
     return 1;
 }
 
@@ -209,22 +193,20 @@ sd_bus_vtable startOfTable() {
     start.type = _SD_BUS_VTABLE_START;
     start.x.start.element_size = sizeof(sd_bus_vtable);
     start.x.start.features = _SD_BUS_VTABLE_PARAM_NAMES;
-    start.x.start.vtable_format_reference = lib().sd_bus_object_vtable_format;
+    start.x.start.vtable_format_reference = systemd().sd_bus_object_vtable_format;
     return start;
 }
 
-/// `names` are those of the arguments and results, each ended by a NUL.
 template <Handler handler>
-sd_bus_vtable method(
-    const char* member, const char* signature, const char* result, const char* names) {
+sd_bus_vtable method(const wire::Method& described) {
     sd_bus_vtable entryOfTable{};
     entryOfTable.type = _SD_BUS_VTABLE_METHOD;
     entryOfTable.flags = SD_BUS_VTABLE_UNPRIVILEGED;
-    entryOfTable.x.method.member = member;
-    entryOfTable.x.method.signature = signature;
-    entryOfTable.x.method.result = result;
+    entryOfTable.x.method.member = described.name;
+    entryOfTable.x.method.signature = described.arguments;
+    entryOfTable.x.method.result = described.results;
     entryOfTable.x.method.handler = entry<handler>;
-    entryOfTable.x.method.names = names;
+    entryOfTable.x.method.names = described.names;
     return entryOfTable;
 }
 
@@ -237,38 +219,37 @@ sd_bus_vtable endOfTable() {
 const sd_bus_vtable* protocolTable() {
     static const std::array table{
         startOfTable(),
-        method<helperVersion>("HelperVersion", "", "as", "version\0"),
-        method<applyFirewall>("ApplyFirewall", "ay", "asas", "policyData\0summary\0error\0"),
-        method<removeFirewall>("RemoveFirewall", "", "as", "error\0"),
-        method<firewallReport>("FirewallReport", "", "asas", "report\0error\0"),
-        method<createVLAN>("CreateVLAN", "sxs", "asas", "name\0tag\0parentBSD\0bsdName\0error\0"),
-        method<deleteVLAN>("DeleteVLAN", "s", "as", "bsdName\0error\0"),
-        method<installCLISymlink>("InstallCLISymlink", "", "as", "error\0"),
-        method<removeCLISymlink>("RemoveCLISymlink", "", "as", "error\0"),
-        method<setTarnvaleResolver>("SetTarnvaleResolver", "b", "as", "enabled\0error\0"),
-        method<shutdownForUpgrade>("ShutdownForUpgrade", "", "", ""),
+        method<helperVersion>(wire::helperVersion),
+        method<applyFirewall>(wire::applyFirewall),
+        method<removeFirewall>(wire::removeFirewall),
+        method<firewallReport>(wire::firewallReport),
+        method<createVLAN>(wire::createVLAN),
+        method<deleteVLAN>(wire::deleteVLAN),
+        method<installCLISymlink>(wire::installCLISymlink),
+        method<removeCLISymlink>(wire::removeCLISymlink),
+        method<setTarnvaleResolver>(wire::setTarnvaleResolver),
+        method<shutdownForUpgrade>(wire::shutdownForUpgrade),
         endOfTable()};
     return table.data();
 }
 
 const sd_bus_vtable* driverTable() {
-    static const std::array table{
-        startOfTable(), method<hello>("Hello", "", "s", "uniqueName\0"), endOfTable()};
+    static const std::array table{startOfTable(), method<hello>(wire::hello), endOfTable()};
     return table.data();
 }
 
 }  // namespace
 
 void restoreSendBuffer(int socket) {
-    const int wanted = usualBuffer;
+    const int wanted = usualSendBuffer;
     ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
 }
 
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
-    require(lib().sd_bus_add_object_vtable(
-        bus, nullptr, objectPath, interfaceName, protocolTable(), &object));
-    require(lib().sd_bus_add_object_vtable(
-        bus, nullptr, "/org/freedesktop/DBus", "org.freedesktop.DBus", driverTable(), &object));
+    checkBus(systemd().sd_bus_add_object_vtable(
+        bus, nullptr, wire::objectPath, wire::interfaceName, protocolTable(), &object));
+    checkBus(systemd().sd_bus_add_object_vtable(
+        bus, nullptr, wire::driverPath, wire::driverInterface, driverTable(), &object));
 }
 
 }  // namespace tarnvale::platform

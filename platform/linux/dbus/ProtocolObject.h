@@ -10,9 +10,6 @@
 
 namespace tarnvale::platform {
 
-inline constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
-inline constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
-
 /// What the object's methods work with while a connection lasts.
 struct ProtocolObject {
     TarnvaleAdminHelperProtocol& exported;
@@ -20,7 +17,7 @@ struct ProtocolObject {
     bool hasLargeBuffer = false;  ///< the socket's send buffer has been enlarged for a reply
 };
 
-/// Lets as much wait in the socket for the peer to fetch as many small replies, but no large one.
+/// Resets the send buffer to 128 KiB: room for many small replies, not for a large one.
 void restoreSendBuffer(int socket);
 
 /// Puts the object on the bus, and the little of the bus driver that clients of a message bus

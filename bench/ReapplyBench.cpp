@@ -16,6 +16,7 @@
 #include <iterator>
 #include <string>
 
+#include <linux/netlink.h>
 #include <unistd.h>
 
 #include "bench/PolicyDocument.h"
@@ -23,8 +24,8 @@
 #include "core/base/AppSupport.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
-#include "pfctl/kernel/Netlink.h"
-#include "pfctl/kernel/RulesetBatch.h"
+#include "netlink/Socket.h"
+#include "pfctl/kernel/TableWriter.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/Files.h"
 
@@ -79,14 +80,14 @@ public:
                 runProgram({emptyPath});
             }
             support::writeFileAtomically(folder + "/floor.pf.conf", text_, 0644);
-            pfctl::NetlinkSocket socket;
-            require(socket.request(messages_, 1) == 0, "send");
+            netlink::Socket socket(NETLINK_NETFILTER);
+            socket.request(messages_);
         });
     }
 
 private:
     std::string text_;
-    pfctl::MessageWriter messages_;
+    netlink::MessageWriter messages_;
 };
 
 void benchTime() {

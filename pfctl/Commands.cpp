@@ -14,12 +14,13 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <linux/netlink.h>
 #include <unistd.h>
 
+#include "netlink/Socket.h"
 #include "pfctl/kernel/Conntrack.h"
 #include "pfctl/kernel/Dispatch.h"
 #include "pfctl/kernel/MarkBits.h"
-#include "pfctl/kernel/Netlink.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/RunState.h"
 #include "pfctl/language/Listing.h"
@@ -31,7 +32,7 @@ namespace tarnvale::pfctl {
 namespace {
 
 /// Far above any ruleset of the helper's; it keeps a wrong file from taking all memory.
-constexpr std::size_t longestRuleset = std::size_t{512} << 20U;
+constexpr std::size_t maxRulesetSize = std::size_t{512} << 20U;
 
 /// Throws `PfctlError` when not all of it can be written.
 void print(std::FILE* stream, const std::string& text) {
@@ -54,7 +55,7 @@ std::string readRuleset(const std::string& path) {
     constexpr std::size_t piece = std::size_t{1} << 16U;
     while (file) {
         const std::size_t before = text.size();
-        if (before > longestRuleset) {
+        if (before > maxRulesetSize) {
             throw std::system_error(EFBIG, std::generic_category());
         }
         text.resize(before + std::max(piece, before / 2));
@@ -115,7 +116,7 @@ int load(const Arguments& arguments) {
         throw PfctlError("Syntax error in config file: pf rules not loaded");
     }
     // Closing the socket takes the kernel milliseconds; by then the lock is free again.
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     const RunLock lock(RunLock::WhenTaken::fail);
     NftablesBackend(socket).load(
         {.anchor = arguments.anchor,
@@ -137,7 +138,7 @@ std::vector<std::string> dormantAnchors(NftablesBackend& backend) {
 
 int enable() {
     requireRoot();
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     NftablesBackend backend(socket);
     auto enabled = readEnabled();
     // Once pf is enabled no load makes a dormant table, so without one nothing is left to do.
@@ -149,7 +150,7 @@ int enable() {
         }
         const auto dormant = dormantAnchors(backend);
         if (!dormant.empty()) {
-            backend.awaken(dormant);
+            backend.activate(dormant);
         }
     }
     print(stderr, "pf enabled\nToken : " + std::to_string(enabled->token) + "\n");
@@ -158,7 +159,7 @@ int enable() {
 
 int kill(const Arguments& arguments) {
     requireRoot();
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     const std::size_t killed = Conntrack(socket).kill(arguments.hosts);
     print(
         stderr,
@@ -169,7 +170,7 @@ int kill(const Arguments& arguments) {
 
 int flush(const Arguments& arguments) {
     requireRoot();
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     NftablesBackend backend(socket);
     if (backend.anchor(arguments.anchor)) {
         // A flush has no second attempt as a load has, so it waits for its turn.
@@ -182,7 +183,7 @@ int flush(const Arguments& arguments) {
 
 int showInfo() {
     requireRoot();
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     std::uint64_t states = 0;
     Conntrack(socket).forEach(
         [&states](const Connection& connection) { states += connection.hasState() ? 1 : 0; });
@@ -195,7 +196,7 @@ int showInfo() {
 }
 
 /// How many states each line holds: those whose first packet it would pass.
-std::vector<std::uint64_t> statesByRule(NetlinkSocket& socket, const std::vector<Rule>& rules) {
+std::vector<std::uint64_t> statesByRule(netlink::Socket& socket, const std::vector<Rule>& rules) {
     std::vector<std::uint64_t> states(rules.size());
     const Dispatch dispatch = planDispatch(rules);
     const auto credit = [&](const DirectionPlan& plan, Direction direction, const Flow& flow) {
@@ -217,7 +218,7 @@ std::vector<std::uint64_t> statesByRule(NetlinkSocket& socket, const std::vector
 
 int showRules(const Arguments& arguments) {
     requireRoot();
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     const auto content = NftablesBackend(socket).content(arguments.anchor);
     if (!content) {
         return EXIT_SUCCESS;
@@ -236,9 +237,7 @@ int showRules(const Arguments& arguments) {
     return EXIT_SUCCESS;
 }
 
-}  // namespace
-
-int run(const Arguments& arguments) {
+int perform(const Arguments& arguments) {
     switch (arguments.command) {
         case Command::load:
             return load(arguments);
@@ -256,6 +255,21 @@ int run(const Arguments& arguments) {
             return showRules(arguments);
     }
     return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int run(const Arguments& arguments) {
+    try {
+        return perform(arguments);
+    } catch (const std::system_error& error) {
+        // A process that may not change the packet filter is told what pf's own tool says.
+        if (error.code() == std::errc::operation_not_permitted ||
+            error.code() == std::errc::permission_denied) {
+            throw PfctlError("/dev/pf", EACCES);
+        }
+        throw PfctlError(error.what());
+    }
 }
 
 }  // namespace tarnvale::pfctl

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,14 +11,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <net/if.h>
@@ -27,13 +25,13 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "netlink/Socket.h"
 #include "pfctl/kernel/Conntrack.h"
 #include "pfctl/kernel/MarkBits.h"
-#include "pfctl/kernel/Netlink.h"
+#include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/RunState.h"
 #include "pfctl/language/Arguments.h"
-#include "pfctl/language/PfctlError.h"
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
@@ -44,8 +42,10 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Property;
 using testing::SizeIs;
 using testing::StartsWith;
+using testing::Throws;
 
 constexpr const char* program = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
@@ -110,9 +110,9 @@ class PfctlTest : public testing::Test {
 protected:
     void SetUp() override {
         try {
-            NetlinkSocket socket;
+            netlink::Socket socket(NETLINK_NETFILTER);
             NftablesBackend(socket).anchors();
-        } catch (const PfctlError& error) {
+        } catch (const std::system_error& error) {
             GTEST_SKIP() << "this kernel gives no nftables: " << error.what();
         }
         const support::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -158,7 +158,7 @@ protected:
     }
 
     static std::optional<Anchor> loadedAnchor() {
-        NetlinkSocket socket;
+        netlink::Socket socket(NETLINK_NETFILTER);
         return NftablesBackend(socket).anchor(anchor);
     }
 };
@@ -320,33 +320,25 @@ TEST_F(PfctlTest, KillsMoreStatesThanOneAnswerHolds) {
 }
 
 /// Gives the only tracked connection another mark.
-void remark(NetlinkSocket& socket, std::uint32_t mark) {
+void remark(netlink::Socket& socket, std::uint32_t mark) {
     std::vector<std::uint8_t> tuple;
-    MessageWriter list;
-    list.begin(
-        {.type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_GET,
-         .flags = NLM_F_DUMP,
-         .family = AF_INET,
-         .resource = 0});
-    socket.dump(list, [&tuple](const Message& message) {
-        const Bytes value = attribute(message.attributes, CTA_TUPLE_ORIG);
+    netlink::MessageWriter list;
+    beginConntrack(list, IPCTNL_MSG_CT_GET, NLM_F_DUMP);
+    socket.dump(list, [&tuple](const netlink::Message& message) {
+        const netlink::Bytes value = netlink::attribute(attributesOf(message), CTA_TUPLE_ORIG);
         tuple.assign(value.begin(), value.end());
     });
-    MessageWriter change;
-    change.begin(
-        {.type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW,
-         .flags = NLM_F_ACK,
-         .family = AF_INET,
-         .resource = 0});
+    netlink::MessageWriter change;
+    beginConntrack(change, IPCTNL_MSG_CT_NEW, NLM_F_ACK);
     change.put(CTA_TUPLE_ORIG | NLA_F_NESTED, tuple);
-    change.put32(CTA_MARK, mark);
-    ASSERT_EQ(socket.request(change, 1), 0);
+    change.putBigEndian(CTA_MARK, mark);
+    socket.request(change);
 }
 
 TEST_F(PfctlTest, LeavesOtherBitsOfTheMarkAlone) {
     load("pass in quick from 127.0.0.1/32 to any keep state\n");
     pfctl({"-E"});
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     const auto marks = [&socket] {
         std::vector<std::uint32_t> found;
         Conntrack(socket).forEach(
@@ -483,7 +475,7 @@ TEST_F(PfctlTest, LoadsAndListsThousandsOfNetworks) {
     }
     load(ruleset);
 
-    NetlinkSocket socket;
+    netlink::Socket socket(NETLINK_NETFILTER);
     const auto content = NftablesBackend(socket).content(anchor);
     ASSERT_TRUE(content);
     EXPECT_THAT(content->rules, SizeIs(3 * networks));
@@ -492,44 +484,38 @@ TEST_F(PfctlTest, LoadsAndListsThousandsOfNetworks) {
         content->rules, [&index](const CountedRule& rule) { return rule.index == index++; }));
 }
 
-void beginMessage(
-    MessageWriter& transaction, int type, std::uint16_t resource, unsigned flags = 0) {
-    transaction.begin(
-        {.type = static_cast<std::uint16_t>(type),
-         .flags = static_cast<std::uint16_t>(flags),
-         .family = NFPROTO_IPV4,
-         .resource = resource});
-}
-
 TEST_F(PfctlTest, DoesNotTakeTheTablesOfOthersForAnchors) {
-    MessageWriter transaction;
-    beginMessage(transaction, NFNL_MSG_BATCH_BEGIN, NFNL_SUBSYS_NFTABLES);
-    beginMessage(
-        transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_CREATE | NLM_F_ACK);
+    netlink::MessageWriter transaction;
+    beginBatch(transaction);
+    beginNftables(transaction, NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ACK);
     transaction.putText(NFTA_TABLE_NAME, "theirs");
-    beginMessage(transaction, NFNL_MSG_BATCH_END, NFNL_SUBSYS_NFTABLES);
-    NetlinkSocket socket;
-    ASSERT_EQ(socket.request(transaction, 1), 0);
+    endBatch(transaction);
+    netlink::Socket socket(NETLINK_NETFILTER);
+    socket.request(transaction);
     load(denyFirst);
 
     EXPECT_THAT(NftablesBackend(socket).anchors(), SizeIs(1));
     EXPECT_EQ(pfctl({"-a", "theirs", "-v", "-sr"}).output, "");
     EXPECT_EQ(pfctl({"-a", "theirs", "-F", "rules"}).error, "rules cleared\n");
-    EXPECT_EQ(socket.request(transaction, 1), 0) << "their table is gone";
+    EXPECT_NO_THROW(socket.request(transaction)) << "their table is gone";
 }
 
 TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {
-    MessageWriter transaction;
-    beginMessage(transaction, NFNL_MSG_BATCH_BEGIN, NFNL_SUBSYS_NFTABLES);
-    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_CREATE);
+    netlink::MessageWriter transaction;
+    beginBatch(transaction);
+    beginNftables(transaction, NFT_MSG_NEWTABLE, NLM_F_CREATE);
     transaction.putText(NFTA_TABLE_NAME, "new");
-    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_DELTABLE, 0, 0);
+    beginNftables(transaction, NFT_MSG_DELTABLE);
     transaction.putText(NFTA_TABLE_NAME, "missing");
-    beginMessage(transaction, NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWTABLE, 0, NLM_F_ACK);
+    beginNftables(transaction, NFT_MSG_NEWTABLE, NLM_F_ACK);
     transaction.putText(NFTA_TABLE_NAME, "new");
-    beginMessage(transaction, NFNL_MSG_BATCH_END, NFNL_SUBSYS_NFTABLES);
+    endBatch(transaction);
+    netlink::Socket socket(NETLINK_NETFILTER);
 
-    EXPECT_EQ(NetlinkSocket().request(transaction, 1), ENOENT);
+    EXPECT_THAT(
+        [&] { socket.request(transaction); },
+        Throws<std::system_error>(
+            Property(&std::system_error::code, std::errc::no_such_file_or_directory)));
 }
 
 TEST_F(PfctlTest, RefusesUsersWithoutTheRight) {

@@ -23,7 +23,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <net/if.h>
@@ -37,8 +36,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "pfctl/kernel/Netlink.h"
-#include "pfctl/kernel/RulesetBatch.h"
+#include "netlink/Socket.h"
+#include "pfctl/kernel/Netfilter.h"
+#include "pfctl/kernel/TableWriter.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/UniqueFd.h"
 
@@ -156,13 +156,13 @@ void benchLoad(unsigned networks, unsigned rules, int rounds) {
     const std::string text = rulesetOf(networks, rules);
     writeRuleset(text);
     const auto ruleset = parseRuleset(text);
-    MessageWriter messages;
+    netlink::MessageWriter messages;
     writeReplacement(
         messages, {.anchor = "bench", .rules = ruleset.rules, .loader = {}, .dormant = false});
     // Closing the socket belongs to it: the kernel then waits for the old ruleset's last reader.
     const auto sendByItself = [&messages] {
-        NetlinkSocket socket;
-        require(socket.request(messages, 1) == 0, "send");
+        netlink::Socket socket(NETLINK_NETFILTER);
+        socket.request(messages);
     };
     compare(
         "pfctl -f, " + std::to_string(networks) + " x " + std::to_string(rules),
@@ -241,19 +241,15 @@ private:
     }
 
     void forgetAll() {
-        MessageWriter request;
-        request.begin(
-            {.type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_DELETE,
-             .flags = NLM_F_ACK,
-             .family = AF_INET,
-             .resource = 0});
-        require(socket_.request(request, 1) == 0, "forget all flows");
+        netlink::MessageWriter request;
+        beginConntrack(request, IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
+        socket_.request(request);
     }
 
     unsigned networks_;
     support::UniqueFd sender_;
     support::UniqueFd receiver_;
-    NetlinkSocket socket_;
+    netlink::Socket socket_{NETLINK_NETFILTER};
     std::minstd_rand random_{1};  // NOLINT(cert-msc51-cpp): every run sends the same packets
 };
 

@@ -9,29 +9,28 @@
 #include <string>
 
 #include <fcntl.h>
-#include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "netlink/Messages.h"
 #include "pfctl/kernel/MarkBits.h"
+#include "pfctl/kernel/Netfilter.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
-MessageHeader header(int message, unsigned flags) {
-    return {
-        .type = static_cast<std::uint16_t>(NFNL_SUBSYS_CTNETLINK << 8 | message),
-        .flags = static_cast<std::uint16_t>(flags),
-        .family = AF_INET,
-        .resource = 0};
-}
+using netlink::attribute;
+using netlink::AttributeReader;
+using netlink::Bytes;
+using netlink::Message;
+using netlink::MessageWriter;
 
 template <typename Number>
 Number numberOr0(Bytes attributes, std::uint16_t type) {
-    return static_cast<Number>(number(attribute(attributes, type)).value_or(0));
+    return static_cast<Number>(netlink::bigEndian(attribute(attributes, type)).value_or(0));
 }
 
 Flow flowOf(Bytes tuple) {
@@ -46,12 +45,13 @@ Flow flowOf(Bytes tuple) {
 }
 
 std::optional<Connection> connectionOf(const Message& message) {
-    if (message.family != AF_INET) {
+    if (familyOf(message) != AF_INET) {
         return std::nullopt;
     }
     // What the responder answers from and to is what translation has made of the addresses.
-    const Flow reply = flowOf(attribute(message.attributes, CTA_TUPLE_REPLY));
-    Flow entering = flowOf(attribute(message.attributes, CTA_TUPLE_ORIG));
+    const Bytes attributes = attributesOf(message);
+    const Flow reply = flowOf(attribute(attributes, CTA_TUPLE_REPLY));
+    Flow entering = flowOf(attribute(attributes, CTA_TUPLE_ORIG));
     entering.destination = reply.source;
     entering.destinationPort = reply.sourcePort;
     Flow leaving = entering;
@@ -60,14 +60,14 @@ std::optional<Connection> connectionOf(const Message& message) {
     return Connection{
         .entering = entering,
         .leaving = leaving,
-        .mark = numberOr0<std::uint32_t>(message.attributes, CTA_MARK)};
+        .mark = numberOr0<std::uint32_t>(attributes, CTA_MARK)};
 }
 
 /// The attributes by which the kernel finds the entry again, just as it gave them.
 std::vector<std::uint8_t> identityOf(const Message& message) {
     constexpr std::array<std::uint16_t, 3> identifying{CTA_TUPLE_ORIG, CTA_ZONE, CTA_ID};
     std::vector<std::uint8_t> identity;
-    for (AttributeReader reader(message.attributes); reader.next();) {
+    for (AttributeReader reader(attributesOf(message)); reader.next();) {
         if (std::ranges::find(identifying, reader.type()) != identifying.end()) {
             identity.insert(identity.end(), reader.whole().begin(), reader.whole().end());
             identity.resize((identity.size() + 3) / 4 * 4);
@@ -112,7 +112,7 @@ std::optional<std::uint32_t> takeSource(std::string_view& text) {
 
 }  // namespace
 
-bool Conntrack::mayName(std::string_view list, std::span<const Network> hosts) {
+bool Conntrack::mayName(std::string_view list, std::span<const Subnet> hosts) {
     while (!list.empty()) {
         const std::size_t end = std::min(list.find('\n'), list.size());
         std::string_view line = list.substr(0, end);
@@ -136,7 +136,7 @@ bool Connection::hasState() const {
 
 void Conntrack::forEach(const std::function<void(const Connection&)>& take) {
     MessageWriter request;
-    request.begin(header(IPCTNL_MSG_CT_GET, NLM_F_DUMP));
+    beginConntrack(request, IPCTNL_MSG_CT_GET, NLM_F_DUMP);
     // Connections come and go while they are listed; that is no reason to begin again.
     socket_.dump(request, [&take](const Message& message) {
         if (const auto connection = connectionOf(message)) {
@@ -145,7 +145,7 @@ void Conntrack::forEach(const std::function<void(const Connection&)>& take) {
     });
 }
 
-std::size_t Conntrack::kill(std::span<const Network> hosts) {
+std::size_t Conntrack::kill(std::span<const Subnet> hosts) {
     const auto list = connectionList();
     if (list && !mayName(*list, hosts)) {
         return 0;
@@ -153,7 +153,7 @@ std::size_t Conntrack::kill(std::span<const Network> hosts) {
     std::vector<std::vector<std::uint8_t>> entries;
     std::size_t states = 0;
     MessageWriter request;
-    request.begin(header(IPCTNL_MSG_CT_GET, NLM_F_DUMP));
+    beginConntrack(request, IPCTNL_MSG_CT_GET, NLM_F_DUMP);
     socket_.dump(request, [&](const Message& message) {
         const auto connection = connectionOf(message);
         if (connection && hosts[0].contains(connection->entering.source) &&
@@ -172,13 +172,11 @@ void Conntrack::forget(std::span<const std::vector<std::uint8_t>> entries) {
         const auto some = entries.first(std::min(atOnce, entries.size()));
         MessageWriter requests;
         for (const auto& identity : some) {
-            requests.begin(header(IPCTNL_MSG_CT_DELETE, NLM_F_ACK));
-            requests.putRaw(identity);
+            beginConntrack(requests, IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
+            requests.putWhole(identity);
         }
         // An entry may have ended by itself meanwhile.
-        if (const int error = socket_.request(requests, some.size(), ENOENT); error != 0) {
-            throw NetlinkSocket::failure(error);
-        }
+        socket_.request(requests, some.size(), ENOENT);
         entries = entries.subspan(some.size());
     }
 }

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "netlink/Socket.h"
 #include "pfctl/kernel/Dispatch.h"
-#include "pfctl/kernel/Netlink.h"
 #include "pfctl/language/Rule.h"
 
 namespace tarnvale::pfctl {
@@ -27,26 +27,26 @@ struct Connection {
     bool hasState() const;
 };
 
-/// All functions throw `PfctlError`.
+/// All functions throw `std::system_error`.
 class Conntrack {
 public:
-    explicit Conntrack(NetlinkSocket& socket) : socket_(socket) {}
+    explicit Conntrack(netlink::Socket& socket) : socket_(socket) {}
 
     /// Calls `take` for every IPv4 connection.
     void forEach(const std::function<void(const Connection&)>& take);
 
     /// Forgets the connections whose initiator is in the first network and, where a second is
     /// given, whose responder is in that one. Returns how many of them had a state.
-    std::size_t kill(std::span<const Network> hosts);
+    std::size_t kill(std::span<const Subnet> hosts);
 
     /// Whether the text, in the form of /proc/net/nf_conntrack, may hold a connection that `kill`
     /// forgets. What it does not understand it takes for one.
-    static bool mayName(std::string_view list, std::span<const Network> hosts);
+    static bool mayName(std::string_view list, std::span<const Subnet> hosts);
 
 private:
     void forget(std::span<const std::vector<std::uint8_t>> entries);
 
-    NetlinkSocket& socket_;
+    netlink::Socket& socket_;
 };
 
 }  // namespace tarnvale::pfctl

@@ -13,7 +13,7 @@
 namespace tarnvale::pfctl {
 namespace {
 
-const Network lab{.address = 0xC0A84000, .prefixLength = 24};
+const Subnet lab{.address = 0xC0A84000, .prefixLength = 24};
 
 constexpr std::string_view outward =
     "ipv4     2 udp      17 29 src=192.168.64.2 dst=10.1.0.2 sport=40000 dport=53 [UNREPLIED] "
@@ -28,7 +28,7 @@ constexpr std::string_view newer =
     "ipv6     10 udp      17 29 src=fe80::1 dst=fe80::2 sport=1 dport=2 src=fe80::2 dst=fe80::1 "
     "sport=2 dport=1 mark=0 zone=0 use=2\n";
 
-bool mayName(std::string_view list, const std::vector<Network>& hosts) {
+bool mayName(std::string_view list, const std::vector<Subnet>& hosts) {
     return Conntrack::mayName(list, hosts);
 }
 
@@ -39,23 +39,23 @@ TEST(ConntrackTest, FindsAnInitiatorInTheList) {
 }
 
 TEST(ConntrackTest, FindsAResponderBehindTranslation) {
-    EXPECT_TRUE(mayName(inward, {Network(), lab}));
-    EXPECT_FALSE(mayName(outward, {Network(), lab}));
-    EXPECT_FALSE(mayName(foreign, {Network(), lab}));
+    EXPECT_TRUE(mayName(inward, {Subnet(), lab}));
+    EXPECT_FALSE(mayName(outward, {Subnet(), lab}));
+    EXPECT_FALSE(mayName(foreign, {Subnet(), lab}));
     EXPECT_FALSE(mayName(inward, {lab, lab}));
 }
 
 TEST(ConntrackTest, FindsNothingInAListOfOthers) {
     EXPECT_FALSE(mayName("", {lab}));
     EXPECT_FALSE(mayName(foreign, {lab}));
-    EXPECT_FALSE(mayName(newer, {Network()}));
+    EXPECT_FALSE(mayName(newer, {Subnet()}));
 }
 
 TEST(ConntrackTest, TakesWhatItDoesNotUnderstandForAConnection) {
     EXPECT_TRUE(mayName("nonsense\n", {lab}));
     EXPECT_TRUE(mayName("ipv4 2 udp 17 src=here dst=there src=there dst=here\n", {lab}));
     EXPECT_TRUE(mayName("ipv4 2 udp 17 src=10.1.0.2 dst=10.1.0.3\n", {lab}));
-    EXPECT_TRUE(mayName("ipv4 2 udp 17 src=10.1.0.2 src=10.1", {Network(), lab}));
+    EXPECT_TRUE(mayName("ipv4 2 udp 17 src=10.1.0.2 src=10.1", {Subnet(), lab}));
 }
 
 TEST(ConntrackTest, KnowsAStateByItsMark) {

@@ -11,31 +11,31 @@
 namespace tarnvale::pfctl {
 namespace {
 
-std::pair<std::uint32_t, std::uint8_t> sortKey(const Network& network) {
-    return {network.address, network.prefixLength};
+std::pair<std::uint32_t, std::uint8_t> sortKey(const Subnet& subnet) {
+    return {subnet.address, subnet.prefixLength};
 }
 
-/// Cuts the networks of a map into disjoint intervals. `networks` holds each block's.
+/// Cuts the subnets of a map into disjoint intervals. `subnets` holds each block's.
 class IntervalBuilder {
 public:
-    IntervalBuilder(NetworkMap& map, const std::vector<Network>& networks)
-        : map_(map), networks_(networks) {}
+    IntervalBuilder(AddressMap& map, const std::vector<Subnet>& subnets)
+        : map_(map), subnets_(subnets) {}
 
     void build() {
-        std::vector<std::uint32_t> order(networks_.size());
+        std::vector<std::uint32_t> order(subnets_.size());
         std::iota(order.begin(), order.end(), 0U);
-        std::ranges::sort(order, {}, [this](auto block) { return sortKey(networks_[block]); });
+        std::ranges::sort(order, {}, [this](auto block) { return sortKey(subnets_[block]); });
 
-        map_.paths.resize(networks_.size());
+        map_.paths.resize(subnets_.size());
         for (const auto block : order) {
-            const Network& network = networks_[block];
-            while (!open_.empty() && networks_[open_.back()].last() < network.address) {
+            const Subnet& subnet = subnets_[block];
+            while (!open_.empty() && subnets_[open_.back()].last() < subnet.address) {
                 closeInnermost();
             }
             if (open_.empty()) {
-                next_ = network.address;
+                next_ = subnet.address;
             } else {
-                emitUpTo(network.address);
+                emitUpTo(subnet.address);
                 map_.paths[block] = map_.paths[open_.back()];
             }
             auto& path = map_.paths[block];
@@ -48,7 +48,7 @@ public:
     }
 
 private:
-    /// The addresses before `end` that no interval has yet are the innermost open network's.
+    /// The addresses before `end` that no interval has yet are the innermost open subnet's.
     void emitUpTo(std::uint64_t end) {
         if (next_ < end) {
             map_.intervals.push_back(
@@ -60,13 +60,13 @@ private:
     }
 
     void closeInnermost() {
-        emitUpTo(std::uint64_t{networks_[open_.back()].last()} + 1);
+        emitUpTo(std::uint64_t{subnets_[open_.back()].last()} + 1);
         open_.pop_back();
     }
 
-    NetworkMap& map_;
-    const std::vector<Network>& networks_;
-    std::vector<std::uint32_t> open_;  ///< blocks whose networks lie inside each other
+    AddressMap& map_;
+    const std::vector<Subnet>& subnets_;
+    std::vector<std::uint32_t> open_;  ///< blocks whose subnets lie inside each other
     std::uint64_t next_ = 0;           ///< the first address without an interval
 };
 
@@ -80,11 +80,11 @@ public:
             if (rules_[line].direction != direction) {
                 continue;
             }
-            const Network& network = rules_[line].keySide().network;
-            if (network.isEverything()) {
+            const Subnet& subnet = rules_[line].keySide().subnet;
+            if (subnet.isEverything()) {
                 addForEveryAddress(line);
             } else {
-                addForNetwork(network, line);
+                addForSubnet(subnet, line);
             }
         }
         finishMap();
@@ -103,32 +103,32 @@ private:
         plan_.lines.push_back(line);
     }
 
-    void addForNetwork(const Network& network, std::uint32_t line) {
-        if (linesOfBlocks_.empty() || networks_[linesOfBlocks_.back().first] != network) {
-            openBlock(network);
+    void addForSubnet(const Subnet& subnet, std::uint32_t line) {
+        if (linesOfBlocks_.empty() || subnets_[linesOfBlocks_.back().first] != subnet) {
+            openBlock(subnet);
         }
-        linesOfBlocks_.emplace_back(blockOf_.at(sortKey(network)), line);
+        linesOfBlocks_.emplace_back(blockOf_.at(sortKey(subnet)), line);
     }
 
-    /// Sees to it that the network has a block to which lines can be added.
-    void openBlock(const Network& network) {
-        const auto known = blockOf_.find(sortKey(network));
+    /// Sees to it that the subnet has a block to which lines can be added.
+    void openBlock(const Subnet& subnet) {
+        const auto known = blockOf_.find(sortKey(subnet));
         if (known != blockOf_.end()) {
-            if (!overlapsAnother(network)) {
+            if (!overlapsAnother(subnet)) {
                 return;
             }
             finishMap();
         }
-        blockOf_.emplace(sortKey(network), static_cast<std::uint32_t>(networks_.size()));
-        networks_.push_back(network);
+        blockOf_.emplace(sortKey(subnet), static_cast<std::uint32_t>(subnets_.size()));
+        subnets_.push_back(subnet);
     }
 
-    bool overlapsAnother(const Network& network) const {
-        const auto next = blockOf_.upper_bound(sortKey(network));
-        if (next != blockOf_.end() && network.contains(next->first.first)) {
+    bool overlapsAnother(const Subnet& subnet) const {
+        const auto next = blockOf_.upper_bound(sortKey(subnet));
+        if (next != blockOf_.end() && subnet.contains(next->first.first)) {
             return true;
         }
-        Network around = network;
+        Subnet around = subnet;
         while (around.prefixLength > 0) {
             --around.prefixLength;
             around.address &= around.mask();
@@ -140,10 +140,10 @@ private:
     }
 
     void finishMap() {
-        if (networks_.empty()) {
+        if (subnets_.empty()) {
             return;
         }
-        NetworkMap map;
+        AddressMap map;
         std::ranges::stable_sort(linesOfBlocks_, {}, [](const auto& entry) { return entry.first; });
         for (const auto& [block, line] : linesOfBlocks_) {
             if (block == map.blocks.size()) {
@@ -152,9 +152,9 @@ private:
             ++map.blocks.back().end;
             plan_.lines.push_back(line);
         }
-        IntervalBuilder(map, networks_).build();
+        IntervalBuilder(map, subnets_).build();
         plan_.steps.emplace_back(std::move(map));
-        networks_.clear();
+        subnets_.clear();
         blockOf_.clear();
         linesOfBlocks_.clear();
     }
@@ -162,14 +162,14 @@ private:
     std::span<const Rule> rules_;
     DirectionPlan plan_;
 
-    // The map that is being filled: the network of each block, and the lines with their blocks.
-    std::vector<Network> networks_;
+    // The map that is being filled: the subnet of each block, and the lines with their blocks.
+    std::vector<Subnet> subnets_;
     std::map<std::pair<std::uint32_t, std::uint8_t>, std::uint32_t> blockOf_;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> linesOfBlocks_;
 };
 
 bool matches(const Endpoint& side, std::uint32_t address, std::uint16_t port) {
-    return side.network.contains(address) && side.ports.contains(port);
+    return side.subnet.contains(address) && side.ports.contains(port);
 }
 
 }  // namespace
@@ -205,7 +205,7 @@ std::optional<std::uint32_t> decidingRule(
             }
             continue;
         }
-        const auto& map = std::get<NetworkMap>(step);
+        const auto& map = std::get<AddressMap>(step);
         const auto interval = std::ranges::lower_bound(map.intervals, key, {}, &Interval::last);
         if (interval == map.intervals.end() || key < interval->first) {
             continue;

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
 // How a packet finds its rules. The first rule that matches decides, but a packet need not be
-// compared with every rule: rules that name a network on their key side concern only the packets of
-// that network, so one lookup of the packet's address leads to them. A ruleset of any shape keeps
-// its order, and size and time stay linear in its lines and networks:
+// compared with every rule: rules that name a subnet on their key side concern only the packets of
+// that subnet, so one lookup of the packet's address leads to them. A ruleset of any shape keeps
+// its order, and size and time stay linear in its lines and subnets:
 //
 // - Each direction is a sequence of steps. A step is either rules for every address or a map from
 //   addresses to blocks of rules; a packet that no rule of a step matches goes on to the next.
-// - In a map each network has one block. Networks of a map may lie inside each other; addresses of
+// - In a map each subnet has one block. Subnets of a map may lie inside each other; addresses of
 //   both lead to a path, which goes through their blocks in the order of the lines.
-// - A network that comes back after the rules of one that it overlaps starts a new map, so that no
+// - A subnet that comes back after the rules of one that it overlaps starts a new map, so that no
 //   rule is ever written twice.
 
 #pragma once
@@ -41,14 +41,14 @@ struct Interval {
     bool operator==(const Interval&) const = default;
 };
 
-struct NetworkMap {
-    std::vector<Block> blocks;  ///< one for each network, in the order of their first lines
-    /// Path n is that of block n's network: its own block and those of the networks around it.
+struct AddressMap {
+    std::vector<Block> blocks;  ///< one for each subnet, in the order of their first lines
+    /// Path n is that of block n's subnet: its own block and those of the subnets around it.
     std::vector<std::vector<std::uint32_t>> paths;
     std::vector<Interval> intervals;  ///< ascending, disjoint
 };
 
-using Step = std::variant<Block, NetworkMap>;
+using Step = std::variant<Block, AddressMap>;
 
 struct DirectionPlan {
     std::vector<std::uint32_t> lines;  ///< indices of this direction's rules

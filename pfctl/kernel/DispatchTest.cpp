@@ -29,8 +29,8 @@ std::vector<Rule> rulesOf(std::string_view text) {
     return ruleset.rules;
 }
 
-NetworkMap mapAt(const DirectionPlan& plan, std::size_t step) {
-    return std::get<NetworkMap>(plan.steps.at(step));
+AddressMap mapAt(const DirectionPlan& plan, std::size_t step) {
+    return std::get<AddressMap>(plan.steps.at(step));
 }
 
 /// The first rule of the direction that matches: what every dispatch must come to.
@@ -47,7 +47,7 @@ std::optional<std::uint32_t> firstMatch(
 std::size_t blocksOf(const DirectionPlan& plan) {
     std::size_t blocks = 0;
     for (const Step& step : plan.steps) {
-        const auto* map = std::get_if<NetworkMap>(&step);
+        const auto* map = std::get_if<AddressMap>(&step);
         blocks += map != nullptr ? map->blocks.size() : 1;
     }
     return blocks;
@@ -161,9 +161,9 @@ TEST(DispatchTest, StartsANewMapWhereOverlappingNetworksAlternate) {
 
 TEST(DispatchTest, WritesNoRuleTwiceHoweverNetworksOverlap) {
     std::string text;
-    for (int network = 0; network < 4096; ++network) {
+    for (int number = 0; number < 4096; ++number) {
         const std::string subnet =
-            "10." + std::to_string(network / 256) + "." + std::to_string(network % 256) + ".0/24";
+            "10." + std::to_string(number / 256) + "." + std::to_string(number % 256) + ".0/24";
         text += "block drop in quick from 10.0.0.0/8 to 1.0.0.0/8\n";
         text += "pass in quick from " + subnet + " to any\n";
     }
@@ -174,7 +174,7 @@ TEST(DispatchTest, WritesNoRuleTwiceHoweverNetworksOverlap) {
     EXPECT_LE(blocksOf(plan), rules.size());
     std::size_t hops = 0;
     for (const Step& step : plan.steps) {
-        for (const auto& path : std::get<NetworkMap>(step).paths) {
+        for (const auto& path : std::get<AddressMap>(step).paths) {
             hops += path.size();
         }
     }
@@ -206,7 +206,7 @@ TEST(DispatchTest, MatchesByProtocolAddressesAndPorts) {
     EXPECT_FALSE(matches(rule, changed([](Flow& f) { f.destinationPort = 71; })));
 }
 
-/// Rulesets over few addresses, so that networks meet, nest and come back.
+/// Rulesets over few addresses, so that subnets meet, nest and come back.
 class RandomRulesets {
 public:
     explicit RandomRulesets(unsigned seed) : random_(seed) {}
@@ -217,13 +217,13 @@ public:
 
     std::uint32_t address() { return 0x0A000000 | below(4) << 14U | below(4) << 6U | below(3); }
 
-    Network network() {
+    Subnet subnet() {
         if (below(5) == 0) {
             return {};
         }
-        Network network{.address = 0, .prefixLength = static_cast<std::uint8_t>(16 + below(17))};
-        network.address = address() & network.mask();
-        return network;
+        Subnet subnet{.address = 0, .prefixLength = static_cast<std::uint8_t>(16 + below(17))};
+        subnet.address = address() & subnet.mask();
+        return subnet;
     }
 
     Rule rule() {
@@ -231,8 +231,8 @@ public:
         rule.action = below(2) == 0 ? Action::pass : Action::blockDrop;
         rule.direction = below(2) == 0 ? Direction::in : Direction::out;
         rule.protocol = below(2) == 0 ? Protocol::any : Protocol::udp;
-        rule.from.network = network();
-        rule.to.network = network();
+        rule.from.subnet = subnet();
+        rule.to.subnet = subnet();
         return rule;
     }
 

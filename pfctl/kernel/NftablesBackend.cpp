@@ -3,42 +3,44 @@
 #include "pfctl/kernel/NftablesBackend.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
 
+#include "netlink/Messages.h"
+#include "pfctl/kernel/Netfilter.h"
+#include "pfctl/kernel/UserData.h"
 #include "pfctl/language/PfctlError.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
+using netlink::attribute;
+using netlink::AttributeReader;
+using netlink::bigEndian;
+using netlink::Bytes;
+using netlink::Message;
+using netlink::MessageWriter;
+using netlink::textOf;
+
 /// A listing that others keep changing under us is given up after so many attempts.
-constexpr int mostAttempts = 20;
+constexpr int maxAttempts = 20;
 
 PfctlError keepsChanging() {
     return PfctlError{"the rules keep changing while they are read"};
 }
 
-MessageHeader header(int message, unsigned flags = 0) {
-    return {
-        .type = static_cast<std::uint16_t>(NFNL_SUBSYS_NFTABLES << 8 | message),
-        .flags = static_cast<std::uint16_t>(flags),
-        .family = NFPROTO_IPV4,
-        .resource = 0};
-}
-
 std::optional<Anchor> anchorOf(const Message& message) {
-    const auto loader = loaderFromUserData(attribute(message.attributes, NFTA_TABLE_USERDATA));
-    if (message.family != NFPROTO_IPV4 || !loader) {
+    const Bytes attributes = attributesOf(message);
+    const auto loader = loaderFromUserData(attribute(attributes, NFTA_TABLE_USERDATA));
+    if (familyOf(message) != NFPROTO_IPV4 || !loader) {
         return std::nullopt;
     }
-    const auto flags = number(attribute(message.attributes, NFTA_TABLE_FLAGS)).value_or(0);
+    const auto flags = bigEndian(attribute(attributes, NFTA_TABLE_FLAGS)).value_or(0);
     return Anchor{
-        .name = std::string(textOf(attribute(message.attributes, NFTA_TABLE_NAME))),
+        .name = std::string(textOf(attribute(attributes, NFTA_TABLE_NAME))),
         .loader = *loader,
         .dormant = (flags & NFT_TABLE_F_DORMANT) != 0};
 }
@@ -54,8 +56,8 @@ std::optional<Counter> counterOf(Bytes expressions) {
         if (textOf(attribute(reader.value(), NFTA_EXPR_NAME)) == "counter") {
             const Bytes data = attribute(reader.value(), NFTA_EXPR_DATA);
             return Counter{
-                .packets = number(attribute(data, NFTA_COUNTER_PACKETS)).value_or(0),
-                .bytes = number(attribute(data, NFTA_COUNTER_BYTES)).value_or(0)};
+                .packets = bigEndian(attribute(data, NFTA_COUNTER_PACKETS)).value_or(0),
+                .bytes = bigEndian(attribute(data, NFTA_COUNTER_BYTES)).value_or(0)};
         }
     }
     return std::nullopt;
@@ -81,10 +83,10 @@ std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
 }  // namespace
 
 std::vector<Anchor> NftablesBackend::anchors() {
-    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         std::vector<Anchor> found;
         MessageWriter request;
-        request.begin(header(NFT_MSG_GETTABLE, NLM_F_DUMP));
+        beginNftables(request, NFT_MSG_GETTABLE, NLM_F_DUMP);
         const bool complete = socket_.dump(request, [&found](const Message& message) {
             if (auto anchor = anchorOf(message)) {
                 found.push_back(std::move(*anchor));
@@ -100,13 +102,9 @@ std::vector<Anchor> NftablesBackend::anchors() {
 std::optional<Anchor> NftablesBackend::anchor(std::string_view name) {
     std::optional<Anchor> found;
     MessageWriter request;
-    request.begin(header(NFT_MSG_GETTABLE));
+    beginNftables(request, NFT_MSG_GETTABLE);
     request.putText(NFTA_TABLE_NAME, name);
-    const int error =
-        socket_.get(request, [&found](const Message& message) { found = anchorOf(message); });
-    if (error != 0 && error != ENOENT) {
-        throw NetlinkSocket::failure(error);
-    }
+    socket_.get(request, [&found](const Message& message) { found = anchorOf(message); });
     return found;
 }
 
@@ -119,26 +117,23 @@ void NftablesBackend::load(const RulesetTable& table) {
     placed.place = placeBehind(table.anchor);
     MessageWriter transaction;
     writeReplacement(transaction, placed);
-    commit(transaction);
+    socket_.request(transaction);
 }
 
 /// The place on the hooks that is just behind the anchor's table, if there is one.
 std::int32_t NftablesBackend::placeBehind(std::string_view anchor) {
     std::int32_t place = 0;
     MessageWriter request;
-    request.begin(header(NFT_MSG_GETCHAIN));
+    beginNftables(request, NFT_MSG_GETCHAIN);
     request.putText(NFTA_CHAIN_TABLE, anchor);
     request.putText(NFTA_CHAIN_NAME, "in");
-    const int error = socket_.get(request, [&place](const Message& message) {
-        const Bytes hook = attribute(message.attributes, NFTA_CHAIN_HOOK);
-        const auto priority = number(attribute(hook, NFTA_HOOK_PRIORITY));
+    socket_.get(request, [&place](const Message& message) {
+        const Bytes hook = attribute(attributesOf(message), NFTA_CHAIN_HOOK);
+        const auto priority = bigEndian(attribute(hook, NFTA_HOOK_PRIORITY));
         if (priority) {
             place = static_cast<std::int32_t>(*priority) - firstPlaceIn + 1;
         }
     });
-    if (error != 0 && error != ENOENT) {
-        throw NetlinkSocket::failure(error);
-    }
     return place;
 }
 
@@ -149,41 +144,32 @@ void NftablesBackend::flush(std::string_view anchor) {
     }
     MessageWriter transaction;
     writeRemoval(transaction, anchor);
-    commit(transaction);
+    socket_.request(transaction);
 }
 
-void NftablesBackend::awaken(std::span<const std::string> anchors) {
+void NftablesBackend::activate(std::span<const std::string> anchors) {
     MessageWriter transaction;
-    writeAwakening(transaction, anchors);
-    commit(transaction);
-}
-
-void NftablesBackend::commit(MessageWriter& transaction) {
-    if (const int error = socket_.request(transaction, 1); error != 0) {
-        throw NetlinkSocket::failure(error);
-    }
+    writeActivation(transaction, anchors);
+    socket_.request(transaction);
 }
 
 std::uint32_t NftablesBackend::generation() {
     std::uint64_t generation = 0;
     MessageWriter request;
-    request.begin(header(NFT_MSG_GETGEN));
-    const int error = socket_.get(request, [&generation](const Message& message) {
-        generation = number(attribute(message.attributes, NFTA_GEN_ID)).value_or(0);
+    beginNftables(request, NFT_MSG_GETGEN);
+    socket_.get(request, [&generation](const Message& message) {
+        generation = bigEndian(attribute(attributesOf(message), NFTA_GEN_ID)).value_or(0);
     });
-    if (error != 0) {
-        throw NetlinkSocket::failure(error);
-    }
     return static_cast<std::uint32_t>(generation);
 }
 
 std::optional<std::vector<std::string>> NftablesBackend::chains(std::string_view anchor) {
     std::vector<std::string> names;
     MessageWriter request;
-    request.begin(header(NFT_MSG_GETCHAIN, NLM_F_DUMP));
+    beginNftables(request, NFT_MSG_GETCHAIN, NLM_F_DUMP);
     const bool complete = socket_.dump(request, [&](const Message& message) {
-        if (textOf(attribute(message.attributes, NFTA_CHAIN_TABLE)) == anchor) {
-            names.emplace_back(textOf(attribute(message.attributes, NFTA_CHAIN_NAME)));
+        if (textOf(attribute(attributesOf(message), NFTA_CHAIN_TABLE)) == anchor) {
+            names.emplace_back(textOf(attribute(attributesOf(message), NFTA_CHAIN_NAME)));
         }
     });
     return complete ? std::optional(std::move(names)) : std::nullopt;
@@ -194,15 +180,15 @@ bool NftablesBackend::readChain(
     const std::size_t first = rules.size();
     std::uint64_t unmatched = 0;
     MessageWriter request;
-    request.begin(header(NFT_MSG_GETRULE, NLM_F_DUMP));
+    beginNftables(request, NFT_MSG_GETRULE, NLM_F_DUMP);
     request.putText(NFTA_RULE_TABLE, anchor);
     request.putText(NFTA_RULE_CHAIN, chain);
     const bool complete = socket_.dump(request, [&](const Message& message) {
-        const auto counter = counterOf(attribute(message.attributes, NFTA_RULE_EXPRESSIONS));
+        const auto counter = counterOf(attribute(attributesOf(message), NFTA_RULE_EXPRESSIONS));
         if (!counter) {
             return;
         }
-        const auto line = ruleFromUserData(attribute(message.attributes, NFTA_RULE_USERDATA));
+        const auto line = ruleFromUserData(attribute(attributesOf(message), NFTA_RULE_USERDATA));
         if (!line) {
             unmatched = counter->packets;
             return;
@@ -225,7 +211,7 @@ bool NftablesBackend::readChain(
 
 std::optional<AnchorContent> NftablesBackend::content(std::string_view anchor) {
     // The dumps belong together if no transaction was committed between the first and the last.
-    for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+    for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         const std::uint32_t before = generation();
         const auto found = this->anchor(anchor);
         if (!found) {

@@ -11,8 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "pfctl/kernel/Netlink.h"
-#include "pfctl/kernel/RulesetBatch.h"
+#include "netlink/Socket.h"
+#include "pfctl/kernel/TableWriter.h"
+#include "pfctl/language/CountedRule.h"
 
 namespace tarnvale::pfctl {
 
@@ -27,10 +28,10 @@ struct AnchorContent {
     std::vector<CountedRule> rules;  ///< in the order of the lines
 };
 
-/// All functions throw `PfctlError`.
+/// All functions throw `std::system_error`, and `PfctlError` when rules cannot be read.
 class NftablesBackend {
 public:
-    explicit NftablesBackend(NetlinkSocket& socket) : socket_(socket) {}
+    explicit NftablesBackend(netlink::Socket& socket) : socket_(socket) {}
 
     /// The anchors that have rules. Tables of others are not among them.
     std::vector<Anchor> anchors();
@@ -45,7 +46,7 @@ public:
     void flush(std::string_view anchor);
 
     /// Lets the anchors be enforced that were loaded dormant.
-    void awaken(std::span<const std::string> anchors);
+    void activate(std::span<const std::string> anchors);
 
     /// What the anchor holds at one instant; nothing when it has no rules.
     std::optional<AnchorContent> content(std::string_view anchor);
@@ -56,9 +57,8 @@ private:
     bool readChain(
         std::string_view anchor, const std::string& chain, std::vector<CountedRule>& rules);
     std::int32_t placeBehind(std::string_view anchor);
-    void commit(MessageWriter& transaction);
 
-    NetlinkSocket& socket_;
+    netlink::Socket& socket_;
 };
 
 }  // namespace tarnvale::pfctl

@@ -162,12 +162,12 @@ std::string checkedAnchor(std::string_view name) {
     return std::string(name);
 }
 
-Network parsedHost(std::string_view text) {
+Subnet parsedHost(std::string_view text) {
     if (const auto address = parseAddress(text)) {
         return {.address = *address, .prefixLength = 32};
     }
-    if (const auto network = parseNetwork(text)) {
-        return *network;
+    if (const auto subnet = parseSubnet(text)) {
+        return *subnet;
     }
     throw UsageError("no IPv4 address or network after -k");
 }

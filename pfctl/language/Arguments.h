@@ -38,10 +38,10 @@ enum class Command {
 
 struct Arguments {
     Command command = Command::showInfo;
-    std::string anchor;          ///< the name of an nftables table, so at most 255 bytes
-    std::string file;            ///< the ruleset's
-    bool verbose = false;        ///< with `check`: list what was read
-    std::vector<Network> hosts;  ///< one or two, with `kill`
+    std::string anchor;         ///< the name of an nftables table, so at most 255 bytes
+    std::string file;           ///< the ruleset's
+    bool verbose = false;       ///< with `check`: list what was read
+    std::vector<Subnet> hosts;  ///< one or two, with `kill`
 };
 
 /// The command line is none that pfctl takes; what() says why, without "pfctl: ".

@@ -51,9 +51,9 @@ TEST(ArgumentsTest, ReadsOneOrTwoHostsToKill) {
     const auto two = parseArguments(Words{"-k", "0.0.0.0/0", "-k10.0.0.1"});
 
     EXPECT_EQ(one.command, Command::kill);
-    EXPECT_THAT(one.hosts, ElementsAre(Network{.address = 0xC0A84000, .prefixLength = 24}));
+    EXPECT_THAT(one.hosts, ElementsAre(Subnet{.address = 0xC0A84000, .prefixLength = 24}));
     EXPECT_THAT(
-        two.hosts, ElementsAre(Network{}, Network{.address = 0x0A000001, .prefixLength = 32}));
+        two.hosts, ElementsAre(Subnet{}, Subnet{.address = 0x0A000001, .prefixLength = 32}));
 }
 
 TEST(ArgumentsTest, ReadsAFlush) {

@@ -22,13 +22,13 @@ void appendAddress(std::string& out, std::uint32_t address) {
 }
 
 void appendEndpoint(std::string& out, const Endpoint& side) {
-    if (side.network.isEverything()) {
+    if (side.subnet.isEverything()) {
         out += "any";
     } else {
-        appendAddress(out, side.network.address);
-        if (side.network.prefixLength < 32) {
+        appendAddress(out, side.subnet.address);
+        if (side.subnet.prefixLength < 32) {
             out += '/';
-            appendNumber(out, side.network.prefixLength);
+            appendNumber(out, side.subnet.prefixLength);
         }
     }
     if (side.ports.kind == Ports::Kind::one) {
@@ -57,7 +57,7 @@ std::string_view protocolText(Protocol protocol) {
 }
 
 bool isAny(const Endpoint& side) {
-    return side.network.isEverything() && side.ports.kind == Ports::Kind::all;
+    return side.subnet.isEverything() && side.ports.kind == Ports::Kind::all;
 }
 
 /// Appends the text and blanks up to the width.
@@ -102,7 +102,7 @@ std::string statusText(std::optional<std::uint64_t> enabledFor) {
 void appendCanonicalLine(std::string& out, const Rule& rule) {
     out += rule.action == Action::pass ? "pass" : "block drop";
     out += rule.direction == Direction::in ? " in quick" : " out quick";
-    if (rule.namesANetwork) {
+    if (rule.namesASubnet) {
         out += " inet";
     }
     out += protocolText(rule.protocol);

@@ -4,10 +4,8 @@
 
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -20,11 +18,11 @@ enum class Direction : std::uint8_t { in, out };
 enum class Protocol : std::uint8_t { any = 0, icmp = 1, tcp = 6, udp = 17 };
 
 /// IPv4 addresses that share their first bits. Host bits are always clear.
-struct Network {
+struct Subnet {
     std::uint32_t address = 0;
     std::uint8_t prefixLength = 0;
 
-    bool operator==(const Network&) const = default;
+    bool operator==(const Subnet&) const = default;
 
     std::uint32_t mask() const {
         return prefixLength == 0 ? 0 : ~std::uint32_t{0} << (32U - prefixLength);
@@ -35,7 +33,7 @@ struct Network {
 };
 
 /// Four decimal numbers and a prefix length, "10.0.0.7/8"; host bits are cleared.
-std::optional<Network> parseNetwork(std::string_view text);
+std::optional<Subnet> parseSubnet(std::string_view text);
 
 /// Four decimal numbers, "10.0.0.7".
 std::optional<std::uint32_t> parseAddress(std::string_view text);
@@ -55,7 +53,7 @@ struct Ports {
 
 /// One side of a connection.
 struct Endpoint {
-    Network network;
+    Subnet subnet;
     Ports ports;
 
     bool operator==(const Endpoint&) const = default;
@@ -66,7 +64,7 @@ struct Rule {
     Action action = Action::pass;
     Direction direction = Direction::in;
     Protocol protocol = Protocol::any;
-    bool namesANetwork = false;  ///< a side was written as a network, be it of length 0
+    bool namesASubnet = false;  ///< a side was written as a subnet, be it of length 0
     Endpoint from;
     Endpoint to;
 
@@ -77,13 +75,5 @@ struct Rule {
     const Endpoint& keySide() const { return direction == Direction::in ? from : to; }
     const Endpoint& farSide() const { return direction == Direction::in ? to : from; }
 };
-
-/// The bytes as which the kernel keeps a rule for us beside what it makes of it.
-using PackedRule = std::array<std::uint8_t, 23>;
-
-PackedRule packed(const Rule& rule);
-
-/// Nothing when the bytes are not those of a rule.
-std::optional<Rule> unpackedRule(std::span<const std::uint8_t> bytes);
 
 }  // namespace tarnvale::pfctl

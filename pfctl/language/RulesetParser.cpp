@@ -184,12 +184,12 @@ private:
     Endpoint readEndpoint(Rule& rule) {
         Endpoint side;
         if (!accept("any")) {
-            const auto network = parseNetwork(word_);
-            if (!network) {
+            const auto subnet = parseSubnet(word_);
+            if (!subnet) {
                 throw LineMistake{isPlain(word_) ? "could not parse host" : "syntax error"};
             }
-            side.network = *network;
-            rule.namesANetwork = true;
+            side.subnet = *subnet;
+            rule.namesASubnet = true;
             advance();
         }
         if (accept("port")) {
@@ -240,7 +240,7 @@ ParsedRuleset parseRuleset(std::string_view text) {
     ParsedRuleset ruleset;
     LineReader lines(text);
     Line line;
-    while (ruleset.mistakes.size() < mostMistakes && lines.next(line)) {
+    while (ruleset.mistakes.size() < maxMistakes && lines.next(line)) {
         RuleReader reader(line.text);
         if (reader.atEnd()) {
             continue;

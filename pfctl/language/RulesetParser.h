@@ -28,7 +28,7 @@ struct Mistake {
 };
 
 /// No more mistakes than these are told: the first ones are what a reader needs.
-inline constexpr std::size_t mostMistakes = 10;
+inline constexpr std::size_t maxMistakes = 10;
 
 struct ParsedRuleset {
     std::vector<Rule> rules;

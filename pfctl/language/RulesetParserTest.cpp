@@ -43,12 +43,12 @@ TEST(RulesetParserTest, ReadsEveryPartOfARule) {
             .action = Action::pass,
             .direction = Direction::out,
             .protocol = Protocol::tcp,
-            .namesANetwork = true,
+            .namesASubnet = true,
             .from =
-                {.network = {.address = 0x0A000000, .prefixLength = 8},
+                {.subnet = {.address = 0x0A000000, .prefixLength = 8},
                  .ports = {.kind = Ports::Kind::range, .first = 1, .last = 2}},
             .to = {
-                .network = {.address = 0xC0A84000, .prefixLength = 24},
+                .subnet = {.address = 0xC0A84000, .prefixLength = 24},
                 .ports = {.kind = Ports::Kind::one, .first = 22, .last = 22}}}));
 }
 
@@ -242,14 +242,14 @@ TEST(RulesetParserTest, RefusesWhatIsNoNetwork) {
 
 TEST(RulesetParserTest, ReadsTheSmallestAndTheLargestNetworks) {
     EXPECT_EQ(
-        onlyRuleOf("pass in quick from 255.255.255.255/0 to any\n").from.network,
-        (Network{.address = 0, .prefixLength = 0}));
+        onlyRuleOf("pass in quick from 255.255.255.255/0 to any\n").from.subnet,
+        (Subnet{.address = 0, .prefixLength = 0}));
     EXPECT_EQ(
-        onlyRuleOf("pass in quick from 255.255.255.255/1 to any\n").from.network,
-        (Network{.address = 0x80000000, .prefixLength = 1}));
+        onlyRuleOf("pass in quick from 255.255.255.255/1 to any\n").from.subnet,
+        (Subnet{.address = 0x80000000, .prefixLength = 1}));
     EXPECT_EQ(
-        onlyRuleOf("pass in quick from 255.255.255.255/32 to any\n").from.network,
-        (Network{.address = 0xFFFFFFFF, .prefixLength = 32}));
+        onlyRuleOf("pass in quick from 255.255.255.255/32 to any\n").from.subnet,
+        (Subnet{.address = 0xFFFFFFFF, .prefixLength = 32}));
 }
 
 TEST(RulesetParserTest, RefusesWhatIsNoPort) {

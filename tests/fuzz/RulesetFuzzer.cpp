@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "pfctl/kernel/Dispatch.h"
+#include "pfctl/kernel/UserData.h"
 #include "pfctl/language/Rule.h"
 #include "pfctl/language/RulesetParser.h"
 
@@ -38,7 +39,7 @@ void checkPlan(
 
 void check(std::string_view text) {
     const auto ruleset = parseRuleset(text);
-    require(ruleset.mistakes.size() <= mostMistakes);
+    require(ruleset.mistakes.size() <= maxMistakes);
     if (!ruleset.mistakes.empty()) {
         return;
     }
@@ -49,7 +50,7 @@ void check(std::string_view text) {
         // The first and the last addresses of a rule are where a plan could err.
         for (const bool last : {false, true}) {
             const auto end = [last](const Endpoint& side) {
-                return last ? side.network.last() : side.network.address;
+                return last ? side.subnet.last() : side.subnet.address;
             };
             const Flow flow{
                 .protocol = static_cast<std::uint8_t>(rule.protocol),

@@ -7,14 +7,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include <linux/netlink.h>
-
+#include "netlink/Socket.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -35,7 +34,7 @@ struct Link {
 };
 
 /// How many bytes of an alias the kernel keeps.
-inline constexpr std::size_t longestAlias = 255;
+inline constexpr std::size_t maxAliasSize = 255;
 
 /// A conversation with the kernel. Its functions throw `std::system_error` with the kernel's error
 /// number when it refuses, and with one of their own when the answer is not to be understood.
@@ -43,8 +42,8 @@ class LinkSocket {
 public:
     LinkSocket();
 
-    /// Talks to who is at the other end of a connected datagram socket.
-    explicit LinkSocket(support::UniqueFd socket) : socket_(std::move(socket)) {}
+    /// Talks to whoever is at the other end of a connected datagram socket.
+    explicit LinkSocket(support::UniqueFd fd) : socket_(std::move(fd)) {}
 
     /// All interfaces of this network namespace, in the order of their indices.
     std::vector<Link> links();
@@ -55,17 +54,17 @@ public:
     /// Makes a VLAN interface, which is down.
     void createVLAN(std::string_view name, int parent, std::uint16_t tag);
 
-    /// Of an alias that is too long the kernel gets the first `longestAlias` bytes.
+    /// Of an alias that is too long the kernel gets the first `maxAliasSize` bytes.
     void setAlias(int index, std::string_view alias);
     void setUp(int index);
     void remove(int index);
 
 private:
-    void request(nlmsghdr& message);
-    bool exchange(nlmsghdr& message, const std::function<void(const nlmsghdr&)>& take);
+    netlink::MessageWriter begin(
+        std::uint16_t type, unsigned flags, int index = 0, unsigned interfaceFlags = 0);
 
-    support::UniqueFd socket_;
-    std::uint32_t sequence_ = 0;
+    netlink::Socket socket_;
+    std::uint32_t sequence_ = 0;  ///< of the last request
 };
 
 }  // namespace tarnvale::platform

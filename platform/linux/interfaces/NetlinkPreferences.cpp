@@ -26,13 +26,13 @@ constexpr std::int64_t highestTag = 4094;
 /// As much of a display name as an alias holds, cut between two code points.
 std::string_view aliasOf(std::string_view displayName) {
     const auto alias = displayName.substr(0, displayName.find('\0'));
-    if (alias.size() <= longestAlias) {
+    if (alias.size() <= maxAliasSize) {
         return alias;
     }
     const auto continuesCodePoint = [](char byte) {
         return (static_cast<unsigned>(byte) & 0xC0U) == 0x80U;
     };
-    std::size_t end = longestAlias;
+    std::size_t end = maxAliasSize;
     while (end > 0 && continuesCodePoint(alias[end])) {
         --end;
     }

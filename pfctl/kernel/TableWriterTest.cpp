@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 
-#include "pfctl/kernel/RulesetBatch.h"
+#include "pfctl/kernel/TableWriter.h"
 
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -16,11 +15,16 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
 
+#include "pfctl/kernel/UserData.h"
 #include "pfctl/language/RulesetParser.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
+using netlink::attribute;
+using netlink::bigEndian;
+using netlink::Bytes;
+using netlink::MessageWriter;
 using testing::ElementsAre;
 
 struct Sent {
@@ -78,12 +82,12 @@ constexpr std::string_view twoLines =
     "pass in quick from 10.0.0.0/24 to any keep state\n"
     "block drop out quick from any to 10.0.0.0/24\n";
 
-TEST(RulesetBatchTest, AsksForOneAnswerWithTheLastMessage) {
+TEST(TableWriterTest, AsksForOneAnswerWithTheLastMessage) {
     expectOneQuestionAtTheEnd(replacementOf(twoLines));
     const std::vector<std::string> anchors{"one", "two"};
     const std::vector<std::function<void(MessageWriter&)>> others{
         [](MessageWriter& messages) { writeRemoval(messages, "one"); },
-        [&anchors](MessageWriter& messages) { writeAwakening(messages, anchors); }};
+        [&anchors](MessageWriter& messages) { writeActivation(messages, anchors); }};
     for (const auto& write : others) {
         MessageWriter messages;
         write(messages);
@@ -91,7 +95,7 @@ TEST(RulesetBatchTest, AsksForOneAnswerWithTheLastMessage) {
     }
 }
 
-TEST(RulesetBatchTest, CarriesTheLoaderAndEveryLine) {
+TEST(TableWriterTest, CarriesTheLoaderAndEveryLine) {
     const auto messages = replacementOf(twoLines);
 
     const auto table = ofType(messages, NFT_MSG_NEWTABLE).at(1);
@@ -99,7 +103,8 @@ TEST(RulesetBatchTest, CarriesTheLoaderAndEveryLine) {
         loaderFromUserData(attribute(table.attributes, NFTA_TABLE_USERDATA)),
         (Loader{.uid = 7, .pid = 8}));
     EXPECT_EQ(
-        number(attribute(table.attributes, NFTA_TABLE_FLAGS)), std::uint64_t{NFT_TABLE_F_DORMANT});
+        bigEndian(attribute(table.attributes, NFTA_TABLE_FLAGS)),
+        std::uint64_t{NFT_TABLE_F_DORMANT});
     std::vector<std::uint32_t> lines;
     for (const Sent& rule : ofType(messages, NFT_MSG_NEWRULE)) {
         if (const auto line = ruleFromUserData(attribute(rule.attributes, NFTA_RULE_USERDATA))) {
@@ -111,14 +116,14 @@ TEST(RulesetBatchTest, CarriesTheLoaderAndEveryLine) {
     EXPECT_THAT(lines, ElementsAre(0, 0, 1));
 }
 
-TEST(RulesetBatchTest, TakesAHashTableForEachSizeOfNetwork) {
+TEST(TableWriterTest, TakesAHashTableForEachSizeOfSubnet) {
     const auto setsFor = [](std::string_view other) {
         const auto messages = replacementOf(
             "block drop in quick from 10.0.0.0/24 to any\nblock drop in quick from " +
             std::string(other) + " to any\n");
         const auto sets = ofType(messages, NFT_MSG_NEWSET);
         for (const auto& set : sets) {
-            EXPECT_EQ(number(attribute(set.attributes, NFTA_SET_FLAGS)), NFT_SET_MAP);
+            EXPECT_EQ(bigEndian(attribute(set.attributes, NFTA_SET_FLAGS)), NFT_SET_MAP);
         }
         return sets.size();
     };
@@ -128,40 +133,6 @@ TEST(RulesetBatchTest, TakesAHashTableForEachSizeOfNetwork) {
     EXPECT_EQ(setsFor("10.0.0.0/23"), 1U) << "two halves of one size";
     EXPECT_EQ(setsFor("10.0.0.0/22"), 2U) << "a quarter, the quarter beside it, and a half";
     EXPECT_EQ(setsFor("10.0.0.0/8"), 16U) << "what is left of it has each size from 9 to 24";
-}
-
-TEST(RulesetBatchTest, KnowsItsOwnTablesByTheirUserData) {
-    const auto loaderOf = [](std::string_view comment) {
-        std::vector<std::uint8_t> data{0, static_cast<std::uint8_t>(comment.size() + 1)};
-        data.insert(data.end(), comment.begin(), comment.end());
-        data.push_back(0);
-        return loaderFromUserData(data);
-    };
-
-    EXPECT_EQ(
-        loaderOf("pf anchor, form 1, loaded by uid 4294967295 pid 68"),
-        (Loader{.uid = 4294967295, .pid = 68}));
-    for (const std::string_view comment :
-         {"",
-          "somebody's table",
-          "pf anchor, form 2, loaded by uid 0 pid 68",
-          "pf anchor, form 1, loaded by uid pid 68",
-          "pf anchor, form 1, loaded by uid 0 pid ",
-          "pf anchor, form 1, loaded by uid 0 pid 68 ",
-          "pf anchor, form 1, loaded by uid 4294967296 pid 68"}) {
-        EXPECT_EQ(loaderOf(comment), std::nullopt) << comment;
-    }
-    EXPECT_EQ(loaderFromUserData({}), std::nullopt);
-    EXPECT_EQ(loaderFromUserData(std::array<std::uint8_t, 3>{0, 200, 'p'}), std::nullopt);
-}
-
-TEST(RulesetBatchTest, TakesNoOtherUserDataForALine) {
-    EXPECT_EQ(ruleFromUserData({}), std::nullopt);
-    EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 2>{0xF0, 0}), std::nullopt);
-    EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 4>{0xF0, 200, 0, 0}), std::nullopt);
-    EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 6>{0xF0, 4, 0, 0, 0, 0}), std::nullopt);
-    EXPECT_EQ(
-        ruleFromUserData(std::array<std::uint8_t, 6>{0x00, 4, 'l', 'i', 'n', 0}), std::nullopt);
 }
 
 }  // namespace

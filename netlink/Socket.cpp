@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: MIT
+
+#include "netlink/Socket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+namespace tarnvale::netlink {
+namespace {
+
+constexpr timeval answerLimit{.tv_sec = 5, .tv_usec = 0};
+
+/// No message of the kernel's comes near this size.
+constexpr std::size_t maxDatagram = std::size_t{1} << 16U;
+
+void require(bool done) {
+    if (!done) {
+        fail(errno);
+    }
+}
+
+template <typename Value>
+void setOption(int socket, int level, int option, const Value& value) {
+    require(::setsockopt(socket, level, option, &value, sizeof value) == 0);
+}
+
+/// Takes the first message off the front of the bytes: its header, and what stands behind it.
+std::pair<nlmsghdr, Bytes> takeMessage(Bytes& bytes) {
+    nlmsghdr header{};
+    if (bytes.size() < sizeof header) {
+        failMalformed();
+    }
+    std::memcpy(&header, bytes.data(), sizeof header);
+    if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) {
+        failMalformed();
+    }
+    const Bytes payload = bytes.first(header.nlmsg_len).subspan(sizeof header);
+    bytes = bytes.subspan(std::min<std::size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
+    return {header, payload};
+}
+
+}  // namespace
+
+/// A message of the answer to a request, or the kernel's verdict on it.
+struct Socket::Answer {
+    Message message;
+    bool changedMeanwhile = false;
+
+    bool isVerdict() const { return message.type == NLMSG_ERROR || message.type == NLMSG_DONE; }
+
+    /// 0 or an error number.
+    int verdict() const { return -message.header<int>(); }
+};
+
+Socket::Socket(int protocol)
+    : Socket(support::UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol))) {
+    require(static_cast<bool>(fd_));
+    setOption(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, answerLimit);
+    setOption(fd_.get(), SOL_NETLINK, NETLINK_CAP_ACK, 1);  // a verdict need not quote the request
+
+    // Once it is connected to the kernel, nobody else can send to it.
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the socket interface's way
+    const auto* const address = reinterpret_cast<const sockaddr*>(&kernel);
+    require(::connect(fd_.get(), address, sizeof kernel) == 0);
+}
+
+Socket::Socket(support::UniqueFd fd) : fd_(std::move(fd)), buffer_(maxDatagram) {}
+
+void Socket::send(const MessageWriter& messages) {
+    // The kernel takes a transaction as one datagram, however long; its default bound is 208 KiB.
+    const std::size_t size = messages.size();
+    constexpr std::size_t roomByDefault = std::size_t{100} << 10U;
+    if (size > roomByDefault) {
+        const int room =
+            static_cast<int>(std::min<std::size_t>(size, std::numeric_limits<int>::max() / 2));
+        setOption(fd_.get(), SOL_SOCKET, SO_SNDBUFFORCE, room);
+    }
+    auto pieces = messages.pieces();
+    msghdr datagram{};
+    datagram.msg_iov = pieces.data();
+    datagram.msg_iovlen = pieces.size();
+    while (::sendmsg(fd_.get(), &datagram, MSG_NOSIGNAL) < 0) {
+        require(errno == EINTR);
+    }
+}
+
+Bytes Socket::receiveDatagram() {
+    iovec piece{.iov_base = buffer_.data(), .iov_len = buffer_.size()};
+    msghdr datagram{};
+    datagram.msg_iov = &piece;
+    datagram.msg_iovlen = 1;
+    ssize_t size = -1;
+    do {
+        size = ::recvmsg(fd_.get(), &datagram, 0);
+    } while (size < 0 && errno == EINTR);
+    require(size >= 0);
+    if ((static_cast<unsigned>(datagram.msg_flags) & unsigned{MSG_TRUNC}) != 0) {
+        fail(EMSGSIZE);
+    }
+    if (size == 0) {
+        fail(ECONNRESET);
+    }
+    return Bytes(buffer_).first(static_cast<std::size_t>(size));
+}
+
+/// Hands on what answers the request with that number until `take` returns false.
+void Socket::receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take) {
+    bool more = true;
+    while (more) {
+        Bytes datagram = receiveDatagram();
+        while (more && !datagram.empty()) {
+            const auto [header, payload] = takeMessage(datagram);
+            // Another number is the late answer to a request that was given up.
+            if (header.nlmsg_seq != sequence || header.nlmsg_type == NLMSG_NOOP) {
+                continue;
+            }
+            if (header.nlmsg_type == NLMSG_OVERRUN) {
+                fail(ENOBUFS);
+            }
+            more = take(
+                {.message = {.type = header.nlmsg_type, .payload = payload},
+                 .changedMeanwhile = (header.nlmsg_flags & unsigned{NLM_F_DUMP_INTR}) != 0});
+        }
+    }
+}
+
+void Socket::request(
+    const MessageWriter& messages, std::size_t acknowledgements, int toleratedError) {
+    send(messages);
+    receive(messages.sequence(), [&](const Answer& answer) {
+        if (!answer.isVerdict()) {
+            failMalformed();
+        }
+        if (const int error = answer.verdict(); error != 0 && error != toleratedError) {
+            fail(error);
+        }
+        --acknowledgements;
+        return acknowledgements > 0;
+    });
+}
+
+bool Socket::dump(const MessageWriter& message, const std::function<void(const Message&)>& take) {
+    send(message);
+    bool complete = true;
+    receive(message.sequence(), [&](const Answer& answer) {
+        complete = complete && !answer.changedMeanwhile;
+        if (!answer.isVerdict()) {
+            take(answer.message);
+            return true;
+        }
+        if (const int error = answer.verdict(); error != 0) {
+            fail(error);
+        }
+        return false;
+    });
+    return complete;
+}
+
+bool Socket::get(const MessageWriter& message, const std::function<void(const Message&)>& take) {
+    send(message);
+    bool found = true;
+    receive(message.sequence(), [&](const Answer& answer) {
+        if (!answer.isVerdict()) {
+            take(answer.message);
+            return false;
+        }
+        const int error = answer.verdict();
+        if (error != 0 && error != ENOENT) {
+            fail(error);
+        }
+        found = false;
+        return false;
+    });
+    return found;
+}
+
+}  // namespace tarnvale::netlink

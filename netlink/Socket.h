@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+//
+// A conversation with the kernel. It answers each request at once, so an answer that does not come
+// within seconds never will. All functions throw `std::system_error` with the kernel's error number
+// when it refuses, and with `EBADMSG` when an answer makes no sense.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "netlink/Messages.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::netlink {
+
+class Socket {
+public:
+    /// Talks to the part of the kernel with that number, such as `NETLINK_ROUTE`.
+    explicit Socket(int protocol);
+
+    /// Talks to whoever is at the other end of a connected datagram socket.
+    explicit Socket(support::UniqueFd fd);
+
+    /// Sends all messages as one datagram and waits for `acknowledgements` replies: as many of the
+    /// messages ask for one. The kernel's first error is thrown unless it is the tolerated one.
+    void request(
+        const MessageWriter& messages, std::size_t acknowledgements = 1, int toleratedError = 0);
+
+    /// Sends one message and calls `take` for each message of the answer. False when what is
+    /// listed changed meanwhile, so that some of it may be missing or listed twice.
+    bool dump(const MessageWriter& message, const std::function<void(const Message&)>& take);
+
+    /// Sends one message and takes the single message of its answer. False when there is nothing
+    /// of that name.
+    bool get(const MessageWriter& message, const std::function<void(const Message&)>& take);
+
+private:
+    struct Answer;
+
+    void send(const MessageWriter& messages);
+    Bytes receiveDatagram();
+    void receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take);
+
+    support::UniqueFd fd_;
+    std::vector<std::uint8_t> buffer_;
+};
+
+}  // namespace tarnvale::netlink

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+//
+// The expressions of one nftables rule: its conditions, one behind the other, and what is done with
+// the packets that meet them all. Values go through one register; each condition loads what it
+// compares.
+
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "netlink/Messages.h"
+#include "pfctl/language/Rule.h"
+
+namespace tarnvale::pfctl {
+
+// Where the fields lie in the headers of a packet.
+inline constexpr std::uint32_t sourceOffset = 12;       ///< in the IPv4 header
+inline constexpr std::uint32_t destinationOffset = 16;  ///< in the IPv4 header
+inline constexpr std::uint32_t sourcePortOffset = 0;
+inline constexpr std::uint32_t destinationPortOffset = 2;
+
+// The directions of conntrack.
+inline constexpr std::uint8_t byInitiator = 0;  ///< "original"
+inline constexpr std::uint8_t byResponder = 1;  ///< "reply"
+
+class RuleExpressions {
+public:
+    /// Appends to the attribute that holds the rule's expressions.
+    explicit RuleExpressions(netlink::MessageWriter& messages) : messages_(messages) {}
+
+    void protocolIs(Protocol protocol);
+    void protocolIsNot(Protocol protocol);
+    void addressIn(std::uint32_t offset, const Subnet& subnet);
+    void portIn(std::uint32_t offset, const Ports& ports);
+
+    /// Of SYN and ACK, only SYN is set.
+    void opensTcpConnection();
+
+    void directionIs(std::uint8_t direction);
+    void connectionHasMark(std::uint32_t bit);
+
+    /// The packet is one of its own connection, not an error about another one.
+    void belongsToItsConnection();
+
+    void markConnection(std::uint32_t bit);
+    void count();
+    void decide(int verdict, std::string_view chain = {});
+
+    /// Decides by what the map says for the address under the mask.
+    void decideBy(std::uint32_t offset, std::uint32_t mask, std::string_view map);
+
+    /// The verdict as an attribute, as rules and maps hold it.
+    static void putVerdict(netlink::MessageWriter& messages, int verdict, std::string_view chain);
+
+private:
+    template <typename Content>
+    void expression(std::string_view name, const Content& content);
+    void putValue(std::uint16_t type, netlink::Bytes value);
+    void compareProtocol(Protocol protocol, std::uint32_t comparison);
+    void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
+    void loadConntrack(std::uint32_t key);
+    void compare(std::uint32_t comparison, netlink::Bytes value);
+    void compareRange(netlink::Bytes first, netlink::Bytes last);
+
+    /// The register's bits under the mask, those of `flip` inverted.
+    void maskAndFlip(netlink::Bytes mask, netlink::Bytes flip);
+
+    netlink::MessageWriter& messages_;
+};
+
+}  // namespace tarnvale::pfctl

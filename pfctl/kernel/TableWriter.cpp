@@ -1,0 +1,384 @@
+// SPDX-License-Identifier: MIT
+
+#include "pfctl/kernel/TableWriter.h"
+
+#include <array>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter_ipv4.h>
+#include <linux/netlink.h>
+
+#include "pfctl/kernel/Dispatch.h"
+#include "pfctl/kernel/MarkBits.h"
+#include "pfctl/kernel/Netfilter.h"
+#include "pfctl/kernel/RuleExpressions.h"
+#include "pfctl/kernel/UserData.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+using netlink::MessageWriter;
+
+constexpr std::uint32_t ipv4AddressType = 7;  ///< what nft calls ipv4_addr
+constexpr std::size_t maxElementBytes = 30000;
+
+/// What differs between the two directions.
+struct Side {
+    Direction direction;
+    std::string name;
+    std::uint32_t hook;
+    std::int32_t priority;
+    std::uint32_t initiatorPasses;  ///< the bit under which the initiator's packets pass here
+    std::uint32_t responderPasses;  ///< and the responder's
+};
+
+/// The subnets of one size, each with the path that its addresses lead to. The kernel finds an
+/// address in them by one lookup under the mask.
+struct HashTable {
+    std::uint32_t mask = 0;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> paths;  ///< by the subnet's address
+};
+
+/// The subnets of which the intervals consist. An address is in one of the tables at most.
+std::vector<HashTable> hashTablesOf(const std::vector<Interval>& intervals) {
+    std::array<HashTable, 33> bySize;
+    for (const Interval& interval : intervals) {
+        // The largest subnet that begins here and does not reach beyond the interval, and so on.
+        std::uint64_t address = interval.first;
+        while (address <= interval.last) {
+            std::size_t hostBits = 0;
+            while (hostBits < 32 && (address >> hostBits & 1U) == 0 &&
+                   address + (std::uint64_t{2} << hostBits) - 1 <= interval.last) {
+                ++hostBits;
+            }
+            bySize[hostBits].mask = static_cast<std::uint32_t>(~std::uint64_t{0} << hostBits);
+            bySize[hostBits].paths.emplace_back(static_cast<std::uint32_t>(address), interval.path);
+            address += std::uint64_t{1} << hostBits;
+        }
+    }
+    std::vector<HashTable> result;
+    for (HashTable& table : bySize) {
+        if (!table.paths.empty()) {
+            result.push_back(std::move(table));
+        }
+    }
+    return result;
+}
+
+/// Writes one direction's half of the table.
+class DirectionWriter {
+public:
+    DirectionWriter(
+        MessageWriter& messages,
+        const RulesetTable& table,
+        const Side& side,
+        const DirectionPlan& plan)
+        : messages_(messages), table_(table), side_(side), plan_(plan) {}
+
+    void write() {
+        writeChain(side_.name, true);
+        writeChain(passChain(), false);
+        for (const Step& step : plan_.steps) {
+            if (const auto* block = std::get_if<Block>(&step)) {
+                writeBlock(*block);
+            } else {
+                writeMap(std::get<AddressMap>(step));
+            }
+        }
+        writePassChain();
+        writeBaseChain();
+    }
+
+private:
+    std::string passChain() const { return side_.name + ".pass"; }
+    std::string blockChain(std::size_t number) const {
+        return side_.name + "." + std::to_string(number);
+    }
+    std::string pathChain(std::size_t number) const {
+        return side_.name + ".path." + std::to_string(number);
+    }
+    std::string mapName(std::size_t number) const {
+        return side_.name + ".map." + std::to_string(number);
+    }
+
+    void writeChain(const std::string& name, bool onHook) {
+        beginNftables(messages_, NFT_MSG_NEWCHAIN, NLM_F_CREATE);
+        messages_.putText(NFTA_CHAIN_TABLE, table_.anchor);
+        messages_.putText(NFTA_CHAIN_NAME, name);
+        if (onHook) {
+            messages_.nest(NFTA_CHAIN_HOOK, [this] {
+                messages_.putBigEndian(NFTA_HOOK_HOOKNUM, side_.hook);
+                messages_.putBigEndian(
+                    NFTA_HOOK_PRIORITY, static_cast<std::uint32_t>(side_.priority));
+            });
+            messages_.putBigEndian(NFTA_CHAIN_POLICY, NF_ACCEPT);
+            messages_.putText(NFTA_CHAIN_TYPE, "filter");
+        }
+    }
+
+    template <typename Expressions>
+    void writeRule(const std::string& chain, Expressions expressions) {
+        beginNftables(messages_, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND);
+        messages_.putText(NFTA_RULE_TABLE, table_.anchor);
+        messages_.putText(NFTA_RULE_CHAIN, chain);
+        messages_.nest(NFTA_RULE_EXPRESSIONS, [&] {
+            RuleExpressions rule(messages_);
+            expressions(rule);
+        });
+    }
+
+    /// The rules of a block, in a chain of their own.
+    void writeBlock(const Block& block) {
+        const std::string chain = blockChain(blocks_);
+        ++blocks_;
+        writeChain(chain, false);
+        for (auto position = block.begin; position < block.end; ++position) {
+            writeLine(chain, plan_.lines[position]);
+        }
+        writeRule(chain, [](RuleExpressions& rule) { rule.count(); });
+    }
+
+    /// One line of the ruleset. The packet's key side needs no condition: it led to this chain.
+    void writeLine(const std::string& chain, std::uint32_t index) {
+        const Rule& line = table_.rules[index];
+        const auto write = [&](auto protocolConditions) {
+            writeRule(chain, [&](RuleExpressions& rule) {
+                protocolConditions(rule);
+                rule.portIn(sourcePortOffset, line.from.ports);
+                rule.portIn(destinationPortOffset, line.to.ports);
+                rule.addressIn(
+                    side_.direction == Direction::in ? destinationOffset : sourceOffset,
+                    line.farSide().subnet);
+                rule.count();
+                if (line.action == Action::pass) {
+                    rule.decide(NFT_GOTO, passChain());
+                } else {
+                    rule.decide(NF_DROP);
+                }
+            });
+            messages_.put(NFTA_RULE_USERDATA, lineUserData({.index = index, .rule = line}));
+        };
+        const auto tcpThatOpens = [](RuleExpressions& rule) {
+            rule.protocolIs(Protocol::tcp);
+            rule.opensTcpConnection();
+        };
+
+        // A state for TCP begins with a SYN, whether the line names a protocol or not.
+        if (line.action == Action::pass && line.protocol == Protocol::tcp) {
+            write(tcpThatOpens);
+        } else if (line.protocol != Protocol::any) {
+            write([&](RuleExpressions& rule) { rule.protocolIs(line.protocol); });
+        } else if (line.action == Action::pass) {
+            write(tcpThatOpens);
+            write([](RuleExpressions& rule) { rule.protocolIsNot(Protocol::tcp); });
+        } else {
+            write([](RuleExpressions&) {});
+        }
+    }
+
+    /// The blocks of a map, and the map that leads to them.
+    void writeMap(const AddressMap& map) {
+        const std::size_t firstBlock = blocks_;
+        for (const Block& block : map.blocks) {
+            writeBlock(block);
+        }
+        const auto chainOf = [&](std::size_t path) {
+            return map.paths[path].size() == 1 ? blockChain(firstBlock + path)
+                                               : pathChain(firstBlock + path);
+        };
+        for (std::size_t path = 0; path < map.paths.size(); ++path) {
+            if (map.paths[path].size() == 1) {
+                continue;
+            }
+            writeChain(chainOf(path), false);
+            for (const auto block : map.paths[path]) {
+                writeRule(chainOf(path), [&](RuleExpressions& rule) {
+                    rule.decide(NFT_JUMP, blockChain(firstBlock + block));
+                });
+            }
+        }
+
+        // Not one map of intervals: the kernel fills that only after the new rules are in force,
+        // and packets of that moment would find nothing in it. Hash tables are full in time.
+        Lookups lookups;
+        for (const HashTable& table : hashTablesOf(map.intervals)) {
+            lookups.push_back({.mask = table.mask, .map = mapName(maps_)});
+            writeHashTable(lookups.back().map, table, chainOf);
+            ++maps_;
+        }
+        lookups_.push_back(std::move(lookups));
+    }
+
+    template <typename ChainOf>
+    void writeHashTable(const std::string& name, const HashTable& table, ChainOf chainOf) {
+        const auto& paths = table.paths;
+        beginNftables(messages_, NFT_MSG_NEWSET, NLM_F_CREATE);
+        messages_.putText(NFTA_SET_TABLE, table_.anchor);
+        messages_.putText(NFTA_SET_NAME, name);
+        messages_.putBigEndian(NFTA_SET_ID, nextSetID());
+        messages_.putBigEndian(NFTA_SET_FLAGS, NFT_SET_MAP);
+        messages_.putBigEndian(NFTA_SET_KEY_TYPE, ipv4AddressType);
+        messages_.putBigEndian(NFTA_SET_KEY_LEN, sizeof(std::uint32_t));
+        messages_.putBigEndian(NFTA_SET_DATA_TYPE, NFT_DATA_VERDICT);
+        messages_.nest(NFTA_SET_DESC, [&] {
+            messages_.putBigEndian(NFTA_SET_DESC_SIZE, static_cast<std::uint32_t>(paths.size()));
+        });
+        std::size_t next = 0;
+        while (next < paths.size()) {
+            beginNftables(messages_, NFT_MSG_NEWSETELEM, NLM_F_CREATE);
+            messages_.putText(NFTA_SET_ELEM_LIST_TABLE, table_.anchor);
+            messages_.putText(NFTA_SET_ELEM_LIST_SET, name);
+            messages_.nest(NFTA_SET_ELEM_LIST_ELEMENTS, [&] {
+                while (next < paths.size() && messages_.messageSize() < maxElementBytes) {
+                    putElement(paths[next].first, chainOf(paths[next].second));
+                    ++next;
+                }
+            });
+        }
+    }
+
+    void putElement(std::uint32_t key, const std::string& chain) {
+        messages_.nest(NFTA_LIST_ELEM, [&] {
+            putKey(key);
+            messages_.nest(NFTA_SET_ELEM_DATA, [&] {
+                RuleExpressions::putVerdict(messages_, NFT_JUMP, chain);
+            });
+        });
+    }
+
+    void putKey(std::uint32_t address) {
+        messages_.nest(
+            NFTA_SET_ELEM_KEY, [&] { messages_.putBigEndian(NFTA_DATA_VALUE, address); });
+    }
+
+    /// Sets of one transaction are told apart by numbers of their own.
+    std::uint32_t nextSetID() const {
+        return static_cast<std::uint32_t>(2 * maps_) + (side_.direction == Direction::in ? 0U : 1U);
+    }
+
+    void writePassChain() {
+        const auto giveState = [this](std::uint8_t direction, std::uint32_t bit) {
+            writeRule(passChain(), [&](RuleExpressions& rule) {
+                rule.directionIs(direction);
+                rule.belongsToItsConnection();
+                rule.markConnection(bit);
+                rule.decide(NF_ACCEPT);
+            });
+        };
+        giveState(byInitiator, side_.initiatorPasses);
+        giveState(byResponder, side_.responderPasses);
+        writeRule(passChain(), [](RuleExpressions& rule) { rule.decide(NF_ACCEPT); });
+    }
+
+    void writeBaseChain() {
+        const auto passState = [this](std::uint8_t direction, std::uint32_t bit) {
+            writeRule(side_.name, [&](RuleExpressions& rule) {
+                rule.connectionHasMark(bit);
+                rule.directionIs(direction);
+                rule.decide(NF_ACCEPT);
+            });
+        };
+        passState(byInitiator, side_.initiatorPasses);
+        passState(byResponder, side_.responderPasses);
+
+        std::size_t block = 0;
+        std::size_t map = 0;
+        for (const Step& step : plan_.steps) {
+            const auto* addressMap = std::get_if<AddressMap>(&step);
+            if (addressMap == nullptr) {
+                writeRule(side_.name, [&](RuleExpressions& rule) {
+                    rule.decide(NFT_JUMP, blockChain(block));
+                });
+                ++block;
+                continue;
+            }
+            for (const Lookup& lookup : lookups_[map]) {
+                writeRule(side_.name, [&](RuleExpressions& rule) {
+                    rule.decideBy(
+                        side_.direction == Direction::in ? sourceOffset : destinationOffset,
+                        lookup.mask,
+                        lookup.map);
+                });
+            }
+            block += addressMap->blocks.size();
+            ++map;
+        }
+    }
+
+    /// One of the hash tables of a map; an address is looked up under its mask.
+    struct Lookup {
+        std::uint32_t mask = 0;
+        std::string map;
+    };
+    using Lookups = std::vector<Lookup>;
+
+    MessageWriter& messages_;
+    const RulesetTable& table_;
+    const Side& side_;
+    const DirectionPlan& plan_;
+    std::size_t blocks_ = 0;
+    std::size_t maps_ = 0;
+    std::vector<Lookups> lookups_;  ///< of each map among the steps
+};
+
+void putTable(MessageWriter& messages, std::string_view anchor, int message, unsigned flags) {
+    beginNftables(messages, message, flags);
+    messages.putText(NFTA_TABLE_NAME, anchor);
+}
+
+}  // namespace
+
+void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
+    constexpr std::int32_t sourceNat = 100;
+    const Side in{
+        .direction = Direction::in,
+        .name = "in",
+        .hook = NF_INET_PRE_ROUTING,
+        .priority = firstPlaceIn + table.place,
+        .initiatorPasses = initiatorPassesIn,
+        .responderPasses = initiatorPassesOut};
+    const Side out{
+        .direction = Direction::out,
+        .name = "out",
+        .hook = NF_INET_POST_ROUTING,
+        .priority = sourceNat + 10 + table.place,
+        .initiatorPasses = initiatorPassesOut,
+        .responderPasses = initiatorPassesIn};
+    const Dispatch dispatch = planDispatch(table.rules);
+
+    beginBatch(messages);
+    // What is removed must exist, so a table is added first: that changes nothing where one is.
+    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
+    putTable(messages, table.anchor, NFT_MSG_DELTABLE, 0);
+    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
+    messages.putBigEndian(NFTA_TABLE_FLAGS, table.dormant ? NFT_TABLE_F_DORMANT : 0);
+    messages.put(NFTA_TABLE_USERDATA, loaderUserData(table.loader));
+    DirectionWriter(messages, table, in, dispatch.in).write();
+    DirectionWriter(messages, table, out, dispatch.out).write();
+    // The kernel answers message by message, whatever becomes of the others. So the last one asks,
+    // which changes nothing: an error of any other comes before its acknowledgement.
+    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_ACK);
+    endBatch(messages);
+}
+
+void writeRemoval(MessageWriter& messages, std::string_view anchor) {
+    beginBatch(messages);
+    putTable(messages, anchor, NFT_MSG_DELTABLE, NLM_F_ACK);
+    endBatch(messages);
+}
+
+void writeActivation(MessageWriter& messages, std::span<const std::string> anchors) {
+    beginBatch(messages);
+    for (const std::string& anchor : anchors) {
+        const bool last = &anchor == &anchors.back();
+        putTable(messages, anchor, NFT_MSG_NEWTABLE, last ? NLM_F_ACK : 0);
+        messages.putBigEndian(NFTA_TABLE_FLAGS, 0);
+    }
+    endBatch(messages);
+}
+
+}  // namespace tarnvale::pfctl

@@ -2,16 +2,15 @@
 
 #include "helperctl/Commands.h"
 
-#include <cstdint>
-#include <functional>
 #include <new>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/FakeHelper.h"
 #include "tests/support/HelperFiles.h"
 
 namespace tarnvale::helperctl {
@@ -32,37 +31,12 @@ struct Conversation {
     OptionalText error;
 };
 
-class FakeHelper final : public TarnvaleAdminHelperProtocol {
+class ConversingHelper final : public test::FakeHelper {
 public:
-    explicit FakeHelper(Conversation& conversation) : conversation_(conversation) {}
-
-    OptionalText helperVersion() override { return reply("helperVersion").result; }
-    ResultReply applyFirewallWithPolicyData(std::string_view policyData) override {
-        return reply("applyFirewall " + std::string(policyData));
-    }
-    OptionalText removeFirewall() override { return reply("removeFirewall").error; }
-    ResultReply firewallReport() override { return reply("firewallReport"); }
-    ResultReply createVLANWithName(
-        std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
-        return reply(
-            "createVLAN " + std::string(name) + "|" + std::to_string(tag) + "|" +
-            std::string(parentBSD));
-    }
-    OptionalText deleteVLANWithBsdName(std::string_view bsdName) override {
-        return reply("deleteVLAN " + std::string(bsdName)).error;
-    }
-    OptionalText installCLISymlink() override { return reply("installCLISymlink").error; }
-    OptionalText removeCLISymlink() override { return reply("removeCLISymlink").error; }
-    OptionalText setTarnvaleResolverWithEnabled(bool enabled) override {
-        return reply(enabled ? "setTarnvaleResolver on" : "setTarnvaleResolver off").error;
-    }
-    void shutdownForUpgrade(const std::function<void()>& itsReply) override {
-        reply("shutdownForUpgrade");
-        itsReply();
-    }
+    explicit ConversingHelper(Conversation& conversation) : conversation_(conversation) {}
 
 private:
-    ResultReply reply(std::string call) {
+    ResultReply asked(std::string call) override {
         conversation_.calls.push_back(std::move(call));
         return {.result = conversation_.result, .error = conversation_.error};
     }
@@ -76,7 +50,7 @@ protected:
 
     Outcome run(const Arguments& arguments) {
         return helperctl::run(
-            arguments, [this] { return std::make_unique<FakeHelper>(conversation); });
+            arguments, [this] { return std::make_unique<ConversingHelper>(conversation); });
     }
 
     static Arguments command(Command command) {

@@ -97,7 +97,6 @@ void check(const std::array<std::string, 5>& texts) {
 }  // namespace tarnvale::NetworkFirewall
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes are what a text is made of
     const std::string_view all(reinterpret_cast<const char*>(data), size);
     std::array<std::string, 5> texts;
     std::size_t next = 0;

@@ -24,6 +24,7 @@
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "support/Mutex.h"
 #include "support/UniqueFd.h"
+#include "tests/support/FakeHelper.h"
 #include "tests/support/HelperFiles.h"
 
 namespace tarnvale::platform {
@@ -64,7 +65,7 @@ public:
 };
 
 /// Replies what the test wants and remembers what it was asked, on the connection's thread.
-class Exported final : public TarnvaleAdminHelperProtocol {
+class Exported final : public test::FakeHelper {
 public:
     std::vector<std::string> calls() {
         const support::MutexLock lock(mutex_);
@@ -80,33 +81,8 @@ public:
         work_ = std::move(work);
     }
 
-    OptionalText helperVersion() override { return asked("helperVersion").result; }
-    ResultReply applyFirewallWithPolicyData(std::string_view policyData) override {
-        return asked("applyFirewall " + std::string(policyData));
-    }
-    OptionalText removeFirewall() override { return asked("removeFirewall").error; }
-    ResultReply firewallReport() override { return asked("firewallReport"); }
-    ResultReply createVLANWithName(
-        std::string_view name, std::int64_t tag, std::string_view parentBSD) override {
-        return asked(
-            "createVLAN " + std::string(name) + "|" + std::to_string(tag) + "|" +
-            std::string(parentBSD));
-    }
-    OptionalText deleteVLANWithBsdName(std::string_view bsdName) override {
-        return asked("deleteVLAN " + std::string(bsdName)).error;
-    }
-    OptionalText installCLISymlink() override { return asked("installCLISymlink").error; }
-    OptionalText removeCLISymlink() override { return asked("removeCLISymlink").error; }
-    OptionalText setTarnvaleResolverWithEnabled(bool enabled) override {
-        return asked(enabled ? "resolver on" : "resolver off").error;
-    }
-    void shutdownForUpgrade(const std::function<void()>& itsReply) override {
-        asked("shutdownForUpgrade");
-        itsReply();
-    }
-
 private:
-    ResultReply asked(std::string call) {
+    ResultReply asked(std::string call) override {
         const support::MutexLock lock(mutex_);
         calls_.push_back(std::move(call));
         work_();
@@ -179,8 +155,8 @@ TEST_F(DBusClientTest, PassesEveryRequestOn) {
             "deleteVLAN vlan0",
             "installCLISymlink",
             "removeCLISymlink",
-            "resolver on",
-            "resolver off",
+            "setTarnvaleResolver on",
+            "setTarnvaleResolver off",
             "shutdownForUpgrade"));
 }
 

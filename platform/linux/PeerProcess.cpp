@@ -10,6 +10,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "support/SystemCalls.h"
+
 // Newer than the C library's headers.
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -47,7 +49,7 @@ int pidfdOfPeer(int socket, pid_t pid) {
 std::optional<PeerProcess> PeerProcess::ofSocket(int socket) {
     const pid_t pid = connectingPid(socket);
     const int pidfd = pidfdOfPeer(socket, pid);
-    // Only a failure of our own is not an answer about the peer.
+    // That this process has run short of something says nothing about the peer.
     if (pidfd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM)) {
         return std::nullopt;
     }
@@ -73,11 +75,7 @@ bool lives(const Peer& peer) {
     struct pollfd end {
         .fd = peer.handle, .events = POLLIN, .revents = 0
     };
-    int ready = 0;
-    do {
-        ready = ::poll(&end, 1, 0);
-    } while (ready < 0 && errno == EINTR);
-    return ready == 0;
+    return support::uninterrupted([&] { return ::poll(&end, 1, 0); }) == 0;
 }
 
 }  // namespace tarnvale::platform

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <ctime>
 #include <limits>
 
@@ -12,15 +11,17 @@
 
 #include "platform/linux/codesigning/Libcrypto.h"
 #include "support/Mutex.h"
+#include "support/SystemCalls.h"
 
 namespace tarnvale::platform {
 namespace {
 
-/// Keys and digests of 112 bits of security at least: RSA of 2048 bits, no SHA-1.
+/// Demands 112 bits of security of keys and digests: RSA of 2048 bits, no SHA-1.
 constexpr int securityLevel = 2;
 
 constexpr std::size_t chunkSize = std::size_t{64} << 10;
 
+/// Held while a message is decoded.
 support::Mutex& decoding() {
     static auto& mutex = *new support::Mutex;
     return mutex;
@@ -40,7 +41,7 @@ private:
     const Libcrypto& library_;
 };
 
-// OpenSSL's own functions for stacks of a type are inline ones that call the library directly.
+// OpenSSL's own functions for typed stacks are inline and call the library directly.
 
 template <typename Stack>
 int countOf(const Libcrypto& library, const Stack* stack) {
@@ -97,7 +98,7 @@ std::optional<SignedContent> contentOf(const Libcrypto& library, CMS_ContentInfo
     return parseSignedContent({bytes, static_cast<std::size_t>(length)});
 }
 
-/// The one certificate that the signer names; null when there is none, or a choice.
+/// The certificate that the signer names; null unless there is exactly one.
 X509* leafOf(const Libcrypto& library, CMS_SignerInfo* signer, STACK_OF(X509) * certificates) {
     X509* leaf = nullptr;
     for (int index = 0; index < countOf(library, certificates); ++index) {
@@ -158,7 +159,7 @@ std::optional<std::string> utf8Of(const Libcrypto& library, const ASN1_STRING* t
     return result;
 }
 
-/// The subject's unit; nothing when there is none, or a choice.
+/// The subject's organizational unit; nothing unless there is exactly one.
 std::optional<std::string> subjectOUOf(const Libcrypto& library, const X509* certificate) {
     const X509_NAME* const subject = library.X509_get_subject_name(certificate);
     const int first = library.X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
@@ -200,7 +201,7 @@ Store storeOf(const Libcrypto& library, const std::string& pem) {
     if (!store || !text) {
         return nullptr;
     }
-    // Nobody is there to be asked for the password of an encrypted part.
+    // There is nobody to ask for the password of an encrypted part.
     pem_password_cb* const noPassword = [](char*, int, int, void*) { return -1; };
     for (;;) {
         const Certificate root(library.PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr));
@@ -218,7 +219,7 @@ Store storeOf(const Libcrypto& library, const std::string& pem) {
 }
 
 bool mayCodeSign(const Libcrypto& library, X509* leaf) {
-    // Without the extension OpenSSL reports that a certificate may be used for everything.
+    // OpenSSL reports that a certificate without the extension may be used for everything.
     return (library.X509_get_extension_flags(leaf) & EXFLAG_XKUSAGE) != 0 &&
            (library.X509_get_extended_key_usage(leaf) & XKU_CODE_SIGN) != 0 &&
            (library.X509_get_key_usage(leaf) & KU_DIGITAL_SIGNATURE) != 0;
@@ -229,6 +230,35 @@ bool digestIsStrong(const Libcrypto& library, CMS_SignerInfo* signer) {
     library.CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, nullptr);
     const int kind = library.OBJ_obj2nid(digest->algorithm);
     return kind == NID_sha256 || kind == NID_sha384 || kind == NID_sha512;
+}
+
+/// Whether the signer's certificate is for code signing, and its chain leads to a root of the
+/// store. The context has the chain then.
+bool chainVerifies(
+    const Libcrypto& library, X509_STORE_CTX* context, X509_STORE* store, const Decoded& decoded) {
+    if (library.X509_STORE_CTX_init(context, store, decoded.leaf, decoded.certificates.get()) !=
+        1) {
+        return false;
+    }
+    X509_VERIFY_PARAM* const parameters = library.X509_STORE_CTX_get0_param(context);
+    library.X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
+    library.X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(maxCertificates));
+    return library.X509_verify_cert(context) == 1 && mayCodeSign(library, decoded.leaf);
+}
+
+/// Whether the key of the signer's certificate made the signature.
+bool signatureVerifies(const Libcrypto& library, const Decoded& decoded) {
+    if (!digestIsStrong(library, decoded.signer)) {
+        return false;
+    }
+    library.CMS_SignerInfo_set1_signer_cert(decoded.signer, decoded.leaf);
+    return library.CMS_verify(
+               decoded.message.get(),
+               nullptr,
+               nullptr,
+               nullptr,
+               nullptr,
+               CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) == 1;
 }
 
 std::string hex(const std::array<unsigned char, EVP_MAX_MD_SIZE>& bytes, std::size_t count) {
@@ -270,29 +300,9 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
         return std::nullopt;
     }
 
-    // The chain comes first: no key works on the message before it is known to be a trusted one.
-    if (library.X509_STORE_CTX_init(
-            context.get(), store.get(), decoded->leaf, decoded->certificates.get()) != 1) {
-        return std::nullopt;
-    }
-    X509_VERIFY_PARAM* const parameters = library.X509_STORE_CTX_get0_param(context.get());
-    library.X509_VERIFY_PARAM_set_auth_level(parameters, securityLevel);
-    library.X509_VERIFY_PARAM_set_depth(parameters, static_cast<int>(maxCertificates));
-    if (library.X509_verify_cert(context.get()) != 1 || !mayCodeSign(library, decoded->leaf)) {
-        return std::nullopt;
-    }
-
-    if (!digestIsStrong(library, decoded->signer)) {
-        return std::nullopt;
-    }
-    library.CMS_SignerInfo_set1_signer_cert(decoded->signer, decoded->leaf);
-    if (library.CMS_verify(
-            decoded->message.get(),
-            nullptr,
-            nullptr,
-            nullptr,
-            nullptr,
-            CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1) {
+    // The chain comes first, so that no key works on the message before it is trusted.
+    if (!chainVerifies(library, context.get(), store.get(), *decoded) ||
+        !signatureVerifies(library, *decoded)) {
         return std::nullopt;
     }
 
@@ -321,10 +331,8 @@ std::optional<std::string> sha256(int file, off_t size) {
     for (off_t done = 0; done < size;) {
         const auto wanted =
             static_cast<std::size_t>(std::min<off_t>(size - done, off_t{chunkSize}));
-        const ssize_t got = ::pread(file, chunk->data(), wanted, done);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
+        const ssize_t got =
+            support::uninterrupted([&] { return ::pread(file, chunk->data(), wanted, done); });
         if (got <= 0 || library.EVP_DigestUpdate(
                             context.get(), chunk->data(), static_cast<std::size_t>(got)) != 1) {
             return std::nullopt;

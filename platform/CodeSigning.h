@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Who signed the program that a process runs, as the system knows it. A question that cannot be
-// answered is answered "no".
+// Who signed the program that a process runs, as the system knows it. What cannot be found out
+// counts as "no".
 
 #pragma once
 
@@ -16,18 +16,18 @@ namespace tarnvale::platform {
 
 /// The process at the other end of a connection, as the transport names it.
 struct Peer {
-    /// The handle of a process that can't be named any more: it had ended before, or belongs to
-    /// another PID namespace. No code is ever its code, whoever has its ID now.
+    /// Stands for the handle of a process that can't be named any more: it had ended before, or
+    /// belongs to another PID namespace. It runs no code, whoever has its ID now.
     static constexpr int gone = -2;
 
     pid_t pid = -1;
 
-    /// On Linux a pidfd, which goes on naming this process when its ID has passed to another; -1
-    /// where the caller knows only the ID. macOS doesn't use it. The transport owns it.
+    /// On Linux a pidfd, which still names this process when another has got its ID; -1 when the
+    /// caller knows only the ID. macOS doesn't use it. The transport owns it.
     int handle = -1;
 };
 
-/// What a signature says of itself.
+/// What a signature says about itself.
 struct SigningInformation {
     std::optional<std::string> teamIdentifier;
     std::optional<std::string> identifier;
@@ -35,17 +35,16 @@ struct SigningInformation {
     bool operator==(const SigningInformation&) const = default;
 };
 
-/// The program that a process runs. For use by one thread, and no longer than the peer's handle.
+/// The program that a process runs. One thread may use it, as long as the peer's handle is open.
 class Code {
 public:
     virtual ~Code() = default;
 
-    /// What the code's signature says, which is not yet to be trusted. Nothing for code that is
-    /// not signed.
+    /// What the code's signature says; nobody has verified it yet. Nothing for unsigned code.
     virtual std::optional<SigningInformation> signingInformation() = 0;
 
-    /// Whether the code is what was signed, by somebody whom the system trusts, and meets the
-    /// requirement. False for a text that is no requirement.
+    /// Whether somebody whom the system trusts has signed this very code, and it meets the
+    /// requirement. False when the text isn't a requirement.
     virtual bool isValid(std::string_view requirement) = 0;
 };
 
@@ -54,10 +53,10 @@ class CodeSigning {
 public:
     virtual ~CodeSigning() = default;
 
-    /// The running program itself; null when it cannot be had.
+    /// The running program itself; null when the system does not show it.
     virtual std::unique_ptr<Code> self() = 0;
 
-    /// The program that the peer runs at this moment; null when the peer has ended.
+    /// The program that the peer runs right now; null when the peer has ended.
     virtual std::unique_ptr<Code> guest(const Peer& peer) = 0;
 };
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The process at the other end of a socket. Its ID alone does not name it: once the process has
-// ended, the ID can pass to another. A pidfd does, so what is read under /proc/<pid> counts only
-// if the pidfd says afterwards that the process still lives.
+// The process at the other end of a socket. Its ID alone does not identify it: once the process has
+// ended, another can get the same ID. A pidfd stays with its process, so what is read under
+// /proc/<pid> counts only if the pidfd says afterwards that the process is still alive.
 
 #pragma once
 
@@ -43,7 +43,7 @@ private:
 /// Where the system shows which executable the process runs.
 std::string executableLink(const Peer& peer);
 
-/// Whether the peer, which has a handle, has not ended. False when that cannot be found out.
+/// Whether the peer is still alive. False when its handle does not say.
 bool lives(const Peer& peer);
 
 }  // namespace tarnvale::platform

@@ -23,7 +23,7 @@ std::size_t bigEndian(std::string_view bytes) {
     return value;
 }
 
-// The tags of DER.
+// DER's tags.
 constexpr char integer = 0x02;
 constexpr char octetString = 0x04;
 constexpr char objectIdentifier = 0x06;
@@ -31,7 +31,7 @@ constexpr char sequence = 0x30;
 constexpr char set = 0x31;
 constexpr char context0 = static_cast<char>(0xA0);
 
-/// Takes the element off the front of the bytes: its content, where it has that tag.
+/// Takes the first element off the bytes and returns its content; nothing if it has another tag.
 std::optional<std::string_view> takeElement(std::string_view& bytes, char tag) {
     if (bytes.size() < 2 || bytes[0] != tag) {
         return std::nullopt;
@@ -39,7 +39,7 @@ std::optional<std::string_view> takeElement(std::string_view& bytes, char tag) {
     std::size_t length = static_cast<std::uint8_t>(bytes[1]);
     std::size_t header = 2;
     if (length >= 0x80) {
-        // Without digits it would be an indefinite length; more than three are beyond any message.
+        // No digits mean an indefinite length, more than three exceed every message.
         const std::size_t digits = length - 0x80;
         if (digits < 1 || digits > 3 || bytes.size() < header + digits) {
             return std::nullopt;
@@ -55,19 +55,19 @@ std::optional<std::string_view> takeElement(std::string_view& bytes, char tag) {
     return content;
 }
 
-/// Whether the bytes are that many sequences.
-bool areSequences(std::string_view bytes, std::size_t fewest, std::size_t most) {
+/// Whether the bytes are `min` to `max` sequences and nothing else.
+bool areSequences(std::string_view bytes, std::size_t min, std::size_t max) {
     std::size_t count = 0;
-    for (; !bytes.empty() && count <= most; ++count) {
+    for (; !bytes.empty() && count <= max; ++count) {
         if (!takeElement(bytes, sequence)) {
             return false;
         }
     }
-    return count >= fewest && count <= most;
+    return count >= min && count <= max;
 }
 
-/// Whether the bytes are no more elements than a signature may have, however deep they lie, and
-/// none of them is a long octet string, such as an extension's value is one, with elements inside.
+/// Whether the bytes have no more elements than a signature may have, nested ones included, and no
+/// long octet string: one can be DER again, as an extension's value is, and isn't looked into here.
 bool hasFewElements(std::string_view bytes) {
     constexpr char isConstructed = 0x20;
     for (std::size_t count = 0; !bytes.empty(); ++count) {
@@ -78,7 +78,7 @@ bool hasFewElements(std::string_view bytes) {
             (tag == octetString && content->size() > maxOctetStringSize)) {
             return false;
         }
-        // What lies inside is looked at next, and what follows it after that.
+        // Next comes what lies inside the element, or else what follows it.
         bytes = (tag & isConstructed) != 0
                     ? bytes.substr(static_cast<std::size_t>(content->data() - bytes.data()))
                     : rest;
@@ -86,8 +86,8 @@ bool hasFewElements(std::string_view bytes) {
     return true;
 }
 
-/// Takes the line that begins with `key` off the text: what stands between the key and the line
-/// feed.
+/// Takes the first line off the text and returns what follows `key` in it; nothing if it does not
+/// begin with `key`.
 std::optional<std::string_view> takeLine(std::string_view& text, std::string_view key) {
     const auto end = text.find('\n');
     if (!text.starts_with(key) || end == std::string_view::npos || end < key.size()) {

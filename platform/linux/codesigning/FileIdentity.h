@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Tells one state of a file from every other, so that what has been found out about a file holds
-// until it changes.
+// Tells one state of a file from another: what was found out about a file holds until its identity
+// changes.
 
 #pragma once
 

@@ -10,9 +10,9 @@ Libcrypto load() {
     const SharedLibrary library("libcrypto.so.3");
     Libcrypto symbols;
     TARNVALE_LIBCRYPTO_SYMBOLS(TARNVALE_FIND_SYMBOL)
-    // Without a configuration file, so that nothing makes it load code of somebody else's choice.
-    // Without handlers at exit: the service may end while another thread is checking. And without
-    // the texts of errors, which nobody reads and which take a while to load.
+    // No configuration file: nothing shall make it load code of somebody else's choice. No handlers
+    // at exit: the service may end while another thread is checking. No texts of errors: nobody
+    // reads them, and they take a while to load.
     if (symbols.OPENSSL_init_crypto(
             OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT |
                 OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS,

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The functions of OpenSSL's libcrypto that the checks of code signatures call. The library is
-// loaded when the first signature is looked at: it would otherwise take most of the service's
-// start-up time and more private memory than all the rest of the idle service.
+// The functions of OpenSSL's libcrypto that checking code signatures takes. The library is loaded
+// for the first signature: loaded earlier, it would take most of the service's start-up time and
+// more private memory than all the rest of the idle service.
 
 #pragma once
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Code signatures on Linux: the executable that a process runs, opened once, with the signature
-// that it ends with.
+// Code signatures on Linux: the executable that a process runs is opened once, and its last bytes
+// are its signature.
 
 #include <ctime>
 #include <memory>
@@ -27,9 +27,9 @@
 namespace tarnvale::platform {
 namespace {
 
-/// File systems stamp changes by clocks as coarse as this: a file that changed just now could
-/// change once more and look the same.
-constexpr std::int64_t coarsestStamp = 2;
+/// In seconds. File systems take the time of a change from clocks as coarse as this: a file that
+/// changed just now could change again and look the same.
+constexpr std::int64_t coarsestClock = 2;
 
 std::optional<FileIdentity> identityOf(int file) {
     struct stat status {};
@@ -39,10 +39,10 @@ std::optional<FileIdentity> identityOf(int file) {
     return FileIdentity(status);
 }
 
-/// Code that ran in a process at one moment: a state of a file.
+/// The code that a process ran at one moment: one state of a file.
 class LinuxCode final : public Code {
 public:
-    /// What /proc shows for the peer, or, without a peer, for this process.
+    /// `link` is where /proc shows the executable of the peer, or, without a peer, of this process.
     LinuxCode(
         VerifiedExecutables& verified,
         std::string link,
@@ -81,8 +81,8 @@ public:
     }
 
 private:
-    /// Opens the executable and reads its trailer, once. False when the process runs another
-    /// program by now, or has ended, or when the program is not signed.
+    /// Opens the executable and reads its trailer, once. False when the process has ended or runs
+    /// another program by now, or when the program isn't signed.
     bool open() {
         if (!file_) {
             file_.reset(::open(link_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -106,7 +106,7 @@ private:
             .identifier = std::move(claims->content.identifier)};
     }
 
-    /// The whole check: what costs little comes first, the digest last.
+    /// The whole check: the cheap parts first, the digest last.
     bool check(std::string_view requirement, std::int64_t now) {
         const auto parsed = Requirement::parse(requirement);
         const auto roots = readRoots();
@@ -127,7 +127,7 @@ private:
             return false;
         }
 
-        if (now - executable_.changedSeconds > coarsestStamp) {
+        if (now - executable_.changedSeconds > coarsestClock) {
             verified_.remember(
                 {.executable = executable_,
                  .roots = roots->identity,
@@ -141,7 +141,7 @@ private:
     VerifiedExecutables& verified_;
     std::string link_;
     std::optional<Peer> peer_;
-    std::optional<PeerProcess> owned_;  ///< the peer's handle, where the caller had none
+    std::optional<PeerProcess> owned_;  ///< holds the handle when the caller has none
     FileIdentity executable_;
     support::UniqueFd file_;
     std::optional<SignatureTrailer> trailer_;

@@ -24,7 +24,7 @@ bool isPartOfAWord(char c) {
     return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.';
 }
 
-/// A decimal number as it is printed: without leading zeros.
+/// A decimal number without leading zeros.
 bool isPlainNumber(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), isDigit) &&
            (text.size() == 1 || text.front() != '0');
@@ -45,7 +45,7 @@ bool isObjectIdentifier(std::string_view text) {
     }
 }
 
-/// Ends the parsing of a text that isn't a requirement.
+/// Thrown where a text turns out not to be a requirement.
 struct Malformed {};
 
 }  // namespace
@@ -63,7 +63,7 @@ public:
     }
 
 private:
-    /// Steps to the next word, sign or quoted text; an empty token is the end.
+    /// Steps to the next word, sign or quoted text; at the end the token is empty.
     void advance() {
         while (position_ < text_.size() && isSpace(text_[position_])) {
             ++position_;
@@ -82,7 +82,7 @@ private:
             if (end == std::string_view::npos) {
                 throw Malformed{};
             }
-            // The full language knows escapes; here a text that has some would mean another.
+            // The full language has escapes. A text with some would mean another one here.
             if (text_[end] == '\\') {
                 throw Malformed{};
             }
@@ -227,7 +227,7 @@ private:
     }
 
     std::string_view text_;
-    std::size_t position_ = 0;  ///< behind the token
+    std::size_t position_ = 0;  ///< just past the token
     std::size_t start_ = 0;     ///< of the token
     std::string_view token_;
     int depth_ = 0;

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
-// The language of code-signing requirements, as far as the helper uses it:
+// The part of the language of code-signing requirements that the helper uses:
 //
 //     anchor apple generic                      the chain ends in a root of this machine
 //     identifier "x"
 //     certificate leaf[subject.OU] = "x"        certificate 0 is the leaf, 1 its issuer
 //     certificate 1[field.1.2.840.1] exists     an extension of that object identifier
-//     A and B, A or B, not A, !A, (A)           "not" binds closest, "or" least
+//     A and B, A or B, not A, !A, (A)           "not" binds tightest, "or" loosest
 //
-// Neither files nor certificates are looked at here: a requirement is held against a record.
+// Nothing here looks at files or certificates: a requirement is evaluated against a record.
 
 #pragma once
 
@@ -21,13 +21,13 @@
 
 namespace tarnvale::platform {
 
-/// What a requirement can ask of a certificate.
+/// What a requirement can ask about a certificate.
 struct CertificateFacts {
-    std::optional<std::string> subjectOU;  ///< nothing when there is not exactly one
+    std::optional<std::string> subjectOU;  ///< nothing unless there is exactly one
     std::vector<std::string> extensions;   ///< object identifiers, such as "2.5.29.37"
 };
 
-/// What a requirement can ask of code whose signature has been verified.
+/// What a requirement can ask about code whose signature has been verified.
 struct CodeFacts {
     std::string identifier;
     std::vector<CertificateFacts> chain;  ///< from the leaf to the root
@@ -39,7 +39,7 @@ public:
     /// How deeply parentheses and negations may be nested.
     static constexpr int maxDepth = 32;
 
-    /// Nothing for a text that isn't a requirement. Those are texts of our own, so that nobody asks
+    /// Nothing when the text isn't a requirement. All texts are our own, so nobody needs to be told
     /// where one goes wrong.
     static std::optional<Requirement> parse(std::string_view text);
 

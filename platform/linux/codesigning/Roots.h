@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The certificates that the administrator of this machine trusts to sign code.
+// The root certificates of those whom the administrator of this machine trusts to sign code.
 
 #pragma once
 
@@ -20,11 +20,11 @@ struct Roots {
     FileIdentity identity;
 };
 
-/// Nothing, so no roots, when there is no such file, or when anybody but root could have written
-/// it: the file and its folder must be root's own, no links, and not writable by others.
+/// Nothing, hence no roots, when the file is missing or anybody but root could have written it: the
+/// file and its folder must belong to root, not be links, and not be writable by others.
 std::optional<Roots> readRoots();
 
-/// Which state of the file there is now, without reading it; nothing when there is no such file.
+/// The state that the file is in now, without reading it; nothing when the file is missing.
 std::optional<FileIdentity> rootsIdentity();
 
 }  // namespace tarnvale::platform

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Executables whose signature has been found good, so that the check of each message costs no
-// second digest. Only good ones are kept: somebody else's programs cannot push them out.
+// Executables whose signature has been verified, so that checking a message does not take another
+// digest. Only valid ones are kept: other people's programs cannot push them out.
 
 #pragma once
 
@@ -22,10 +22,10 @@ namespace tarnvale::platform {
 /// Safe from any thread.
 class VerifiedExecutables {
 public:
-    /// One more takes the place of the oldest.
+    /// A further one replaces the oldest.
     static constexpr std::size_t maxExecutables = 64;
 
-    /// What a verdict rests on. It holds as long as none of it has changed.
+    /// What a verdict rests on. The verdict holds until any of it changes.
     struct Evidence {
         FileIdentity executable;
         FileIdentity roots;
@@ -37,7 +37,8 @@ public:
         const SigningInformation& information,
         std::string_view requirement);
 
-    /// Whether the executable has met the requirement, with these roots, and would still.
+    /// Whether the executable has met the requirement under these roots, and its certificates are
+    /// still valid.
     bool meets(
         const FileIdentity& executable,
         const FileIdentity& roots,

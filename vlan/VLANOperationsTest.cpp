@@ -24,17 +24,16 @@ namespace tarnvale::HelperVLAN {
 namespace {
 
 namespace fs = std::filesystem;
+using test::supportFolder;
+using test::vlanRecordPath;
 using VLAN = test::FakeNetworkPreferences::VLAN;
 using Step = test::FakeNetworkPreferences::Step;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* folder = "/Library/Application Support/Tarnvale";
-constexpr const char* recordFile = "/Library/Application Support/Tarnvale/vlans.json";
-
 /// The whole record; empty if there is none.
 std::string recorded() {
-    return test::exists(recordFile) ? test::contentOf(recordFile) : "";
+    return test::exists(vlanRecordPath) ? test::contentOf(vlanRecordPath) : "";
 }
 
 /// Steps that fail, and the sentence of the first of them in the operation's order.
@@ -62,7 +61,7 @@ class VLANOperationsTest : public testing::Test {
 protected:
     VLANOperationsTest() {
         fs::remove(test::logPath);
-        fs::remove_all(folder);
+        fs::remove_all(supportFolder);
         preferences.physical = {"en0", "en1"};
     }
 
@@ -105,7 +104,7 @@ TEST_F(VLANCreateTest, MakesFolderAndFileOnFirstUse) {
     createVLAN();
 
     EXPECT_EQ(recorded(), R"([{"bsdName":"vlan0","parentBSD":"en0","tag":5}])");
-    EXPECT_EQ(test::modeOf(recordFile), 0600U);
+    EXPECT_EQ(test::modeOf(vlanRecordPath), 0600U);
 }
 
 TEST_F(VLANCreateTest, NamesTheParentThatIsNotThere) {
@@ -261,7 +260,7 @@ TEST_F(VLANCreateTest, KeepsNoOlderRecordWhereTheSystemHasNoListOfVLANs) {
 }
 
 TEST_F(VLANCreateTest, StartsADamagedRecordAnew) {
-    test::put(recordFile, R"([{"bsdName":"vlan1","tag":"1","parentBSD":"en0"}])");
+    test::put(vlanRecordPath, R"([{"bsdName":"vlan1","tag":"1","parentBSD":"en0"}])");
     preferences.add({.bsdName = "vlan1", .tag = 1, .parent = "en0"});
 
     createVLAN();
@@ -270,7 +269,7 @@ TEST_F(VLANCreateTest, StartsADamagedRecordAnew) {
 }
 
 TEST_F(VLANCreateTest, SucceedsWhenItCannotBeRecorded) {
-    test::put(folder, "a file");
+    test::put(supportFolder, "a file");
 
     EXPECT_EQ(createVLAN(), "vlan0");
 
@@ -300,7 +299,7 @@ TEST_F(VLANCreateTest, LeavesAWholeFileWhenRequestsMeet) {
         request.join();
     }
 
-    EXPECT_EQ(test::namesIn(folder).size(), 1U);
+    EXPECT_EQ(test::namesIn(supportFolder).size(), 1U);
     EXPECT_EQ(test::logMessages().size(), 40U);
 }
 
@@ -321,7 +320,7 @@ TEST_F(VLANCreateTest, IsRefusedByAKernelWithoutVLANs) {
         "macOS refused to create the VLAN interface.");
 
     EXPECT_EQ(test::run({"/bin/sh", "-c", "ip -oneline link"}).output, before);
-    EXPECT_FALSE(fs::exists(folder));
+    EXPECT_FALSE(fs::exists(supportFolder));
     EXPECT_THAT(test::logMessages(), IsEmpty());
 }
 
@@ -425,7 +424,8 @@ TEST_F(VLANDeleteTest, RefusesEverythingWithoutARecord) {
 }
 
 TEST_F(VLANDeleteTest, RefusesEverythingWithADamagedRecord) {
-    test::put(recordFile, R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en0"},{"bsdName":"vlan1"}])");
+    test::put(
+        vlanRecordPath, R"([{"bsdName":"vlan0","tag":5,"parentBSD":"en0"},{"bsdName":"vlan1"}])");
 
     expectRefusal();
 }
@@ -486,7 +486,7 @@ TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
 }
 
 TEST_F(VLANDeleteTest, SucceedsWhenItCannotBeRecorded) {
-    test::SmallDisk disk(folder);
+    test::SmallDisk disk(supportFolder);
     saveRecords({{"vlan0", 5, "en0"}});
     disk.makeReadOnly();
 
@@ -498,7 +498,7 @@ TEST_F(VLANDeleteTest, SucceedsWhenItCannotBeRecorded) {
         ElementsAre(
             "Could not record Tarnvale's VLANs: You can’t save the file “vlans.json” because the "
             "volume “" +
-                std::string(folder) + "” is read only.",
+                supportFolder + "” is read only.",
             "Deleted VLAN vlan0."));
 }
 

@@ -21,12 +21,11 @@ namespace tarnvale::HelperVLAN {
 namespace {
 
 namespace fs = std::filesystem;
+using test::supportFolder;
+using test::vlanRecordPath;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
-
-constexpr const char* folder = "/Library/Application Support/Tarnvale";
-constexpr const char* recordFile = "/Library/Application Support/Tarnvale/vlans.json";
 
 /// A record as somebody else may have written it, in another order of keys.
 constexpr const char* wellFormed = R"([{"tag":5,"bsdName":"vlan0","parentBSD":"en0"}])";
@@ -39,7 +38,7 @@ class VLANRecordTest : public testing::Test {
 protected:
     VLANRecordTest() {
         fs::remove(test::logPath);
-        fs::remove_all(folder);
+        fs::remove_all(supportFolder);
     }
 };
 
@@ -47,7 +46,7 @@ TEST_F(VLANRecordTest, WritesOneCompactLine) {
     saveRecords({{"vlan0", 5, "en0"}, {"vlan1", -1, ""}});
 
     EXPECT_EQ(
-        contentOf(recordFile),
+        contentOf(vlanRecordPath),
         R"([{"bsdName":"vlan0","parentBSD":"en0","tag":5},{"bsdName":"vlan1","parentBSD":"","tag":-1}])");
     EXPECT_THAT(test::logMessages(), IsEmpty());
 }
@@ -70,7 +69,7 @@ TEST_F(VLANRecordTest, WritesAnEmptyList) {
     saveRecords({});
 
     EXPECT_EQ(loadRecords(), std::vector<Record>());
-    EXPECT_EQ(test::namesIn(folder).size(), 1U);
+    EXPECT_EQ(test::namesIn(supportFolder).size(), 1U);
 }
 
 TEST_F(VLANRecordTest, ReadsEveryWellFormedForm) {
@@ -85,7 +84,7 @@ TEST_F(VLANRecordTest, ReadsEveryWellFormedForm) {
              std::string(R"([{"tag":5,"tag":6,"bsdName":"vlan0","parentBSD":"en0"}])"),
          }) {
         SCOPED_TRACE(json);
-        test::put(recordFile, json);
+        test::put(vlanRecordPath, json);
 
         EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
     }
@@ -131,7 +130,7 @@ TEST_F(VLANRecordTest, TakesADamagedFileForAnEmptyList) {
              std::string("\xFF\xFE[\0]\0", 6),
          }) {
         SCOPED_TRACE(json.substr(0, 100));
-        test::put(recordFile, json);
+        test::put(vlanRecordPath, json);
 
         EXPECT_THAT(loadRecords(), IsEmpty());
         EXPECT_THAT(test::logMessages(), IsEmpty());
@@ -140,7 +139,7 @@ TEST_F(VLANRecordTest, TakesADamagedFileForAnEmptyList) {
 
 TEST_F(VLANRecordTest, TakesAFileThatWasCutForAnEmptyList) {
     for (std::size_t size = 0; size < std::string_view(wellFormed).size(); ++size) {
-        test::put(recordFile, std::string_view(wellFormed).substr(0, size));
+        test::put(vlanRecordPath, std::string_view(wellFormed).substr(0, size));
 
         EXPECT_THAT(loadRecords(), IsEmpty()) << size;
     }
@@ -149,15 +148,15 @@ TEST_F(VLANRecordTest, TakesAFileThatWasCutForAnEmptyList) {
 TEST_F(VLANRecordTest, TakesWhatCannotBeReadForAnEmptyList) {
     EXPECT_THAT(loadRecords(), IsEmpty());
 
-    fs::create_directories(recordFile);
+    fs::create_directories(vlanRecordPath);
     EXPECT_THAT(loadRecords(), IsEmpty());
 
-    fs::remove(recordFile);
-    fs::create_symlink("nowhere", recordFile);
+    fs::remove(vlanRecordPath);
+    fs::create_symlink("nowhere", vlanRecordPath);
     EXPECT_THAT(loadRecords(), IsEmpty());
 
-    fs::remove(recordFile);
-    ASSERT_EQ(::mkfifo(recordFile, 0600), 0);
+    fs::remove(vlanRecordPath);
+    ASSERT_EQ(::mkfifo(vlanRecordPath.c_str(), 0600), 0);
     EXPECT_THAT(loadRecords(), IsEmpty());
 
     EXPECT_THAT(test::logMessages(), IsEmpty());
@@ -171,43 +170,43 @@ TEST_F(VLANRecordTest, IsReadableByRootOnlyWhateverTheUmaskIs) {
         saveRecords({{"vlan0", 5, "en0"}});
         ::umask(before);
 
-        EXPECT_EQ(test::modeOf(recordFile), 0600U) << mask;
-        EXPECT_EQ(test::modeOf(folder), folderMode) << mask;
+        EXPECT_EQ(test::modeOf(vlanRecordPath), 0600U) << mask;
+        EXPECT_EQ(test::modeOf(supportFolder), folderMode) << mask;
     }
 }
 
 TEST_F(VLANRecordTest, ClosesAFileThatOthersCouldRead) {
-    test::put(recordFile, wellFormed);
-    ASSERT_EQ(::chmod(recordFile, 0644), 0);
+    test::put(vlanRecordPath, wellFormed);
+    ASSERT_EQ(::chmod(vlanRecordPath.c_str(), 0644), 0);
 
     saveRecords({{"vlan0", 5, "en0"}});
 
-    EXPECT_EQ(test::modeOf(recordFile), 0600U);
+    EXPECT_EQ(test::modeOf(vlanRecordPath), 0600U);
 }
 
 TEST_F(VLANRecordTest, LeavesTheModeOfAnExistingFolder) {
-    fs::create_directories(folder);
-    ASSERT_EQ(::chmod(folder, 0750), 0);
+    fs::create_directories(supportFolder);
+    ASSERT_EQ(::chmod(supportFolder.c_str(), 0750), 0);
 
     saveRecords({{"vlan0", 5, "en0"}});
 
-    EXPECT_EQ(test::modeOf(folder), 0750U);
+    EXPECT_EQ(test::modeOf(supportFolder), 0750U);
 }
 
 TEST_F(VLANRecordTest, ReplacesALinkAndLeavesItsTarget) {
-    fs::create_directories(folder);
+    fs::create_directories(supportFolder);
     test::put("/tmp/target", "somebody else's");
-    fs::create_symlink("/tmp/target", recordFile);
+    fs::create_symlink("/tmp/target", vlanRecordPath);
 
     saveRecords({{"vlan0", 5, "en0"}});
 
-    EXPECT_FALSE(fs::is_symlink(recordFile));
+    EXPECT_FALSE(fs::is_symlink(vlanRecordPath));
     EXPECT_EQ(contentOf("/tmp/target"), "somebody else's");
     EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
 }
 
 TEST_F(VLANRecordTest, LogsThatTheFolderIsAFile) {
-    test::put(folder, "a file");
+    test::put(supportFolder, "a file");
 
     saveRecords({{"vlan0", 5, "en0"}});
 
@@ -216,11 +215,11 @@ TEST_F(VLANRecordTest, LogsThatTheFolderIsAFile) {
         ElementsAre("Could not record Tarnvale's VLANs: The file “Tarnvale” couldn’t be saved in "
                     "the folder “Application Support” because a file with the same name already "
                     "exists."));
-    EXPECT_EQ(contentOf(folder), "a file");
+    EXPECT_EQ(contentOf(supportFolder), "a file");
 }
 
 TEST_F(VLANRecordTest, LogsAFullDiskAndKeepsTheOldList) {
-    test::SmallDisk disk(folder);
+    test::SmallDisk disk(supportFolder);
     saveRecords({{"vlan0", 5, "en0"}});
     disk.fill();
 
@@ -231,13 +230,13 @@ TEST_F(VLANRecordTest, LogsAFullDiskAndKeepsTheOldList) {
         ElementsAre(
             "Could not record Tarnvale's VLANs: You can’t save the file “vlans.json” "
             "because the volume “" +
-            std::string(folder) + "” is out of space."));
+            supportFolder + "” is out of space."));
     EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
-    EXPECT_EQ(test::namesIn(folder).size(), 2U);
+    EXPECT_EQ(test::namesIn(supportFolder).size(), 2U);
 }
 
 TEST_F(VLANRecordTest, LogsThatAFolderStandsInItsPlace) {
-    fs::create_directories(std::string(recordFile) + "/full");
+    fs::create_directories(vlanRecordPath + "/full");
 
     saveRecords({{"vlan0", 5, "en0"}});
 
@@ -246,7 +245,7 @@ TEST_F(VLANRecordTest, LogsThatAFolderStandsInItsPlace) {
         ElementsAre(
             "Could not record Tarnvale's VLANs: The file “vlans.json” couldn’t be saved in the "
             "folder “Tarnvale”."));
-    EXPECT_EQ(test::namesIn(folder).size(), 1U);
+    EXPECT_EQ(test::namesIn(supportFolder).size(), 1U);
 }
 
 TEST_F(VLANRecordTest, LogsANameThatCannotBeWritten) {
@@ -278,9 +277,9 @@ TEST_F(VLANRecordTest, IsAbsentOldOrNewWheneverTheHelperIsKilled) {
                 saveRecords({{"vlan1", 6, "en1"}});
             },
             [&] {
-                const auto content = contentOf(recordFile);
+                const auto content = contentOf(vlanRecordPath);
                 seen.insert(content);
-                EXPECT_TRUE(!content || test::modeOf(recordFile) == 0600U);
+                EXPECT_TRUE(!content || test::modeOf(vlanRecordPath) == 0600U);
             });
 
         EXPECT_GE(killed, 5);

@@ -90,13 +90,12 @@ std::string loadAnchor(const Review& all, std::span<const std::string> resetSubn
     return summary;
 }
 
-/// Removes the file if it can. Nothing is enforced any more, so a file that stays is only a
-/// leftover.
-void removeIfThere(const std::string& path) {
+/// Best effort: the anchor is empty already, and that is what the user asked for.
+void removeIfPossible(const std::string& path) {
     try {
         support::removeFile(path);
     } catch (const FileError&) {
-        // Nothing enforces what it says any more.
+        // The removal has succeeded without this.
     }
 }
 
@@ -176,8 +175,8 @@ void removeFirewall(std::uint32_t uid, bool callerIsConsoleUser) {
     }
     removeLegacyAnchor();
     flushAnchor();
-    removeIfThere(storePath());
-    removeIfThere(rulesetPath());
+    removeIfPossible(storePath());
+    removeIfPossible(rulesetPath());
     helperLog("Removed firewall enforcement.");
 }
 

@@ -17,6 +17,7 @@ inline const std::string supportFolder = "/Library/Application Support/Tarnvale"
 inline const std::string storePath = supportFolder + "/firewall-policies.json";
 inline const std::string rulesetPath = supportFolder + "/firewall.pf.conf";
 inline const std::string backupPath = supportFolder + "/pf.conf.before-tarnvale-cleanup";
+inline const std::string vlanRecordPath = supportFolder + "/vlans.json";
 inline const std::string logPath = "/var/log/tarnvale-adminhelper.log";
 // NOLINTEND(cert-err58-cpp)
 

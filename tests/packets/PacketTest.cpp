@@ -2,43 +2,12 @@
 
 #include "tests/packets/PacketTest.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 
-#include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
-#include <linux/netfilter/nfnetlink_conntrack.h>
-#include <linux/netlink.h>
-#include <sys/socket.h>
-
-#include "support/UniqueFd.h"
 #include "tests/support/LabOrSkip.h"
 
 namespace tarnvale::test {
-namespace {
-
-/// Whether a part of the kernel's netfilter is there: it understands this question.
-bool netfilterAnswers(int subsystem, int message) {
-    const support::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
-    struct {
-        nlmsghdr header;
-        nfgenmsg body;
-    } question{};
-    question.header.nlmsg_len = sizeof question;
-    question.header.nlmsg_type = static_cast<std::uint16_t>(subsystem << 8 | message);
-    question.header.nlmsg_flags = NLM_F_REQUEST;
-    question.body.version = NFNETLINK_V0;
-    if (::send(fd.get(), &question, sizeof question, 0) != sizeof question) {
-        return false;
-    }
-    nlmsghdr answer{};
-    return ::recv(fd.get(), &answer, sizeof answer, MSG_TRUNC) >=
-               static_cast<ssize_t>(sizeof answer) &&
-           answer.nlmsg_type != NLMSG_ERROR;
-}
-
-}  // namespace
 
 std::string network(
     const std::string& subnet,
@@ -79,11 +48,10 @@ void enforce(const std::string& ruleset) {
 }
 
 void PacketTest::SetUp() {
-    if (!netfilterAnswers(NFNL_SUBSYS_NFTABLES, NFT_MSG_GETGEN)) {
-        GTEST_SKIP() << "the kernel has no nf_tables";
-    }
-    if (!netfilterAnswers(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET_STATS)) {
-        GTEST_SKIP() << "the kernel has no conntrack that can be asked";
+    try {
+        requirePacketFilter();
+    } catch (const LabUnavailable& reason) {
+        GTEST_SKIP() << reason.what();
     }
     buildOrSkip(lab);
     if (IsSkipped()) {

@@ -8,8 +8,13 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_conntrack.h>
+#include <linux/netlink.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "tests/support/Program.h"
@@ -47,6 +52,26 @@ void setKernelValue(const std::string& name, int value) {
     }
 }
 
+/// Whether a part of the kernel's netfilter is there: it understands this question.
+bool netfilterAnswers(int subsystem, int message) {
+    const support::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
+    struct {
+        nlmsghdr header;
+        nfgenmsg body;
+    } question{};
+    question.header.nlmsg_len = sizeof question;
+    question.header.nlmsg_type = static_cast<std::uint16_t>(subsystem << 8 | message);
+    question.header.nlmsg_flags = NLM_F_REQUEST;
+    question.body.version = NFNETLINK_V0;
+    if (::send(fd.get(), &question, sizeof question, 0) != sizeof question) {
+        return false;
+    }
+    nlmsghdr answer{};
+    return ::recv(fd.get(), &answer, sizeof answer, MSG_TRUNC) >=
+               static_cast<ssize_t>(sizeof answer) &&
+           answer.nlmsg_type != NLMSG_ERROR;
+}
+
 std::string configurationOfAMachine(const std::string& address, const std::string& gateway) {
     return "link set lo up\n"
            "link set eth0 up\n"
@@ -66,6 +91,15 @@ std::string description(const Exchange& exchange) {
     };
     return std::string(rawValue(exchange.protocol)) + " " + end(exchange.from, exchange.fromPort) +
            " -> " + end(exchange.to, exchange.port);
+}
+
+void requirePacketFilter() {
+    if (!netfilterAnswers(NFNL_SUBSYS_NFTABLES, NFT_MSG_GETGEN)) {
+        throw LabUnavailable("the kernel has no nf_tables");
+    }
+    if (!netfilterAnswers(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET_STATS)) {
+        throw LabUnavailable("the kernel has no conntrack that can be asked");
+    }
 }
 
 class NetworkLab::Visit {

@@ -69,6 +69,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// Throws `LabUnavailable` where the kernel has no packet filter for the router: nf_tables and a
+/// conntrack that can be asked.
+void requirePacketFilter();
+
 class NetworkLab {
 public:
     /// Builds the network in the calling process's private root. Throws `LabUnavailable`.

@@ -2,6 +2,7 @@
 
 #include "tests/support/PrivateRoot.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -49,11 +50,49 @@ void becomeRootOfAUserNamespace() {
     writeText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-/// Waits for the child that runs the tests and ends as it ended.
-[[noreturn]] void becomeShadowOf(pid_t child) {
-    std::signal(SIGINT, SIG_IGN);  // NOLINT(cert-err33-c): the child gets it too and ends
+/// In a new private root; /run is its own, so that no other root has it.
+constexpr const char* markPath = "/run/private-root";
+
+/// The signals by which a user ends a program.
+constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP};
+
+/// What the signal's handler ends, and the signal that came.
+volatile std::sig_atomic_t shadowed = 0;
+volatile std::sig_atomic_t endedBy = 0;
+
+void endShadowed(int signal) {
+    endedBy = signal;
+    ::kill(shadowed, SIGKILL);
+}
+
+bool isIgnored(int signal) {
+    struct sigaction action {};
+    ::sigaction(signal, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
+}
+
+/// Has the signals end the child, which as the first process of its namespace would ignore them;
+/// with it ends every other process there. A signal that is ignored stays so.
+void handOnSignals(pid_t child) {
+    shadowed = child;
+    for (const int signal : endingSignals) {
+        if (!isIgnored(signal)) {
+            std::signal(signal, endShadowed);  // NOLINT(cert-err33-c): it is a signal's number
+        }
+    }
+}
+
+/// Waits for the child that goes on in the private root, and ends as it ended.
+[[noreturn]] void becomeShadowOf(pid_t child, const sigset_t& formerMask) {
+    handOnSignals(child);
+    ::sigprocmask(SIG_SETMASK, &formerMask, nullptr);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (endedBy != 0) {
+        // Whoever waits for this process, such as a shell, is to see what ended it.
+        std::signal(endedBy, SIG_DFL);  // NOLINT(cert-err33-c): it is a signal's number
+        std::raise(endedBy);            // NOLINT(cert-err33-c): as above
     }
     if (WIFSIGNALED(status)) {
         std::fprintf(stderr, "test process ended by signal %d\n", WTERMSIG(status));
@@ -121,6 +160,7 @@ void mountPrivateRoot() {
 
     require(::chroot(root.c_str()), "chroot");
     require(::chdir("/"), "chdir");
+    require(::mknod(markPath, S_IFREG | 0444, 0), markPath);
 }
 
 }  // namespace
@@ -135,20 +175,38 @@ std::optional<std::string> enterPrivateRoot() {
         return std::string("no private root: ") + error.what();
     }
 
+    // A signal waits until there is somebody to end.
+    sigset_t ending;
+    sigset_t formerMask;
+    ::sigemptyset(&ending);
+    for (const int signal : endingSignals) {
+        ::sigaddset(&ending, signal);
+    }
+    ::sigprocmask(SIG_BLOCK, &ending, &formerMask);
     const pid_t child = ::fork();
+    if (child > 0) {
+        becomeShadowOf(child, formerMask);
+    }
+    ::sigprocmask(SIG_SETMASK, &formerMask, nullptr);
     if (child < 0) {
         return "no private root: fork failed";
     }
-    if (child > 0) {
-        becomeShadowOf(child);
-    }
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (!isIgnored(SIGINT)) {
+        // A terminal's interrupt goes to the shadow alone, which ends all at once. Otherwise this
+        // process could see its children end by it and take that for a result.
+        ::setsid();
+    }
     try {
         mountPrivateRoot();
         return std::nullopt;
     } catch (const std::system_error& error) {
         return std::string("no private root: ") + error.what();
     }
+}
+
+bool isInPrivateRoot() {
+    return ::access(markPath, F_OK) == 0;
 }
 
 bool isRealRoot() {

@@ -14,8 +14,12 @@ namespace tarnvale::test {
 /// Moves this process, which must have one thread, into a private root for good. Its rest runs in
 /// a child; the calling process waits for that child and exits with its status. Without root a
 /// user namespace is made first, in which the caller's user is root. Returns nothing, or, where the
-/// kernel refuses, the sentence that says so; the process is then as it was.
+/// kernel refuses, the sentence that says so; the process is then as it was. An interrupt ends both
+/// and everything that was started in the private root, unless the caller ignores it.
 std::optional<std::string> enterPrivateRoot();
+
+/// True when this process is in a private root.
+bool isInPrivateRoot();
 
 /// True when this process is root over several users, not only over the one who made its user
 /// namespace.

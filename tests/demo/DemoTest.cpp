@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: MIT
+//
+// What surrounds the story: the script that sets up, builds and starts the demo, and the demo's end
+// by an interrupt. The script runs in a folder of its own, where set-up, build and demo are
+// stand-ins that record each call.
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/support/HelperFiles.h"
+#include "tests/support/Program.h"
+
+namespace tarnvale::test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* callsPath = "/tmp/calls";
+constexpr uid_t someUser = 501;
+
+class DemoScriptTest : public testing::Test {
+protected:
+    /// Many a folder's path has a blank in it.
+    const fs::path folder = "/tmp/a folder";
+    const std::string script = folder / "scripts/demo";
+
+    void SetUp() override {
+        fs::remove_all(folder);
+        fs::create_directories(folder / "scripts");
+        fs::copy_file(TARNVALE_SOURCE_DIR "/scripts/demo", script);
+        for (const char* called : {"scripts/setup", "scripts/build", "build/bin/tarnvale-demo"}) {
+            put(folder / called,
+                "#!/bin/sh\necho \"" + std::string(called) + " $* by $(id -u)\" >>" + callsPath +
+                    "\n");
+            fs::permissions(folder / called, fs::perms(0755));
+        }
+        put(callsPath, "");
+        fs::permissions(callsPath, fs::perms(0666));
+    }
+
+    static std::string calls() { return contentOf(callsPath); }
+
+    /// Runs the script to its end, which it reaches where it can have a sandbox.
+    static void runInFull(const std::string& command) {
+        const Finished demo = run({command});
+        if (demo.error.find("overlayfs") != std::string::npos ||
+            demo.error.find("the kernel has no") != std::string::npos) {
+            GTEST_SKIP() << demo.error;
+        }
+        EXPECT_EQ(demo.status, 0);
+        EXPECT_EQ(demo.error, "");
+    }
+};
+
+TEST_F(DemoScriptTest, SetsUpAndBuildsWhatItShowsAndShowsIt) {
+    runInFull(script);
+
+    EXPECT_EQ(
+        calls(),
+        "scripts/setup demo by 0\nscripts/build demo by 0\nbuild/bin/tarnvale-demo  by 0\n");
+}
+
+TEST_F(DemoScriptTest, IsCalledByALinkToo) {
+    fs::remove("/tmp/demo");
+    fs::create_symlink(script, "/tmp/demo");
+
+    runInFull("/tmp/demo");
+
+    EXPECT_THAT(calls(), HasSubstr("tarnvale-demo"));
+}
+
+TEST_F(DemoScriptTest, BuildsAsTheOwnerOfWhatIsBuilt) {
+    ASSERT_EQ(::chown((folder / "build").c_str(), someUser, someUser), 0);
+
+    runInFull(script);
+
+    EXPECT_EQ(
+        calls(),
+        "scripts/setup demo by 0\nscripts/build demo by 501\nbuild/bin/tarnvale-demo  by 0\n");
+}
+
+TEST_F(DemoScriptTest, BuildsAsTheOwnerOfTheSourcesWhereNothingIsBuiltYet) {
+    fs::rename(folder / "build", "/tmp/built");
+    ASSERT_EQ(::chown(folder.c_str(), someUser, someUser), 0);
+    put(folder / "scripts/build",
+        "#!/bin/sh\ncp -r /tmp/built build\necho \"by $(id -u)\" >" + std::string(callsPath) +
+            "\n");
+
+    runInFull(script);
+
+    EXPECT_EQ(calls(), "by 501\nbuild/bin/tarnvale-demo  by 0\n");
+}
+
+TEST_F(DemoScriptTest, HelpsWithoutDoingAnything) {
+    const Finished demo = run({script, "--help"});
+
+    EXPECT_EQ(demo.status, 0);
+    EXPECT_THAT(demo.output, StartsWith("usage: scripts/demo\n"));
+    EXPECT_EQ(calls(), "");
+}
+
+TEST_F(DemoScriptTest, RefusesArgumentsThatItDoesNotKnow) {
+    const std::vector<std::vector<std::string>> commands{
+        {script, "--quick"}, {script, ""}, {script, "--help", "me"}};
+    for (const auto& command : commands) {
+        const Finished demo = run(command);
+
+        EXPECT_EQ(demo.status, 2);
+        EXPECT_EQ(demo.error, "usage: scripts/demo [--help]\n");
+        EXPECT_EQ(calls(), "");
+    }
+}
+
+TEST_F(DemoScriptTest, SaysWhatIsMissingBeforeItDoesAnything) {
+    struct Case {
+        std::string circumstance;
+        std::string sentence;
+    };
+    const std::vector<Case> cases{
+        {"--reuid=501",
+         "demo: it makes network interfaces and packet filter rules of its own, so it has to be "
+         "root: sudo scripts/demo\n"},
+        {"--bounding-set=-sys_admin",
+         "demo: root lacks CAP_SYS_ADMIN here, which a sandbox takes; a container gets that by: "
+         "docker run --privileged\n"},
+        {"--bounding-set=-net_admin",
+         "demo: root lacks CAP_NET_ADMIN here, which a network takes; a container gets that by: "
+         "docker run --privileged\n"}};
+    for (const auto& [circumstance, sentence] : cases) {
+        const Finished demo = run({"/usr/bin/setpriv", circumstance, script});
+
+        EXPECT_EQ(demo.status, 1);
+        EXPECT_EQ(demo.output, "");
+        EXPECT_EQ(demo.error, sentence);
+        EXPECT_EQ(calls(), "");
+    }
+}
+
+std::vector<std::string> processes() {
+    std::vector<std::string> ids = namesIn("/proc");
+    std::erase_if(ids, [](const std::string& name) {
+        return name.find_first_not_of("0123456789") != std::string::npos;
+    });
+    return ids;
+}
+
+TEST(DemoTest, EndsAtAnInterruptAndLeavesNothing) {
+    // Without its mark this private root is a machine like any other, on which the demo makes one.
+    fs::remove("/run/private-root");
+    const auto processesBefore = processes();
+    const auto mountsBefore = contentOf("/proc/self/mountinfo");
+
+    for (const auto moment : {0ms, 10ms, 50ms, 200ms, 1000ms}) {
+        Program demo({"/usr/bin/setsid", TARNVALE_BIN_DIR "/tarnvale-demo"});
+        std::this_thread::sleep_for(moment);
+        while (::kill(-demo.pid(), SIGINT) != 0 && demo.running()) {
+            std::this_thread::yield();  // until it leads a group, as a shell's job does
+        }
+
+        EXPECT_TRUE(demo.endsWithin(1s)) << moment.count();
+        const Finished ended = demo.finish();
+        if (ended.error.starts_with("demo: no private root")) {
+            GTEST_SKIP() << ended.error;
+        }
+        EXPECT_EQ(ended.status, 128 + SIGINT);
+        EXPECT_EQ(ended.error, "");
+        EXPECT_THAT(ended.output, AllOf(Not(HasSubstr("FAILED")), Not(HasSubstr("checks"))));
+        EXPECT_EQ(processes(), processesBefore);
+        EXPECT_EQ(contentOf("/proc/self/mountinfo"), mountsBefore);
+        EXPECT_FALSE(exists("/tmp/tarnvale-helperctl"));
+    }
+}
+
+}  // namespace
+}  // namespace tarnvale::test

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+//
+// tarnvale-demo: shows users' requests to the helper, and virtual networks being firewalled by
+// them, with real connections. It plays in a private root, of which nothing is left behind, and
+// ends with status 0 when everything that it showed was as it has to be.
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "tests/demo/Network.h"
+#include "tests/demo/Story.h"
+#include "tests/demo/Transcript.h"
+#include "tests/support/PrivateRoot.h"
+
+namespace {
+
+/// In the private root: plays the story. Whether all of it held.
+bool play() {
+    const auto network = tarnvale::test::makePacketNetwork();
+    tarnvale::test::Transcript transcript;
+    tarnvale::test::tellStory(*network, transcript);
+    transcript.say();
+    transcript.say(
+        std::to_string(transcript.passed()) + " checks passed, " +
+        std::to_string(transcript.failed()) + " failed");
+    return transcript.failed() == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** /*argv*/) {
+    if (argc > 1) {
+        std::fputs("usage: tarnvale-demo\n", stderr);
+        return 2;
+    }
+    try {
+        if (!tarnvale::test::isInPrivateRoot()) {
+            if (const auto refusal = tarnvale::test::enterPrivateRoot()) {
+                throw std::runtime_error(*refusal);
+            }
+        }
+        return play() ? EXIT_SUCCESS : EXIT_FAILURE;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "demo: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

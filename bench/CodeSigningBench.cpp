@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// What admission costs, for a client of 1 MB: the whole check beside the digest that it contains,
-// once with OpenSSL loaded and once in a process that has yet to load it, and what is left of it
-// when the client is known.
+// What admitting a client of 1 MB costs: the whole check, with OpenSSL loaded and in a process that
+// has yet to load it; the digest, which is a part of it; and what is left once the client has been
+// verified.
 
 #include <array>
 #include <chrono>
@@ -45,7 +45,7 @@ void runCommand(const std::string& command) {
     }
 }
 
-/// A running, well-signed client, and the root that it is trusted by.
+/// A running client with a valid signature, and the root that vouches for it.
 class Client {
 public:
     Client() {
@@ -61,7 +61,7 @@ public:
             clientPath);
         runCommand("mkdir -p /etc/tarnvale");
         runCommand("cp /tmp/ca/root.pem /etc/tarnvale/code-signing-roots.pem");
-        // Verdicts on files that changed just now are not kept.
+        // The service keeps no verdict on a file that changed just now.
         std::this_thread::sleep_for(std::chrono::seconds(4));
         process_.emplace(std::vector<std::string>{clientPath, "100000"});
     }
@@ -74,7 +74,7 @@ private:
 
 std::optional<Client> client;
 
-/// What the service does for a connection up to its first message.
+/// What the service does for a connection before it reads the first message.
 void admit(platform::CodeSigning& signing, ClientAdmission& admission) {
     const auto process = platform::PeerProcess::ofSocket(client->socket());
     if (!process || !admission.isAllowedClient(process->peer()) ||
@@ -98,7 +98,7 @@ void firstAdmission(benchmark::State& state) {
     }
 }
 
-/// The first of all in a process, loading OpenSSL included.
+/// The first admission in a process, which includes loading OpenSSL.
 void firstAdmissionOfAProcess(benchmark::State& state) {
     for (auto _ : state) {
         std::array<int, 2> result{};
@@ -147,7 +147,7 @@ void checkOfAMessage(benchmark::State& state) {
     }
 }
 
-// The first one before the others, which load OpenSSL into this process.
+// This one comes first: the others load OpenSSL into this process.
 BENCHMARK(firstAdmissionOfAProcess)->Unit(benchmark::kMicrosecond)->UseManualTime();
 BENCHMARK(firstAdmission)->Unit(benchmark::kMicrosecond);
 BENCHMARK(digestOfTheClient)->Unit(benchmark::kMicrosecond);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The information dictionary is part of the executable, which is a bundle of its own.
+// The executable is a bundle of its own and carries its information dictionary.
 
 #include "platform/Bundle.h"
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The owner of a Core Foundation object, or of one of a framework built on it. Whether a function's
-// result is the caller's is in its name: what "Create" or "Copy" returned is adopted, what "Get"
-// returned is borrowed, and to keep it is to retain it.
+// The owner of a Core Foundation object, or of one of a framework built on it. A function's name
+// says who owns its result: adopt what "Create" or "Copy" returned; what "Get" returned is
+// borrowed, so retain it to keep it.
 
 #pragma once
 
@@ -46,7 +46,7 @@ public:
     /// Valid as long as the owner is.
     Ref get() const noexcept { return object_; }
 
-    /// Where a function puts a reference that the owner then has, in place of what it had.
+    /// Where a function puts a reference for this owner, which first releases what it had.
     Ref* out() noexcept {
         *this = CFRef();
         return &object_;

@@ -24,14 +24,14 @@ public:
     bool isMember(uid_t uid, gid_t group) override {
         uuid_t userID{};
         uuid_t groupID{};
-        // The system leaves the answer alone where there is no such group.
+        // When there is no such group, the system leaves the answer as it is.
         int isMember = 0;
         return ::mbr_uid_to_uuid(uid, userID) == 0 && ::mbr_gid_to_uuid(group, groupID) == 0 &&
                ::mbr_check_membership(userID, groupID, &isMember) == 0 && isMember != 0;
     }
 
     std::optional<ConsoleUser> consoleUser() override {
-        // The store may know a name and no ID; then somebody is there who is no caller of ours.
+        // The store may know a name and no ID: then somebody is there, but is no caller of ours.
         uid_t uid = noUser;
         const auto name =
             CFRef<CFStringRef>::adopt(::SCDynamicStoreCopyConsoleUser(nullptr, &uid, nullptr));

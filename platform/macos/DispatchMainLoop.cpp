@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The main loop on macOS: dispatch timers, and the main thread given to dispatch.
+// The main loop on macOS: timers of dispatch, which also gets the main thread.
 
 #include <memory>
 #include <new>
@@ -20,7 +20,7 @@ std::int64_t nanoseconds(std::chrono::milliseconds duration) {
     return std::chrono::nanoseconds(duration).count();
 }
 
-/// From now on; like launchd's timers it does not count the time that the machine sleeps.
+/// The time at which `duration` has passed from now on, not counting while the machine sleeps.
 dispatch_time_t after(std::chrono::milliseconds duration) {
     return ::dispatch_time(DISPATCH_TIME_NOW, nanoseconds(duration));
 }
@@ -29,7 +29,7 @@ void perform(const Work& work) noexcept {
     try {
         work();
     } catch (...) {
-        // For want of memory it is left out this time.
+        // Memory is short: the work is left out this time.
     }
 }
 
@@ -50,7 +50,7 @@ public:
         ::dispatch_source_set_timer(
             timer, after(period), static_cast<std::uint64_t>(nanoseconds(period)), 0);
         ::dispatch_resume(timer);
-        // The timer and its work are for the life of the process, so nothing releases them.
+        // The timer and its work live as long as the process, so nothing releases them.
     }
 
     void runAfter(std::chrono::milliseconds delay, Work work) override {

@@ -14,7 +14,7 @@
 namespace tarnvale::platform {
 namespace {
 
-/// The folders at the top that /private has nothing to do with.
+/// The folders at the top that have no counterpart in /private.
 constexpr std::array<std::string_view, 12> publicFolders = {
     "/Applications",
     "/Library",
@@ -33,7 +33,7 @@ bool liesIn(std::string_view folder, std::string_view path) {
     return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
-/// The system shows /tmp, /var and /etc where they seem to be, not where they are: in /private.
+/// /tmp, /var and /etc lie in /private. The system shows them where they seem to be.
 std::string withoutPrivate(const std::string& path) {
     constexpr std::string_view privateFolder = "/private";
     if (!path.starts_with("/private/")) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Text and bytes between this program and Foundation: by length, never up to a NUL.
+// Text on its way into Foundation and out of it, passed with its length: a NUL never cuts it off.
 
 #pragma once
 
@@ -16,11 +16,10 @@
 
 namespace tarnvale::platform {
 
-/// The text as Foundation's, what is not UTF-8 in it repaired. Throws `std::bad_alloc`.
+/// The text as an NSString, with invalid UTF-8 repaired. Throws `std::bad_alloc`.
 NSString* _Nonnull toNSString(std::string_view text);
 
-/// The text in UTF-8, "?" in place of half a surrogate pair; empty for nil. Throws
-/// `std::bad_alloc`.
+/// The text in UTF-8, with "?" for half a surrogate pair; empty for nil. Throws `std::bad_alloc`.
 std::string toUtf8(NSString* _Nullable text);
 
 }  // namespace tarnvale::platform

@@ -85,7 +85,7 @@ private:
         return InterfaceID{interfaces_.size() - 1};
     }
 
-    /// The interfaces of a list, which outlive it; none where there is no list.
+    /// Keeps the interfaces of a list beyond its life; without a list there are none.
     std::vector<InterfaceID> kept(const CFRef<CFArrayRef>& list) {
         std::vector<InterfaceID> interfaces;
         const CFIndex count = list ? ::CFArrayGetCount(list.get()) : 0;

@@ -37,7 +37,7 @@ public:
 
         auto identifier = textIn(information.get(), kSecCodeInfoIdentifier);
         if (!identifier) {
-            return std::nullopt;  // the mark of code that is not signed
+            return std::nullopt;  // unsigned code has none
         }
         return SigningInformation{
             .teamIdentifier = textIn(information.get(), kSecCodeInfoTeamIdentifier),
@@ -50,7 +50,7 @@ public:
             return false;
         }
         CFRef<SecRequirementRef> compiled;
-        // Code is valid against no requirement at all, so a null one must never get that far.
+        // Every signed code is valid against a null requirement, so none may get that far.
         return ::SecRequirementCreateWithString(text.get(), kSecCSDefaultFlags, compiled.out()) ==
                    errSecSuccess &&
                compiled &&
@@ -62,7 +62,7 @@ private:
     CFRef<SecCodeRef> code_;
 };
 
-/// What names a process to the system; nothing when it could not be made.
+/// What identifies a process to the system; nothing when memory is short.
 CFRef<CFDictionaryRef> attributesOf(pid_t pid) {
     const std::int32_t value = pid;
     const auto number =

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // A client of the helper over NSXPCConnection. Replies arrive on the connection's queue; the caller
-// waits for each, but not for ever.
+// waits for each, but not forever.
 
 #import <Foundation/Foundation.h>
 
@@ -24,8 +24,8 @@ using Helper = id<TarnvaleAdminHelperProtocol>;
 using TextReplyBlock = void (^)(NSString* text);
 using ResultReplyBlock = void (^)(NSString* result, NSString* error);
 
-/// What has come of one request. The caller and the request's blocks share it: a reply that comes
-/// when nobody waits for it any more still finds its place.
+/// The outcome of one request. The caller and the request's blocks share it, so that a reply still
+/// has its place when nobody waits for it any more.
 struct Outcome {
     dispatch_semaphore_t arrived = dispatch_semaphore_create(0);
     NSString* result = nil;
@@ -63,7 +63,7 @@ public:
         }
     }
 
-    /// A helper that does not admit this process does not answer it anything.
+    /// Throws unless the helper replies: it answers only processes that it admits.
     void awaitAdmission() {
         helperVersion();
         isAdmitted_ = true;
@@ -150,7 +150,7 @@ private:
     ResultReply result(const Send& send) {
         @autoreleasepool {
             const auto outcome = std::make_shared<Outcome>();
-            // One of these two is called, once, on the connection's queue.
+            // The connection calls one of these two, once, on its queue.
             const auto reply = ^(NSString* result, NSString* error) {
                 outcome->result = result;
                 outcome->error = error;
@@ -187,7 +187,7 @@ private:
     }
 
     HelperClientError failed(NSError* failure) const {
-        // A connection is interrupted by its other end, and is invalid where there is none.
+        // The other end interrupts a connection; without another end it is invalid.
         const auto code = failure.code;
         if (!isAdmitted_ && code == NSXPCConnectionInterrupted) {
             return HelperClientError::notAdmitted();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The helper's interface as NSXPCConnection knows it. The two ends compare selectors and types, so
-// a method stays as it is once a version with it has been released.
+// a method never changes once a version with it has been released.
 
 #pragma once
 

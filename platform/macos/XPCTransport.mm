@@ -3,7 +3,7 @@
 // The transport on macOS: NSXPCListener on the Mach service. Each connection has a queue of its
 // own, and the system itself checks every message against the connection's requirement.
 //
-// Exceptions of C++ and of Objective-C are of one kind at run time: `catch (...)` takes both.
+// C++ and Objective-C share one kind of exception at run time: `catch (...)` catches both.
 
 #import <Foundation/Foundation.h>
 
@@ -22,7 +22,7 @@
 namespace tarnvale::platform {
 namespace {
 
-/// A connection while it is decided upon.
+/// A connection that nobody has admitted yet.
 class XPCNewConnection final : public NewConnection {
 public:
     explicit XPCNewConnection(NSXPCConnection* connection)
@@ -42,17 +42,18 @@ public:
         }
     }
 
-    // Nothing here can throw: whoever counts connections has counted this one already.
+    // Nothing here may throw: the delegate has already counted this connection.
     void setInvalidationHandler(std::function<void()> handler) override {
         *ended_ = std::move(handler);
         const auto ended = ended_;
-        // It holds neither the connection nor anything of the listener's.
+        // The block must hold neither the connection nor the listener, or they would never be
+        // freed.
         connection_.invalidationHandler = ^{
             @autoreleasepool {
                 try {
                     (*ended)();
                 } catch (...) {
-                    // There is nobody to tell.
+                    // There is nobody to report it to.
                 }
             }
         };
@@ -61,28 +62,28 @@ public:
 private:
     NSXPCConnection* connection_;
     Peer peer_;
-    /// Also owned by the connection's handler once there is one.
+    /// Shared with the connection's handler, once there is one.
     std::shared_ptr<std::function<void()>> ended_ = std::make_shared<std::function<void()>>();
 };
 
-/// What a client reads when not even the failure of its request could be told.
+/// The error when there is not even memory to report an error.
 NSString* const notEnoughMemory = @"There is not enough memory for this request.";
 
 NSString* textOrNil(const OptionalText& text) {
     return text ? toNSString(*text) : nil;
 }
 
-/// Sends a reply. If that fails, the client is gone and has none to get.
+/// Sends a reply. A failure means that the client is gone and needs none.
 template <class Reply, class... Texts>
 void send(Reply reply, Texts... texts) noexcept {
     try {
         reply(texts...);
     } catch (...) {
-        // The connection's end is told of by itself.
+        // The invalidation handler reports the end of the connection.
     }
 }
 
-/// Runs the method and replies with its text, or with `failure` if it throws: once in any case.
+/// Runs the method and replies exactly once: with its text, or with `failure` if it throws.
 template <class Method>
 void answer(
     void (^reply)(NSString*), const Method& method, NSString* failure = notEnoughMemory) noexcept {
@@ -97,7 +98,7 @@ void answer(
     }
 }
 
-/// The same for a method with a result.
+/// The same for a method that has a result, too.
 template <class Method>
 void answer(void (^reply)(NSString*, NSString*), const Method& method) noexcept {
     @autoreleasepool {
@@ -115,7 +116,7 @@ void answer(void (^reply)(NSString*, NSString*), const Method& method) noexcept 
     }
 }
 
-/// The bytes, which live as long as `data`; a client can send none.
+/// The bytes, which live as long as `data`. A hostile client can send nil: no bytes.
 std::string_view bytesOf(NSData* data) {
     return {static_cast<const char*>(data.bytes), data.length};
 }
@@ -126,7 +127,7 @@ std::string_view bytesOf(NSData* data) {
 using tarnvale::platform::answer;
 using tarnvale::platform::toUtf8;
 
-/// Decides on connections and serves those that are admitted: one object for all of them.
+/// Decides on connections and serves the admitted ones: one object for all of them.
 @interface TarnvaleHelperListener : NSObject<NSXPCListenerDelegate, TarnvaleAdminHelperProtocol>
 @end
 
@@ -149,7 +150,7 @@ using tarnvale::platform::toUtf8;
     shouldAcceptNewConnection:(NSXPCConnection*)newConnection {
     @autoreleasepool {
         try {
-            // Made first: nothing may fail between counting the connection and resuming it.
+            // Made first: nothing may fail after the delegate has counted the connection.
             NSXPCInterface* const protocol =
                 [NSXPCInterface interfaceWithProtocol:@protocol(TarnvaleAdminHelperProtocol)];
             tarnvale::platform::XPCNewConnection candidate(newConnection);
@@ -262,13 +263,13 @@ public:
     }
 
 private:
-    TarnvaleHelperListener* delegate_ = nil;  ///< the listener itself holds it weakly
+    TarnvaleHelperListener* delegate_ = nil;  ///< the listener holds it only weakly
     NSXPCListener* listener_ = nil;
 };
 
 }  // namespace
 
-// The system checks each message by itself, by the sender's audit token.
+// The system itself checks each message, by the sender's audit token.
 std::unique_ptr<Transport> makeTransport(CodeSigning& /*codeSigning*/) {
     return std::make_unique<XPCTransport>();
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// admission-probe PID: whether the service would admit that process if this program, signed as it
-// is, were the helper. Prints "helper: development" or "helper: Developer ID", "admitted: yes" or
-// "no", and "requirement met: yes" or "no".
+// admission-probe PID: would the service admit that process if this program, signed as it is, were
+// the helper? Prints "helper: development" or "helper: Developer ID", "admitted: yes" or "no", and
+// "requirement met: yes" or "no".
 
 #include <cstdint>
 #include <cstdio>

@@ -1,7 +1,7 @@
-# Builds for macOS 13 on Linux, for checks: Zig's compiler and linker with the declarations beside
-# this file and the linker stubs that are made of them. What comes out is not for use on a Mac.
+# Builds for macOS 13 on Linux, for checks only: Zig's compiler and linker, with the declarations
+# beside this file and the linker stubs made from them. The programs are not for use on a Mac.
 #
-# scripts/check-macos says TARNVALE_ZIG, TARNVALE_STUBS and TARNVALE_ARCHITECTURE.
+# scripts/check-macos sets TARNVALE_ZIG, TARNVALE_STUBS and TARNVALE_ARCHITECTURE.
 
 set(CMAKE_SYSTEM_NAME Darwin)
 set(CMAKE_SYSTEM_PROCESSOR "${TARNVALE_ARCHITECTURE}")
@@ -9,14 +9,14 @@ set(CMAKE_OSX_DEPLOYMENT_TARGET 13.0)
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
     TARNVALE_ZIG TARNVALE_STUBS TARNVALE_ARCHITECTURE)
 
-# What the linker lacks: an information dictionary goes into the program on a Mac only.
+# The linker cannot put an information dictionary into the program; only a Mac's can.
 set(TARNVALE_NO_SECTCREATE ON)
 
 set(flags
     "-isystem ${CMAKE_CURRENT_LIST_DIR}/declarations"
-    # What the standard library of macOS 13.0 lacks is refused, as Apple's own would do.
+    # Refuses what the standard library of macOS 13.0 lacks, as Apple's compiler would.
     "-include ${CMAKE_CURRENT_LIST_DIR}/Availability.h"
-    # Zig's own additions are not what is checked, nor what it says of CMake's.
+    # Zig's own additions are not what we check, nor its warnings about CMake's.
     "-fno-sanitize=undefined -Wno-unused-command-line-argument")
 list(JOIN flags " " flags)
 foreach(language CXX OBJCXX)
@@ -29,5 +29,5 @@ foreach(language CXX OBJCXX)
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-F ${TARNVALE_STUBS} -L ${TARNVALE_STUBS} -lobjc")
 
-# CMake asks for it and nothing here uses it.
+# CMake asks for it, but nothing here uses it.
 set(CMAKE_INSTALL_NAME_TOOL /bin/false)

@@ -14,6 +14,7 @@
 
 #define GUARDED_BY(x) TARNVALE_THREAD_ANNOTATION(guarded_by(x))
 #define REQUIRES(...) TARNVALE_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) TARNVALE_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 
 namespace tarnvale::support {
 

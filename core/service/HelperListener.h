@@ -36,19 +36,20 @@ public:
     /// Throws `platform::TransportError` when the service cannot be offered.
     [[noreturn]] void start(TarnvaleAdminHelperProtocol& exported);
 
-    bool shouldAcceptNewConnection(platform::NewConnection& connection) override;
+    bool shouldAcceptNewConnection(platform::NewConnection& connection) override
+        EXCLUDES(stateLock_);
 
     /// Restarts the idle clock.
-    void touch();
+    void touch() EXCLUDES(stateLock_);
 
     /// Calls `reply` at once and ends the process a moment later, whatever else is going on.
     void shutdownForUpgrade(const std::function<void()>& reply);
 
     /// Ends the process when no connection is open and the last activity is long enough ago.
-    void checkIdle();
+    void checkIdle() EXCLUDES(stateLock_);
 
 private:
-    void connectionEnded();
+    void connectionEnded() EXCLUDES(stateLock_);
 
     platform::Transport& transport_;
     platform::MainLoop& loop_;

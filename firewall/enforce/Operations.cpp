@@ -35,13 +35,6 @@ using NetworkFirewall::Review;
 using support::FileError;
 using support::MutexLock;
 
-/// Held for the whole of each operation. Never destroyed, because a request may still be at work
-/// when the process ends.
-support::Mutex& firewallLock() {
-    static auto& lock = *new support::Mutex;
-    return lock;
-}
-
 std::string rulesetPath() {
     return std::string(appSupportDirectory) + "/firewall.pf.conf";
 }
@@ -75,6 +68,7 @@ void resetStates(
 
 /// Writes and loads the ruleset for these networks; returns the summary for all users. Throws
 /// `HelperError` or `FileError`, and then leaves the anchor as it was.
+REQUIRES(firewallLock())
 std::string loadAnchor(const Review& all, std::span<const std::string> resetSubnets) {
     support::makeFolders(appSupportDirectory);
     const auto path = rulesetPath();
@@ -99,7 +93,7 @@ void removeIfPossible(const std::string& path) {
     }
 }
 
-void reapply() {
+REQUIRES(firewallLock()) void reapply() {
     const auto storeLock = lockStore();
     auto data = support::readFile(storePath());
     if (!data) {

@@ -29,6 +29,11 @@ bool isStore(const UniqueFd& file) {
 
 }  // namespace
 
+support::Mutex& firewallLock() {
+    static auto& lock = *new support::Mutex;
+    return lock;
+}
+
 const std::string& storePath() {
     static const auto& path =
         *new std::string(std::string(appSupportDirectory) + "/firewall-policies.json");

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // Keeps the policy store in a file, so that it survives requests, restarts and reboots. Whoever
-// reads or writes it holds the firewall lock and, against other processes, the store's own lock.
+// reads or writes it holds two locks: the firewall lock against other threads and, taken second,
+// the store's own lock against other processes.
 
 #pragma once
 
@@ -9,9 +10,14 @@
 
 #include "core/base/AppSupport.h"
 #include "firewall/policy/PolicyStore.h"
+#include "support/Mutex.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::HelperFirewall {
+
+/// Held for the whole of each operation. Never destroyed, because a request may still be at work
+/// when the process ends.
+support::Mutex& firewallLock();
 
 /// "firewall-policies.json" in the support folder.
 const std::string& storePath();
@@ -19,12 +25,12 @@ const std::string& storePath();
 /// Keeps other processes' operations out until the descriptor is closed: `--reapply` may run beside
 /// the service. The lock is on the store's file, which only root can open, so nobody else can hold
 /// it. If there is no file, two processes have nothing to share, and the result is empty.
-support::UniqueFd lockStore();
+support::UniqueFd lockStore() REQUIRES(firewallLock());
 
 /// What is stored. The store is empty if the file can't be read or decoded; the latter is logged.
-NetworkFirewall::PolicyStore loadStore();
+NetworkFirewall::PolicyStore loadStore() REQUIRES(firewallLock());
 
 /// Writes the file durably, with mode 0600. Throws `support::FileError` or `support::JsonError`.
-void saveStore(const NetworkFirewall::PolicyStore& store);
+void saveStore(const NetworkFirewall::PolicyStore& store) REQUIRES(firewallLock());
 
 }  // namespace tarnvale::HelperFirewall

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "support/Files.h"
+#include "support/Mutex.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
@@ -28,6 +29,7 @@ namespace {
 namespace fs = std::filesystem;
 using NetworkFirewall::PolicyStore;
 using support::FileError;
+using support::MutexLock;
 using support::UniqueFd;
 using test::contentOf;
 using test::exists;
@@ -48,10 +50,27 @@ PolicyStore someStore() {
     return NetworkFirewall::decodeStore(onePolicy()).value();
 }
 
-TEST(StoreFileTest, LoadsWhatWasSaved) {
-    saveStore(someStore());
+// Each as an operation of this process calls it.
 
-    EXPECT_EQ(loadStore(), someStore());
+void save(const PolicyStore& store) {
+    const MutexLock lock(firewallLock());
+    saveStore(store);
+}
+
+PolicyStore load() {
+    const MutexLock lock(firewallLock());
+    return loadStore();
+}
+
+UniqueFd lockFile() {
+    const MutexLock lock(firewallLock());
+    return lockStore();
+}
+
+TEST(StoreFileTest, LoadsWhatWasSaved) {
+    save(someStore());
+
+    EXPECT_EQ(load(), someStore());
     EXPECT_EQ(contentOf(storePath()), NetworkFirewall::encodeStore(someStore()));
     EXPECT_THAT(namesIn(supportFolder), ElementsAre("firewall-policies.json"));
 }
@@ -59,18 +78,18 @@ TEST(StoreFileTest, LoadsWhatWasSaved) {
 TEST(StoreFileTest, LoadsTheFormOfBeforeThereWereUsers) {
     put(storePath(), onePolicy());
 
-    EXPECT_THAT(loadStore().owners, ElementsAre(testing::Key("legacy")));
+    EXPECT_THAT(load().owners, ElementsAre(testing::Key("legacy")));
 }
 
 TEST(StoreFileTest, AFileThatCantBeReadIsNoStoreAndIsNotMentioned) {
-    EXPECT_EQ(loadStore(), PolicyStore());
+    EXPECT_EQ(load(), PolicyStore());
 
     fs::create_directories(storePath());
-    EXPECT_EQ(loadStore(), PolicyStore());
+    EXPECT_EQ(load(), PolicyStore());
 
     fs::remove(storePath());
     ASSERT_EQ(::mkfifo(storePath().c_str(), 0600), 0);
-    EXPECT_EQ(loadStore(), PolicyStore());
+    EXPECT_EQ(load(), PolicyStore());
 
     EXPECT_THAT(logMessages(), IsEmpty());
 }
@@ -79,7 +98,7 @@ TEST(StoreFileTest, AFileThatCantBeDecodedIsNoStoreAndIsMentioned) {
     for (const std::string damaged : {"", "{}", "[1]", "{\"owners\":", "\xFF"}) {
         put(storePath(), damaged);
 
-        EXPECT_EQ(loadStore(), PolicyStore());
+        EXPECT_EQ(load(), PolicyStore());
 
         EXPECT_THAT(
             logMessages(),
@@ -93,12 +112,12 @@ TEST(StoreFileTest, OnlyRootMayReadTheFileWhateverTheUmaskAndTheOldMode) {
     for (const mode_t mask : {0U, 022U, 077U}) {
         ::umask(mask);
         fs::remove_all(supportFolder);
-        saveStore(someStore());
+        save(someStore());
         EXPECT_EQ(modeOf(storePath()), 0600U) << mask;
         EXPECT_EQ(modeOf(supportFolder), 0777U & ~mask);
 
         fs::permissions(storePath(), fs::perms(0644));
-        saveStore(someStore());
+        save(someStore());
         EXPECT_EQ(modeOf(storePath()), 0600U) << mask;
     }
 }
@@ -108,7 +127,7 @@ TEST(StoreFileTest, ReplacesALinkInsteadOfFollowingIt) {
     fs::create_directories(supportFolder);
     fs::create_symlink("/tmp/elsewhere", storePath());
 
-    saveStore(someStore());
+    save(someStore());
 
     EXPECT_EQ(contentOf("/tmp/elsewhere"), "kept");
     EXPECT_FALSE(fs::is_symlink(storePath()));
@@ -118,7 +137,7 @@ TEST(StoreFileTest, TellsThatTheFolderCantBeMade) {
     put(supportFolder, "in the way");
 
     EXPECT_THAT(
-        [] { saveStore(someStore()); },
+        [] { save(someStore()); },
         ThrowsMessage<FileError>(
             "The file “Tarnvale” couldn’t be saved in the folder “Application Support” because a "
             "file with the same name already exists."));
@@ -133,7 +152,7 @@ public:
             throw std::runtime_error("fork");
         }
         if (pid_ == 0) {
-            const auto lock = lockStore();
+            const auto lock = lockFile();
             put("/run/locked", "");
             work();
             ::_exit(lock ? 0 : 1);
@@ -157,7 +176,7 @@ TEST(StoreLockTest, WaitsForAnotherProcess) {
         put("/run/done", "");
     });
 
-    const auto lock = lockStore();
+    const auto lock = lockFile();
 
     EXPECT_TRUE(lock);
     EXPECT_TRUE(exists("/run/done"));
@@ -167,10 +186,10 @@ TEST(StoreLockTest, IsOnTheFileThatTheOtherProcessLeft) {
     put(storePath(), onePolicy());
     const OtherProcess other([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        saveStore(someStore());
+        save(someStore());
     });
 
-    const auto lock = lockStore();
+    const auto lock = lockFile();
 
     struct stat locked {};
     struct stat named {};
@@ -187,7 +206,7 @@ TEST(StoreLockTest, IsNoneWhenTheOtherProcessRemovedTheFile) {
         support::removeFile(storePath());
     });
 
-    EXPECT_FALSE(lockStore());
+    EXPECT_FALSE(lockFile());
 }
 
 TEST(StoreLockTest, CantBeHeldByWhoeverMayOpenTheFolder) {
@@ -195,7 +214,7 @@ TEST(StoreLockTest, CantBeHeldByWhoeverMayOpenTheFolder) {
     const UniqueFd folder(::open(supportFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(::flock(folder.get(), LOCK_EX), 0);
 
-    EXPECT_TRUE(lockStore());
+    EXPECT_TRUE(lockFile());
 }
 
 }  // namespace

@@ -113,6 +113,7 @@ X509* leafOf(const Libcrypto& library, CMS_SignerInfo* signer, STACK_OF(X509) * 
     return leaf;
 }
 
+REQUIRES(decoding())
 std::optional<Decoded> decode(const Libcrypto& library, std::string_view bytes) {
     if (!hasShapeOfSignature(bytes)) {
         return std::nullopt;

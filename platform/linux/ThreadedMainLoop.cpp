@@ -4,12 +4,12 @@
 
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include <unistd.h>
 
 #include "platform/MainLoop.h"
+#include "support/Mutex.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -31,29 +31,15 @@ public:
     [[noreturn]] void exitProcess(int status) override { ::_exit(status); }
 
     [[noreturn]] void run() override {
-        std::unique_lock lock(mutex_);
         while (true) {
-            if (due_.empty()) {
-                changed_.wait(lock);
-                continue;
-            }
-            const auto next = due_.begin();
-            const auto time = next->first;
-            if (SteadyClock::now() < time) {
-                changed_.wait_until(lock, time);
-                continue;
-            }
-            Task task = std::move(next->second);
-            due_.erase(next);
-            lock.unlock();
+            auto [time, task] = takeNextDue();
             try {
                 task.work();
             } catch (...) {
                 // For want of memory it is left out this time.
             }
-            lock.lock();
             if (task.period > 0ms) {
-                due_.emplace(time + task.period, std::move(task));
+                schedule(time + task.period, std::move(task));
             }
         }
     }
@@ -69,15 +55,30 @@ private:
 
     void schedule(SteadyClock::time_point time, Task task) {
         {
-            const std::lock_guard lock(mutex_);
+            const support::MutexLock lock(mutex_);
             due_.emplace(time, std::move(task));
         }
         changed_.notify_one();
     }
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::multimap<SteadyClock::time_point, Task> due_;
+    /// Waits until work is due and takes it out of the schedule.
+    std::pair<SteadyClock::time_point, Task> takeNextDue() {
+        const support::MutexLock lock(mutex_);
+        while (due_.empty() || SteadyClock::now() < due_.begin()->first) {
+            if (due_.empty()) {
+                changed_.wait(mutex_);
+            } else {
+                const auto time = due_.begin()->first;
+                changed_.wait_until(mutex_, time);
+            }
+        }
+        auto next = due_.extract(due_.begin());
+        return {next.key(), std::move(next.mapped())};
+    }
+
+    support::Mutex mutex_;
+    std::condition_variable_any changed_;
+    std::multimap<SteadyClock::time_point, Task> due_ GUARDED_BY(mutex_);
 };
 
 }  // namespace

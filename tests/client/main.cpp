@@ -46,7 +46,8 @@
 
 #if defined(TARNVALE_THREAD_SANITIZER)
 /// libsystemd draws the keys of its hash tables into one place without a lock, and copies them.
-extern "C" const char* __tsan_default_suppressions() {  // NOLINT: the sanitizer's own name
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the sanitizer's name
+extern "C" const char* __tsan_default_suppressions() {
     return "called_from_lib:libsystemd.so\n";
 }
 #endif

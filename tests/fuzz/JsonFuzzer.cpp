@@ -100,7 +100,6 @@ void check(std::string_view text) {
 }  // namespace tarnvale::support
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes are what a text is made of
     tarnvale::support::check({reinterpret_cast<const char*>(data), size});
     return 0;
 }

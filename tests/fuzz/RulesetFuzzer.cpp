@@ -68,7 +68,6 @@ void check(std::string_view text) {
 
 // NOLINTNEXTLINE(readability-identifier-naming): the name that libFuzzer calls
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes are what a text is made of
     tarnvale::pfctl::check({reinterpret_cast<const char*>(data), size});
     return 0;
 }

@@ -77,7 +77,7 @@ void handOnSignals(pid_t child) {
     shadowed = child;
     for (const int signal : endingSignals) {
         if (!isIgnored(signal)) {
-            std::signal(signal, endShadowed);  // NOLINT(cert-err33-c): it is a signal's number
+            std::signal(signal, endShadowed);
         }
     }
 }
@@ -91,8 +91,8 @@ void handOnSignals(pid_t child) {
     }
     if (endedBy != 0) {
         // Whoever waits for this process, such as a shell, is to see what ended it.
-        std::signal(endedBy, SIG_DFL);  // NOLINT(cert-err33-c): it is a signal's number
-        std::raise(endedBy);            // NOLINT(cert-err33-c): as above
+        std::signal(endedBy, SIG_DFL);
+        std::raise(endedBy);
     }
     if (WIFSIGNALED(status)) {
         std::fprintf(stderr, "test process ended by signal %d\n", WTERMSIG(status));

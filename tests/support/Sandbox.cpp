@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
         return statusOf(command);
     }
     if (command == 0) {
-        std::signal(SIGINT, interruption);  // NOLINT(cert-err33-c): as it was
+        std::signal(SIGINT, interruption);
         ::execvp(argv[1], argv + 1);
     }
     std::fprintf(stderr, "sandbox: %s: %s\n", argv[1], std::strerror(errno));

@@ -31,7 +31,8 @@ bool wasRestarted() {
 #if defined(TARNVALE_THREAD_SANITIZER)
 /// libsystemd draws the keys of its hash tables into one place without a lock, and copies them.
 /// Whatever it copies is as random as it has to be.
-extern "C" const char* __tsan_default_suppressions() {  // NOLINT: the sanitizer's own name
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the sanitizer's name
+extern "C" const char* __tsan_default_suppressions() {
     return "called_from_lib:libsystemd.so\n";
 }
 #endif

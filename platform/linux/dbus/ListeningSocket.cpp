@@ -97,7 +97,6 @@ void requireStaleOrAbsent() {
     }
     const auto address = addressOf(path);
     const auto probe = newSocket();
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
         throw TransportError("Another helper listens on " + path + ".");

@@ -9,19 +9,15 @@
 #include <utility>
 
 #include <arpa/inet.h>
-#include <linux/netlink.h>
+#include <libmnl/libmnl.h>
 
 namespace tarnvale::netlink {
 namespace {
 
-constexpr std::size_t aligned(std::size_t size) {
-    return (size + NLMSG_ALIGNTO - 1) / NLMSG_ALIGNTO * NLMSG_ALIGNTO;
-}
-
-template <typename Value>
-Bytes bytesOf(const Value& value) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a value as its bytes
-    return {reinterpret_cast<const std::uint8_t*>(&value), sizeof value};
+void requireRoom(bool fits) {
+    if (!fits) {
+        throw std::length_error("a netlink message is too long");
+    }
 }
 
 }  // namespace
@@ -34,88 +30,71 @@ void failMalformed() {
     fail(EBADMSG);
 }
 
-/// Makes the message longer, and says so in its header.
-std::uint8_t* MessageWriter::reserve(std::size_t size) {
-    Chunk& chunk = chunks_.back();
-    const std::size_t room = aligned(size);
-    const std::size_t length = chunk.used + room - messageStart_;
-    if (length > maxMessageSize) {
-        throw std::length_error("a netlink message is too long");
+void* MessageWriter::beginMessage(std::uint16_t type, unsigned flags, std::size_t headerSize) {
+    if (message_ != nullptr) {
+        chunks_.back().used += messageSize();
     }
-    std::uint8_t* const start = &chunk.bytes[chunk.used];
-    std::memset(start + size, 0, room - size);
-    chunk.used += room;
-    const auto newLength = static_cast<std::uint32_t>(length);
-    std::memcpy(&chunk.bytes[messageStart_], &newLength, sizeof newLength);
-    return start;
-}
-
-void MessageWriter::beginMessage(std::uint16_t type, unsigned flags) {
     if (chunks_.empty() || chunks_.back().used + maxMessageSize > chunkSize) {
         // NOLINTNEXTLINE(modernize-avoid-c-arrays): what is not written to is never touched
         auto bytes = std::make_unique_for_overwrite<std::uint8_t[]>(chunkSize);
         chunks_.push_back({.bytes = std::move(bytes), .used = 0});
     }
-    messageStart_ = chunks_.back().used;
-    const nlmsghdr header{
-        .nlmsg_len = sizeof header,
-        .nlmsg_type = type,
-        .nlmsg_flags = static_cast<std::uint16_t>(flags | NLM_F_REQUEST),
-        .nlmsg_seq = sequence_,
-        .nlmsg_pid = 0};
-    std::memcpy(reserve(sizeof header), &header, sizeof header);
+    message_ = mnl_nlmsg_put_header(&chunks_.back().bytes[chunks_.back().used]);
+    message_->nlmsg_type = type;
+    message_->nlmsg_flags = static_cast<std::uint16_t>(flags | NLM_F_REQUEST);
+    message_->nlmsg_seq = sequence_;
+    return mnl_nlmsg_put_extra_header(message_, headerSize);
 }
 
-std::uint8_t* MessageWriter::putHeader(std::uint16_t type, std::size_t size) {
-    const nlattr header{
-        .nla_len = static_cast<std::uint16_t>(sizeof(nlattr) + size), .nla_type = type};
-    std::uint8_t* const start = reserve(sizeof header + size);
-    std::memcpy(start, &header, sizeof header);
-    return start + sizeof header;
+void MessageWriter::put(std::uint16_t type, const void* value, std::size_t size) {
+    requireRoom(mnl_attr_put_check(message_, maxMessageSize, type, size, value));
 }
 
 void MessageWriter::put(std::uint16_t type, Bytes value) {
-    std::ranges::copy(value, putHeader(type, value.size()));
+    put(type, value.data(), value.size());
 }
 
 void MessageWriter::put(std::uint16_t type, std::string_view text) {
-    std::ranges::copy(text, putHeader(type, text.size()));
+    put(type, text.data(), text.size());
 }
 
-void MessageWriter::putText(std::uint16_t type, std::string_view text) {
-    *std::ranges::copy(text, putHeader(type, text.size() + 1)).out = 0;
+void MessageWriter::putText(std::uint16_t type, const std::string& text) {
+    put(type, text.c_str(), text.size() + 1);
 }
 
 void MessageWriter::putBigEndian(std::uint16_t type, std::uint32_t number) {
-    put(type, bytesOf(htonl(number)));
+    const std::uint32_t bigEndian = htonl(number);
+    put(type, &bigEndian, sizeof bigEndian);
 }
 
 void MessageWriter::putHostOrder(std::uint16_t type, std::uint16_t number) {
-    put(type, bytesOf(number));
+    put(type, &number, sizeof number);
 }
 
 void MessageWriter::putHostOrder(std::uint16_t type, std::uint32_t number) {
-    put(type, bytesOf(number));
+    put(type, &number, sizeof number);
 }
 
 void MessageWriter::putWhole(Bytes attributes) {
-    std::ranges::copy(attributes, reserve(attributes.size()));
+    requireRoom(messageSize() + MNL_ALIGN(attributes.size()) <= maxMessageSize);
+    std::memcpy(
+        mnl_nlmsg_put_extra_header(message_, attributes.size()),
+        attributes.data(),
+        attributes.size());
 }
 
-std::size_t MessageWriter::beginNest(std::uint16_t type) {
-    const std::size_t start = chunks_.back().used;
-    putHeader(static_cast<std::uint16_t>(type | NLA_F_NESTED), 0);
+nlattr* MessageWriter::beginNest(std::uint16_t type) {
+    nlattr* const start = mnl_attr_nest_start_check(message_, maxMessageSize, type);
+    requireRoom(start != nullptr);
     return start;
 }
 
-void MessageWriter::endNest(std::size_t start) {
-    Chunk& chunk = chunks_.back();
-    const auto length = static_cast<std::uint16_t>(chunk.used - start);
-    std::memcpy(&chunk.bytes[start], &length, sizeof length);
+void MessageWriter::endNest(nlattr* start) {
+    mnl_attr_nest_end(message_, start);
 }
 
 std::size_t MessageWriter::size() const {
-    std::size_t size = 0;
+    std::size_t size = messageSize();
     for (const Chunk& chunk : chunks_) {
         size += chunk.used;
     }
@@ -127,6 +106,9 @@ std::vector<iovec> MessageWriter::pieces() const {
     for (const Chunk& chunk : chunks_) {
         pieces.push_back({.iov_base = chunk.bytes.get(), .iov_len = chunk.used});
     }
+    if (!pieces.empty()) {
+        pieces.back().iov_len += messageSize();
+    }
     return pieces;
 }
 
@@ -134,18 +116,15 @@ bool AttributeReader::next() {
     if (rest_.empty()) {
         return false;
     }
-    nlattr header{};
-    if (rest_.size() < sizeof header) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): attributes are aligned
+    const auto* const attribute = reinterpret_cast<const nlattr*>(rest_.data());
+    if (!mnl_attr_ok(attribute, static_cast<int>(rest_.size()))) {
         failMalformed();
     }
-    std::memcpy(&header, rest_.data(), sizeof header);
-    if (header.nla_len < sizeof header || header.nla_len > rest_.size()) {
-        failMalformed();
-    }
-    type_ = header.nla_type & static_cast<std::uint16_t>(NLA_TYPE_MASK);
-    whole_ = rest_.first(header.nla_len);
-    value_ = whole_.subspan(sizeof header);
-    rest_ = rest_.subspan(std::min(aligned(header.nla_len), rest_.size()));
+    type_ = mnl_attr_get_type(attribute);
+    whole_ = rest_.first(mnl_attr_get_len(attribute));
+    value_ = whole_.subspan(MNL_ATTR_HDRLEN);
+    rest_ = rest_.subspan(std::min<std::size_t>(MNL_ALIGN(whole_.size()), rest_.size()));
     return true;
 }
 

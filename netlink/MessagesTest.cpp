@@ -120,9 +120,9 @@ TEST(AttributeReaderTest, WalksOverAttributes) {
 }
 
 TEST(AttributeReaderTest, RefusesWhatDoesNotFit) {
-    const std::array<std::uint8_t, 8> tooLong{9, 0, 1, 0, 1, 2, 3, 4};
-    const std::array<std::uint8_t, 8> tooShort{3, 0, 1, 0, 1, 2, 3, 4};
-    const std::array<std::uint8_t, 3> cut{4, 0, 1};
+    alignas(4) const std::array<std::uint8_t, 8> tooLong{9, 0, 1, 0, 1, 2, 3, 4};
+    alignas(4) const std::array<std::uint8_t, 8> tooShort{3, 0, 1, 0, 1, 2, 3, 4};
+    alignas(4) const std::array<std::uint8_t, 3> cut{4, 0, 1};
 
     for (const Bytes bytes : {Bytes(tooLong), Bytes(tooShort), Bytes(cut)}) {
         EXPECT_THAT(

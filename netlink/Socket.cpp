@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <utility>
 
+#include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -33,17 +33,15 @@ void setOption(int socket, int level, int option, const Value& value) {
 
 /// Takes the first message off the front of the bytes: its header, and what stands behind it.
 std::pair<nlmsghdr, Bytes> takeMessage(Bytes& bytes) {
-    nlmsghdr header{};
-    if (bytes.size() < sizeof header) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): messages are aligned
+    const auto* const header = reinterpret_cast<const nlmsghdr*>(bytes.data());
+    // libmnl takes a length of more than 2 GiB for a negative one, which always fits.
+    if (!mnl_nlmsg_ok(header, static_cast<int>(bytes.size())) || header->nlmsg_len > bytes.size()) {
         failMalformed();
     }
-    std::memcpy(&header, bytes.data(), sizeof header);
-    if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) {
-        failMalformed();
-    }
-    const Bytes payload = bytes.first(header.nlmsg_len).subspan(sizeof header);
-    bytes = bytes.subspan(std::min<std::size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
-    return {header, payload};
+    const Bytes message = bytes.first(header->nlmsg_len);
+    bytes = bytes.subspan(std::min<std::size_t>(MNL_ALIGN(message.size()), bytes.size()));
+    return {*header, message.subspan(MNL_NLMSG_HDRLEN)};
 }
 
 }  // namespace
@@ -73,7 +71,10 @@ Socket::Socket(int protocol)
     require(::connect(fd_.get(), address, sizeof kernel) == 0);
 }
 
-Socket::Socket(support::UniqueFd fd) : fd_(std::move(fd)), buffer_(maxDatagram) {}
+Socket::Socket(support::UniqueFd fd)
+    : fd_(std::move(fd)),
+      // NOLINTNEXTLINE(modernize-avoid-c-arrays): what is not received into is never touched
+      buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(maxDatagram)) {}
 
 void Socket::send(const MessageWriter& messages) {
     // The kernel takes a transaction as one datagram, however long; its default bound is 208 KiB.
@@ -94,7 +95,7 @@ void Socket::send(const MessageWriter& messages) {
 }
 
 Bytes Socket::receiveDatagram() {
-    iovec piece{.iov_base = buffer_.data(), .iov_len = buffer_.size()};
+    iovec piece{.iov_base = buffer_.get(), .iov_len = maxDatagram};
     msghdr datagram{};
     datagram.msg_iov = &piece;
     datagram.msg_iovlen = 1;
@@ -109,7 +110,7 @@ Bytes Socket::receiveDatagram() {
     if (size == 0) {
         fail(ECONNRESET);
     }
-    return Bytes(buffer_).first(static_cast<std::size_t>(size));
+    return {buffer_.get(), static_cast<std::size_t>(size)};
 }
 
 /// Hands on what answers the request with that number until `take` returns false.

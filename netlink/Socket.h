@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <vector>
+#include <memory>
 
 #include "netlink/Messages.h"
 #include "support/UniqueFd.h"
@@ -45,7 +45,7 @@ private:
     void receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take);
 
     support::UniqueFd fd_;
-    std::vector<std::uint8_t> buffer_;
+    std::unique_ptr<std::uint8_t[]> buffer_;  // NOLINT(modernize-avoid-c-arrays): left unset
 };
 
 }  // namespace tarnvale::netlink

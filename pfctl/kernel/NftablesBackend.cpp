@@ -99,7 +99,7 @@ std::vector<Anchor> NftablesBackend::anchors() {
     throw keepsChanging();
 }
 
-std::optional<Anchor> NftablesBackend::anchor(std::string_view name) {
+std::optional<Anchor> NftablesBackend::anchor(const std::string& name) {
     std::optional<Anchor> found;
     MessageWriter request;
     beginNftables(request, NFT_MSG_GETTABLE);
@@ -121,7 +121,7 @@ void NftablesBackend::load(const RulesetTable& table) {
 }
 
 /// The place on the hooks that is just behind the anchor's table, if there is one.
-std::int32_t NftablesBackend::placeBehind(std::string_view anchor) {
+std::int32_t NftablesBackend::placeBehind(const std::string& anchor) {
     std::int32_t place = 0;
     MessageWriter request;
     beginNftables(request, NFT_MSG_GETCHAIN);
@@ -137,7 +137,7 @@ std::int32_t NftablesBackend::placeBehind(std::string_view anchor) {
     return place;
 }
 
-void NftablesBackend::flush(std::string_view anchor) {
+void NftablesBackend::flush(const std::string& anchor) {
     // A transaction costs milliseconds, also one that finds nothing to remove.
     if (!this->anchor(anchor)) {
         return;
@@ -163,7 +163,7 @@ std::uint32_t NftablesBackend::generation() {
     return static_cast<std::uint32_t>(generation);
 }
 
-std::optional<std::vector<std::string>> NftablesBackend::chains(std::string_view anchor) {
+std::optional<std::vector<std::string>> NftablesBackend::chains(const std::string& anchor) {
     std::vector<std::string> names;
     MessageWriter request;
     beginNftables(request, NFT_MSG_GETCHAIN, NLM_F_DUMP);
@@ -176,7 +176,7 @@ std::optional<std::vector<std::string>> NftablesBackend::chains(std::string_view
 }
 
 bool NftablesBackend::readChain(
-    std::string_view anchor, const std::string& chain, std::vector<CountedRule>& rules) {
+    const std::string& anchor, const std::string& chain, std::vector<CountedRule>& rules) {
     const std::size_t first = rules.size();
     std::uint64_t unmatched = 0;
     MessageWriter request;
@@ -209,7 +209,7 @@ bool NftablesBackend::readChain(
     return complete;
 }
 
-std::optional<AnchorContent> NftablesBackend::content(std::string_view anchor) {
+std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor) {
     // The dumps belong together if no transaction was committed between the first and the last.
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         const std::uint32_t before = generation();

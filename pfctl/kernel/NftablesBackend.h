@@ -37,26 +37,26 @@ public:
     std::vector<Anchor> anchors();
 
     /// The anchor of that name, if it has rules.
-    std::optional<Anchor> anchor(std::string_view name);
+    std::optional<Anchor> anchor(const std::string& name);
 
     /// Makes the rules the anchor's only ones; with none the anchor ceases to be.
     void load(const RulesetTable& table);
 
     /// Removes the anchor's rules, if it has any.
-    void flush(std::string_view anchor);
+    void flush(const std::string& anchor);
 
     /// Lets the anchors be enforced that were loaded dormant.
     void activate(std::span<const std::string> anchors);
 
     /// What the anchor holds at one instant; nothing when it has no rules.
-    std::optional<AnchorContent> content(std::string_view anchor);
+    std::optional<AnchorContent> content(const std::string& anchor);
 
 private:
     std::uint32_t generation();
-    std::optional<std::vector<std::string>> chains(std::string_view anchor);
+    std::optional<std::vector<std::string>> chains(const std::string& anchor);
     bool readChain(
-        std::string_view anchor, const std::string& chain, std::vector<CountedRule>& rules);
-    std::int32_t placeBehind(std::string_view anchor);
+        const std::string& anchor, const std::string& chain, std::vector<CountedRule>& rules);
+    std::int32_t placeBehind(const std::string& anchor);
 
     netlink::Socket& socket_;
 };

@@ -35,7 +35,7 @@ auto portBytes(std::uint16_t port) {
 }  // namespace
 
 template <typename Content>
-void RuleExpressions::expression(std::string_view name, const Content& content) {
+void RuleExpressions::expression(const std::string& name, const Content& content) {
     messages_.nest(NFTA_LIST_ELEM, [&] {
         messages_.putText(NFTA_EXPR_NAME, name);
         messages_.nest(NFTA_EXPR_DATA, content);
@@ -176,14 +176,14 @@ void RuleExpressions::count() {
     expression("counter", [] {});
 }
 
-void RuleExpressions::decide(int verdict, std::string_view chain) {
+void RuleExpressions::decide(int verdict, const std::string& chain) {
     expression("immediate", [&] {
         messages_.putBigEndian(NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
         messages_.nest(NFTA_IMMEDIATE_DATA, [&] { putVerdict(messages_, verdict, chain); });
     });
 }
 
-void RuleExpressions::decideBy(std::uint32_t offset, std::uint32_t mask, std::string_view map) {
+void RuleExpressions::decideBy(std::uint32_t offset, std::uint32_t mask, const std::string& map) {
     loadPayload(NFT_PAYLOAD_NETWORK_HEADER, offset, sizeof mask);
     if (mask != ~std::uint32_t{0}) {
         maskAndFlip(addressBytes(mask), addressBytes(0));
@@ -195,7 +195,7 @@ void RuleExpressions::decideBy(std::uint32_t offset, std::uint32_t mask, std::st
     });
 }
 
-void RuleExpressions::putVerdict(MessageWriter& messages, int verdict, std::string_view chain) {
+void RuleExpressions::putVerdict(MessageWriter& messages, int verdict, const std::string& chain) {
     messages.nest(NFTA_DATA_VERDICT, [&] {
         messages.putBigEndian(NFTA_VERDICT_CODE, static_cast<std::uint32_t>(verdict));
         if (!chain.empty()) {

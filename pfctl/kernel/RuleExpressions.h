@@ -7,7 +7,7 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
+#include <string>
 
 #include "netlink/Messages.h"
 #include "pfctl/language/Rule.h"
@@ -45,17 +45,17 @@ public:
 
     void markConnection(std::uint32_t bit);
     void count();
-    void decide(int verdict, std::string_view chain = {});
+    void decide(int verdict, const std::string& chain = {});
 
     /// Decides by what the map says for the address under the mask.
-    void decideBy(std::uint32_t offset, std::uint32_t mask, std::string_view map);
+    void decideBy(std::uint32_t offset, std::uint32_t mask, const std::string& map);
 
     /// The verdict as an attribute, as rules and maps hold it.
-    static void putVerdict(netlink::MessageWriter& messages, int verdict, std::string_view chain);
+    static void putVerdict(netlink::MessageWriter& messages, int verdict, const std::string& chain);
 
 private:
     template <typename Content>
-    void expression(std::string_view name, const Content& content);
+    void expression(const std::string& name, const Content& content);
     void putValue(std::uint16_t type, netlink::Bytes value);
     void compareProtocol(Protocol protocol, std::uint32_t comparison);
     void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);

@@ -325,7 +325,7 @@ private:
     std::vector<Lookups> lookups_;  ///< of each map among the steps
 };
 
-void putTable(MessageWriter& messages, std::string_view anchor, int message, unsigned flags) {
+void putTable(MessageWriter& messages, const std::string& anchor, int message, unsigned flags) {
     beginNftables(messages, message, flags);
     messages.putText(NFTA_TABLE_NAME, anchor);
 }
@@ -365,7 +365,7 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     endBatch(messages);
 }
 
-void writeRemoval(MessageWriter& messages, std::string_view anchor) {
+void writeRemoval(MessageWriter& messages, const std::string& anchor) {
     beginBatch(messages);
     putTable(messages, anchor, NFT_MSG_DELTABLE, NLM_F_ACK);
     endBatch(messages);

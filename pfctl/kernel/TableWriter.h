@@ -20,7 +20,6 @@
 #include <cstdint>
 #include <span>
 #include <string>
-#include <string_view>
 
 #include "netlink/Messages.h"
 #include "pfctl/language/CountedRule.h"
@@ -29,7 +28,7 @@
 namespace tarnvale::pfctl {
 
 struct RulesetTable {
-    std::string_view anchor;
+    std::string anchor;
     std::span<const Rule> rules;
     Loader loader;
     bool dormant = false;  ///< loaded, but not enforced
@@ -46,7 +45,7 @@ inline constexpr std::int32_t firstPlaceIn = -100 + 10;
 void writeReplacement(netlink::MessageWriter& messages, const RulesetTable& table);
 
 /// A transaction that removes the anchor's table, which must exist.
-void writeRemoval(netlink::MessageWriter& messages, std::string_view anchor);
+void writeRemoval(netlink::MessageWriter& messages, const std::string& anchor);
 
 /// A transaction that puts dormant tables into force.
 void writeActivation(netlink::MessageWriter& messages, std::span<const std::string> anchors);

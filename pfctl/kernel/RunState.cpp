@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <string>
@@ -15,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "pfctl/language/PfctlError.h"
+#include "support/Decimal.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -29,13 +29,11 @@ PfctlError failure(const std::string& path) {
 
 /// Takes a decimal number and the character behind it off the front of the text.
 std::optional<std::uint64_t> takeNumber(std::string_view& text, char after) {
-    std::uint64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const auto length = static_cast<std::size_t>(end - text.data());
-    if (error != std::errc() || length == text.size() || text[length] != after) {
+    const auto value = support::takeNumber<std::uint64_t>(text);
+    if (!value || !text.starts_with(after)) {
         return std::nullopt;
     }
-    text.remove_prefix(length + 1);
+    text.remove_prefix(1);
     return value;
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "support/Decimal.h"
+
 namespace tarnvale::pfctl {
 namespace {
 
@@ -90,19 +92,7 @@ std::optional<std::uint32_t> takeNumbered(std::string_view& text, std::string_vi
         return std::nullopt;
     }
     text.remove_prefix(word.size());
-    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
-    if (digits == 0 || digits > 10) {
-        return std::nullopt;
-    }
-    std::uint64_t value = 0;
-    for (const char digit : text.substr(0, digits)) {
-        value = value * 10 + static_cast<std::uint64_t>(digit - '0');
-    }
-    text.remove_prefix(digits);
-    if (value > UINT32_MAX) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint32_t>(value);
+    return support::takeNumber<std::uint32_t>(text);
 }
 
 }  // namespace

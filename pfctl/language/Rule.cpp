@@ -4,25 +4,14 @@
 
 #include <cstddef>
 
+#include "support/Decimal.h"
+
 namespace tarnvale::pfctl {
 namespace {
 
 /// Takes a decimal number without leading zeros off the front of the text.
-std::optional<std::uint32_t> takeNumber(std::string_view& text, std::uint32_t most) {
-    std::uint32_t value = 0;
-    std::size_t digits = 0;
-    while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') {
-        value = value * 10 + static_cast<std::uint32_t>(text[digits] - '0');
-        ++digits;
-        if (value > most) {
-            return std::nullopt;
-        }
-    }
-    if (digits == 0 || (digits > 1 && text.front() == '0')) {
-        return std::nullopt;
-    }
-    text.remove_prefix(digits);
-    return value;
+std::optional<std::uint32_t> takeNumber(std::string_view& text, std::uint32_t max) {
+    return support::takeNumber(text, max, support::LeadingZeros::refused);
 }
 
 std::optional<std::uint32_t> takeAddress(std::string_view& text) {

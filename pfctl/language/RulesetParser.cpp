@@ -6,6 +6,8 @@
 #include <optional>
 #include <utility>
 
+#include "support/Decimal.h"
+
 namespace tarnvale::pfctl {
 namespace {
 
@@ -213,19 +215,15 @@ private:
     }
 
     static std::uint16_t parsedPort(std::string_view text) {
-        const bool isNumber =
-            std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
-        if (!isNumber) {
+        if (!std::ranges::all_of(text, support::isDigit)) {
             throw mistakeWithWord("unknown port ", text);
         }
-        std::uint32_t value = 0;
-        for (const char digit : text.substr(0, 6)) {
-            value = value * 10 + static_cast<std::uint32_t>(digit - '0');
-        }
-        if (text.empty() || text.front() == '0' || value > 65535) {
+        const auto port =
+            support::parseNumber<std::uint16_t>(text, 65535, support::LeadingZeros::refused);
+        if (!port || *port == 0) {
             throw mistakeWithWord("illegal port value ", text);
         }
-        return static_cast<std::uint16_t>(value);
+        return *port;
     }
 
     std::string_view line_;

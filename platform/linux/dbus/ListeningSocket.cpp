@@ -4,9 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
-#include <cstring>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +18,7 @@
 #include <unistd.h>
 
 #include "platform/Transport.h"
+#include "support/Decimal.h"
 
 // Newer than the C library's headers.
 #ifndef SO_PASSRIGHTS
@@ -38,13 +38,8 @@ constexpr int firstPassedDescriptor = 3;
 }
 
 std::optional<int> number(const char* text) {
-    int value = 0;
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    const char* end = text + std::strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, value);
-    return error == std::errc{} && stop == end ? std::optional(value) : std::nullopt;
+    constexpr unsigned max = std::numeric_limits<int>::max();
+    return text != nullptr ? support::parseNumber<unsigned>(text, max) : std::nullopt;
 }
 
 int socketOption(int fd, int option) {
@@ -136,7 +131,7 @@ int takePassedSockets() {
     for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
         ::unsetenv(name);
     }
-    return pid == ::getpid() ? std::max(count.value_or(0), 0) : 0;
+    return pid == ::getpid() ? count.value_or(0) : 0;
 }
 
 UniqueFd openListeningSocket(int passedSockets) {

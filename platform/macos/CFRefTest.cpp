@@ -24,7 +24,7 @@ protected:
         return ::CFNumberCreate(nullptr, kCFNumberSInt32Type, &value);
     }
 
-    /// As a function hands an object out through its last argument.
+    /// Hands an object out as some functions do: through the last argument.
     static void copyTo(CFNumberRef* out, std::int32_t value = 7) { *out = create(value); }
 };
 

@@ -19,7 +19,7 @@ using testing::Optional;
 
 class CFTextTest : public test::OnAMac {
 protected:
-    /// The string object with these units, which need be no valid text.
+    /// The string object with these units, which need not be valid text.
     CFStringRef stringOf(std::u16string units) {
         mac.console = {.name = std::move(units), .uid = 0};
         uid_t uid = 0;

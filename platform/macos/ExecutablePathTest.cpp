@@ -85,8 +85,8 @@ TEST_F(ResolvingSymlinksTest, LivesWithoutACurrentFolder) {
     EXPECT_EQ(resolvingSymlinksInPath("missing/./x"), "missing/x");
 }
 
-/// On a Mac /tmp, /var and /etc are links into /private. Here both are folders, which is the same
-/// to a path that has been resolved.
+/// On a Mac /tmp, /var and /etc are links into /private. Here both are folders, which makes no
+/// difference to a resolved path.
 class PrivateFolderTest : public testing::Test {
 protected:
     /// Makes a file there and where its path would lead without /private.

@@ -147,7 +147,7 @@ TEST_F(SCNetworkPreferencesTest, PassesTheTagAsItIs) {
     const auto session = openSession();
     const auto parent = session->physicalInterfaces().front();
 
-    // The system looks at the lower half of a tag only, and keeps the whole.
+    // The system checks only the lower half of a tag, but keeps all of it.
     constexpr std::int64_t large = (std::int64_t{1} << 32) + 9;
     EXPECT_THAT(session->tag(session->createVLAN(parent, large).value()), Optional(large));
     for (const std::int64_t tag : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{4095}}) {

@@ -94,7 +94,7 @@ TEST_F(SecCodeSigningTest, HasNoCodeMeetWhatIsNoRequirement) {
 }
 
 TEST_F(SecCodeSigningTest, HasNoCodeMeetARequirementThatIsNotThere) {
-    // Security takes a null requirement for none at all, which all signed code meets.
+    // Security takes null for no requirement at all, which all signed code meets.
     mac.failing = {"SecRequirementCreateWithString"};
     mac.failsQuietly = true;
 

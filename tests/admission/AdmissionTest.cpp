@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Which client a helper admits, by how each of them is signed: with real signatures, made by
+// Which clients a helper admits, depending on how both are signed: with real signatures, made by
 // scripts/dev-ca and scripts/codesign.
 
 #include <filesystem>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Authorization by the users of a Mac, through every call that it takes and every one that fails.
+// Authorization by a Mac's users, with every call that it takes and every call that can fail.
 
 #include <filesystem>
 #include <memory>
@@ -31,7 +31,7 @@ protected:
         mac.console = {.name = u"eva", .uid = 502};
     }
 
-    /// Whether the user may make a change, asked afresh.
+    /// Whether the user may make a change right now.
     bool isAllowed(uid_t uid, bool adminOnly) {
         mac.calls.clear();
         transport.caller = uid;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// Comes before everything else when the programs are compiled for macOS on Linux: it has the
-// standard library refuse what its counterpart on macOS 13.0 does not have.
+// Included before everything else when the programs are compiled for macOS on Linux. It makes the
+// standard library refuse what its counterpart on macOS 13.0 lacks.
 
 #pragma once
 
-// Zig brings its own library and so switches these marks off; on a Mac they hold.
+// Zig switches these marks off, because it brings its own library; on a Mac they are on.
 #undef _LIBCPP_HAS_NO_VENDOR_AVAILABILITY_ANNOTATIONS
 
 // The header's guard: <memory_resource> has no marks, but needs macOS 14.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Admission by the signatures of a Mac, through every call that it takes and every one that fails.
+// Admission by a Mac's signatures, with every call that it takes and every call that can fail.
 
 #include "core/service/ClientAdmission.h"
 
@@ -46,7 +46,7 @@ protected:
         mac.self.meets = {developerIDRequirement};
     }
 
-    /// What a helper says that has just started.
+    /// What a helper says right after its start.
     bool isAllowed() {
         mac.calls.clear();
         return ClientAdmission(*signing).isAllowedClient(peer);
@@ -60,8 +60,8 @@ protected:
     const std::unique_ptr<platform::CodeSigning> signing = platform::makeCodeSigning();
 };
 
-/// The calls of one check, and whether the client is admitted when that one fails. When it is the
-/// helper's own signature that can't be checked, the helper counts as development-signed.
+/// A call of a check, and whether the client is admitted when it fails. A helper that can't check
+/// its own signature counts as development-signed.
 struct Step {
     const char* call;
     bool isAllowedWithout;
@@ -102,7 +102,7 @@ std::vector<std::string> callsOf(const std::vector<Step>& steps) {
 
 class MacAdmissionFailuresTest : public MacAdmissionTest {
 protected:
-    /// Fails each step in turn, in both ways that the Security framework has.
+    /// Makes each step fail in turn, in both ways that the Security framework has.
     void expectEachFailure(const std::vector<Step>& steps) {
         ASSERT_TRUE(isAllowed());
         ASSERT_THAT(mac.calls, ElementsAreArray(callsOf(steps)));

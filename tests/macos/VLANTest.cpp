@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// VLANs in the preferences of a Mac, through every call that they take and every one that fails.
+// VLANs in a Mac's preferences, with every call that they take and every call that can fail.
 
 #include <cstddef>
 #include <filesystem>
@@ -38,7 +38,7 @@ constexpr const char* notOurs = "Tarnvale's helper only removes VLANs it created
 constexpr const char* notSaved = "Could not save the network configuration.";
 constexpr const char* succeeds = "";
 
-/// A call of an operation, and the sentence with which the operation fails when that one fails.
+/// A call of an operation, and the sentence with which the operation fails when the call does.
 struct Step {
     const char* call;
     const char* failure;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The service as a whole, asked about processes that run signed programs.
+// The checks as a whole, asked about processes that run signed programs.
 
 #include "platform/CodeSigning.h"
 
@@ -122,7 +122,7 @@ TEST_F(CodeSigningTest, ReadsAStrangersSignatureWithoutTrustingIt) {
 }
 
 TEST_F(CodeSigningTest, FindsAProgramWithOneBitChangedInvalid) {
-    // Behind its last section a program may carry anything, so it runs whatever stands there.
+    // A program may carry anything after its last section, and still runs.
     const std::string padded = program + std::string(1'000, 'p');
     const std::string good = test::signedProgram(padded, identifier, chain);
     for (const std::size_t place : {program.size(), program.size() + 500, padded.size() - 1}) {

@@ -12,7 +12,7 @@
 namespace tarnvale::platform {
 namespace {
 
-/// A program that the maker signed for development.
+/// A program that its maker signed for development.
 CodeFacts client() {
     return {
         .identifier = "com.brackwen.tarnvale",

@@ -288,7 +288,7 @@ TEST_F(SignedDataTest, TrustsNoOtherContentWhereverABitIsChanged) {
 
         const auto trusted = verify(changed, roots);
 
-        // What says the same in other bytes may remain; what is said may not change.
+        // Other bytes may say the same and stay valid; what they say must not change.
         if (trusted) {
             EXPECT_EQ(trusted->content, parsedContent()) << place;
             EXPECT_EQ(trusted->chain[0].subjectOU, "K7PD2QM4TZ") << place;
@@ -389,7 +389,7 @@ TEST_F(SignedDataTest, IsSafeFromAnyThread) {
     }
 }
 
-/// Each test has a process of its own, so that OpenSSL begins anew here.
+/// Each test has a process of its own, so OpenSSL starts afresh here.
 TEST(LibcryptoTest, HeedsNoConfigurationOfTheEnvironment) {
     std::ofstream("/tmp/openssl.cnf") << "openssl_conf = all\n[all]\nalg_section = evp\n"
                                          "[evp]\ndefault_properties = provider=none\n";

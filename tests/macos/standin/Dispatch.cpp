@@ -13,7 +13,7 @@ struct dispatch_queue_s {
 namespace tarnvale::test {
 
 Dispatch& Dispatch::current() {
-    // A timer's work is for the life of the process, so what holds it is too.
+    // A timer's work lives as long as the process, so whatever holds it does, too.
     static auto& dispatch = *new Dispatch;
     return dispatch;
 }

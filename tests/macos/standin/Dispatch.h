@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Dispatch for the C++ parts of platform/macos: it keeps what it is given, and runs it when the
-// test says so.
+// Dispatch for the C++ parts of platform/macos: it keeps the work that it gets, and runs it when
+// the test says so.
 
 #pragma once
 
@@ -11,7 +11,7 @@
 
 #include <dispatch/dispatch.h>
 
-/// A timer source as it was set up.
+/// A timer source as the program set it up.
 struct dispatch_source_s {
     std::intptr_t queue = 0;  ///< the quality-of-service class
     std::uintptr_t flags = 0;
@@ -27,7 +27,7 @@ struct dispatch_source_s {
 
 namespace tarnvale::test {
 
-/// Thrown where a Mac's dispatch keeps the main thread for good.
+/// Thrown where a Mac's dispatch would keep the main thread forever.
 struct MainThreadGiven {};
 
 struct Dispatch {
@@ -44,7 +44,7 @@ struct Dispatch {
     std::deque<DelayedWork> delayed;
     bool hasNoSources = false;
 
-    /// That of this process.
+    /// The one of this process.
     static Dispatch& current();
 };
 

@@ -22,7 +22,7 @@ constexpr std::array<std::string_view, 10> kindNames = {
     "a string",
 };
 
-/// The constant strings of the program, which last as long as it does.
+/// The string constants of the program, which last as long as it does.
 struct Constants {
     static Constants& get() {
         static auto& constants = *new Constants;
@@ -188,7 +188,7 @@ void Heap::release(CFTypeRef reference) {
     }
 }
 
-/// Lets go of what a dead object holds.
+/// Releases what a dead object holds.
 void Heap::bury(Object& object) {
     for (Object* const part : object.parts()) {
         --part->held;

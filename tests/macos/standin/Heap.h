@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The stand-in's objects and their reference counts. The references that the program under test
-// has are counted apart from those that other objects have, so that a program that releases what
-// it only borrowed is caught at that. A released object stays in memory until the test is over, so
-// that each use of it is caught as well.
+// The stand-in's objects and their reference counts. References of the program under test are
+// counted apart from those of other objects: that catches a program that releases what it only
+// borrowed. A released object stays in memory until the test is over: that catches each later use.
 
 #pragma once
 
@@ -19,7 +18,7 @@
 
 namespace tarnvale::test::standin {
 
-/// What an object is; its number is its type ID.
+/// What an object is. The enumerator is its type ID.
 enum class Kind : CFTypeID {
     array = 1,
     bundle,
@@ -41,13 +40,13 @@ struct Object {
 
     bool isAlive() const { return owned + held > 0; }
 
-    /// As a complaint names it.
+    /// Its name in complaints.
     virtual std::string description() const;
 
-    /// The objects that it holds; they die with it unless others have them too.
+    /// The objects that it holds. They die with it, unless others have them, too.
     virtual std::vector<Object*> parts() const { return {}; }
 
-    /// The preferences session without which it means nothing; null when there is none.
+    /// The preferences session that it belongs to; null when there is none.
     virtual const Object* session() const { return nullptr; }
 
     const Kind kind;
@@ -91,12 +90,12 @@ struct Dictionary final : Object {
     Entries entries;
 };
 
-/// A string that belongs to the program's text, as `CFSTR` makes it, and is never released.
+/// A string constant, as `CFSTR` makes it. It is never released.
 CFStringRef constantString(std::string_view text) noexcept;
 
 std::u16string utf16(std::string_view utf8);
 
-/// What has no UTF-8 form is left out.
+/// Leaves out what has no UTF-8 form.
 std::string utf8(std::u16string_view text);
 
 /// All objects of one test. Not safe from several threads.
@@ -115,7 +114,7 @@ public:
         return made;
     }
 
-    /// Makes an object that nobody has yet: whatever it becomes a part of will.
+    /// Makes an object that nobody has yet: the object that it becomes a part of will have it.
     template <typename T, typename... Arguments>
     T& makePart(Arguments&&... arguments) {
         T& made = make<T>(std::forward<Arguments>(arguments)...);
@@ -123,8 +122,8 @@ public:
         return made;
     }
 
-    /// The object that the program passes to `function`; complains and returns null unless it is
-    /// one of this type. A released one is complained of, and returned.
+    /// The object that the program passes to `function`. Complains and returns null unless it is of
+    /// this type. Complains about a released one, but returns it.
     template <typename T>
     T* find(CFTypeRef reference, std::string_view function) {
         Object* const object = findAny(reference, function);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What platform/macos calls of a Mac's libSystem and no other system has.
+// The functions of a Mac's libSystem that platform/macos calls and no other system has.
 
 #include <algorithm>
 #include <cerrno>

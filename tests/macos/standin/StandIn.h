@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// A Mac for the C++ parts of platform/macos, as far as they look at one: the C interfaces that they
-// call, over state that a test sets up. Each call that can fail on a Mac can be made to fail here,
-// and each object that changes hands is counted (Heap.h).
+// A Mac as the C++ parts of platform/macos see it: the C interfaces that they call, over state that
+// a test sets up. A test can make each call fail that can fail on a Mac, and each object that
+// changes hands is counted (Heap.h).
 
 #pragma once
 
@@ -26,7 +26,7 @@
 
 namespace tarnvale::test {
 
-/// The machine of one test; one at a time. The C interfaces may be called from any thread.
+/// The machine of one test; there is one at a time. Any thread may call the C interfaces.
 class StandIn {
 public:
     StandIn();
@@ -41,12 +41,12 @@ public:
     /// The calls so far of the functions that can fail.
     std::vector<std::string> calls;
 
-    /// The functions that fail each time, and the one call that does, counted from 0.
+    /// The functions that always fail, and the one call that does, counted from 0.
     std::set<std::string, std::less<>> failing;
     std::optional<std::size_t> failingCall;
 
-    /// Whether a failing function of the Security framework says that all is well, and then has
-    /// no object to give.
+    /// Whether a failing function of the Security framework reports success, but has no object to
+    /// give.
     bool failsQuietly = false;
 
     // The Security framework.
@@ -54,7 +54,7 @@ public:
     /// A value in a dictionary: a string, given in either form, or a number.
     using Value = std::variant<std::string, std::u16string, std::int64_t>;
 
-    /// A program that runs.
+    /// A running program.
     struct Program {
         std::optional<Value> teamIdentifier;
         std::optional<Value> identifier;
@@ -63,7 +63,7 @@ public:
 
     Program self;
     std::map<std::int64_t, Program> processes;
-    std::set<std::string, std::less<>> malformed;  ///< texts that are no requirements
+    std::set<std::string, std::less<>> malformed;  ///< texts that are not requirements
 
     // The directory and the console.
 
@@ -72,18 +72,19 @@ public:
         std::optional<uid_t> uid;
     };
 
-    std::map<gid_t, std::set<uid_t>> members;  ///< of the groups that there are
+    std::map<gid_t, std::set<uid_t>> members;  ///< of each existing group
     std::optional<Console> console;
 
     // The network preferences.
 
     using VLAN = FakeNetworkPreferences::VLAN;
 
-    std::vector<std::optional<std::string>> physical;  ///< the names of what can carry a VLAN
+    std::vector<std::optional<std::string>>
+        physical;  ///< the names of interfaces that can carry VLANs
     std::vector<VLAN> saved;
     std::vector<VLAN> inEffect;
     bool namesNewVLANs = true;
-    std::vector<std::string> sessionNames;  ///< under which sessions were opened
+    std::vector<std::string> sessionNames;  ///< the names under which sessions were opened
 
     // The program.
 
@@ -91,10 +92,10 @@ public:
 
     std::optional<Information> information;  ///< its information dictionary
     std::string executablePath = "/Applications/Tarnvale.app/Contents/Helpers/TarnvaleAdminHelper";
-    bool endsExecutablePath = true;   ///< by a zero byte
+    bool endsExecutablePath = true;   ///< with a zero byte
     std::vector<int> inheritedFiles;  ///< the descriptors that a child is to inherit
 
-    /// What the program did wrong with objects, and what it has not released.
+    /// What the program did wrong with objects, and which ones it has not released.
     const std::vector<std::string>& complaints() const { return heap_.complaints(); }
     std::vector<std::string> stillOwned() const { return heap_.stillOwned(); }
 
@@ -114,22 +115,22 @@ public:
 
     explicit Call(std::string_view function, Outcome outcome = Outcome::canFail);
 
-    /// Whether it is to fail.
+    /// Whether the call must fail.
     bool fails() const { return fails_; }
 
     StandIn& machine() { return machine_; }
     standin::Heap& heap() { return machine_.heap_; }
 
-    /// The object that the program passes, if it is one of this type.
+    /// The object that the program passes, if it is of this type.
     template <typename T>
     T* find(CFTypeRef reference) {
         return heap().find<T>(reference, function_);
     }
 
-    /// Complains unless `holds`, which the function's documentation or our use of it demands.
+    /// Complains unless `holds`: the function's documentation or our use of it demands that.
     void demand(bool holds, const std::string& complaint);
 
-    /// Makes what a dictionary has for a value.
+    /// Makes the object that a dictionary has for the value.
     standin::Object& makeValue(const StandIn::Value& value);
 
     standin::Object*& mainBundle() { return machine_.mainBundle_; }
@@ -142,7 +143,7 @@ private:
     bool fails_ = false;
 };
 
-/// A test on a Mac. What it makes must be gone by its end: then every object has to be released.
+/// A test on a Mac. By its end everything it made must be gone, and every object released.
 class OnAMac : public testing::Test {
 protected:
     void TearDown() override {

@@ -20,7 +20,7 @@ namespace {
 
 using VLAN = StandIn::VLAN;
 
-/// The VLANs as a session has them; each is known by its address.
+/// The VLANs as a session has them. Their addresses identify them.
 struct Preferences final : Object {
     explicit Preferences(const std::vector<VLAN>& saved) : Object(Kind::preferences) {
         for (const VLAN& vlan : saved) {
@@ -31,7 +31,7 @@ struct Preferences final : Object {
     std::vector<std::shared_ptr<VLAN>> vlans;
 };
 
-/// An interface as the program has it; of a physical one the name alone counts.
+/// An interface as the program has it. Of a physical one only the name counts.
 struct Interface final : Object {
     Interface(
         std::shared_ptr<VLAN> itsVLAN,
@@ -62,7 +62,7 @@ struct Interface final : Object {
     String* name;
     Number* tag;
     Interface* parent;
-    Preferences* preferences;  ///< null for a physical interface that was asked for by itself
+    Preferences* preferences;  ///< null for a physical interface without a session
 };
 
 String* nameOf(Call& call, const std::optional<std::string>& name) {
@@ -82,7 +82,7 @@ Interface& makeVLAN(Call& call, std::shared_ptr<VLAN> vlan, Preferences& session
     Number* const tag =
         vlan->tag ? &call.heap().makePart<Number>(*vlan->tag, CFNumberType{kCFNumberSInt64Type})
                   : nullptr;
-    // An empty name is that of a parent without one.
+    // An empty name stands for a parent without a name.
     const auto parentName = vlan->parent && vlan->parent->empty() ? std::nullopt : vlan->parent;
     Interface* const parent = vlan->parent ? &makePhysical(call, parentName, &session) : nullptr;
     String* const name = nameOf(call, vlan->bsdName);
@@ -99,7 +99,7 @@ std::string lowestFreeName(const Preferences& session) {
     }
 }
 
-/// The interface that is passed to a function that takes VLANs of living sessions only.
+/// The interface that the program passes to a function that takes only VLANs of open sessions.
 Interface* vlanOf(Call& call, SCVLANInterfaceRef reference) {
     auto* const found = call.find<Interface>(reference);
     const bool isVLAN = found != nullptr && found->vlan->parent.has_value();
@@ -206,7 +206,7 @@ SCVLANInterfaceRef SCVLANInterfaceCreate(
         return nullptr;
     }
 
-    // The tag is judged by its lower half, as on a Mac, and kept whole.
+    // As on a Mac, only the lower half of the tag is checked, but all of it is kept.
     const auto judged = static_cast<std::int32_t>(number->value);
     const bool isTaken = std::ranges::any_of(session->vlans, [&](const auto& vlan) {
         return vlan->parent == parent->vlan->bsdName && vlan->tag &&

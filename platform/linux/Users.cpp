@@ -19,10 +19,10 @@
 namespace tarnvale::platform {
 namespace {
 
-/// Far beyond every real entry, and small enough that a broken directory server cannot use up the
+/// Far beyond every real account, yet small enough that a broken directory server cannot use up the
 /// memory.
-constexpr std::size_t largestEntry = std::size_t{1} << 20;
-constexpr std::size_t mostGroups = std::size_t{1} << 16;
+constexpr std::size_t maxEntrySize = std::size_t{1} << 20;
+constexpr std::size_t maxGroups = std::size_t{1} << 16;
 
 struct Account {
     std::string name;
@@ -30,7 +30,7 @@ struct Account {
 };
 
 std::optional<Account> accountOf(uid_t uid) {
-    for (std::size_t size = 1024; size <= largestEntry; size *= 2) {
+    for (std::size_t size = 1024; size <= maxEntrySize; size *= 2) {
         std::vector<char> buffer(size);
         passwd entry{};
         passwd* found = nullptr;
@@ -47,7 +47,7 @@ std::optional<Account> accountOf(uid_t uid) {
 }
 
 std::vector<gid_t> groupsOf(const Account& account) {
-    for (std::size_t size = 32; size <= mostGroups; size *= 2) {
+    for (std::size_t size = 32; size <= maxGroups; size *= 2) {
         std::vector<gid_t> groups(size);
         int count = static_cast<int>(groups.size());
         if (::getgrouplist(account.name.c_str(), account.group, groups.data(), &count) >= 0) {

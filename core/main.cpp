@@ -22,6 +22,7 @@
 #include "platform/ExecutablePath.h"
 #include "platform/MainLoop.h"
 #include "platform/NetworkPreferences.h"
+#include "platform/ServiceProcess.h"
 #include "platform/Transport.h"
 #include "platform/Users.h"
 #include "support/StandardDescriptors.h"
@@ -47,12 +48,14 @@ int fail(std::string_view message) {
 /// Serves requests until the process exits.
 [[noreturn]] void serve() {
     using namespace tarnvale;  // NOLINT(google-build-using-namespace): this is its program
+    platform::prepareServiceProcess();
+
     // Threads use all of these until the process exits, so nothing ever destroys them.
     auto& codeSigning = *platform::makeCodeSigning().release();
-    // Before there is a child: it takes the news of a passed socket out of the environment.
+    // Before there is a child: it takes what says that a socket was passed out of the environment.
     auto& transport = *platform::makeTransport(codeSigning).release();
 
-    // Before a client can change what is enforced, what is stored is enforced again.
+    // The stored policies are in force again before a client can change them.
     HelperFirewall::reapplyAtBoot();
 
     auto& users = *platform::makeUsers().release();
@@ -89,7 +92,7 @@ int run(std::string_view argument) {
 int main(int argc, char** argv) {
     tarnvale::support::openStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);
-    // Whoever starts us may ignore it, and we would inherit that: no child could be waited for.
+    // We would inherit that whoever started us ignores it, and couldn't wait for any child.
     ::signal(SIGCHLD, SIG_DFL);
     tarnvale::platform::rememberFirstArgument(argc > 0 ? argv[0] : "");
     try {

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <chrono>
-#include <compare>
 
 namespace tarnvale::platform {
 
@@ -23,7 +22,8 @@ public:
     /// Zero once it is over.
     Clock::duration left() const;
 
-    std::strong_ordering operator<=>(const Deadline&) const = default;
+    bool operator==(const Deadline&) const = default;
+    bool operator<(const Deadline& other) const { return time_ < other.time_; }
 
 private:
     explicit Deadline(Clock::time_point time) : time_(time) {}

@@ -5,23 +5,19 @@
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
-#include <ctime>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
-#include <string>
 #include <thread>
 #include <utility>
 
-#include <malloc.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "platform/Transport.h"
 #include "platform/linux/LibSystemd.h"
+#include "platform/linux/PeriodicInterrupt.h"
 #include "platform/linux/dbus/DBusConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "support/Mutex.h"
@@ -86,48 +82,6 @@ private:
     int inAll_ GUARDED_BY(mutex_) = 0;
 };
 
-/// While it exists, nothing keeps its thread waiting for longer than some milliseconds. With a
-/// connection are closed the descriptors that its peer has passed and nobody has taken, and where
-/// that was the last close of one it is done here and now: of a TCP socket that is to linger until
-/// its data has left, for as long as the one who made it pleases. A signal ends such a wait.
-class Impatience {
-public:
-    Impatience() {
-        static const bool handled = handleSignal();
-        sigevent event{};
-        event.sigev_notify = SIGEV_THREAD_ID;
-        event.sigev_signo = signalNumber;
-        event._sigev_un._tid = ::gettid();
-        if (handled && ::timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0) {
-            isSet_ = true;
-            constexpr long period = 5'000'000;  // nanoseconds
-            const itimerspec times{
-                .it_interval = {.tv_sec = 0, .tv_nsec = period},
-                .it_value = {.tv_sec = 0, .tv_nsec = period}};
-            ::timer_settime(timer_, 0, &times, nullptr);
-        }
-    }
-    Impatience(const Impatience&) = delete;
-    Impatience& operator=(const Impatience&) = delete;
-    ~Impatience() {
-        if (isSet_) {
-            ::timer_delete(timer_);
-        }
-    }
-
-private:
-    static constexpr int signalNumber = SIGALRM;
-
-    static bool handleSignal() {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        return ::sigaction(signalNumber, &action, nullptr) == 0;
-    }
-
-    timer_t timer_{};
-    bool isSet_ = false;
-};
-
 std::optional<uid_t> userOf(int socket) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
@@ -137,16 +91,48 @@ std::optional<uid_t> userOf(int socket) {
     return credentials.uid;
 }
 
+/// One connection and its place.
+struct OpenConnection {
+    OpenConnection(ConnectionSlots::Slot itsSlot, UniqueFd socket, uid_t uid, CodeSigning& signing)
+        : slot(std::move(itsSlot)), connection(std::move(socket), uid, signing) {}
+
+    ConnectionSlots::Slot slot;  ///< outlives the connection: it is taken until all is closed
+    DBusConnection connection;
+};
+
+/// Owns each open connection until the thread that runs it is done with it. Safe from any thread.
+class OpenConnections {
+public:
+    using Place = std::list<OpenConnection>::iterator;
+
+    template <typename... Arguments>
+    Place add(Arguments&&... arguments) {
+        std::list<OpenConnection> added;
+        added.emplace_back(std::forward<Arguments>(arguments)...);
+        const support::MutexLock lock(mutex_);
+        connections_.splice(connections_.begin(), added);
+        return connections_.begin();
+    }
+
+    /// Destroys the connection, on the caller's thread and beside all others: it may take long.
+    void end(Place place) {
+        std::list<OpenConnection> ended;
+        const support::MutexLock lock(mutex_);
+        ended.splice(ended.begin(), connections_, place);
+    }
+
+private:
+    support::Mutex mutex_;
+    std::list<OpenConnection> connections_ GUARDED_BY(mutex_);
+};
+
 class DBusTransport final : public Transport {
 public:
     explicit DBusTransport(CodeSigning& codeSigning) : codeSigning_(codeSigning) {}
 
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
-        LibSystemd::get();  // one that is missing is found out now, not at the first connection
+        LibSystemd::get();  // if it is missing, that is found out now, not at the first connection
         listening_ = openListeningSocket(passedSockets_);
-        // Said aloud, this holds for good: by itself the allocator would learn from one large
-        // request to keep as much memory for the next.
-        ::mallopt(M_TRIM_THRESHOLD, 131072);  // its own value to begin with, in bytes
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
 
@@ -155,26 +141,6 @@ public:
     }
 
 private:
-    /// One connection on its way to its thread, and then the thread's.
-    struct Work {
-        Work(
-            DBusTransport& transport,
-            TransportDelegate& itsDelegate,
-            TarnvaleAdminHelperProtocol& itsExported,
-            ConnectionSlots::Slot itsSlot,
-            UniqueFd socket,
-            uid_t uid)
-            : delegate(itsDelegate),
-              exported(itsExported),
-              slot(std::move(itsSlot)),
-              connection(std::move(socket), uid, transport.codeSigning_) {}
-
-        TransportDelegate& delegate;
-        TarnvaleAdminHelperProtocol& exported;
-        ConnectionSlots::Slot slot;  ///< outlives the connection: it is taken until all is closed
-        DBusConnection connection;
-    };
-
     void acceptAll(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
         using namespace std::chrono_literals;
         while (true) {
@@ -186,8 +152,8 @@ private:
                 pollfd waited{.fd = listening_.get(), .events = POLLIN, .revents = 0};
                 ::poll(&waited, 1, -1);
             } else if (errno != EINTR && errno != ECONNABORTED) {
-                // No descriptor or no memory is left; the connection still waits, so that asking
-                // again at once would spin.
+                // No descriptor or no memory is left. The connection still waits, so asking again
+                // at once would spin.
                 std::this_thread::sleep_for(100ms);
             }
         }
@@ -198,62 +164,56 @@ private:
         TransportDelegate& delegate,
         TarnvaleAdminHelperProtocol& exported,
         UniqueFd socket) noexcept {
-        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the thread owns it in the end
-        auto work = makeWork(delegate, exported, socket);
-        if (work && startThread(work)) {
+        const auto place = admit(socket);
+        if (place && startThread(delegate, exported, *place)) {
             return;
         }
-        const Impatience impatience;
-        work.reset();
+        const PeriodicInterrupt interrupt;
+        if (place) {
+            open_.end(*place);
+        }
         socket.reset();
     }
 
-    /// Takes the socket over, or returns null.
-    std::unique_ptr<Work> makeWork(
-        TransportDelegate& delegate,
-        TarnvaleAdminHelperProtocol& exported,
-        UniqueFd& socket) noexcept {
+    /// Takes the socket over, if there is room for the connection.
+    std::optional<OpenConnections::Place> admit(UniqueFd& socket) noexcept {
         try {
             const auto uid = userOf(socket.get());
             auto slot = uid ? slots_.take(*uid) : std::nullopt;
-            return slot ? std::make_unique<Work>(
-                              *this, delegate, exported, std::move(*slot), std::move(socket), *uid)
-                        : nullptr;
+            if (slot) {
+                return open_.add(std::move(*slot), std::move(socket), *uid, codeSigning_);
+            }
         } catch (...) {
-            return nullptr;  // there is no memory for it
+            // There is no memory for it.
         }
+        return std::nullopt;
     }
 
-    /// The thread takes the work over, or it is left where it is.
-    static bool startThread(std::unique_ptr<Work>& work) {
-        pthread_attr_t attributes;
-        if (::pthread_attr_init(&attributes) != 0) {
+    /// The thread ends the connection when it is done. False if there is no thread to be had.
+    bool startThread(
+        TransportDelegate& delegate,
+        TarnvaleAdminHelperProtocol& exported,
+        OpenConnections::Place place) noexcept {
+        try {
+            std::thread([this, &delegate, &exported, place] {
+                try {
+                    place->connection.run(delegate, exported);
+                } catch (...) {
+                    // What fails here, for want of memory, is this connection alone.
+                }
+                open_.end(place);
+            }).detach();
+            return true;
+        } catch (...) {
             return false;
         }
-        ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-        pthread_t thread{};
-        const bool isStarted = ::pthread_create(&thread, &attributes, runWork, work.get()) == 0;
-        if (isStarted) {
-            work.release();  // NOLINT(bugprone-unused-return-value): it is the thread's now
-        }
-        ::pthread_attr_destroy(&attributes);
-        return isStarted;
-    }
-
-    static void* runWork(void* argument) noexcept {
-        const std::unique_ptr<Work> work(static_cast<Work*>(argument));
-        try {
-            work->connection.run(work->delegate, work->exported);
-        } catch (...) {
-            // What fails here, for want of memory, is this connection alone.
-        }
-        return nullptr;
     }
 
     CodeSigning& codeSigning_;
     int passedSockets_ = takePassedSockets();
     UniqueFd listening_;
     ConnectionSlots slots_;
+    OpenConnections open_;
 };
 
 }  // namespace

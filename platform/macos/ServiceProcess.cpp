@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/ServiceProcess.h"
+
+namespace tarnvale::platform {
+
+void prepareServiceProcess() {
+    // The defaults suit: XPC takes care of its connections, the allocator of its memory.
+}
+
+}  // namespace tarnvale::platform

@@ -116,7 +116,6 @@ bool AttributeReader::next() {
     if (rest_.empty()) {
         return false;
     }
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): attributes are aligned
     const auto* const attribute = reinterpret_cast<const nlattr*>(rest_.data());
     if (!mnl_attr_ok(attribute, static_cast<int>(rest_.size()))) {
         failMalformed();
@@ -149,7 +148,6 @@ std::optional<std::uint64_t> bigEndian(Bytes value) {
 }
 
 std::string_view textOf(Bytes value) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): bytes to characters
     const std::string_view text(reinterpret_cast<const char*>(value.data()), value.size());
     return text.substr(0, text.find('\0'));
 }

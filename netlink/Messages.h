@@ -26,14 +26,14 @@ namespace tarnvale::netlink {
 
 using Bytes = std::span<const std::uint8_t>;
 
-/// Throws `std::system_error`, the one error of this folder: the kernel's error number behind
-/// "netlink".
+/// Throws `std::system_error`, the one error of this folder, with the kernel's error number. Its
+/// sentence begins with "netlink".
 [[noreturn]] void fail(int errorNumber);
 
 /// Fails with `EBADMSG`: what was received ends before its end or contradicts itself.
 [[noreturn]] void failMalformed();
 
-/// Writes messages one behind the other. Beginning a message ends the one before. A message of
+/// Writes messages one after the other. Beginning a message ends the one before. A message of
 /// more than `maxMessageSize` bytes is a `std::length_error`.
 class MessageWriter {
 public:
@@ -42,7 +42,7 @@ public:
     /// The kernel's answers bear the number of the request, `sequence`.
     explicit MessageWriter(std::uint32_t sequence = 0) : sequence_(sequence) {}
 
-    /// Begins a request. `header` is what its family of messages has behind netlink's own header.
+    /// Begins a request. `header` is what its family of messages has after netlink's own header.
     template <typename Header>
     void begin(std::uint16_t type, unsigned flags, const Header& header) {
         static_assert(std::is_trivially_copyable_v<Header>);
@@ -111,7 +111,7 @@ struct Message {
         return header;
     }
 
-    /// What stands behind that header. Throws when there is no whole header.
+    /// What follows that header. Throws when there is no whole header.
     template <typename Header>
     Bytes attributes() const {
         static_assert(sizeof(Header) % 4 == 0, "attributes are aligned");

@@ -31,9 +31,8 @@ void setOption(int socket, int level, int option, const Value& value) {
     require(::setsockopt(socket, level, option, &value, sizeof value) == 0);
 }
 
-/// Takes the first message off the front of the bytes: its header, and what stands behind it.
+/// Takes the first message off the front of the bytes: its header and what follows it.
 std::pair<nlmsghdr, Bytes> takeMessage(Bytes& bytes) {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): messages are aligned
     const auto* const header = reinterpret_cast<const nlmsghdr*>(bytes.data());
     // libmnl takes a length of more than 2 GiB for a negative one, which always fits.
     if (!mnl_nlmsg_ok(header, static_cast<int>(bytes.size())) || header->nlmsg_len > bytes.size()) {
@@ -66,7 +65,6 @@ Socket::Socket(int protocol)
     // Once it is connected to the kernel, nobody else can send to it.
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the socket interface's way
     const auto* const address = reinterpret_cast<const sockaddr*>(&kernel);
     require(::connect(fd_.get(), address, sizeof kernel) == 0);
 }

@@ -31,7 +31,7 @@
 namespace tarnvale::pfctl {
 namespace {
 
-/// Far above any ruleset of the helper's; it keeps a wrong file from taking all memory.
+/// Far above any ruleset of the helper's; keeps a wrong file from taking all memory.
 constexpr std::size_t maxRulesetSize = std::size_t{512} << 20U;
 
 /// Throws `PfctlError` when not all of it can be written.
@@ -71,7 +71,7 @@ std::string readRuleset(const std::string& path) {
     throw std::system_error(errno, std::generic_category());
 }
 
-/// The rules of the file, or nothing after its mistakes have been told.
+/// The rules of the file; nothing after its mistakes have been printed.
 std::optional<std::vector<Rule>> rulesOf(const std::string& path) {
     std::string text;
     try {
@@ -86,11 +86,11 @@ std::optional<std::vector<Rule>> rulesOf(const std::string& path) {
     if (ruleset.mistakes.empty()) {
         return std::move(ruleset.rules);
     }
-    std::string told;
+    std::string report;
     for (const Mistake& mistake : ruleset.mistakes) {
-        told += path + ":" + std::to_string(mistake.line) + ": " + mistake.text + "\n";
+        report += path + ":" + std::to_string(mistake.line) + ": " + mistake.text + "\n";
     }
-    print(stderr, told);
+    print(stderr, report);
     return std::nullopt;
 }
 
@@ -141,7 +141,7 @@ int enable() {
     netlink::Socket socket(NETLINK_NETFILTER);
     NftablesBackend backend(socket);
     auto enabled = readEnabled();
-    // Once pf is enabled no load makes a dormant table, so without one nothing is left to do.
+    // No load makes a dormant table while pf is enabled: without one, nothing is left to do.
     if (!enabled || !dormantAnchors(backend).empty()) {
         const RunLock lock(RunLock::WhenTaken::wait);
         enabled = readEnabled();
@@ -173,7 +173,7 @@ int flush(const Arguments& arguments) {
     netlink::Socket socket(NETLINK_NETFILTER);
     NftablesBackend backend(socket);
     if (backend.anchor(arguments.anchor)) {
-        // A flush has no second attempt as a load has, so it waits for its turn.
+        // Nobody repeats a flush, as they do a load, so it waits for its turn.
         const RunLock lock(RunLock::WhenTaken::wait);
         backend.flush(arguments.anchor);
     }
@@ -263,7 +263,7 @@ int run(const Arguments& arguments) {
     try {
         return perform(arguments);
     } catch (const std::system_error& error) {
-        // A process that may not change the packet filter is told what pf's own tool says.
+        // To a process that may not change the packet filter, say what pf's own tool says.
         if (error.code() == std::errc::operation_not_permitted ||
             error.code() == std::errc::permission_denied) {
             throw PfctlError("/dev/pf", EACCES);

@@ -81,7 +81,6 @@ private:
         const timeval patience{.tv_sec = 0, .tv_usec = 100'000};
         ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         const auto address = addressOf(host, port);
-        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the sockets' own type
         if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             ADD_FAILURE() << "bind " << host;
         }
@@ -91,13 +90,7 @@ private:
     static bool send(int fd, const char* host, std::uint16_t port) {
         const auto address = addressOf(host, port);
         return ::sendto(
-                   fd,
-                   "x",
-                   1,
-                   0,
-                   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): as above
-                   reinterpret_cast<const sockaddr*>(&address),
-                   sizeof address) == 1;
+                   fd, "x", 1, 0, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 1;
     }
 
     static bool arrives(int fd) {

@@ -19,7 +19,7 @@ namespace {
 
 void complain(const char* text) {
     for (const char* const part : {"pfctl: ", text, "\n"}) {
-        std::fputs(part, stderr);  // NOLINT(cert-err33-c): there is nowhere left to say it
+        std::fputs(part, stderr);
     }
 }
 
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
         return pfctl::run(pfctl::parseArguments(words));
     } catch (const pfctl::UsageError& error) {
         complain(error.what());
-        std::fputs(pfctl::usageText.data(), stderr);  // NOLINT(cert-err33-c): as above
+        std::fputs(pfctl::usageText.data(), stderr);
     } catch (const std::bad_alloc&) {
         complain("Cannot allocate memory");
     } catch (const std::exception& error) {

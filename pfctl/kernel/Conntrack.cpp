@@ -48,7 +48,7 @@ std::optional<Connection> connectionOf(const Message& message) {
     if (familyOf(message) != AF_INET) {
         return std::nullopt;
     }
-    // What the responder answers from and to is what translation has made of the addresses.
+    // The addresses of the reply are those that translation has made.
     const Bytes attributes = attributesOf(message);
     const Flow reply = flowOf(attribute(attributes, CTA_TUPLE_REPLY));
     Flow entering = flowOf(attribute(attributes, CTA_TUPLE_ORIG));
@@ -63,7 +63,7 @@ std::optional<Connection> connectionOf(const Message& message) {
         .mark = numberOr0<std::uint32_t>(attributes, CTA_MARK)};
 }
 
-/// The attributes by which the kernel finds the entry again, just as it gave them.
+/// The attributes that identify the entry, just as the kernel sent them.
 std::vector<std::uint8_t> identityOf(const Message& message) {
     constexpr std::array<std::uint16_t, 3> identifying{CTA_TUPLE_ORIG, CTA_ZONE, CTA_ID};
     std::vector<std::uint8_t> identity;
@@ -76,9 +76,9 @@ std::vector<std::uint8_t> identityOf(const Message& message) {
     return identity;
 }
 
-/// The kernel's own list of connections as text, read without the locks that netlink takes for
-/// every slot of its table: where there is little to list that is a hundred times faster. Nothing
-/// where the kernel offers none.
+/// The kernel's list of connections as text; nothing if the kernel has no such list. Reading it
+/// avoids the locks that netlink takes for every slot of the table, so a short list is read a
+/// hundred times faster.
 std::optional<std::string> connectionList() {
     const support::UniqueFd file(::open("/proc/net/nf_conntrack", O_RDONLY | O_CLOEXEC));
     if (!file) {
@@ -99,7 +99,7 @@ std::optional<std::string> connectionList() {
     }
 }
 
-/// Takes the text up to the next " src=", and the address behind it, off the front of the text.
+/// Takes the text up to the next " src=" and the address after it off the front of the text.
 std::optional<std::uint32_t> takeSource(std::string_view& text) {
     constexpr std::string_view label = " src=";
     const std::size_t at = text.find(label);
@@ -137,7 +137,7 @@ bool Connection::hasState() const {
 void Conntrack::forEach(const std::function<void(const Connection&)>& take) {
     MessageWriter request;
     beginConntrack(request, IPCTNL_MSG_CT_GET, NLM_F_DUMP);
-    // Connections come and go while they are listed; that is no reason to begin again.
+    // Connections come and go while they are listed, so an incomplete list is as good as any.
     socket_.dump(request, [&take](const Message& message) {
         if (const auto connection = connectionOf(message)) {
             take(*connection);
@@ -167,15 +167,15 @@ std::size_t Conntrack::kill(std::span<const Subnet> hosts) {
 }
 
 void Conntrack::forget(std::span<const std::vector<std::uint8_t>> entries) {
-    constexpr std::size_t atOnce = 100;  // their acknowledgements must fit into the socket's buffer
+    constexpr std::size_t maxAtOnce = 100;  // their replies must fit into the socket's buffer
     while (!entries.empty()) {
-        const auto some = entries.first(std::min(atOnce, entries.size()));
+        const auto some = entries.first(std::min(maxAtOnce, entries.size()));
         MessageWriter requests;
         for (const auto& identity : some) {
             beginConntrack(requests, IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
             requests.putWhole(identity);
         }
-        // An entry may have ended by itself meanwhile.
+        // An entry may have expired meanwhile.
         socket_.request(requests, some.size(), ENOENT);
         entries = entries.subspan(some.size());
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The states. The kernel tracks every connection; those with a bit of ours are what pf calls
-// states.
+// The states. The kernel tracks every connection; those with a bit of ours (MarkBits.h) are what pf
+// calls states.
 
 #pragma once
 
@@ -35,12 +35,12 @@ public:
     /// Calls `take` for every IPv4 connection.
     void forEach(const std::function<void(const Connection&)>& take);
 
-    /// Forgets the connections whose initiator is in the first network and, where a second is
-    /// given, whose responder is in that one. Returns how many of them had a state.
+    /// Forgets the connections whose initiator is in the first subnet and, if a second is given,
+    /// whose responder is in that one. Returns how many of them had a state.
     std::size_t kill(std::span<const Subnet> hosts);
 
     /// Whether the text, in the form of /proc/net/nf_conntrack, may hold a connection that `kill`
-    /// forgets. What it does not understand it takes for one.
+    /// forgets. A line that makes no sense counts as one.
     static bool mayName(std::string_view list, std::span<const Subnet> hosts);
 
 private:

@@ -110,7 +110,7 @@ private:
         linesOfBlocks_.emplace_back(blockOf_.at(sortKey(subnet)), line);
     }
 
-    /// Sees to it that the subnet has a block to which lines can be added.
+    /// Makes sure that the subnet has a block that lines can be added to.
     void openBlock(const Subnet& subnet) {
         const auto known = blockOf_.find(sortKey(subnet));
         if (known != blockOf_.end()) {

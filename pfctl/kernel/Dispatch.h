@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// How a packet finds its rules. The first rule that matches decides, but a packet need not be
-// compared with every rule: rules that name a subnet on their key side concern only the packets of
-// that subnet, so one lookup of the packet's address leads to them. A ruleset of any shape keeps
-// its order, and size and time stay linear in its lines and subnets:
+// How a packet finds its rules. The first rule that matches decides, but a packet is not compared
+// with every rule: rules that name a subnet on their key side concern only the packets of that
+// subnet, so one lookup of the packet's address leads to them. A ruleset of any shape keeps its
+// order, and size and time stay linear in its lines and subnets:
 //
 // - Each direction is a sequence of steps. A step is either rules for every address or a map from
 //   addresses to blocks of rules; a packet that no rule of a step matches goes on to the next.

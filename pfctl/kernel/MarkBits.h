@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The two bits of every connection's mark that are ours. They are what pf calls a state: conntrack
-// knows of connections that no rule has passed, so that it knows of one says nothing. All other
-// bits belong to others and are never changed.
+// also tracks connections that no rule passed, so an entry alone is not a state. All other bits
+// belong to others and never change.
 
 #pragma once
 

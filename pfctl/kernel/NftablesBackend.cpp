@@ -25,7 +25,7 @@ using netlink::Message;
 using netlink::MessageWriter;
 using netlink::textOf;
 
-/// A listing that others keep changing under us is given up after so many attempts.
+/// How often a listing is read again that others change while it is read.
 constexpr int maxAttempts = 20;
 
 PfctlError keepsChanging() {
@@ -73,7 +73,7 @@ std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
             result.push_back(rule);
             continue;
         }
-        // The first entry met every packet that came to the line.
+        // The first entry has seen every packet that came to the line.
         result.back().packets += rule.packets;
         result.back().bytes += rule.bytes;
     }
@@ -120,7 +120,7 @@ void NftablesBackend::load(const RulesetTable& table) {
     socket_.request(transaction);
 }
 
-/// The place on the hooks that is just behind the anchor's table, if there is one.
+/// The place on the hooks just after the anchor's table; 0 without a table.
 std::int32_t NftablesBackend::placeBehind(const std::string& anchor) {
     std::int32_t place = 0;
     MessageWriter request;
@@ -138,7 +138,7 @@ std::int32_t NftablesBackend::placeBehind(const std::string& anchor) {
 }
 
 void NftablesBackend::flush(const std::string& anchor) {
-    // A transaction costs milliseconds, also one that finds nothing to remove.
+    // Even a transaction that finds nothing to remove takes milliseconds.
     if (!this->anchor(anchor)) {
         return;
     }
@@ -201,7 +201,7 @@ bool NftablesBackend::readChain(
              .bytes = counter->bytes});
     });
 
-    // A packet came to a line if the line took it, a line below did, or none.
+    // The packets that came to a line: those that it took, those of the lines below, and the rest.
     for (std::size_t at = rules.size(); at > first; --at) {
         unmatched += rules[at - 1].packets;
         rules[at - 1].evaluations = unmatched;
@@ -210,7 +210,7 @@ bool NftablesBackend::readChain(
 }
 
 std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor) {
-    // The dumps belong together if no transaction was committed between the first and the last.
+    // The dumps belong together if nobody committed a transaction between the first and the last.
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         const std::uint32_t before = generation();
         const auto found = this->anchor(anchor);

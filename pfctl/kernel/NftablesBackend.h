@@ -33,19 +33,19 @@ class NftablesBackend {
 public:
     explicit NftablesBackend(netlink::Socket& socket) : socket_(socket) {}
 
-    /// The anchors that have rules. Tables of others are not among them.
+    /// The anchors that have rules, without the tables of others.
     std::vector<Anchor> anchors();
 
     /// The anchor of that name, if it has rules.
     std::optional<Anchor> anchor(const std::string& name);
 
-    /// Makes the rules the anchor's only ones; with none the anchor ceases to be.
+    /// Replaces the anchor's rules; without any the anchor ceases to exist.
     void load(const RulesetTable& table);
 
     /// Removes the anchor's rules, if it has any.
     void flush(const std::string& anchor);
 
-    /// Lets the anchors be enforced that were loaded dormant.
+    /// Puts into force the anchors that were loaded dormant.
     void activate(std::span<const std::string> anchors);
 
     /// What the anchor holds at one instant; nothing when it has no rules.

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The expressions of one nftables rule: its conditions, one behind the other, and what is done with
-// the packets that meet them all. Values go through one register; each condition loads what it
-// compares.
+// The expressions of one nftables rule: its conditions in a row, then what happens to packets that
+// meet them all. Values go through one register; each condition loads what it compares.
 
 #pragma once
 

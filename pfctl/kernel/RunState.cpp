@@ -27,8 +27,8 @@ PfctlError failure(const std::string& path) {
     return {path, errno};
 }
 
-/// Takes a decimal number and the character behind it off the front of the text.
-std::optional<std::uint64_t> takeNumber(std::string_view& text, char after) {
+/// Takes a decimal number and the character after it off the front of the text.
+std::optional<std::uint64_t> takeNumberUntil(std::string_view& text, char after) {
     const auto value = support::takeNumber<std::uint64_t>(text);
     if (!value || !text.starts_with(after)) {
         return std::nullopt;
@@ -54,8 +54,8 @@ std::optional<Enabled> readEnabled() {
         return std::nullopt;
     }
     std::string_view text(bytes.data(), static_cast<std::size_t>(size));
-    const auto since = takeNumber(text, ' ');
-    const auto token = takeNumber(text, '\n');
+    const auto since = takeNumberUntil(text, ' ');
+    const auto token = takeNumberUntil(text, '\n');
     if (!since || !token) {
         return std::nullopt;
     }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What pfctl keeps beside the kernel's tables: since when pf is enabled, under which token, and the
-// lock that commands hold while they change something. It lies under /run, so a reboot clears it as
-// it clears the tables.
+// What pfctl keeps besides the kernel's tables: since when pf has been enabled, its token, and the
+// lock that commands hold while they change something. A reboot clears it, as it clears the tables.
 
 #pragma once
 
@@ -26,10 +25,10 @@ struct Enabled {
 /// Nothing when pf is disabled.
 std::optional<Enabled> readEnabled();
 
-/// Says that pf is enabled from now on, under a new token. Throws `PfctlError`.
+/// Records that pf is enabled from now on, with a new token. Throws `PfctlError`.
 Enabled writeEnabled();
 
-/// Seconds since the machine started, its sleep included.
+/// Seconds since the machine started, including its sleep.
 std::uint64_t uptime();
 
 /// Held from construction to the end of the scope or of the process.

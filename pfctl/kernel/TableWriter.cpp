@@ -43,7 +43,7 @@ struct HashTable {
     std::vector<std::pair<std::uint32_t, std::uint32_t>> paths;  ///< by the subnet's address
 };
 
-/// The subnets of which the intervals consist. An address is in one of the tables at most.
+/// Cuts the intervals into subnets, a table for each size. An address is in one of them at most.
 std::vector<HashTable> hashTablesOf(const std::vector<Interval>& intervals) {
     std::array<HashTable, 33> bySize;
     for (const Interval& interval : intervals) {
@@ -131,7 +131,7 @@ private:
         });
     }
 
-    /// The rules of a block, in a chain of their own.
+    /// Writes the rules of a block into a chain of their own.
     void writeBlock(const Block& block) {
         const std::string chain = blockChain(blocks_);
         ++blocks_;
@@ -142,7 +142,7 @@ private:
         writeRule(chain, [](RuleExpressions& rule) { rule.count(); });
     }
 
-    /// One line of the ruleset. The packet's key side needs no condition: it led to this chain.
+    /// Writes one line of the ruleset. Its key side needs no condition: it led to this chain.
     void writeLine(const std::string& chain, std::uint32_t index) {
         const Rule& line = table_.rules[index];
         const auto write = [&](auto protocolConditions) {
@@ -167,7 +167,7 @@ private:
             rule.opensTcpConnection();
         };
 
-        // A state for TCP begins with a SYN, whether the line names a protocol or not.
+        // A TCP state begins with a SYN, whether or not the line names a protocol.
         if (line.action == Action::pass && line.protocol == Protocol::tcp) {
             write(tcpThatOpens);
         } else if (line.protocol != Protocol::any) {
@@ -180,7 +180,7 @@ private:
         }
     }
 
-    /// The blocks of a map, and the map that leads to them.
+    /// Writes the blocks of a map, and the map that leads to them.
     void writeMap(const AddressMap& map) {
         const std::size_t firstBlock = blocks_;
         for (const Block& block : map.blocks) {
@@ -203,7 +203,7 @@ private:
         }
 
         // Not one map of intervals: the kernel fills that only after the new rules are in force,
-        // and packets of that moment would find nothing in it. Hash tables are full in time.
+        // so packets would find nothing in it for a moment. Hash tables are complete in time.
         Lookups lookups;
         for (const HashTable& table : hashTablesOf(map.intervals)) {
             lookups.push_back({.mask = table.mask, .map = mapName(maps_)});
@@ -255,7 +255,7 @@ private:
             NFTA_SET_ELEM_KEY, [&] { messages_.putBigEndian(NFTA_DATA_VALUE, address); });
     }
 
-    /// Sets of one transaction are told apart by numbers of their own.
+    /// Numbers distinguish the sets of one transaction.
     std::uint32_t nextSetID() const {
         return static_cast<std::uint32_t>(2 * maps_) + (side_.direction == Direction::in ? 0U : 1U);
     }
@@ -351,7 +351,7 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     const Dispatch dispatch = planDispatch(table.rules);
 
     beginBatch(messages);
-    // What is removed must exist, so a table is added first: that changes nothing where one is.
+    // What is removed must exist, so a table is added first: no change if there is one.
     putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
     putTable(messages, table.anchor, NFT_MSG_DELTABLE, 0);
     putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
@@ -359,8 +359,8 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     messages.put(NFTA_TABLE_USERDATA, loaderUserData(table.loader));
     DirectionWriter(messages, table, in, dispatch.in).write();
     DirectionWriter(messages, table, out, dispatch.out).write();
-    // The kernel answers message by message, whatever becomes of the others. So the last one asks,
-    // which changes nothing: an error of any other comes before its acknowledgement.
+    // The kernel answers message by message, even if others fail. So only the last message, which
+    // changes nothing, asks for an acknowledgement: any error comes before it.
     putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_ACK);
     endBatch(messages);
 }

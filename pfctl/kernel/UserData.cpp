@@ -14,8 +14,8 @@ namespace {
 
 using netlink::Bytes;
 
-// User data is a row of values, each behind its type and its length. nft shows type 0 of a table
-// as its comment, and passes over types that it does not know.
+// User data is a row of values, each after its type and its length. nft shows type 0 of a table as
+// its comment, and skips types that it does not know.
 constexpr std::uint8_t commentType = 0;
 constexpr std::uint8_t lineType = 0xF0;
 constexpr std::string_view tableComment = "pf anchor, form 1, loaded by ";
@@ -42,7 +42,7 @@ private:
     std::size_t used_ = 0;
 };
 
-/// Reads what Packer wrote; the caller has seen to the length.
+/// Reads what Packer wrote; the caller has checked the length.
 class Unpacker {
 public:
     explicit Unpacker(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
@@ -78,7 +78,7 @@ bool isValid(Protocol protocol) {
            protocol == Protocol::udp;
 }
 
-/// The value of that type, if it is what the user data begins with.
+/// The first value of the user data if it has that type, else nothing.
 Bytes userDataValue(Bytes userData, std::uint8_t type) {
     if (userData.size() < 2 || userData[0] != type || userData.size() < 2U + userData[1]) {
         return {};
@@ -86,7 +86,7 @@ Bytes userDataValue(Bytes userData, std::uint8_t type) {
     return userData.subspan(2, userData[1]);
 }
 
-/// Takes `word` and the decimal number behind it off the front of the text.
+/// Takes `word` and the decimal number after it off the front of the text.
 std::optional<std::uint32_t> takeNumbered(std::string_view& text, std::string_view word) {
     if (!text.starts_with(word)) {
         return std::nullopt;

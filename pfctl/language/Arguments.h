@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The command line. pf's own tool reads it with getopt, so options may be joined ("-vsr",
-// "-nvf FILE") and come in any order, and the words after -s and -F may be cut short. What it asks
-// for must be one of the commands below; there is no more here than the helper and its tests use.
+// The command line. As pf's own tool reads it with getopt, options may be joined ("-vsr",
+// "-nvf FILE") and come in any order, and the words after -s and -F may be cut short. The commands
+// are those that the helper and its tests use.
 
 #pragma once
 
@@ -44,7 +44,7 @@ struct Arguments {
     std::vector<Subnet> hosts;  ///< one or two, with `kill`
 };
 
-/// The command line is none that pfctl takes; what() says why, without "pfctl: ".
+/// pfctl does not take the command line; what() says why, without "pfctl: ".
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -10,7 +10,7 @@
 
 namespace tarnvale::pfctl {
 
-/// what() is the sentence that stands behind "pfctl: ".
+/// what() is the sentence after "pfctl: ".
 class PfctlError : public std::runtime_error {
 public:
     explicit PfctlError(const std::string& text) : std::runtime_error(text) {}

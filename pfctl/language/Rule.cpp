@@ -2,17 +2,12 @@
 
 #include "pfctl/language/Rule.h"
 
-#include <cstddef>
-
 #include "support/Decimal.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
-/// Takes a decimal number without leading zeros off the front of the text.
-std::optional<std::uint32_t> takeNumber(std::string_view& text, std::uint32_t max) {
-    return support::takeNumber(text, max, support::LeadingZeros::refused);
-}
+using support::LeadingZeros;
 
 std::optional<std::uint32_t> takeAddress(std::string_view& text) {
     std::uint32_t address = 0;
@@ -23,7 +18,7 @@ std::optional<std::uint32_t> takeAddress(std::string_view& text) {
             }
             text.remove_prefix(1);
         }
-        const auto value = takeNumber(text, 255);
+        const auto value = support::takeNumber<std::uint32_t>(text, 255, LeadingZeros::refused);
         if (!value) {
             return std::nullopt;
         }
@@ -45,8 +40,8 @@ std::optional<Subnet> parseSubnet(std::string_view text) {
         return std::nullopt;
     }
     text.remove_prefix(1);
-    const auto length = takeNumber(text, 32);
-    if (!length || !text.empty()) {
+    const auto length = support::parseNumber<std::uint32_t>(text, 32, LeadingZeros::refused);
+    if (!length) {
         return std::nullopt;
     }
     Subnet subnet{.address = 0, .prefixLength = static_cast<std::uint8_t>(*length)};

@@ -11,7 +11,7 @@
 namespace tarnvale::pfctl {
 namespace {
 
-/// One line after joining, without its comment and its line feed.
+/// One line, with those that a backslash joins to it, without its comment and its line feed.
 struct Line {
     std::string_view text;
     std::size_t number = 0;          ///< of its first line in the file
@@ -80,15 +80,15 @@ struct LineMistake {
 /// Whether the word is made of what names, numbers and addresses are made of.
 bool isPlain(std::string_view word) {
     return !word.empty() && std::ranges::all_of(word, [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+        return support::isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                c == '-' || c == '.' || c == ':' || c == '/';
     });
 }
 
-/// A mistake that names the word, if the word is one that can be shown.
+/// A mistake that names the word if the word can be shown.
 LineMistake mistakeWithWord(const std::string& text, std::string_view word) {
-    constexpr std::size_t longest = 40;
-    const bool showable = isPlain(word) && word.size() <= longest;
+    constexpr std::size_t maxWordSize = 40;
+    const bool showable = isPlain(word) && word.size() <= maxWordSize;
     return {showable ? text + std::string(word) : "syntax error"};
 }
 

@@ -27,12 +27,12 @@ struct Mistake {
     bool operator==(const Mistake&) const = default;
 };
 
-/// No more mistakes than these are told: the first ones are what a reader needs.
+/// Reading stops after so many mistakes: a reader needs the first ones.
 inline constexpr std::size_t maxMistakes = 10;
 
 struct ParsedRuleset {
     std::vector<Rule> rules;
-    std::vector<Mistake> mistakes;  ///< one per line at most; with any, `rules` is of no use
+    std::vector<Mistake> mistakes;  ///< one per line at most; with any, `rules` is incomplete
 };
 
 ParsedRuleset parseRuleset(std::string_view text);

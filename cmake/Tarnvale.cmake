@@ -1,4 +1,4 @@
-# How this project compiles, and the three functions by which its folders say what they hold:
+# How this project compiles, and the functions with which its folders say what they hold:
 #
 #   tarnvale_library(NAME SOURCES a.cpp … [DEPENDS lib …])
 #   tarnvale_program(NAME SOURCES a.cpp … [DEPENDS lib …])      lands in bin/
@@ -14,20 +14,30 @@ set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
 set(CMAKE_OBJCXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_LINK_DEPENDS_NO_SHARED ON)
+set(CMAKE_COMPILE_WARNING_AS_ERROR ${TARNVALE_WERROR})
+
+# Programs are position independent. Nobody may replace what is in them, so calls within a program
+# stay direct, although CMake compiles a static library as if a shared one might contain it.
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_OBJCXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
 if(NOT DEFINED TARNVALE_BIN_DIR)
     set(TARNVALE_BIN_DIR "${PROJECT_BINARY_DIR}/bin")
 endif()
 
+# What every target of ours is compiled and linked with; each asks for it itself.
 add_library(tarnvale_options INTERFACE)
 target_include_directories(tarnvale_options INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_options(tarnvale_options INTERFACE
-    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
-    -fPIE
-    -fstack-protector-strong -ffunction-sections -fdata-sections
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     # g++ 12 takes the joining of a literal and a temporary string for an overlap (GCC bug 105651).
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
-    $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>)
+    $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
+    -fstack-protector-strong -ffunction-sections -fdata-sections)
 target_compile_definitions(tarnvale_options INTERFACE
     $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 if(NOT TARNVALE_SANITIZE)
@@ -35,12 +45,12 @@ if(NOT TARNVALE_SANITIZE)
 endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(tarnvale_options INTERFACE
-        -pie -Wl,-z,relro,-z,now -Wl,--gc-sections -Wl,--as-needed)
+        LINKER:-z,relro,-z,now LINKER:--gc-sections LINKER:--as-needed)
 elseif(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
     target_compile_options(tarnvale_options INTERFACE
         -Wunguarded-availability
         $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-arc>)
-    target_link_options(tarnvale_options INTERFACE -Wl,-dead_strip)
+    target_link_options(tarnvale_options INTERFACE LINKER:-dead_strip)
 endif()
 if(TARNVALE_SANITIZE)
     target_compile_options(tarnvale_options INTERFACE
@@ -57,7 +67,7 @@ endif()
 function(tarnvale_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
     add_library(${name} STATIC ${arg_SOURCES})
-    target_link_libraries(${name} PUBLIC tarnvale_options ${arg_DEPENDS})
+    target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
     set_property(GLOBAL APPEND PROPERTY tarnvale_targets ${name})
 endfunction()
 
@@ -79,6 +89,14 @@ if(TARNVALE_TESTS)
     include(GoogleTest)
 endif()
 if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    if(TARNVALE_PCH)
+        # Made for a program: the flags for position independence differ from a library's.
+        file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/Precompiled.cpp" CONTENT "int main() {}\n")
+        add_executable(tarnvale_precompiled EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/Precompiled.cpp")
+        target_link_libraries(tarnvale_precompiled PRIVATE tarnvale_options GTest::gmock)
+        target_precompile_headers(tarnvale_precompiled PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+    endif()
+
     # A test program enters its private root before its first test (tests/support/TestMain.cpp).
     # TARNVALE_BIN_DIR says where the project's programs are; a test that runs one depends on it.
     function(tarnvale_test name)
@@ -93,7 +111,7 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         target_compile_definitions(${name} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
             TARNVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
         if(TARNVALE_PCH)
-            target_precompile_headers(${name} REUSE_FROM tarnvale_test_main)
+            target_precompile_headers(${name} REUSE_FROM tarnvale_precompiled)
         endif()
         set(properties TIMEOUT ${arg_TIMEOUT} SKIP_RETURN_CODE 77
             SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
@@ -103,7 +121,7 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
     endfunction()
 elseif(TARNVALE_TESTS)
-    # Where there are no private roots, the tests that touch nothing outside themselves are built.
+    # Without private roots, only the tests that touch nothing outside themselves are built.
     function(tarnvale_test name)
         cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT"
             "SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
@@ -111,7 +129,7 @@ elseif(TARNVALE_TESTS)
             add_executable(${name} ${arg_PORTABLE_SOURCES})
             target_link_libraries(${name} PRIVATE
                 tarnvale_options ${arg_DEPENDS} GTest::gmock_main)
-            # GoogleTest is there for this machine's processor only.
+            # GoogleTest is there only for this machine's processor.
             if(CMAKE_OSX_ARCHITECTURES)
                 set_target_properties(${name} PROPERTIES
                     OSX_ARCHITECTURES "${CMAKE_HOST_SYSTEM_PROCESSOR}")

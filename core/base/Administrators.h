@@ -13,7 +13,7 @@ namespace tarnvale {
 /// The system's group of administrators.
 inline constexpr gid_t administratorsGroup = 80;
 
-/// Whether the user is root or a member of the administrators' group. A lookup that fails counts as
+/// Whether the user is root or a member of the administrators' group. A failed lookup counts as
 /// "no".
 bool isAdministrator(platform::Users& users, uid_t uid);
 

@@ -21,20 +21,20 @@ namespace {
 using support::UniqueFd;
 
 constexpr const char* logPath = "/var/log/tarnvale-adminhelper.log";
-constexpr off_t sizeLimit = 0x80000;  // bytes
+constexpr off_t maxLogSize = 0x80000;  // bytes
 constexpr mode_t logMode = 0644;
 
-/// The log, for writing at its end; made when it is missing. Whatever else is in its place, a link,
-/// a FIFO or a folder, is not written to.
+/// Opens the log for writing at its end, and creates it if it is missing. Refuses a link, a FIFO or
+/// a folder in its place.
 UniqueFd openLog() {
     constexpr int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     UniqueFd log(::open(logPath, flags));
     if (!log && errno == ENOENT) {
         log.reset(::open(logPath, flags | O_CREAT | O_EXCL, logMode));
         if (log) {
-            ::fchmod(log.get(), logMode);  // whatever the umask took
+            ::fchmod(log.get(), logMode);  // the umask may have taken bits away
         } else if (errno == EEXIST) {
-            log.reset(::open(logPath, flags));  // another process was first
+            log.reset(::open(logPath, flags));  // another process created it first
         }
     }
     struct stat info {};
@@ -49,8 +49,8 @@ void appendLine(std::string_view line) {
     if (!log) {
         return;
     }
-    if (::lseek(log.get(), 0, SEEK_END) > sizeLimit && ::ftruncate(log.get(), 0) != 0) {
-        // A log that can't be emptied goes on growing; the line matters more.
+    if (::lseek(log.get(), 0, SEEK_END) > maxLogSize && ::ftruncate(log.get(), 0) != 0) {
+        // Keep the line, even if the log then grows past its limit.
     }
     static_cast<void>(support::writeAll(log.get(), line));
 }
@@ -59,7 +59,7 @@ void appendLine(std::string_view line) {
 
 void helperLog(std::string_view message) {
     try {
-        // Never destroyed: other threads may log while the process ends.
+        // Never destroyed, because other threads may log while the process ends.
         static auto& lock = *new support::Mutex;
         std::string line = support::iso8601(std::chrono::system_clock::now());
         line += ' ';
@@ -68,7 +68,7 @@ void helperLog(std::string_view message) {
         const support::MutexLock guard(lock);
         appendLine(line);
     } catch (...) {
-        // A line for which there is no memory is lost, as any other that can't be written.
+        // Without memory the line is lost, like any other that can't be written.
     }
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The helper's own log file, its only diagnostic channel. Nothing goes to the system log, and
-// nothing of ours ever reads the file back.
+// The helper's own log file, its only diagnostic channel. Nothing goes to the system log, and no
+// program of ours reads the file back.
 
 #pragma once
 
@@ -10,8 +10,8 @@
 namespace tarnvale {
 
 /// Appends "<ISO 8601 UTC timestamp> <message>" and a line feed to
-/// "/var/log/tarnvale-adminhelper.log". Never fails towards the caller: a line that cannot be
-/// written is lost. Safe from any thread.
+/// "/var/log/tarnvale-adminhelper.log". Never fails: a line that can't be written is lost.
+/// Safe from any thread.
 void helperLog(std::string_view message);
 
 }  // namespace tarnvale

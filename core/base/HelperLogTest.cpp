@@ -37,7 +37,7 @@ using testing::EndsWith;
 using testing::Ge;
 using testing::Le;
 
-constexpr std::size_t sizeLimit = 524'288;
+constexpr std::size_t maxLogSize = 524'288;
 
 class HelperLogTest : public testing::Test {
 protected:
@@ -90,17 +90,17 @@ TEST_F(HelperLogTest, KeepsTheModeOfALogThatIsThere) {
 }
 
 TEST_F(HelperLogTest, AppendsToALogOfExactlyTheLimit) {
-    put(logPath, std::string(sizeLimit, 'x'));
+    put(logPath, std::string(maxLogSize, 'x'));
 
     helperLog("line");
 
     const auto log = contentOf(logPath);
-    EXPECT_EQ(log.size(), sizeLimit + 26);
+    EXPECT_EQ(log.size(), maxLogSize + 26);
     EXPECT_THAT(log, EndsWith("Z line\n"));
 }
 
 TEST_F(HelperLogTest, EmptiesALogAboveTheLimitFirst) {
-    put(logPath, std::string(sizeLimit + 1, 'x'));
+    put(logPath, std::string(maxLogSize + 1, 'x'));
 
     helperLog("line");
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The version that the helper reports of itself.
+// The version that the helper reports as its own.
 
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace tarnvale {
 
-/// "CFBundleShortVersionString" of the main bundle's information dictionary, or "7" where the
-/// program carries none.
+/// "CFBundleShortVersionString" of the main bundle's information dictionary, or "7" if the
+/// program has none.
 const std::string& helperVersionString();
 
 }  // namespace tarnvale

@@ -14,8 +14,8 @@
 
 namespace tarnvale {
 
-/// Nil or a text in UTF-8. Clients may send and the system may give any bytes; a transport repairs
-/// what it cannot carry.
+/// Nil or a text, meant to be UTF-8. Clients and the system may supply any bytes; a transport
+/// repairs what it can't carry.
 using OptionalText = std::optional<std::string>;
 
 /// What a method with a result replies: the result or the error, never both.

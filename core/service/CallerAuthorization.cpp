@@ -11,7 +11,7 @@ namespace tarnvale {
 
 std::optional<uid_t> consoleUserID(platform::Users& users) {
     const auto user = users.consoleUser();
-    // The login window has root's uid, so only its name tells it from root at the console.
+    // The login window has root's uid; only its name distinguishes it from root at the console.
     if (!user || user->name == platform::loginWindowName) {
         return std::nullopt;
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Who may change this machine. A lookup that fails counts as "no".
+// Decides which users may change this machine. A failed lookup counts as "no".
 
 #pragma once
 
@@ -14,16 +14,16 @@
 
 namespace tarnvale {
 
-/// The error that a caller gets who may not make a change.
+/// The error for a caller who may not make a change.
 inline constexpr std::string_view refusalMessage =
     "Only an administrator of this Mac can make this change through Tarnvale's helper.";
 
-/// The user who is logged in at the console; nothing when nobody is, the login window included.
+/// The user who is logged in at the console. Nothing if nobody is, as when the login window shows.
 std::optional<uid_t> consoleUserID(platform::Users& users);
 
-/// The user whose request this thread serves, if that user may make a change: an administrator
-/// always, the user at the console unless `adminOnly`. Anybody else is refused: the result is
-/// nothing, and the log names the `operation`.
+/// Returns the user whose request this thread serves, if that user may make the change:
+/// administrators always may, and the user at the console may unless `adminOnly`. Otherwise returns
+/// nothing and logs the refusal, which names the `operation`.
 std::optional<uid_t> authorizeCaller(
     const platform::Transport& transport,
     platform::Users& users,

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Which programs may talk to the helper: the application and its service process, both signed by
-// the maker's team. A check that cannot be made counts as "no".
+// Decides which programs may talk to the helper: the application and its service process, both
+// signed by the maker's team. A check that can't be made counts as "no".
 
 #pragma once
 
@@ -16,23 +16,23 @@ namespace tarnvale {
 /// The team that signs the application and its service process.
 inline constexpr std::string_view teamIdentifier = "K7PD2QM4TZ";
 
-/// Decides whom the service admits. A helper that bears a Developer ID signature demands one of
-/// its clients; one that was signed for development takes clients signed for development. Safe
-/// from any thread.
+/// Decides whom the service admits. A helper with a Developer ID signature demands one of its
+/// clients; a helper signed for development also admits clients signed for development. Safe from
+/// any thread.
 class ClientAdmission {
 public:
     /// `codeSigning` must outlive the object.
     explicit ClientAdmission(platform::CodeSigning& codeSigning) : codeSigning_(codeSigning) {}
 
-    /// Whether the process is one of the two programs. Its answer is about this moment: the
-    /// connection's requirement is what holds for each message.
+    /// Whether the process is one of the two programs now. Later messages are checked against the
+    /// connection's requirement.
     bool isAllowedClient(const platform::Peer& peer);
 
-    /// What an admitted connection's peer must meet at each of its messages, in the language of
+    /// What the peer of an admitted connection must meet at each message, in the language of
     /// code-signing requirements.
     const std::string& clientRequirement();
 
-    /// Found out on first use, and for good.
+    /// Determined on first use; the answer never changes.
     bool helperIsDeveloperIDSigned();
 
 private:

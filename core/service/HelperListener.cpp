@@ -27,7 +27,7 @@ void HelperListener::start(TarnvaleAdminHelperProtocol& exported) {
     helperLog(
         "Helper " + helperVersionString() + " listening on com.brackwen.tarnvale.adminhelper.");
     loop_.run();
-    std::abort();  // g++ does not believe that a virtual function never returns
+    std::abort();  // g++ ignores [[noreturn]] on a virtual function
 }
 
 bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connection) {
@@ -40,7 +40,7 @@ bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connecti
         return false;
     }
 
-    // Made first: nothing may fail between counting the connection and being told of its end.
+    // Made first: nothing may fail between counting the connection and installing its handler.
     std::function<void()> ended = [weak = weak_from_this()] {
         if (const auto listener = weak.lock()) {
             listener->connectionEnded();
@@ -89,7 +89,7 @@ void HelperListener::shutdownForUpgrade(const std::function<void()>& reply) {
     try {
         reply();
     } catch (...) {
-        // A client that is gone already has no reply to get.
+        // The client has gone and needs no reply.
     }
     loop_.runAfter(shutdownDelay, [&loop = loop_] { loop.exitProcess(EXIT_SUCCESS); });
 }

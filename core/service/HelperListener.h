@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The service's life: it admits connections, counts them, and ends the process when nobody has used
-// it for a while or when a new version is installed. The system starts it again on the next
-// request, so that ending is the normal thing to do.
+// The service's life: it admits connections, counts them, and ends the process when it is idle or
+// a new version is installed. Ending is normal: the system starts the service again on the next
+// request.
 
 #pragma once
 
@@ -20,7 +20,7 @@
 namespace tarnvale {
 
 /// Safe from any thread once started. Held by a shared pointer, so that a connection that ends late
-/// finds the listener alive or gone.
+/// can tell whether the listener is still there.
 class HelperListener final : public platform::TransportDelegate,
                              public std::enable_shared_from_this<HelperListener> {
 public:
@@ -28,12 +28,12 @@ public:
     static constexpr std::chrono::seconds idleLimit{120};
     static constexpr std::chrono::milliseconds shutdownDelay{300};
 
-    /// The services must outlive the process.
+    /// All three must live until the process exits.
     HelperListener(
         platform::Transport& transport, platform::MainLoop& loop, ClientAdmission& admission);
 
-    /// Takes connections, serves them with `exported` and hands the main thread over for good.
-    /// Throws `platform::TransportError` when the service cannot be offered.
+    /// Accepts connections, serves them with `exported` and runs the main loop; never returns.
+    /// Throws `platform::TransportError` if the service can't be offered.
     [[noreturn]] void start(TarnvaleAdminHelperProtocol& exported);
 
     bool shouldAcceptNewConnection(platform::NewConnection& connection) override
@@ -42,10 +42,12 @@ public:
     /// Restarts the idle clock.
     void touch() EXCLUDES(stateLock_);
 
-    /// Calls `reply` at once and ends the process a moment later, whatever else is going on.
+    /// Calls `reply` at once and ends the process after `shutdownDelay`, even if other connections
+    /// are open.
     void shutdownForUpgrade(const std::function<void()>& reply);
 
-    /// Ends the process when no connection is open and the last activity is long enough ago.
+    /// Ends the process if no connection is open and the last activity is longer than `idleLimit`
+    /// ago.
     void checkIdle() EXCLUDES(stateLock_);
 
 private:
@@ -56,7 +58,7 @@ private:
     ClientAdmission& admission_;
 
     support::Mutex stateLock_;
-    /// Connections admitted and not yet ended.
+    /// Connections that were admitted and have not ended.
     std::int64_t activeConnections_ GUARDED_BY(stateLock_) = 0;
     /// Wall-clock time of the last admission, end or request.
     platform::MainLoop::Clock::time_point lastActivity_ GUARDED_BY(stateLock_);

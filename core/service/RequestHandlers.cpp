@@ -21,8 +21,8 @@ namespace tarnvale {
 
 namespace {
 
-// Making or removing a VLAN changes the network of everybody on this machine, so it takes an
-// administrator. The other changes are also for the user who sits at it.
+// Creating or deleting a VLAN changes the network for everybody on this machine, so only
+// administrators may. The user at the console may make the other changes too.
 constexpr struct {
     RequestRule applyFirewall{.adminOnly = false, .operation = "applyFirewall"};
     RequestRule removeFirewall{.adminOnly = false, .operation = "removeFirewall"};
@@ -33,7 +33,7 @@ constexpr struct {
     RequestRule setTarnvaleResolver{.adminOnly = false, .operation = "setTarnvaleResolver"};
 } rules;
 
-/// What a failed operation says of itself, logged and replied alike.
+/// Logs why an operation failed and makes the reply that says the same.
 ResultReply failure(const char* operation, const std::string& description) {
     helperLog(std::string(operation) + " failed: " + description);
     return {.result = std::nullopt, .error = description};

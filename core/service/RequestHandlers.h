@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The ten requests: who may make each, what it runs, and what it replies. Every request that
-// changes something takes the same road: restart the idle clock, ask whether the caller may, run
-// the operation, reply once. An operation that fails is logged and answered with one sentence.
+// changes something takes the same road: restart the idle clock, authorize the caller, run the
+// operation, reply once. A failed operation is logged and answered with the same sentence.
 
 #pragma once
 
@@ -20,7 +20,7 @@
 
 namespace tarnvale {
 
-/// Who may make a request, and what the log calls it.
+/// Who may make a request, and its name in the log.
 struct RequestRule {
     bool adminOnly;
     const char* operation;
@@ -29,7 +29,7 @@ struct RequestRule {
 /// Safe from any thread; requests of different connections run side by side.
 class RequestHandlers final : public TarnvaleAdminHelperProtocol {
 public:
-    /// All of these must outlive the process.
+    /// All of these must live until the process exits.
     RequestHandlers(
         HelperListener& listener,
         const platform::Transport& transport,
@@ -50,8 +50,8 @@ public:
     void shutdownForUpgrade(const std::function<void()>& reply) override;
 
 private:
-    /// The road that the requests share: `operation` gets the caller's uid and returns the result,
-    /// if it has one.
+    /// The road of every request that changes something. `operation` takes the caller's uid and
+    /// returns the result, if it has one.
     template <class Operation>
     ResultReply perform(const RequestRule& rule, const Operation& operation);
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Decimal integers in text, read digit by digit and within bounds. Nothing here depends on the
-// locale.
+// Reads decimal integers, within bounds. Nothing here depends on the locale.
 
 #pragma once
 
@@ -22,8 +21,8 @@ constexpr bool isDigit(char c) {
 
 enum class LeadingZeros { allowed, refused };
 
-/// Takes the number at the front of the text off it: all the ASCII digits there, without a sign.
-/// When there is none, or it exceeds `max`, the result is nothing and the text stays as it is.
+/// Removes the number at the front of the text, all the ASCII digits there, and returns it. If
+/// there is none, or it exceeds `max`, returns nothing and leaves the text as it is.
 template <std::unsigned_integral Number>
 std::optional<Number> takeNumber(
     std::string_view& text,
@@ -40,7 +39,7 @@ std::optional<Number> takeNumber(
     return value;
 }
 
-/// The number that the whole text is, read as `takeNumber` does.
+/// Reads the whole text as a number, as `takeNumber` does.
 template <std::unsigned_integral Number>
 std::optional<Number> parseNumber(
     std::string_view text,
@@ -50,8 +49,8 @@ std::optional<Number> parseNumber(
     return text.empty() ? value : std::nullopt;
 }
 
-/// The integer that the whole text is: an optional single sign, then ASCII digits, leading zeros
-/// allowed. Nothing when it is anything else or not from `min` to `max`.
+/// Reads the whole text as an integer: an optional single sign, then ASCII digits, with leading
+/// zeros allowed. Returns nothing for anything else, and for an integer outside `min` to `max`.
 std::optional<std::int64_t> parseDecimal(
     std::string_view text,
     std::int64_t min = std::numeric_limits<std::int64_t>::min(),

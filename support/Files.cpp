@@ -49,7 +49,7 @@ std::string quoted(std::string_view name) {
     return "“" + std::string(name) + "”";
 }
 
-/// Where the file system that holds the path, or what exists of it, is mounted.
+/// Where the file system is mounted that holds the path, or as much of the path as exists.
 std::string volumeOf(std::string path) {
     struct stat info {};
     while (::stat(path.c_str(), &info) != 0 && path != "/") {
@@ -96,7 +96,7 @@ std::string writeProblem(Operation operation, std::string_view path, int errorNu
     }
 }
 
-/// The one table of the sentences in which a failed file operation is told.
+/// The sentence that reports a failed file operation.
 std::string problem(Operation operation, std::string_view path, int errorNumber) {
     const auto file = quoted(splitPath(path).name);
     const bool isForbidden = errorNumber == EACCES || errorNumber == EPERM;
@@ -125,16 +125,16 @@ UniqueFd openFolder(const std::string& path) {
     return UniqueFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-/// Makes what the descriptor's file or folder holds survive a power cut.
+/// Makes the content of the descriptor's file or folder survive a power cut.
 bool synchronise(int fd) {
-// Asked for by its name and not by the system's: whoever has it has an fsync that stops at the
-// disk's own memory, which forgets.
+// A system that has F_FULLFSYNC has an fsync that stops at the disk's volatile cache. Hence the
+// test for the command, not for the system.
 #if defined(F_FULLFSYNC)
     if (uninterrupted([&] { return ::fcntl(fd, F_FULLFSYNC); }) == 0) {
         return true;
     }
-    // Volumes of a network and of foreign file systems don't know it, each in its own words; any
-    // other failure is one of the disk.
+    // Network volumes and foreign file systems don't support it and say so by any of these errors.
+    // Any other error is a failure of the disk.
     if (errno != ENOTSUP && errno != ENOTTY && errno != EINVAL) {
         return false;
     }
@@ -151,14 +151,14 @@ std::string temporaryName(const std::string& name) {
     return made;
 }
 
-/// Whether the entry is named as `temporaryName` names: somebody else's file never is.
+/// Whether `temporaryName` could have made the name. Other people's files have no such names.
 bool isTemporaryName(std::string_view entry, std::string_view prefix) {
     return entry.size() == prefix.size() + randomDigits && entry.starts_with(prefix) &&
            entry.find_first_not_of(hexDigits, prefix.size()) == std::string_view::npos;
 }
 
-/// Sweeps away what killed processes left of temporary files for this name. A younger one may be in
-/// use beside us and stays.
+/// Removes the temporary files for this name that killed processes left. A recent one stays:
+/// another process may be writing it.
 void removeLeftovers(const UniqueFd& folder, const std::string& name) {
     UniqueFd own(::openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(
@@ -180,7 +180,7 @@ void removeLeftovers(const UniqueFd& folder, const std::string& name) {
 
 struct Attributes {
     mode_t mode = 0;
-    std::optional<std::pair<uid_t, gid_t>> owner;  ///< as for every new file when absent
+    std::optional<std::pair<uid_t, gid_t>> owner;  ///< if absent, as for any new file
 };
 
 void replaceFile(const std::string& path, std::string_view bytes, const Attributes& attributes) {
@@ -194,7 +194,7 @@ void replaceFile(const std::string& path, std::string_view bytes, const Attribut
     UniqueFd file;
     do {
         temporary = temporaryName(name);
-        // A mode that only loses bits to the umask, so that nobody reads what is not for them.
+        // The umask can only take bits from this mode, so nobody reads what isn't for them.
         file.reset(::openat(
             folder.get(),
             temporary.c_str(),
@@ -215,7 +215,7 @@ void replaceFile(const std::string& path, std::string_view bytes, const Attribut
         ::unlinkat(folder.get(), temporary.c_str(), 0);
         throw FileError(Operation::write, path, error);
     }
-    // The new content stands. That its name survives a power cut too is part of the promise.
+    // The new content is in place. Its name has to survive a power cut too.
     if (!synchronise(folder.get())) {
         throw FileError(Operation::write, path, errno);
     }
@@ -228,13 +228,13 @@ FileError::FileError(Operation operation, std::string_view path, int errorNumber
     : std::runtime_error(problem(operation, path, errorNumber)), errorNumber_(errorNumber) {}
 
 std::optional<std::string> readFile(const std::string& path) {
-    // Not blocking, so that a FIFO in the file's place can't hold us up.
+    // Non-blocking, so that a FIFO in the file's place can't hold us up.
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat info {};
     if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         return std::nullopt;
     }
-    // One byte more than the file has, so that reading meets its end without another buffer.
+    // One byte more than the file has, so that reading reaches its end without a larger buffer.
     std::string bytes(static_cast<std::size_t>(info.st_size) + 1, '\0');
     std::size_t filled = 0;
     while (true) {
@@ -249,7 +249,7 @@ std::optional<std::string> readFile(const std::string& path) {
             return bytes;
         }
         if (filled == bytes.size()) {
-            bytes.resize(2 * filled);  // it has grown since
+            bytes.resize(2 * filled);  // the file has grown
         }
     }
 }
@@ -288,7 +288,7 @@ void makeFolders(const std::string& path, std::optional<mode_t> mode) {
     if (::mkdir(path.c_str(), mode.value_or(0777)) != 0) {
         const int error = errno;
         if (error == EEXIST && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-            return;  // somebody else has made it just now
+            return;  // somebody else has just created it
         }
         throw FileError(Operation::write, path, error);
     }
@@ -314,7 +314,7 @@ void removeFile(const std::string& path) {
     if (!folder || ::unlinkat(folder.get(), name.c_str(), 0) != 0) {
         error = errno;
     }
-    // Also when it was gone: whoever deleted it may have died before the folder was synchronised.
+    // Also if it was gone: whoever deleted it may have died before synchronising the folder.
     if (folder && !synchronise(folder.get()) && error == 0) {
         error = errno;
     }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// Whole files, written so that a crash or a power cut at any instant leaves the old content or the
-// new, never a part; and the sentences in which a failure is told.
+// Reads and writes whole files. A crash or a power cut at any instant leaves the old content or the
+// new, never a part. Failures become sentences for the user.
 //
-// A file is written under a hidden name of its own in the same folder, ".<name>.<16 hexadecimal
-// digits>", and then renamed. What a killed process left of such names is swept away by the next
-// write of the same file, once it is older than any write takes.
+// A file is written under a hidden temporary name in the same folder, ".<name>.<16 hexadecimal
+// digits>", and then renamed. If a killed process leaves such a file behind, the next write of the
+// same file removes it, once it is older than any write takes.
 
 #pragma once
 
@@ -23,7 +23,7 @@ class FileError : public std::runtime_error {
 public:
     enum class Operation {
         write,      ///< creating a file or folder, writing one, setting its mode
-        writeInto,  ///< writing a file when its folder may be what is missing
+        writeInto,  ///< writing a file whose folder may be missing
         remove,     ///< deleting a file
         launch,     ///< starting a program
     };
@@ -37,30 +37,27 @@ private:
     int errorNumber_;
 };
 
-/// All bytes of the regular file at `path`, links followed; nothing when it cannot be read.
+/// All bytes of the regular file at `path`, following links. Nothing if it can't be read.
 std::optional<std::string> readFile(const std::string& path);
 
-/// Makes `bytes` the content of the file at `path`, atomically and durably. The file has exactly
-/// `mode` from the first moment, whatever the umask is and whatever mode an older file had. A link
-/// at `path` is replaced, not followed. Throws `FileError`: the old content stands then, unless
-/// only its folder could not be synchronised, when a power cut may still bring the old content
-/// back.
+/// Makes `bytes` the content of the file at `path`, atomically and durably. Whatever the umask and
+/// the mode of an older file are, the new file appears with exactly `mode`. A link at `path` is
+/// replaced, not followed. Throws `FileError` and leaves the old content; only if synchronising the
+/// folder failed is the new content in place, and a power cut may still bring the old one back.
 void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode);
 
-/// The same for a file that is not ours: an existing file's mode, owner and group are kept, a new
-/// one gets 0644.
+/// The same for a file that isn't ours: keeps an existing file's mode, owner and group. A new file
+/// gets 0644.
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes);
 
-/// Makes the folder and those above it that are missing, each with mode 0777 less the umask, or
-/// with exactly `mode` where one is given. An existing folder is success and is left as it is.
-/// Throws `FileError`.
+/// Creates the folder and the missing ones above it, each with mode 0777 less the umask, or with
+/// exactly `mode` if one is given. Leaves an existing folder as it is. Throws `FileError`.
 void makeFolders(const std::string& path, std::optional<mode_t> mode = std::nullopt);
 
 /// Throws `FileError`.
 void setMode(const std::string& path, mode_t mode);
 
-/// Deletes the file or link at `path` for good: its folder is synchronised. Throws `FileError`,
-/// also when there is none.
+/// Deletes the file or link at `path` durably. Throws `FileError`, also if there is none.
 void removeFile(const std::string& path);
 
 }  // namespace tarnvale::support

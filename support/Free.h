@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Ownership of memory that C functions such as realpath hand over for free().
+// Owns memory from C functions such as realpath, whose callers have to free() it.
 
 #pragma once
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// How a record says what it is in JSON, which is read (JsonReader.h) and written (JsonWriter.h)
-// straight into and from records. A record names its fields once, and an enumeration lists its
-// cases, whose words are its `rawValue`; both stand beside the type:
+// How a record declares its form in JSON; JsonReader.h reads JSON straight into such records, and
+// JsonWriter.h writes it straight from them. A record names its members once, and an enumeration
+// lists its cases, whose words are their `rawValue`. Both declarations stand beside the type:
 //
 //     struct Record {
 //         std::string bsdName;
@@ -19,9 +19,9 @@
 //
 //     constexpr auto jsonCases(std::type_identity<Direction>) { return allDirections; }
 //
-// Besides records and enumerations a field may be a bool, a 64-bit integer, a double, a string, a
-// Uuid (its text), a ReferenceDate (its number), or an optional, a vector or a map by string of
-// what a field may be. Nothing here depends on the locale.
+// A field may be a record, an enumeration, a bool, a 64-bit integer, a double, a string, a Uuid
+// (its text), a ReferenceDate (its number), or an optional, a vector or a map by string of any of
+// these. Nothing here depends on the locale.
 
 #pragma once
 
@@ -34,10 +34,10 @@
 
 namespace tarnvale::support {
 
-/// Why a text could not be read or a value not written. what() is a part of a sentence, without a
-/// full stop: for a text that is no JSON it ends in the place, such as "at line 3, column 14", both
-/// counted from 1, columns in code points; for JSON of the wrong shape it names the path, such as
-/// `missing key "ports" at [0].policy.rules[2]`.
+/// Why a text could not be read or a value not written. what() is part of a sentence, without a
+/// full stop. For a text that isn't JSON it ends in the place, such as "at line 3, column 14",
+/// counted from 1, with columns in code points. For JSON of the wrong shape it names the path, as
+/// in `missing key "ports" at [0].policy.rules[2]`.
 class JsonError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

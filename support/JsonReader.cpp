@@ -39,7 +39,7 @@ void appendUtf8(std::string& out, unsigned codePoint) {
     }
 }
 
-/// The start of a value as it was written, as much as a sentence can bear.
+/// The start of a value as it was written, short enough for a sentence.
 std::string shortened(std::string_view written) {
     constexpr std::size_t maxLength = 40;
     if (written.size() <= maxLength) {
@@ -114,7 +114,7 @@ void JsonReader::read(Uuid& value) {
             return;
         }
     }
-    if (peek() == '"') {  // with escapes perhaps
+    if (peek() == '"') {  // perhaps with escapes
         if (const auto uuid = Uuid::parse(takeString())) {
             value = *uuid;
             return;
@@ -403,7 +403,7 @@ void JsonReader::failMissing(const char* object, std::string_view key) const {
 }
 
 std::string JsonReader::pathTo(const char* place) const {
-    // Everything before the place is known to be well-formed.
+    // Everything before the place has been read and is well-formed.
     struct Level {
         bool isObject;
         bool keyFollows;

@@ -4,10 +4,10 @@
 //
 //     auto records = support::decodeJson<std::vector<Record>>(bytes);
 //
-// The text has to be RFC 8259 in UTF-8 throughout: also in the values of members that no field asks
-// for, which are otherwise passed over, as is a byte order mark at the start. Of members with equal
-// keys the first counts. Types are exact: a bool is never a number, a number never a string; but an
-// integer may be written `5.0` or `5e0`.
+// The whole text has to be RFC 8259 in UTF-8, including the values of members that no field asks
+// for; these are otherwise skipped, as is a byte order mark at the start. Among members with equal
+// keys the first one counts. Types are exact: a bool is never a number, and a number is never a
+// string, but an integer may be written `5.0` or `5e0`.
 
 #pragma once
 
@@ -32,14 +32,15 @@
 
 namespace tarnvale::support {
 
-/// How many objects and arrays may be open inside one another.
+/// How deep objects and arrays may be nested.
 inline constexpr std::size_t maxJsonDepth = 512;
 
-/// The value that a UTF-8 JSON text stands for. Throws `JsonError`.
+/// Reads the value of a JSON text. Throws `JsonError`.
 template <class T>
 T decodeJson(std::string_view json);
 
-/// Calls `body` with each member and its place until one call returns true; whether one did.
+/// Calls `body` with each member and its place until one call returns true. Returns whether one
+/// did.
 template <JsonRecord T, class Body>
 bool anyJsonMember(const Body& body) {
     return [&]<std::size_t... place>(std::index_sequence<place...>) {
@@ -48,7 +49,7 @@ bool anyJsonMember(const Body& body) {
     (std::make_index_sequence<jsonMemberCount<T>>{});
 }
 
-/// Reads one JSON text, from its start to its end. Each `read` takes the next value.
+/// Reads one JSON text from start to end. Each `read` takes the next value.
 class JsonReader {
 public:
     /// The text must outlive the reader.
@@ -71,17 +72,17 @@ public:
     template <JsonRecord T>
     void read(T& record);
 
-    /// Passes over the next value, whatever it is.
+    /// Skips the next value, whatever it is.
     void skip();
 
-    /// Whether the next value begins as an array does.
+    /// Whether the next value is an array, judged by its first character.
     bool nextIsArray();
 
-    /// Makes sure that nothing but white space follows what was read.
+    /// Throws unless only white space is left.
     void end();
 
 private:
-    // Each of these first passes over white space.
+    // Each of these first skips white space.
     const char* nextToken() {
         while (next_ != end_ && isSpace(*next_)) {
             ++next_;
@@ -95,7 +96,7 @@ private:
     std::string_view key();
     bool takeNull();
 
-    // Each of these begins where the reader stands.
+    // Each of these starts at the current position.
     bool enter(char close);
     void takeColon();
     bool takeVerbatim(std::string_view text);
@@ -128,14 +129,14 @@ private:
         return c == ' ' || c == '\n' || c == '\r' || c == '\t';
     }
 
-    /// The next byte; 0 at the end, where no token goes on with that byte either.
+    /// The next byte; 0 at the end, which no token contains.
     char peek() const { return next_ != end_ ? *next_ : '\0'; }
 
     const char* begin_;
     const char* next_;
     const char* end_;
     std::size_t depth_ = 0;  ///< objects and arrays that are open
-    std::string unescaped_;  ///< what the last string with escapes stands for
+    std::string unescaped_;  ///< the meaning of the last string with escapes
 };
 
 inline bool JsonReader::anotherFollows(char close) {
@@ -149,7 +150,7 @@ inline bool JsonReader::anotherFollows(char close) {
     return next != close;
 }
 
-/// Takes the key and its colon, if it is next and written without escapes.
+/// Takes the key and its colon if the key is next and has no escapes.
 inline bool JsonReader::takeKey(std::string_view key) {
     nextToken();
     if (!takeVerbatim(key)) {
@@ -167,7 +168,7 @@ inline void JsonReader::takeColon() {
     ++next_;
 }
 
-/// Takes a string of exactly this text, if it is next and written without escapes.
+/// Takes a string of exactly this text if it is next and has no escapes.
 inline bool JsonReader::takeVerbatim(std::string_view text) {
     const std::size_t length = text.size();
     if (static_cast<std::size_t>(end_ - next_) < length + 2 || next_[0] != '"' ||
@@ -219,7 +220,7 @@ void JsonReader::read(T& value) {
             return;
         }
     }
-    if (peek() == '"') {  // with escapes perhaps
+    if (peek() == '"') {  // perhaps with escapes
         const std::string_view word = takeString();
         for (const T candidate : cases) {
             if (word == rawValue(candidate)) {
@@ -239,7 +240,7 @@ void JsonReader::read(T& record) {
     const char* const start = nextToken();
     bool open = beginObject();
 
-    // Whoever wrote the object most likely kept to the order of the fields.
+    // Most writers keep to the order of the fields, so try that first.
     anyJsonMember<T>([&](const auto& member, std::size_t i) {
         if (open && takeKey(member.key)) {
             seen[i] = true;
@@ -249,7 +250,7 @@ void JsonReader::read(T& record) {
         return !open;
     });
 
-    // What is left comes in another order, or for the second time, or is none of ours.
+    // The remaining members are out of order, repeated or unknown.
     while (open) {
         const std::string_view name = key();
         const bool wasRead = anyJsonMember<T>([&](const auto& member, std::size_t i) {

@@ -709,10 +709,10 @@ TEST(JsonTest, WritesTheFewestDecimalsThatReadBackEqual) {
         EXPECT_EQ(encodeJson(value, JsonForm::compact), text);
         EXPECT_EQ(decodeJson<double>(text), value);
     }
-    constexpr double most = std::numeric_limits<double>::max();
-    const std::string text = encodeJson(most, JsonForm::compact);
+    constexpr double max = std::numeric_limits<double>::max();
+    const std::string text = encodeJson(max, JsonForm::compact);
     EXPECT_EQ(text.size(), 309U);
-    EXPECT_EQ(decodeJson<double>(text), most);
+    EXPECT_EQ(decodeJson<double>(text), max);
 }
 
 TEST(JsonTest, ReadsEveryDoubleBackThatItWrites) {

@@ -17,8 +17,8 @@ namespace tarnvale::support {
 
 namespace {
 
-/// A number as digits, of which neither the first nor the last is 0, times a power of ten. Zero has
-/// no digits.
+/// A number as digits times a power of ten. Neither the first digit nor the last is 0; zero has no
+/// digits.
 struct DecimalParts {
     bool isNegative = false;
     std::string digits;
@@ -84,7 +84,7 @@ std::optional<std::int64_t> exactInteger(std::string_view number) {
 }
 
 std::optional<double> nearestDouble(std::string_view number) {
-    // strtod rounds right but wants the locale's decimal point.
+    // strtod rounds correctly but expects the locale's decimal point.
     std::string local(number);
     if (const auto point = local.find('.'); point != std::string::npos) {
         local.replace(point, 1, std::localeconv()->decimal_point);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The text of JSON as far as reader and writer share it: runs of plain characters, and numbers.
+// What JSON's reader and writer share: runs of plain characters in strings, and numbers.
 
 #pragma once
 
@@ -21,8 +21,8 @@ inline bool isPlainJson(char c) {
 
 /// Where the run of plain characters that begins at `next` ends.
 inline const char* plainEnd(const char* next, const char* end) {
-    // Eight at a time. A subtraction borrows only out of a byte that is itself to be found, so the
-    // lowest mark is always right, and only that one is used.
+    // Eight bytes at a time. A subtraction borrows only from bytes above one that has been found,
+    // so the lowest mark is always right, and only that one is used.
     if constexpr (std::endian::native == std::endian::little) {
         constexpr std::uint64_t ones = 0x0101010101010101;
         constexpr std::uint64_t highs = 0x8080808080808080;
@@ -45,14 +45,15 @@ inline const char* plainEnd(const char* next, const char* end) {
     return next;
 }
 
-/// The integer that a JSON number is, however it is written; nothing when it is another number or
-/// beyond 64 bits.
+/// The integer that a JSON number stands for, however it is written. Nothing if the number isn't an
+/// integer of 64 bits.
 std::optional<std::int64_t> exactInteger(std::string_view number);
 
-/// The double nearest to a JSON number; nothing when that is infinite, or 0 for another number.
+/// The double nearest to a JSON number. Nothing if that is infinite, or 0 for a number that isn't
+/// 0.
 std::optional<double> nearestDouble(std::string_view number);
 
-/// The decimal text without an exponent that has the fewest digits and reads back as the same.
+/// The shortest decimal text without an exponent that reads back as the same value.
 std::string shortestText(double value);
 
 }  // namespace tarnvale::support

@@ -28,12 +28,12 @@
 
 namespace tarnvale::support {
 
-/// How JSON is laid out: as Foundation's encoder does, with nothing between the tokens, or with one
-/// member or element a line.
+/// The layouts of Foundation's encoder: nothing between the tokens, or one member or element a
+/// line.
 enum class JsonForm { compact, pretty };
 
-/// The JSON text of a value. Throws `JsonError` for a double that is not finite and for a string
-/// that is not UTF-8.
+/// The JSON text of a value. Throws `JsonError` for a double that isn't finite and for a string
+/// that isn't UTF-8.
 template <class T>
 std::string encodeJson(const T& value, JsonForm form);
 
@@ -62,7 +62,7 @@ public:
     void write(std::int64_t value);
     void write(double value);
     void write(const std::string& value) { writeString(value); }
-    void write(const char* text) = delete;  ///< lest it be a bool
+    void write(const char* text) = delete;  ///< it would be written as a bool
     void write(const Uuid& value);
     void write(const ReferenceDate& value) { write(value.seconds); }
     template <class T>
@@ -105,7 +105,7 @@ private:
 
     JsonForm form_;
     std::size_t depth_ = 0;
-    bool isEmpty_ = false;  ///< the object or array that was opened last has nothing in it yet
+    bool isEmpty_ = false;  ///< whether the object or array that was opened last is still empty
     std::string text_;
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A mutex whose use clang checks at compile time (-Wthread-safety).
+// A mutex whose use clang checks at compile time (-Wthread-safety): GUARDED_BY names the lock of a
+// variable, REQUIRES the locks that a caller holds, EXCLUDES the locks that a caller must not hold.
 
 #pragma once
 
@@ -27,7 +28,7 @@ private:
     std::mutex mutex_;
 };
 
-/// Holds a Mutex for the length of a scope.
+/// Holds a Mutex for a scope.
 class TARNVALE_THREAD_ANNOTATION(scoped_lockable) MutexLock {
 public:
     explicit MutexLock(Mutex& mutex) TARNVALE_THREAD_ANNOTATION(acquire_capability(mutex))

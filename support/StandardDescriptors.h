@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// Descriptors 0 to 2, which whoever starts a program may have left closed.
+// Makes sure that descriptors 0 to 2 are open: whoever starts a program may have left them closed.
 
 #pragma once
 
 namespace tarnvale::support {
 
-/// Opens those that are closed on /dev/null; the next file or socket of ours would be taken for
-/// one of them. The first thing that a program does. Children share them.
+/// Opens the closed ones on /dev/null; otherwise the next file or socket we open would become
+/// standard input, output or error. A program calls this first. Children inherit them.
 void openStandardDescriptors() noexcept;
 
 }  // namespace tarnvale::support

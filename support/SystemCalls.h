@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// System calls as nearly everybody wants them: made again when a signal interrupts them, and
-// repeated until every byte is written.
+// What nearly every system call needs: another attempt after a signal has interrupted it, and, for
+// write, after only a part was written.
 
 #pragma once
 
@@ -13,7 +13,7 @@
 
 namespace tarnvale::support {
 
-/// What the system call returns, once no signal interrupts it.
+/// Repeats the system call while signals interrupt it; returns its last result.
 template <class Call>
 auto uninterrupted(const Call& call) {
     auto result = call();
@@ -23,7 +23,7 @@ auto uninterrupted(const Call& call) {
     return result;
 }
 
-/// Writes all bytes, in as many pieces as it takes; false, with the errno, when that fails.
+/// Writes all bytes, in as many pieces as it takes. Returns false and leaves the errno on failure.
 inline bool writeAll(int fd, std::string_view bytes) noexcept {
     while (!bytes.empty()) {
         const auto written = uninterrupted([&] { return ::write(fd, bytes.data(), bytes.size()); });

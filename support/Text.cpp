@@ -12,7 +12,7 @@ namespace tarnvale::support {
 
 namespace {
 
-// White space first, then the line ends, so that each trim set is a stretch of one table.
+// White space first, then the line ends, so that each trim set is a part of one table.
 constexpr std::array<std::string_view, 26> blanks = {
     "\t",     " ",      "\u00A0", "\u1680", "\u2000", "\u2001", "\u2002", "\u2003", "\u2004",
     "\u2005", "\u2006", "\u2007", "\u2008", "\u2009", "\u200A", "\u200B", "\u202F", "\u205F",
@@ -27,12 +27,12 @@ constexpr std::uint8_t byteAt(std::string_view text, std::size_t place) {
     return static_cast<std::uint8_t>(text[place]);
 }
 
-/// True for the bytes that no blank begins or ends with: visible ASCII, nearly all of what we see.
+/// True for visible ASCII, with which no blank begins or ends. Nearly all bytes are visible ASCII.
 constexpr bool isVisibleAscii(char c) {
     return c > ' ' && c < '\x7F';
 }
 
-/// The length of the blank that the text begins with; 0 when it begins with none.
+/// The length of the blank at the start of the text; 0 if there is none.
 std::size_t leadingBlank(std::string_view text, BlankSet set) {
     if (text.empty() || isVisibleAscii(text.front())) {
         return 0;
@@ -67,7 +67,7 @@ std::string_view trim(std::string_view text, BlankSet set) {
     return text;
 }
 
-/// How many bytes the line break at this place has; 0 when there is none.
+/// The length of the line break at this place in bytes; 0 if there is none.
 std::size_t lineBreakLength(std::string_view text, std::size_t place) {
     switch (byteAt(text, place)) {
         case '\n':
@@ -86,7 +86,7 @@ std::size_t lineBreakLength(std::string_view text, std::size_t place) {
     }
 }
 
-/// How many bytes at the front are ASCII, found a word at a time; up to seven too few.
+/// How many bytes at the front are ASCII, counted by words; up to seven too few.
 std::size_t asciiLength(std::string_view bytes) {
     std::size_t length = 0;
     std::uint64_t word = 0;
@@ -100,7 +100,7 @@ std::size_t asciiLength(std::string_view bytes) {
     return length;
 }
 
-/// A character, or the longest beginning of one where the bytes stop being UTF-8.
+/// A character, or the longest prefix of one where the bytes stop being UTF-8.
 struct Part {
     std::size_t length = 1;
     bool isCharacter = false;
@@ -139,7 +139,7 @@ std::size_t validLength(std::string_view bytes) {
     std::size_t length = 0;
     while (length < bytes.size()) {
         length += asciiLength(bytes.substr(length));
-        // Past an ASCII run at least a word's worth of characters is looked at one by one.
+        // After a run of ASCII, look at a word's worth of bytes one character at a time.
         const std::size_t end = std::min(bytes.size(), length + sizeof(std::uint64_t));
         while (length < end) {
             const Part part = partAt(bytes, length);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Ownership of one open file descriptor.
+// Owns one open file descriptor.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace tarnvale::support {
 
-/// Closes the descriptor it holds. Moves, never copies; -1 means that it holds none.
+/// Closes its descriptor when it ends. Movable, not copyable; -1 means that it holds none.
 class UniqueFd {
 public:
     UniqueFd() noexcept = default;
@@ -28,7 +28,7 @@ public:
     int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ >= 0; }
 
-    /// Gives the descriptor up to the caller.
+    /// Hands the descriptor over to the caller.
     int release() noexcept { return std::exchange(fd_, -1); }
 
     void reset(int fd = -1) noexcept {

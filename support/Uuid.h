@@ -19,16 +19,15 @@ struct Uuid {
 
     std::array<std::uint8_t, 16> bytes{};  ///< in the order in which the text shows them
 
-    /// The 36 characters that the text form has, hexadecimal digits of either case. Anything else
-    /// is nothing.
+    /// Takes exactly the 36 characters of the text form, with hexadecimal digits of either case.
     static std::optional<Uuid> parse(std::string_view text);
 
-    /// 36 characters, upper case. Sorting these texts is sorting the bytes.
+    /// 36 characters, upper case. These texts sort as the bytes do.
     std::string text() const;
     void appendTo(std::string& out) const;
 
-    // The result is named, not deduced: where arrays have no <=> the compiler makes it out of
-    // their == and <.
+    // With the result type spelled out, the compiler can derive <=> from == and < where arrays have
+    // no <=>.
     // NOLINTNEXTLINE(modernize-use-nullptr): it takes the 0 of the defaulted <=> for a pointer
     std::strong_ordering operator<=>(const Uuid&) const = default;
 };

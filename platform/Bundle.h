@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What the running program says of itself in its information dictionary.
+// What the running program's information dictionary says about it.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 namespace tarnvale::platform {
 
 /// The value of "CFBundleShortVersionString"; nothing when there is no dictionary, no such key, or
-/// the value is no string. On Linux it is put into the program at build time.
+/// the value isn't a string. On Linux the build puts the value into the program.
 std::optional<std::string> bundleShortVersion();
 
 }  // namespace tarnvale::platform

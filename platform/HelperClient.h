@@ -14,8 +14,8 @@
 
 namespace tarnvale::platform {
 
-/// Each method sends its request, waits for the reply and returns it; `shutdownForUpgrade` calls
-/// its `reply` then. One that gets no reply throws `HelperClientError`. For use by one thread.
+/// Each method sends its request, waits for the reply and returns it; `shutdownForUpgrade` then
+/// calls its `reply`. Without a reply a method throws `HelperClientError`. For use by one thread.
 using HelperClient = TarnvaleAdminHelperProtocol;
 
 /// Why there is no reply; what() is the whole sentence that the user reads.
@@ -23,13 +23,13 @@ class HelperClientError : public std::runtime_error {
 public:
     enum class Case { notReachable, notAdmitted, noReply };
 
-    /// Nobody answers where the helper listens; `reason` is the system's own text, without a full
+    /// Nobody answers where the helper listens. `reason` is the system's own text without its full
     /// stop.
     static HelperClientError notReachable(const std::string& reason) {
         return {Case::notReachable, "Could not reach the helper: " + reason + "."};
     }
 
-    /// The connection was ended before the helper had answered anything.
+    /// The helper closed the connection before it answered anything.
     static HelperClientError notAdmitted() {
         return {
             Case::notAdmitted,
@@ -37,7 +37,7 @@ public:
             "connections already."};
     }
 
-    /// The helper was asked; what it has done of it is not known.
+    /// The request was sent. Whether the helper carried it out isn't known.
     static HelperClientError noReply(const std::string& reason) {
         return {Case::noReply, "The helper gave no reply: " + reason + "."};
     }
@@ -51,16 +51,17 @@ private:
     Case case_;
 };
 
-/// How long the helper may take to admit this process. It may have to be started first, and before
-/// it listens to anybody it enforces again what is stored.
+/// How long the helper may take to admit this process. The system may have to start it first, and
+/// before it listens it enforces the stored policies again.
 inline constexpr std::chrono::seconds admissionLimit{60};
 
-/// How long it may take to reply. An apply waits for those of other users, and each of them may
-/// find the packet filter busy for seconds.
+/// How long the helper may take to reply. An apply waits for those of other users, and each of them
+/// may find the packet filter busy for seconds.
 inline constexpr std::chrono::seconds replyLimit{120};
 
-/// Connects to the helper, which the system starts if need be, and waits until it has admitted this
-/// process. Throws `HelperClientError`. Defined once in platform/macos and once in platform/linux.
+/// Connects to the helper, which the system starts if necessary, and waits until it has admitted
+/// this process. Throws `HelperClientError`. Defined once in platform/macos and once in
+/// platform/linux.
 std::unique_ptr<HelperClient> connectToHelper();
 
 }  // namespace tarnvale::platform

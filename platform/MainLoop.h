@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The process's clock and the work it does without being asked.
+// The process's clock, and the work that it does without a request.
 
 #pragma once
 
@@ -19,15 +19,15 @@ public:
     /// The wall clock.
     virtual Clock::time_point now() = 0;
 
-    /// Runs `work` on a thread that is not the caller's, first after one period, then at each
-    /// further one, never twice at a time. Called once, before `run`.
+    /// Runs `work` at the end of each period, on a thread other than the caller's and never twice
+    /// at a time. Called once, before `run`.
     virtual void repeat(std::chrono::milliseconds period, std::function<void()> work) = 0;
 
-    /// Runs `work` once, after the delay, on a thread that is not the caller's.
+    /// Runs `work` once, after the delay, on a thread other than the caller's.
     virtual void runAfter(std::chrono::milliseconds delay, std::function<void()> work) = 0;
 
-    /// Ends the process at once with this status, from any thread: other threads may be working, so
-    /// nothing is torn down.
+    /// Ends the process at once with this status, from any thread. Nothing is torn down, because
+    /// other threads may be at work.
     [[noreturn]] virtual void exitProcess(int status) = 0;
 
     /// Hands the main thread over for good.

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The system's network preferences, as far as VLAN interfaces go. A session sees the interfaces as
-// they were when it was opened, and its own changes. What it creates and removes is staged: the
-// system takes it over at commit and apply.
+// The system's network preferences, as far as they concern VLAN interfaces. A session sees the
+// interfaces as they were when it was opened, and its own changes. Those are staged: the system
+// takes them over at commit and apply.
 
 #pragma once
 
@@ -16,12 +16,12 @@
 
 namespace tarnvale::platform {
 
-/// An interface as one session knows it. It means nothing to another session and nothing after
-/// its own has ended.
+/// An interface as one session knows it. It means nothing to another session, nor after its own has
+/// ended.
 enum class InterfaceID : std::size_t {};
 
 /// One look at the preferences, and changes to them. A change that was not committed and applied
-/// is gone with its session.
+/// ends with its session.
 class NetworkPreferencesSession {
 public:
     NetworkPreferencesSession() = default;
@@ -29,11 +29,11 @@ public:
     NetworkPreferencesSession& operator=(const NetworkPreferencesSession&) = delete;
     virtual ~NetworkPreferencesSession() = default;
 
-    /// The interfaces that can carry a VLAN, in the system's order; none where it has no list.
+    /// The interfaces that can carry a VLAN, in the system's order; none if it has no list.
     virtual std::vector<InterfaceID> physicalInterfaces() = 0;
 
-    /// All VLAN interfaces, those that this session has created included; none where the system
-    /// has no list.
+    /// All VLAN interfaces, including those that this session has created; none if the system has
+    /// no list.
     virtual std::vector<InterfaceID> vlanInterfaces() = 0;
 
     /// An interface need not have a name, nor a VLAN interface a tag or a parent.
@@ -41,10 +41,10 @@ public:
     virtual std::optional<std::int64_t> tag(InterfaceID vlan) = 0;
     virtual std::optional<InterfaceID> parent(InterfaceID vlan) = 0;
 
-    /// Nothing when the system refuses. The tag reaches the system as it is, whatever it is.
+    /// Nothing when the system refuses. Any tag is passed to the system as it is.
     virtual std::optional<InterfaceID> createVLAN(InterfaceID parent, std::int64_t tag) = 0;
 
-    /// These are false when the system refuses.
+    /// False when the system refuses.
     virtual bool setDisplayName(InterfaceID vlan, std::string_view name) = 0;
     virtual bool remove(InterfaceID vlan) = 0;
 
@@ -60,7 +60,7 @@ class NetworkPreferences {
 public:
     virtual ~NetworkPreferences() = default;
 
-    /// Opens a session, which the system knows by the process's name. Null when it cannot be had.
+    /// Opens a session, which the system knows by the process's name. Null when that fails.
     virtual std::unique_ptr<NetworkPreferencesSession> open(std::string_view processName) = 0;
 };
 

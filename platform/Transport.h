@@ -18,7 +18,7 @@
 
 namespace tarnvale::platform {
 
-/// A connection that a peer has opened and that nobody has admitted yet.
+/// A connection that a peer has opened and nobody has admitted yet.
 class NewConnection {
 public:
     virtual ~NewConnection() = default;
@@ -29,20 +29,21 @@ public:
     /// The effective user ID that the peer had when it connected.
     virtual uid_t effectiveUserID() const = 0;
 
-    /// Has every message checked against this requirement before it is read. A connection whose
-    /// peer fails it ends. False when the requirement itself is not well-formed.
+    /// Has the peer checked against this requirement before every message is read; if it fails, the
+    /// connection ends. False when the requirement itself isn't well-formed.
     virtual bool setCodeSigningRequirement(const std::string& requirement) = 0;
 
-    /// Called once, on the connection's queue, when the admitted connection has ended.
+    /// The handler is called once, on the connection's queue, when the admitted connection has
+    /// ended.
     virtual void setInvalidationHandler(std::function<void()> handler) = 0;
 };
 
-/// Who decides on connections.
+/// Decides on connections.
 class TransportDelegate {
 public:
     virtual ~TransportDelegate() = default;
 
-    /// False turns the peer away: nothing that it sends is read. Called from any thread.
+    /// False turns the peer away: nothing that it sends is read. Called on any thread.
     virtual bool shouldAcceptNewConnection(NewConnection& connection) = 0;
 };
 
@@ -65,8 +66,9 @@ public:
     virtual std::optional<uid_t> currentEffectiveUserID() const = 0;
 };
 
-/// The transport of this machine. `codeSigning`, which must outlive it, checks the messages where
-/// the system does not do so by itself. Defined once in platform/macos and once in platform/linux.
+/// The transport of this machine. `codeSigning`, which must outlive it, checks the peer before each
+/// message where the system doesn't do so by itself. Defined once in platform/macos and once in
+/// platform/linux.
 std::unique_ptr<Transport> makeTransport(CodeSigning& codeSigning);
 
 }  // namespace tarnvale::platform

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The system's users: who belongs to a group, and who sits at the machine. A question that cannot
-// be answered is answered "no".
+// The system's users: who belongs to a group, and who sits at the machine. If a question can't be
+// answered, the answer is "no".
 
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace tarnvale::platform {
 
-/// Whom the console belongs to.
+/// Whoever has the console.
 struct ConsoleUser {
     std::string name;
     uid_t uid;
@@ -22,16 +22,16 @@ struct ConsoleUser {
     bool operator==(const ConsoleUser&) const = default;
 };
 
-/// The name that the console user has while the login window shows and nobody is logged in.
+/// The console user's name while the login window shows and nobody is logged in.
 inline constexpr std::string_view loginWindowName = "loginwindow";
 
-/// Asks afresh each time, and may wait for a directory server. Safe from any thread.
+/// Asks anew each time, and may wait for a directory server. Safe from any thread.
 class Users {
 public:
     virtual ~Users() = default;
 
-    /// Whether the group is the user's own or has the user as a member, groups within it included
-    /// where the system knows them. False for an unknown user.
+    /// Whether the group is the user's own or has the user as a member, also by way of groups
+    /// within it where the system knows those. False for an unknown user.
     virtual bool isMember(uid_t uid, gid_t group) = 0;
 
     /// Nothing when nobody has the console.

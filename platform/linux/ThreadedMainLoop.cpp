@@ -36,7 +36,7 @@ public:
             try {
                 task.work();
             } catch (...) {
-                // For want of memory it is left out this time.
+                // Out of memory: it is left out this time.
             }
             if (task.period > 0ms) {
                 schedule(time + task.period, std::move(task));
@@ -45,7 +45,7 @@ public:
     }
 
 private:
-    // Like launchd's timers it does not count the time that the machine sleeps.
+    // Like launchd's timers, this clock doesn't count the time that the machine sleeps.
     using SteadyClock = std::chrono::steady_clock;
 
     struct Task {

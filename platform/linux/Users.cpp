@@ -58,7 +58,7 @@ std::vector<gid_t> groupsOf(const Account& account) {
     return {};
 }
 
-/// What one of sd-login's functions says, or nothing when it fails.
+/// The answer of one of sd-login's functions; nothing when it fails.
 template <typename Function>
 std::optional<std::string> answer(Function function, const char* of) {
     char* text = nullptr;
@@ -89,7 +89,7 @@ public:
     std::optional<ConsoleUser> consoleUser() override {
         const auto& login = LibSystemd::get();
         const auto session = activeSessionOfTheConsole();
-        // A session that is being closed has no user any more.
+        // A session that is being closed no longer has a user.
         if (!session || answer(login.sd_session_get_state, session->c_str()) != "active") {
             return std::nullopt;
         }

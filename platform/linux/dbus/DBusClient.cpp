@@ -23,7 +23,7 @@
 namespace tarnvale::platform {
 namespace {
 
-/// What the helper says of a request that it doesn't understand.
+/// What the helper replies to a request that it doesn't understand.
 struct BusError {
     BusError() = default;
     BusError(const BusError&) = delete;
@@ -41,12 +41,12 @@ std::string textOf(int error) {
     return std::generic_category().message(error);
 }
 
-/// Whether the error says that the other side has ended the connection.
+/// Whether the error means that the other side has closed the connection.
 bool isClosed(int error) {
     return error == ECONNRESET || error == EPIPE || error == ENOTCONN || error == ESHUTDOWN;
 }
 
-/// Passes a result of sd-bus on while the helper hasn't admitted us; a negative one is an errno.
+/// Passes on a result of sd-bus while the helper hasn't admitted us. A negative one is an errno.
 int requireAdmission(int result) {
     if (result >= 0) {
         return result;
@@ -127,7 +127,7 @@ public:
     }
 
 private:
-    /// The handshake, and a first reply: a peer that isn't admitted never gets one.
+    /// Waits for the handshake and a first reply, which only an admitted peer gets.
     void awaitAdmission() {
         const auto deadline = Deadline::in(admissionLimit);
         while (requireAdmission(systemd().sd_bus_is_ready(bus_.get())) == 0) {
@@ -145,7 +145,7 @@ private:
         requireAdmission(systemd().sd_bus_message_new_method_call(
             bus_.get(), &made, nullptr, wire::objectPath, "org.freedesktop.DBus.Peer", "Ping"));
         const Message ping(made);
-        // No time at all would be taken for no limit.
+        // sd-bus takes zero for no limit.
         const auto left = std::max<std::uint64_t>(microseconds(deadline.left()), 1);
         requireAdmission(systemd().sd_bus_call(bus_.get(), ping.get(), left, nullptr, nullptr));
     }
@@ -157,7 +157,7 @@ private:
         return Message(made);
     }
 
-    /// D-Bus carries text only; whatever else a caller gives is a name that nothing has.
+    /// D-Bus carries only text; anything else that a caller gives is repaired, and names nothing.
     static void append(const Message& call, std::string_view text) {
         require(systemd().sd_bus_message_append_basic(
             call.get(), SD_BUS_TYPE_STRING, support::repairedUtf8(text).c_str()));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// One peer-to-peer D-Bus connection: its admission, its requests one at a time, its end. All of it
+// One peer-to-peer D-Bus connection: its admission, its requests one at a time, its end. It all
 // runs on one thread, the connection's serial queue.
 
 #pragma once
@@ -19,7 +19,7 @@ namespace tarnvale::platform {
 
 class DBusConnection final : public NewConnection {
 public:
-    /// How long a peer may take from connecting until it is authenticated, our own checks included.
+    /// How long a peer may take from connecting until it is authenticated, including our checks.
     static constexpr std::chrono::seconds handshakeLimit{10};
 
     /// Takes over the connected, non-blocking `socket` of a peer that had this effective user ID
@@ -31,7 +31,7 @@ public:
     bool setCodeSigningRequirement(const std::string& requirement) override;
     void setInvalidationHandler(std::function<void()> handler) override;
 
-    /// Serves the peer until the connection ends, if the delegate admits it.
+    /// If the delegate admits the peer, serves it until the connection ends.
     void run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported);
 
 private:
@@ -48,7 +48,7 @@ private:
     std::function<void()> invalidationHandler_;
 };
 
-/// The effective user ID of the connection that this thread is serving a request of.
+/// The effective user ID of the connection whose request this thread is serving.
 std::optional<uid_t> effectiveUserIDOfRequest();
 
 }  // namespace tarnvale::platform

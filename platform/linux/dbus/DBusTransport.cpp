@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The transport on Linux: peer-to-peer D-Bus on a Unix stream socket, one thread for a connection.
-// One more thread accepts, and does nothing that a peer could hold up.
+// The transport on Linux: peer-to-peer D-Bus on a Unix stream socket, with one thread for each
+// connection. One more thread accepts, and does nothing that a peer could hold up.
 
 #include <cerrno>
 #include <chrono>
@@ -91,12 +91,12 @@ std::optional<uid_t> userOf(int socket) {
     return credentials.uid;
 }
 
-/// One connection and its place.
+/// One connection and its slot.
 struct OpenConnection {
     OpenConnection(ConnectionSlots::Slot itsSlot, UniqueFd socket, uid_t uid, CodeSigning& signing)
         : slot(std::move(itsSlot)), connection(std::move(socket), uid, signing) {}
 
-    ConnectionSlots::Slot slot;  ///< outlives the connection: it is taken until all is closed
+    ConnectionSlots::Slot slot;  ///< outlives the connection: taken until everything is closed
     DBusConnection connection;
 };
 
@@ -114,7 +114,7 @@ public:
         return connections_.begin();
     }
 
-    /// Destroys the connection, on the caller's thread and beside all others: it may take long.
+    /// Destroys the connection without the lock: that may take long.
     void end(Place place) {
         std::list<OpenConnection> ended;
         const support::MutexLock lock(mutex_);
@@ -159,7 +159,7 @@ private:
         }
     }
 
-    /// Gives the connection a thread of its own; one for which there is no room is closed.
+    /// Gives the connection a thread of its own, or closes it when there is no room.
     void begin(
         TransportDelegate& delegate,
         TarnvaleAdminHelperProtocol& exported,
@@ -184,12 +184,12 @@ private:
                 return open_.add(std::move(*slot), std::move(socket), *uid, codeSigning_);
             }
         } catch (...) {
-            // There is no memory for it.
+            // Out of memory for it.
         }
         return std::nullopt;
     }
 
-    /// The thread ends the connection when it is done. False if there is no thread to be had.
+    /// The thread ends the connection when it is done. False when no thread can be started.
     bool startThread(
         TransportDelegate& delegate,
         TarnvaleAdminHelperProtocol& exported,
@@ -199,7 +199,7 @@ private:
                 try {
                     place->connection.run(delegate, exported);
                 } catch (...) {
-                    // What fails here, for want of memory, is this connection alone.
+                    // Out of memory: this fails the connection alone.
                 }
                 open_.end(place);
             }).detach();

@@ -37,9 +37,11 @@ constexpr int firstPassedDescriptor = 3;
     throw TransportError(what + ": " + std::generic_category().message(errorNumber) + ".");
 }
 
-std::optional<int> number(const char* text) {
+std::optional<int> numberIn(const char* variable) {
     constexpr unsigned max = std::numeric_limits<int>::max();
-    return text != nullptr ? support::parseNumber<unsigned>(text, max) : std::nullopt;
+    const char* const text = std::getenv(variable);
+    const auto value = text != nullptr ? support::parseNumber<unsigned>(text, max) : std::nullopt;
+    return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
 }
 
 int socketOption(int fd, int option) {
@@ -77,7 +79,7 @@ UniqueFd newSocket() {
     return fd;
 }
 
-/// Makes sure that what is at the path, if anything, is a socket that nobody listens on.
+/// Makes sure that the path is free, or a socket that nobody listens on.
 void requireStaleOrAbsent() {
     const std::string path = listeningSocketPath;
     struct stat info {};
@@ -104,8 +106,8 @@ void requireStaleOrAbsent() {
 UniqueFd makeSocket() {
     requireStaleOrAbsent();
 
-    // It is bound under a name of its own and renamed when it is ready, so that at its true path it
-    // always has its mode and somebody who listens.
+    // The socket is bound under a temporary name and renamed when it is ready. So whatever is at
+    // the true path always has its mode, and somebody listens.
     const std::string path = listeningSocketPath;
     const std::string temporary = path + "." + std::to_string(::getpid());
     const auto address = addressOf(temporary);
@@ -126,8 +128,8 @@ UniqueFd makeSocket() {
 }  // namespace
 
 int takePassedSockets() {
-    const auto pid = number(std::getenv("LISTEN_PID"));
-    const auto count = number(std::getenv("LISTEN_FDS"));
+    const auto pid = numberIn("LISTEN_PID");
+    const auto count = numberIn("LISTEN_FDS");
     for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) {
         ::unsetenv(name);
     }
@@ -141,8 +143,8 @@ UniqueFd openListeningSocket(int passedSockets) {
             " were passed.");
     }
     auto fd = passedSockets == 0 ? makeSocket() : adoptPassedSocket(firstPassedDescriptor);
-    // No request carries descriptors, and closing somebody else's may take as long as he likes. The
-    // kernel can refuse them since Linux 6.16; before, each is closed where it turns up.
+    // No request carries descriptors, and closing a peer's can take as long as the peer likes.
+    // Since Linux 6.16 the kernel can refuse them; before, each is closed where it turns up.
     const int no = 0;
     ::setsockopt(fd.get(), SOL_SOCKET, SO_PASSRIGHTS, &no, sizeof no);
     return fd;

@@ -10,12 +10,13 @@ namespace tarnvale::platform {
 
 inline constexpr const char* listeningSocketPath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 
-/// How many sockets systemd has passed to this process. Takes the variables that say so out of the
-/// environment, so that no child takes them for its own; nothing else may read it meanwhile.
+/// How many sockets systemd has passed to this process. Removes the variables that say so from the
+/// environment, so that no child takes them for its own. Nothing else may read the environment
+/// meanwhile.
 int takePassedSockets();
 
 /// The listening stream socket: the one that systemd passed to this process, or a new one at
-/// `listeningSocketPath`, which every user may connect to. A socket file that nobody listens on is
+/// `listeningSocketPath`, to which every user may connect. A socket file that nobody listens on is
 /// replaced; anything else at that path is left alone. Throws `TransportError`.
 support::UniqueFd openListeningSocket(int passedSockets);
 

@@ -34,8 +34,8 @@ std::string carriable(const std::string& text) {
     return carried;
 }
 
-/// Makes room in the socket for a reply as a whole beside what the peer has not taken yet, so that
-/// it leaves at once: sd-bus would go on reading requests beside a reply that is written in parts.
+/// Makes room in the socket for the whole reply beside what the peer has not taken yet, so that it
+/// leaves at once. While sd-bus writes a reply in parts, it goes on reading requests.
 void makeRoom(ProtocolObject& object, std::size_t size) {
     int waiting = 0;
     if (::ioctl(object.socket, SIOCOUTQ, &waiting) != 0) {
@@ -50,7 +50,7 @@ void makeRoom(ProtocolObject& object, std::size_t size) {
         ::setsockopt(object.socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0;
 }
 
-/// Replies with the optional texts, each an array of none or one.
+/// Replies with the optional texts, each an array of no element or one.
 int reply(
     sd_bus_message* call,
     ProtocolObject& object,
@@ -114,7 +114,7 @@ std::string_view nextBytes(sd_bus_message* call) {
 
 using Handler = int (*)(sd_bus_message* call, ProtocolObject& object);
 
-/// Calls a handler from C: no exception leaves, each failure is an error reply.
+/// Calls a handler from C. No exception leaves; each failure becomes an error reply.
 template <Handler handler>
 int entry(sd_bus_message* call, void* object, sd_bus_error* /*error*/) noexcept {
     try {
@@ -175,7 +175,7 @@ int shutdownForUpgrade(sd_bus_message* call, ProtocolObject& object) {
     return 1;
 }
 
-/// A peer that takes us for a message bus asks for its name first.
+/// A peer that takes us for a message bus first asks for its name.
 int hello(sd_bus_message* call, ProtocolObject& /*object*/) {
     if (systemd().sd_bus_message_get_expect_reply(call) == 0) {
         return 1;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The ten methods as a D-Bus object: arguments are taken from the message, replies put into one.
+// The ten methods as a D-Bus object: takes arguments from messages and puts replies into them.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace tarnvale::platform {
 
-/// What the object's methods work with while a connection lasts.
+/// What the object's methods work with while the connection lasts.
 struct ProtocolObject {
     TarnvaleAdminHelperProtocol& exported;
     int socket = -1;              ///< the connection's descriptor, borrowed
@@ -20,8 +20,8 @@ struct ProtocolObject {
 /// Resets the send buffer to 128 KiB: room for many small replies, not for a large one.
 void restoreSendBuffer(int socket);
 
-/// Puts the object on the bus, and the little of the bus driver that clients of a message bus
-/// expect. `object` must outlive the bus. Throws `std::system_error`.
+/// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.
+/// `object` must outlive the bus. Throws `std::system_error`.
 void exportProtocol(sd_bus* bus, ProtocolObject& object);
 
 }  // namespace tarnvale::platform

@@ -27,7 +27,7 @@ struct MessageUnref {
 };
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
-/// Passes a result of sd-bus on. A negative one is an errno and thrown as a `std::system_error`.
+/// Passes on a result of sd-bus. A negative one is an errno, and thrown as a `std::system_error`.
 inline int checkBus(int result) {
     if (result < 0) {
         throw std::system_error(-result, std::generic_category());

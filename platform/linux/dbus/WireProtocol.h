@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The ten methods as D-Bus carries them: the one table of their names and types, for the service
-// and for its client. An optional text is an array of none or one.
+// and for its client. An optional text is an array of no element or one.
 
 #pragma once
 
@@ -30,7 +30,7 @@ inline constexpr Method removeCLISymlink{"RemoveCLISymlink", "", "as", "error\0"
 inline constexpr Method setTarnvaleResolver{"SetTarnvaleResolver", "b", "as", "enabled\0error\0"};
 inline constexpr Method shutdownForUpgrade{"ShutdownForUpgrade", "", "", ""};
 
-/// What a peer that takes us for a message bus asks first: its name on the bus.
+/// A peer that takes us for a message bus first asks for its name on it.
 inline constexpr const char* driverPath = "/org/freedesktop/DBus";
 inline constexpr const char* driverInterface = "org.freedesktop.DBus";
 inline constexpr Method hello{"Hello", "", "s", "uniqueName\0"};

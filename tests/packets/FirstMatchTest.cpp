@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/packets/PacketFilterModel.h"
+#include "tests/support/PacketFilterModel.h"
 #include "tests/packets/PacketTest.h"
 
 namespace tarnvale::test {

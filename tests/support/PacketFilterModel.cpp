@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "tests/packets/PacketFilterModel.h"
+#include "tests/support/PacketFilterModel.h"
 
 #include <algorithm>
 #include <iterator>

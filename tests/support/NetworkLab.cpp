@@ -52,8 +52,8 @@ void setKernelValue(const std::string& name, int value) {
     }
 }
 
-/// Whether a part of the kernel's netfilter is there: it understands this question.
-bool netfilterAnswers(int subsystem, int message) {
+/// The error by which a part of the kernel's netfilter answers the question; 0 when it understands.
+int netfilterError(int subsystem, int message) {
     const support::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
     struct {
         nlmsghdr header;
@@ -64,12 +64,17 @@ bool netfilterAnswers(int subsystem, int message) {
     question.header.nlmsg_flags = NLM_F_REQUEST;
     question.body.version = NFNETLINK_V0;
     if (::send(fd.get(), &question, sizeof question, 0) != sizeof question) {
-        return false;
+        return errno;
     }
-    nlmsghdr answer{};
-    return ::recv(fd.get(), &answer, sizeof answer, MSG_TRUNC) >=
-               static_cast<ssize_t>(sizeof answer) &&
-           answer.nlmsg_type != NLMSG_ERROR;
+    struct {
+        nlmsghdr header;
+        nlmsgerr body;
+    } answer{};
+    if (::recv(fd.get(), &answer, sizeof answer, MSG_TRUNC) <
+        static_cast<ssize_t>(sizeof answer.header)) {
+        return EIO;
+    }
+    return answer.header.nlmsg_type == NLMSG_ERROR ? -answer.body.error : 0;
 }
 
 std::string configurationOfAMachine(const std::string& address, const std::string& gateway) {
@@ -94,10 +99,14 @@ std::string description(const Exchange& exchange) {
 }
 
 void requirePacketFilter() {
-    if (!netfilterAnswers(NFNL_SUBSYS_NFTABLES, NFT_MSG_GETGEN)) {
+    const int error = netfilterError(NFNL_SUBSYS_NFTABLES, NFT_MSG_GETGEN);
+    if (error == EPERM) {
+        throw LabUnavailable("root lacks CAP_NET_ADMIN");
+    }
+    if (error != 0) {
         throw LabUnavailable("the kernel has no nf_tables");
     }
-    if (!netfilterAnswers(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET_STATS)) {
+    if (netfilterError(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET_STATS) != 0) {
         throw LabUnavailable("the kernel has no conntrack that can be asked");
     }
 }

@@ -69,8 +69,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Throws `LabUnavailable` where the kernel has no packet filter for the router: nf_tables and a
-/// conntrack that can be asked.
+/// Throws `LabUnavailable` where the router can have no packet filter: the right to it, nf_tables,
+/// and a conntrack that can be asked.
 void requirePacketFilter();
 
 class NetworkLab {

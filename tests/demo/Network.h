@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The demo's hosts, and how it finds out who of them reaches whom. The program stands in the router
-// of tests/support/NetworkLab.h, which is the virtual machines' host.
+// The demo's hosts, and how it finds out which of them reaches which: by real packets, or, where
+// the system gives no network or no packet filter, by evaluating the rules. The program stands in
+// the router of tests/support/NetworkLab.h, which is the virtual machines' host.
 
 #pragma once
 
@@ -24,6 +25,14 @@ struct Connection {
     const char* because = "";
 };
 
+/// A network that the helper refuses to enforce.
+struct RefusedNetwork {
+    std::string introduction;
+    std::string policies;  ///< the file that has it besides Lab
+    std::string refusal;   ///< the helper's sentence
+};
+
+/// It has its pfctl in /sbin.
 class Network {
 public:
     Network() = default;
@@ -35,10 +44,20 @@ public:
     /// waiting for.
     virtual std::vector<Outcome> outcomes(
         const std::vector<Exchange>& exchanges, const std::vector<bool>& answersExpected) = 0;
+
+    /// Is called when the examples are laid out.
+    virtual RefusedNetwork refusedNetwork() = 0;
+
+    /// The sentence that says what isn't real about the outcomes; empty when all of it is.
+    virtual std::string caveat() = 0;
 };
 
-/// The hosts as network namespaces, with a network of the router's own beside theirs, the project's
-/// pfctl in /sbin and real packets. Throws `LabUnavailable` where the kernel lacks what that takes.
+/// The hosts are network namespaces beside a network of the router's own, pfctl is the project's,
+/// and the packets are real. Throws `LabUnavailable` where the system lacks what that takes.
 std::unique_ptr<Network> makePacketNetwork();
+
+/// Nothing is sent. A pfctl that only records keeps the rules; the model of the packet tests works
+/// out what they do. `reason` is a clause that says why there are no packets.
+std::unique_ptr<Network> makeEvaluatedNetwork(const std::string& reason);
 
 }  // namespace tarnvale::test

@@ -34,6 +34,19 @@ public:
         return lab_.run(exchanges, answersExpected);
     }
 
+    RefusedNetwork refusedNetwork() override {
+        return {
+            .introduction =
+                "A network that the machine itself is on (192.168.1.0/24, with the "
+                "printer) is refused:",
+            .policies = "examples/home.json",
+            .refusal =
+                "Home: 192.168.1.0/24 overlaps printer (192.168.1.1), one of this Mac's own "
+                "networks; rules there would cut the Mac off from it."};
+    }
+
+    std::string caveat() override { return {}; }
+
 private:
     NetworkLab lab_;
 };

@@ -166,6 +166,10 @@ void Story::tell() {
 }
 
 void Story::introduceNetworksAndUsers() {
+    if (const std::string caveat = network_.caveat(); !caveat.empty()) {
+        transcript_.say(caveat);
+        transcript_.say();
+    }
     transcript_.say(
         "Two virtual networks: Lab (192.168.64.0/24: vm1, vm2) and Isolated (192.168.65.0/24: "
         "vm3).");
@@ -213,7 +217,9 @@ void Story::showBothFirewalls() {
 void Story::showEveryConnection() {
     const std::vector<Outcome> after = tryAllConnections(true);
     transcript_.say();
-    transcript_.say("Every connection was tried before and after:");
+    transcript_.say(
+        network_.caveat().empty() ? "Every connection was tried before and after:"
+                                  : "Every connection was worked out before and after:");
     transcript_.say("  from        to       over      before  after    because");
     for (std::size_t i = 0; i < connections.size(); ++i) {
         const auto& [exchange, passes, because] = connections.at(i);
@@ -251,17 +257,17 @@ void Story::showTheLinesThatDecided() {
 }
 
 void Story::showARefusedNetwork() {
+    const RefusedNetwork refused = network_.refusedNetwork();
     transcript_.say();
-    transcript_.say(
-        "A network that the machine itself is on (192.168.1.0/24, with the printer) is refused:");
-    const Answer answer = ask(ann, {"apply", "examples/home.json"});
-    transcript_.check(answer.status == 1, "the home network is refused");
+    transcript_.say(refused.introduction);
+    const Answer answer = ask(ann, {"apply", refused.policies});
+    transcript_.check(answer.status == 1, "the network is refused");
     transcript_.check(
         answer.text ==
             "Enforcing 1 network: Lab · 1 more for other users of this Mac\n"
             "Not enforced:\n"
-            "• Home: 192.168.1.0/24 overlaps printer (192.168.1.1), one of this Mac's own "
-            "networks; rules there would cut the Mac off from it.",
+            "• " +
+                refused.refusal,
         "the reply says why, and what is enforced");
 }
 

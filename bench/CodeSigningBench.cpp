@@ -6,7 +6,6 @@
 
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -15,13 +14,13 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench/SignedPrograms.h"
 #include "core/service/ClientAdmission.h"
 #include "platform/CodeSigning.h"
 #include "platform/linux/PeerProcess.h"
@@ -38,13 +37,6 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* clientPath = "/tmp/client";
 constexpr std::size_t clientSize = 1'000'000;
 
-void runCommand(const std::string& command) {
-    // NOLINTNEXTLINE(cert-env33-c): the commands are this file's own
-    if (std::system(command.c_str()) != 0) {
-        throw std::runtime_error(command);
-    }
-}
-
 /// A running client with a valid signature, and the root that vouches for it.
 class Client {
 public:
@@ -53,16 +45,8 @@ public:
         std::string program{std::istreambuf_iterator<char>(original), {}};
         program.resize(clientSize);
         std::ofstream(clientPath, std::ios::binary) << program;
-        const std::string scripts = TARNVALE_SOURCE_DIR "/scripts/";
-        runCommand(std::string("chmod 755 ") + clientPath);
-        runCommand(scripts + "dev-ca /tmp/ca");
-        runCommand(
-            scripts + "codesign /tmp/ca/leaf.key /tmp/ca/chain.pem com.brackwen.tarnvale " +
-            clientPath);
-        runCommand("mkdir -p /etc/tarnvale");
-        runCommand("cp /tmp/ca/root.pem /etc/tarnvale/code-signing-roots.pem");
-        // The service keeps no verdict on a file that changed just now.
-        std::this_thread::sleep_for(std::chrono::seconds(4));
+        std::filesystem::permissions(clientPath, std::filesystem::perms(0755));
+        bench::signAsApplication({clientPath});
         process_.emplace(std::vector<std::string>{clientPath, "100000"});
     }
 

@@ -100,7 +100,7 @@ BENCHMARK(decodeTheStore)->Args({1000, 50});
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Memory once taken is kept, lest a round be charged for the pages that the one before it gave
+    // Keep memory once taken: otherwise a round pays for pages that the one before it gave
     // back, which happens to large documents only.
     mallopt(M_MMAP_MAX, 0);
     mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());

@@ -10,8 +10,8 @@
 namespace tarnvale::bench {
 
 /// A compact document of this many networks with this many rules each, members in the order of the
-/// fields and slashes escaped, as Foundation's encoder writes it. Every network has a subnet of its
-/// own as far as 192.168.0.0/16 goes, every rule can be enforced, and each call gives the same.
+/// fields and slashes escaped, as Foundation's encoder writes it. Networks have subnets of
+/// their own as far as 192.168.0.0/16 reaches; every rule is enforceable. Deterministic.
 std::string policyDocument(std::size_t networks, std::size_t rules);
 
 }  // namespace tarnvale::bench

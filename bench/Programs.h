@@ -28,8 +28,8 @@ double microseconds(const std::function<void()>& work);
 
 double median(std::vector<double> values);
 
-/// The median times of two pieces of work that are done in turns, so that whatever else the machine
-/// does meets both. Each returns its time in microseconds.
+/// The median times of two pieces of work, in microseconds. They take turns, so that whatever else
+/// the machine does affects both.
 struct Comparison {
     double measured = 0;
     double floor = 0;

@@ -3,7 +3,7 @@
 // What a whole re-apply costs: beside its three child processes doing nothing, its file and the
 // kernel's part alone; for ten times the networks; and in memory beside the bytes that are stored.
 //
-// It writes the true paths, so it runs only where they are nobody else's:
+// It writes the true paths, so it runs only in a private root:
 //
 //     build/bin/sandbox build/bench/bin/reapply_bench
 
@@ -64,8 +64,8 @@ std::string storedRuleset() {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-/// What no re-apply can do without: three runs of a program, the ruleset's file, durably, and the
-/// kernel taking the same rules over.
+/// What every re-apply needs: three runs of a program, the ruleset written durably, and the kernel
+/// taking over the same rules.
 class Floor {
 public:
     Floor() : text_(storedRuleset()) {

@@ -5,6 +5,7 @@
 // writes the true paths, so it enters a private root first; it needs root. An argument chooses one
 // of the benches: rate, connect, admission, activation, version, memory or wake-ups.
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -35,7 +36,9 @@
 
 #include "bench/PolicyDocument.h"
 #include "bench/Programs.h"
+#include "bench/SignedPrograms.h"
 #include "support/UniqueFd.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/UnixSockets.h"
 
@@ -52,7 +55,6 @@ constexpr const char* callerPath = TARNVALE_BIN_DIR "/service_caller";
 constexpr const char* caller = "/tmp/caller";            ///< as small as it is
 constexpr const char* largeCaller = "/tmp/caller-1-MB";  ///< of 1 MB
 constexpr const char* documentPath = "/tmp/document.json";
-constexpr const char* logPath = "/var/log/tarnvale-adminhelper.log";
 
 const std::vector<std::string> helper{helperPath};
 const std::vector<std::string> echoLoop{echoPath, "loop"};
@@ -64,7 +66,7 @@ constexpr std::size_t requestSize = std::size_t{16} << 20;
 /// Everything that runs on one core runs on this one.
 constexpr int theCore = 0;
 
-/// What is started while it lives has one core.
+/// Whatever starts while it lives has one core.
 class OnOneCore {
 public:
     OnOneCore() {
@@ -111,7 +113,7 @@ public:
     const std::string& path() const { return path_; }
     pid_t pid() const { return pid_; }
 
-    /// When it was about to become its program, by the steady clock, in microseconds.
+    /// When it was about to become its program: microseconds of the steady clock.
     double startedAt() const { return startedAt_; }
 
 private:
@@ -158,7 +160,7 @@ private:
     double startedAt_ = 0;
 };
 
-/// A client program at work, which says lines.
+/// A client program at work, which answers in lines.
 class Call {
 public:
     Call(const char* program, const std::string& socket, std::vector<std::string> words) {
@@ -211,29 +213,12 @@ double figure(const char* program, const Server& server, std::vector<std::string
     return Call(program, server.path(), std::move(words)).number();
 }
 
-void runCommand(const std::string& command) {
-    // NOLINTNEXTLINE(cert-env33-c): the commands are this file's own
-    if (std::system(command.c_str()) != 0) {
-        throw std::runtime_error(command);
-    }
-}
-
 void makeClients() {
-    const std::string scripts = TARNVALE_SOURCE_DIR "/scripts/";
-    runCommand(scripts + "dev-ca /tmp/ca");
     for (const char* path : {caller, largeCaller}) {
         fs::copy_file(callerPath, path);
-        if (path == largeCaller) {
-            fs::resize_file(path, callerSize);
-        }
-        runCommand(
-            scripts + "codesign /tmp/ca/leaf.key /tmp/ca/chain.pem com.brackwen.tarnvale " + path);
     }
-    fs::create_directories("/etc/tarnvale");
-    fs::remove("/etc/tarnvale/code-signing-roots.pem");
-    fs::copy_file("/tmp/ca/root.pem", "/etc/tarnvale/code-signing-roots.pem");
-    // Verdicts on files that changed just now are not kept.
-    std::this_thread::sleep_for(4s);
+    fs::resize_file(largeCaller, callerSize);
+    signAsApplication({caller, largeCaller});
 }
 
 double callsASecond(const Server& server, std::size_t connections, std::size_t calls) {
@@ -241,8 +226,8 @@ double callsASecond(const Server& server, std::size_t connections, std::size_t c
            figure(caller, server, {"rate", std::to_string(connections), std::to_string(calls)});
 }
 
-/// One connection has one core, which it shares with its server; many have all of them. The floor
-/// is the same for both.
+/// One connection shares one core with its server; many have all cores. The floor is the same for
+/// both.
 void benchRate(std::size_t connections, std::size_t calls) {
     std::optional<OnOneCore> onOneCore(std::in_place);
     const Server echo(echoLoop);
@@ -304,22 +289,17 @@ void benchActivation() {
 }
 
 void awaitListening() {
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    while (std::chrono::steady_clock::now() < deadline) {
-        std::ifstream log(logPath);
-        const std::string text{std::istreambuf_iterator<char>(log), {}};
-        if (text.find(" listening on ") != std::string::npos) {
-            return;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    throw std::runtime_error("the helper does not listen");
+    test::awaitLog([](const auto& messages) {
+        return std::any_of(messages.begin(), messages.end(), [](const std::string& message) {
+            return message.find(" listening on ") != std::string::npos;
+        });
+    });
 }
 
 /// A helper that listens and has met nobody.
 class FreshHelper {
 public:
-    FreshHelper() : server_((fs::remove(logPath), helper)) { awaitListening(); }
+    FreshHelper() : server_((fs::remove(test::logPath), helper)) { awaitListening(); }
     const Server& operator*() const { return server_; }
 
 private:
@@ -353,19 +333,24 @@ void benchVersion() {
             [] { return runProgram({TARNVALE_BIN_DIR "/print_line"}).microseconds; }));
 }
 
-/// Memory that is its own alone, the pages of files that it has not changed left out: those are
-/// everybody's, though nobody else may have them open at the moment.
-double privateKibibytes(const Server& server) {
-    std::ifstream file("/proc/" + std::to_string(server.pid()) + "/smaps_rollup");
-    std::string key;
+/// The numbers behind the key in a file of /proc, added up.
+double sumOf(std::string_view key, const fs::path& path) {
+    std::ifstream file(path);
+    std::string word;
     double sum = 0;
-    while (file >> key) {
+    while (file >> word) {
         double value = 0;
-        if (key == "Private_Dirty:" && file >> value) {
+        if (word == key && file >> value) {
             sum += value;
         }
     }
     return sum;
+}
+
+/// The memory that is the process's alone, without unchanged pages of files: those are everybody's,
+/// even if nobody else has them open at the moment.
+double privateKibibytes(const Server& server) {
+    return sumOf("Private_Dirty:", "/proc/" + std::to_string(server.pid()) + "/smaps_rollup");
 }
 
 void benchMemory() {
@@ -412,14 +397,7 @@ double switches(const Server& server) {
     double sum = 0;
     const std::string tasks = "/proc/" + std::to_string(server.pid()) + "/task";
     for (const auto& task : fs::directory_iterator(tasks)) {
-        std::ifstream file(task.path() / "status");
-        std::string word;
-        while (file >> word) {
-            double value = 0;
-            if (word == "voluntary_ctxt_switches:" && file >> value) {
-                sum += value;
-            }
-        }
+        sum += sumOf("voluntary_ctxt_switches:", task.path() / "status");
     }
     return sum;
 }

@@ -11,8 +11,8 @@
 
 namespace tarnvale::bench {
 
-/// The networks of a JSON array. Throws for anything else; its members have to come in the order of
-/// the fields.
+/// The networks of a JSON array, whose members must come in the order of the fields. Throws for
+/// anything else.
 std::vector<NetworkFirewall::FirewallNetworkPolicy> simdjsonPolicies(std::string_view json);
 
 }  // namespace tarnvale::bench

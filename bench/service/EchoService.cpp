@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// echo_service loop|threads: the floor that the service is held against: a bare peer-to-peer D-Bus
-// server with the one method that the callers call, without any check, bound or log. It serves the
+// echo_service loop|threads: the floor of the service's figures, a bare peer-to-peer D-Bus server
+// with the one method that the callers call, without any check, bound or log. It serves the
 // listening socket that is its descriptor 3, all connections in one event loop or each in a thread.
 
 #include <cstdlib>

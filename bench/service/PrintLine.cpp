@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The C++ program that prints a line: what `--version` can't do without.
+// A C++ program that prints a line: the least that `--version` can cost.
 
 #include <cstdio>
 #include <string>

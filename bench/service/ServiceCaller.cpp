@@ -9,9 +9,8 @@
 //                              other; the microseconds of the median one
 //     first                    connects, says so, and after the reply to its first call the clock,
 //                              in microseconds
-//     apply FILE               sends an ApplyFirewall call with the file's bytes and awaits the
-//     reply hold CONNECTIONS         opens so many, with a call each, says so, and holds them until
-//     its
+//     apply FILE               sends an ApplyFirewall call with the file's bytes, awaits its reply
+//     hold CONNECTIONS         opens so many, with a call each, says so, and holds them until its
 //                              input ends
 
 #include <algorithm>
@@ -68,7 +67,7 @@ std::string callOf(std::string_view method, std::string_view signature, std::str
     }
     const std::string fields = std::exchange(bytes, {'l', '\1', '\0', '\1'});
     number(signature.empty() ? 0 : sizeof(std::uint32_t) + argument.size());
-    number(1);  // the serial, which nobody here tells apart
+    number(1);  // the serial; nobody here looks at it
     number(fields.size());
     bytes += fields;
     pad(8);
@@ -114,7 +113,7 @@ public:
         }
     }
 
-    /// Takes the reply, which must be one of success.
+    /// Takes the reply, which must report success.
     void awaitReply() {
         constexpr std::size_t header = 16;
         while (size_ < header || size_ < messageSize()) {

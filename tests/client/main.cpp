@@ -1,22 +1,20 @@
 // SPDX-License-Identifier: MIT
 //
-// service-client [UID]: a client of the service, made to be signed by a test and to do what it is
-// told. It becomes that user, then takes sentences (Conversation.h) from its standard input, a
-// socket, and answers each there:
+// service-client [UID]: a client of the service that a test signs and tells what to do. It becomes
+// that user, then takes sentences (Conversation.h) from its standard input, a socket, and answers
+// each there:
 //
 //     connect                       connected, or closed when it is turned away
 //     call METHOD TYPES ARGUMENT…   the reply's texts, "nil" for an absent one; or closed; or error
 //                                   and the D-Bus error's name
 //     await-close                   closed, once the service has closed the connection
-//     connect-raw                   connected, without a word having been said
-//     send-raw [BYTES]              sends the bytes, or a RemoveFirewall call, past sd-bus:
-//     answered
-//                                   or closed
+//     connect-raw                   connected; nothing has been said yet
+//     send-raw [BYTES]              sends the bytes, or a RemoveFirewall call, past sd-bus; then
+//                                   answered or closed
 //     lend                          connects like connect-raw, but sends the connection to the
 //                                   test with one byte instead of a sentence
-//     fork                          forked; a child goes on in its place and it waits to be killed
-//     exec PROGRAM                  the program, with the connection as its descriptor 3, goes on
-//                                   in its place
+//     fork                          forked; a child goes on, and it waits to be killed
+//     exec PROGRAM                  becomes the program, with the connection as descriptor 3
 
 #include <array>
 #include <cerrno>
@@ -45,7 +43,7 @@
 #include "tests/support/UnixSockets.h"
 
 #if defined(TARNVALE_THREAD_SANITIZER)
-/// libsystemd draws the keys of its hash tables into one place without a lock, and copies them.
+/// libsystemd draws the keys of its hash tables into shared memory without a lock and copies them.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the sanitizer's name
 extern "C" const char* __tsan_default_suppressions() {
     return "called_from_lib:libsystemd.so\n";
@@ -58,7 +56,7 @@ namespace {
 constexpr const char* socketPath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 constexpr const char* objectPath = "/com/brackwen/tarnvale/adminhelper";
 constexpr const char* interfaceName = "com.brackwen.tarnvale.adminhelper";
-constexpr std::uint64_t patience = std::uint64_t{300} * 1'000'000;  // microseconds
+constexpr std::uint64_t replyTimeout = std::uint64_t{300} * 1'000'000;  // microseconds
 
 int require(int result, const char* step) {
     if (result < 0) {
@@ -97,7 +95,7 @@ public:
         while (result >= 0 && ::sd_bus_is_ready(made) == 0) {
             result = ::sd_bus_process(made, nullptr);
             if (result == 0) {
-                result = ::sd_bus_wait(made, patience);
+                result = ::sd_bus_wait(made, replyTimeout);
             }
         }
         if (isClosed(result)) {
@@ -130,7 +128,7 @@ public:
 
         sd_bus_error error{};
         sd_bus_message* answer = nullptr;
-        result = ::sd_bus_call(bus_.get(), made, patience, &error, &answer);
+        result = ::sd_bus_call(bus_.get(), made, replyTimeout, &error, &answer);
         const Message reply(answer);
         const std::string name = error.name == nullptr ? "" : error.name;
         ::sd_bus_error_free(&error);
@@ -145,7 +143,7 @@ public:
         while (result >= 0) {
             result = ::sd_bus_process(bus_.get(), nullptr);
             if (result == 0) {
-                result = ::sd_bus_wait(bus_.get(), patience);
+                result = ::sd_bus_wait(bus_.get(), replyTimeout);
             }
         }
         return {"closed"};
@@ -223,7 +221,7 @@ void become(uid_t uid) {
     }
 }
 
-/// A child goes on.
+/// Returns in a child; the caller waits to be killed.
 void leaveToChild() {
     const pid_t child = ::fork();
     require(child < 0 ? -errno : 0, "fork");

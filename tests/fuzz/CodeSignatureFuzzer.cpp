@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Any bytes as a signed executable, as its CMS message and as its signed text. Without roots
-// nothing is ever trusted, whatever it says.
+// nothing is trusted, whatever it says.
 
 #include <cstddef>
 #include <cstdint>

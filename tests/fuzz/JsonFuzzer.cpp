@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// JSON of no particular shape, and of a shape that has one field of each kind. What is read and
-// written reads back equal, in both forms, and whatever a record is read from is JSON throughout.
+// JSON of any shape, and of one that has a field of each kind. What was read and written reads back
+// equal, in both forms; whatever a record is read from is valid JSON throughout.
 
 #include <cstdint>
 #include <cstdlib>

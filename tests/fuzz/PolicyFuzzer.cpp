@@ -30,7 +30,7 @@ void require(bool condition) {
     }
 }
 
-/// What is in canonical form stays as it is when it is read again.
+/// Reading a canonical form again does not change it.
 void checkForms(const std::string& text) {
     if (const auto subnet = canonicalSubnet(text)) {
         require(canonicalSubnet(*subnet) == subnet && test::isPfAddress(*subnet));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Policy documents and store files. What is read from either is what comes back once it has been
-// written, and what is written is always of the form that the store's file has.
+// Policy documents and store files. What was read from either comes back after it has been written,
+// always in the form of the store's file.
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Rulesets of any bytes. Every rule that is read survives being packed, and the plan of a packet's
-// way finds what a walk over the lines finds.
+// Rulesets of any bytes. Every rule that is read survives packing, and the plan of a packet's way
+// finds what a walk over the lines finds.
 
 #include <algorithm>
 #include <cstddef>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// When rules begin and end to hold, and what the listing says of their work.
+// When rules begin and cease to hold, and what the listing says of their work.
 
 #include <deque>
 #include <fstream>
@@ -246,13 +246,13 @@ TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
         }
         ASSERT_TRUE(lab->stillPasses(longLived));
 
-        // The packet of a new flow may be lost at the moment of the change, as on any network.
+        // At the moment of the change a new flow's packet may be lost, as on any network.
         Question allowed =
             lab->ask({.protocol = Protocol::udp, .from = vm3, .to = outside, .port = 53});
-        lab->settle({&allowed, 1}, NetworkLab::quiet);
+        lab->settle({&allowed, 1}, NetworkLab::silenceTimeout);
         ASSERT_TRUE(allowed.outcome() == Outcome::answered || lab->stillPasses(allowed));
     }
-    lab->settle(denied, NetworkLab::quiet);
+    lab->settle(denied, NetworkLab::silenceTimeout);
 
     const Finished finished = reloading.finish();
     EXPECT_EQ(finished.status, 0) << finished.error;

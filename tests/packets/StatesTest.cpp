@@ -144,7 +144,7 @@ TEST_F(StatesTest, AreNotGivenToAKilledConnectionInMidStream) {
 
     killStatesOf(subnet64);
 
-    // The packets of a datagram's or an echo's flow are all alike: the next one gets a new state.
+    // All packets of a datagram's or an echo's flow are alike, so the next one makes a new state.
     EXPECT_TRUE(lab->nowDrops(flows.at(0)));
     EXPECT_TRUE(lab->stillPasses(flows.at(1)));
     EXPECT_TRUE(lab->stillPasses(flows.at(2)));
@@ -210,10 +210,10 @@ TEST_F(StatesTest, AreNotMadeByIcmpErrors) {
         "block drop in quick from 192.168.64.0/24 to any\n");
     Question question = lab->ask(
         {.protocol = Protocol::udp, .from = outside, .to = vm1, .port = 99, .listened = false});
-    lab->settle({&question, 1}, NetworkLab::patience);
+    lab->settle({&question, 1}, NetworkLab::answerTimeout);
     ASSERT_EQ(question.outcome(), Outcome::refused);
 
-    // Somebody listens now: the flow's own packets still have no state to come back by.
+    // Somebody listens now, but the flow's own packets still have no state to come back by.
     const Exchange listening{.protocol = Protocol::udp, .from = vm2, .to = vm1, .port = 99};
     ASSERT_TRUE(lab->passes(listening));
     EXPECT_TRUE(lab->nowDrops(question));

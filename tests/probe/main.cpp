@@ -32,8 +32,8 @@ constexpr int answered = 0;
 constexpr int notAnswered = 1;
 constexpr int misused = 2;
 
-/// How long an answer is awaited. Hosts next to each other answer within a millisecond.
-constexpr int patienceMilliseconds = 500;
+/// Hosts next to each other answer within a millisecond.
+constexpr int answerTimeoutMilliseconds = 500;
 
 constexpr const char* usage =
     "usage: probe tcp HOST PORT            0 when a connection echoes, 1 when not\n"
@@ -61,12 +61,12 @@ std::optional<std::uint16_t> portOf(std::string_view text) {
 }
 
 int ask(Protocol protocol, const std::string& host, std::uint16_t port) {
-    // A number of its own tells this process's echo replies from another's.
+    // An identifier of its own tells this process's echo replies from another's.
     const std::uint16_t identifier =
         protocol == Protocol::ping ? static_cast<std::uint16_t>(::getpid()) : std::uint16_t{0};
     Question question(protocol, {.port = identifier}, {.host = host, .port = port});
     pollfd awaited = question.awaited();
-    while (question.pending() && ::poll(&awaited, 1, patienceMilliseconds) > 0) {
+    while (question.pending() && ::poll(&awaited, 1, answerTimeoutMilliseconds) > 0) {
         question.proceed();
         awaited = question.awaited();
     }

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,8 @@
 #include <sys/types.h>
 
 namespace tarnvale::test {
+
+class Program;
 
 // NOLINTBEGIN(cert-err58-cpp): a test program without memory for these may end
 inline const std::string supportFolder = "/Library/Application Support/Tarnvale";
@@ -29,7 +32,7 @@ void put(const std::string& path, std::string_view content);
 
 bool exists(const std::string& path);
 
-/// The permission bits of what is at the path itself.
+/// The permission bits of what is at the path; a link is not followed.
 mode_t modeOf(const std::string& path);
 
 /// The names in a folder, sorted.
@@ -39,8 +42,17 @@ std::vector<std::string> namesIn(const std::string& folder);
 /// `std::runtime_error` for a line of another form.
 std::vector<std::string> messagesOf(const std::string& log);
 
-/// The messages in the helper's log, each without its timestamp, whose form is checked; none when
-/// there is no log. Throws `std::runtime_error` for a line of another form.
+/// The messages in the helper's log, each without its timestamp; none when there is no log. Throws
+/// `std::runtime_error` for a line of another form.
 std::vector<std::string> logMessages();
+
+/// Waits until the log's messages satisfy the condition, and returns them. Throws
+/// `std::runtime_error` when that takes longer than a minute, or when the program ends first.
+std::vector<std::string> awaitLog(
+    const std::function<bool(const std::vector<std::string>&)>& condition,
+    Program* program = nullptr);
+
+/// Waits until the log has the message.
+std::vector<std::string> awaitMessage(const std::string& message, Program* program = nullptr);
 
 }  // namespace tarnvale::test

@@ -22,7 +22,7 @@
 namespace tarnvale::test {
 namespace {
 
-/// Ports that the tests ask are below, those that they ask from above.
+/// Tests ask ports below this one, from ports above it.
 constexpr std::uint16_t firstAskingPort = 10000;
 
 support::UniqueFd currentNamespace() {
@@ -119,7 +119,7 @@ public:
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
     ~Visit() {
-        // A test that stays a guest would go on to change the wrong machine.
+        // A test that stayed a guest would go on to change the wrong machine.
         if (::setns(home_, CLONE_NEWNET) != 0) {
             std::abort();
         }
@@ -172,8 +172,8 @@ void NetworkLab::build() {
         "link set en0 up\n"
         "route add 10.0.0.0/8 via 203.0.113.10\n");
     setKernelValue("ipv4/ip_forward", 1);
-    // What one bridge switches is not the router's traffic. Where the kernel can make it so, it
-    // must not.
+    // What one bridge switches is not the router's traffic, although some kernels can hand it to
+    // the packet filter.
     if (::access("/proc/sys/net/bridge", F_OK) == 0) {
         setKernelValue("bridge/bridge-nf-call-iptables", 0);
     }
@@ -211,7 +211,7 @@ Question NetworkLab::ask(const Exchange& exchange) {
         exchange.timeToLive};
 }
 
-void NetworkLab::settle(std::span<Question> questions, std::chrono::milliseconds idle) {
+void NetworkLab::settle(std::span<Question> questions, std::chrono::milliseconds timeout) {
     std::vector<pollfd> awaited;
     std::vector<Question*> pending;
     for (;;) {
@@ -226,7 +226,7 @@ void NetworkLab::settle(std::span<Question> questions, std::chrono::milliseconds
         if (pending.empty()) {
             return;
         }
-        const int ready = ::poll(awaited.data(), awaited.size(), static_cast<int>(idle.count()));
+        const int ready = ::poll(awaited.data(), awaited.size(), static_cast<int>(timeout.count()));
         if (ready == 0) {
             return;
         }
@@ -243,7 +243,7 @@ void NetworkLab::settle(std::span<Question> questions, std::chrono::milliseconds
 
 Question NetworkLab::established(const Exchange& exchange) {
     Question question = ask(exchange);
-    settle({&question, 1}, patience);
+    settle({&question, 1}, answerTimeout);
     if (question.outcome() != Outcome::answered) {
         throw std::runtime_error("not answered: " + description(exchange));
     }
@@ -252,25 +252,25 @@ Question NetworkLab::established(const Exchange& exchange) {
 
 bool NetworkLab::passes(const Exchange& exchange) {
     Question question = ask(exchange);
-    settle({&question, 1}, patience);
+    settle({&question, 1}, answerTimeout);
     return question.outcome() == Outcome::answered;
 }
 
 bool NetworkLab::drops(const Exchange& exchange) {
     Question question = ask(exchange);
-    settle({&question, 1}, quiet);
+    settle({&question, 1}, silenceTimeout);
     return question.outcome() == Outcome::silent;
 }
 
 bool NetworkLab::stillPasses(Question& question) {
     question.repeat();
-    settle({&question, 1}, patience);
+    settle({&question, 1}, answerTimeout);
     return question.outcome() == Outcome::answered;
 }
 
 bool NetworkLab::nowDrops(Question& question) {
     question.repeat();
-    settle({&question, 1}, quiet);
+    settle({&question, 1}, silenceTimeout);
     return question.outcome() == Outcome::silent;
 }
 
@@ -281,8 +281,8 @@ std::vector<Outcome> NetworkLab::run(
     for (std::size_t i = 0; i < exchanges.size(); ++i) {
         (answersExpected.at(i) ? expected : unexpected).push_back(ask(exchanges[i]));
     }
-    settle(expected, patience);
-    settle(unexpected, quiet);
+    settle(expected, answerTimeout);
+    settle(unexpected, silenceTimeout);
 
     std::vector<Outcome> outcomes;
     outcomes.reserve(exchanges.size());

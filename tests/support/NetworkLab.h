@@ -29,7 +29,7 @@ namespace tarnvale::test {
 /// The machines of the lab; each is a network namespace, the router being the test's own.
 enum class Machine : std::uint8_t { router, vm1, vm2, vm3, outside };
 
-/// What an address is reached by, seen from the router.
+/// The interface by which the router reaches an address.
 enum class Link : std::uint8_t { none, bridge100, bridge101, en0 };
 
 /// One address of one machine.
@@ -54,7 +54,7 @@ struct Exchange {
     Protocol protocol = Protocol::tcp;
     Host from{};
     Host to{};
-    std::uint16_t port = 0;      ///< the port asked; of no meaning for `ping`
+    std::uint16_t port = 0;      ///< the port asked; `ping` ignores it
     std::uint16_t fromPort = 0;  ///< the asking port or the echo's identifier; 0: the next unused
     int timeToLive = 64;
     bool listened = true;  ///< whether somebody listens there
@@ -78,27 +78,27 @@ public:
     /// Builds the network in the calling process's private root. Throws `LabUnavailable`.
     NetworkLab();
 
-    /// A port or identifier to ask from that no exchange has had: old states cannot meddle.
+    /// A port or identifier to ask from that no exchange has had, so that old states cannot meddle.
     std::uint16_t unusedPort();
 
     /// Asks.
     Question ask(const Exchange& exchange);
 
-    /// Asks and waits for the answer, which must come: the flow is to be used further. Throws
-    /// `std::runtime_error` when it doesn't.
+    /// Asks and waits for the answer, for tests that go on with the flow. Throws
+    /// `std::runtime_error` when none comes.
     Question established(const Exchange& exchange);
 
-    /// Lets the hosts talk until no question is pending, or the time is over in which something
-    /// has to happen: `patience` where an answer is expected, `quiet` where none is.
-    void settle(std::span<Question> questions, std::chrono::milliseconds idle);
+    /// Lets the hosts talk until no question is pending, or nothing has happened for as long as
+    /// `timeout`: `answerTimeout` where an answer is expected, `silenceTimeout` where none is.
+    void settle(std::span<Question> questions, std::chrono::milliseconds timeout);
 
-    /// Asks and waits for the answer.
+    /// Asks; true when the answer comes.
     bool passes(const Exchange& exchange);
 
-    /// Asks and sees that nothing comes back.
+    /// Asks; true when nothing comes back.
     bool drops(const Exchange& exchange);
 
-    /// Asks once more in the question's flow and waits for the answer, or sees that none comes.
+    /// Asks once more in the question's flow; true when the answer comes, or when nothing does.
     bool stillPasses(Question& question);
     bool nowDrops(Question& question);
 
@@ -107,10 +107,10 @@ public:
     std::vector<Outcome> run(
         std::span<const Exchange> exchanges, const std::vector<bool>& answersExpected);
 
-    /// The kernel delivers in microseconds and the hosts' sockets are served by this thread, so
-    /// where nothing has moved for as long as `quiet`, nothing will.
-    static constexpr std::chrono::milliseconds quiet{40};
-    static constexpr std::chrono::milliseconds patience{5000};
+    /// The kernel delivers in microseconds and this thread serves the hosts' sockets: where nothing
+    /// has moved for this long, nothing will.
+    static constexpr std::chrono::milliseconds silenceTimeout{40};
+    static constexpr std::chrono::milliseconds answerTimeout{5000};
 
     /// How many datagrams and pieces of connections have arrived on that port, wherever it is.
     std::size_t arrivals(std::uint16_t port) const { return server_.arrivals(port); }

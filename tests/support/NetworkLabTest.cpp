@@ -64,7 +64,7 @@ TEST_F(NetworkLabTest, RoutesBetweenItsNetworksButSwitchesInsideThem) {
 
 TEST_F(NetworkLabTest, AsksAgainInTheSameFlow) {
     Question question = lab->ask({.from = vm1, .to = outside, .port = 22});
-    lab->settle({&question, 1}, NetworkLab::patience);
+    lab->settle({&question, 1}, NetworkLab::answerTimeout);
 
     EXPECT_EQ(question.outcome(), Outcome::answered);
     EXPECT_TRUE(lab->stillPasses(question));

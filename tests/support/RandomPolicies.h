@@ -27,8 +27,8 @@ public:
         return values[below(values.size())];
     }
 
-    std::vector<NetworkFirewall::FirewallNetworkPolicy> networks(std::size_t most) {
-        std::vector<NetworkFirewall::FirewallNetworkPolicy> made(below(most + 1));
+    std::vector<NetworkFirewall::FirewallNetworkPolicy> networks(std::size_t maxCount) {
+        std::vector<NetworkFirewall::FirewallNetworkPolicy> made(below(maxCount + 1));
         for (auto& network : made) {
             fill(network);
         }
@@ -76,7 +76,7 @@ public:
         return made;
     }
 
-    /// Text of any kind: line ends, comment signs, quotation marks, bytes that are no text.
+    /// Text of any kind: line ends, comment signs, quotation marks, bytes that are not text.
     std::string name() {
         std::string made;
         for (auto pieces = below(6); pieces > 0; --pieces) {

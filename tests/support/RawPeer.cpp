@@ -20,7 +20,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto patience = 30s;
+constexpr auto replyTimeout = 30s;
 
 /// Waits for the event until the deadline.
 bool await(int fd, short events, Clock::time_point deadline) {
@@ -152,7 +152,7 @@ std::optional<Received> RawPeer::receive() {
 }
 
 bool RawPeer::fill(std::size_t size) {
-    const auto deadline = Clock::now() + patience;
+    const auto deadline = Clock::now() + replyTimeout;
     std::vector<char> chunk(std::size_t{1} << 18U);
     while (received_.size() < size) {
         const auto got = ::recv(socket_.get(), chunk.data(), chunk.size(), MSG_DONTWAIT);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What a line of a generated ruleset may be, said independently of the code that writes it: so much
-// of pf's grammar as rules for virtual networks need, and nothing else.
+// What a line of a generated ruleset may be, stated independently of the code that writes it: as
+// much of pf's grammar as rules for virtual networks need, and nothing else.
 
 #pragma once
 
@@ -14,10 +14,10 @@
 
 namespace tarnvale::test {
 
-/// Whether the word is a decimal number from `least` to `most` without needless zeros.
-inline bool isNumber(const std::string& word, unsigned least, unsigned most) {
+/// Whether the word is a decimal number from `min` to `max` without needless zeros.
+inline bool isNumber(const std::string& word, unsigned min, unsigned max) {
     static const std::regex digits("0|[1-9][0-9]{0,5}");
-    return std::regex_match(word, digits) && std::stoul(word) >= least && std::stoul(word) <= most;
+    return std::regex_match(word, digits) && std::stoul(word) >= min && std::stoul(word) <= max;
 }
 
 inline bool isPfAddress(const std::string& word) {
@@ -58,8 +58,8 @@ inline bool isPfRule(const std::string& line) {
            (!match[8].matched || match[1] == "pass");
 }
 
-/// Whether the text is one line for whoever reads it, however they break lines, and pf's reader
-/// doesn't join the next one to it.
+/// Whether every reader takes the text for one line, however it breaks lines, and pf's own doesn't
+/// join the next line to it.
 inline bool isOneLine(std::string_view text) {
     static constexpr std::array<std::string_view, 7> breaks = {
         "\n", "\v", "\f", "\r", "\xC2\x85", "\xE2\x80\xA8", "\xE2\x80\xA9"};

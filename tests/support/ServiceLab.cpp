@@ -3,7 +3,6 @@
 #include "tests/support/ServiceLab.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -14,26 +13,19 @@
 #include <stdexcept>
 #include <system_error>
 
-#include <poll.h>
-#include <sys/inotify.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "tests/support/Conversation.h"
-#include "tests/support/HelperFiles.h"
 #include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 const char* const helperProgram = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
 const char* const clientProgram = TARNVALE_BIN_DIR "/service-client";
 
 namespace {
-
-constexpr auto patience = 60s;
 
 [[noreturn]] void fail(const std::string& step) {
     throw std::system_error(errno, std::generic_category(), step);
@@ -48,8 +40,8 @@ std::size_t countOf(const std::vector<std::string>& messages, std::string_view m
     return static_cast<std::size_t>(std::count(messages.begin(), messages.end(), message));
 }
 
-/// libsystemd draws the keys of its hash tables into one place without a lock, and copies them;
-/// whatever it copies is as random as it has to be. Only a sanitizer looks at the variable.
+/// libsystemd draws the keys of its hash tables into shared memory without a lock and copies them;
+/// any mixture is random enough. Only a sanitizer looks at the variable.
 std::vector<std::string> sanitizerOptions() {
     const std::string path = "/run/sanitizer-suppressions";
     put(path, "called_from_lib:libsystemd.so\n");
@@ -124,52 +116,6 @@ void ServiceLab::setConsoleUser(std::optional<uid_t> uid) {
 
 void ServiceLab::showLoginWindow() {
     setSession("UID=118\nSTATE=active\nCLASS=greeter\n");
-}
-
-std::vector<std::string> awaitLog(
-    const std::function<bool(const std::vector<std::string>&)>& condition, Program* program) {
-    const support::UniqueFd changes(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    const std::string folder = fs::path(logPath).parent_path();
-    if (::inotify_add_watch(changes.get(), folder.c_str(), IN_CLOSE_WRITE | IN_MODIFY) < 0) {
-        fail("watch the log");
-    }
-    support::UniqueFd process;
-    if (program != nullptr && program->running()) {
-        process.reset(static_cast<int>(::syscall(SYS_pidfd_open, program->pid(), 0)));
-    }
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (true) {
-        const bool ended = program != nullptr && !program->running();
-        // The last line may be half written.
-        const std::string log = exists(logPath) ? contentOf(logPath) : "";
-        auto messages = messagesOf(log.substr(0, log.rfind('\n') + 1));
-        if (condition(messages)) {
-            return messages;
-        }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (ended || left <= 0ms) {
-            std::string problem = ended ? "the program ended" : "nothing happened";
-            problem += "; the log:";
-            for (const auto& message : messages) {
-                problem += "\n" + message;
-            }
-            throw std::runtime_error(problem + (program == nullptr ? "" : "\n" + program->error()));
-        }
-        std::array<pollfd, 2> awaited{
-            {{.fd = changes.get(), .events = POLLIN, .revents = 0},
-             {.fd = process.get(), .events = POLLIN, .revents = 0}}};
-        ::poll(awaited.data(), awaited.size(), static_cast<int>(left.count()));
-        std::array<char, 4096> events{};
-        while (::read(changes.get(), events.data(), events.size()) > 0) {
-        }
-    }
-}
-
-std::vector<std::string> awaitMessage(const std::string& message, Program* program) {
-    return awaitLog(
-        [&](const std::vector<std::string>& messages) { return countOf(messages, message) > 0; },
-        program);
 }
 
 std::string listedRules() {

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +14,7 @@
 #include <sys/types.h>
 
 #include "support/UniqueFd.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
 #include "tests/support/SigningLab.h"
 #include "tests/support/SocketPeer.h"
@@ -28,7 +28,7 @@ extern const char* const clientProgram;
 inline constexpr const char* servicePath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 inline constexpr const char* rootsPath = "/etc/tarnvale/code-signing-roots.pem";
 
-/// The identifiers that are admitted.
+/// The identifiers that the helper admits.
 inline constexpr const char* applicationIdentifier = "com.brackwen.tarnvale";
 inline constexpr const char* serviceProcessIdentifier = "com.brackwen.tarnvale.service";
 
@@ -44,13 +44,12 @@ inline constexpr uid_t administrator = 501;  ///< "ada", a member of group 80
 inline constexpr uid_t firstUser = 502;      ///< "bob"
 inline constexpr uid_t secondUser = 503;     ///< "eve"
 
-/// The certificates, programs and users that a test needs. What it makes is there from the
-/// beginning of the test to its end.
+/// The certificates, programs and users that a test needs.
 class ServiceLab {
-    int clients_ = 0;  ///< signed so far; there before `client`
+    int clients_ = 0;  ///< signed so far; initialised before `client`
 
 public:
-    /// Trusts `development`, signs a client with it, makes the users, with nobody at the console,
+    /// Trusts `development`, signs a client with it, makes the users, leaves nobody at the console
     /// and puts the project's pfctl into /sbin.
     ServiceLab();
 
@@ -74,19 +73,10 @@ public:
     /// The same for the client program, at a path of its own in /tmp.
     std::string signedClient(std::string_view identifier, const Chain& chain);
 
-    /// Who is at the console, as systemd-logind says it. Without a user: nobody.
+    /// Sets who is at the console, as systemd-logind would; nobody without a user.
     static void setConsoleUser(std::optional<uid_t> uid);
     static void showLoginWindow();
 };
-
-/// Waits until what the log says satisfies the condition, and returns it. Throws
-/// `std::runtime_error` when that takes longer than a minute, or when the program ends before.
-std::vector<std::string> awaitLog(
-    const std::function<bool(const std::vector<std::string>&)>& condition,
-    Program* program = nullptr);
-
-/// Waits until the log has the message.
-std::vector<std::string> awaitMessage(const std::string& message, Program* program = nullptr);
 
 /// The rules of the helper's anchor as pf lists them, without their counters.
 std::string listedRules();
@@ -127,8 +117,8 @@ private:
     Program program_;
 };
 
-/// The command line of a shell that sets these variables ("LISTEN_PID=$$", `$$` being its process
-/// ID) and becomes the program, keeping that ID, as what systemd forks does.
+/// The command line of a shell that sets these variables and becomes the program, as what systemd
+/// forks does. In "LISTEN_PID=$$", `$$` is the shell's process ID, which the program keeps.
 std::vector<std::string> activationCommand(
     const std::string& program, const std::vector<std::string>& variables);
 
@@ -142,7 +132,7 @@ using Texts = std::vector<std::string>;
 /// A client program that runs as a user, with a connection of its own.
 class ServiceClient {
 public:
-    /// `pid` is the process ID that it is to have, where one is given.
+    /// `pid`, where given, is the process ID that it gets.
     explicit ServiceClient(
         const std::string& program, uid_t uid = rootUser, std::optional<pid_t> pid = std::nullopt);
 
@@ -151,8 +141,8 @@ public:
     /// Whether the service lets it connect. The first call connects by itself.
     bool connects();
 
-    /// A further connection of the client's on which nothing has been said yet, for the test to
-    /// speak on by itself. To the service it is the client's, as long as the client lives.
+    /// A further connection of the client's for the test to speak on; nothing has been said on it
+    /// yet. As long as the client lives, the service takes it for the client's.
     support::UniqueFd lend();
 
     /// Makes the call and waits for its reply. The words are the values of the types' codes:

@@ -46,13 +46,13 @@ using Clock = std::chrono::steady_clock;
 
 constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
 
-constexpr int mostForUser = 64;
-constexpr int mostInAll = 256;
+constexpr int maxForUser = 64;
+constexpr int maxInAll = 256;
 
-/// What the allocator keeps of many threads' small pieces, at most.
-constexpr std::int64_t keptKiB = 8192;
+/// How much the allocator may keep of many threads' small pieces.
+constexpr std::int64_t maxKeptKiB = 8192;
 
-/// What the service takes of the machine.
+/// What the service uses of the machine.
 struct Footprint {
     std::size_t descriptors = 0;
     std::size_t threads = 0;
@@ -120,7 +120,7 @@ protected:
         const std::size_t idleThreads = footprint().threads;
         witness.emplace(lab.client, administrator);
         hostile.emplace(lab.client, attacker);
-        // What is loaded and kept from the first use on is there before anything is measured.
+        // Nothing is measured before the first use has loaded what stays.
         EXPECT_TRUE(isServed());
         EXPECT_TRUE(lend().authenticate());
         EXPECT_TRUE(eventually([&] { return footprint().threads == idleThreads + 1; }));
@@ -153,7 +153,7 @@ protected:
             return;
         }
         EXPECT_TRUE(eventually([this] {
-            return footprint().privateKiB <= before.privateKiB + keptKiB;
+            return footprint().privateKiB <= before.privateKiB + maxKeptKiB;
         })) << before.privateKiB
             << " KiB before, " << footprint().privateKiB << " KiB now";
     }
@@ -185,17 +185,17 @@ TEST_F(HostileTest, EveryHandshakeThatIsNoneEndsTheConnection) {
 
 TEST_F(HostileTest, BytesThatAreNoMessageEndTheConnection) {
     constexpr auto tooLong = std::uint32_t{1} << 27U;
-    constexpr std::uint32_t longest = 0xFFFFFFFF;
+    constexpr std::uint32_t maxLength = 0xFFFFFFFF;
     const RawMessage call;
     for (const std::string& said :
          {std::string("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"),
           std::string(4096, '\0'),
           std::string(4096, '\xFF'),
           call.bytes(tooLong + 1),
-          call.bytes(longest),
+          call.bytes(maxLength),
           call.bytes(0, tooLong + 1),
-          call.bytes(0, longest),
-          call.bytes(longest, longest)}) {
+          call.bytes(0, maxLength),
+          call.bytes(maxLength, maxLength)}) {
         RawPeer peer = lend();
         ASSERT_TRUE(peer.authenticate());
 
@@ -291,7 +291,7 @@ TEST_F(HostileTest, WhatLiesAboutItsBodyIsNotServed) {
         ASSERT_TRUE(peer.send(message.bytes()));
         ASSERT_TRUE(peer.send(RawMessage{.serial = 77}.bytes()));
 
-        // Answered with an error, dropped, or the end; never as if it were well.
+        // An error, silence or the end of the connection; never a success.
         while (const auto answer = peer.receive()) {
             if (answer->says(wireText(helperVersion()))) {
                 break;
@@ -387,7 +387,7 @@ TEST_F(HostileTest, AnUrgentByteKeepsNobodyBusy) {
 
 TEST_F(HostileTest, OneUserHasSixtyFourConnections) {
     std::vector<RawPeer> peers;
-    for (int i = 0; i < mostForUser; ++i) {
+    for (int i = 0; i < maxForUser; ++i) {
         peers.push_back(lend());
         ASSERT_TRUE(peers.back().authenticate()) << i;
     }
@@ -395,7 +395,7 @@ TEST_F(HostileTest, OneUserHasSixtyFourConnections) {
     for (int i = 0; i < 10; ++i) {
         EXPECT_TRUE(lend().closesWithin(5s));
     }
-    EXPECT_EQ(footprint().threads, before.threads + mostForUser);
+    EXPECT_EQ(footprint().threads, before.threads + maxForUser);
     EXPECT_TRUE(isServed());
 
     peers.pop_back();
@@ -408,16 +408,16 @@ TEST_F(HostileTest, AllUsersTogetherHaveTwoHundredAndFiftySixConnections) {
     std::vector<std::unique_ptr<ServiceClient>> users;
     std::vector<RawPeer> peers;
     constexpr uid_t firstOfMany = 2000;
-    for (uid_t uid = firstOfMany; peers.size() < mostInAll - 1; ++uid) {
+    for (uid_t uid = firstOfMany; peers.size() < maxInAll - 1; ++uid) {
         users.push_back(std::make_unique<ServiceClient>(lab.client, uid));
-        for (int i = 0; i < mostForUser && peers.size() < mostInAll - 1; ++i) {
+        for (int i = 0; i < maxForUser && peers.size() < maxInAll - 1; ++i) {
             peers.emplace_back(users.back()->lend());
             ASSERT_TRUE(peers.back().authenticate()) << peers.size();
         }
     }
 
     // With the witness's own there are 256.
-    EXPECT_EQ(footprint().threads, before.threads + mostInAll - 1);
+    EXPECT_EQ(footprint().threads, before.threads + maxInAll - 1);
     EXPECT_TRUE(lend().closesWithin(5s));
     EXPECT_TRUE(RawPeer(ServiceClient(lab.client, administrator).lend()).closesWithin(5s));
     EXPECT_THAT(witness->call("HelperVersion"), ElementsAre(helperVersion()));
@@ -445,7 +445,7 @@ TEST_F(HostileTest, TenThousandStrangersInARowKeepNobodyOut) {
 
 TEST_F(HostileTest, AHugeProgramWithAGenuineSignatureCostsLittle) {
     const std::string signature = contentOf(lab.client).substr(contentOf(clientProgram).size());
-    // As much as is looked at, and more: the one is read before it is found to be another program.
+    // One that is just small enough to be read whole, and one that is too large.
     for (const std::uintmax_t size : {std::uintmax_t{255} << 20U, std::uintmax_t{4} << 30U}) {
         const std::string program = "/tmp/huge";
         fs::remove(program);
@@ -469,13 +469,14 @@ TEST_F(HostileTest, AHugeProgramWithAGenuineSignatureCostsLittle) {
 TEST_F(HostileTest, AFullDescriptorTableIsNotAskedAgainAndAgain) {
     const rlimit small{.rlim_cur = 40, .rlim_max = 4096};
     rlimit usual{};
-    // The verdict on a program that has just been written is not kept, and its check takes a file.
+    // A check opens a file. The verdict on a program that was written a moment ago is not kept, so
+    // wait until it is.
     std::this_thread::sleep_for(3s);
     ASSERT_TRUE(isServed());
     ASSERT_EQ(::prlimit(service->pid(), RLIMIT_NOFILE, &small, &usual), 0);
     std::vector<RawPeer> peers;
-    peers.reserve(mostForUser);
-    for (int i = 0; i < mostForUser; ++i) {
+    peers.reserve(maxForUser);
+    for (int i = 0; i < maxForUser; ++i) {
         peers.push_back(lend());
     }
     const auto usedBefore = processorTimeOf(service->pid());
@@ -516,7 +517,7 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
 
     auto& half = add("half a message", nothing, 30s);
     ASSERT_TRUE(half.authenticate());
-    // A sanitizer's realloc copies all of it each time that something comes.
+    // A sanitizer's realloc copies all of it whenever something arrives.
     constexpr std::uint32_t large = isSanitized ? 1'000'000 : 100'000'000;
     const std::string announced =
         RawMessage{.member = "ApplyFirewall", .signature = "ay", .body = wireNumber(large - 4)}
@@ -548,9 +549,9 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
     RawPeer patient = lend();
     ASSERT_TRUE(patient.authenticate());
 
-    constexpr auto longest = 31s;
+    constexpr auto maxAwaitedLimit = 31s;
     const auto isWaitedFor = [&](const Slow& slow) {
-        return !slow.closedAfter && slow.limit <= longest;
+        return !slow.closedAfter && slow.limit <= maxAwaitedLimit;
     };
     while (!isAfter(34s) && std::any_of(peers.begin(), peers.end(), isWaitedFor)) {
         std::this_thread::sleep_for(500ms);
@@ -566,7 +567,7 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
     }
 
     for (const auto& slow : peers) {
-        if (slow.limit > longest) {
+        if (slow.limit > maxAwaitedLimit) {
             continue;
         }
         ASSERT_TRUE(slow.closedAfter) << slow.name;
@@ -604,7 +605,7 @@ TEST_F(HostileToReportsTest, RepliesThatNobodyTakesDoNotPileUp) {
     EXPECT_LT(pfctl.calls().size(), 20U) << "requests are read while replies wait";
     EXPECT_TRUE(isServed());
 
-    // Taken slowly, each comes whole.
+    // However slowly they are taken, each arrives whole.
     for (int i = 0; i < 5; ++i) {
         const auto report = peer.receive();
         ASSERT_TRUE(report);
@@ -625,7 +626,7 @@ TEST_F(HostileToReportsTest, WhatDBusCannotCarryIsReplaced) {
     EXPECT_THAT(report[0], testing::StartsWith("== pf status ==\nStatus: \uFFFD\uFFFDon\n"));
 }
 
-/// A TCP socket with data that nobody will take, which lingers for an hour when it is closed.
+/// A TCP socket with data that nobody will take: closing it lingers for an hour.
 UniqueFd lingeringSocket() {
     const UniqueFd listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
@@ -639,7 +640,7 @@ UniqueFd lingeringSocket() {
     EXPECT_EQ(run({"/sbin/ip", "link", "set", "lo", "up"}).status, 0);
     UniqueFd sending(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(::connect(sending.get(), generic, size), 0);
-    // Accepted and kept by nobody but the kernel, it stays open and takes no more than it can hold.
+    // Nobody reads from the accepted end; kept open, it takes only as much as it can hold.
     static std::vector<UniqueFd> kept;
     kept.emplace_back(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     constexpr linger anHour{.l_onoff = 1, .l_linger = 3600};
@@ -650,13 +651,14 @@ UniqueFd lingeringSocket() {
     return sending;
 }
 
-/// What the socket of systemd holds when the helper starts; it has no say in what was sent before.
+/// Connections that wait in systemd's socket when the helper starts: it could not refuse what was
+/// sent on them.
 class HostileBeforeStartTest : public testing::Test {
 protected:
     ServiceLab lab;
     UniqueFd listening = listenAt(servicePath);
 
-    /// Starts the service with what has come until now; a client is served within ten seconds.
+    /// Starts the service on what is waiting; it serves a client within ten seconds.
     void expectServed() {
         Service service({.program = helperProgram, .listeningSocket = listening.get()});
         const auto begin = Clock::now();
@@ -692,7 +694,7 @@ TEST_F(HostileBeforeStartTest, PassedDescriptorsAreNotKept) {
 TEST_F(HostileBeforeStartTest, ALingeringDescriptorHoldsNobodyUp) {
     constexpr int more = 10;
     std::vector<UniqueFd> peers;
-    for (int i = 0; i < mostForUser + more; ++i) {
+    for (int i = 0; i < maxForUser + more; ++i) {
         peers.push_back(connectToService());
         const RawPeer peer(UniqueFd(::fcntl(peers.back().get(), F_DUPFD_CLOEXEC, 3)));
         ASSERT_TRUE(peer.sendWithDescriptor("x", lingeringSocket().get(), 1));
@@ -701,7 +703,7 @@ TEST_F(HostileBeforeStartTest, ALingeringDescriptorHoldsNobodyUp) {
     expectServed();
 }
 
-/// A program of D-Bus that is signed; skips the test where it is not installed.
+/// A signed copy of a D-Bus tool; none where the tool is not installed.
 std::optional<std::string> signedTool(const ServiceLab& lab, const std::string& name) {
     const std::string program = "/usr/bin/" + name;
     if (!exists(program)) {

@@ -50,17 +50,16 @@ ino_t inodeOf(const char* path) {
 /// Waits until somebody knocks.
 bool hasCaller(const UniqueFd& listening) {
     pollfd waited{.fd = listening.get(), .events = POLLIN, .revents = 0};
-    constexpr int patience = 30'000;  // milliseconds
-    return ::poll(&waited, 1, patience) == 1;
+    constexpr int callerTimeout = 30'000;  // milliseconds
+    return ::poll(&waited, 1, callerTimeout) == 1;
 }
 
-/// How a helper has ended that is not to serve.
+/// The end of a helper that must not serve.
 Finished endOf(Program& helper) {
     return helper.endsWithin(std::chrono::seconds(20)) ? helper.finish() : Finished();
 }
 
-/// What becomes of a helper that is told of a passed socket in this way, and gets `fd` as its
-/// descriptor 3.
+/// The end of a helper that gets these variables, and `fd` as its descriptor 3.
 Finished passed(int fd, const std::vector<std::string>& variables) {
     Surroundings surroundings;
     if (fd >= 0) {
@@ -70,7 +69,7 @@ Finished passed(int fd, const std::vector<std::string>& variables) {
     return endOf(helper);
 }
 
-/// What becomes of a helper to which nothing is passed.
+/// The end of a helper to which nothing is passed.
 Finished startedByHand() {
     Program helper({helperProgram});
     return endOf(helper);
@@ -146,7 +145,7 @@ TEST_F(ServiceActivationTest, PassesNothingOfItOn) {
 
     EXPECT_THAT(contentOf("/run/environment"), testing::HasSubstr("OTHER=x\n"));
     EXPECT_THAT(contentOf("/run/environment"), testing::Not(testing::HasSubstr("LISTEN_")));
-    // The fourth is that of ls(1) itself.
+    // The fourth is ls(1)'s own.
     EXPECT_EQ(contentOf("/run/descriptors"), "0\n1\n2\n3\n");
 }
 

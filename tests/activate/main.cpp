@@ -44,7 +44,7 @@ void require(bool success, const char* step) {
 
 [[noreturn]] void serve(char** program) {
     const UniqueFd made = tarnvale::platform::openListeningSocket(0);
-    // Never descriptor 3 itself, which dup2 would then leave to be closed.
+    // Never descriptor 3 itself: dup2 would leave it alone, and the exec would close it.
     const UniqueFd listening(::fcntl(made.get(), F_DUPFD_CLOEXEC, passedDescriptor + 1));
     require(static_cast<bool>(listening), "fcntl");
     while (true) {

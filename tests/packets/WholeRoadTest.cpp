@@ -55,13 +55,13 @@ TEST_F(WholeRoadTest, LeadsFromTheStoreToThePackets) {
 
     EXPECT_EQ(helper("--reapply").status, 0);
 
-    // Lab: out goes all but to the office, in comes only ssh.
+    // Lab: everything goes out but to the office; only ssh comes in.
     EXPECT_TRUE(lab->passes({.from = vm1, .to = outside, .port = 443}));
     EXPECT_TRUE(lab->drops({.from = vm1, .to = office, .port = 443}));
     EXPECT_TRUE(lab->passes({.from = outside, .to = vm2, .port = 22}));
     EXPECT_TRUE(lab->drops({.from = outside, .to = vm2, .port = 80}));
     EXPECT_TRUE(lab->drops({.protocol = Protocol::ping, .from = gateway64, .to = vm1}));
-    // Isolated: names from the gateway, nothing else.
+    // Isolated: it gets names from the gateway and nothing else.
     EXPECT_TRUE(lab->passes({.protocol = Protocol::udp, .from = vm3, .to = gateway65, .port = 53}));
     EXPECT_TRUE(lab->drops({.protocol = Protocol::udp, .from = vm3, .to = outside, .port = 53}));
     EXPECT_TRUE(lab->drops({.from = vm3, .to = vm1, .port = 22}));

@@ -32,7 +32,7 @@ sockaddr_in socketAddress(const Address& address) {
     return result;
 }
 
-/// The call's view of an address: the sockets' functions take every family's.
+/// The type of address that the socket calls take.
 const sockaddr* generic(const sockaddr_in& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
@@ -147,7 +147,7 @@ void Question::proceed() {
             end(Outcome::answered);
         }
     }
-    // An error that has been told stays in a queue of its own, and would be told for ever.
+    // A reported error stays in a queue of its own, and poll would report it forever.
     while (protocol_ != Protocol::tcp &&
            ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_ERRQUEUE) >= 0) {
     }
@@ -193,7 +193,7 @@ void Question::end(Outcome outcome) {
 }
 
 void Question::endWithError(int error) {
-    // EPERM is how Linux tells a local sender that the packet filter dropped the packet.
+    // By EPERM Linux reports to a local sender that the packet filter dropped the packet.
     end(error == EPERM || error == ETIMEDOUT ? Outcome::silent : Outcome::refused);
 }
 

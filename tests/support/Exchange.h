@@ -40,18 +40,18 @@ struct Address {
 class Question {
 public:
     /// Asks from a new socket in the calling thread's network namespace. Throws
-    /// `std::system_error` when there can be no such socket; that the question cannot leave this
-    /// host is its outcome.
+    /// `std::system_error` when there can be no such socket. A question that cannot leave this
+    /// host is not an error but an outcome.
     Question(Protocol protocol, const Address& from, const Address& to, int timeToLive = 64);
 
     /// Asks once more in the same flow.
     void repeat();
 
-    /// True until something has come back or is known to never come.
+    /// True until something has come back, or it is known that nothing will.
     bool pending() const { return pending_; }
     Outcome outcome() const { return outcome_; }
 
-    /// The event that the question waits for; `proceed` is to be called when it has come.
+    /// The event that the question waits for; call `proceed` when it has come.
     pollfd awaited() const;
     void proceed();
 
@@ -76,11 +76,11 @@ class EchoServer {
 public:
     EchoServer();
 
-    /// Listens by a new socket in the calling thread's network namespace. Throws
+    /// Listens on a new socket in the calling thread's network namespace. Throws
     /// `std::system_error`.
     void listen(Protocol protocol, const Address& address);
 
-    /// The event that says that there is something to serve.
+    /// The event on which there is something to serve.
     pollfd awaited() const;
 
     /// Serves all that has arrived, without waiting.

@@ -17,7 +17,7 @@
 namespace tarnvale::test {
 namespace {
 
-/// What a stop at a system call is reported as, by PTRACE_O_TRACESYSGOOD.
+/// The signal of a stop at a system call, under PTRACE_O_TRACESYSGOOD.
 constexpr int systemCallStop = SIGTRAP | 0x80;
 
 void require(bool done, const char* step) {
@@ -26,7 +26,7 @@ void require(bool done, const char* step) {
     }
 }
 
-/// The child's next stop or its end, as waitpid tells it.
+/// The child's next stop or its end, as waitpid reports it.
 int nextStatus(pid_t child) {
     int status = 0;
     while (::waitpid(child, &status, 0) < 0) {
@@ -60,8 +60,8 @@ long enteredCall(pid_t child) {
     return static_cast<long>(info.entry.nr);
 }
 
-/// Lets the child run and asks of each system call that it enters whether it shall die there. False
-/// when it lived to its end.
+/// Lets the child run and kills it on entering the first system call that is fatal. False when it
+/// lived to its end.
 bool killAt(pid_t child, const std::function<bool(long call)>& isFatal) {
     bool killing = false;
     bool inCall = false;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// An operation that is killed at every instant that a file system can tell from another: before
-// each of its system calls in turn. And the list of those calls, where their order matters.
+// Kills an operation before each of its system calls in turn: no file system can tell more instants
+// apart. Lists those calls, too, where their order matters.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace tarnvale::test {
 
-/// Called by the operation where killing is to begin. What comes before, such as the start of a
+/// The operation calls it where killing is to begin. What comes before, such as the start of a
 /// program, runs undisturbed.
 void beginKilling();
 
@@ -18,8 +18,8 @@ void beginKilling();
 /// `beginKilling`, then in one that dies on entering its second, and so on until a child lives to
 /// its end. Before each child `prepare` restores the state; after each, the last one included,
 /// `check` looks at what it left. The operation may replace itself by another program. Returns how
-/// many children were killed. Throws `std::runtime_error` when a child ends in any other way than
-/// by returning from the operation or by exit status 0.
+/// many children were killed. Throws `std::runtime_error` when a child neither returns from the
+/// operation nor exits with status 0.
 int killAtEverySystemCall(
     const std::function<void()>& prepare,
     const std::function<void()>& operation,

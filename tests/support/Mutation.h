@@ -12,7 +12,7 @@
 namespace tarnvale::test {
 
 /// The text with one to three random changes: bytes replaced, put in, cut out or repeated. Half of
-/// the bytes that are put in are of those that mean something in JSON.
+/// the bytes that are put in mean something in JSON.
 inline std::string mutated(std::string text, std::mt19937_64& random) {
     constexpr std::string_view telling =
         "{}[]:,\"\\/ \n\t0123456789+-.eEunltrfasbdDc8\xC3\xA9\xED\xF0";

@@ -44,7 +44,7 @@ void require(bool holds, const std::string& line) {
     }
 }
 
-/// The looks that pf takes at a packet: one at each interface that it crosses.
+/// Where pf looks at a packet: once at each interface that it crosses.
 std::vector<Direction> looks(const Host& from, const Host& to) {
     if (from.machine == Machine::router && to.machine == Machine::router) {
         return {Direction::out, Direction::in};  // over the loopback interface
@@ -128,12 +128,12 @@ bool PacketFilterModel::matchesLine(
            line.from.network.contains(flow.source) && line.to.network.contains(flow.destination) &&
            line.from.ports.contain(flow.sourcePort) &&
            line.to.ports.contain(flow.destinationPort) &&
-           // "keep state" brings "flags S/SA" with it, also where no protocol is named.
+           // "keep state" implies "flags S/SA", even where no protocol is named.
            (!line.pass || flow.protocol != Protocol::tcp || opening);
 }
 
 bool PacketFilterModel::passes(Direction direction, const Flow& flow, bool opening) {
-    // A state passes its flow in the direction in which it was made, and the replies in the other.
+    // A state passes its flow in the direction in which it was made, and replies in the other.
     const Direction opposite = direction == Direction::in ? Direction::out : Direction::in;
     if (states_.contains({direction, flow}) || states_.contains({opposite, flow.reversed()})) {
         return true;

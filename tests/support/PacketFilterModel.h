@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // What pf does with a ruleset of the helper's form, worked out packet by packet: the first line
-// that matches decides, and what a line passed has a state by which its flow goes on. It shares
-// no code with the pfctl that it is the measure of.
+// that matches decides, and a packet that a line passed leaves a state by which its flow goes on.
+// The model shares no code with the pfctl that is measured by it.
 
 #pragma once
 
@@ -22,7 +22,7 @@ namespace tarnvale::test {
 /// Which way a packet crosses an interface, seen from the router.
 enum class Direction : std::uint8_t { in, out };
 
-/// What makes two packets belong to one flow. Of a ping, both ports are the identifier.
+/// What the packets of one flow have in common. For a ping, both ports are the identifier.
 struct Flow {
     Protocol protocol = Protocol::tcp;
     std::uint32_t source = 0;
@@ -40,7 +40,7 @@ public:
     void load(const std::string& ruleset);
 
     /// Judges one packet at one interface. `opening` says that a TCP packet is the first of its
-    /// connection, the only kind that a `pass` line takes.
+    /// connection, the only kind that a `pass` line accepts.
     bool passes(Direction direction, const Flow& flow, bool opening = true);
 
     /// Whether the exchange is answered: each packet of it passes at each interface it crosses.

@@ -51,7 +51,7 @@ public:
 
     bool running();
 
-    /// Waits until it has ended; false when the time is over first.
+    /// Waits for its end; false when the time is over first.
     bool endsWithin(std::chrono::milliseconds time);
 
     /// Waits for the end.

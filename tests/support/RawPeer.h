@@ -21,7 +21,7 @@ inline constexpr std::uint8_t methodReturn = 2;
 inline constexpr std::uint8_t errorReply = 3;
 inline constexpr std::uint8_t signalMessage = 4;
 
-/// What a message says; whatever is not said otherwise makes it a call of a method of the service.
+/// What a message says. Unless changed, it is a call of a method of the service.
 struct RawMessage {
     std::string member = "HelperVersion";
     std::string signature{};  ///< of the body
@@ -32,7 +32,7 @@ struct RawMessage {
     std::string path = "/com/brackwen/tarnvale/adminhelper";
     std::string interface = "com.brackwen.tarnvale.adminhelper";
     std::optional<std::uint32_t> replySerial{};
-    std::optional<std::uint32_t> descriptors{};  ///< how many it says come along
+    std::optional<std::uint32_t> descriptors{};  ///< how many it claims to bring along
 
     /// Little-endian. The two lengths in the header are the true ones unless others are given.
     std::string bytes(
@@ -57,7 +57,7 @@ struct Received {
 /// One connection.
 class RawPeer {
 public:
-    /// All that a client says until its first message.
+    /// All that a client says before its first message.
     static constexpr std::string_view handshakeLines{"\0AUTH EXTERNAL\r\nDATA\r\nBEGIN\r\n", 29};
 
     /// Takes over a connected socket.
@@ -70,10 +70,10 @@ public:
     bool send(
         std::string_view bytes, std::chrono::milliseconds time = std::chrono::seconds(20)) const;
 
-    /// Sends as much as the service takes at this moment; how much that was.
+    /// Sends as much as the service takes at this moment and returns how much that was.
     std::size_t sendNow(std::string_view bytes) const;
 
-    /// Sends the bytes and a copy of the descriptor, `count` times; false when that was refused.
+    /// Sends the bytes and `count` copies of the descriptor; false when the kernel refuses.
     bool sendWithDescriptor(std::string_view bytes, int descriptor, std::size_t count) const;
 
     /// The whole handshake; false when the service ends it.
@@ -85,7 +85,7 @@ public:
     /// Whether the service closes the connection within the time. What it sends is thrown away.
     bool closesWithin(std::chrono::milliseconds time) const;
 
-    /// Whether the service has closed the connection. Takes nothing of what it has sent.
+    /// Whether the service has closed the connection. Leaves what it has sent unread.
     bool isClosed() const;
 
     void finishWriting() const;

@@ -28,8 +28,9 @@ public:
     /// Succeeds at everything and prints nothing.
     ScriptedPfctl();
 
-    /// Has calls whose words, joined by blanks, match the shell pattern run these shell commands.
-    /// The first pattern that matches counts. `$n` is the number of the call among all, from 1.
+    /// Runs these shell commands when the words of a call, joined by blanks, match the shell
+    /// pattern. The first pattern that matches counts. `$n` is the number of the call among all,
+    /// from 1.
     void answer(const std::string& pattern, const std::string& commands);
 
     /// Every call so far, its words joined by blanks.

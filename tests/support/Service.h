@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The helper at work, as most tests have it: one that never says a word.
+// The helper at work, as most tests need it: one that never writes a word.
 
 #pragma once
 

@@ -180,7 +180,7 @@ std::string cmsMessage(std::string_view content, const MessageRequest& request) 
         require(CMS_add1_cert(message, certificate) == 1, "add a certificate");
     }
     if (request.signers.empty()) {
-        // OpenSSL finishes no message that nobody signs.
+        // OpenSSL doesn't finish a message that nobody signs.
         ASN1_OCTET_STRING** const inside = CMS_get0_content(message);
         if (*inside == nullptr) {
             *inside = ASN1_OCTET_STRING_new();

@@ -86,7 +86,7 @@ std::string signedContent(std::string_view program, std::string_view identifier)
 /// The message of a well-signed program.
 std::string signatureOf(std::string_view program, std::string_view identifier, const Chain& chain);
 
-/// The program with the message behind it; `length` is what the trailer claims.
+/// The program with the message behind it; `length` is what the trailer claims, if not the truth.
 std::string withTrailer(
     std::string_view program,
     std::string_view message,

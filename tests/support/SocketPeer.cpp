@@ -53,7 +53,7 @@ pid_t forkAs(std::optional<pid_t> pid) {
     return static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof(arguments)));
 }
 
-/// The child's part, up to the program. Only calls that are safe after a fork.
+/// What the child does before it becomes the program: only calls that are safe after a fork.
 [[noreturn]] void connectAndRun(const sockaddr_un& to, char* const* arguments) {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&to), addressSize) == 0 &&
@@ -80,7 +80,7 @@ SocketPeer::SocketPeer(const std::vector<std::string>& arguments, std::optional<
         ::listen(listener.get(), 1) != 0) {
         fail("listen");
     }
-    // Closed by the exec: its end says that the program runs.
+    // The exec closes the writing end, which says that the program runs.
     std::array<int, 2> ready{};
     if (::pipe2(ready.data(), O_CLOEXEC) != 0) {
         fail("pipe2");

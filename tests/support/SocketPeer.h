@@ -17,9 +17,9 @@ namespace tarnvale::test {
 /// Runs a program that has connected to this process before its first instruction.
 class SocketPeer {
 public:
-    /// Starts `arguments[0]`, a path, with the connection as its standard input and output; with
-    /// that process ID where one is given (the caller is root of its PID namespace and the ID is
-    /// free). Throws `std::system_error`.
+    /// Starts `arguments[0]`, a path, with the connection as its standard input and output. It gets
+    /// the process ID `pid` where one is given: the caller must be root of its PID namespace and
+    /// the ID free. Throws `std::system_error`.
     explicit SocketPeer(
         const std::vector<std::string>& arguments, std::optional<pid_t> pid = std::nullopt);
 
@@ -32,7 +32,7 @@ public:
     /// This process's end of the connection.
     int socket() const { return socket_.get(); }
 
-    /// Waits until the program at the other end is another one than that at `path`.
+    /// Waits until the process at the other end runs another program than that at `path`.
     void waitUntilNotRunning(const std::string& path) const;
 
     /// Kills the process and waits for its end, so that its ID is free. The connection stays.

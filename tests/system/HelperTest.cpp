@@ -90,7 +90,7 @@ Finished helper(const std::vector<std::string>& arguments) {
     return test::run(test::with({helperPath}, arguments));
 }
 
-/// Runs it as a user who is not root. Such a user can't reach every build folder.
+/// Runs a copy of it as a user who is not root: such a user can't reach every build folder.
 Finished helperAsNobody(const std::vector<std::string>& arguments) {
     const std::string copy = "/tmp/TarnvaleAdminHelper";
     fs::copy_file(helperPath, copy, fs::copy_options::overwrite_existing);
@@ -126,7 +126,7 @@ MATCHER_P3(Ended, status, output, error, "") {
 
 class HelperTest : public testing::Test {
 protected:
-    /// Re-applies what is stored, which succeeds without a word whatever comes of it.
+    /// Re-applies what is stored; the program succeeds silently, whatever happens.
     static void reapply() { EXPECT_THAT(helper({"--reapply"}), Ended(0, "", "")); }
 
     ScriptedPfctl pfctl;
@@ -416,7 +416,7 @@ TEST_F(HelperTest, ADeathAtAnyInstantHarmsNothing) {
         put(storePath, store);
         put(rulesetPath, "# old\n");
     };
-    // A sanitizer's leak check can't look at a process that is traced.
+    // A sanitizer's leak check can't trace a process that is traced already.
     ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
 
     const int deaths = test::killAtEverySystemCall(

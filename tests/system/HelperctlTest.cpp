@@ -271,7 +271,7 @@ TEST_F(HelperctlTest, WritesNothingIntoTheConnection) {
     EXPECT_THAT(logMessages(), Contains("Removed firewall enforcement."));
 }
 
-/// What takes no helper takes no signature.
+/// A command that asks no helper needs no signature.
 Finished runUnsigned(const Words& arguments) {
     return run(with({unsignedProgram}, arguments));
 }
@@ -313,7 +313,7 @@ TEST(HelperctlAloneTest, SaysWhenItsResultIsLost) {
     }
 }
 
-/// Where there are other users.
+/// Needs other users.
 class HelperctlUsersTest : public HelperctlTest {
 protected:
     void SetUp() override {
@@ -416,7 +416,7 @@ TEST_F(HelperctlUsersTest, KeepsNothingOfRootWhenItActsForAUser) {
     EXPECT_THAT(status(), HasSubstr("\nGroups:\t20 80 \n"));
     EXPECT_THAT(status(), HasSubstr("\nCapEff:\t0000000000000000\n"));
     EXPECT_THAT(status(), HasSubstr("\nCapPrm:\t0000000000000000\n"));
-    // Programs of that user can't take over this one, which bears an admitted identifier.
+    // Programs of that user must not take over this one, which bears an admitted identifier.
     struct stat info {};
     ASSERT_EQ(::stat((folder + "/mem").c_str(), &info), 0);
     EXPECT_EQ(info.st_uid, rootUser);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The scripts that sign, install and package the helper on a Mac. What only a Mac has of commands
-// is played by scripts that remember how they were called.
+// The scripts that sign, install and package the helper on a Mac. Scripts that remember how they
+// were called play the commands that only a Mac has.
 
 #include <filesystem>
 #include <string>
@@ -51,7 +51,7 @@ protected:
         putProgram("/tmp/bin/tarnvale-helperctl", "");
     }
 
-    /// Has a command remember its call and then do this.
+    /// Puts a command in place that remembers its call and then does this.
     static void play(const std::string& name, const std::string& commands) {
         putProgram("/usr/bin/" + name, "echo \"" + name + " $*\" >>/tmp/calls\n" + commands);
     }

@@ -35,7 +35,7 @@ constexpr const char* installedHelper = "/usr/libexec/tarnvale/TarnvaleAdminHelp
 constexpr const char* socketUnit = "tarnvale-adminhelper.socket";
 constexpr const char* serviceUnit = "tarnvale-adminhelper.service";
 
-/// What a sanitizer needs of the system the service doesn't get.
+/// The unit denies the service what a sanitizer needs.
 constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
 
 std::string textOf(const std::string& unit) {

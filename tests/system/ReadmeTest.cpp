@@ -28,8 +28,8 @@ constexpr const char* sourceFolder = TARNVALE_SOURCE_DIR "/";
 /// are.
 constexpr const char* walkFolder = "/tmp/walk/";
 
-/// What is typed in the private root, as one script. A person takes longer to type the next line
-/// than the helper takes to start.
+/// What is typed in the private root, as one script. It waits where a person takes longer to type
+/// the next line than the helper takes to start.
 std::string walk() {
     constexpr std::string_view begin = "    sudo build/bin/sandbox bash\n";
     constexpr std::string_view end = "\n    exit\n";
@@ -67,7 +67,7 @@ protected:
         }
     }
 
-    /// Ends what was left running, as the end of the private root does.
+    /// Ends what was left running, as the end of the private root would.
     void TearDown() override { killAllOthers(); }
 };
 

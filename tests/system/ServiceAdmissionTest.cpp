@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Whom the service lets in, and whose messages it reads, by how client and helper are signed. Every
-// kind of bad signature has its test with the code that judges it; here each kind of judgement is
-// seen at the socket and in the log.
+// Whom the service lets in, and whose messages it reads, by how client and helper are signed. Each
+// kind of bad signature is tested beside the code that judges it; here each kind of verdict shows
+// at the socket and in the log.
 
 #include <array>
 #include <csignal>
@@ -39,8 +39,8 @@ std::string rejection(pid_t pid, uid_t uid = rootUser) {
            ": not Tarnvale or its service signed by K7PD2QM4TZ.";
 }
 
-/// Whether the kernel keeps hold of the process that connected, as it does from 6.5 on. Before, the
-/// service can only look for it by its ID.
+/// Whether the kernel keeps hold of the process that connected, as Linux does from 6.5 on. On older
+/// ones the service can only look for it by its ID.
 bool kernelKnowsPeers() {
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
@@ -77,14 +77,14 @@ protected:
         EXPECT_EQ(logMessages().back(), rejection(client.pid(), uid));
     }
 
-    /// Let in, since its claims are right, and closed at its first byte without a word.
+    /// Let in, because its claims are right; closed at its first byte without a reply.
     static void expectEnded(const std::string& program) {
         ServiceClient client(program);
         EXPECT_THAT(client.call("RemoveFirewall"), ElementsAre("closed"));
         EXPECT_THAT(logMessages(), ElementsAre(listeningMessage()));
     }
 
-    /// A client with a message of any kind behind it.
+    /// A client with any CMS message behind it.
     static std::string clientWith(
         const std::function<std::string(const std::string& program)>& message) {
         const std::string program = contentOf(clientProgram);
@@ -249,7 +249,7 @@ TEST_F(ServiceAdmissionTest, TakesNoProcessForAnEarlierOneOfItsID) {
     }
     const Service service;
     service.signal(SIGSTOP);
-    // An unsigned client connects, leaves the connection to a child, and a good one gets its ID.
+    // An unsigned client connects and leaves the connection to a child; a good one gets its ID.
     ServiceClient stranger(clientProgram, rootUser, freeProcessID);
     ASSERT_THAT(stranger.tell({"connect-raw"}), ElementsAre("connected"));
     ASSERT_THAT(stranger.tell({"fork"}), ElementsAre("forked"));

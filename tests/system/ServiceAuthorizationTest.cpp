@@ -24,7 +24,7 @@ using testing::ElementsAreArray;
 constexpr const char* refusal =
     "Only an administrator of this Mac can make this change through Tarnvale's helper.";
 
-/// A request, and what comes of it where it is allowed: it fails or has nothing to do, so that the
+/// A request and its result where it is allowed. It fails or has nothing to do, so that the
 /// requests of several users don't meddle with each other.
 struct Request {
     const char* method;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// As many connections as a user may have, all of them at work. Built with the thread sanitizer,
-// the helper would write to its standard error, which the service's end looks at.
+// As many connections as a user may have, all at work. Built with the thread sanitizer, the helper
+// reports races to its standard error, where `Service` looks for them.
 
 #include <cstddef>
 #include <memory>
@@ -105,8 +105,8 @@ TEST(ServiceConcurrencyTest, ServesAllItsConnectionsWithEveryKindOfRequest) {
             EXPECT_THAT(clients[index]->reply(), request.reply) << request.method;
         }
     }
-    // Never are two requests mixed: the log's lines are whole, and what pf enforces is what it
-    // would be told again.
+    // No two requests are ever mixed: the log's lines are whole, and what pf enforces is what a
+    // re-apply would load.
     EXPECT_NO_THROW(logMessages());
     const std::string listed = listedRules();
     EXPECT_EQ(run({helperProgram, "--reapply"}).status, 0);

@@ -51,8 +51,8 @@ double seconds(Clock::duration time) {
     return std::chrono::duration<double>(time).count();
 }
 
-/// Runs the work in this many processes at once, each with its own sockets, log and store, and sees
-/// that nothing fails in any.
+/// Runs the work in this many processes at once, each with its own sockets, log and store. The test
+/// fails when any of them does.
 void inPrivateMachines(int count, const std::function<void()>& work) {
     std::vector<pid_t> children;
     for (int index = 0; index < count; ++index) {
@@ -268,7 +268,7 @@ TEST_F(ServiceClientsEndTest, LeavesAnApplyWholeOrUndoneAtAnyInstant) {
     const Service service;
     int undone = 0;
     int whole = 0;
-    // The apply takes some ten milliseconds; before it lie the connection and the checks.
+    // The apply takes some ten milliseconds, after the connection and the checks.
     for (int instant = 0; instant < 40; ++instant) {
         forgetTraces();
         std::string rejection;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The requests beside those of the firewall, as a client sees them: what they change, what they
+// The requests other than the firewall's, as a client sees them: what they change, what they
 // reply, what the log says.
 
 #include <chrono>

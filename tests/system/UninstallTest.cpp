@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The script that takes the helper off a Mac: what it removes, what it leaves alone, and that it
-// may be run at any time. What only a Mac has of commands is played by scripts.
+// may be run at any time. Scripts play the commands that only a Mac has.
 
 #include <filesystem>
 #include <string>
@@ -29,7 +29,7 @@ constexpr const char* helper = "/Applications/Tarnvale.app/Contents/Helpers/Tarn
 constexpr const char* tool = "/Applications/Tarnvale.app/Contents/Helpers/tarnvale";
 constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
 
-/// There while launchd has the job; how often it still shows the job after it was told to end it.
+/// Exists while launchd has the job. Holds how often launchd still shows it after a bootout.
 constexpr const char* job = "/tmp/job";
 constexpr const char* bootout = "bootout system/com.brackwen.tarnvale.adminhelper\n";
 constexpr const char* print = "print system/com.brackwen.tarnvale.adminhelper\n";

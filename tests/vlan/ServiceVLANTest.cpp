@@ -42,7 +42,7 @@ void makeMachine() {
     ASSERT_EQ(::unshare(CLONE_NEWNET | CLONE_NEWNS), 0);
     ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     ASSERT_EQ(::mount("sysfs", "/sys", "sysfs", 0, nullptr), 0);
-    // Nothing on the host's file system tells of its changes, as the log has to.
+    // The host's file system does not report changes, and awaitLog depends on them.
     for (const char* folder : {"/run", "/tmp", "/var/log"}) {
         ASSERT_EQ(::mount("scratch", folder, "tmpfs", 0, nullptr), 0);
     }

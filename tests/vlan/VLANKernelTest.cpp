@@ -46,7 +46,7 @@ void require(int result, const char* step) {
     }
 }
 
-/// Runs ip(8) with the arguments, which are separated by white space; what it prints.
+/// Runs ip(8) with the arguments, separated by white space, and returns what it prints.
 std::string ip(const std::string& arguments, const std::string& input = {}) {
     std::istringstream words(arguments);
     std::vector<std::string> command = {"/sbin/ip"};
@@ -330,7 +330,7 @@ TEST_F(VLANKernelTest, ForgetsAVLANThatSomebodyElseRemoved) {
 
 class ForeignVLANTest : public VLANKernelTest {
 protected:
-    /// The helper makes "vlan0" with the tag 5 on "en0", somebody else another one in its place.
+    /// The helper makes "vlan0" with tag 5 on "en0"; somebody else puts another one in its place.
     void replaceVLAN(const std::string& arguments) {
         createVLAN(5);
         ip("link delete dev vlan0");

@@ -41,14 +41,14 @@ constexpr const char* kernelProgram = "/usr/bin/linux.uml";
 /// A sanitized program needs terabytes of address space; user-mode Linux has half of one.
 constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
 
-/// How the first process is told from the program that boots the kernel.
+/// Tells the first process from the program that boots the kernel.
 constexpr const char* asFirstProcess = "--as-first-process";
 
 /// What the first process leaves in the private root: its tests' output and their exit status.
 constexpr const char* reportFile = "/run/vlan-kernel-report";
 constexpr const char* statusFile = "/run/vlan-kernel-status";
 
-/// What 802.1Q is made of, each after those that it needs, and interfaces to carry VLANs.
+/// The modules of 802.1Q, each after those that it needs, and of interfaces to carry VLANs.
 constexpr std::array modules = {
     "net/llc/llc.ko",
     "net/802/stp.ko",
@@ -171,7 +171,7 @@ int bootAndReportFromAPrivateRoot(
 
 int main(int argc, char** argv) {
     try {
-        // As it was called: what /proc/self/exe says need not be a path in a chroot.
+        // As it was called: in a chroot, what /proc/self/exe says need not be a path.
         const std::string program = std::filesystem::absolute(argv[0]);
         const std::vector<std::string> arguments(argv + 1, argv + argc);
         testing::InitGoogleTest(&argc, argv);

@@ -25,7 +25,6 @@
 #include <exception>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>

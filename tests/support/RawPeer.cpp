@@ -2,11 +2,9 @@
 
 #include "tests/support/RawPeer.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include <poll.h>

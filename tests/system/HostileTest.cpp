@@ -4,7 +4,6 @@
 // they have gone nothing is left of them: no descriptor, no thread, no memory.
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>

@@ -3,7 +3,6 @@
 // The service's life: what it does before it takes requests, how it ends, and that a client's end
 // changes nothing about a request that has begun.
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstddef>

@@ -3,7 +3,6 @@
 // The requests other than the firewall's, as a client sees them: what they change, what they
 // reply, what the log says.
 
-#include <chrono>
 #include <filesystem>
 #include <string>
 

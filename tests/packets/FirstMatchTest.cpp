@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/PacketFilterModel.h"
 #include "tests/packets/PacketTest.h"
+#include "tests/support/PacketFilterModel.h"
 
 namespace tarnvale::test {
 namespace {

@@ -39,7 +39,8 @@ public:
                 // Out of memory: it is left out this time.
             }
             if (task.period > 0ms) {
-                schedule(time + task.period, std::move(task));
+                const auto again = time + task.period;
+                schedule(again, std::move(task));
             }
         }
     }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// What surrounds the story: the script that sets up, builds and starts the demo, and the demo's end
-// by an interrupt. The script runs in a folder of its own, where set-up, build and demo are
-// stand-ins that record each call.
+// The demo from outside: the script that sets up, builds and starts it, and how it ends when
+// interrupted. The script runs in a folder of its own, where stand-ins for set-up, build and demo
+// record each call.
 
 #include <chrono>
 #include <csignal>
@@ -35,7 +35,7 @@ constexpr uid_t someUser = 501;
 
 class DemoScriptTest : public testing::Test {
 protected:
-    /// Many a folder's path has a blank in it.
+    /// With a blank, which every command of the script has to quote.
     const fs::path folder = "/tmp/a folder";
     const std::string script = folder / "scripts/demo";
 
@@ -55,7 +55,7 @@ protected:
 
     static std::string calls() { return contentOf(callsPath); }
 
-    /// Runs the script to its end, which it reaches where it can have a sandbox.
+    /// Runs the script to its end; skips the test where there can be no sandbox.
     static void runInFull(const std::string& command) {
         const Finished demo = run({command});
         if (demo.error.find("overlayfs") != std::string::npos ||
@@ -187,7 +187,7 @@ TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
 }
 
 TEST(DemoTest, EndsAtAnInterruptAndLeavesNothing) {
-    // Without its mark this private root is a machine like any other, on which the demo makes one.
+    // Without its mark this private root looks like any machine, so the demo makes one of its own.
     fs::remove("/run/private-root");
     const auto processesBefore = processes();
     const auto mountsBefore = contentOf("/proc/self/mountinfo");

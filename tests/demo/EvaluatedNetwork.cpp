@@ -14,8 +14,8 @@
 namespace tarnvale::test {
 namespace {
 
-/// What the pfctl that records keeps: the rules that it was given, whether it was to enforce them,
-/// and what it lists.
+/// The files of the recording pfctl: the rules it was given, a mark that it was enabled, and what
+/// it lists.
 constexpr const char* rulesPath = "/run/pfctl.rules";
 constexpr const char* enabledPath = "/run/pfctl.enabled";
 constexpr const char* listingPath = "/run/pfctl.listing";
@@ -73,7 +73,7 @@ public:
     }
 
 private:
-    /// Has the model judge by what pfctl has been given.
+    /// Gives the model the rules that pfctl enforces now.
     void takeOverRules() {
         std::string rules = exists(enabledPath) && exists(rulesPath) ? contentOf(rulesPath) : "";
         if (rules != rules_) {
@@ -82,7 +82,7 @@ private:
         }
     }
 
-    /// Has pfctl list the rules and how many packets each has decided on.
+    /// Makes pfctl list the rules and how many packets each has decided on.
     void list() const {
         const pfctl::ParsedRuleset ruleset = pfctl::parseRuleset(rules_);
         const std::vector<std::size_t>& matches = model_.matches();

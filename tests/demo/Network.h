@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The demo's hosts, and how it finds out which of them reaches which: by real packets, or, where
-// the system gives no network or no packet filter, by evaluating the rules. The program stands in
-// the router of tests/support/NetworkLab.h, which is the virtual machines' host.
+// The demo's hosts and the connections between them: tried with real packets or, where the system
+// gives no network or no packet filter, worked out from the rules. The program runs in the router
+// of tests/support/NetworkLab.h, which is the virtual machines' host.
 
 #pragma once
 
@@ -32,7 +32,7 @@ struct RefusedNetwork {
     std::string refusal;   ///< the helper's sentence
 };
 
-/// It has its pfctl in /sbin.
+/// Making one installs the pfctl that the helper runs.
 class Network {
 public:
     Network() = default;
@@ -40,15 +40,15 @@ public:
     Network& operator=(const Network&) = delete;
     virtual ~Network() = default;
 
-    /// Tries the exchanges at once; how each of them ended. `answersExpected` says which are worth
-    /// waiting for.
+    /// Tries all exchanges at once and returns how each ended. `answersExpected` says which are
+    /// worth waiting for.
     virtual std::vector<Outcome> outcomes(
         const std::vector<Exchange>& exchanges, const std::vector<bool>& answersExpected) = 0;
 
-    /// Is called when the examples are laid out.
+    /// Takes the examples to be laid out in the current folder.
     virtual RefusedNetwork refusedNetwork() = 0;
 
-    /// The sentence that says what isn't real about the outcomes; empty when all of it is.
+    /// The sentence that says what isn't real about the outcomes; empty when everything is.
     virtual std::string caveat() = 0;
 };
 

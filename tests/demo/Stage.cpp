@@ -53,7 +53,7 @@ void layOutTheExamples() {
     fs::current_path("/tmp");
 }
 
-/// What starts the helper for each first request, once it listens.
+/// Prepares the machine. Returns the command that listens for requests and starts the helper.
 std::vector<std::string> activation() {
     makeUsers();
     signTheClient();
@@ -102,7 +102,7 @@ Answer askUnsigned(const std::vector<std::string>& request) {
 }
 
 std::optional<std::string> lastLogged(const std::string& pattern) {
-    // A message may have several lines; those that are looked for have one, behind their time.
+    // The story looks only for messages of one line, each behind its time.
     std::optional<std::string> last;
     std::istringstream lines(contentOf(logPath));
     for (std::string line; std::getline(lines, line);) {

@@ -50,13 +50,13 @@ void becomeRootOfAUserNamespace() {
     writeText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-/// In a new private root; /run is its own, so that no other root has it.
+/// Marks a private root: each has a new file system at /run, so the file is in no other root.
 constexpr const char* markPath = "/run/private-root";
 
-/// The signals by which a user ends a program.
+/// The signals with which a user ends a program.
 constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP};
 
-/// What the signal's handler ends, and the signal that came.
+/// The process that the signal handler kills, and the signal that arrived.
 volatile std::sig_atomic_t shadowed = 0;
 volatile std::sig_atomic_t endedBy = 0;
 
@@ -71,8 +71,8 @@ bool isIgnored(int signal) {
     return action.sa_handler == SIG_IGN;
 }
 
-/// Has the signals end the child, which as the first process of its namespace would ignore them;
-/// with it ends every other process there. A signal that is ignored stays so.
+/// Makes the signals kill the child, and with it every process of its namespace. The child itself
+/// would ignore them, as a namespace's first process does. Ignored signals stay ignored.
 void handOnSignals(pid_t child) {
     shadowed = child;
     for (const int signal : endingSignals) {
@@ -90,7 +90,7 @@ void handOnSignals(pid_t child) {
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (endedBy != 0) {
-        // Whoever waits for this process, such as a shell, is to see what ended it.
+        // A shell that waits for this process sees what ended it.
         std::signal(endedBy, SIG_DFL);
         std::raise(endedBy);
     }
@@ -175,7 +175,7 @@ std::optional<std::string> enterPrivateRoot() {
         return std::string("no private root: ") + error.what();
     }
 
-    // A signal waits until there is somebody to end.
+    // Signals wait until the handler knows the child.
     sigset_t ending;
     sigset_t formerMask;
     ::sigemptyset(&ending);
@@ -193,8 +193,9 @@ std::optional<std::string> enterPrivateRoot() {
     }
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (!isIgnored(SIGINT)) {
-        // A terminal's interrupt goes to the shadow alone, which ends all at once. Otherwise this
-        // process could see its children end by it and take that for a result.
+        // In a session of its own, this process and its children don't get the terminal's
+        // interrupt. The shadow gets it and kills them all at once; otherwise this process could
+        // see a child die of it and report that as a result.
         ::setsid();
     }
     try {

@@ -4,8 +4,8 @@
 // where it was called, and ends with its status. What the command does to files, interfaces and
 // packet filters is gone when it ends.
 //
-// The command decides itself what an interrupt does to it. It is therefore not the first process of
-// its namespace, which the system spares, and this program ignores interrupts.
+// What an interrupt does is the command's decision, so this program ignores interrupts. The command
+// is not the first process of its namespace, because the kernel spares that one.
 
 #include <cerrno>
 #include <csignal>

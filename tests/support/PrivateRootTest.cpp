@@ -2,12 +2,17 @@
 
 #include "tests/support/PrivateRoot.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include "tests/support/Program.h"
 
 namespace tarnvale::test {
 namespace {
@@ -32,6 +37,33 @@ TEST(PrivateRootTest, HasProcessesAndInterfacesOfItsOwn) {
     EXPECT_EQ(::getpid(), 1);
     EXPECT_TRUE(fs::exists("/proc/1/exe"));
     EXPECT_TRUE(fs::exists(TARNVALE_SOURCE_DIR "/README.md"));
+}
+
+/// Runs the shell commands in a sandbox that leads a group, as a shell's job does, and interrupts
+/// the group once they have said that they are ready.
+Finished interrupted(const std::string& commands) {
+    Program sandbox(
+        {"/usr/bin/setsid", TARNVALE_BIN_DIR "/sandbox", "/bin/sh", "-c", commands + "; true"});
+    while (sandbox.running() && sandbox.output() != "ready\n") {
+        std::this_thread::yield();
+    }
+    if (sandbox.running()) {
+        ::kill(-sandbox.pid(), SIGINT);
+    }
+    return sandbox.finish();
+}
+
+TEST(SandboxTest, LeavesInterruptsToItsCommand) {
+    const Finished ended = interrupted("echo ready; sleep 60");
+    if (ended.error.find("no private root") != std::string::npos) {
+        GTEST_SKIP() << ended.error;
+    }
+    EXPECT_EQ(ended.status, 128 + SIGINT);
+
+    const Finished handled =
+        interrupted("trap 'echo caught; exit 3' INT; echo ready; while :; do sleep 0.01; done");
+    EXPECT_EQ(handled.output, "ready\ncaught\n");
+    EXPECT_EQ(handled.status, 3);
 }
 
 }  // namespace

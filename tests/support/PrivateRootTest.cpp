@@ -19,6 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* sandboxProgram = TARNVALE_BIN_DIR "/sandbox";
+
 TEST(PrivateRootTest, LetsAProcessWriteTheTruePaths) {
     fs::create_directories("/etc/resolver");
     std::ofstream("/etc/resolver/tvx") << "nameserver 127.0.0.1\n";
@@ -42,8 +44,7 @@ TEST(PrivateRootTest, HasProcessesAndInterfacesOfItsOwn) {
 /// Runs the shell commands in a sandbox that leads a group, as a shell's job does, and interrupts
 /// the group once they have said that they are ready.
 Finished interrupted(const std::string& commands) {
-    Program sandbox(
-        {"/usr/bin/setsid", TARNVALE_BIN_DIR "/sandbox", "/bin/sh", "-c", commands + "; true"});
+    Program sandbox({"/usr/bin/setsid", sandboxProgram, "/bin/sh", "-c", commands + "; true"});
     while (sandbox.running() && sandbox.output() != "ready\n") {
         std::this_thread::yield();
     }

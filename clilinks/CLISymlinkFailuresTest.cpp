@@ -28,6 +28,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
@@ -172,6 +173,7 @@ TEST_F(CLISymlinkFailuresTest, TellsWhyALinkCannotBeMade) {
 }
 
 TEST_F(CLISymlinkFailuresTest, TellsOfADiskThatIsFullAfterTheFirstLink) {
+    TARNVALE_NEEDS(mounts);
     ASSERT_EQ(::mount("full", "/usr/local/bin", "tmpfs", 0, "mode=0755,nr_inodes=2"), 0);
 
     EXPECT_EQ(install(), "Could not link /usr/local/bin/tvx: No space left on device.");

@@ -13,6 +13,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
@@ -99,21 +100,20 @@ void setOwner(const std::string& path, uid_t owner, gid_t group) {
 }
 
 void CLISymlinkFixture::SetUp() {
-    if (!test::isRealRoot()) {
-        GTEST_SKIP() << "files of several owners need real root";
-    }
+    TARNVALE_NEEDS(owners);
     ::umask(022);
     test::put(
         "/etc/passwd", "root:x:0:0::/:/bin/sh\nada:x:501:20::/:/bin/sh\nbob:x:502:20::/:/bin/sh\n");
     test::put("/etc/group", "wheel:x:0:\nstaff:x:20:\nadmin:x:80:root,ada\n");
     clearLog();
     placePrograms(fs::path(helper).parent_path());
-    require(::mount("local", "/usr/local", "tmpfs", 0, "mode=0755"), "mount /usr/local");
-    fs::create_directory("/usr/local/bin");
+    removeUsrLocal();
+    for (const char* folder : {"/usr/local", "/usr/local/bin"}) {
+        require(::mkdir(folder, 0755), folder);
+    }
 }
 
 void CLISymlinkFixture::removeUsrLocal() {
-    require(::umount("/usr/local"), "unmount /usr/local");
     fs::remove_all("/usr/local");
 }
 

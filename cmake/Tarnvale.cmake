@@ -2,7 +2,8 @@
 #
 #   tarnvale_library(NAME SOURCES a.cpp … [DEPENDS lib …])
 #   tarnvale_program(NAME SOURCES a.cpp … [DEPENDS lib …])      lands in bin/
-#   tarnvale_test(NAME SOURCES aTest.cpp … [PORTABLE_SOURCES bTest.cpp …]
+#   tarnvale_test(NAME [SOURCES aTest.cpp …] [CONTAINED_SOURCES bTest.cpp …]
+#       [PORTABLE_SOURCES cTest.cpp …]
 #       [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds])
 #   tarnvale_fuzzer(NAME SOURCES a.cpp … [DEPENDS lib …])       only with TARNVALE_FUZZ
 
@@ -98,33 +99,47 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
     endif()
 
     # A test program enters its private root before its first test (tests/support/TestMain.cpp).
-    # TARNVALE_BIN_DIR says where the project's programs are; a test that runs one depends on it.
+    # Contained sources touch nothing outside themselves: they are a program of their own that needs
+    # no private root. Portable ones are contained and run on a Mac as well. TARNVALE_BIN_DIR says
+    # where the project's programs are; a test that runs one depends on it.
     function(tarnvale_test name)
         cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT"
-            "SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
-        if(NOT arg_TIMEOUT)
-            set(arg_TIMEOUT 60)
+            "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
+        if(arg_SOURCES)
+            tarnvale_test_program(${name} tarnvale_test_main "${arg_SOURCES}")
         endif()
-        add_executable(${name} ${arg_SOURCES} ${arg_PORTABLE_SOURCES})
-        target_link_libraries(${name} PRIVATE
-            tarnvale_options ${arg_DEPENDS} tarnvale_test_main GTest::gmock)
-        target_compile_definitions(${name} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
+        set(contained ${arg_CONTAINED_SOURCES} ${arg_PORTABLE_SOURCES})
+        if(contained)
+            tarnvale_test_program(contained_${name} tarnvale_contained_test_main "${contained}")
+        endif()
+    endfunction()
+
+    # Uses the arguments of the tarnvale_test that calls it.
+    macro(tarnvale_test_program program main sources)
+        add_executable(${program} ${sources})
+        target_link_libraries(${program} PRIVATE
+            tarnvale_options ${arg_DEPENDS} ${main} GTest::gmock)
+        target_compile_definitions(${program} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
             TARNVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
         if(TARNVALE_PCH)
-            target_precompile_headers(${name} REUSE_FROM tarnvale_precompiled)
+            target_precompile_headers(${program} REUSE_FROM tarnvale_precompiled)
         endif()
-        set(properties TIMEOUT ${arg_TIMEOUT} SKIP_RETURN_CODE 77
+        set(timeout 60)
+        if(arg_TIMEOUT)
+            set(timeout ${arg_TIMEOUT})
+        endif()
+        set(properties TIMEOUT ${timeout} SKIP_RETURN_CODE 77
             SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
         if(arg_LABELS)
             list(APPEND properties LABELS "${arg_LABELS}")
         endif()
-        gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
-    endfunction()
+        gtest_discover_tests(${program} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+    endmacro()
 elseif(TARNVALE_TESTS)
     # Without private roots, only the tests that touch nothing outside themselves are built.
     function(tarnvale_test name)
         cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT"
-            "SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
+            "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
         if(arg_PORTABLE_SOURCES)
             add_executable(${name} ${arg_PORTABLE_SOURCES})
             target_link_libraries(${name} PRIVATE

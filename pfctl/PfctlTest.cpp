@@ -35,6 +35,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -512,9 +513,7 @@ TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {
 }
 
 TEST_F(PfctlTest, RefusesUsersWithoutTheRight) {
-    if (!test::isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other user";
-    }
+    TARNVALE_NEEDS(owners);
     ASSERT_EQ(test::run({"/bin/cp", program, "/tmp/pfctl"}).status, 0);
 
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{

@@ -17,6 +17,7 @@
 #include "support/Files.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperResolver {
 namespace {
@@ -281,6 +282,7 @@ TEST_F(ResolverFilesTest, TellsOfAFolderThatCannotBeMade) {
 }
 
 TEST_F(ResolverFilesTest, KeepsTheFirstFileWhenTheDiskIsFullAtTheSecond) {
+    TARNVALE_NEEDS(mounts);
     for (const char* limit : {"size=4k", "nr_inodes=2"}) {
         SCOPED_TRACE(limit);
         ASSERT_EQ(::mount("full", "/etc/resolver", "tmpfs", 0, limit), 0);
@@ -299,6 +301,7 @@ TEST_F(ResolverFilesTest, KeepsTheFirstFileWhenTheDiskIsFullAtTheSecond) {
 }
 
 TEST_F(ResolverFilesTest, KeepsAnOutdatedFileWhenTheDiskIsFull) {
+    TARNVALE_NEEDS(mounts);
     ASSERT_EQ(::mount("full", "/etc/resolver", "tmpfs", 0, "size=4k"), 0);
     put(tvx, outdatedText);
 
@@ -309,6 +312,7 @@ TEST_F(ResolverFilesTest, KeepsAnOutdatedFileWhenTheDiskIsFull) {
 }
 
 TEST_F(ResolverFilesTest, TellsOfADiskThatCannotBeWritten) {
+    TARNVALE_NEEDS(mounts);
     ASSERT_EQ(::mount("disk", "/etc/resolver", "tmpfs", 0, nullptr), 0);
     installResolverFiles();
     fs::remove(logPath);
@@ -326,6 +330,7 @@ TEST_F(ResolverFilesTest, TellsOfADiskThatCannotBeWritten) {
 }
 
 TEST_F(ResolverFilesTest, StopsAtAFileThatCannotBeRemoved) {
+    TARNVALE_NEEDS(mounts);
     installResolverFiles();
     fs::remove(logPath);
     // A file that something is mounted on is in use.

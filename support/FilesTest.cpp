@@ -21,6 +21,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::support {
 namespace {
@@ -194,6 +195,7 @@ TEST_F(FilesTest, AMissingFolderIsTold) {
 }
 
 TEST_F(FilesTest, AFullVolumeIsToldAndKeepsTheOldFile) {
+    TARNVALE_NEEDS(mounts);
     mountSmallDisk();
     put(path, "old");
 
@@ -208,6 +210,7 @@ TEST_F(FilesTest, AFullVolumeIsToldAndKeepsTheOldFile) {
 }
 
 TEST_F(FilesTest, AReadOnlyVolumeIsTold) {
+    TARNVALE_NEEDS(mounts);
     mountSmallDisk(MS_RDONLY);
 
     EXPECT_THAT(
@@ -221,9 +224,7 @@ TEST_F(FilesTest, AReadOnlyVolumeIsTold) {
 }
 
 TEST_F(FilesTest, KeepsTheModeAndTheOwnerOfAFileThatIsNotOurs) {
-    if (!test::isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other owners";
-    }
+    TARNVALE_NEEDS(owners);
     for (const mode_t mask : {0U, 022U, 077U}) {
         ::umask(mask);
         put(path, "old");

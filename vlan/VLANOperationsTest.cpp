@@ -16,6 +16,7 @@
 #include "tests/support/FakeNetworkPreferences.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 #include "tests/support/SmallDisk.h"
 #include "vlan/VLANError.h"
 #include "vlan/VLANRecord.h"
@@ -486,6 +487,7 @@ TEST_F(VLANDeleteTest, StopsAtTheFirstStepThatFails) {
 }
 
 TEST_F(VLANDeleteTest, SucceedsWhenItCannotBeRecorded) {
+    TARNVALE_NEEDS(mounts);
     test::SmallDisk disk(supportFolder);
     saveRecords({{"vlan0", 5, "en0"}});
     disk.makeReadOnly();

@@ -15,6 +15,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/SkipReasons.h"
 #include "tests/support/SmallDisk.h"
 
 namespace tarnvale::HelperVLAN {
@@ -219,6 +220,7 @@ TEST_F(VLANRecordTest, LogsThatTheFolderIsAFile) {
 }
 
 TEST_F(VLANRecordTest, LogsAFullDiskAndKeepsTheOldList) {
+    TARNVALE_NEEDS(mounts);
     test::SmallDisk disk(supportFolder);
     saveRecords({{"vlan0", 5, "en0"}});
     disk.fill();

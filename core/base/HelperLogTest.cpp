@@ -20,6 +20,7 @@
 #include "support/Timestamp.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale {
 namespace {
@@ -159,6 +160,7 @@ TEST_F(HelperLogTest, LosesTheLineWhenItsFolderIsMissing) {
 }
 
 TEST_F(HelperLogTest, LosesTheLineOnAVolumeThatIsReadOnlyOrFull) {
+    TARNVALE_NEEDS(mounts);
     ASSERT_EQ(::mount("small", "/var/log", "tmpfs", 0, "size=4k"), 0);
     put("/var/log/fill", std::string(4096, 'x'));
     helperLog("full");

@@ -13,6 +13,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -167,6 +168,7 @@ TEST_F(LegacyCleanupTest, CleansUpAlthoughTheBackupFails) {
 }
 
 TEST_F(LegacyCleanupTest, LogsTheAttemptAlthoughTheFileCantBeWritten) {
+    TARNVALE_NEEDS(mounts);
     put("/etc/frozen/pf.conf", "anchor com.tarnvale.firewall\n");
     put(pfConf, "");
     ASSERT_EQ(::mount("/etc/frozen/pf.conf", pfConf, nullptr, MS_BIND, nullptr), 0);

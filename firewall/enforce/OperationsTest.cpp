@@ -22,6 +22,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -278,6 +279,7 @@ TEST_F(OperationsTest, ASupportFolderThatIsAFileIsToldAndNothingIsLoaded) {
 }
 
 TEST_F(OperationsTest, AFullDiskIsToldAndLeavesTheOldFiles) {
+    TARNVALE_NEEDS(mounts);
     std::filesystem::create_directories(supportFolder);
     ASSERT_EQ(::mount("small", supportFolder.c_str(), "tmpfs", 0, "size=16k"), 0);
     applyFirewall(policyText({{64}}), 501, atConsole);

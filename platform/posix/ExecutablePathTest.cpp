@@ -10,6 +10,8 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "tests/support/SkipReasons.h"
+
 namespace tarnvale::platform {
 namespace {
 
@@ -24,6 +26,7 @@ TEST(ExecutablePathTest, IsThatOfTheRunningFile) {
 }
 
 TEST(ExecutablePathTest, IsTheFirstArgumentWhenTheSystemDoesNotSay) {
+    TARNVALE_NEEDS(mounts);
     rememberFirstArgument("./bin/helper");
     ASSERT_EQ(::mount("nothing", "/proc", "tmpfs", 0, nullptr), 0);
 

@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::NetworkFirewall {
 namespace {
@@ -22,7 +23,10 @@ using testing::UnorderedElementsAre;
 /// else.
 class HostAddressesTest : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(::unshare(CLONE_NEWNET), 0); }
+    void SetUp() override {
+        TARNVALE_NEEDS(interfaces);
+        ASSERT_EQ(::unshare(CLONE_NEWNET), 0);
+    }
 
     static test::Finished configure(const std::string& commands) {
         return test::run({"/sbin/ip", "-batch", "-"}, commands);

@@ -8,50 +8,32 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 
-#include <fcntl.h>
 #include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "support/UniqueFd.h"
+#include "tests/support/Grounds.h"
 
 namespace tarnvale::test {
 namespace {
 
-void require(int result, const std::string& step) {
-    if (result != 0) {
-        throw std::system_error(errno, std::generic_category(), step);
-    }
-}
+using support::UniqueFd;
 
-void writeText(const char* path, const std::string& text) {
-    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-    const bool written =
-        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    const int error = errno;
-    if (fd >= 0) {
-        ::close(fd);
-    }
-    errno = error;
-    require(written ? 0 : -1, path);
-}
+constexpr std::string_view moreRights =
+    "a container needs --privileged, or --cap-add SYS_ADMIN --cap-add NET_ADMIN --security-opt "
+    "seccomp=unconfined --security-opt apparmor=unconfined";
 
-/// Makes the caller root of a user namespace of its own.
-void becomeRootOfAUserNamespace() {
-    const auto uid = ::geteuid();
-    const auto gid = ::getegid();
-    require(::unshare(CLONE_NEWUSER), "make a user namespace");
-    writeText("/proc/self/setgroups", "deny");
-    writeText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-    writeText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+std::string refusal(const std::string& reason, std::string_view help) {
+    return "no private root: " + reason + " (" + std::string(help) + ")";
 }
-
-/// Marks a private root: each has a new file system at /run, so the file is in no other root.
-constexpr const char* markPath = "/run/private-root";
 
 /// The signals with which a user ends a program.
 constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP};
@@ -71,8 +53,8 @@ bool isIgnored(int signal) {
     return action.sa_handler == SIG_IGN;
 }
 
-/// Makes the signals kill the child, and with it every process of its namespace. The child itself
-/// would ignore them, as a namespace's first process does. Ignored signals stay ignored.
+/// Has the signals end the child, which as the first process of its namespace would ignore them;
+/// with it ends every other process there. A signal that is ignored stays so.
 void handOnSignals(pid_t child) {
     shadowed = child;
     for (const int signal : endingSignals) {
@@ -82,13 +64,29 @@ void handOnSignals(pid_t child) {
     }
 }
 
-/// Waits for the child that goes on in the private root, and ends as it ended.
-[[noreturn]] void becomeShadowOf(pid_t child, const sigset_t& formerMask) {
-    handOnSignals(child);
-    ::sigprocmask(SIG_SETMASK, &formerMask, nullptr);
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+/// Blocks the signals until there is somebody to end.
+class HeldSignals {
+public:
+    HeldSignals() {
+        sigset_t held;
+        ::sigemptyset(&held);
+        for (const int signal : endingSignals) {
+            ::sigaddset(&held, signal);
+        }
+        ::sigprocmask(SIG_BLOCK, &held, &former_);
     }
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+    ~HeldSignals() { release(); }
+
+    void release() { ::sigprocmask(SIG_SETMASK, &former_, nullptr); }
+
+private:
+    sigset_t former_{};
+};
+
+/// Ends as the child that runs the tests ended.
+[[noreturn]] void endAs(int status) {
     if (endedBy != 0) {
         // A shell that waits for this process sees what ended it.
         std::signal(endedBy, SIG_DFL);
@@ -101,121 +99,204 @@ void handOnSignals(pid_t child) {
     ::_exit(WEXITSTATUS(status));
 }
 
-/// Keeps what is mounted from here on from showing outside. Below a chroot to a plain folder "/" is
-/// no mount, so that only what is mounted below it can be made private.
-void makeMountsPrivate() {
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
-        return;
+/// Waits for the child that goes on in the private root, and ends as it ended.
+[[noreturn]] void becomeShadowOf(pid_t child, HeldSignals& signals) {
+    handOnSignals(child);
+    signals.release();
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    for (const char* mounted : {"/proc", "/dev", "/sys"}) {
-        require(
-            ::mount(nullptr, mounted, nullptr, MS_REC | MS_PRIVATE, nullptr),
-            std::string("make ") + mounted + " private");
+    endAs(status);
+}
+
+/// What the child does first.
+void leaveTheShadow(HeldSignals& signals) {
+    signals.release();
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (!isIgnored(SIGINT)) {
+        // A terminal's interrupt goes to the shadow alone, which ends all at once. Otherwise this
+        // process could see its children end by it and take that for a result.
+        ::setsid();
     }
 }
 
-void mountPrivateRoot() {
-    makeMountsPrivate();
+/// Sends a descriptor to the other end of a socket pair, or takes the one that was sent.
+void sendDescriptor(int socket, int descriptor) {
+    char word = 0;
+    iovec content{.iov_base = &word, .iov_len = 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptor)> control{};
+    msghdr message{};
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof descriptor);
+    *reinterpret_cast<int*>(CMSG_DATA(header)) = descriptor;
+    if (::sendmsg(socket, &message, MSG_NOSIGNAL) != 1) {
+        throw std::system_error(errno, std::generic_category(), "send the listener");
+    }
+}
 
-    // The layers live on a tmpfs over /proc: it is a mount on every machine, and the new root has
-    // a /proc of its own.
-    const std::string layers = "/proc";
-    require(::mount("layers", layers.c_str(), "tmpfs", 0, nullptr), "mount layers");
-    for (const char* layer : {"/upper", "/work", "/root"}) {
-        require(::mkdir((layers + layer).c_str(), 0755), "make layer");
+UniqueFd receiveDescriptor(int socket) {
+    char word = 0;
+    iovec content{.iov_base = &word, .iov_len = 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr message{};
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    if (::recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1 || CMSG_FIRSTHDR(&message) == nullptr) {
+        return {};
     }
-    const std::string root = layers + "/root";
-    const std::string options =
-        "lowerdir=/,upperdir=" + layers + "/upper,workdir=" + layers + "/work";
-    require(::mount("private", root.c_str(), "overlay", 0, options.c_str()), "mount root");
+    return UniqueFd(*reinterpret_cast<const int*>(CMSG_DATA(CMSG_FIRSTHDR(&message))));
+}
 
-    for (const char* shared : {"/dev", "/sys"}) {
-        require(
-            ::mount(shared, (root + shared).c_str(), nullptr, MS_BIND | MS_REC, nullptr), shared);
+/// Goes on in a child that is in a root of copies; nothing when that can't be.
+std::optional<std::string> enterCopies() {
+    std::unique_ptr<CopiedRoot> copies;
+    try {
+        copies = std::make_unique<CopiedRoot>();
+    } catch (const std::system_error& error) {
+        return error.what();
     }
-    require(::mount("proc", (root + "/proc").c_str(), "proc", 0, nullptr), "mount /proc");
-    for (const char* scratch : {"/run", "/tmp"}) {
-        require(::mount("scratch", (root + scratch).c_str(), "tmpfs", 0, nullptr), scratch);
+    std::array<int, 2> ends{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        return std::string("socketpair: ") + std::generic_category().message(errno);
     }
-    // The layer shows one file system only; the tree of the project may lie on another.
-    struct stat rootStat {};
-    struct stat sourceStat {};
-    const std::string source = TARNVALE_SOURCE_DIR;
-    require(::stat("/", &rootStat), "stat /");
-    require(::stat(source.c_str(), &sourceStat), source);
-    if (rootStat.st_dev != sourceStat.st_dev || source.starts_with("/tmp/") ||
-        source.starts_with("/run/")) {
-        std::string made = root;
-        for (std::size_t slash = source.find('/', 1);; slash = source.find('/', slash + 1)) {
-            made = root + source.substr(0, slash);
-            if (::mkdir(made.c_str(), 0755) != 0 && errno != EEXIST) {
-                require(-1, made);
-            }
-            if (slash == std::string::npos) {
-                break;
-            }
+    UniqueFd ours(ends[0]);
+    UniqueFd theirs(ends[1]);
+    HeldSignals signals;
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return "fork failed";
+    }
+    if (child > 0) {
+        theirs.reset();
+        const auto listener = receiveDescriptor(ours.get());
+        if (!listener) {
+            // The child couldn't become what it should, and says why as this process's successor.
+            copies.reset();
+            becomeShadowOf(child, signals);
         }
-        require(::mount(source.c_str(), made.c_str(), nullptr, MS_BIND | MS_REC, nullptr), source);
+        handOnSignals(child);
+        signals.release();
+        const int status = serveProc(listener.get(), child, copies->folder());
+        copies.reset();
+        endAs(status);
     }
+    leaveTheShadow(signals);
+    ours.reset();
+    try {
+        const std::string folder = copies->folder();
+        copies.release();  // NOLINT(bugprone-unused-return-value): the parent removes it
+        if (::chroot(folder.c_str()) != 0 || ::chdir("/") != 0) {
+            return std::string("chroot: ") + std::generic_category().message(errno);
+        }
+        const UniqueFd listener(superviseMe());
+        sendDescriptor(theirs.get(), listener.get());
+        return std::nullopt;
+    } catch (const std::system_error& error) {
+        return error.what();
+    }
+}
 
-    require(::chroot(root.c_str()), "chroot");
-    require(::chdir("/"), "chdir");
-    require(::mknod(markPath, S_IFREG | 0444, 0), markPath);
+/// Goes on in a child that is the first process of new namespaces.
+std::optional<std::string> enterNamespaces(bool isUserNamespace) {
+    HeldSignals signals;
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return "fork failed";
+    }
+    if (child > 0) {
+        becomeShadowOf(child, signals);
+    }
+    leaveTheShadow(signals);
+    try {
+        mountPrivateRoot(isUserNamespace);
+        return std::nullopt;
+    } catch (const std::system_error& error) {
+        return error.what();
+    }
+}
+
+std::string groundName() {
+    std::string name;
+    std::getline(std::ifstream(groundFile), name);
+    return name;
 }
 
 }  // namespace
 
 std::optional<std::string> enterPrivateRoot() {
+    const bool isRoot = ::geteuid() == 0;
     try {
-        if (::geteuid() != 0) {
+        if (!isRoot) {
             becomeRootOfAUserNamespace();
         }
-        require(::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID), "make namespaces");
     } catch (const std::system_error& error) {
-        return std::string("no private root: ") + error.what();
+        return refusal(error.what(), "run it as root, or where users may make user namespaces");
     }
-
-    // Signals wait until the handler knows the child.
-    sigset_t ending;
-    sigset_t formerMask;
-    ::sigemptyset(&ending);
-    for (const int signal : endingSignals) {
-        ::sigaddset(&ending, signal);
+    if (::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID) == 0) {
+        const auto reason = enterNamespaces(!isRoot);
+        return reason ? std::optional(refusal(*reason, moreRights)) : std::nullopt;
     }
-    ::sigprocmask(SIG_BLOCK, &ending, &formerMask);
-    const pid_t child = ::fork();
-    if (child > 0) {
-        becomeShadowOf(child, formerMask);
+    const std::string reason = "make namespaces: " + std::generic_category().message(errno);
+    if (!isRoot) {
+        return refusal(reason, "run it as root");
     }
-    ::sigprocmask(SIG_SETMASK, &formerMask, nullptr);
-    if (child < 0) {
-        return "no private root: fork failed";
-    }
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (!isIgnored(SIGINT)) {
-        // In a session of its own, this process and its children don't get the terminal's
-        // interrupt. The shadow gets it and kills them all at once; otherwise this process could
-        // see a child die of it and report that as a result.
-        ::setsid();
-    }
-    try {
-        mountPrivateRoot();
-        return std::nullopt;
-    } catch (const std::system_error& error) {
-        return std::string("no private root: ") + error.what();
-    }
+    const auto second = enterCopies();
+    return second ? std::optional(refusal(reason + "; " + *second, moreRights)) : std::nullopt;
 }
 
 bool isInPrivateRoot() {
-    return ::access(markPath, F_OK) == 0;
+    return !groundName().empty();
+}
+
+Ground ground() {
+    const auto name = groundName();
+    return name == "copies"          ? Ground::copies
+           : name == "userNamespace" ? Ground::userNamespace
+                                     : Ground::namespaces;
+}
+
+std::optional<std::string> lackOf(Ability ability) {
+    switch (ground()) {
+        case Ground::namespaces:
+            return std::nullopt;
+        case Ground::userNamespace:
+            if (ability == Ability::owners || ability == Ability::usersProcesses) {
+                return "a user namespace has no other users (run it as root)";
+            }
+            return std::nullopt;
+        case Ground::copies:
+            break;
+    }
+    const auto lack = [](std::string_view what) {
+        return std::string(what) + " (" + std::string(moreRights) + ")";
+    };
+    switch (ability) {
+        case Ability::mounts:
+            return lack("nothing can be mounted here");
+        case Ability::processes:
+            return lack("there is no PID namespace here");
+        case Ability::interfaces:
+            return lack("there are no network interfaces of its own here");
+        case Ability::usersProcesses:
+            return lack("root may not look at other users' processes here");
+        case Ability::trees:
+            return lack("there is no view of the whole system here");
+        case Ability::owners:
+            break;
+    }
+    return std::nullopt;
 }
 
 bool isRealRoot() {
-    unsigned inside = 1;
-    unsigned outside = 0;
-    unsigned count = 0;
-    std::ifstream("/proc/self/uid_map") >> inside >> outside >> count;
-    return ::geteuid() == 0 && inside == 0 && count > 1;
+    return !lackOf(Ability::owners);
 }
 
 }  // namespace tarnvale::test

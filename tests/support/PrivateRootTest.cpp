@@ -9,13 +9,19 @@
 #include <string>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace fs = std::filesystem;
 
@@ -35,10 +41,105 @@ TEST(PrivateRootTest, StartsFreshInEveryProcess) {
     EXPECT_FALSE(fs::exists("/etc/resolver/tvx"));
 }
 
-TEST(PrivateRootTest, HasProcessesAndInterfacesOfItsOwn) {
+TEST(PrivateRootTest, HasProcessesOfItsOwn) {
+    TARNVALE_NEEDS(processes);
+
     EXPECT_EQ(::getpid(), 1);
-    EXPECT_TRUE(fs::exists("/proc/1/exe"));
+}
+
+TEST(PrivateRootTest, ShowsEveryProcessItself) {
+    const std::string own = "/proc/" + std::to_string(::getpid());
+
+    EXPECT_EQ(fs::read_symlink("/proc/self/exe"), fs::read_symlink(own + "/exe"));
+    EXPECT_TRUE(fs::exists(fs::read_symlink("/proc/self/exe")));
+    std::ifstream maps("/proc/self/maps");
+    EXPECT_TRUE(maps.is_open());
+    EXPECT_FALSE(fs::exists("/proc/self/no such file"));
+    EXPECT_FALSE(fs::exists("/process"));
+    EXPECT_EQ(run({"/bin/cat", "/proc/self/comm"}).output, "cat\n");
+}
+
+TEST(PrivateRootTest, ShowsTheProject) {
     EXPECT_TRUE(fs::exists(TARNVALE_SOURCE_DIR "/README.md"));
+    EXPECT_TRUE(fs::exists(TARNVALE_BIN_DIR "/TarnvaleAdminHelper"));
+}
+
+TEST(PrivateRootTest, BelongsToRoot) {
+    for (const char* path : {"/", "/etc", "/usr", "/usr/local", "/usr/bin", "/var/log", "/run"}) {
+        struct stat info {};
+        ASSERT_EQ(::stat(path, &info), 0) << path;
+        EXPECT_EQ(info.st_uid, 0U) << path;
+    }
+}
+
+/// Runs a test of this program with fewer rights, in a private root in this one.
+Finished runWith(const std::vector<std::string>& launcher, const std::string& test) {
+    auto words = launcher;
+    words.push_back(fs::read_symlink("/proc/self/exe"));
+    words.push_back("--gtest_filter=PrivateRootTest." + test);
+    return run(words);
+}
+
+const std::vector<std::string> plainContainer{TARNVALE_BIN_DIR "/plain-container"};
+const std::vector<std::string> ordinaryUser{
+    "/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+
+TEST(PrivateRootTest, IsMadeOfCopiesInAPlainContainer) {
+    TARNVALE_NEEDS(mounts);
+    TARNVALE_NEEDS(owners);
+
+    for (const char* test :
+         {"LetsAProcessWriteTheTruePaths",
+          "ShowsEveryProcessItself",
+          "ShowsTheProject",
+          "BelongsToRoot"}) {
+        const auto inside = runWith(plainContainer, test);
+        EXPECT_EQ(inside.status, 0) << inside.output << inside.error;
+        EXPECT_THAT(inside.output, HasSubstr("[  PASSED  ] 1 test.")) << inside.error;
+    }
+    EXPECT_FALSE(fs::exists("/etc/resolver/tvx"));
+    // Nothing is left but what the next test uses again.
+    for (const auto& entry : fs::directory_iterator(TARNVALE_SOURCE_DIR "/build/private-roots")) {
+        EXPECT_THAT(entry.path().filename().string(), StartsWith("template"));
+    }
+}
+
+TEST(PrivateRootTest, SaysInAPlainContainerWhatItLacks) {
+    TARNVALE_NEEDS(mounts);
+    TARNVALE_NEEDS(owners);
+
+    const auto inside = runWith(plainContainer, "HasProcessesOfItsOwn");
+
+    EXPECT_THAT(
+        inside.output,
+        HasSubstr(
+            "\nskipped: there is no PID namespace here (a container needs --privileged, or "));
+}
+
+TEST(PrivateRootTest, IsAUserNamespaceForAnOrdinaryUser) {
+    TARNVALE_NEEDS(owners);
+    if (run({"/usr/bin/setpriv",
+             "--reuid=65534",
+             "--regid=65534",
+             "--clear-groups",
+             "/usr/bin/unshare",
+             "--user",
+             "true"})
+            .status != 0) {
+        GTEST_SKIP() << "users may not make user namespaces here";
+    }
+
+    for (const char* test :
+         {"LetsAProcessWriteTheTruePaths",
+          "HasProcessesOfItsOwn",
+          "ShowsEveryProcessItself",
+          "ShowsTheProject",
+          "BelongsToRoot"}) {
+        const auto inside = runWith(ordinaryUser, test);
+        EXPECT_EQ(inside.status, 0) << inside.output << inside.error;
+        EXPECT_THAT(inside.output, HasSubstr("[  PASSED  ] 1 test.")) << inside.error;
+    }
+    EXPECT_FALSE(fs::exists("/etc/resolver/tvx"));
 }
 
 /// Runs the shell commands in a sandbox that leads a group, as a shell's job does, and interrupts

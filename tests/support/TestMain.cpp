@@ -14,14 +14,17 @@
 #include <unistd.h>
 
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/SkipReasons.h"
 
 namespace {
 
-constexpr const char* restartedVariable = "TARNVALE_IN_PRIVATE_ROOT";
+/// Holds the ID of the process that has entered its private root and starts again there.
+constexpr const char* restartedVariable = "TARNVALE_RESTARTED_AS";
 
-/// Only the first process of a PID namespace can have been started again in a private root.
 bool wasRestarted() {
-    const bool restarted = ::getpid() == 1 && std::getenv(restartedVariable) != nullptr;
+    const char* const process = std::getenv(restartedVariable);
+    const bool restarted = process != nullptr && process == std::to_string(::getpid()) &&
+                           tarnvale::test::isInPrivateRoot();
     ::unsetenv(restartedVariable);
     return restarted;
 }
@@ -43,13 +46,14 @@ int main(int argc, char** argv) {
     if (!testing::GTEST_FLAG(list_tests) && !wasRestarted()) {
         const std::string program = std::filesystem::read_symlink("/proc/self/exe");
         if (const auto refusal = tarnvale::test::enterPrivateRoot()) {
-            std::cout << "[  SKIPPED ] " << *refusal << '\n';
-            return 77;
+            tarnvale::test::printSkipReason(*refusal);
+            return tarnvale::test::skippedStatus;
         }
-        ::setenv(restartedVariable, "1", 1);
+        ::setenv(restartedVariable, std::to_string(::getpid()).c_str(), 1);
         ::execv(program.c_str(), originalArguments.data());
         std::cerr << "the private root does not show " << program << '\n';
         return EXIT_FAILURE;
     }
+    tarnvale::test::printSkipReasons();
     return RUN_ALL_TESTS();
 }

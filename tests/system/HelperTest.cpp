@@ -25,6 +25,7 @@
 #include "tests/support/Program.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale {
 namespace {
@@ -140,9 +141,7 @@ TEST_F(HelperTest, PrintsItsVersionForEverybody) {
 }
 
 TEST_F(HelperTest, DoesNothingElseForAnOrdinaryUser) {
-    if (!test::isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other users";
-    }
+    TARNVALE_NEEDS(owners);
     put(storePath, store);
     const std::vector<std::vector<std::string>> commandLines = {
         {"--status"}, {"--reapply"}, {}, {""}, {"--help"}, {"--reapply", "--version"}};
@@ -155,9 +154,7 @@ TEST_F(HelperTest, DoesNothingElseForAnOrdinaryUser) {
 }
 
 TEST_F(HelperTest, KnowsItsArgumentsByTheirExactSpelling) {
-    if (!test::isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other users";
-    }
+    TARNVALE_NEEDS(owners);
     for (const std::string other :
          {"-version", "--versions", "--version=1", "--VERSION", " --version"}) {
         EXPECT_THAT(helperAsNobody({other}), Ended(1, "", mustBeRoot)) << other;
@@ -298,6 +295,7 @@ TEST_F(HelperTest, LeavesPfAloneWhenTheStoreIsNoFile) {
 }
 
 TEST_F(HelperTest, LogsThatTheDiskIsFullAndKeepsTheOldRuleset) {
+    TARNVALE_NEEDS(mounts);
     fs::create_directories(supportFolder);
     ASSERT_EQ(::mount("small", supportFolder.c_str(), "tmpfs", 0, "size=16k"), 0);
     put(storePath, store);
@@ -317,6 +315,7 @@ TEST_F(HelperTest, LogsThatTheDiskIsFullAndKeepsTheOldRuleset) {
 }
 
 TEST_F(HelperTest, WorksWithoutALogToWriteTo) {
+    TARNVALE_NEEDS(mounts);
     put(storePath, store);
     put("/tmp/target", "kept\n");
     fs::create_symlink("/tmp/target", logPath);

@@ -18,6 +18,7 @@
 #include "tests/support/Program.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -316,11 +317,7 @@ TEST(HelperctlAloneTest, SaysWhenItsResultIsLost) {
 /// Needs other users.
 class HelperctlUsersTest : public HelperctlTest {
 protected:
-    void SetUp() override {
-        if (!isRealRoot()) {
-            GTEST_SKIP() << "a user namespace has no other users";
-        }
-    }
+    void SetUp() override { TARNVALE_NEEDS(usersProcesses); }
 };
 
 TEST_F(HelperctlUsersTest, ChangesNothingForAnybodyButRoot) {

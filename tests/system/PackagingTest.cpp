@@ -19,6 +19,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -160,9 +161,8 @@ protected:
         if (isSanitized) {
             GTEST_SKIP() << "what a sanitizer needs of the system the service doesn't get";
         }
-        if (!isRealRoot()) {
-            GTEST_SKIP() << "a user namespace has no other users";
-        }
+        TARNVALE_NEEDS(mounts);
+        TARNVALE_NEEDS(owners);
         if (run({pfctlProgram, "-a", "none", "-v", "-sr"}).status != 0) {
             GTEST_SKIP() << "the kernel has no nf_tables";
         }

@@ -22,6 +22,7 @@
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 #include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
@@ -257,6 +258,7 @@ TEST_F(ServiceActivationTest, LeavesWhatIsNoSocketAlone) {
 }
 
 TEST_F(ServiceActivationTest, SaysThatThereIsNoPlaceForASocket) {
+    TARNVALE_NEEDS(mounts);
     ASSERT_EQ(::mount(nullptr, "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
 
     EXPECT_THAT(

@@ -23,6 +23,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -135,9 +136,7 @@ TEST_F(ServiceAdmissionTest, TurnsASignatureAwayThatCannotBeRead) {
 }
 
 TEST_F(ServiceAdmissionTest, SaysWhoWasTurnedAway) {
-    if (!isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other users";
-    }
+    TARNVALE_NEEDS(usersProcesses);
     const Service service;
 
     expectRejected(clientProgram, firstUser);

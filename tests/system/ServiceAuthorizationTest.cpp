@@ -14,6 +14,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -84,9 +85,7 @@ enum class Right : std::uint8_t { none, console, everything };
 class ServiceAuthorizationTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (!isRealRoot()) {
-            GTEST_SKIP() << "a user namespace has no other users";
-        }
+        TARNVALE_NEEDS(usersProcesses);
         service.emplace();
     }
 

@@ -22,6 +22,7 @@
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -67,9 +68,7 @@ std::string writtenRules() {
 class ServiceFirewallTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (!isRealRoot()) {
-            GTEST_SKIP() << "a user namespace has no other users";
-        }
+        TARNVALE_NEEDS(usersProcesses);
         ServiceLab::setConsoleUser(firstUser);
     }
 

@@ -30,6 +30,7 @@
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -153,9 +154,7 @@ TEST_F(ServiceLifeTest, EndsAMomentAfterItsReplyWhenAnUpgradeAsks) {
 }
 
 TEST_F(ServiceLifeTest, LetsEveryUserAskForTheShutdown) {
-    if (!isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other users";
-    }
+    TARNVALE_NEEDS(usersProcesses);
     Service service;
     ServiceClient client(lab.client, secondUser);
 

@@ -14,6 +14,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/ScriptedPfctl.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -276,9 +277,7 @@ TEST_F(UninstallTest, RefusesAnOptionThatItDoesNotKnow) {
 }
 
 TEST_F(UninstallTest, IsForRootAlone) {
-    if (!isRealRoot()) {
-        GTEST_SKIP() << "a user namespace has no other users";
-    }
+    TARNVALE_NEEDS(owners);
     installEverything();
     const std::string copy = "/tmp/uninstall";  // the sources may be root's own
     put(copy, contentOf(script));

@@ -30,6 +30,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -114,8 +115,8 @@ int runTests() {
 // The program that boots the kernel.
 
 int skip(const std::string& reason) {
-    std::cout << "[  SKIPPED ] " << reason << '\n';
-    return 77;
+    printSkipReason(reason);
+    return skippedStatus;
 }
 
 std::string contentOf(const char* path) {

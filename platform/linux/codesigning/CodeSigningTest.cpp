@@ -21,6 +21,7 @@
 #include "platform/linux/PeerProcess.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/SigningLab.h"
+#include "tests/support/SkipReasons.h"
 #include "tests/support/SocketPeer.h"
 
 namespace tarnvale::platform {
@@ -249,9 +250,7 @@ TEST_F(CodeSigningTest, TrustsNoRootsThatOthersMayWrite) {
 }
 
 TEST_F(CodeSigningTest, TrustsNoRootsThatBelongToSomebodyElse) {
-    if (!test::isRealRoot()) {
-        GTEST_SKIP() << "there is nobody else in a user namespace";
-    }
+    TARNVALE_NEEDS(owners);
     ASSERT_EQ(::chown(rootsPath, 1000, 0), 0);
     EXPECT_FALSE(isValid());
     ASSERT_EQ(::chown(rootsPath, 0, 1000), 0);

@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: MIT
+//
+// A private root of namespaces: the machine's files below a layer that takes what is written.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include "tests/support/Grounds.h"
+
+namespace tarnvale::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+void require(int result, const std::string& step) {
+    if (result != 0) {
+        throw std::system_error(errno, std::generic_category(), step);
+    }
+}
+
+void writeText(const char* path, const std::string& text) {
+    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+    const bool written =
+        fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const int error = errno;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    errno = error;
+    require(written ? 0 : -1, path);
+}
+
+/// Keeps what is mounted from here on from showing outside. Below a chroot to a plain folder "/" is
+/// not a mount, so only what is mounted below it can be made private.
+void makeMountsPrivate() {
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+        return;
+    }
+    for (const char* mounted : {"/proc", "/dev", "/sys"}) {
+        require(
+            ::mount(nullptr, mounted, nullptr, MS_REC | MS_PRIVATE, nullptr),
+            std::string("make ") + mounted + " private");
+    }
+}
+
+/// Mounts a tmpfs for the layers on `place` and returns the folder that is to become the root.
+std::string makeLayers(const std::string& place) {
+    require(::mount("layers", place.c_str(), "tmpfs", 0, "mode=0755"), "mount layers");
+    for (const char* layer : {"/upper", "/work", "/root"}) {
+        require(::mkdir((place + layer).c_str(), 0755), "make layer");
+    }
+    return place + "/root";
+}
+
+void bind(const std::string& source, const std::string& target) {
+    require(::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr), source);
+}
+
+void mountScratch(const std::string& root) {
+    for (const char* scratch : {"/run", "/tmp"}) {
+        require(::mount("scratch", (root + scratch).c_str(), "tmpfs", 0, nullptr), scratch);
+    }
+}
+
+/// A layer shows one file system only, and the project's tree may lie on another.
+void showSources(const std::string& root) {
+    const std::string source = TARNVALE_SOURCE_DIR;
+    std::error_code unknown;
+    if (fs::exists(root + source + "/CMakeLists.txt", unknown)) {
+        return;
+    }
+    fs::create_directories(root + source);
+    bind(source, root + source);
+}
+
+/// One layer over the whole file system.
+void mountWhole(const std::string& layers, const std::string& root) {
+    const std::string options =
+        "lowerdir=/,upperdir=" + layers + "/upper,workdir=" + layers + "/work";
+    require(::mount("private", root.c_str(), "overlay", 0, options.c_str()), "mount root");
+    for (const char* shared : {"/dev", "/sys"}) {
+        bind(shared, root + shared);
+    }
+}
+
+/// Makes folders of the layer's own for those of `lower`, down to the given depth. The owner of
+/// what lies below is nobody in a user namespace, and even its root may not write into a folder of
+/// nobody's; a folder of the layer's belongs to root, and shows what is below it all the same.
+void takeOverFolders(const fs::path& lower, const fs::path& upper, int depth) {
+    std::error_code unreadable;
+    for (const auto& entry : fs::directory_iterator(lower, unreadable)) {
+        if (entry.symlink_status(unreadable).type() != fs::file_type::directory) {
+            continue;
+        }
+        struct stat info {};
+        if (::lstat(entry.path().c_str(), &info) != 0 || info.st_uid == ::geteuid()) {
+            continue;
+        }
+        const fs::path made = upper / entry.path().filename();
+        constexpr mode_t permissions = 01777;
+        if (::mkdir(made.c_str(), 0755) != 0 ||
+            ::chmod(made.c_str(), info.st_mode & permissions) != 0) {
+            continue;
+        }
+        if (::access(entry.path().c_str(), R_OK | X_OK) != 0) {
+            // What a user can't read can't be shown below it either: it is empty here.
+            ::setxattr(made.c_str(), "user.overlay.opaque", "y", 1, 0);
+        } else if (depth > 1) {
+            takeOverFolders(entry.path(), made, depth - 1);
+        }
+    }
+}
+
+/// Copies what can be read. What a user can't read in /etc isn't needed there either.
+void copyFolder(const fs::path& from, const fs::path& to) {
+    std::error_code unreadable;
+    for (const auto& entry : fs::directory_iterator(from, unreadable)) {
+        const fs::path copy = to / entry.path().filename();
+        std::error_code ignored;
+        if (entry.is_symlink()) {
+            fs::copy_symlink(entry.path(), copy, ignored);
+        } else if (entry.is_directory()) {
+            fs::create_directory(copy, ignored);
+            copyFolder(entry.path(), copy);
+        } else if (entry.is_regular_file()) {
+            fs::copy_file(entry.path(), copy, ignored);
+        }
+    }
+}
+
+/// A layer over one folder at the top. One that has mounts of others below it can't have a layer in
+/// a user namespace; it is shown as it is.
+void mountFolder(const std::string& layers, const std::string& root, const std::string& name) {
+    const std::string upper = layers + "/upper/" + name;
+    const std::string work = layers + "/work/" + name;
+    require(::mkdir(upper.c_str(), 0755), upper);
+    require(::mkdir(work.c_str(), 0755), work);
+    constexpr int writtenDepth = 3;  // such as /usr/local/share and /var/lib/systemd
+    takeOverFolders("/" + name, upper, writtenDepth);
+    const std::string layer = "lowerdir=/" + name + ",upperdir=" + upper + ",workdir=" + work;
+    const std::string target = root + "/" + name;
+    // Without "userxattr" a layer here can't note that a folder which it removed came back empty;
+    // kernels before 5.11 don't know the word.
+    for (const auto& options : {layer + ",userxattr", layer}) {
+        if (::mount("private", target.c_str(), "overlay", 0, options.c_str()) == 0) {
+            return;
+        }
+    }
+    bind("/" + name, target);
+}
+
+/// A layer for each folder at the top: in a user namespace a layer over "/" itself is refused,
+/// since it would show what the mounts below it hide.
+void mountFolders(const std::string& layers, const std::string& root) {
+    constexpr std::array<std::string_view, 5> madeApart{"proc", "run", "tmp", "etc", "root"};
+    for (const auto& entry : fs::directory_iterator("/")) {
+        const std::string name = entry.path().filename();
+        const std::string target = root + "/" + name;
+        if (entry.is_symlink()) {
+            fs::copy_symlink(entry.path(), target);
+            continue;
+        }
+        std::error_code unreadable;
+        if (!entry.is_directory(unreadable)) {
+            continue;
+        }
+        require(::mkdir(target.c_str(), 0755), target);
+        if (name == "dev" || name == "sys") {
+            bind("/" + name, target);
+        } else if (
+            std::find(madeApart.begin(), madeApart.end(), name) == madeApart.end() &&
+            ::access(entry.path().c_str(), R_OK | X_OK) == 0) {
+            mountFolder(layers, root, name);
+        }
+    }
+    copyFolder("/etc", root + "/etc");
+}
+
+/// Puts the folder in place of "/". Where "/" itself is not a mount, below a chroot, it can't
+/// change places with another; then a chroot has to do, inside of which no user namespace can be
+/// made.
+void becomeRoot(const std::string& folder) {
+    require(::chdir(folder.c_str()), folder);
+    if (::syscall(SYS_pivot_root, ".", ".") == 0) {
+        // The old root now lies over the new one, where we still are.
+        require(::umount2(".", MNT_DETACH), "leave the old root");
+    } else {
+        require(::chroot("."), "chroot");
+    }
+    require(::chdir("/"), "chdir");
+}
+
+}  // namespace
+
+void becomeRootOfAUserNamespace() {
+    const auto uid = ::geteuid();
+    const auto gid = ::getegid();
+    require(::unshare(CLONE_NEWUSER), "make a user namespace");
+    writeText("/proc/self/setgroups", "deny");
+    writeText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    writeText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+}
+
+void mountPrivateRoot(bool isUserNamespace) {
+    makeMountsPrivate();
+    // The layers go where no test looks. On every machine /proc is a mount of its own, even below a
+    // chroot, and the new root gets another. A user namespace gets another /proc only while it sees
+    // all of the old one, so there a folder for mounts has to do.
+    const std::string sources = TARNVALE_SOURCE_DIR;
+    const std::string folder = sources.starts_with("/mnt/") ? "/media" : "/mnt";
+    const std::string layers = isUserNamespace ? folder : "/proc";
+    const std::string root = makeLayers(layers);
+    if (isUserNamespace) {
+        mountFolders(layers, root);
+    } else {
+        mountWhole(layers, root);
+    }
+    require(::mount("proc", (root + "/proc").c_str(), "proc", 0, nullptr), "mount /proc");
+    mountScratch(root);
+    showSources(root);
+
+    std::ofstream(root + groundFile) << (isUserNamespace ? "userNamespace" : "namespaces");
+    becomeRoot(root);
+}
+
+}  // namespace tarnvale::test

@@ -13,6 +13,7 @@
 
 #include "clilinks/CLISymlinkFixture.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
@@ -267,6 +268,7 @@ TEST_F(CLISymlinkTest, FindsTheToolThroughLinksToTheHelper) {
 }
 
 TEST_F(CLISymlinkTest, FindsTheToolOnceTheHelperHasBeenReplaced) {
+    TARNVALE_NEEDS(mounts);
     // The running helper is deleted before it looks for itself, as an upgrade does.
     const std::string script =
         std::string("exec 9<") + helper + "; rm " + helper + "; exec /proc/self/fd/9 install";

@@ -36,16 +36,12 @@ namespace fs = std::filesystem;
 
 /// The programs that tests and the project's scripts run, as far as this machine has them.
 constexpr std::string_view programs =
-    "awk base64 basename bash busctl cat chgrp chmod chown cksum cmp comm cp cut date dd diff "
-    "dirname "
-    "du echo env expr false find flock gdbus getconf getent grep gzip head hostname id install ip "
-    "join "
-    "kill ln locale ls md5sum mkdir mkfifo mknod mktemp mv nl nproc od openssl paste pgrep pkill "
-    "printenv printf ps pwd readlink realpath rm rmdir sed seq setarch setpriv sh sha256sum sleep "
-    "sort "
-    "stat strace stty su sync tac tail tar tee test timeout touch tr true truncate tty uname uniq "
-    "wc "
-    "which whoami xargs yes";
+    "awk base64 basename bash busctl cat chgrp chmod chown cksum cmp comm cp cut dash date dd "
+    "diff dirname du echo env expr false find flock gdbus getconf getent grep gzip head "
+    "hostname id install ip join kill ln locale ls md5sum mkdir mkfifo mknod mktemp mv nl nproc "
+    "od openssl paste pgrep pkill printenv printf ps pwd readlink realpath rm rmdir sed seq "
+    "setarch setpriv sh sha256sum sleep sort stat strace stty su sync tac tail tar tee test "
+    "timeout touch tr true truncate tty uname uniq wc which whoami xargs yes";
 
 /// Libraries that are loaded by name at run time, so that no program lists them.
 constexpr std::array<std::string_view, 4> loadedLibraries{

@@ -10,12 +10,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/SkipReasons.h"
+
 namespace tarnvale::test {
 namespace {
 
 using namespace std::chrono_literals;
 
 TEST(ProgramTest, AllOthersEndWhenTheFirstProcessSaysSo) {
+    TARNVALE_NEEDS(processes);
     Program first({"/bin/sleep", "1000"});
     Program second({"/bin/sleep", "1000"});
 

@@ -107,6 +107,7 @@ TEST_F(HelperctlTest, PrintsTheHelpersVersion) {
 }
 
 TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
+    TARNVALE_NEEDS(interfaces);
     const Service service;
 
     EXPECT_THAT(ctl({"apply", labPath}), Prints(0, "Enforcing 1 network: Lab\n"));
@@ -148,6 +149,7 @@ TEST_F(HelperctlTest, SendsTheFileAsItIs) {
 }
 
 TEST_F(HelperctlTest, SaysWhichNetworksAreRefused) {
+    TARNVALE_NEEDS(interfaces);
     const Service service;
     std::string policy = contentOf(labPath);
     policy.replace(policy.find("192.168.64.0/24"), 15, "10.0.0.0/24");
@@ -179,6 +181,7 @@ TEST_F(HelperctlTest, SaysWhichNetworksAreRefused) {
 }
 
 TEST_F(HelperctlTest, PreviewsTheRulesetThatAnApplyLoads) {
+    TARNVALE_NEEDS(interfaces);
     const auto preview = ctl({"preview", labPath});
 
     EXPECT_EQ(preview.status, 0) << preview.error;

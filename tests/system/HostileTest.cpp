@@ -32,6 +32,7 @@
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 #include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
@@ -114,7 +115,8 @@ protected:
     /// The hostile program's user.
     static constexpr uid_t attacker = secondUser;
 
-    HostileTest() {
+    void SetUp() override {
+        TARNVALE_NEEDS(usersProcesses);
         service.emplace();
         const std::size_t idleThreads = footprint().threads;
         witness.emplace(lab.client, administrator);
@@ -583,7 +585,10 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
 /// A report of 4 MB.
 class HostileToReportsTest : public HostileTest {
 protected:
-    HostileToReportsTest() { pfctl.answer("*-sr*", "head -c 4000000 /dev/zero | tr '\\0' r"); }
+    void SetUp() override {
+        HostileTest::SetUp();
+        pfctl.answer("*-sr*", "head -c 4000000 /dev/zero | tr '\\0' r");
+    }
 
     ScriptedPfctl pfctl;
 };
@@ -654,6 +659,8 @@ UniqueFd lingeringSocket() {
 /// sent on them.
 class HostileBeforeStartTest : public testing::Test {
 protected:
+    void SetUp() override { TARNVALE_NEEDS(usersProcesses); }
+
     ServiceLab lab;
     UniqueFd listening = listenAt(servicePath);
 

@@ -99,6 +99,7 @@ TEST_F(PackagingTest, NoNumberOfStartsEndsTheSocketOrTheService) {
 }
 
 TEST_F(PackagingTest, InstallingPutsEachFileWhereItIsLookedFor) {
+    TARNVALE_NEEDS(trees);
     const fs::path destination = "/tmp/destination";
 
     Program install(

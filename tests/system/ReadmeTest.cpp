@@ -12,6 +12,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -54,6 +55,7 @@ std::string walk() {
 class ReadmeTest : public testing::Test {
 protected:
     void SetUp() override {
+        TARNVALE_NEEDS(processes);
         if (!std::string_view(TARNVALE_SANITIZE).empty()) {
             GTEST_SKIP() << "a sanitizer has things to say that the README doesn't know of";
         }
@@ -68,7 +70,11 @@ protected:
     }
 
     /// Ends what was left running, as the end of the private root would.
-    void TearDown() override { killAllOthers(); }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            killAllOthers();
+        }
+    }
 };
 
 void layOutTheWalk() {

@@ -102,6 +102,7 @@ TEST_F(ServiceActivationTest, ServesOnTheSocketThatIsPassed) {
 }
 
 TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForce) {
+    TARNVALE_NEEDS(interfaces);
     put(storePath, store());
     const UniqueFd listening = listenAt(servicePath);
     for (int start = 0; start < 3; ++start) {

@@ -243,6 +243,7 @@ TEST_F(ServiceAdmissionTest, TurnsAPeerAwayThatHasEndedBeforeTheCheck) {
 }
 
 TEST_F(ServiceAdmissionTest, TakesNoProcessForAnEarlierOneOfItsID) {
+    TARNVALE_NEEDS(processes);
     if (!kernelKnowsPeers()) {
         GTEST_SKIP() << "before Linux 6.5 a peer that ends before it is accepted has only its ID";
     }
@@ -266,6 +267,7 @@ TEST_F(ServiceAdmissionTest, TakesNoProcessForAnEarlierOneOfItsID) {
 }
 
 TEST_F(ServiceAdmissionTest, ReadsNoMessageAfterThePeersEnd) {
+    TARNVALE_NEEDS(processes);
     const Service service;
     ServiceClient client(lab.client, rootUser, freeProcessID);
     ASSERT_TRUE(client.connects());

@@ -17,6 +17,7 @@
 #include "tests/support/Program.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -83,6 +84,7 @@ Request requestOf(std::size_t index) {
 }
 
 TEST(ServiceConcurrencyTest, ServesAllItsConnectionsWithEveryKindOfRequest) {
+    TARNVALE_NEEDS(interfaces);
     const ServiceLab lab;
     const Service service;
     const bool hasOtherUsers = !lackOf(Ability::usersProcesses);

@@ -119,6 +119,7 @@ TEST_F(ServiceLifeTest, ServesAlthoughTheReapplyFails) {
 }
 
 TEST_F(ServiceLifeTest, EndsAMomentAfterItsReplyWhenAnUpgradeAsks) {
+    TARNVALE_NEEDS(mounts);
     ScriptedPfctl pfctl;
     pfctl.answer("-si", "sleep 60");
     constexpr int machines = 10;

@@ -178,6 +178,7 @@ TEST_F(CodeSigningTest, FindsThePeerInvalidThatEndsBeforeTheCheck) {
 }
 
 TEST_F(CodeSigningTest, TellsAPeerFromTheNextProcessWithItsID) {
+    TARNVALE_NEEDS(processes);
     SocketPeer gone({"/bin/sleep", "1000"});
     const auto process = PeerProcess::ofSocket(gone.socket());
     ASSERT_TRUE(process);

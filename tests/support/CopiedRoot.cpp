@@ -44,8 +44,8 @@ constexpr std::string_view programs =
     "timeout touch tr true truncate tty uname uniq wc which whoami xargs yes";
 
 /// Libraries that are loaded by name at run time, so that no program lists them.
-constexpr std::array<std::string_view, 4> loadedLibraries{
-    "libsystemd.so.0", "libcrypto.so.3", "libgcc_s.so.1", "libnss_files.so.2"};
+constexpr std::array<std::string_view, 5> loadedLibraries{
+    "libstdc++.so.6", "libsystemd.so.0", "libcrypto.so.3", "libgcc_s.so.1", "libnss_files.so.2"};
 
 /// What a program needs of /etc. Each root has its own.
 constexpr std::array<std::string_view, 12> settings{
@@ -171,7 +171,7 @@ private:
                 addWithLibraries(*path);
             }
         }
-        // libstdc++ and the sanitizers' libraries, for the test programs themselves.
+        // The sanitizers' libraries, for the test programs themselves.
         addWithLibraries(fs::read_symlink("/proc/self/exe"), false);
         addFolder("/usr/lib/locale/C.utf8");
         addFolder("/usr/lib/ssl");
@@ -213,7 +213,8 @@ private:
     std::set<fs::path> added_;
 };
 
-/// The same files below another folder, as links, or where that can't be as copies.
+/// The same files below another folder, as links, or where that can't be as copies. What is there
+/// already stays: a program of the project's that makes the root is in it before the others are.
 void linkTree(const fs::path& from, const fs::path& to) {
     for (const auto& entry : fs::directory_iterator(from)) {
         const fs::path target = to / entry.path().filename();
@@ -223,7 +224,8 @@ void linkTree(const fs::path& from, const fs::path& to) {
         } else if (entry.is_directory()) {
             fs::create_directory(target);
             linkTree(entry.path(), target);
-        } else if (fs::create_hard_link(entry.path(), target, refused); refused) {
+        } else if (fs::create_hard_link(entry.path(), target, refused);
+                   refused && refused != std::errc::file_exists) {
             fs::copy_file(entry.path(), target);
         }
     }
@@ -262,8 +264,9 @@ void addProject(const fs::path& root) {
     const fs::path program = fs::read_symlink("/proc/self/exe");
     const fs::path shown = root / program.relative_path();
     fs::create_directories(shown.parent_path());
-    if (std::error_code refused; fs::create_hard_link(program, shown, refused), refused) {
-        fs::copy_file(program, shown, fs::copy_options::skip_existing);
+    if (std::error_code refused; fs::create_hard_link(program, shown, refused),
+                                 refused && refused != std::errc::file_exists) {
+        fs::copy_file(program, shown);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "tests/support/PrivateRoot.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -149,8 +150,10 @@ Finished interrupted(const std::string& commands) {
     while (sandbox.running() && sandbox.output() != "ready\n") {
         std::this_thread::yield();
     }
-    if (sandbox.running()) {
+    // Again where the first came between two commands, as a user does.
+    while (sandbox.running()) {
         ::kill(-sandbox.pid(), SIGINT);
+        sandbox.endsWithin(std::chrono::seconds(1));
     }
     return sandbox.finish();
 }

@@ -135,9 +135,9 @@ TEST_F(DemoScriptTest, SaysWhatIsMissingBeforeItDoesAnything) {
         {"--reuid=501",
          "demo: it makes a sandbox with users and a network of its own, so it has to be root: sudo "
          "scripts/demo\n"},
-        {"--bounding-set=-sys_admin",
-         "demo: root lacks CAP_SYS_ADMIN here, which a sandbox takes; a container gets that by: "
-         "docker run --privileged\n"}};
+        {"--bounding-set=-sys_admin,-sys_chroot",
+         "demo: root lacks CAP_SYS_ADMIN and CAP_SYS_CHROOT here, one of which a sandbox takes; a "
+         "container gets that by: docker run --privileged\n"}};
     for (const auto& [circumstance, sentence] : cases) {
         const Finished demo = run({"/usr/bin/setpriv", circumstance, script});
 

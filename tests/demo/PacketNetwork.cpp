@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "tests/demo/Network.h"
+#include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 
 namespace tarnvale::test {
@@ -54,6 +55,9 @@ private:
 }  // namespace
 
 std::unique_ptr<Network> makePacketNetwork() {
+    if (lackOf(Ability::interfaces)) {
+        throw LabUnavailable("the sandbox has no network of its own");
+    }
     requirePacketFilter();
     return std::make_unique<PacketNetwork>();
 }

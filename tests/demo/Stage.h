@@ -24,6 +24,9 @@ public:
     /// Makes the users, signs the client, trusts its maker, and listens on the helper's socket.
     Stage();
 
+    /// The process ID of the helper that runs. Throws `std::runtime_error` when none does.
+    pid_t helper() const;
+
 private:
     Program activator_;
 };
@@ -43,8 +46,5 @@ Answer askUnsigned(const std::vector<std::string>& request);
 
 /// The last message of the helper's log that matches the shell pattern.
 std::optional<std::string> lastLogged(const std::string& pattern);
-
-/// The process ID of the helper that runs. Throws `std::runtime_error` when none does.
-pid_t helperProcess();
 
 }  // namespace tarnvale::test

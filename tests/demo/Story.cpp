@@ -290,7 +290,7 @@ void Story::showACrash() {
     transcript_.say();
     transcript_.say(
         "The helper is killed and its rules are flushed; the next request brings both back:");
-    const pid_t killed = helperProcess();
+    const pid_t killed = stage_.helper();
     transcript_.say(
         "  root: kill -KILL " + std::to_string(killed) + "; pfctl -a " + anchor + " -F rules");
     ::kill(killed, SIGKILL);
@@ -298,7 +298,7 @@ void Story::showACrash() {
     showKnock(true);
 
     const Answer answer = ask(ann, {"version"});
-    transcript_.check(helperProcess() != killed, "another helper serves");
+    transcript_.check(stage_.helper() != killed, "another helper serves");
     transcript_.check(answer.status == 0, "ann gets its version");
     showLog("Boot re-apply: Enforcing 1 network for all users: Lab");
     showKnock(false);

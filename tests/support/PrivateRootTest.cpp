@@ -171,5 +171,18 @@ TEST(SandboxTest, LeavesInterruptsToItsCommand) {
     EXPECT_EQ(handled.status, 3);
 }
 
+TEST(SandboxTest, OpensAShellThatSaysWhereItIs) {
+    TARNVALE_NEEDS(mounts);
+
+    // The shell needs a terminal to show a prompt on.
+    const Finished shown =
+        run({"/usr/bin/script", "-qec", sandboxProgram, "/dev/null"},
+            "echo \"inside: $TARNVALE_SANDBOX\"\nexit 3\n");
+
+    EXPECT_EQ(shown.status, 3) << shown.error;
+    EXPECT_THAT(shown.output, HasSubstr("[sandbox] "));
+    EXPECT_THAT(shown.output, HasSubstr("inside: yes\r\n"));
+}
+
 }  // namespace
 }  // namespace tarnvale::test

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// sandbox COMMAND [ARGUMENT…]: runs a command in a private root (PrivateRoot.h), in the folder
+// sandbox [COMMAND [ARGUMENT…]]: runs a command in a private root (PrivateRoot.h), in the folder
 // where it was called, and ends with its status. What the command does to files, interfaces and
-// packet filters is gone when it ends.
+// packet filters is gone when it ends. Without a command it opens a shell whose prompt says where
+// one is. TARNVALE_SANDBOX is set inside, so that commands can refuse to run anywhere else.
 //
 // What an interrupt does is the command's decision, so this program ignores interrupts. The command
 // is not the first process of its namespace, because the kernel spares that one.
@@ -22,6 +23,8 @@
 
 namespace {
 
+constexpr const char* shell = "bash";
+
 /// Reaps all processes that become this one's until the command ends; its exit status, or 128 and
 /// the number of the signal that ended it.
 int statusOf(pid_t command) {
@@ -37,13 +40,21 @@ int statusOf(pid_t command) {
     }
 }
 
+/// Becomes the command, or the shell when there is none. Returns only where that fails.
+void become(char** command) {
+    ::setenv("TARNVALE_SANDBOX", "yes", 1);
+    if (command[0] != nullptr) {
+        ::execvp(command[0], command);
+        return;
+    }
+    // The user's own settings would take the prompt away.
+    ::setenv("PS1", "[sandbox] \\w\\$ ", 1);
+    ::execlp(shell, shell, "--norc", nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        std::fputs("usage: sandbox COMMAND [ARGUMENT...]\n", stderr);
-        return 2;
-    }
     std::error_code unknown;
     const auto folder = std::filesystem::current_path(unknown);
     const auto interruption = std::signal(SIGINT, SIG_IGN);
@@ -59,8 +70,8 @@ int main(int argc, char** argv) {
     }
     if (command == 0) {
         std::signal(SIGINT, interruption);
-        ::execvp(argv[1], argv + 1);
+        become(argv + 1);
     }
-    std::fprintf(stderr, "sandbox: %s: %s\n", argv[1], std::strerror(errno));
+    std::fprintf(stderr, "sandbox: %s: %s\n", argc > 1 ? argv[1] : shell, std::strerror(errno));
     return 127;
 }

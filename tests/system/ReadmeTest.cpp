@@ -2,13 +2,23 @@
 //
 // What newcomers try first: the README's walk through a request, typed as it says, and the demo.
 
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <numeric>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
+#include "support/Text.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
@@ -17,6 +27,7 @@
 namespace tarnvale::test {
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::string_literals;
 using testing::AllOf;
 using testing::EndsWith;
@@ -27,29 +38,66 @@ constexpr const char* sourceFolder = TARNVALE_SOURCE_DIR "/";
 
 /// Where the walk begins: what it uses has the README's names there, wherever sources and build
 /// are.
-constexpr const char* walkFolder = "/tmp/walk/";
+const fs::path walkFolder = "/tmp/walk";
 
-/// What is typed in the private root, as one script. It waits where a person takes longer to type
-/// the next line than the helper takes to start.
-std::string walk() {
-    constexpr std::string_view begin = "    sudo build/bin/sandbox bash\n";
-    constexpr std::string_view end = "\n    exit\n";
+/// The indented blocks of the README's walk: how the sandbox is entered, and what is pasted there.
+/// Empty when the README has no such walk.
+std::vector<std::string> walkBlocks() {
+    constexpr std::string_view indent = "    ";
     const std::string readme = contentOf(std::string(sourceFolder) + "README.md");
-    const auto start = readme.find(begin);
-    const auto stop = readme.find(end, start);
+    const auto start = readme.find("\n## A request by hand\n");
+    const auto stop = readme.find("\nWithout the service,", start);
+    std::vector<std::string> blocks;
+    bool inBlock = false;
     if (start == std::string::npos || stop == std::string::npos) {
-        return {};
+        return blocks;
     }
-    std::string script = readme.substr(start + begin.size(), stop + 1 - start - begin.size());
-
-    const auto replaceAll = [&script](std::string_view text, const std::string& by) {
-        for (auto at = script.find(text); at != std::string::npos;
-             at = script.find(text, at + by.size())) {
-            script.replace(at, text.size(), by);
+    for (const auto line :
+         support::split(std::string_view(readme).substr(start, stop - start), '\n')) {
+        if (line.starts_with(indent)) {
+            if (!inBlock) {
+                blocks.emplace_back();
+            }
+            blocks.back() += std::string(line.substr(indent.size())) + "\n";
         }
-    };
-    replaceAll(" &\n", " &\nuntil [ -S " + std::string(servicePath) + " ]; do sleep 0.01; done\n");
-    return "cd " + std::string(walkFolder) + "\n" + script;
+        inBlock = line.starts_with(indent);
+    }
+    return blocks;
+}
+
+/// The number of the first process of that program; nothing when none runs.
+std::optional<pid_t> processOf(const std::string& program) {
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        std::error_code ended;
+        if (fs::read_symlink(entry.path() / "exe", ended) == program) {
+            return std::stoi(entry.path().filename());
+        }
+    }
+    return std::nullopt;
+}
+
+/// Ends the helper as its idle end does: whatever comes next finds none.
+void endHelper() {
+    if (const auto helper = processOf(helperProgram)) {
+        ::kill(*helper, SIGKILL);
+        while (processOf(helperProgram)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+}
+
+const std::string turnedAway =
+    "The helper closed the connection: it doesn't admit this program, or has too many "
+    "connections already.\n";
+
+/// What the walk prints, by its best known lines.
+auto IsTheWalks() {
+    return AllOf(
+        HasSubstr(helperVersion() + "\nEnforcing 1 network: Lab\n\nRuleset:\n"),
+        HasSubstr("\nEnforcing 1 network: Lab\n== pf status ==\nStatus: Enabled"),
+        HasSubstr("\nasas 0 1 \"No physical interface named eth9.\"\nas 0\n"),
+        HasSubstr("\nnameserver 127.0.0.1\n"),
+        HasSubstr(" Installed /etc/resolver/tarnvale.\n"));
 }
 
 class ReadmeTest : public testing::Test {
@@ -65,7 +113,7 @@ protected:
             GTEST_SKIP() << "the kernel has no nf_tables";
         }
         for (const std::string& folder : {supportFolder, "/tmp/ca"s, "/tmp/examples"s}) {
-            std::filesystem::remove_all(folder);
+            fs::remove_all(folder);
         }
     }
 
@@ -78,12 +126,32 @@ protected:
 };
 
 void layOutTheWalk() {
-    const std::filesystem::path walk = walkFolder;
-    std::filesystem::create_directories(walk / "build");
-    std::filesystem::create_directory_symlink(binFolder, walk / "build/bin");
+    fs::create_directories(walkFolder / "build");
+    fs::create_directory_symlink(binFolder, walkFolder / "build/bin");
     for (const char* name : {"scripts", "examples"}) {
-        std::filesystem::create_directory_symlink(std::string(sourceFolder) + name, walk / name);
+        fs::create_directory_symlink(std::string(sourceFolder) + name, walkFolder / name);
     }
+}
+
+/// Pastes the text into a shell in the walk's folder.
+Finished paste(const std::vector<std::string>& shell, const std::string& text) {
+    fs::current_path(walkFolder);
+    return run(shell, text);
+}
+
+/// What is newer than the file, wherever the walk writes.
+std::string changedSince(const std::string& stamp) {
+    return run({"/usr/bin/find",
+                "/etc",
+                "/usr/sbin",
+                "/usr/local",
+                "/var/log",
+                "/opt",
+                "/run",
+                "/tmp",
+                "-newer",
+                stamp})
+        .output;
 }
 
 TEST_F(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
@@ -92,22 +160,95 @@ TEST_F(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
     }
 
     layOutTheWalk();
-    const Finished walked = run({"/bin/bash", "-s"}, walk());
+    auto blocks = walkBlocks();
+    ASSERT_GT(blocks.size(), 1U);
+    EXPECT_EQ(blocks[0], "scripts/setup && scripts/build && build/bin/sandbox\n");
+    ::setenv("TARNVALE_SANDBOX", "yes", 1);
+    Finished walked;
+    for (auto block = blocks.begin() + 1; block != blocks.end(); ++block) {
+        const auto step = paste({"/bin/bash", "-s"}, *block);
+        walked.output += step.output;
+        walked.error += step.error;
+        // The reader thinks it over for longer than the helper waits for a request.
+        endHelper();
+    }
 
-    EXPECT_EQ(walked.status, 0);
     EXPECT_EQ(
         walked.error,
-        "The helper closed the connection: it doesn't admit this program, or has too many "
-        "connections already.\n"
-        "Only an administrator of this Mac can make this change through Tarnvale's helper.\n");
-    EXPECT_THAT(
-        walked.output,
-        AllOf(
-            HasSubstr(helperVersion() + "\nEnforcing 1 network: Lab\n\nRuleset:\n"),
-            HasSubstr("\nEnforcing 1 network: Lab\n== pf status ==\nStatus: Enabled"),
-            HasSubstr("\nasas 0 1 \"No physical interface named eth9.\"\nas 0\n"),
-            HasSubstr("\nnameserver 127.0.0.1\n"),
-            HasSubstr(" Installed /etc/resolver/tarnvale.\n")));
+        turnedAway +
+            "Only an administrator of this Mac can make this change through Tarnvale's helper.\n");
+    EXPECT_THAT(walked.output, IsTheWalks());
+}
+
+TEST_F(ReadmeTest, AnOrdinaryUserCanWalkToo) {
+    if (!exists("/usr/bin/busctl")) {
+        GTEST_SKIP() << "busctl is not installed";
+    }
+    layOutTheWalk();
+    const auto blocks = walkBlocks();
+    const Finished walked = paste(
+        {"/usr/bin/setpriv",
+         "--reuid=1000",
+         "--regid=1000",
+         "--clear-groups",
+         std::string(binFolder) + "sandbox",
+         "/bin/bash",
+         "-s"},
+        "cd '" + std::string(sourceFolder) + "'\n" +
+            std::accumulate(blocks.begin() + 1, blocks.end(), std::string()));
+    if (walked.status == 77 || walked.status == 126) {
+        // No user namespace, or a folder of somebody else's.
+        GTEST_SKIP() << walked.error;
+    }
+
+    EXPECT_EQ(walked.error, turnedAway + "Could not act as \"nobody\": Operation not permitted.\n");
+    EXPECT_THAT(walked.output, IsTheWalks());
+}
+
+TEST(ReadmeAloneTest, PastedWhereTheSandboxCantBeEnteredTheWalkChangesNothing) {
+    TARNVALE_NEEDS(processes);
+
+    layOutTheWalk();
+    for (const char* folder : {"scripts", "build/bin"}) {
+        fs::remove(walkFolder / folder);
+    }
+    const std::string script = "#!/bin/sh\n";
+    put(walkFolder / "scripts/setup", script);
+    put(walkFolder / "scripts/build", script);
+    put(walkFolder / "build/bin/sandbox",
+        script + "echo 'sandbox: no private root' >&2\nexit 77\n");
+    for (const auto& file : fs::recursive_directory_iterator(walkFolder)) {
+        fs::permissions(file, fs::perms(0755));
+    }
+    // What the blocks run is there, so that nothing keeps them from it.
+    for (const auto& file : fs::directory_iterator(binFolder)) {
+        if (file.path().filename() != "sandbox" && file.is_regular_file()) {
+            fs::create_symlink(file, walkFolder / "build/bin" / file.path().filename());
+        }
+    }
+    for (const char* name : {"codesign", "dev-ca"}) {
+        fs::create_symlink(
+            std::string(sourceFolder) + "scripts/" + name, walkFolder / "scripts" / name);
+    }
+    std::string walk;
+    for (const auto& block : walkBlocks()) {
+        walk += block;
+    }
+    ::unsetenv("TARNVALE_SANDBOX");
+    const std::string stamp = "/tmp/stamp";
+    put(stamp, "");
+
+    for (const std::vector<std::string>& shell :
+         {std::vector<std::string>{"/bin/bash", "--norc", "-i"},
+          {"/bin/bash"},
+          {"/bin/sh", "-i"}}) {
+        const auto pasted = paste(shell, walk);
+
+        EXPECT_THAT(pasted.error, HasSubstr("sandbox: no private root\n")) << shell[0];
+        EXPECT_THAT(pasted.error, HasSubstr("TARNVALE_SANDBOX: is set in the sandbox only\n"));
+        EXPECT_EQ(changedSince(stamp), "") << shell[0];
+        EXPECT_EQ(processOf(std::string(binFolder) + "activate"), std::nullopt);
+    }
 }
 
 TEST_F(ReadmeTest, TheDemoShowsWhatItPromises) {

@@ -193,9 +193,9 @@ TEST_F(ReadmeTest, AnOrdinaryUserCanWalkToo) {
          "--clear-groups",
          std::string(binFolder) + "sandbox",
          "/bin/bash",
-         "-s"},
-        "cd '" + std::string(sourceFolder) + "'\n" +
-            std::accumulate(blocks.begin() + 1, blocks.end(), std::string()));
+         "-s",
+         sourceFolder},
+        "cd \"$1\"\n" + std::accumulate(blocks.begin() + 1, blocks.end(), std::string()));
     if (walked.status == 77 || walked.status == 126) {
         // No user namespace, or a folder of somebody else's.
         GTEST_SKIP() << walked.error;

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: MIT
+//
+// What the project's scripts do on machines that are set up otherwise: behind a link, beside hooks
+// of somebody else's, without apt. And no document has a reader sign what was built.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/Text.h"
+#include "tests/support/HelperFiles.h"
+#include "tests/support/Program.h"
+
+namespace tarnvale::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const fs::path source = TARNVALE_SOURCE_DIR;
+
+constexpr const char* hookPath = "/tmp/hooks/pre-commit";
+
+/// Runs a script of the project's that finds its programs in these folders only. In /tmp/search git
+/// has its hooks in /tmp/hooks.
+Finished runWith(const std::string& search, const std::string& script) {
+    put("/tmp/search/git", "#!/bin/sh\necho /tmp/hooks\n");
+    fs::permissions("/tmp/search/git", fs::perms(0755));
+    return run({"/usr/bin/env", "PATH=" + search, "/bin/bash", script});
+}
+
+Finished installHooks(const fs::path& script = source / "scripts/install-hooks") {
+    return runWith("/tmp/search:/usr/bin:/bin", script);
+}
+
+TEST(InstallHooksTest, MakesGitRunTheQuickChecks) {
+    for (int time = 0; time < 2; ++time) {
+        const auto installed = installHooks();
+
+        EXPECT_EQ(installed.error, "");
+        EXPECT_EQ(installed.output, "Installed /tmp/hooks/pre-commit.\n");
+        EXPECT_THAT(
+            contentOf(hookPath), EndsWith("\nexec scripts/check format includes shell nolint\n"));
+        EXPECT_NE(fs::status(hookPath).permissions() & fs::perms::owner_exec, fs::perms::none);
+    }
+}
+
+TEST(InstallHooksTest, LeavesAnotherHookAlone) {
+    put(hookPath, "#!/bin/sh\nexit 0\n");
+
+    const auto refused = installHooks();
+
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(
+        refused.error,
+        "install-hooks: /tmp/hooks/pre-commit is another hook; to have both, add this line to it: "
+        "scripts/check format includes shell nolint\n");
+    EXPECT_EQ(contentOf(hookPath), "#!/bin/sh\nexit 0\n");
+}
+
+TEST(SetupTest, NamesWhatItWouldInstallWhereThereIsNoApt) {
+    fs::create_directories("/tmp/search");
+    fs::create_symlink("/usr/bin/uname", "/tmp/search/uname");
+
+    const auto refused = runWith("/tmp/search", source / "scripts/setup");
+
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(
+        refused.error,
+        AllOf(
+            StartsWith("setup: it takes Debian's apt, which is missing here; "),
+            HasSubstr(" then run scripts/build: g++ cmake "),
+            HasSubstr(" libgtest-dev ")));
+    EXPECT_EQ(refused.output, "");
+}
+
+TEST(ScriptsTest, FindTheirPlaceBehindALink) {
+    fs::create_symlink(source / "scripts/install-hooks", "/tmp/install-hooks");
+    EXPECT_EQ(installHooks("/tmp/install-hooks").error, "");
+
+    const fs::path plist = source / "packaging/macos/daemon-plist";
+    fs::create_symlink(plist, "/tmp/daemon-plist");
+    const auto printed = run({"/tmp/daemon-plist"});
+    EXPECT_EQ(printed.error, "");
+    EXPECT_EQ(printed.output, run({plist}).output);
+
+    // The others say it in the same words.
+    for (const char* folder : {"scripts", "packaging", "tests", ".ci"}) {
+        for (const auto& file : fs::recursive_directory_iterator(source / folder)) {
+            const auto extension = file.path().extension();
+            if (!file.is_regular_file() || extension == ".cpp" || extension == ".h") {
+                continue;
+            }
+            for (const auto line : support::split(contentOf(file.path()), '\n')) {
+                EXPECT_EQ(line.find("dirname \"$0\""), std::string_view::npos) << file.path();
+            }
+        }
+    }
+}
+
+TEST(DocumentsTest, HaveNobodySignWhatWasBuilt) {
+    // The demo and the tests need it as it is.
+    for (const char* document : {"README.md", "packaging/linux/README.md"}) {
+        for (const auto line : support::split(contentOf(source / document), '\n')) {
+            if (line.find("scripts/codesign ") != std::string_view::npos) {
+                EXPECT_EQ(line.find("build/"), std::string_view::npos) << document << ": " << line;
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tarnvale::test

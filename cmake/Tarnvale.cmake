@@ -38,7 +38,11 @@ target_compile_options(tarnvale_options INTERFACE
     # g++ 12 takes the joining of a literal and a temporary string for an overlap (GCC bug 105651).
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
     $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
-    -fstack-protector-strong -ffunction-sections -fdata-sections)
+    -fstack-protector-strong -ffunction-sections -fdata-sections
+    # The same sources give the same bytes in any folder. A debug build keeps its paths, by which
+    # debuggers and the sanitizers' reports find the sources.
+    $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
+    $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=./build>)
 target_compile_definitions(tarnvale_options INTERFACE
     $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 if(NOT TARNVALE_SANITIZE)

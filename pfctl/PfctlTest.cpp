@@ -458,6 +458,7 @@ TEST_F(PfctlTest, ExplainsItsUsage) {
 }
 
 TEST_F(PfctlTest, LoadsAndListsThousandsOfNetworks) {
+    TARNVALE_NEEDS(largeBuffers);
     constexpr int networks = 3000;
     std::string ruleset;
     for (int network = 0; network < networks; ++network) {

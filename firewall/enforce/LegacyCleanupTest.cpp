@@ -118,6 +118,7 @@ TEST_F(LegacyCleanupTest, ASecondCleanUpRewritesNothing) {
 }
 
 TEST_F(LegacyCleanupTest, KeepsModeOwnerAndGroupOfPfConf) {
+    TARNVALE_NEEDS(owners);
     put(pfConf, "anchor com.tarnvale.firewall\n");
     ASSERT_EQ(::chown(pfConf, 7, 9), 0);
     ASSERT_EQ(::chmod(pfConf, 0640), 0);

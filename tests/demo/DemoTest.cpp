@@ -18,6 +18,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -85,6 +86,7 @@ TEST_F(DemoScriptTest, IsCalledByALinkToo) {
 }
 
 TEST_F(DemoScriptTest, BuildsAsTheOwnerOfWhatIsBuilt) {
+    TARNVALE_NEEDS(owners);
     ASSERT_EQ(::chown((folder / "build").c_str(), someUser, someUser), 0);
 
     runInFull(script);
@@ -95,6 +97,7 @@ TEST_F(DemoScriptTest, BuildsAsTheOwnerOfWhatIsBuilt) {
 }
 
 TEST_F(DemoScriptTest, BuildsAsTheOwnerOfTheSourcesWhereNothingIsBuiltYet) {
+    TARNVALE_NEEDS(owners);
     fs::rename(folder / "build", "/tmp/built");
     ASSERT_EQ(::chown(folder.c_str(), someUser, someUser), 0);
     put(folder / "scripts/build",
@@ -169,6 +172,7 @@ std::vector<std::string> processes() {
 }
 
 TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
+    TARNVALE_NEEDS(owners);
     if (!std::string_view(TARNVALE_SANITIZE).empty()) {
         GTEST_SKIP() << "a sanitizer has things to say that the demo doesn't know of";
     }
@@ -187,6 +191,7 @@ TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
 }
 
 TEST(DemoTest, EndsAtAnInterruptAndLeavesNothing) {
+    TARNVALE_NEEDS(owners);
     // Without its mark this private root looks like any machine, so the demo makes one of its own.
     fs::remove("/run/private-root");
     const auto processesBefore = processes();

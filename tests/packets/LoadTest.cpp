@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/packets/PacketTest.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -260,6 +261,7 @@ TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
 }
 
 TEST_F(LoadTest, IsRefusedAsBusyWhileAnotherOneRuns) {
+    TARNVALE_NEEDS(largeBuffers);
     std::string large = network(subnet64, Default::allow, Default::deny);
     for (int i = 0; i < 5000; ++i) {
         large += "block drop in quick from 192.168.64.0/24 to 10.0." + std::to_string(i / 250) +

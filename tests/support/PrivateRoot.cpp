@@ -223,6 +223,15 @@ std::optional<std::string> enterNamespaces(bool isUserNamespace) {
     }
 }
 
+/// Whether this process, which is root, is so in a user namespace only, over a single user.
+bool isInUserNamespace() {
+    unsigned inside = 0;
+    unsigned outside = 0;
+    unsigned count = 0;
+    std::ifstream("/proc/self/uid_map") >> inside >> outside >> count;
+    return count == 1;
+}
+
 std::string groundName() {
     std::string name;
     std::getline(std::ifstream(groundFile), name);
@@ -241,7 +250,7 @@ std::optional<std::string> enterPrivateRoot() {
         return refusal(error.what(), "run it as root, or where users may make user namespaces");
     }
     if (::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID) == 0) {
-        const auto reason = enterNamespaces(!isRoot);
+        const auto reason = enterNamespaces(isInUserNamespace());
         return reason ? std::optional(refusal(*reason, moreRights)) : std::nullopt;
     }
     const std::string reason = "make namespaces: " + std::generic_category().message(errno);
@@ -283,6 +292,7 @@ std::optional<std::string> lackOf(Ability ability) {
             return lack("nothing can be mounted here");
         case Ability::processes:
             return lack("there is no PID namespace here");
+        case Ability::largeBuffers:
         case Ability::interfaces:
             return lack("there are no network interfaces of its own here");
         case Ability::usersProcesses:

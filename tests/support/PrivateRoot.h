@@ -31,6 +31,7 @@ enum class Ability {
     interfaces,      ///< network interfaces of its own
     owners,          ///< files that belong to several users
     usersProcesses,  ///< processes of several users, and root's right to look at each of them
+    largeBuffers,    ///< socket buffers beyond the machine's limit, which large rulesets need
     trees,           ///< whole installed packages, such as systemd or the tools of other languages
 };
 

@@ -159,6 +159,7 @@ Finished interrupted(const std::string& commands) {
 }
 
 TEST(SandboxTest, LeavesInterruptsToItsCommand) {
+    TARNVALE_NEEDS(processes);
     const Finished ended = interrupted("echo ready; sleep 60");
     if (ended.error.find("no private root") != std::string::npos) {
         GTEST_SKIP() << ended.error;

@@ -252,6 +252,7 @@ TEST(ReadmeAloneTest, PastedWhereTheSandboxCantBeEnteredTheWalkChangesNothing) {
 }
 
 TEST_F(ReadmeTest, TheDemoShowsWhatItPromises) {
+    TARNVALE_NEEDS(owners);
     const Finished shown = run({TARNVALE_BIN_DIR "/tarnvale-demo"});
     if (shown.output.starts_with("No packet is sent here")) {
         GTEST_SKIP() << shown.output.substr(0, shown.output.find('\n'));

@@ -66,6 +66,7 @@ protected:
             "'--forget com.brackwen.tarnvale.pkg') rm /tmp/receipt ;;\n"
             "*) exit 1 ;;\n"
             "esac\n");
+        fs::remove("/usr/sbin/ifconfig");  // in a user namespace another's file can't be written
         putProgram("/usr/sbin/ifconfig", "[ $1 = vlan0 ] || [ $1 = vlan7 ]\n");
         for (const char* folder : {"/usr/local/bin", "/etc/resolver"}) {
             fs::remove_all(folder);

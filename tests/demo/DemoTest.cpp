@@ -152,6 +152,7 @@ TEST_F(DemoScriptTest, SaysWhatIsMissingBeforeItDoesAnything) {
 }
 
 TEST_F(DemoScriptTest, SaysWhatStopsPacketsBeforeItDoesAnything) {
+    TARNVALE_NEEDS(mounts);
     put(folder / "scripts/setup", "#!/bin/sh\nexit 3\n");
 
     const Finished demo = run({"/usr/bin/setpriv", "--bounding-set=-net_admin", script});
@@ -172,6 +173,7 @@ std::vector<std::string> processes() {
 }
 
 TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
+    TARNVALE_NEEDS(mounts);
     TARNVALE_NEEDS(owners);
     if (!std::string_view(TARNVALE_SANITIZE).empty()) {
         GTEST_SKIP() << "a sanitizer has things to say that the demo doesn't know of";
@@ -190,7 +192,29 @@ TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
     EXPECT_EQ(demo.error, "");
 }
 
+TEST(DemoTest, ShowsAllButThePacketsInAPlainContainer) {
+    TARNVALE_NEEDS(mounts);
+    TARNVALE_NEEDS(owners);
+    if (!std::string_view(TARNVALE_SANITIZE).empty()) {
+        GTEST_SKIP() << "a sanitizer has things to say that the demo doesn't know of";
+    }
+    // Without its mark this private root looks like any machine, so the demo makes one of its own.
+    fs::remove("/run/private-root");
+
+    const Finished demo =
+        run({TARNVALE_BIN_DIR "/plain-container", TARNVALE_BIN_DIR "/tarnvale-demo"});
+
+    EXPECT_EQ(demo.status, 0);
+    EXPECT_THAT(
+        demo.output,
+        AllOf(
+            StartsWith("No packet is sent here, because "),
+            EndsWith("\n57 checks passed, 0 failed; no packet was sent\n")));
+    EXPECT_EQ(demo.error, "");
+}
+
 TEST(DemoTest, EndsAtAnInterruptAndLeavesNothing) {
+    TARNVALE_NEEDS(mounts);
     TARNVALE_NEEDS(owners);
     // Without its mark this private root looks like any machine, so the demo makes one of its own.
     fs::remove("/run/private-root");

@@ -40,7 +40,7 @@ constexpr std::string_view programs =
     "diff dirname du echo env expr false find flock gdbus getconf getent grep gzip head "
     "hostname id install ip join kill ln locale ls md5sum mkdir mkfifo mknod mktemp mv nl nproc "
     "od openssl paste pgrep pkill printenv printf ps pwd readlink realpath rm rmdir sed seq "
-    "setarch setpriv sh sha256sum sleep sort stat strace stty su sync tac tail tar tee test "
+    "setarch setpriv setsid sh sha256sum sleep sort stat strace stty su sync tac tail tar tee test "
     "timeout touch tr true truncate tty uname uniq wc which whoami xargs yes";
 
 /// Libraries that are loaded by name at run time, so that no program lists them.
@@ -124,14 +124,14 @@ std::optional<fs::path> libraryPath(std::string_view name) {
     return std::nullopt;
 }
 
-/// Fills a folder that many tests use. One of them makes it; the others wait for it.
+/// A folder that many tests use. The first of them fills it; the others wait for it.
 class Template {
 public:
     explicit Template(fs::path folder) : folder_(std::move(folder)) {
         fs::create_directories(folder_.parent_path());
         const std::string lock = folder_.string() + ".lock";
-        const support::UniqueFd file(::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-        if (!file || ::flock(file.get(), LOCK_EX) != 0) {
+        lock_ = support::UniqueFd(::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+        if (!lock_ || ::flock(lock_.get(), LOCK_EX) != 0) {
             fail(errno, lock);
         }
         if (!isCurrent()) {
@@ -209,6 +209,7 @@ private:
             missing);
     }
 
+    support::UniqueFd lock_;  ///< held for as long as this lives
     fs::path folder_;
     std::set<fs::path> added_;
 };

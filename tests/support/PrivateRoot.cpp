@@ -296,7 +296,7 @@ std::optional<std::string> lackOf(Ability ability) {
         case Ability::interfaces:
             return lack("there are no network interfaces of its own here");
         case Ability::usersProcesses:
-            return lack("root may not look at other users' processes here");
+            return lack("root may not do with other users' processes here as it likes");
         case Ability::trees:
             return lack("there is no view of the whole system here");
         case Ability::owners:

@@ -30,7 +30,7 @@ enum class Ability {
     processes,       ///< a PID namespace of its own, in which every process may be killed
     interfaces,      ///< network interfaces of its own
     owners,          ///< files that belong to several users
-    usersProcesses,  ///< processes of several users, and root's right to look at each of them
+    usersProcesses,  ///< processes of several users, and all of root's rights over them
     largeBuffers,    ///< socket buffers beyond the machine's limit, which large rulesets need
     trees,           ///< whole installed packages, such as systemd or the tools of other languages
 };

@@ -2,8 +2,10 @@
 //
 // /proc for a copied root. Seccomp hands each call that names a path to this process, which sees
 // the machine's own /proc: where the path lies below it, the call is made here and its result put
-// into the caller; every other call goes on as if nothing had been. It can look into a caller of
-// its own user only, since it hasn't CAP_SYS_PTRACE; to others there is no /proc.
+// into the caller; every other call goes on as if nothing had been.
+//
+// It lacks CAP_SYS_PTRACE, and so may look only into processes of its own user; to others there is
+// no /proc. One that became another user's is known by the program that it was seen to run before.
 
 #include <array>
 #include <cerrno>
@@ -14,10 +16,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -146,6 +151,71 @@ std::optional<std::string> procPath(pid_t process, std::uint64_t address) {
     return restBelow(*path, "/proc") ? path : std::nullopt;
 }
 
+/// The programs that processes run, for those that can't be looked into any more.
+class SeenPrograms {
+public:
+    /// Notes what the process runs, once for each program.
+    void see(pid_t process) {
+        if (seen_.contains(process)) {
+            return;
+        }
+        UniqueFd program(::open(exeOf(process).c_str(), O_RDONLY | O_CLOEXEC));
+        if (program) {
+            forgetTheEnded();
+            seen_.insert_or_assign(process, Seen{std::move(program), startOf(process)});
+        }
+    }
+
+    /// The process is about to run another program.
+    void forget(pid_t process) { seen_.erase(process); }
+
+    /// The path as this process can use it: where it names the program of a process that it may not
+    /// look into, that of the descriptor by which it knows it.
+    std::string usable(const std::string& path) const {
+        std::array<char, 1> any{};
+        if (::readlink(path.c_str(), any.data(), any.size()) >= 0 || errno != EACCES) {
+            return path;
+        }
+        for (const auto& [process, seen] : seen_) {
+            if (path == exeOf(process) && seen.start == startOf(process)) {
+                return "/proc/self/fd/" + std::to_string(seen.program.get());
+            }
+        }
+        return path;
+    }
+
+private:
+    struct Seen {
+        UniqueFd program;
+        std::string start;  ///< tells the process from a later one with its ID
+    };
+
+    static std::string exeOf(pid_t process) { return "/proc/" + std::to_string(process) + "/exe"; }
+
+    /// When the process began, as the kernel counts it.
+    static std::string startOf(pid_t process) {
+        std::string line;
+        std::getline(std::ifstream("/proc/" + std::to_string(process) + "/stat"), line);
+        std::istringstream fields(line.substr(line.rfind(')') + 1));
+        constexpr int startField = 20;  // counted behind the name
+        std::string field;
+        for (int i = 0; i < startField; ++i) {
+            fields >> field;
+        }
+        return field;
+    }
+
+    void forgetTheEnded() {
+        constexpr std::size_t enough = 100;
+        if (seen_.size() >= enough) {
+            std::erase_if(
+                seen_, [](const auto& each) { return startOf(each.first) != each.second.start; });
+        }
+    }
+
+    std::map<pid_t, Seen> seen_;
+};
+
 class Supervisor {
 public:
     Supervisor(int listener, std::string root) : listener_(listener), root_(std::move(root)) {}
@@ -171,14 +241,20 @@ private:
     /// False where the call is to go on in the caller.
     bool answer(const seccomp_notif& call, seccomp_notif_resp& response) {
         const auto process = static_cast<pid_t>(call.pid);
+        if (call.data.nr == SYS_execve || call.data.nr == SYS_execveat) {
+            programs_.forget(process);
+            return false;
+        }
+        programs_.see(process);
         for (const auto& known : pathCalls) {
             if (known.number != call.data.nr) {
                 continue;
             }
-            const auto path = procPath(process, call.data.args[known.path]);
+            auto path = procPath(process, call.data.args[known.path]);
             if (!path) {
                 return false;
             }
+            path = programs_.usable(*path);
             const auto* rest = &call.data.args[known.path + 1];
             const auto flags =
                 known.flags == none ? 0 : static_cast<int>(call.data.args[known.flags]);
@@ -297,6 +373,7 @@ private:
 
     int listener_;
     std::string root_;
+    SeenPrograms programs_;
     bool isSent_ = false;  ///< the answer has left together with its descriptor
 };
 
@@ -331,6 +408,11 @@ int superviseMe() {
     for (const auto& call : pathCalls) {
         filter.push_back(
             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call.number), 0, 1));
+        filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
+    }
+    for (const long call : {SYS_execve, SYS_execveat}) {
+        filter.push_back(
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0, 1));
         filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
     }
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));

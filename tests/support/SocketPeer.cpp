@@ -29,17 +29,24 @@ namespace {
     throw std::system_error(errno, std::generic_category(), step);
 }
 
-constexpr std::string_view abstractName("\0peer", 5);
+/// An abstract address, and how many bytes of it count. The network may be one that other tests
+/// share, so it is named after the process that the test began as.
+struct Address {
+    sockaddr_un address{};
+    socklen_t size = 0;
+};
 
-/// The abstract address of this process's own network namespace.
-sockaddr_un address() {
-    sockaddr_un result{};
-    result.sun_family = AF_UNIX;
-    std::copy(abstractName.begin(), abstractName.end(), std::begin(result.sun_path));
-    return result;
+const Address& ownAddress() {
+    static const Address made = [] {
+        const std::string name = std::string("\0peer", 5) + std::to_string(::getpid());
+        Address result;
+        result.address.sun_family = AF_UNIX;
+        std::copy(name.begin(), name.end(), std::begin(result.address.sun_path));
+        result.size = static_cast<socklen_t>(sizeof(sa_family_t) + name.size());
+        return result;
+    }();
+    return made;
 }
-
-constexpr socklen_t addressSize = sizeof(sa_family_t) + abstractName.size();
 
 /// fork, with an ID for the child where one is given.
 pid_t forkAs(std::optional<pid_t> pid) {
@@ -54,9 +61,9 @@ pid_t forkAs(std::optional<pid_t> pid) {
 }
 
 /// What the child does before it becomes the program: only calls that are safe after a fork.
-[[noreturn]] void connectAndRun(const sockaddr_un& to, char* const* arguments) {
+[[noreturn]] void connectAndRun(const Address& to, char* const* arguments) {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&to), addressSize) == 0 &&
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&to.address), to.size) == 0 &&
         ::dup2(fd, STDIN_FILENO) >= 0 && ::dup2(fd, STDOUT_FILENO) >= 0) {
         ::execv(arguments[0], arguments);
     }
@@ -73,10 +80,10 @@ SocketPeer::SocketPeer(const std::vector<std::string>& arguments, std::optional<
     });
     pointers.push_back(nullptr);
 
-    const sockaddr_un to = address();
+    const Address& to = ownAddress();
     const support::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!listener ||
-        ::bind(listener.get(), reinterpret_cast<const sockaddr*>(&to), addressSize) != 0 ||
+        ::bind(listener.get(), reinterpret_cast<const sockaddr*>(&to.address), to.size) != 0 ||
         ::listen(listener.get(), 1) != 0) {
         fail("listen");
     }

@@ -7,12 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -28,6 +25,7 @@
 
 #include "support/UniqueFd.h"
 #include "tests/support/Grounds.h"
+#include "tests/support/Libraries.h"
 
 namespace tarnvale::test {
 namespace {
@@ -71,24 +69,6 @@ constexpr std::array<std::string_view, 9> devices{
     throw std::system_error(error, std::generic_category(), step);
 }
 
-/// What a command prints.
-std::string outputOf(const std::string& command) {
-    struct Close {
-        void operator()(std::FILE* pipe) const { ::pclose(pipe); }
-    };
-    const std::unique_ptr<std::FILE, Close> pipe(::popen((command + " 2>/dev/null").c_str(), "re"));
-    std::string output;
-    std::array<char, 4096> buffer{};
-    while (pipe != nullptr) {
-        const auto count = std::fread(buffer.data(), 1, buffer.size(), pipe.get());
-        if (count == 0) {
-            break;
-        }
-        output.append(buffer.data(), count);
-    }
-    return output;
-}
-
 /// Everywhere that the shell would find the program.
 std::vector<fs::path> programPaths(const std::string& name) {
     std::vector<fs::path> paths;
@@ -99,29 +79,6 @@ std::vector<fs::path> programPaths(const std::string& name) {
         }
     }
     return paths;
-}
-
-/// The libraries that a program or library is linked with, the loader included.
-std::vector<fs::path> librariesOf(const fs::path& file) {
-    std::istringstream words(outputOf("ldd '" + file.string() + "'"));
-    std::vector<fs::path> libraries;
-    for (std::string word; words >> word;) {
-        if (word.starts_with('/')) {
-            libraries.emplace_back(word);
-        }
-    }
-    return libraries;
-}
-
-std::optional<fs::path> libraryPath(std::string_view name) {
-    std::istringstream lines(outputOf("ldconfig -p || /sbin/ldconfig -p"));
-    for (std::string line; std::getline(lines, line);) {
-        const auto place = line.find("=> ");
-        if (place != std::string::npos && line.find(name) != std::string::npos) {
-            return line.substr(place + 3);
-        }
-    }
-    return std::nullopt;
 }
 
 /// A folder that many tests use. The first of them fills it; the others wait for it.

@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 
 const char* const helperProgram = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
 const char* const clientProgram = TARNVALE_BIN_DIR "/service-client";
+const char* const pfctlProgram = TARNVALE_BIN_DIR "/pfctl";
 
 namespace {
 
@@ -76,7 +77,7 @@ ServiceLab::ServiceLab() : client(signedClient(applicationIdentifier, developmen
         "eve:x:503:20::/:/bin/sh\n");
     put("/etc/group", "root:x:0:\nstaff:x:20:\nadmin:x:80:ada\n");
     setConsoleUser(std::nullopt);
-    fs::copy_file(TARNVALE_BIN_DIR "/pfctl", "/sbin/pfctl", fs::copy_options::overwrite_existing);
+    fs::copy_file(pfctlProgram, "/sbin/pfctl", fs::copy_options::overwrite_existing);
 }
 
 void ServiceLab::trust(const std::vector<const Chain*>& chains) {

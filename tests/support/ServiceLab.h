@@ -24,6 +24,7 @@ namespace tarnvale::test {
 /// The programs as they were built.
 extern const char* const helperProgram;
 extern const char* const clientProgram;
+extern const char* const pfctlProgram;
 
 inline constexpr const char* servicePath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 inline constexpr const char* rootsPath = "/etc/tarnvale/code-signing-roots.pem";

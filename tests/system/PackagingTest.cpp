@@ -30,7 +30,6 @@ using testing::Pair;
 using testing::UnorderedElementsAre;
 
 constexpr const char* analyzer = "/usr/bin/systemd-analyze";
-constexpr const char* pfctlProgram = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* packaging = TARNVALE_SOURCE_DIR "/packaging/linux/";
 constexpr const char* installedHelper = "/usr/libexec/tarnvale/TarnvaleAdminHelper";
 constexpr const char* socketUnit = "tarnvale-adminhelper.socket";

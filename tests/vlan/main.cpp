@@ -1,18 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
 // Runs the tests of this program on a kernel that has 802.1Q, whatever kernel the machine has: it
-// boots user-mode Linux in its private root, with the private root's files, and with this program
-// again as that kernel's first process.
+// boots user-mode Linux in a private root or, where that doesn't run, Debian's kernel in qemu, with
+// this program again as that kernel's first process.
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -25,39 +21,22 @@
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/vlan/Kernels.h"
 
 namespace tarnvale::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kernelProgram = "/usr/bin/linux.uml";
-
-/// A sanitized program needs terabytes of address space; user-mode Linux has half of one.
-constexpr bool isSanitized = !std::string_view(TARNVALE_SANITIZE).empty();
-
-/// Tells the first process from the program that boots the kernel.
-constexpr const char* asFirstProcess = "--as-first-process";
-
-/// What the first process leaves in the private root: its tests' output and their exit status.
-constexpr const char* reportFile = "/run/vlan-kernel-report";
-constexpr const char* statusFile = "/run/vlan-kernel-status";
-
-/// The modules of 802.1Q, each after those that it needs, and of interfaces to carry VLANs.
-constexpr std::array modules = {
-    "net/llc/llc.ko",
-    "net/802/stp.ko",
-    "net/802/garp.ko",
-    "net/802/mrp.ko",
-    "net/8021q/8021q.ko",
-    "drivers/net/dummy.ko",
-};
+/// The last line of a report; the tests' exit status follows.
+constexpr std::string_view endOfReport = "first process: the tests end with status ";
 
 void require(bool done, const std::string& step) {
     if (!done) {
@@ -67,11 +46,17 @@ void require(bool done, const std::string& step) {
 
 // The first process.
 
-void loadModules() {
+std::string moduleFolder() {
     utsname kernel{};
     require(::uname(&kernel) == 0, "uname");
-    const std::string folder = std::string("/usr/lib/uml/modules/") + kernel.release + "/kernel/";
-    for (const char* module : modules) {
+    const std::string folder = std::string("/lib/modules/") + kernel.release;
+    const std::string userModeFolder = std::string("/usr/lib/uml/modules/") + kernel.release;
+    return (fs::exists(folder) ? folder : userModeFolder) + "/kernel/";
+}
+
+void loadModules() {
+    const std::string folder = moduleFolder();
+    for (const char* module : kernelModules) {
         const support::UniqueFd file(::open((folder + module).c_str(), O_RDONLY | O_CLOEXEC));
         require(static_cast<bool>(file), folder + module);
         require(::syscall(SYS_finit_module, file.get(), "", 0) == 0, module);
@@ -92,11 +77,15 @@ int runTests() {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-[[noreturn]] void beFirstProcess() {
+[[noreturn]] void beFirstProcess(const char* reportFile) {
+    if (!fs::exists("/dev/null")) {  // qemu's guest starts without devices
+        ::mount("dev", "/dev", "devtmpfs", 0, nullptr);
+    }
     const int report =
-        ::open(reportFile, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+        ::open(reportFile, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
     ::dup2(report, STDOUT_FILENO);
     ::dup2(report, STDERR_FILENO);
+    testing::GTEST_FLAG(color) = "no";
     int status = 1;
     try {
         require(::mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount /proc");
@@ -104,84 +93,97 @@ int runTests() {
         loadModules();
         status = runTests();
     } catch (const std::exception& error) {
-        std::cout << "first process: " << error.what() << '\n' << std::flush;
+        std::cout << "first process: " << error.what() << '\n';
     }
-    std::ofstream(statusFile) << status << '\n';
+    std::cout << endOfReport << status << '\n' << std::flush;
+    ::tcdrain(report);
     ::sync();
     ::reboot(RB_POWER_OFF);
     ::_exit(status);
 }
 
-// The program that boots the kernel.
+// The programs that boot a kernel.
 
 int skip(const std::string& reason) {
     printSkipReason(reason);
     return skippedStatus;
 }
 
-std::string contentOf(const char* path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
+/// Prints what the first process reported, and returns the status that it ends with.
+int print(const Boot& boot) {
+    const auto end = boot.report.rfind(endOfReport);
+    std::cout << boot.report.substr(0, end);
+    if (end == std::string::npos) {
+        std::cout << "The kernel ended before the tests:\n" << boot.console;
+        return 1;
+    }
+    return std::stoi(boot.report.substr(end + endOfReport.size()));
+}
+
+/// The line that says why a kernel didn't run: the last one, or the last before its panic.
+std::string reasonIn(std::string_view console) {
+    console = console.substr(0, console.find("Kernel panic"));
+    console = console.substr(0, console.find_last_not_of("\r\n ") + 1);
+    return std::string(console.substr(console.find_last_of('\n') + 1));
+}
+
+/// Boots user-mode Linux. Prints the tests' output and returns their status; where it doesn't run,
+/// prints why and returns `skippedStatus`.
+int beUserModeLinux(const std::string& program, const std::vector<std::string>& arguments) {
+    if (const auto refusal = enterPrivateRoot()) {
+        std::cout << *refusal;
+        return skippedStatus;
+    }
+    if (const auto lack = lackOf(Ability::trees)) {
+        std::cout << *lack;
+        return skippedStatus;
+    }
+    const Boot boot = bootUserModeLinux(program, arguments);
+    if (!boot.report.empty()) {
+        return print(boot);
+    }
+    std::cout << reasonIn(boot.console);
+    return skippedStatus;
 }
 
 int bootAndReport(const std::string& program, const std::vector<std::string>& arguments) {
-    std::vector<std::string> command = {
-        kernelProgram,
-        "mem=256M",
-        "rootfstype=hostfs",
-        "rw",
-        "init=" + program,
-        "con=null",
-        "con0=null,fd:1",
-        "quiet",
-        "--",
-        asFirstProcess};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    // The kernel's memory is a file there.
-    require(::setenv("TMPDIR", "/tmp", 1) == 0, "setenv");
-    const auto kernel = run(command);
-
-    if (!fs::exists(reportFile)) {
-        return skip(
-            "user-mode-linux cannot run this program here:\n" + kernel.output + kernel.error);
+    // A process of its own enters the private root: there is no way back, and qemu needs none.
+    const auto userMode = run(endingWithUs(with({program, asUserModeLinux}, arguments)));
+    if (userMode.status != skippedStatus) {
+        std::cout << userMode.output << userMode.error;
+        return userMode.status;
     }
-    std::cout << contentOf(reportFile);
-    int status = 1;
-    if (!(std::ifstream(statusFile) >> status)) {
-        std::cout << "The kernel ended before the tests:\n" << kernel.output << kernel.error;
+    const Boot boot = bootQemu(program, arguments);
+    if (!boot.report.empty()) {
+        return print(boot);
     }
-    return status;
-}
-
-int bootAndReportFromAPrivateRoot(
-    const std::string& program, const std::vector<std::string>& arguments) {
-    if (isSanitized) {
-        return skip("a sanitizer's shadow memory does not fit into user-mode Linux");
-    }
-    if (!fs::exists(kernelProgram)) {
-        return skip("user-mode-linux is not installed");
-    }
-    if (const auto refusal = enterPrivateRoot()) {
-        return skip(*refusal);
-    }
-    return bootAndReport(program, arguments);
+    return skip(
+        "no kernel with 802.1Q runs here: user-mode Linux: " + userMode.output +
+        "; qemu: " + reasonIn(boot.console));
 }
 
 }  // namespace
 }  // namespace tarnvale::test
 
 int main(int argc, char** argv) {
+    namespace test = tarnvale::test;
     try {
         // As it was called: in a chroot, what /proc/self/exe says need not be a path.
         const std::string program = std::filesystem::absolute(argv[0]);
-        const std::vector<std::string> arguments(argv + 1, argv + argc);
+        std::vector<std::string> arguments(argv + 1, argv + argc);
         testing::InitGoogleTest(&argc, argv);
-        if (argc > 1 && std::string_view(argv[1]) == tarnvale::test::asFirstProcess) {
-            tarnvale::test::beFirstProcess();
+        const std::string_view role = argc > 1 ? argv[1] : "";
+        if (testing::GTEST_FLAG(list_tests)) {
+            return RUN_ALL_TESTS();
         }
-        return testing::GTEST_FLAG(list_tests)
-                   ? RUN_ALL_TESTS()
-                   : tarnvale::test::bootAndReportFromAPrivateRoot(program, arguments);
+        if (role == test::asFirstProcess && argc > 2) {
+            test::beFirstProcess(argv[2]);
+        }
+        if (role == test::asUserModeLinux) {
+            arguments.erase(arguments.begin());
+            return test::beUserModeLinux(program, arguments);
+        }
+        return test::bootAndReport(program, arguments);
     } catch (const std::exception& error) {
         std::cerr << "vlan_kernel_test: " << error.what() << '\n';
         return 1;

@@ -21,6 +21,7 @@
 #include "pfctl/kernel/Conntrack.h"
 #include "pfctl/kernel/Dispatch.h"
 #include "pfctl/kernel/MarkBits.h"
+#include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/RunState.h"
 #include "pfctl/language/Listing.h"
@@ -257,18 +258,32 @@ int perform(const Arguments& arguments) {
     return EXIT_FAILURE;
 }
 
+/// What the failure of a command comes from, as far as it can be said better than the kernel does.
+PfctlError explained(const std::system_error& error) {
+    // To a process that may not change the packet filter, say what pf's own tool says.
+    if (error.code() == std::errc::operation_not_permitted ||
+        error.code() == std::errc::permission_denied) {
+        return {"/dev/pf", EACCES};
+    }
+    if (error.code() == std::errc::invalid_argument) {
+        netlink::Socket socket(NETLINK_NETFILTER);
+        if (const auto module = missingModule(socket)) {
+            const std::string name(*module);
+            return PfctlError(
+                "this kernel has no " + name + " (if it has the module: modprobe " + name +
+                ", outside of any container)");
+        }
+    }
+    return PfctlError(error.what());
+}
+
 }  // namespace
 
 int run(const Arguments& arguments) {
     try {
         return perform(arguments);
     } catch (const std::system_error& error) {
-        // To a process that may not change the packet filter, say what pf's own tool says.
-        if (error.code() == std::errc::operation_not_permitted ||
-            error.code() == std::errc::permission_denied) {
-            throw PfctlError("/dev/pf", EACCES);
-        }
-        throw PfctlError(error.what());
+        throw explained(error);
     }
 }
 

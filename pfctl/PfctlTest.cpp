@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,26 +13,34 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
+#include <linux/seccomp.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "netlink/Socket.h"
+#include "pfctl/Commands.h"
 #include "pfctl/kernel/Conntrack.h"
 #include "pfctl/kernel/MarkBits.h"
 #include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/RunState.h"
 #include "pfctl/language/Arguments.h"
+#include "pfctl/language/PfctlError.h"
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
@@ -543,6 +552,37 @@ TEST_F(PfctlTest, RefusesRootWithoutTheRight) {
 
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.error, "pfctl: /dev/pf: Permission denied\n");
+}
+
+/// Has the kernel refuse whatever this thread sends to it, as one without netfilter does.
+bool refuseMessages() {
+    std::array filter{
+        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sendmsg, 0, 1),
+        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog installed{.len = filter.size(), .filter = filter.data()};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &installed) == 0;
+}
+
+TEST_F(PfctlTest, SaysThatTheKernelHasNoPacketFilter) {
+    std::string problem;
+    std::thread([&problem] {
+        EXPECT_TRUE(refuseMessages());
+        try {
+            run(parseArguments(std::vector<std::string_view>{"-a", anchor, "-v", "-sr"}));
+        } catch (const PfctlError& error) {
+            problem = error.what();
+        }
+    }).join();
+
+    EXPECT_EQ(
+        problem,
+        "this kernel has no nf_tables (if it has the module: modprobe nf_tables, outside of any "
+        "container)");
+    netlink::Socket socket(NETLINK_NETFILTER);
+    EXPECT_EQ(missingModule(socket), std::nullopt);
 }
 
 }  // namespace

@@ -2,9 +2,13 @@
 
 #include "pfctl/kernel/Netfilter.h"
 
+#include <system_error>
+
 #include <arpa/inet.h>
 #include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
@@ -22,6 +26,16 @@ void putBatchEnd(netlink::MessageWriter& messages, std::uint16_t type) {
     const nfgenmsg header{
         .nfgen_family = AF_UNSPEC, .version = NFNETLINK_V0, .res_id = htons(NFNL_SUBSYS_NFTABLES)};
     messages.begin(type, 0, header);
+}
+
+/// Whether the kernel understands the request.
+bool understands(netlink::Socket& socket, const netlink::MessageWriter& request) {
+    try {
+        socket.get(request, [](const netlink::Message&) {});
+    } catch (const std::system_error& error) {
+        return error.code() != std::errc::invalid_argument;
+    }
+    return true;
 }
 
 }  // namespace
@@ -48,6 +62,20 @@ std::uint8_t familyOf(const netlink::Message& message) {
 
 netlink::Bytes attributesOf(const netlink::Message& message) {
     return message.attributes<nfgenmsg>();
+}
+
+std::optional<std::string_view> missingModule(netlink::Socket& socket) {
+    netlink::MessageWriter generation;
+    beginNftables(generation, NFT_MSG_GETGEN);
+    if (!understands(socket, generation)) {
+        return "nf_tables";
+    }
+    netlink::MessageWriter statistics;
+    beginConntrack(statistics, IPCTNL_MSG_CT_GET_STATS);
+    if (!understands(socket, statistics)) {
+        return "nf_conntrack_netlink";
+    }
+    return std::nullopt;
 }
 
 }  // namespace tarnvale::pfctl

@@ -6,8 +6,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
 #include "netlink/Messages.h"
+#include "netlink/Socket.h"
 
 namespace tarnvale::pfctl {
 
@@ -23,5 +26,9 @@ void endBatch(netlink::MessageWriter& messages);
 std::uint8_t familyOf(const netlink::Message& message);
 
 netlink::Bytes attributesOf(const netlink::Message& message);
+
+/// The kernel module of one of the two parts that this kernel doesn't have; nothing where it has
+/// both. To a request for a part that isn't there, the kernel only says "Invalid argument".
+std::optional<std::string_view> missingModule(netlink::Socket& socket);
 
 }  // namespace tarnvale::pfctl

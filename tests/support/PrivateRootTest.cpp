@@ -175,14 +175,17 @@ TEST(SandboxTest, LeavesInterruptsToItsCommand) {
 TEST(SandboxTest, OpensAShellThatSaysWhereItIs) {
     TARNVALE_NEEDS(mounts);
 
-    // The shell needs a terminal to show a prompt on.
-    const Finished shown =
-        run({"/usr/bin/script", "-qec", sandboxProgram, "/dev/null"},
-            "echo \"inside: $TARNVALE_SANDBOX\"\nexit 3\n");
+    // A shell at a terminal, which does this before it shows its prompt.
+    const Finished shown = run(
+        {"/usr/bin/env",
+         "PROMPT_COMMAND=echo \"prompt: $PS1 inside: $TARNVALE_SANDBOX\"; exit 3",
+         "script",
+         "-qec",
+         "'" TARNVALE_BIN_DIR "/sandbox'",
+         "/dev/null"});
 
     EXPECT_EQ(shown.status, 3) << shown.error;
-    EXPECT_THAT(shown.output, HasSubstr("[sandbox] "));
-    EXPECT_THAT(shown.output, HasSubstr("inside: yes\r\n"));
+    EXPECT_THAT(shown.output, HasSubstr("prompt: [sandbox] \\w\\$  inside: yes\r\n"));
 }
 
 }  // namespace

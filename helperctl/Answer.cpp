@@ -47,6 +47,9 @@ void printText(const Answer& answer, std::ostream& output, std::ostream& errors)
         }
     }
     printProblems(answer, output);
+    if (answer.hint) {
+        output << '\n' << *answer.hint << '\n';
+    }
     if (answer.ruleset) {
         printHeading("Ruleset", output);
         output << *answer.ruleset;

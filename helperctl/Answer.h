@@ -59,6 +59,7 @@ struct Answer {
     std::optional<std::vector<RefusedNetwork>> refused;
     std::optional<std::vector<SkippedRules>> skippedRules;
     std::optional<std::vector<std::string>> droppedClaims;
+    std::optional<std::string> hint;
     std::optional<std::string> ruleset;
     std::optional<std::string> error;
 
@@ -108,6 +109,7 @@ constexpr auto jsonMembers(std::type_identity<Answer> /*type*/) {
         support::JsonMember{"refused", &Answer::refused},
         support::JsonMember{"skippedRules", &Answer::skippedRules},
         support::JsonMember{"droppedClaims", &Answer::droppedClaims},
+        support::JsonMember{"hint", &Answer::hint},
         support::JsonMember{"ruleset", &Answer::ruleset},
         support::JsonMember{"error", &Answer::error}};
 }

@@ -9,6 +9,7 @@
 
 #include "helperctl/PolicyFile.h"
 #include "helperctl/Preview.h"
+#include "helperctl/StoredNetworks.h"
 #include "platform/HostAddresses.h"
 
 namespace tarnvale::helperctl {
@@ -41,13 +42,22 @@ Outcome apply(const std::string& file, const Connect& connect) {
     return withResult(&Answer::summary, connect()->applyFirewallWithPolicyData(policyData));
 }
 
+/// The helper's report, and what is missing in it.
+Outcome status(const Connect& connect) {
+    auto outcome = withResult(&Answer::report, connect()->firewallReport());
+    if (outcome.status == done) {
+        explainWhatIsMissing(outcome.answer, NetworkFirewall::hostAddresses());
+    }
+    return outcome;
+}
+
 Outcome perform(const Arguments& arguments, const Connect& connect) {
     switch (arguments.command) {
         case Command::version:
             return withResult(
                 &Answer::version, {.result = connect()->helperVersion(), .error = {}});
         case Command::status:
-            return withResult(&Answer::report, connect()->firewallReport());
+            return status(connect);
         case Command::preview:
             return preview(
                 readPolicyFile(arguments.file), NetworkFirewall::hostAddresses(), ::geteuid());

@@ -16,7 +16,8 @@ SYNOPSIS
 
 COMMANDS
   version                      print the version of the helper that runs
-  status                       print what the packet filter enforces
+  status                       print what the packet filter enforces; for root,
+                               also which stored networks it doesn't, and why
   preview FILE                 print what applying FILE would come to
 
   apply FILE                   enforce these networks and no others of this user
@@ -58,13 +59,14 @@ JSON
   summary        apply, preview: what is enforced of this user's networks
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
-  refused        preview: networks that would not be enforced, each with
+  refused        preview, status: networks that are not enforced, each with
                  networkID, name and problem
-  skippedRules   preview: networks some of whose rules would be left out, each
-                 with networkID, name and rules; a rule has its number, counted
-                 from 1, and problem
-  droppedClaims  preview: for each network that would be left out because an
-                 earlier one has its subnet, a sentence
+  skippedRules   preview, status: networks some of whose rules are left out,
+                 each with networkID, name and rules; a rule has its number,
+                 counted from 1, and problem
+  droppedClaims  preview, status: for each network that is left out because
+                 another one has its subnet, a sentence
+  hint           status: what else there is to know
 
 EXIT STATUS
   0  done

@@ -35,8 +35,8 @@ support::Mutex& firewallLock() {
 }
 
 const std::string& storePath() {
-    static const auto& path =
-        *new std::string(std::string(appSupportDirectory) + "/firewall-policies.json");
+    static const auto& path = *new std::string(
+        std::string(appSupportDirectory) + "/" + std::string(NetworkFirewall::storeFileName));
     return path;
 }
 

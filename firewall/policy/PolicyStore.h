@@ -22,6 +22,9 @@ namespace tarnvale::NetworkFirewall {
 /// Owns the networks that were stored before the store was kept per user.
 inline constexpr std::string_view legacyOwner = "legacy";
 
+/// The file that holds the store, in the support folder.
+inline constexpr std::string_view storeFileName = "firewall-policies.json";
+
 struct Entry {
     std::vector<FirewallNetworkPolicy> policies;  ///< in the order in which they were stored
     support::ReferenceDate appliedAt;             ///< when this owner's list was last applied

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/Service.h"
@@ -26,6 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::Contains;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -178,6 +180,39 @@ TEST_F(HelperctlTest, SaysWhichNetworksAreRefused) {
         StartsWith(
             "None of your networks has an enabled firewall.\n\nNot enforced:\n• Lab: " + problem +
             "\n\nRuleset:\n# Tarnvale network firewall — generated "));
+}
+
+/// Has a network in the store that the review refuses, with a claim that another one supersedes.
+void storeWhatIsRefused() {
+    const NetworkText network{.subnetCIDR = "10.0.0.0/24"};
+    put(storePath,
+        storeText(
+            {{.key = "501", .networks = {network}},
+             {.key = "502", .networks = {network}, .appliedAt = "763636012"}}));
+    fs::permissions(storePath, fs::perms(0600));
+}
+
+TEST_F(HelperctlTest, SaysWhyStoredNetworksAreNotEnforced) {
+    storeWhatIsRefused();
+    const Service service;
+
+    const auto status = ctl({"status"});
+    EXPECT_EQ(status.status, 0) << status.error;
+    EXPECT_THAT(
+        status.output,
+        HasSubstr(
+            "\n\nNot enforced:\n• Lab: the subnet \"10.0.0.0/24\" isn't one macOS gives a virtual "
+            "network (a /24 such as 192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be "
+            "keyed on it.\n\nLeft out:\n• "));
+    EXPECT_THAT(
+        ctl({"status", "--format", "json"}).output,
+        HasSubstr(R"(,"refused":[{"name":"Lab","networkID":"00000000-0000-0000-0000-000000000064",)"
+                  R"("problem":"the subnet \"10.0.0.0\/24\" isn't)"));
+
+    put(storePath, "{");
+    EXPECT_THAT(
+        ctl({"status"}).output,
+        EndsWith("\n\nWhat is stored in \"" + std::string(storePath) + "\" can't be read.\n"));
 }
 
 TEST_F(HelperctlTest, PreviewsTheRulesetThatAnApplyLoads) {
@@ -354,6 +389,19 @@ TEST_F(HelperctlUsersTest, LetsEverybodyLook) {
     EXPECT_THAT(
         ctlAs(secondUser, {"preview", "/tmp/lab.json"}).output,
         StartsWith("Enforcing 1 network: Lab\n"));
+}
+
+TEST_F(HelperctlUsersTest, SaysWhoIsToldWhyNothingIsEnforced) {
+    TARNVALE_NEEDS(interfaces);
+    const std::string hint =
+        "(anchor is empty — nothing enforced)\n\nNetworks are stored all the same. To root, this "
+        "command says why they are not enforced.\n";
+    const Service service;
+    EXPECT_THAT(ctlAs(secondUser, {"status"}).output, Not(HasSubstr("stored")));
+
+    storeWhatIsRefused();
+    EXPECT_THAT(ctlAs(secondUser, {"status"}).output, EndsWith(hint));
+    EXPECT_THAT(ctl({"--user", "ada", "status"}).output, EndsWith(hint));
 }
 
 TEST_F(HelperctlUsersTest, ActsForTheUserThatRootNames) {

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/StoredNetworks.h"
+
+#include <string>
+#include <utility>
+
+#include <unistd.h>
+
+#include "core/base/AppSupport.h"
+#include "firewall/policy/PolicyStore.h"
+#include "firewall/policy/Review.h"
+#include "helperctl/Findings.h"
+#include "support/Files.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+/// How a report ends while nothing is enforced.
+constexpr const char* emptyAnchor = "(anchor is empty — nothing enforced)";
+
+}  // namespace
+
+void explainWhatIsMissing(Answer& answer, std::span<const NetworkFirewall::HostAddress> hosts) {
+    const auto path =
+        std::string(appSupportDirectory) + "/" + std::string(NetworkFirewall::storeFileName);
+    const auto data = support::readFile(path);
+    if (!data) {
+        if (::access(path.c_str(), F_OK) == 0 && answer.report &&
+            answer.report->ends_with(emptyAnchor)) {
+            answer.hint =
+                "Networks are stored all the same. To root, this command says why they are not "
+                "enforced.";
+        }
+        return;
+    }
+    auto store = NetworkFirewall::decodeStore(*data);
+    if (!store) {
+        answer.hint = "What is stored in \"" + path + "\" can't be read.";
+        return;
+    }
+    auto merged = NetworkFirewall::mergedPolicies(*std::move(store));
+    const auto all = NetworkFirewall::review(std::move(merged.policies), hosts);
+    if (!all.refused.empty()) {
+        answer.refused = refusedNetworks(all.refused);
+    }
+    if (!all.skippedRules.empty()) {
+        answer.skippedRules = skippedRules(all.skippedRules);
+    }
+    if (!merged.dropped.empty()) {
+        answer.droppedClaims = droppedClaims(merged.dropped);
+    }
+}
+
+}  // namespace tarnvale::helperctl

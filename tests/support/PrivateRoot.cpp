@@ -5,6 +5,8 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -13,9 +15,11 @@
 #include <string_view>
 #include <system_error>
 
+#include <linux/capability.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -155,6 +159,26 @@ UniqueFd receiveDescriptor(int socket) {
     return UniqueFd(*reinterpret_cast<const int*>(CMSG_DATA(CMSG_FIRSTHDR(&message))));
 }
 
+/// Gives up the right to the network for good, since the network here is the container's.
+void leaveTheNetworkAlone() {
+    constexpr auto word = std::size_t{CAP_NET_ADMIN / 32};
+    constexpr auto bit = std::uint32_t{1} << (CAP_NET_ADMIN % 32U);
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    std::array<__user_cap_data_struct, 2> sets{};
+    bool done = ::syscall(SYS_capget, &header, sets.data()) == 0;
+    for (auto* const set :
+         {&sets[word].effective, &sets[word].permitted, &sets[word].inheritable}) {
+        *set &= ~bit;
+    }
+    if (::prctl(PR_CAPBSET_READ, CAP_NET_ADMIN, 0, 0, 0) == 1) {
+        // What root starts has every capability of the bounding set.
+        done = done && ::prctl(PR_CAPBSET_DROP, CAP_NET_ADMIN, 0, 0, 0) == 0;
+    }
+    if (!done || ::syscall(SYS_capset, &header, sets.data()) != 0) {
+        throw std::system_error(errno, std::generic_category(), "give up CAP_NET_ADMIN");
+    }
+}
+
 /// Goes on in a child that is in a root of copies; nothing when that can't be.
 std::optional<std::string> enterCopies() {
     std::unique_ptr<CopiedRoot> copies;
@@ -196,6 +220,7 @@ std::optional<std::string> enterCopies() {
         if (::chroot(folder.c_str()) != 0 || ::chdir("/") != 0) {
             return std::string("chroot: ") + std::generic_category().message(errno);
         }
+        leaveTheNetworkAlone();
         const UniqueFd listener(superviseMe());
         sendDescriptor(theirs.get(), listener.get());
         return std::nullopt;

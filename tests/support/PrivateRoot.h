@@ -20,7 +20,7 @@ enum class Ground {
     /// there and the only user there is.
     userNamespace,
     /// Root in a plain container (CAP_SYS_CHROOT): a small root of copies. Processes and network
-    /// are the container's.
+    /// are the container's, and there is no right to change the network.
     copies,
 };
 

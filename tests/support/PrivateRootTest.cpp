@@ -105,6 +105,22 @@ TEST(PrivateRootTest, IsMadeOfCopiesInAPlainContainer) {
     }
 }
 
+TEST(PrivateRootTest, HasNoRightToTheNetworkThatIsNotItsOwn) {
+    const auto changed = run({"/bin/ip", "link", "set", "lo", "up"});
+
+    EXPECT_EQ(changed.status == 0, !lackOf(Ability::interfaces)) << changed.error;
+}
+
+TEST(PrivateRootTest, OfCopiesGivesUpTheRightToTheNetwork) {
+    TARNVALE_NEEDS(mounts);
+    TARNVALE_NEEDS(owners);
+
+    const auto inside = runWith(
+        {"/usr/bin/setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"},
+        "HasNoRightToTheNetworkThatIsNotItsOwn");
+    EXPECT_THAT(inside.output, HasSubstr("[  PASSED  ] 1 test.")) << inside.error;
+}
+
 TEST(PrivateRootTest, SaysInAPlainContainerWhatItLacks) {
     TARNVALE_NEEDS(mounts);
     TARNVALE_NEEDS(owners);

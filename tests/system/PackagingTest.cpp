@@ -163,8 +163,9 @@ protected:
         }
         TARNVALE_NEEDS(mounts);
         TARNVALE_NEEDS(owners);
-        if (run({pfctlProgram, "-a", "none", "-v", "-sr"}).status != 0) {
-            GTEST_SKIP() << "the kernel has no nf_tables";
+        const auto listed = run({pfctlProgram, "-a", "none", "-v", "-sr"});
+        if (listed.status != 0) {
+            GTEST_SKIP() << listed.error.substr(0, listed.error.find('\n'));
         }
     }
 };

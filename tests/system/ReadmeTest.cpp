@@ -109,8 +109,9 @@ protected:
         }
         // Another test in this process may have been here.
         const std::string pfctl = std::string(binFolder) + "pfctl";
-        if (run({pfctl, "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"}).status != 0) {
-            GTEST_SKIP() << "the kernel has no nf_tables";
+        const auto flushed = run({pfctl, "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+        if (flushed.status != 0) {
+            GTEST_SKIP() << flushed.error.substr(0, flushed.error.find('\n'));
         }
         for (const std::string& folder : {supportFolder, "/tmp/ca"s, "/tmp/examples"s}) {
             fs::remove_all(folder);

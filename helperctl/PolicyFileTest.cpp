@@ -96,9 +96,10 @@ TEST(PolicyFileTest, NamesTheFileThatCantBeRead) {
         {"", "Could not read \"\": No such file or directory."},
         {"/tmp", "Could not read \"/tmp\": Is a directory."},
         {"/tmp/\xFFx", "Could not read \"/tmp/\uFFFDx\": No such file or directory."}};
-    for (const auto& [file, problem] : cases) {
+    for (const Case& unreadable : cases) {
         EXPECT_THAT(
-            [file = file] { readPolicyFile(file); }, ThrowsMessage<std::runtime_error>(problem));
+            [&] { readPolicyFile(unreadable.path); },
+            ThrowsMessage<std::runtime_error>(unreadable.problem));
     }
 }
 

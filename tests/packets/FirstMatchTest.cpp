@@ -111,21 +111,19 @@ constexpr std::array<std::pair<Host, Host>, 22> pairs{{
 std::vector<Exchange> randomExchanges(Dice& dice, NetworkLab& lab) {
     std::vector<Exchange> exchanges;
     for (const auto& [from, to] : pairs) {
-        const auto add = [&, &from = from, &to = to](Protocol protocol) {
+        std::vector<Protocol> protocols{
+            Protocol::tcp, Protocol::tcp, Protocol::tcp, Protocol::udp, Protocol::udp};
+        // A host's echo to itself is one flow in both directions for pf, two for Linux.
+        if (from.address != to.address) {
+            protocols.push_back(Protocol::ping);
+        }
+        for (const Protocol protocol : protocols) {
             exchanges.push_back(
                 {.protocol = protocol,
                  .from = from,
                  .to = to,
                  .port = dice.oneOf(askedPorts),
                  .fromPort = lab.unusedPort()});
-        };
-        for (const Protocol protocol :
-             {Protocol::tcp, Protocol::tcp, Protocol::tcp, Protocol::udp, Protocol::udp}) {
-            add(protocol);
-        }
-        // A host's echo to itself is one flow in both directions for pf, two for Linux.
-        if (from.address != to.address) {
-            add(Protocol::ping);
         }
     }
     return exchanges;

@@ -221,14 +221,27 @@ TEST(DemoTest, EndsAtAnInterruptAndLeavesNothing) {
     const auto processesBefore = processes();
     const auto mountsBefore = contentOf("/proc/self/mountinfo");
 
-    for (const auto moment : {0ms, 10ms, 50ms, 200ms, 1000ms}) {
+    struct Moment {
+        std::chrono::milliseconds after;
+        const char* shown;  ///< what the demo has printed by then
+    };
+    for (const auto& [after, shown] :
+         {Moment{0ms, ""},
+          Moment{10ms, ""},
+          Moment{50ms, ""},
+          Moment{0ms, "Whom the helper serves"},
+          Moment{0ms, "Every connection was tried"}}) {
+        SCOPED_TRACE(std::to_string(after.count()) + " ms " + shown);
         Program demo({"/usr/bin/setsid", TARNVALE_BIN_DIR "/tarnvale-demo"});
-        std::this_thread::sleep_for(moment);
+        std::this_thread::sleep_for(after);
+        while (demo.output().find(shown) == std::string::npos && demo.running()) {
+            std::this_thread::yield();
+        }
         while (::kill(-demo.pid(), SIGINT) != 0 && demo.running()) {
             std::this_thread::yield();  // until it leads a group, as a shell's job does
         }
 
-        EXPECT_TRUE(demo.endsWithin(1s)) << moment.count();
+        EXPECT_TRUE(demo.endsWithin(1s));
         const Finished ended = demo.finish();
         if (ended.error.starts_with("demo: no private root")) {
             GTEST_SKIP() << ended.error;

@@ -202,7 +202,7 @@ TEST(SandboxTest, OpensAShellThatSaysWhereItIs) {
          "PROMPT_COMMAND=echo \"prompt: $PS1 inside: $TARNVALE_SANDBOX\"; exit 3",
          "script",
          "-qec",
-         "'" TARNVALE_BIN_DIR "/sandbox'",
+         "'" + std::string(sandboxProgram) + "'",
          "/dev/null"});
 
     EXPECT_EQ(shown.status, 3) << shown.error;

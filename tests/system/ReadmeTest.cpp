@@ -38,7 +38,7 @@ constexpr const char* sourceFolder = TARNVALE_SOURCE_DIR "/";
 
 /// Where the walk begins: what it uses has the README's names there, wherever sources and build
 /// are.
-const fs::path walkFolder = "/tmp/walk";
+constexpr const char* walkFolder = "/tmp/walk";
 
 /// The indented blocks of the README's walk: how the sandbox is entered, and what is pasted there.
 /// Empty when the README has no such walk.
@@ -86,12 +86,12 @@ void endHelper() {
     }
 }
 
-const std::string turnedAway =
+constexpr const char* turnedAway =
     "The helper closed the connection: it doesn't admit this program, or has too many "
     "connections already.\n";
 
 /// What the walk prints, by its best known lines.
-auto IsTheWalks() {
+auto isTheWalks() {
     return AllOf(
         HasSubstr(helperVersion() + "\nEnforcing 1 network: Lab\n\nRuleset:\n"),
         HasSubstr("\nEnforcing 1 network: Lab\n== pf status ==\nStatus: Enabled"),
@@ -127,10 +127,10 @@ protected:
 };
 
 void layOutTheWalk() {
-    fs::create_directories(walkFolder / "build");
-    fs::create_directory_symlink(binFolder, walkFolder / "build/bin");
+    fs::create_directories(fs::path(walkFolder) / "build");
+    fs::create_directory_symlink(binFolder, fs::path(walkFolder) / "build/bin");
     for (const char* name : {"scripts", "examples"}) {
-        fs::create_directory_symlink(std::string(sourceFolder) + name, walkFolder / name);
+        fs::create_directory_symlink(std::string(sourceFolder) + name, fs::path(walkFolder) / name);
     }
 }
 
@@ -182,9 +182,9 @@ TEST_F(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
 
     EXPECT_EQ(
         walked.error,
-        turnedAway +
+        std::string(turnedAway) +
             "Only an administrator of this Mac can make this change through Tarnvale's helper.\n");
-    EXPECT_THAT(walked.output, IsTheWalks());
+    EXPECT_THAT(walked.output, isTheWalks());
 }
 
 TEST_F(ReadmeTest, AnOrdinaryUserCanWalkToo) {
@@ -208,8 +208,10 @@ TEST_F(ReadmeTest, AnOrdinaryUserCanWalkToo) {
         GTEST_SKIP() << walked.error;
     }
 
-    EXPECT_EQ(walked.error, turnedAway + "Could not act as \"nobody\": Operation not permitted.\n");
-    EXPECT_THAT(walked.output, IsTheWalks());
+    EXPECT_EQ(
+        walked.error,
+        std::string(turnedAway) + "Could not act as \"nobody\": Operation not permitted.\n");
+    EXPECT_THAT(walked.output, isTheWalks());
 }
 
 TEST(ReadmeAloneTest, PastedWhereTheSandboxCantBeEnteredTheWalkChangesNothing) {
@@ -217,12 +219,12 @@ TEST(ReadmeAloneTest, PastedWhereTheSandboxCantBeEnteredTheWalkChangesNothing) {
 
     layOutTheWalk();
     for (const char* folder : {"scripts", "build/bin"}) {
-        fs::remove(walkFolder / folder);
+        fs::remove(fs::path(walkFolder) / folder);
     }
     const std::string script = "#!/bin/sh\n";
-    put(walkFolder / "scripts/setup", script);
-    put(walkFolder / "scripts/build", script);
-    put(walkFolder / "build/bin/sandbox",
+    put(fs::path(walkFolder) / "scripts/setup", script);
+    put(fs::path(walkFolder) / "scripts/build", script);
+    put(fs::path(walkFolder) / "build/bin/sandbox",
         script + "echo 'sandbox: no private root' >&2\nexit 77\n");
     for (const auto& file : fs::recursive_directory_iterator(walkFolder)) {
         fs::permissions(file, fs::perms(0755));
@@ -230,12 +232,12 @@ TEST(ReadmeAloneTest, PastedWhereTheSandboxCantBeEnteredTheWalkChangesNothing) {
     // What the blocks run is there, so that nothing keeps them from it.
     for (const auto& file : fs::directory_iterator(binFolder)) {
         if (file.path().filename() != "sandbox" && file.is_regular_file()) {
-            fs::create_symlink(file, walkFolder / "build/bin" / file.path().filename());
+            fs::create_symlink(file, fs::path(walkFolder) / "build/bin" / file.path().filename());
         }
     }
     for (const char* name : {"codesign", "dev-ca"}) {
         fs::create_symlink(
-            std::string(sourceFolder) + "scripts/" + name, walkFolder / "scripts" / name);
+            std::string(sourceFolder) + "scripts/" + name, fs::path(walkFolder) / "scripts" / name);
     }
     std::string walk;
     for (const auto& block : walkBlocks()) {

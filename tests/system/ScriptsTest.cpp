@@ -23,7 +23,10 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const fs::path source = TARNVALE_SOURCE_DIR;
+/// A file of the project.
+fs::path source(const std::string& name) {
+    return fs::path(TARNVALE_SOURCE_DIR) / name;
+}
 
 constexpr const char* hookPath = "/tmp/hooks/pre-commit";
 
@@ -35,7 +38,7 @@ Finished runWith(const std::string& search, const std::string& script) {
     return run({"/usr/bin/env", "PATH=" + search, "/bin/bash", script});
 }
 
-Finished installHooks(const fs::path& script = source / "scripts/install-hooks") {
+Finished installHooks(const fs::path& script = source("scripts/install-hooks")) {
     return runWith("/tmp/search:/usr/bin:/bin", script);
 }
 
@@ -66,9 +69,11 @@ TEST(InstallHooksTest, LeavesAnotherHookAlone) {
 
 TEST(SetupTest, NamesWhatItWouldInstallWhereThereIsNoApt) {
     fs::create_directories("/tmp/search");
-    fs::create_symlink("/usr/bin/uname", "/tmp/search/uname");
+    for (const std::string name : {"dirname", "readlink", "uname"}) {
+        fs::create_symlink("/usr/bin/" + name, "/tmp/search/" + name);
+    }
 
-    const auto refused = runWith("/tmp/search", source / "scripts/setup");
+    const auto refused = runWith("/tmp/search", source("scripts/setup"));
 
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(
@@ -81,10 +86,10 @@ TEST(SetupTest, NamesWhatItWouldInstallWhereThereIsNoApt) {
 }
 
 TEST(ScriptsTest, FindTheirPlaceBehindALink) {
-    fs::create_symlink(source / "scripts/install-hooks", "/tmp/install-hooks");
+    fs::create_symlink(source("scripts/install-hooks"), "/tmp/install-hooks");
     EXPECT_EQ(installHooks("/tmp/install-hooks").error, "");
 
-    const fs::path plist = source / "packaging/macos/daemon-plist";
+    const fs::path plist = source("packaging/macos/daemon-plist");
     fs::create_symlink(plist, "/tmp/daemon-plist");
     const auto printed = run({"/tmp/daemon-plist"});
     EXPECT_EQ(printed.error, "");
@@ -92,7 +97,7 @@ TEST(ScriptsTest, FindTheirPlaceBehindALink) {
 
     // The others say it in the same words.
     for (const char* folder : {"scripts", "packaging", "tests", ".ci"}) {
-        for (const auto& file : fs::recursive_directory_iterator(source / folder)) {
+        for (const auto& file : fs::recursive_directory_iterator(source(folder))) {
             const auto extension = file.path().extension();
             if (!file.is_regular_file() || extension == ".cpp" || extension == ".h") {
                 continue;
@@ -107,7 +112,7 @@ TEST(ScriptsTest, FindTheirPlaceBehindALink) {
 TEST(DocumentsTest, HaveNobodySignWhatWasBuilt) {
     // The demo and the tests need it as it is.
     for (const char* document : {"README.md", "packaging/linux/README.md"}) {
-        for (const auto line : support::split(contentOf(source / document), '\n')) {
+        for (const auto line : support::split(contentOf(source(document)), '\n')) {
             if (line.find("scripts/codesign ") != std::string_view::npos) {
                 EXPECT_EQ(line.find("build/"), std::string_view::npos) << document << ": " << line;
             }

@@ -136,8 +136,8 @@ TEST_F(DemoScriptTest, SaysWhatIsMissingBeforeItDoesAnything) {
     };
     const std::vector<Case> cases{
         {"--reuid=501",
-         "demo: it makes a sandbox with users and a network of its own, so it has to be root: sudo "
-         "scripts/demo\n"},
+         "demo: two users act in it; for these you need subordinate IDs (sudo usermod --add-subuids "
+         "100000-165535 --add-subgids 100000-165535 501), or root: sudo scripts/demo\n"},
         {"--bounding-set=-sys_admin,-sys_chroot",
          "demo: root lacks CAP_SYS_ADMIN and CAP_SYS_CHROOT here, one of which a sandbox takes; a "
          "container gets that by: docker run --privileged\n"}};

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -248,13 +249,20 @@ std::optional<std::string> enterNamespaces(bool isUserNamespace) {
     }
 }
 
-/// Whether this process, which is root, is so in a user namespace only, over a single user.
+/// How many of the machine's users this process knows: all, or those of its user namespace.
+std::uint64_t countOfUsers() {
+    std::ifstream map("/proc/self/uid_map");
+    std::uint64_t users = 0;
+    std::uint64_t inside = 0;
+    std::uint64_t outside = 0;
+    for (std::uint64_t count = 0; map >> inside >> outside >> count;) {
+        users += count;
+    }
+    return users;
+}
+
 bool isInUserNamespace() {
-    unsigned inside = 0;
-    unsigned outside = 0;
-    unsigned count = 0;
-    std::ifstream("/proc/self/uid_map") >> inside >> outside >> count;
-    return count == 1;
+    return countOfUsers() != std::numeric_limits<std::uint32_t>::max();
 }
 
 std::string groundName() {
@@ -302,8 +310,13 @@ std::optional<std::string> lackOf(Ability ability) {
         case Ground::namespaces:
             return std::nullopt;
         case Ground::userNamespace:
-            if (ability == Ability::owners || ability == Ability::usersProcesses) {
-                return "a user namespace has no other users (run it as root)";
+            if ((ability == Ability::owners || ability == Ability::usersProcesses) &&
+                countOfUsers() == 1) {
+                return "a user namespace has no other users (install uidmap and give yourself a "
+                       "range in /etc/subuid and /etc/subgid, or run it as root)";
+            }
+            if (ability == Ability::largeBuffers) {
+                return "a user namespace gets no large socket buffers (run it as root)";
             }
             return std::nullopt;
         case Ground::copies:

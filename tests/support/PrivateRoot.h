@@ -17,7 +17,7 @@ enum class Ground {
     /// view of the whole file system.
     namespaces,
     /// Any user, where user namespaces are allowed: the same, except that the caller's user is root
-    /// there and the only user there is.
+    /// there, and other users are there only if the caller has subordinate ones (/etc/subuid).
     userNamespace,
     /// Root in a plain container (CAP_SYS_CHROOT): a small root of copies. Processes and network
     /// are the container's, and there is no right to change the network.

@@ -130,13 +130,15 @@ TEST_F(DemoScriptTest, RefusesArgumentsThatItDoesNotKnow) {
 }
 
 TEST_F(DemoScriptTest, SaysWhatIsMissingBeforeItDoesAnything) {
+    TARNVALE_NEEDS(devices);
     struct Case {
         std::string circumstance;
         std::string sentence;
     };
     const std::vector<Case> cases{
         {"--reuid=501",
-         "demo: two users act in it; for these you need subordinate IDs (sudo usermod --add-subuids "
+         "demo: two users act in it; for these you need subordinate IDs (sudo usermod "
+         "--add-subuids "
          "100000-165535 --add-subgids 100000-165535 501), or root: sudo scripts/demo\n"},
         {"--bounding-set=-sys_admin,-sys_chroot",
          "demo: root lacks CAP_SYS_ADMIN and CAP_SYS_CHROOT here, one of which a sandbox takes; a "
@@ -174,7 +176,7 @@ std::vector<std::string> processes() {
 
 TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
     TARNVALE_NEEDS(mounts);
-    TARNVALE_NEEDS(owners);
+    TARNVALE_NEEDS(devices);
     if (!std::string_view(TARNVALE_SANITIZE).empty()) {
         GTEST_SKIP() << "a sanitizer has things to say that the demo doesn't know of";
     }
@@ -194,7 +196,7 @@ TEST(DemoTest, ShowsAllButThePacketsWithoutTheRightToANetwork) {
 
 TEST(DemoTest, ShowsAllButThePacketsInAPlainContainer) {
     TARNVALE_NEEDS(mounts);
-    TARNVALE_NEEDS(owners);
+    TARNVALE_NEEDS(devices);
     if (!std::string_view(TARNVALE_SANITIZE).empty()) {
         GTEST_SKIP() << "a sanitizer has things to say that the demo doesn't know of";
     }
@@ -215,7 +217,7 @@ TEST(DemoTest, ShowsAllButThePacketsInAPlainContainer) {
 
 TEST(DemoTest, EndsAtAnInterruptAndLeavesNothing) {
     TARNVALE_NEEDS(mounts);
-    TARNVALE_NEEDS(owners);
+    TARNVALE_NEEDS(devices);
     // Without its mark this private root looks like any machine, so the demo makes one of its own.
     fs::remove("/run/private-root");
     const auto processesBefore = processes();

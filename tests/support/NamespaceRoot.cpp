@@ -159,15 +159,31 @@ void mountScratch(const std::string& root) {
     }
 }
 
-/// A layer shows one file system only, and the project's tree may lie on another.
-void showSources(const std::string& root) {
+/// Mounts a layer over one folder. Whether the kernel does that here.
+bool mountLayer(const std::string& lower, const std::string& layer, const std::string& target) {
+    const std::string upper = layer + "/upper";
+    const std::string work = layer + "/work";
+    fs::create_directories(upper);
+    fs::create_directories(work);
+    const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    // Without "userxattr" a layer of a user namespace can't note that a folder which it removed
+    // came back empty; kernels before 5.11 don't know the word.
+    return ::mount("private", target.c_str(), "overlay", 0, (options + ",userxattr").c_str()) ==
+               0 ||
+           ::mount("private", target.c_str(), "overlay", 0, options.c_str()) == 0;
+}
+
+/// The layer over "/" shows one file system only, and the project's tree may lie on another.
+void showSources(const std::string& layers, const std::string& root) {
     const std::string source = TARNVALE_SOURCE_DIR;
     std::error_code unknown;
     if (fs::exists(root + source + "/CMakeLists.txt", unknown)) {
         return;
     }
     fs::create_directories(root + source);
-    bind(source, root + source);
+    if (!mountLayer(source, layers + "/sources", root + source)) {
+        bind(source, root + source);
+    }
 }
 
 /// One layer over the whole file system.
@@ -232,22 +248,13 @@ void copyFolder(const fs::path& from, const fs::path& to) {
 /// A layer over one folder at the top. One that has mounts of others below it can't have a layer in
 /// a user namespace; it is shown as it is.
 void mountFolder(const std::string& layers, const std::string& root, const std::string& name) {
-    const std::string upper = layers + "/upper/" + name;
-    const std::string work = layers + "/work/" + name;
-    require(::mkdir(upper.c_str(), 0755), upper);
-    require(::mkdir(work.c_str(), 0755), work);
+    const std::string layer = layers + "/" + name + ".layer";
     constexpr int writtenDepth = 3;  // such as /usr/local/share and /var/lib/systemd
-    takeOverFolders("/" + name, upper, writtenDepth);
-    const std::string layer = "lowerdir=/" + name + ",upperdir=" + upper + ",workdir=" + work;
-    const std::string target = root + "/" + name;
-    // Without "userxattr" a layer here can't note that a folder which it removed came back empty;
-    // kernels before 5.11 don't know the word.
-    for (const auto& options : {layer + ",userxattr", layer}) {
-        if (::mount("private", target.c_str(), "overlay", 0, options.c_str()) == 0) {
-            return;
-        }
+    fs::create_directories(layer + "/upper");
+    takeOverFolders("/" + name, layer + "/upper", writtenDepth);
+    if (!mountLayer("/" + name, layer, root + "/" + name)) {
+        bind("/" + name, root + "/" + name);
     }
-    bind("/" + name, target);
 }
 
 /// A layer for each folder at the top: in a user namespace a layer over "/" itself is refused,
@@ -323,7 +330,7 @@ void mountPrivateRoot(bool isUserNamespace) {
     }
     require(::mount("proc", (root + "/proc").c_str(), "proc", 0, nullptr), "mount /proc");
     mountScratch(root);
-    showSources(root);
+    showSources(layers, root);
 
     std::ofstream(root + groundFile) << (isUserNamespace ? "userNamespace" : "namespaces");
     becomeRoot(root);

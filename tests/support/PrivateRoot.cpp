@@ -315,6 +315,9 @@ std::optional<std::string> lackOf(Ability ability) {
                 return "a user namespace has no other users (install uidmap and give yourself a "
                        "range in /etc/subuid and /etc/subgid, or run it as root)";
             }
+            if (ability == Ability::devices) {
+                return "a user namespace may not make device files (run it as root)";
+            }
             if (ability == Ability::largeBuffers) {
                 return "a user namespace gets no large socket buffers (run it as root)";
             }
@@ -338,6 +341,7 @@ std::optional<std::string> lackOf(Ability ability) {
         case Ability::trees:
             return lack("there is no view of the whole system here");
         case Ability::owners:
+        case Ability::devices:
             break;
     }
     return std::nullopt;

@@ -32,6 +32,7 @@ enum class Ability {
     owners,          ///< files that belong to several users
     usersProcesses,  ///< processes of several users, and all of root's rights over them
     largeBuffers,    ///< socket buffers beyond the machine's limit, which large rulesets need
+    devices,         ///< device files of its own
     trees,           ///< whole installed packages, such as systemd or the tools of other languages
 };
 

@@ -87,7 +87,7 @@ const std::vector<std::string> ordinaryUser{
 
 TEST(PrivateRootTest, IsMadeOfCopiesInAPlainContainer) {
     TARNVALE_NEEDS(mounts);
-    TARNVALE_NEEDS(owners);
+    TARNVALE_NEEDS(devices);
 
     for (const char* test :
          {"LetsAProcessWriteTheTruePaths",
@@ -113,7 +113,7 @@ TEST(PrivateRootTest, HasNoRightToTheNetworkThatIsNotItsOwn) {
 
 TEST(PrivateRootTest, OfCopiesGivesUpTheRightToTheNetwork) {
     TARNVALE_NEEDS(mounts);
-    TARNVALE_NEEDS(owners);
+    TARNVALE_NEEDS(devices);
 
     const auto inside = runWith(
         {"/usr/bin/setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"},
@@ -123,7 +123,7 @@ TEST(PrivateRootTest, OfCopiesGivesUpTheRightToTheNetwork) {
 
 TEST(PrivateRootTest, SaysInAPlainContainerWhatItLacks) {
     TARNVALE_NEEDS(mounts);
-    TARNVALE_NEEDS(owners);
+    TARNVALE_NEEDS(devices);
 
     const auto inside = runWith(plainContainer, "HasProcessesOfItsOwn");
 

@@ -191,6 +191,9 @@ TEST_F(ReadmeTest, AnOrdinaryUserCanWalkToo) {
     if (!exists("/usr/bin/busctl")) {
         GTEST_SKIP() << "busctl is not installed";
     }
+    if (!exists(std::string(sourceFolder) + "build/bin/sandbox")) {
+        GTEST_SKIP() << "the release, which the walk is through, is not built";
+    }
     layOutTheWalk();
     const auto blocks = walkBlocks();
     const Finished walked = paste(

@@ -98,7 +98,8 @@ bool dropCapabilities() {
     for (const int capability : keptCapabilities) {
         kept |= std::uint64_t{1} << static_cast<unsigned>(capability);
     }
-    for (int capability = 0; ::prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0; ++capability) {
+    for (int capability = 0; capability < 64 && ::prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0;
+         ++capability) {
         if (((kept >> static_cast<unsigned>(capability)) & 1U) == 0 &&
             ::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) != 0) {
             return false;
@@ -106,10 +107,8 @@ bool dropCapabilities() {
     }
     __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     std::array<__user_cap_data_struct, 2> data{};
-    for (std::size_t word = 0; word < data.size(); ++word) {
-        data[word].permitted = static_cast<std::uint32_t>(kept >> (32 * word));
-        data[word].effective = data[word].permitted;
-    }
+    data[0].permitted = data[0].effective = static_cast<std::uint32_t>(kept);
+    data[1].permitted = data[1].effective = static_cast<std::uint32_t>(kept >> 32U);
     return ::syscall(SYS_capset, &header, data.data()) == 0;
 }
 

@@ -79,6 +79,7 @@ std::optional<Range> subordinateRange(const char* file, uid_t uid) {
 /// Runs a program and waits for it. Whether it succeeded.
 bool succeeds(std::vector<std::string> words) {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (auto& word : words) {
         pointers.push_back(word.data());
     }
@@ -263,7 +264,7 @@ void mountFolders(const std::string& layers, const std::string& root) {
     constexpr std::array<std::string_view, 5> madeApart{"proc", "run", "tmp", "etc", "root"};
     for (const auto& entry : fs::directory_iterator("/")) {
         const std::string name = entry.path().filename();
-        const std::string target = root + "/" + name;
+        const fs::path target = fs::path(root) / name;
         if (entry.is_symlink()) {
             fs::copy_symlink(entry.path(), target);
             continue;
@@ -272,7 +273,7 @@ void mountFolders(const std::string& layers, const std::string& root) {
         if (!entry.is_directory(unreadable)) {
             continue;
         }
-        require(::mkdir(target.c_str(), 0755), target);
+        require(::mkdir(target.c_str(), 0755), "make " + name);
         if (name == "dev" || name == "sys") {
             bind("/" + name, target);
         } else if (

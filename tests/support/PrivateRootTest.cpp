@@ -81,9 +81,13 @@ Finished runWith(const std::vector<std::string>& launcher, const std::string& te
     return run(words);
 }
 
-const std::vector<std::string> plainContainer{TARNVALE_BIN_DIR "/plain-container"};
-const std::vector<std::string> ordinaryUser{
-    "/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+std::vector<std::string> plainContainer() {
+    return {TARNVALE_BIN_DIR "/plain-container"};
+}
+
+std::vector<std::string> ordinaryUser() {
+    return {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+}
 
 TEST(PrivateRootTest, IsMadeOfCopiesInAPlainContainer) {
     TARNVALE_NEEDS(mounts);
@@ -94,7 +98,7 @@ TEST(PrivateRootTest, IsMadeOfCopiesInAPlainContainer) {
           "ShowsEveryProcessItself",
           "ShowsTheProject",
           "BelongsToRoot"}) {
-        const auto inside = runWith(plainContainer, test);
+        const auto inside = runWith(plainContainer(), test);
         EXPECT_EQ(inside.status, 0) << inside.output << inside.error;
         EXPECT_THAT(inside.output, HasSubstr("[  PASSED  ] 1 test.")) << inside.error;
     }
@@ -125,7 +129,7 @@ TEST(PrivateRootTest, SaysInAPlainContainerWhatItLacks) {
     TARNVALE_NEEDS(mounts);
     TARNVALE_NEEDS(devices);
 
-    const auto inside = runWith(plainContainer, "HasProcessesOfItsOwn");
+    const auto inside = runWith(plainContainer(), "HasProcessesOfItsOwn");
 
     EXPECT_THAT(
         inside.output,
@@ -145,7 +149,7 @@ TEST(PrivateRootTest, IsAUserNamespaceForAnOrdinaryUser) {
             .status != 0) {
         GTEST_SKIP() << "users may not make user namespaces here";
     }
-    auto looks = ordinaryUser;
+    auto looks = ordinaryUser();
     looks.insert(looks.end(), {"/bin/ls", TARNVALE_SOURCE_DIR});
     if (run(looks).status != 0) {
         GTEST_SKIP() << TARNVALE_SOURCE_DIR " lies in a folder that is closed to other users";
@@ -157,7 +161,7 @@ TEST(PrivateRootTest, IsAUserNamespaceForAnOrdinaryUser) {
           "ShowsEveryProcessItself",
           "ShowsTheProject",
           "BelongsToRoot"}) {
-        const auto inside = runWith(ordinaryUser, test);
+        const auto inside = runWith(ordinaryUser(), test);
         EXPECT_EQ(inside.status, 0) << inside.output << inside.error;
         EXPECT_THAT(inside.output, HasSubstr("[  PASSED  ] 1 test.")) << inside.error;
     }

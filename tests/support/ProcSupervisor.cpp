@@ -93,12 +93,14 @@ constexpr std::array pathCalls {
 /// Copies between this process and another. False when it is not ours to look into, or gone.
 bool copyFrom(pid_t process, std::uint64_t address, void* to, std::size_t size) {
     iovec local{.iov_base = to, .iov_len = size};
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): it is an address of another process
     iovec remote{.iov_base = reinterpret_cast<void*>(address), .iov_len = size};
     return ::process_vm_readv(process, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
 }
 
 bool copyTo(pid_t process, std::uint64_t address, const void* from, std::size_t size) {
     iovec local{.iov_base = const_cast<void*>(from), .iov_len = size};
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): it is an address of another process
     iovec remote{.iov_base = reinterpret_cast<void*>(address), .iov_len = size};
     return ::process_vm_writev(process, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
 }

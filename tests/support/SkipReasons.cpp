@@ -22,7 +22,7 @@ class SkipReasons final : public testing::EmptyTestEventListener {
 void printSkipReason(std::string_view reason) {
     std::string line(reason.substr(0, reason.find_last_not_of('\n') + 1));
     std::replace(line.begin(), line.end(), '\n', ' ');
-    std::cout << "skipped: " << line << std::endl;  // NOLINT(performance-avoid-endl): must be seen
+    std::cout << "skipped: " << line << '\n' << std::flush;
 }
 
 void printSkipReasons() {

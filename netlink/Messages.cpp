@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -48,6 +50,10 @@ void* MessageWriter::beginMessage(std::uint16_t type, unsigned flags, std::size_
 
 void MessageWriter::put(std::uint16_t type, const void* value, std::size_t size) {
     requireRoom(mnl_attr_put_check(message_, maxMessageSize, type, size, value));
+    // The library leaves what pads the value as it was in the buffer.
+    const std::size_t padding = MNL_ALIGN(size) - size;
+    std::memset(
+        static_cast<std::uint8_t*>(mnl_nlmsg_get_payload_tail(message_)) - padding, 0, padding);
 }
 
 void MessageWriter::put(std::uint16_t type, Bytes value) {

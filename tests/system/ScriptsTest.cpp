@@ -102,7 +102,8 @@ TEST(ScriptsTest, FindTheirPlaceBehindALink) {
             if (!file.is_regular_file() || extension == ".cpp" || extension == ".h") {
                 continue;
             }
-            for (const auto line : support::split(contentOf(file.path()), '\n')) {
+            const std::string content = contentOf(file.path());
+            for (const auto line : support::split(content, '\n')) {
                 EXPECT_EQ(line.find("dirname \"$0\""), std::string_view::npos) << file.path();
             }
         }
@@ -112,7 +113,8 @@ TEST(ScriptsTest, FindTheirPlaceBehindALink) {
 TEST(DocumentsTest, HaveNobodySignWhatWasBuilt) {
     // The demo and the tests need it as it is.
     for (const char* document : {"README.md", "packaging/linux/README.md"}) {
-        for (const auto line : support::split(contentOf(source(document)), '\n')) {
+        const std::string content = contentOf(source(document));
+        for (const auto line : support::split(content, '\n')) {
             if (line.find("scripts/codesign ") != std::string_view::npos) {
                 EXPECT_EQ(line.find("build/"), std::string_view::npos) << document << ": " << line;
             }

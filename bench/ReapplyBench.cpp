@@ -17,7 +17,6 @@
 #include <string>
 
 #include <linux/netlink.h>
-#include <unistd.h>
 
 #include "bench/PolicyDocument.h"
 #include "bench/Programs.h"
@@ -28,6 +27,7 @@
 #include "pfctl/kernel/TableWriter.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/Files.h"
+#include "tests/support/PrivateRoot.h"
 
 namespace tarnvale::bench {
 namespace {
@@ -124,7 +124,7 @@ void benchMemory() {
 }
 
 void run() {
-    if (::getpid() != 1) {
+    if (!test::isInPrivateRoot()) {
         std::fputs("run me in a sandbox: build/bin/sandbox reapply_bench\n", stderr);
         std::exit(EXIT_FAILURE);
     }

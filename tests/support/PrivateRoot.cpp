@@ -26,6 +26,7 @@
 
 #include "support/UniqueFd.h"
 #include "tests/support/Grounds.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
 namespace {
@@ -125,41 +126,6 @@ void leaveTheShadow(HeldSignals& signals) {
     }
 }
 
-/// Sends a descriptor to the other end of a socket pair, or takes the one that was sent.
-void sendDescriptor(int socket, int descriptor) {
-    char word = 0;
-    iovec content{.iov_base = &word, .iov_len = 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptor)> control{};
-    msghdr message{};
-    message.msg_iov = &content;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof descriptor);
-    *reinterpret_cast<int*>(CMSG_DATA(header)) = descriptor;
-    if (::sendmsg(socket, &message, MSG_NOSIGNAL) != 1) {
-        throw std::system_error(errno, std::generic_category(), "send the listener");
-    }
-}
-
-UniqueFd receiveDescriptor(int socket) {
-    char word = 0;
-    iovec content{.iov_base = &word, .iov_len = 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr message{};
-    message.msg_iov = &content;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    if (::recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1 || CMSG_FIRSTHDR(&message) == nullptr) {
-        return {};
-    }
-    return UniqueFd(*reinterpret_cast<const int*>(CMSG_DATA(CMSG_FIRSTHDR(&message))));
-}
-
 /// Gives up the right to the network for good, since the network here is the container's.
 void leaveTheNetworkAlone() {
     constexpr auto word = std::size_t{CAP_NET_ADMIN / 32};
@@ -223,7 +189,9 @@ std::optional<std::string> enterCopies() {
         }
         leaveTheNetworkAlone();
         const UniqueFd listener(superviseMe());
-        sendDescriptor(theirs.get(), listener.get());
+        if (!sendDescriptor(theirs.get(), "l", listener.get())) {
+            throw std::system_error(errno, std::generic_category(), "send the listener");
+        }
         return std::nullopt;
     } catch (const std::system_error& error) {
         return error.what();

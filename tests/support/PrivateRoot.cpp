@@ -37,6 +37,8 @@ constexpr std::string_view moreRights =
     "a container needs --privileged, or --cap-add SYS_ADMIN --cap-add NET_ADMIN --security-opt "
     "seccomp=unconfined --security-opt apparmor=unconfined";
 
+constexpr std::string_view asRoot = "run it as root";
+
 std::string refusal(const std::string& reason, std::string_view help) {
     return "no private root: " + reason + " (" + std::string(help) + ")";
 }
@@ -243,6 +245,11 @@ std::string groundName() {
 
 std::optional<std::string> enterPrivateRoot() {
     const bool isRoot = ::geteuid() == 0;
+    if (::access(TARNVALE_SOURCE_DIR, R_OK | X_OK) != 0) {
+        return refusal(
+            "this user may not read " TARNVALE_SOURCE_DIR,
+            "put it where every folder above it is open to this user, or run it as root");
+    }
     try {
         if (!isRoot) {
             becomeRootOfAUserNamespace();
@@ -252,11 +259,12 @@ std::optional<std::string> enterPrivateRoot() {
     }
     if (::unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID) == 0) {
         const auto reason = enterNamespaces(isInUserNamespace());
-        return reason ? std::optional(refusal(*reason, moreRights)) : std::nullopt;
+        return reason ? std::optional(refusal(*reason, isRoot ? moreRights : asRoot))
+                      : std::nullopt;
     }
     const std::string reason = "make namespaces: " + std::generic_category().message(errno);
     if (!isRoot) {
-        return refusal(reason, "run it as root");
+        return refusal(reason, asRoot);
     }
     const auto second = enterCopies();
     return second ? std::optional(refusal(reason + "; " + *second, moreRights)) : std::nullopt;

@@ -12,6 +12,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -166,6 +167,23 @@ TEST(PrivateRootTest, IsAUserNamespaceForAnOrdinaryUser) {
         EXPECT_THAT(inside.output, HasSubstr("[  PASSED  ] 1 test.")) << inside.error;
     }
     EXPECT_FALSE(fs::exists("/etc/resolver/tvx"));
+}
+
+TEST(PrivateRootTest, SaysWhichFolderAUserMayNotRead) {
+    TARNVALE_NEEDS(mounts);
+    TARNVALE_NEEDS(owners);
+    fs::copy_file(sandboxProgram, "/tmp/sandbox");
+    ASSERT_EQ(::mount("closed", TARNVALE_SOURCE_DIR, "tmpfs", 0, "mode=0700"), 0);
+
+    auto words = ordinaryUser();
+    words.insert(words.end(), {"/tmp/sandbox", "/bin/true"});
+    const auto refused = run(words);
+
+    EXPECT_EQ(refused.status, 77);
+    EXPECT_EQ(
+        refused.error,
+        "sandbox: no private root: this user may not read " TARNVALE_SOURCE_DIR
+        " (put it where every folder above it is open to this user, or run it as root)\n");
 }
 
 /// Runs the shell commands in a sandbox that leads a group, as a shell's job does, and interrupts

@@ -3,6 +3,7 @@
 // The service's life: what it does before it takes requests, how it ends, and that a client's end
 // changes nothing about a request that has begun.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -49,6 +51,18 @@ constexpr const char* applied = "Applied firewall. Enforcing 1 network for all u
 
 double seconds(Clock::duration time) {
     return std::chrono::duration<double>(time).count();
+}
+
+/// How many sockets the process has.
+std::size_t socketsOf(pid_t pid) {
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code closedMeanwhile;
+        if (fs::read_symlink(entry, closedMeanwhile).string().starts_with("socket:")) {
+            ++count;
+        }
+    }
+    return count;
 }
 
 /// Runs the work in this many processes at once, each with its own sockets, log and store. The test
@@ -212,7 +226,18 @@ protected:
         pfctl.forgetCalls();
     }
 
-    /// Waits until the apply is over: another one waits for its lock.
+    /// Waits until the service is done with all clients that have connected to it and ended.
+    void awaitNoConnections(const Service& service, std::size_t idleSockets) {
+        // Connections are accepted in turn: when this one has been, all before it have.
+        EXPECT_TRUE(ServiceClient(lab.client).connects());
+        const auto deadline = Clock::now() + 60s;
+        while (socketsOf(service.pid()) != idleSockets && Clock::now() < deadline) {
+            std::this_thread::sleep_for(1ms);
+        }
+        EXPECT_EQ(socketsOf(service.pid()), idleSockets);
+    }
+
+    /// Waits until the apply that has begun is over: another one waits for its lock.
     void awaitEndOfApply() {
         ServiceClient other(lab.client);
         other.call("ApplyFirewall", "ay", {"nonsense"});
@@ -265,10 +290,9 @@ TEST_F(ServiceClientsEndTest, ChangesNothingAboutAnApply) {
 
 TEST_F(ServiceClientsEndTest, LeavesAnApplyWholeOrUndoneAtAnyInstant) {
     const Service service;
-    int undone = 0;
-    int whole = 0;
-    // The apply takes some ten milliseconds, after the connection and the checks.
-    for (int instant = 0; instant < 40; ++instant) {
+    const std::size_t idleSockets = socketsOf(service.pid());
+    // Begins an apply and ends its client after `wait`. Whether the apply was carried out.
+    const auto applyUntil = [&](const std::function<void(ServiceClient&)>& wait) {
         forgetTraces();
         std::string rejection;
         {
@@ -276,27 +300,43 @@ TEST_F(ServiceClientsEndTest, LeavesAnApplyWholeOrUndoneAtAnyInstant) {
             rejection = "Rejected XPC client pid=" + std::to_string(client.pid()) +
                         " uid=0: not Tarnvale or its service signed by K7PD2QM4TZ.";
             client.begin("ApplyFirewall", "ay", {policyText({{64}})});
-            std::this_thread::sleep_for(instant * 1ms);
+            wait(client);
         }
-        awaitEndOfApply();
+        service.signal(SIGCONT);
+        awaitNoConnections(service, idleSockets);
 
-        auto messages = logMessages();
-        ASSERT_FALSE(messages.empty());
-        messages.pop_back();  // that of the other apply
+        const auto messages = logMessages();
         if (messages.empty() || messages.front() == rejection) {
-            ++undone;
             EXPECT_LE(messages.size(), 1U);
             EXPECT_THAT(pfctl.calls(), IsEmpty());
             EXPECT_FALSE(exists(storePath));
-        } else {
-            ++whole;
-            EXPECT_THAT(messages, ElementsAre(applied));
-            EXPECT_EQ(pfctl.calls().size(), 5U);
-            EXPECT_TRUE(exists(storePath));
+            return false;
         }
+        EXPECT_THAT(messages, ElementsAre(applied));
+        EXPECT_EQ(pfctl.calls().size(), 5U);
+        EXPECT_TRUE(exists(storePath));
+        return true;
+    };
+
+    auto duration = Clock::duration::max();
+    for (int i = 0; i < 3; ++i) {
+        const auto begun = Clock::now();
+        EXPECT_TRUE(applyUntil([&](ServiceClient& client) {
+            EXPECT_THAT(client.reply(), ElementsAre("Enforcing 1 network: Lab", "nil"));
+            duration = std::min(duration, Clock::now() - begun);
+        }));
     }
-    EXPECT_GT(undone, 0);
-    EXPECT_GT(whole, 0);
+
+    constexpr int instants = 40;
+    for (int instant = 0; instant < instants; ++instant) {
+        applyUntil([&](ServiceClient& /*client*/) {
+            std::this_thread::sleep_for(duration * instant / instants);
+        });
+    }
+
+    // A service that stands still cannot have admitted the client before its end.
+    service.signal(SIGSTOP);
+    EXPECT_FALSE(applyUntil([](ServiceClient& /*client*/) {}));
 }
 
 }  // namespace

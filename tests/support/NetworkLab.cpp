@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/netfilter/nf_tables.h>
@@ -20,6 +22,8 @@
 #include "tests/support/Program.h"
 
 namespace tarnvale::test {
+
+using namespace std::chrono_literals;
 namespace {
 
 /// Tests ask ports below this one, from ports above it.
@@ -145,6 +149,7 @@ NetworkLab::NetworkLab() {
         ::setns(namespaces_.front().get(), CLONE_NEWNET);
     }
     build();
+    awaitLinks();
 }
 
 void NetworkLab::build() {
@@ -189,6 +194,29 @@ void NetworkLab::build() {
         Machine::outside,
         configurationOfAMachine(outside.address, uplink.address) +
             "address add 10.20.0.5/32 dev lo\n");
+}
+
+/// The kernel takes a link into use some time after it was set up, and loses what is sent before.
+void NetworkLab::awaitLinks() {
+    std::vector<Question> greetings;
+    for (const auto& [from, to] :
+         {std::pair(vm1, gateway64), {vm2, gateway64}, {vm3, gateway65}, {outside, uplink}}) {
+        greetings.push_back(ask({.protocol = Protocol::ping, .from = from, .to = to}));
+    }
+    for (auto patience = 20ms; patience < 1min; patience *= 2) {
+        settle(greetings, patience);
+        bool answered = true;
+        for (Question& greeting : greetings) {
+            if (greeting.outcome() != Outcome::answered) {
+                answered = false;
+                greeting.repeat();
+            }
+        }
+        if (answered) {
+            return;
+        }
+    }
+    throw std::runtime_error("the lab's links never come into use");
 }
 
 std::uint16_t NetworkLab::unusedPort() {

@@ -119,6 +119,7 @@ private:
     class Visit;  ///< makes the thread a guest of another machine's network namespace
 
     void build();
+    void awaitLinks();
 
     std::array<support::UniqueFd, 5> namespaces_;  ///< by `Machine`
     EchoServer server_;

@@ -37,7 +37,7 @@ struct Link {
 inline constexpr std::size_t maxAliasSize = 255;
 
 /// A conversation with the kernel. Its functions throw `std::system_error` with the kernel's error
-/// number when it refuses, and with one of their own when the answer is not to be understood.
+/// number when it refuses, and with one of their own when the answer makes no sense.
 class LinkSocket {
 public:
     LinkSocket();
@@ -54,7 +54,7 @@ public:
     /// Makes a VLAN interface, which is down.
     void createVLAN(std::string_view name, int parent, std::uint16_t tag);
 
-    /// Of an alias that is too long the kernel gets the first `maxAliasSize` bytes.
+    /// The kernel gets the first `maxAliasSize` bytes of a longer alias.
     void setAlias(int index, std::string_view alias);
     void setUp(int index);
     void remove(int index);

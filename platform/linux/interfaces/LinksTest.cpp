@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The kernel's part is played by the test, which puts answers into the other end of a socket pair.
+// The test plays the kernel: it puts answers into the other end of a socket pair.
 
 #include "platform/linux/interfaces/Links.h"
 
@@ -220,7 +220,7 @@ TEST_F(LinksTest, ReadsDataBeforeTheKindThatTheyAreOf) {
 }
 
 TEST_F(LinksTest, ReadsNoDataOfAnotherKind) {
-    // What is VLAN_ID to a VLAN is something else to a VXLAN.
+    // The number of VLAN_ID means something else for a VXLAN.
     answer(
         link(
             7,
@@ -298,7 +298,7 @@ TEST_F(LinksTest, RefusesADatagramThatIsCutAnywhere) {
         answer(whole.substr(0, size));
         ASSERT_EQ(::shutdown(kernel.get(), SHUT_WR), 0);
 
-        // Between two messages nothing is wrong with it but that the end is missing.
+        // Cut between two messages, it lacks nothing but its end.
         const bool isBetween = size == whole.size() - done().size();
         EXPECT_EQ(errorOf([&] { cut.links(); }), isBetween ? ECONNRESET : EBADMSG) << size;
     }

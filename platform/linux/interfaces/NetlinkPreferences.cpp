@@ -2,8 +2,8 @@
 //
 // VLAN interfaces of the running kernel, which keeps no preferences: they last until reboot.
 //
-// A session stages one change, because one is what the kernel can be made to do wholly or not at
-// all; it refuses a second. Nothing is created before the commit, so a helper that ends before it
+// A session stages one change and refuses a second: the kernel makes a single change wholly or not
+// at all, but not two. Nothing is created before the commit, so a helper that ends before it
 // leaves nothing behind; what was created but could not be set up is taken back. Whether the
 // kernel has VLANs at all is known earlier, when one is asked for: it is sent a request that no
 // kernel grants, and only one that has VLANs knows why.
@@ -39,7 +39,7 @@ std::string_view aliasOf(std::string_view displayName) {
     return alias.substr(0, end);
 }
 
-/// "vlan" and the lowest number that makes it a name nobody has.
+/// "vlan" and the lowest number that nobody's name has yet.
 std::string lowestFreeName(const std::vector<Link>& links) {
     std::set<std::string_view> taken;
     for (const Link& link : links) {
@@ -188,7 +188,7 @@ private:
         return interfaces;
     }
 
-    /// Throws when the interface is not any more what the session saw.
+    /// Throws when the interface is no longer what the session saw.
     void requireUnchanged(const Link& link) {
         const auto links = socket_.links();
         if (std::ranges::find(links, link) == links.end()) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// On this machine's kernel, which need not have VLANs; tests/vlan boots one that has.
+// These run on this machine's kernel, which may lack VLANs; tests/vlan boots one that has them.
 
 #include <cerrno>
 #include <memory>

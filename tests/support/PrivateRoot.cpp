@@ -247,8 +247,8 @@ std::optional<std::string> enterPrivateRoot() {
     const bool isRoot = ::geteuid() == 0;
     if (::access(TARNVALE_SOURCE_DIR, R_OK | X_OK) != 0) {
         return refusal(
-            "this user may not read " TARNVALE_SOURCE_DIR,
-            "put it where every folder above it is open to this user, or run it as root");
+            "user " + std::to_string(::getuid()) + " may not read " TARNVALE_SOURCE_DIR,
+            "put it where every folder above it is open to that user, or run it as root");
     }
     try {
         if (!isRoot) {

@@ -181,8 +181,8 @@ TEST(PrivateRootTest, SaysWhichFolderAUserMayNotRead) {
     EXPECT_EQ(refused.status, 77);
     EXPECT_EQ(
         refused.error,
-        "sandbox: no private root: this user may not read " TARNVALE_SOURCE_DIR
-        " (put it where every folder above it is open to this user, or run it as root)\n");
+        "sandbox: no private root: user 65534 may not read " TARNVALE_SOURCE_DIR
+        " (put it where every folder above it is open to that user, or run it as root)\n");
 }
 
 /// Runs the shell commands in a sandbox that leads a group, as a shell's job does, and interrupts

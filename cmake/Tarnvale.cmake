@@ -45,8 +45,14 @@ target_compile_options(tarnvale_options INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=./build>)
 target_compile_definitions(tarnvale_options INTERFACE
     $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+# What only tests run, which most of a build compiles, is compiled quickly rather than made quick.
+# _FORTIFY_SOURCE takes optimisation.
+define_property(TARGET PROPERTY TARNVALE_FOR_TESTS BRIEF_DOCS "Whether only tests run it")
+set(for_tests $<BOOL:$<TARGET_PROPERTY:TARNVALE_FOR_TESTS>>)
+target_compile_options(tarnvale_options INTERFACE $<${for_tests}:-O0>)
 if(NOT TARNVALE_SANITIZE)
-    target_compile_definitions(tarnvale_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+    target_compile_definitions(tarnvale_options INTERFACE
+        $<$<AND:$<CONFIG:Release>,$<NOT:${for_tests}>>:_FORTIFY_SOURCE=2>)
 endif()
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(tarnvale_options INTERFACE
@@ -69,10 +75,18 @@ if(TARNVALE_FUZZ)
     target_compile_options(tarnvale_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
+# Nothing below tests/ is shipped.
+function(tarnvale_mark_for_tests target)
+    set(tests "${PROJECT_SOURCE_DIR}/tests")
+    cmake_path(IS_PREFIX tests "${CMAKE_CURRENT_SOURCE_DIR}" for_tests)
+    set_target_properties(${target} PROPERTIES TARNVALE_FOR_TESTS ${for_tests})
+endfunction()
+
 function(tarnvale_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
     add_library(${name} STATIC ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
+    tarnvale_mark_for_tests(${name})
     set_property(GLOBAL APPEND PROPERTY tarnvale_targets ${name})
 endfunction()
 
@@ -81,6 +95,7 @@ function(tarnvale_program name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${TARNVALE_BIN_DIR}")
+    tarnvale_mark_for_tests(${name})
     set_property(GLOBAL APPEND PROPERTY tarnvale_targets ${name})
     # Loading a shared libstdc++ costs a small program most of its start-up time.
     if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT TARNVALE_SANITIZE)
@@ -99,6 +114,7 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/Precompiled.cpp" CONTENT "int main() {}\n")
         add_executable(tarnvale_precompiled EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/Precompiled.cpp")
         target_link_libraries(tarnvale_precompiled PRIVATE tarnvale_options GTest::gmock)
+        set_target_properties(tarnvale_precompiled PROPERTIES TARNVALE_FOR_TESTS ON)
         target_precompile_headers(tarnvale_precompiled PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
     endif()
 
@@ -123,6 +139,7 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         add_executable(${program} ${sources})
         target_link_libraries(${program} PRIVATE
             tarnvale_options ${arg_DEPENDS} ${main} GTest::gmock)
+        set_target_properties(${program} PROPERTIES TARNVALE_FOR_TESTS ON)
         target_compile_definitions(${program} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
             TARNVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
         if(TARNVALE_PCH)

@@ -19,6 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -108,6 +109,20 @@ TEST(ScriptsTest, FindTheirPlaceBehindALink) {
             }
         }
     }
+}
+
+TEST(StepTimesTest, NamesWhatFailedAndWhatGotSlower) {
+    put("/tmp/times", "set-up 1 0\nbuild 100000 0\nnew-step 7 0\ntests 100000 8\n");
+
+    const auto shown = run({source("scripts/step-times"), "/tmp/times"});
+
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_EQ(shown.error, "");
+    EXPECT_THAT(shown.output, ContainsRegex("\nset-up +1 +[0-9]+\n"));
+    EXPECT_THAT(shown.output, ContainsRegex("\nnew-step +7 +-\n"));
+    EXPECT_THAT(
+        shown.output,
+        EndsWith("\nmore than a third slower than in docs/development.md: build\nfailed: tests\n"));
 }
 
 TEST(DocumentsTest, HaveNobodySignWhatWasBuilt) {

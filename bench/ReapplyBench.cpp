@@ -7,6 +7,7 @@
 //
 //     build/bin/sandbox build/bench/bin/reapply_bench
 
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +25,7 @@
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
 #include "netlink/Socket.h"
+#include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/TableWriter.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/Files.h"
@@ -70,8 +72,14 @@ class Floor {
 public:
     Floor() : text_(storedRuleset()) {
         const auto parsed = pfctl::parseRuleset(text_);
-        pfctl::writeReplacement(
-            messages_, {.anchor = "floor", .rules = parsed.rules, .loader = {}, .dormant = false});
+        for (std::size_t i = 0; i < tables_.size(); ++i) {
+            pfctl::writeReplacement(
+                loads_.at(i),
+                {.name = tables_.at(i), .rules = parsed.rules, .loader = {}, .dormant = false});
+            pfctl::writeRemoval(removals_.at(i), {&tables_.at(i), 1});
+        }
+        netlink::Socket socket(NETLINK_NETFILTER);
+        socket.request(loads_.at(next_ ^ 1U));
     }
 
     double operator()() {
@@ -81,13 +89,20 @@ public:
             }
             support::writeFileAtomically(folder + "/floor.pf.conf", text_, 0644);
             netlink::Socket socket(NETLINK_NETFILTER);
-            socket.request(messages_);
+            socket.request(loads_.at(next_));
+            next_ ^= 1U;
+            pfctl::awaitPacketsUnderWay();
+            socket.request(removals_.at(next_));
         });
     }
 
 private:
+    const std::array<std::string, 2> tables_{"floor", "floor/"};
+
     std::string text_;
-    netlink::MessageWriter messages_;
+    std::array<netlink::MessageWriter, 2> loads_;
+    std::array<netlink::MessageWriter, 2> removals_;
+    std::size_t next_ = 0;
 };
 
 void benchTime() {

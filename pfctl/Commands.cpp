@@ -120,18 +120,19 @@ int load(const Arguments& arguments) {
     netlink::Socket socket(NETLINK_NETFILTER);
     const RunLock lock(RunLock::WhenTaken::fail);
     NftablesBackend(socket).load(
-        {.anchor = arguments.anchor,
+        arguments.anchor,
+        {.name = {},
          .rules = *rules,
          .loader = {.uid = ::getuid(), .pid = static_cast<std::uint32_t>(::getpid())},
          .dormant = !readEnabled()});
     return EXIT_SUCCESS;
 }
 
-std::vector<std::string> dormantAnchors(NftablesBackend& backend) {
+std::vector<std::string> dormantTables(NftablesBackend& backend) {
     std::vector<std::string> names;
-    for (const Anchor& anchor : backend.anchors()) {
-        if (anchor.dormant) {
-            names.push_back(anchor.name);
+    for (const AnchorTable& table : backend.tables()) {
+        if (table.dormant) {
+            names.push_back(table.name);
         }
     }
     return names;
@@ -143,13 +144,13 @@ int enable() {
     NftablesBackend backend(socket);
     auto enabled = readEnabled();
     // No load makes a dormant table while pf is enabled: without one, nothing is left to do.
-    if (!enabled || !dormantAnchors(backend).empty()) {
+    if (!enabled || !dormantTables(backend).empty()) {
         const RunLock lock(RunLock::WhenTaken::wait);
         enabled = readEnabled();
         if (!enabled) {
             enabled = writeEnabled();
         }
-        const auto dormant = dormantAnchors(backend);
+        const auto dormant = dormantTables(backend);
         if (!dormant.empty()) {
             backend.activate(dormant);
         }
@@ -173,7 +174,7 @@ int flush(const Arguments& arguments) {
     requireRoot();
     netlink::Socket socket(NETLINK_NETFILTER);
     NftablesBackend backend(socket);
-    if (backend.anchor(arguments.anchor)) {
+    if (!backend.tables(arguments.anchor).empty()) {
         // Nobody repeats a flush, as they do a load, so it waits for its turn.
         const RunLock lock(RunLock::WhenTaken::wait);
         backend.flush(arguments.anchor);

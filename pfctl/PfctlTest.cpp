@@ -39,8 +39,10 @@
 #include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/RunState.h"
+#include "pfctl/kernel/TableWriter.h"
 #include "pfctl/language/Arguments.h"
 #include "pfctl/language/PfctlError.h"
+#include "pfctl/language/RulesetParser.h"
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
@@ -51,6 +53,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Property;
 using testing::SizeIs;
@@ -114,7 +117,7 @@ protected:
     void SetUp() override {
         try {
             netlink::Socket socket(NETLINK_NETFILTER);
-            NftablesBackend(socket).anchors();
+            NftablesBackend(socket).tables();
         } catch (const std::system_error& error) {
             GTEST_SKIP() << "this kernel gives no nftables: " << error.what();
         }
@@ -160,9 +163,9 @@ protected:
         return text;
     }
 
-    static std::optional<Anchor> loadedAnchor() {
+    static std::vector<AnchorTable> tables() {
         netlink::Socket socket(NETLINK_NETFILTER);
-        return NftablesBackend(socket).anchor(anchor);
+        return NftablesBackend(socket).tables(anchor);
     }
 };
 
@@ -178,8 +181,8 @@ TEST_F(PfctlTest, ListsWhatItLoadedWithoutEnforcingIt) {
         "block drop in quick inet from 127.0.0.1 to any\n"
         "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ]\n");
     EXPECT_THAT(listing(), HasSubstr("  [ Inserted: uid 0 pid "));
-    ASSERT_TRUE(loadedAnchor());
-    EXPECT_TRUE(loadedAnchor()->dormant);
+    ASSERT_THAT(tables(), SizeIs(1));
+    EXPECT_TRUE(tables().front().dormant);
     EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
 }
 
@@ -212,10 +215,10 @@ TEST_F(PfctlTest, EnablesWhatAnInterruptedEnableLeftDormant) {
     ASSERT_EQ(::rename(enabled.c_str(), (enabled + ".away").c_str()), 0);
     load(denyFirst);
     ASSERT_EQ(::rename((enabled + ".away").c_str(), enabled.c_str()), 0);
-    ASSERT_TRUE(loadedAnchor()->dormant);
+    ASSERT_TRUE(tables().at(0).dormant);
 
     EXPECT_EQ(pfctl({"-E"}).status, 0);
-    EXPECT_FALSE(loadedAnchor()->dormant);
+    EXPECT_FALSE(tables().at(0).dormant);
 }
 
 TEST_F(PfctlTest, SaysSinceWhenItIsEnabled) {
@@ -379,12 +382,12 @@ TEST_F(PfctlTest, SaysNothingOfAnAnchorThatNeverWas) {
 
 TEST_F(PfctlTest, LoadsAnEmptyRulesetAsNoRules) {
     load("# nothing\n\n");
-    EXPECT_FALSE(loadedAnchor());
+    EXPECT_THAT(tables(), IsEmpty());
 
     load(denyFirst);
     load("# nothing\n\n");
     EXPECT_EQ(listing(), "");
-    EXPECT_FALSE(loadedAnchor());
+    EXPECT_THAT(tables(), IsEmpty());
 }
 
 TEST_F(PfctlTest, KeepsTheRulesetInForceWhenItRefusesAnother) {
@@ -432,7 +435,7 @@ TEST_F(PfctlTest, ChecksARulesetWithoutLoadingIt) {
     EXPECT_EQ(verbose.output, "block drop in quick inet from 127.0.0.1 to any\n");
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.error, "/tmp/firewall.pf.conf:1: syntax error\n");
-    EXPECT_FALSE(loadedAnchor());
+    EXPECT_THAT(tables(), IsEmpty());
 }
 
 TEST_F(PfctlTest, IsBusyWhileAnotherLoads) {
@@ -498,10 +501,39 @@ TEST_F(PfctlTest, DoesNotTakeTheTablesOfOthersForAnchors) {
     socket.request(transaction);
     load(denyFirst);
 
-    EXPECT_THAT(NftablesBackend(socket).anchors(), SizeIs(1));
+    EXPECT_THAT(NftablesBackend(socket).tables(), SizeIs(1));
     EXPECT_EQ(pfctl({"-a", "theirs", "-v", "-sr"}).output, "");
     EXPECT_EQ(pfctl({"-a", "theirs", "-F", "rules"}).error, "rules cleared\n");
     EXPECT_NO_THROW(socket.request(transaction)) << "their table is gone";
+}
+
+TEST_F(PfctlTest, TakesUpWhatAKilledLoadHasLeft) {
+    load(denyFirst);
+    pfctl({"-E"});
+    const auto leaveSecond = [] {
+        const std::string pass = "pass in quick from 127.0.0.1/32 to any keep state\n";
+        const auto rules = parseRuleset(pass).rules;
+        netlink::MessageWriter transaction;
+        const std::string free =
+            tables().front().name == anchor ? std::string(anchor) + "/" : anchor;
+        writeReplacement(transaction, {.name = free, .rules = rules, .loader = {}});
+        netlink::Socket(NETLINK_NETFILTER).request(transaction);
+    };
+    leaveSecond();
+    EXPECT_THAT(tables(), SizeIs(2));
+    EXPECT_THAT(counters(), StartsWith("pass in quick inet from 127.0.0.1 to any "));
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000)) << "the newer decides";
+
+    for (int i = 0; i < 2; ++i) {
+        load(denyFirst);
+        EXPECT_THAT(tables(), SizeIs(1));
+        EXPECT_THAT(counters(), StartsWith("block drop in quick inet from 127.0.0.1 to any\n"));
+        leaveSecond();
+    }
+
+    pfctl({"-a", anchor, "-F", "rules"});
+    EXPECT_THAT(tables(), IsEmpty());
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
 }
 
 TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {

@@ -156,13 +156,24 @@ void benchLoad(unsigned networks, unsigned rules, int rounds) {
     const std::string text = rulesetOf(networks, rules);
     writeRuleset(text);
     const auto ruleset = parseRuleset(text);
-    netlink::MessageWriter messages;
-    writeReplacement(
-        messages, {.anchor = "bench", .rules = ruleset.rules, .loader = {}, .dormant = false});
+    const std::array<std::string, 2> tables{"floor", "floor/"};
+    std::array<netlink::MessageWriter, 2> loads;
+    std::array<netlink::MessageWriter, 2> removals;
+    for (std::size_t i = 0; i < tables.size(); ++i) {
+        writeReplacement(
+            loads.at(i),
+            {.name = tables.at(i), .rules = ruleset.rules, .loader = {}, .dormant = false});
+        writeRemoval(removals.at(i), {&tables.at(i), 1});
+    }
+    std::size_t next = 0;
+    netlink::Socket(NETLINK_NETFILTER).request(loads[1]);
     // Closing the socket belongs to it: the kernel then waits for the old ruleset's last reader.
-    const auto sendByItself = [&messages] {
+    const auto sendByItself = [&] {
         netlink::Socket socket(NETLINK_NETFILTER);
-        socket.request(messages);
+        socket.request(loads.at(next));
+        next ^= 1U;
+        awaitPacketsUnderWay();
+        socket.request(removals.at(next));
     };
     compare(
         "pfctl -f, " + std::to_string(networks) + " x " + std::to_string(rules),
@@ -171,6 +182,7 @@ void benchLoad(unsigned networks, unsigned rules, int rounds) {
             return microseconds([] { runProgram({pfctlPath, "-a", "bench", "-f", rulesetPath}); });
         },
         [&sendByItself] { return microseconds(sendByItself); });
+    netlink::Socket(NETLINK_NETFILTER).request(removals.at(next ^ 1U));
 }
 
 void benchCommand(const std::string& name, const std::vector<std::string>& arguments) {

@@ -2,15 +2,20 @@
 
 #include "pfctl/kernel/Netfilter.h"
 
+#include <chrono>
 #include <system_error>
+#include <thread>
 
 #include <arpa/inet.h>
+#include <linux/membarrier.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace tarnvale::pfctl {
 namespace {
@@ -54,6 +59,15 @@ void beginBatch(netlink::MessageWriter& messages) {
 
 void endBatch(netlink::MessageWriter& messages) {
     putBatchEnd(messages, NFNL_MSG_BATCH_END);
+}
+
+void awaitPacketsUnderWay() {
+    // The one call that does nothing but wait for the kernel's readers, packets among them.
+    if (::syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL, 0, 0) != 0) {
+        // This kernel doesn't have it, or has processors without ticks.
+        constexpr std::chrono::milliseconds longerThanAnyPacket{200};
+        std::this_thread::sleep_for(longerThanAnyPacket);
+    }
 }
 
 std::uint8_t familyOf(const netlink::Message& message) {

@@ -22,6 +22,10 @@ void beginConntrack(netlink::MessageWriter& messages, int message, unsigned flag
 void beginBatch(netlink::MessageWriter& messages);
 void endBatch(netlink::MessageWriter& messages);
 
+/// Waits until every packet that is on its way through chains has left them. The kernel looks up
+/// the chains of a hook once for each packet, which then finds no chain that is added meanwhile.
+void awaitPacketsUnderWay();
+
 /// The address family that a received message is about.
 std::uint8_t familyOf(const netlink::Message& message);
 

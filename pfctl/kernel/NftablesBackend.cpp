@@ -3,7 +3,9 @@
 #include "pfctl/kernel/NftablesBackend.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <utility>
 
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
@@ -32,17 +34,23 @@ PfctlError keepsChanging() {
     return PfctlError{"the rules keep changing while they are read"};
 }
 
-std::optional<Anchor> anchorOf(const Message& message) {
+std::optional<AnchorTable> tableOf(const Message& message) {
     const Bytes attributes = attributesOf(message);
     const auto loader = loaderFromUserData(attribute(attributes, NFTA_TABLE_USERDATA));
     if (familyOf(message) != NFPROTO_IPV4 || !loader) {
         return std::nullopt;
     }
     const auto flags = bigEndian(attribute(attributes, NFTA_TABLE_FLAGS)).value_or(0);
-    return Anchor{
+    return AnchorTable{
         .name = std::string(textOf(attribute(attributes, NFTA_TABLE_NAME))),
         .loader = *loader,
-        .dormant = (flags & NFT_TABLE_F_DORMANT) != 0};
+        .dormant = (flags & NFT_TABLE_F_DORMANT) != 0,
+        .handle = bigEndian(attribute(attributes, NFTA_TABLE_HANDLE)).value_or(0)};
+}
+
+/// The two names that an anchor's table can have.
+std::array<std::string, 2> namesOf(const std::string& anchor) {
+    return {anchor, anchor + "/"};
 }
 
 struct Counter {
@@ -82,14 +90,14 @@ std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
 
 }  // namespace
 
-std::vector<Anchor> NftablesBackend::anchors() {
+std::vector<AnchorTable> NftablesBackend::tables() {
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-        std::vector<Anchor> found;
+        std::vector<AnchorTable> found;
         MessageWriter request;
         beginNftables(request, NFT_MSG_GETTABLE, NLM_F_DUMP);
         const bool complete = socket_.dump(request, [&found](const Message& message) {
-            if (auto anchor = anchorOf(message)) {
-                found.push_back(std::move(*anchor));
+            if (auto table = tableOf(message)) {
+                found.push_back(std::move(*table));
             }
         });
         if (complete) {
@@ -99,57 +107,70 @@ std::vector<Anchor> NftablesBackend::anchors() {
     throw keepsChanging();
 }
 
-std::optional<Anchor> NftablesBackend::anchor(const std::string& name) {
-    std::optional<Anchor> found;
-    MessageWriter request;
-    beginNftables(request, NFT_MSG_GETTABLE);
-    request.putText(NFTA_TABLE_NAME, name);
-    socket_.get(request, [&found](const Message& message) { found = anchorOf(message); });
+std::vector<AnchorTable> NftablesBackend::tables(const std::string& anchor) {
+    std::vector<AnchorTable> found;
+    for (const std::string& name : namesOf(anchor)) {
+        MessageWriter request;
+        beginNftables(request, NFT_MSG_GETTABLE);
+        request.putText(NFTA_TABLE_NAME, name);
+        socket_.get(request, [&found](const Message& message) {
+            if (auto table = tableOf(message)) {
+                found.push_back(std::move(*table));
+            }
+        });
+    }
+    std::ranges::sort(found, {}, &AnchorTable::handle);
     return found;
 }
 
-void NftablesBackend::load(const RulesetTable& table) {
+void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
     if (table.rules.empty()) {
-        flush(table.anchor);
+        flush(anchor);
         return;
     }
-    RulesetTable placed = table;
-    placed.place = placeBehind(table.anchor);
+    // There are two only when a load was killed; the newer one makes room then.
+    const auto old = tables(anchor);
+    const auto names = namesOf(anchor);
+    table.name = old.empty() || old.front().name == names[1] ? names[0] : names[1];
     MessageWriter transaction;
-    writeReplacement(transaction, placed);
+    writeReplacement(transaction, table);
     socket_.request(transaction);
-}
+    if (old.empty()) {
+        return;
+    }
 
-/// The place on the hooks just after the anchor's table; 0 without a table.
-std::int32_t NftablesBackend::placeBehind(const std::string& anchor) {
-    std::int32_t place = 0;
-    MessageWriter request;
-    beginNftables(request, NFT_MSG_GETCHAIN);
-    request.putText(NFTA_CHAIN_TABLE, anchor);
-    request.putText(NFTA_CHAIN_NAME, "in");
-    socket_.get(request, [&place](const Message& message) {
-        const Bytes hook = attribute(attributesOf(message), NFTA_CHAIN_HOOK);
-        const auto priority = bigEndian(attribute(hook, NFTA_HOOK_PRIORITY));
-        if (priority) {
-            place = static_cast<std::int32_t>(*priority) - firstPlaceIn + 1;
-        }
-    });
-    return place;
+    if (!table.dormant) {
+        awaitPacketsUnderWay();
+    }
+    try {
+        remove(std::array{old.front().name});
+    } catch (...) {
+        // Without the new rules the load has changed nothing.
+        remove(std::array{table.name});
+        throw;
+    }
 }
 
 void NftablesBackend::flush(const std::string& anchor) {
-    // Even a transaction that finds nothing to remove takes milliseconds.
-    if (!this->anchor(anchor)) {
-        return;
+    std::vector<std::string> names;
+    for (const AnchorTable& table : tables(anchor)) {
+        names.push_back(table.name);
     }
+    // Even a transaction that finds nothing to remove takes milliseconds.
+    if (!names.empty()) {
+        remove(names);
+    }
+}
+
+void NftablesBackend::activate(std::span<const std::string> tables) {
     MessageWriter transaction;
-    writeRemoval(transaction, anchor);
+    writeActivation(transaction, tables);
     socket_.request(transaction);
 }
 
-void NftablesBackend::activate(std::span<const std::string> anchors) {
+void NftablesBackend::remove(std::span<const std::string> tables) {
     MessageWriter transaction;
-    writeActivation(transaction, anchors);
+    writeRemoval(transaction, tables);
     socket_.request(transaction);
 }
 
@@ -163,12 +184,12 @@ std::uint32_t NftablesBackend::generation() {
     return static_cast<std::uint32_t>(generation);
 }
 
-std::optional<std::vector<std::string>> NftablesBackend::chains(const std::string& anchor) {
+std::optional<std::vector<std::string>> NftablesBackend::chains(const std::string& table) {
     std::vector<std::string> names;
     MessageWriter request;
     beginNftables(request, NFT_MSG_GETCHAIN, NLM_F_DUMP);
     const bool complete = socket_.dump(request, [&](const Message& message) {
-        if (textOf(attribute(attributesOf(message), NFTA_CHAIN_TABLE)) == anchor) {
+        if (textOf(attribute(attributesOf(message), NFTA_CHAIN_TABLE)) == table) {
             names.emplace_back(textOf(attribute(attributesOf(message), NFTA_CHAIN_NAME)));
         }
     });
@@ -176,12 +197,12 @@ std::optional<std::vector<std::string>> NftablesBackend::chains(const std::strin
 }
 
 bool NftablesBackend::readChain(
-    const std::string& anchor, const std::string& chain, std::vector<CountedRule>& rules) {
+    const std::string& table, const std::string& chain, std::vector<CountedRule>& rules) {
     const std::size_t first = rules.size();
     std::uint64_t unmatched = 0;
     MessageWriter request;
     beginNftables(request, NFT_MSG_GETRULE, NLM_F_DUMP);
-    request.putText(NFTA_RULE_TABLE, anchor);
+    request.putText(NFTA_RULE_TABLE, table);
     request.putText(NFTA_RULE_CHAIN, chain);
     const bool complete = socket_.dump(request, [&](const Message& message) {
         const auto counter = counterOf(attribute(attributesOf(message), NFTA_RULE_EXPRESSIONS));
@@ -213,18 +234,19 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
     // The dumps belong together if nobody committed a transaction between the first and the last.
     for (int attempt = 0; attempt < maxAttempts; ++attempt) {
         const std::uint32_t before = generation();
-        const auto found = this->anchor(anchor);
-        if (!found) {
+        const auto found = tables(anchor);
+        if (found.empty()) {
             return std::nullopt;
         }
-        const auto names = chains(anchor);
+        const AnchorTable& newest = found.back();
+        const auto names = chains(newest.name);
         bool complete = names.has_value();
         std::vector<CountedRule> rules;
         for (std::size_t chain = 0; complete && chain < names->size(); ++chain) {
-            complete = readChain(anchor, (*names)[chain], rules);
+            complete = readChain(newest.name, (*names)[chain], rules);
         }
         if (complete && generation() == before) {
-            return AnchorContent{.loader = found->loader, .rules = merged(std::move(rules))};
+            return AnchorContent{.loader = newest.loader, .rules = merged(std::move(rules))};
         }
     }
     throw keepsChanging();

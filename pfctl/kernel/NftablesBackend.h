@@ -1,7 +1,15 @@
 // SPDX-License-Identifier: MIT
 //
-// The anchors as the kernel has them: which there are, what they hold, and their replacement. A
-// load is one transaction: the old ruleset is in force until the new one is.
+// The anchors as the kernel has them: which there are, what they hold, and their replacement.
+//
+// An anchor's table has the anchor's name or that with a "/" behind it, with which no anchor's name
+// ends. A load puts the new rules into force under the free one of the two names, waits until no
+// packet is under way that has not met them, and then removes the old ones. So every packet meets
+// one of the two rulesets whole. One transaction for both would let packets through: one that was
+// already on its way would not find the new chains, and would find the old ones empty.
+//
+// While both are there the new rules decide. Of chains of equal priority the kernel asks the newest
+// first, and the old ones let a packet pass to which the new ones gave a state.
 
 #pragma once
 
@@ -17,10 +25,12 @@
 
 namespace tarnvale::pfctl {
 
-struct Anchor {
+/// A table with rules of an anchor.
+struct AnchorTable {
     std::string name;
     Loader loader;
     bool dormant = false;
+    std::uint64_t handle = 0;  ///< the newer, the greater
 };
 
 struct AnchorContent {
@@ -33,30 +43,30 @@ class NftablesBackend {
 public:
     explicit NftablesBackend(netlink::Socket& socket) : socket_(socket) {}
 
-    /// The anchors that have rules, without the tables of others.
-    std::vector<Anchor> anchors();
+    /// The tables of all anchors, without those of others.
+    std::vector<AnchorTable> tables();
 
-    /// The anchor of that name, if it has rules.
-    std::optional<Anchor> anchor(const std::string& name);
+    /// The anchor's tables, the newest last; none when it has no rules.
+    std::vector<AnchorTable> tables(const std::string& anchor);
 
     /// Replaces the anchor's rules; without any the anchor ceases to exist.
-    void load(const RulesetTable& table);
+    void load(const std::string& anchor, RulesetTable table);
 
     /// Removes the anchor's rules, if it has any.
     void flush(const std::string& anchor);
 
-    /// Puts into force the anchors that were loaded dormant.
-    void activate(std::span<const std::string> anchors);
+    /// Puts into force tables that were loaded dormant.
+    void activate(std::span<const std::string> tables);
 
     /// What the anchor holds at one instant; nothing when it has no rules.
     std::optional<AnchorContent> content(const std::string& anchor);
 
 private:
+    void remove(std::span<const std::string> tables);
     std::uint32_t generation();
-    std::optional<std::vector<std::string>> chains(const std::string& anchor);
+    std::optional<std::vector<std::string>> chains(const std::string& table);
     bool readChain(
-        const std::string& anchor, const std::string& chain, std::vector<CountedRule>& rules);
-    std::int32_t placeBehind(const std::string& anchor);
+        const std::string& table, const std::string& chain, std::vector<CountedRule>& rules);
 
     netlink::Socket& socket_;
 };

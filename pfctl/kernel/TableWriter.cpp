@@ -107,7 +107,7 @@ private:
 
     void writeChain(const std::string& name, bool onHook) {
         beginNftables(messages_, NFT_MSG_NEWCHAIN, NLM_F_CREATE);
-        messages_.putText(NFTA_CHAIN_TABLE, table_.anchor);
+        messages_.putText(NFTA_CHAIN_TABLE, table_.name);
         messages_.putText(NFTA_CHAIN_NAME, name);
         if (onHook) {
             messages_.nest(NFTA_CHAIN_HOOK, [this] {
@@ -123,7 +123,7 @@ private:
     template <typename Expressions>
     void writeRule(const std::string& chain, Expressions expressions) {
         beginNftables(messages_, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND);
-        messages_.putText(NFTA_RULE_TABLE, table_.anchor);
+        messages_.putText(NFTA_RULE_TABLE, table_.name);
         messages_.putText(NFTA_RULE_CHAIN, chain);
         messages_.nest(NFTA_RULE_EXPRESSIONS, [&] {
             RuleExpressions rule(messages_);
@@ -217,7 +217,7 @@ private:
     void writeHashTable(const std::string& name, const HashTable& table, ChainOf chainOf) {
         const auto& paths = table.paths;
         beginNftables(messages_, NFT_MSG_NEWSET, NLM_F_CREATE);
-        messages_.putText(NFTA_SET_TABLE, table_.anchor);
+        messages_.putText(NFTA_SET_TABLE, table_.name);
         messages_.putText(NFTA_SET_NAME, name);
         messages_.putBigEndian(NFTA_SET_ID, nextSetID());
         messages_.putBigEndian(NFTA_SET_FLAGS, NFT_SET_MAP);
@@ -230,7 +230,7 @@ private:
         std::size_t next = 0;
         while (next < paths.size()) {
             beginNftables(messages_, NFT_MSG_NEWSETELEM, NLM_F_CREATE);
-            messages_.putText(NFTA_SET_ELEM_LIST_TABLE, table_.anchor);
+            messages_.putText(NFTA_SET_ELEM_LIST_TABLE, table_.name);
             messages_.putText(NFTA_SET_ELEM_LIST_SET, name);
             messages_.nest(NFTA_SET_ELEM_LIST_ELEMENTS, [&] {
                 while (next < paths.size() && messages_.messageSize() < maxElementBytes) {
@@ -325,57 +325,61 @@ private:
     std::vector<Lookups> lookups_;  ///< of each map among the steps
 };
 
-void putTable(MessageWriter& messages, const std::string& anchor, int message, unsigned flags) {
+void putTable(MessageWriter& messages, const std::string& name, int message, unsigned flags) {
     beginNftables(messages, message, flags);
-    messages.putText(NFTA_TABLE_NAME, anchor);
+    messages.putText(NFTA_TABLE_NAME, name);
 }
 
 }  // namespace
 
 void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
+    constexpr std::int32_t destinationNat = -100;
     constexpr std::int32_t sourceNat = 100;
     const Side in{
         .direction = Direction::in,
         .name = "in",
         .hook = NF_INET_PRE_ROUTING,
-        .priority = firstPlaceIn + table.place,
+        .priority = destinationNat + 10,
         .initiatorPasses = initiatorPassesIn,
         .responderPasses = initiatorPassesOut};
     const Side out{
         .direction = Direction::out,
         .name = "out",
         .hook = NF_INET_POST_ROUTING,
-        .priority = sourceNat + 10 + table.place,
+        .priority = sourceNat + 10,
         .initiatorPasses = initiatorPassesOut,
         .responderPasses = initiatorPassesIn};
     const Dispatch dispatch = planDispatch(table.rules);
 
     beginBatch(messages);
     // What is removed must exist, so a table is added first: no change if there is one.
-    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
-    putTable(messages, table.anchor, NFT_MSG_DELTABLE, 0);
-    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_CREATE);
+    putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_CREATE);
+    putTable(messages, table.name, NFT_MSG_DELTABLE, 0);
+    putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_CREATE);
     messages.putBigEndian(NFTA_TABLE_FLAGS, table.dormant ? NFT_TABLE_F_DORMANT : 0);
     messages.put(NFTA_TABLE_USERDATA, loaderUserData(table.loader));
     DirectionWriter(messages, table, in, dispatch.in).write();
     DirectionWriter(messages, table, out, dispatch.out).write();
     // The kernel answers message by message, even if others fail. So only the last message, which
     // changes nothing, asks for an acknowledgement: any error comes before it.
-    putTable(messages, table.anchor, NFT_MSG_NEWTABLE, NLM_F_ACK);
+    putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_ACK);
     endBatch(messages);
 }
 
-void writeRemoval(MessageWriter& messages, const std::string& anchor) {
+void writeRemoval(MessageWriter& messages, std::span<const std::string> tables) {
     beginBatch(messages);
-    putTable(messages, anchor, NFT_MSG_DELTABLE, NLM_F_ACK);
+    for (const std::string& table : tables) {
+        const bool last = &table == &tables.back();
+        putTable(messages, table, NFT_MSG_DELTABLE, last ? NLM_F_ACK : 0);
+    }
     endBatch(messages);
 }
 
-void writeActivation(MessageWriter& messages, std::span<const std::string> anchors) {
+void writeActivation(MessageWriter& messages, std::span<const std::string> tables) {
     beginBatch(messages);
-    for (const std::string& anchor : anchors) {
-        const bool last = &anchor == &anchors.back();
-        putTable(messages, anchor, NFT_MSG_NEWTABLE, last ? NLM_F_ACK : 0);
+    for (const std::string& table : tables) {
+        const bool last = &table == &tables.back();
+        putTable(messages, table, NFT_MSG_NEWTABLE, last ? NLM_F_ACK : 0);
         messages.putBigEndian(NFTA_TABLE_FLAGS, 0);
     }
     endBatch(messages);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The messages that make a ruleset an nftables table. One table per anchor, family ip, named as the
-// anchor:
+// The messages that make a ruleset an nftables table. One table per anchor (while a load is under
+// way two: NftablesBackend.h), family ip:
 //
 //     chain in        hook prerouting, after destination translation, as pf's rules see addresses:
 //                     passes packets of flows that have a state, then goes through the steps of the
@@ -28,26 +28,20 @@
 namespace tarnvale::pfctl {
 
 struct RulesetTable {
-    std::string anchor;
+    std::string name;
     std::span<const Rule> rules;
     Loader loader;
     bool dormant = false;  ///< loaded, but not enforced
-    /// Offset added to the hook priority, so that the new chains run after those they replace: a
-    /// packet that the old rules have just let pass meets the new ones.
-    std::int32_t place = 0;
 };
 
-/// The priority of the chain "in" at place 0: just after destination translation.
-inline constexpr std::int32_t firstPlaceIn = -100 + 10;
-
-/// A transaction that replaces the anchor's table, whether there is one or not. In each of the
+/// A transaction that replaces the table of that name, whether there is one or not. In each of the
 /// three transactions the last message before the end asks for an acknowledgement.
 void writeReplacement(netlink::MessageWriter& messages, const RulesetTable& table);
 
-/// A transaction that removes the anchor's table, which must exist.
-void writeRemoval(netlink::MessageWriter& messages, const std::string& anchor);
+/// A transaction that removes tables, which must exist.
+void writeRemoval(netlink::MessageWriter& messages, std::span<const std::string> tables);
 
 /// A transaction that puts dormant tables into force.
-void writeActivation(netlink::MessageWriter& messages, std::span<const std::string> anchors);
+void writeActivation(netlink::MessageWriter& messages, std::span<const std::string> tables);
 
 }  // namespace tarnvale::pfctl

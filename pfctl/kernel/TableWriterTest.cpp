@@ -53,7 +53,7 @@ std::vector<Sent> replacementOf(std::string_view ruleset) {
     MessageWriter messages;
     writeReplacement(
         messages,
-        {.anchor = "anchor", .rules = rules, .loader = {.uid = 7, .pid = 8}, .dormant = true});
+        {.name = "anchor", .rules = rules, .loader = {.uid = 7, .pid = 8}, .dormant = true});
     return messagesOf(messages);
 }
 
@@ -84,10 +84,10 @@ constexpr std::string_view twoLines =
 
 TEST(TableWriterTest, AsksForOneAnswerWithTheLastMessage) {
     expectOneQuestionAtTheEnd(replacementOf(twoLines));
-    const std::vector<std::string> anchors{"one", "two"};
+    const std::vector<std::string> tables{"one", "two"};
     const std::vector<std::function<void(MessageWriter&)>> others{
-        [](MessageWriter& messages) { writeRemoval(messages, "one"); },
-        [&anchors](MessageWriter& messages) { writeActivation(messages, anchors); }};
+        [&tables](MessageWriter& messages) { writeRemoval(messages, tables); },
+        [&tables](MessageWriter& messages) { writeActivation(messages, tables); }};
     for (const auto& write : others) {
         MessageWriter messages;
         write(messages);

@@ -153,10 +153,10 @@ void checkModifiers(const Options& options, Command command) {
 std::string checkedAnchor(std::string_view name) {
     const bool plain = std::ranges::all_of(
         name, [](char c) { return c > ' ' && c < '\x7F' && c != '"' && c != '*'; });
-    if (name.empty() || !plain) {
+    if (name.empty() || name.ends_with('/') || !plain) {
         throw UsageError("no name for an anchor");
     }
-    if (name.size() > 255) {
+    if (name.size() > 254) {
         throw UsageError("anchor name too long");
     }
     return std::string(name);

@@ -125,13 +125,14 @@ TEST(ArgumentsTest, RefusesOtherThingsToFlushAndToShow) {
 }
 
 TEST(ArgumentsTest, RefusesNamesThatNoAnchorCanHave) {
-    const std::string longest(255, 'a');
-    const std::string tooLong(256, 'a');
+    const std::string longest(254, 'a');
+    const std::string tooLong(255, 'a');
 
     EXPECT_EQ(parseArguments(Words{"-a", longest, "-f", "r"}).anchor, longest);
     expectRefusal({"-a", tooLong, "-f", "r"}, "anchor name too long");
     expectRefusal({"-a", "", "-f", "r"}, "no name for an anchor");
     expectRefusal({"-a", "com.apple/*", "-f", "r"}, "no name for an anchor");
+    expectRefusal({"-a", "com.apple/", "-f", "r"}, "no name for an anchor");
     expectRefusal({"-a", "one two", "-f", "r"}, "no name for an anchor");
     expectRefusal({"-a", "one\n", "-f", "r"}, "no name for an anchor");
 }

@@ -260,6 +260,36 @@ TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
     EXPECT_EQ(lab->arrivals(99), 0U);
 }
 
+TEST_F(LoadTest, LetsNothingThroughThatHasBegunItsWayPastOtherRules) {
+    TARNVALE_NEEDS(largeBuffers);
+    constexpr int reloads = 80;
+    // Rules of somebody else, which keep every packet busy for longer than a load takes.
+    std::string others;
+    for (int i = 0; i < 50'000; ++i) {
+        others += "block drop in quick from 192.168.64.0/24 to 10.0." + std::to_string(i / 250) +
+                  "." + std::to_string(i % 250) + "/32\n";
+    }
+    enforce(network(subnet64, Default::deny, Default::deny));
+    std::ofstream("/tmp/others.conf") << others << std::flush;
+    ASSERT_EQ(pfctl({"-a", "com.apple/800.others", "-f", "/tmp/others.conf"}).status, 0);
+
+    Program reloading(
+        {"/bin/sh",
+         "-e",
+         "-c",
+         "i=0; while [ $i -lt " + std::to_string(reloads) + " ]; do i=$((i + 1))\n/sbin/pfctl -a " +
+             anchor + " -f " + rulesetFile + "; done"});
+    Question denied = lab->ask({.protocol = Protocol::udp, .from = vm1, .to = outside, .port = 99});
+    while (reloading.running()) {
+        denied.repeat();
+    }
+    lab->settle({&denied, 1}, NetworkLab::silenceTimeout);
+
+    const Finished finished = reloading.finish();
+    EXPECT_EQ(finished.status, 0) << finished.error;
+    EXPECT_EQ(lab->arrivals(99), 0U);
+}
+
 TEST_F(LoadTest, IsRefusedAsBusyWhileAnotherOneRuns) {
     TARNVALE_NEEDS(largeBuffers);
     std::string large = network(subnet64, Default::allow, Default::deny);

@@ -115,6 +115,7 @@ private:
 class PfctlTest : public testing::Test {
 protected:
     void SetUp() override {
+        TARNVALE_NEEDS(interfaces);
         try {
             netlink::Socket socket(NETLINK_NETFILTER);
             NftablesBackend(socket).tables();

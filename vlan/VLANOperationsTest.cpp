@@ -305,6 +305,7 @@ TEST_F(VLANCreateTest, LeavesAWholeFileWhenRequestsMeet) {
 }
 
 TEST_F(VLANCreateTest, IsRefusedByAKernelWithoutVLANs) {
+    TARNVALE_NEEDS(interfaces);
     if (test::run({"/bin/sh", "-c", "ip link add en0 type bridge && ip link set en0 up"}).status !=
         0) {
         GTEST_SKIP() << "this kernel cannot make an interface to try it on";

@@ -48,6 +48,7 @@ void enforce(const std::string& ruleset) {
 }
 
 void PacketTest::SetUp() {
+    TARNVALE_NEEDS(interfaces);
     try {
         requirePacketFilter();
     } catch (const LabUnavailable& reason) {

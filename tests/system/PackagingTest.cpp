@@ -132,6 +132,7 @@ TEST_F(PackagingTest, InstallingPutsEachFileWhereItIsLookedFor) {
 class SystemdAnalyzeTest : public PackagingTest {
 protected:
     void SetUp() override {
+        TARNVALE_NEEDS(trees);
         if (!exists(analyzer)) {
             GTEST_SKIP() << "systemd-analyze is not installed";
         }

@@ -86,6 +86,38 @@ TEST(SetupTest, NamesWhatItWouldInstallWhereThereIsNoApt) {
     EXPECT_EQ(refused.output, "");
 }
 
+/// What ctest's log has of a test.
+std::string logged(const std::string& output, const std::string& end) {
+    return "1/9 Testing: A.Test\n1/9 Test: A.Test\nOutput:\n" + output + "<end of output>\n" + end +
+           "\n";
+}
+
+TEST(TestSummaryTest, SaysOnceWhatWouldHelp) {
+    const std::string skipped = "Test Pass Reason:\nSkip return code=77";
+    std::string log = logged("", "Test Passed.") + logged("", "Test Failed.") +
+                      logged("skipped: no mounts (more rights)\n", "Test Passed.") +
+                      logged("skipped: it takes long\n", "Test Passed.") +
+                      logged("skipped: no network (more rights)\n", skipped) + logged("", skipped) +
+                      logged("skipped: no mounts (more rights)\n", skipped);
+
+    const auto counted = run({source("scripts/test-summary")}, log);
+
+    EXPECT_EQ(counted.status, 0) << counted.error;
+    EXPECT_EQ(
+        counted.output,
+        "1 passed, 1 failed, 5 skipped: no mounts (2), no network (1): more rights; it takes long "
+        "(1), no reason was given (1)\n");
+}
+
+TEST(TestSummaryTest, FailsWhereNothingWasExecuted) {
+    const auto counted = run(
+        {source("scripts/test-summary")}, logged("skipped: no (run it as root)\n", "Test Passed."));
+
+    EXPECT_EQ(counted.status, 1);
+    EXPECT_EQ(counted.error, "test: no test was executed\n");
+    EXPECT_EQ(counted.output, "0 passed, 0 failed, 1 skipped: no (1): run it as root\n");
+}
+
 TEST(ScriptsTest, FindTheirPlaceBehindALink) {
     fs::create_symlink(source("scripts/install-hooks"), "/tmp/install-hooks");
     EXPECT_EQ(installHooks("/tmp/install-hooks").error, "");

@@ -15,6 +15,7 @@
 
 #include "platform/NetworkPreferences.h"
 #include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -29,6 +30,7 @@ bool succeeds(const std::string& command) {
 class NetlinkPreferencesTest : public testing::Test {
 protected:
     void SetUp() override {
+        TARNVALE_NEEDS(interfaces);
         if (!succeeds("ip link add en0 index 1000 type bridge && "
                       "ip link add en1 index 400 type bridge && "
                       "ip link add en2 index 3000 type bridge")) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -117,7 +118,11 @@ protected:
 
     void SetUp() override {
         TARNVALE_NEEDS(usersProcesses);
+        // Each of the allocator's arenas keeps free memory, and how many there are depends on the
+        // machine and on what else it does.
+        ::setenv("MALLOC_ARENA_MAX", "4", 1);
         service.emplace();
+        ::unsetenv("MALLOC_ARENA_MAX");
         const std::size_t idleThreads = footprint().threads;
         witness.emplace(lab.client, administrator);
         hostile.emplace(lab.client, attacker);

@@ -23,7 +23,7 @@ using testing::SizeIs;
 
 class DispatchMainLoopTest : public testing::Test {
 protected:
-    test::Dispatch& dispatch = test::Dispatch::current();
+    test::Dispatch& dispatch = test::Dispatch::renewed();
     std::unique_ptr<MainLoop> loop = makeMainLoop();
 };
 

@@ -13,9 +13,17 @@ struct dispatch_queue_s {
 namespace tarnvale::test {
 
 Dispatch& Dispatch::current() {
+    return all().empty() ? renewed() : all().back();
+}
+
+Dispatch& Dispatch::renewed() {
+    return all().emplace_back();
+}
+
+std::deque<Dispatch>& Dispatch::all() {
     // A timer's work lives as long as the process, so whatever holds it does, too.
-    static auto& dispatch = *new Dispatch;
-    return dispatch;
+    static auto& all = *new std::deque<Dispatch>;
+    return all;
 }
 
 }  // namespace tarnvale::test

@@ -44,8 +44,14 @@ struct Dispatch {
     std::deque<DelayedWork> delayed;
     bool hasNoSources = false;
 
-    /// The one of this process.
+    /// Where the calls go.
     static Dispatch& current();
+
+    /// A new one for the calls to go to.
+    static Dispatch& renewed();
+
+private:
+    static std::deque<Dispatch>& all();
 };
 
 }  // namespace tarnvale::test

@@ -4,7 +4,7 @@
 // and the policy store's two directions. simdjson, which only reads the same fields into the same
 // records, is the floor, measured in the same run. Figures are ratios of CPU times:
 //
-//   build/bench/bin/policy_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+//   build/bin/policy_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 
 #include <cstddef>
 #include <cstdint>

@@ -5,7 +5,7 @@
 //
 // It writes the true paths, so it runs only in a private root:
 //
-//     build/bin/sandbox build/bench/bin/reapply_bench
+//     build/bin/sandbox build/bin/reapply_bench
 
 #include <array>
 #include <cstddef>

@@ -48,7 +48,10 @@ protected:
             }
         }
         return run(
-            {"/bin/sh", "-c", "cd /tmp/tree && " TARNVALE_SOURCE_DIR "/scripts/check-includes"},
+            {"/bin/sh",
+             "-c",
+             "cd /tmp/tree && exec \"$0\"",
+             TARNVALE_SOURCE_DIR "/scripts/check-includes"},
             sources);
     }
 

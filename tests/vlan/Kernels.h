@@ -14,6 +14,9 @@ namespace tarnvale::test {
 /// Says that this process is a kernel's first. The next argument is the file that it reports to.
 inline constexpr const char* asFirstProcess = "--as-first-process";
 
+/// Says that this process runs the tests, for the first one.
+inline constexpr const char* asTestProcess = "--as-test-process";
+
 /// Says that this process is the one that boots user-mode Linux.
 inline constexpr const char* asUserModeLinux = "--as-user-mode-linux";
 

@@ -63,21 +63,30 @@ void loadModules() {
     }
 }
 
-/// Runs the tests in a child, so that one that crashes does not take the kernel with it.
-int runTests() {
+/// Runs the tests in a child, so that one that crashes does not take the kernel with it. The child
+/// runs the program anew: a sanitizer looks into /proc when it starts, which this process began
+/// without.
+int runTests(const std::vector<std::string>& arguments) {
+    const char* const program = "/proc/self/exe";
+    auto command = with({program, asTestProcess, "--gtest_color=no"}, arguments);
+    std::vector<char*> pointers;
+    for (auto& word : command) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
     const pid_t child = ::fork();
     require(child >= 0, "fork");
     if (child == 0) {
-        const int status = RUN_ALL_TESTS();
-        std::cout.flush();
-        ::_exit(std::fflush(nullptr) == 0 ? status : 1);
+        ::execv(program, pointers.data());
+        ::_exit(127);
     }
     int status = 0;
     require(::waitpid(child, &status, 0) == child, "wait for the tests");
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-[[noreturn]] void beFirstProcess(const char* reportFile) {
+[[noreturn]] void beFirstProcess(
+    const char* reportFile, const std::vector<std::string>& arguments) {
     if (!fs::exists("/dev/null")) {  // qemu's guest starts without devices
         ::mount("dev", "/dev", "devtmpfs", 0, nullptr);
     }
@@ -85,13 +94,12 @@ int runTests() {
         ::open(reportFile, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
     ::dup2(report, STDOUT_FILENO);
     ::dup2(report, STDERR_FILENO);
-    testing::GTEST_FLAG(color) = "no";
     int status = 1;
     try {
         require(::mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount /proc");
         require(::mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0, "mount /sys");
         loadModules();
-        status = runTests();
+        status = runTests(arguments);
     } catch (const std::exception& error) {
         std::cout << "first process: " << error.what() << '\n';
     }
@@ -173,11 +181,12 @@ int main(int argc, char** argv) {
         std::vector<std::string> arguments(argv + 1, argv + argc);
         testing::InitGoogleTest(&argc, argv);
         const std::string_view role = argc > 1 ? argv[1] : "";
-        if (testing::GTEST_FLAG(list_tests)) {
+        if (role == test::asTestProcess || testing::GTEST_FLAG(list_tests)) {
             return RUN_ALL_TESTS();
         }
         if (role == test::asFirstProcess && argc > 2) {
-            test::beFirstProcess(argv[2]);
+            arguments.erase(arguments.begin(), arguments.begin() + 2);
+            test::beFirstProcess(argv[2], arguments);
         }
         if (role == test::asUserModeLinux) {
             arguments.erase(arguments.begin());

@@ -70,6 +70,7 @@ int runTests(const std::vector<std::string>& arguments) {
     const char* const program = "/proc/self/exe";
     auto command = with({program, asTestProcess, "--gtest_color=no"}, arguments);
     std::vector<char*> pointers;
+    pointers.reserve(command.size() + 1);
     for (auto& word : command) {
         pointers.push_back(word.data());
     }

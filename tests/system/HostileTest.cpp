@@ -500,7 +500,6 @@ TEST_F(HostileTest, AFullDescriptorTableIsNotAskedAgainAndAgain) {
 TEST_F(HostileTest, EveryWaitHasAnEnd) {
     const std::string call = RawMessage{}.bytes();
     const auto begin = Clock::now();
-    const auto isAfter = [&](std::chrono::seconds time) { return Clock::now() - begin >= time; };
     struct Slow {
         std::string name;
         RawPeer peer;
@@ -559,7 +558,10 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
     const auto isWaitedFor = [&](const Slow& slow) {
         return !slow.closedAfter && slow.limit <= maxAwaitedLimit;
     };
-    while (!isAfter(34s) && std::any_of(peers.begin(), peers.end(), isWaitedFor)) {
+    // A busy machine takes its time to get so far.
+    const auto prepared = Clock::now() - begin;
+    while (Clock::now() - begin < prepared + 34s &&
+           std::any_of(peers.begin(), peers.end(), isWaitedFor)) {
         std::this_thread::sleep_for(500ms);
         EXPECT_TRUE(isServed());
         for (auto& slow : peers) {
@@ -578,7 +580,7 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
         }
         ASSERT_TRUE(slow.closedAfter) << slow.name;
         EXPECT_GE(*slow.closedAfter, slow.limit - 200ms) << slow.name;
-        EXPECT_LE(*slow.closedAfter, slow.limit + (isSanitized ? 4s : 3s)) << slow.name;
+        EXPECT_LE(*slow.closedAfter, prepared + slow.limit + (isSanitized ? 4s : 3s)) << slow.name;
     }
     ASSERT_TRUE(patient.send(call));
     EXPECT_TRUE(patient.receive()) << "who has nothing to say may stay";

@@ -95,7 +95,11 @@ Chain chainOf(const CertificateRequest& leaf, std::vector<std::string> intermedi
 }  // namespace
 
 Identity::Identity(const CertificateRequest& request, const Identity* issuer)
-    : key_(request.weakKey ? EVP_RSA_gen(1024) : EVP_EC_gen("P-256")), certificate_(X509_new()) {
+    : key_(
+          request.makeKey != nullptr ? request.makeKey()
+          : request.weakKey          ? EVP_RSA_gen(1024)
+                                     : EVP_EC_gen("P-256")),
+      certificate_(X509_new()) {
     X509* const made = certificate_.get();
     std::uint32_t serial = 0;
     require(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof(serial)) == 1, "serial");
@@ -173,7 +177,7 @@ std::string cmsMessage(std::string_view content, const MessageRequest& request) 
                 signer->certificate(),
                 signer->key(),
                 EVP_get_digestbyname(request.digest.c_str()),
-                CMS_BINARY) != nullptr,
+                CMS_BINARY | (request.namesKey ? CMS_USE_KEYID : 0U)) != nullptr,
             "add a signer");
     }
     for (X509* certificate : request.certificates) {

@@ -29,7 +29,8 @@ struct CertificateRequest {
     std::vector<std::string> markers;             ///< object identifiers of extensions
     long validFrom = -3600;                       ///< in seconds from now
     long validUntil = 3600;
-    bool weakKey = false;  ///< RSA of 1024 bits
+    bool weakKey = false;              ///< RSA of 1024 bits
+    EVP_PKEY* (*makeKey)() = nullptr;  ///< where it is neither that nor of P-256
 };
 
 /// A certificate and its key.
@@ -75,6 +76,7 @@ struct MessageRequest {
     std::vector<X509*> certificates;  ///< besides the signers'
     std::string digest = "SHA256";
     bool contentInside = true;
+    bool namesKey = false;  ///< names the signers' keys, not their certificates' issuers
 };
 
 /// A CMS message, DER.

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "platform/linux/codesigning/Der.h"
 #include "platform/linux/codesigning/ReadExactly.h"
 #include "support/Text.h"
 
@@ -15,51 +16,11 @@ constexpr std::size_t lengthSize = 4;
 constexpr std::size_t tailSize = lengthSize + signatureMagic.size();
 constexpr std::size_t sha256Digits = 64;
 
-std::size_t bigEndian(std::string_view bytes) {
-    std::size_t value = 0;
-    for (const char byte : bytes) {
-        value = value << 8U | static_cast<std::uint8_t>(byte);
-    }
-    return value;
-}
-
-// DER's tags.
-constexpr char integer = 0x02;
-constexpr char octetString = 0x04;
-constexpr char objectIdentifier = 0x06;
-constexpr char sequence = 0x30;
-constexpr char set = 0x31;
-constexpr char context0 = static_cast<char>(0xA0);
-
-/// Takes the first element off the bytes and returns its content; nothing if it has another tag.
-std::optional<std::string_view> takeElement(std::string_view& bytes, char tag) {
-    if (bytes.size() < 2 || bytes[0] != tag) {
-        return std::nullopt;
-    }
-    std::size_t length = static_cast<std::uint8_t>(bytes[1]);
-    std::size_t header = 2;
-    if (length >= 0x80) {
-        // No digits mean an indefinite length, more than three exceed every message.
-        const std::size_t digits = length - 0x80;
-        if (digits < 1 || digits > 3 || bytes.size() < header + digits) {
-            return std::nullopt;
-        }
-        length = bigEndian(bytes.substr(header, digits));
-        header += digits;
-    }
-    if (length > bytes.size() - header) {
-        return std::nullopt;
-    }
-    const auto content = bytes.substr(header, length);
-    bytes.remove_prefix(header + length);
-    return content;
-}
-
 /// Whether the bytes are `min` to `max` sequences and nothing else.
 bool areSequences(std::string_view bytes, std::size_t min, std::size_t max) {
     std::size_t count = 0;
     for (; !bytes.empty() && count <= max; ++count) {
-        if (!takeElement(bytes, sequence)) {
+        if (!der::take(bytes, der::sequence)) {
             return false;
         }
     }
@@ -70,12 +31,13 @@ bool areSequences(std::string_view bytes, std::size_t min, std::size_t max) {
 /// long octet string: one can be DER again, as an extension's value is, and isn't looked into here.
 bool hasFewElements(std::string_view bytes) {
     constexpr char isConstructed = 0x20;
+    constexpr char continues = 0x1F;  // the tag, in the next byte
     for (std::size_t count = 0; !bytes.empty(); ++count) {
         const char tag = bytes[0];
         auto rest = bytes;
-        const auto content = takeElement(rest, tag);
-        if (count == maxElements || !content ||
-            (tag == octetString && content->size() > maxOctetStringSize)) {
+        const auto content = der::take(rest, tag);
+        if (count == maxElements || !content || (tag & continues) == continues ||
+            (tag == der::octetString && content->size() > maxOctetStringSize)) {
             return false;
         }
         // Next comes what lies inside the element, or else what follows it.
@@ -114,7 +76,7 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size) {
         return std::nullopt;
     }
 
-    const std::size_t length = bigEndian(std::string_view(*end).substr(0, lengthSize));
+    const std::size_t length = der::bigEndian(std::string_view(*end).substr(0, lengthSize));
     if (length == 0 || length > maxMessageSize || static_cast<off_t>(length) > size - tail) {
         return std::nullopt;
     }
@@ -133,26 +95,27 @@ bool hasShapeOfSignature(std::string_view message) {
     if (!hasFewElements(message)) {
         return false;
     }
-    auto contentInfo = takeElement(message, sequence);
-    if (!contentInfo || !message.empty() || !takeElement(*contentInfo, objectIdentifier)) {
+    auto contentInfo = der::take(message, der::sequence);
+    if (!contentInfo || !message.empty() || !der::take(*contentInfo, der::objectIdentifier)) {
         return false;
     }
-    auto content = takeElement(*contentInfo, context0);
+    auto content = der::take(*contentInfo, der::constructed(0));
     if (!content || !contentInfo->empty()) {
         return false;
     }
-    auto signedData = takeElement(*content, sequence);
+    auto signedData = der::take(*content, der::sequence);
     if (!signedData || !content->empty()) {
         return false;
     }
 
-    const bool beginsRight = takeElement(*signedData, integer) && takeElement(*signedData, set) &&
-                             takeElement(*signedData, sequence);
+    const bool beginsRight = der::take(*signedData, der::integer) &&
+                             der::take(*signedData, der::set) &&
+                             der::take(*signedData, der::sequence);
     if (!beginsRight) {
         return false;
     }
-    const auto certificates = takeElement(*signedData, context0);
-    const auto signers = takeElement(*signedData, set);
+    const auto certificates = der::take(*signedData, der::constructed(0));
+    const auto signers = der::take(*signedData, der::set);
     return signedData->empty() && certificates && areSequences(*certificates, 1, maxCertificates) &&
            signers && areSequences(*signers, 1, 1);
 }

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "platform/linux/codesigning/Libcrypto.h"
-#include "support/Mutex.h"
+#include "platform/linux/codesigning/SignatureOutline.h"
 #include "support/SystemCalls.h"
 
 namespace tarnvale::platform {
@@ -20,12 +20,6 @@ namespace {
 constexpr int securityLevel = 2;
 
 constexpr std::size_t chunkSize = std::size_t{64} << 10;
-
-/// Held while a message is decoded.
-support::Mutex& decoding() {
-    static auto& mutex = *new support::Mutex;
-    return mutex;
-}
 
 /// Leaves no errors of ours in the thread's error queue.
 class ErrorQueue {
@@ -113,9 +107,8 @@ X509* leafOf(const Libcrypto& library, CMS_SignerInfo* signer, STACK_OF(X509) * 
     return leaf;
 }
 
-REQUIRES(decoding())
 std::optional<Decoded> decode(const Libcrypto& library, std::string_view bytes) {
-    if (!hasShapeOfSignature(bytes)) {
+    if (!readOutline(bytes)) {
         return std::nullopt;
     }
     Decoded decoded;
@@ -276,22 +269,18 @@ std::string hex(const std::array<unsigned char, EVP_MAX_MD_SIZE>& bytes, std::si
 }  // namespace
 
 std::optional<Claims> readClaims(std::string_view message) {
-    const Libcrypto& library = Libcrypto::get();
-    const support::MutexLock lock(decoding());
-    const ErrorQueue errors(library);
-
-    auto decoded = decode(library, message);
-    if (!decoded) {
+    const auto outline = readOutline(message);
+    auto content = outline ? parseSignedContent(outline->content) : std::nullopt;
+    if (!content) {
         return std::nullopt;
     }
     return Claims{
-        .content = std::move(decoded->content),
-        .teamIdentifier = subjectOUOf(library, decoded->leaf)};
+        .content = std::move(*content),
+        .teamIdentifier = organizationalUnitOf(outline->signerSubject)};
 }
 
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
     const Libcrypto& library = Libcrypto::get();
-    const support::MutexLock lock(decoding());
     const ErrorQueue errors(library);
 
     auto decoded = decode(library, message);

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// The CMS message of a signature, read by OpenSSL: what it says about the code, whether it and its
-// certificates can be trusted, and the digest to compare it with. Nothing that OpenSSL allocates
-// leaves these functions. One message is decoded at a time: hostile peers cannot make the service
-// spend more than one message costs. Safe from any thread. Without libcrypto each function throws
-// `SharedLibraryError`.
+// The CMS message of a signature: what it says about the code, whether it and its certificates can
+// be trusted, and the digest to compare it with. OpenSSL decodes a message once, for the question
+// whether it can be trusted, and only one whose outline is good. Nothing that OpenSSL allocates
+// leaves these functions. Safe from any thread.
 
 #pragma once
 
@@ -30,8 +29,8 @@ struct Claims {
     bool operator==(const Claims&) const = default;
 };
 
-/// Nothing when the message isn't a signature: signed data with the three lines inside, one signer,
-/// and certificates, the signer's among them.
+/// Nothing when the message isn't a signature: one with a good outline and the three lines inside.
+/// Takes no library.
 std::optional<Claims> readClaims(std::string_view message);
 
 /// What a message says that a trusted signer has signed.
@@ -43,9 +42,11 @@ struct Trusted {
 
 /// Nothing unless the chain from the signer's certificate to one of the roots verifies, all of its
 /// certificates are valid now, the signer's is for code signing, and its key made the signature.
+/// Throws `SharedLibraryError` without libcrypto.
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem);
 
 /// SHA-256 of the file's first `size` bytes, in lower-case hex; nothing when they cannot be read.
+/// Throws `SharedLibraryError` without libcrypto.
 std::optional<std::string> sha256(int file, off_t size);
 
 }  // namespace tarnvale::platform

@@ -5,8 +5,10 @@
 
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -25,6 +27,17 @@ struct Peer {
     /// On Linux a pidfd, which still names this process when another has got its ID; -1 when the
     /// caller knows only the ID. macOS doesn't use it. The transport owns it.
     int handle = -1;
+
+    /// On Linux, the user whose peers take turns with those of other users at being checked, and
+    /// when the checks must be done. Without a user there are neither turns nor a limit.
+    std::optional<uid_t> user{};
+    std::chrono::steady_clock::time_point checkedBy = std::chrono::steady_clock::time_point::max();
+};
+
+/// The peer's time was over before its turn to be checked came. That says nothing about the peer.
+class CheckOverdue : public std::runtime_error {
+public:
+    CheckOverdue() : std::runtime_error("The peer could not be checked in time.") {}
 };
 
 /// What a signature says about itself.
@@ -36,6 +49,7 @@ struct SigningInformation {
 };
 
 /// The program that a process runs. One thread may use it, as long as the peer's handle is open.
+/// Both questions throw `CheckOverdue`.
 class Code {
 public:
     virtual ~Code() = default;

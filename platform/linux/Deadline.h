@@ -16,6 +16,9 @@ public:
     Deadline() = default;
 
     static Deadline in(Clock::duration limit) { return Deadline(Clock::now() + limit); }
+    static Deadline at(Clock::time_point time) { return Deadline(time); }
+
+    Clock::time_point time() const { return time_; }
 
     bool isOver() const { return Clock::now() >= time_; }
 

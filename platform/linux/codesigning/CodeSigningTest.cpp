@@ -4,6 +4,7 @@
 
 #include "platform/CodeSigning.h"
 
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -189,6 +190,21 @@ TEST_F(CodeSigningTest, TellsAPeerFromTheNextProcessWithItsID) {
     ASSERT_EQ(next.pid(), gone.pid());
     EXPECT_EQ(signing->guest(process->peer()), nullptr);
     EXPECT_NE(signing->guest({.pid = gone.pid()}), nullptr) << "the ID alone says nothing";
+}
+
+TEST_F(CodeSigningTest, SaysNothingOfAPeerWhoseTimeWasOverBeforeItsTurnCame) {
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    Peer peer = process->peer();
+    peer.user = ::getuid();
+    peer.checkedBy = std::chrono::steady_clock::now();
+
+    EXPECT_THROW(signing->guest(peer)->signingInformation(), CheckOverdue);
+    EXPECT_THROW(signing->guest(peer)->isValid(anchored), CheckOverdue);
+
+    peer.checkedBy += std::chrono::seconds(10);
+    EXPECT_THAT(signing->guest(peer)->signingInformation(), Optional(clientInformation));
+    EXPECT_TRUE(signing->guest(peer)->isValid(anchored));
 }
 
 TEST_F(CodeSigningTest, ChecksAPeerAgainThatRunsAnotherProgram) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // Code signatures on Linux: the executable that a process runs is opened once, and its last bytes
-// are its signature.
+// are its signature. Reading a file may take as long as its file system likes, so threads read side
+// by side; at what then takes the processor, users take turns.
 
 #include <ctime>
 #include <memory>
@@ -14,9 +15,11 @@
 #include <sys/stat.h>
 
 #include "platform/CodeSigning.h"
+#include "platform/linux/Deadline.h"
 #include "platform/linux/PeerProcess.h"
 #include "platform/linux/SharedLibrary.h"
 #include "platform/linux/codesigning/CodeSignature.h"
+#include "platform/linux/codesigning/FairTurns.h"
 #include "platform/linux/codesigning/FileIdentity.h"
 #include "platform/linux/codesigning/Requirement.h"
 #include "platform/linux/codesigning/Roots.h"
@@ -39,17 +42,25 @@ std::optional<FileIdentity> identityOf(int file) {
     return FileIdentity(status);
 }
 
+/// The turns of the peers to be checked.
+struct Turns {
+    FairTurns messages{2};
+    FairTurns digests{1};  ///< they take longest, and shall leave a processor to others
+};
+
 /// The code that a process ran at one moment: one state of a file.
 class LinuxCode final : public Code {
 public:
     /// `link` is where /proc shows the executable of the peer, or, without a peer, of this process.
     LinuxCode(
+        Turns& turns,
         VerifiedExecutables& verified,
         std::string link,
         std::optional<Peer> peer,
         std::optional<PeerProcess> owned,
         const FileIdentity& executable)
-        : verified_(verified),
+        : turns_(turns),
+          verified_(verified),
           link_(std::move(link)),
           peer_(peer),
           owned_(std::move(owned)),
@@ -59,11 +70,7 @@ public:
         if (auto information = verified_.informationOf(executable_)) {
             return information;
         }
-        try {
-            return readInformation();
-        } catch (const SharedLibraryError&) {
-            return std::nullopt;
-        }
+        return readInformation();
     }
 
     bool isValid(std::string_view requirement) override {
@@ -97,7 +104,8 @@ private:
         if (!open()) {
             return std::nullopt;
         }
-        auto claims = readClaims(trailer_->message);
+        std::optional<Claims> claims;
+        inTurn(turns_.messages, [&] { claims = readClaims(trailer_->message); });
         if (!claims) {
             return std::nullopt;
         }
@@ -113,7 +121,8 @@ private:
         if (!parsed || !roots || !open()) {
             return false;
         }
-        auto trusted = verify(trailer_->message, roots->pem);
+        std::optional<Trusted> trusted;
+        inTurn(turns_.messages, [&] { trusted = verify(trailer_->message, roots->pem); });
         if (!trusted) {
             return false;
         }
@@ -121,8 +130,9 @@ private:
             .identifier = trusted->content.identifier,
             .chain = std::move(trusted->chain),
             .anchored = true};
+        const auto paced = [this](const auto& work) { inTurn(turns_.digests, work); };
         if (!parsed->holds(facts) ||
-            sha256(file_.get(), trailer_->programSize) != trusted->content.sha256 ||
+            sha256(file_.get(), trailer_->programSize, paced) != trusted->content.sha256 ||
             identityOf(file_.get()) != executable_) {
             return false;
         }
@@ -138,6 +148,21 @@ private:
         return true;
     }
 
+    /// Nobody waits for this process itself.
+    template <typename Work>
+    void inTurn(FairTurns& turns, const Work& work) {
+        if (!peer_ || !peer_->user) {
+            work();
+            return;
+        }
+        const auto turn = turns.take(*peer_->user, Deadline::at(peer_->checkedBy));
+        if (!turn) {
+            throw CheckOverdue();
+        }
+        work();
+    }
+
+    Turns& turns_;
     VerifiedExecutables& verified_;
     std::string link_;
     std::optional<Peer> peer_;
@@ -164,7 +189,8 @@ public:
         if (!process) {
             return nullptr;
         }
-        const Peer named = process->peer();
+        Peer named = peer;
+        named.handle = process->peer().handle;
         return codeAt(executableLink(named), named, std::move(process));
     }
 
@@ -176,9 +202,10 @@ private:
             return nullptr;
         }
         return std::make_unique<LinuxCode>(
-            verified_, std::move(link), peer, std::move(owned), FileIdentity(status));
+            turns_, verified_, std::move(link), peer, std::move(owned), FileIdentity(status));
     }
 
+    Turns turns_;
     VerifiedExecutables verified_;
 };
 

@@ -309,7 +309,7 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
     return trusted;
 }
 
-std::optional<std::string> sha256(int file, off_t size) {
+std::optional<std::string> sha256(int file, off_t size, const Pace& pace) {
     const Libcrypto& library = Libcrypto::get();
     const ErrorQueue errors(library);
     const DigestContext context(library.EVP_MD_CTX_new());
@@ -323,8 +323,13 @@ std::optional<std::string> sha256(int file, off_t size) {
             static_cast<std::size_t>(std::min<off_t>(size - done, off_t{chunkSize}));
         const ssize_t got =
             support::uninterrupted([&] { return ::pread(file, chunk->data(), wanted, done); });
-        if (got <= 0 || library.EVP_DigestUpdate(
-                            context.get(), chunk->data(), static_cast<std::size_t>(got)) != 1) {
+        bool isDone = false;
+        pace([&] {
+            isDone =
+                got > 0 && library.EVP_DigestUpdate(
+                               context.get(), chunk->data(), static_cast<std::size_t>(got)) == 1;
+        });
+        if (!isDone) {
             return std::nullopt;
         }
         done += got;

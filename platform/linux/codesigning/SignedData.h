@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -45,8 +46,13 @@ struct Trusted {
 /// Throws `SharedLibraryError` without libcrypto.
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem);
 
+/// Does a small piece of work, when its turn has come.
+using Pace = std::function<void(const std::function<void()>& work)>;
+
 /// SHA-256 of the file's first `size` bytes, in lower-case hex; nothing when they cannot be read.
-/// Throws `SharedLibraryError` without libcrypto.
-std::optional<std::string> sha256(int file, off_t size);
+/// Reads at any time, which can take as long as the file system likes, and computes at this pace.
+/// Throws `SharedLibraryError` without libcrypto, and what `pace` throws.
+std::optional<std::string> sha256(
+    int file, off_t size, const Pace& pace = [](const auto& work) { work(); });
 
 }  // namespace tarnvale::platform

@@ -25,7 +25,10 @@ DBusConnection::DBusConnection(UniqueFd socket, uid_t uid, CodeSigning& codeSign
       uid_(uid),
       codeSigning_(codeSigning),
       process_(PeerProcess::ofSocket(socket_.get())),
-      peer_(process_ ? process_->peer() : Peer{}) {}
+      peer_(process_ ? process_->peer() : Peer{}) {
+    peer_.user = uid;
+    peer_.checkedBy = handshakeDeadline_.time();
+}
 
 bool DBusConnection::setCodeSigningRequirement(const std::string& requirement) {
     requirement_ = requirement;  // whether it holds is asked before every message
@@ -52,7 +55,8 @@ void DBusConnection::run(TransportDelegate& delegate, TarnvaleAdminHelperProtoco
     }
 }
 
-bool DBusConnection::requirementHolds() {
+bool DBusConnection::requirementHolds(const Deadline& deadline) {
+    peer_.checkedBy = deadline.time();
     const auto code = codeSigning_.guest(peer_);
     return code != nullptr && code->isValid(requirement_);
 }
@@ -60,12 +64,12 @@ bool DBusConnection::requirementHolds() {
 void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
     // Admission may have gone by what the signature says of itself, and sd-bus reads as soon as it
     // is started. Before that the signature must be known to be good.
-    if (!requirementHolds()) {
+    if (!requirementHolds(handshakeDeadline_)) {
         return;
     }
     userOfRequest = uid_;
-    DBusSession(socket_.get(), exported, [this] {
-        return requirementHolds();
+    DBusSession(socket_.get(), exported, [this](const Deadline& deadline) {
+        return requirementHolds(deadline);
     }).run(handshakeDeadline_);
 }
 

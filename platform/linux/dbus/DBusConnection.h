@@ -36,7 +36,7 @@ public:
 
 private:
     void serve(TarnvaleAdminHelperProtocol& exported);
-    bool requirementHolds();
+    bool requirementHolds(const Deadline& deadline);
 
     support::UniqueFd socket_;
     uid_t uid_;

@@ -59,8 +59,7 @@ bool hasTakenEverything(int socket) {
 
 }  // namespace
 
-DBusSession::DBusSession(
-    int socket, TarnvaleAdminHelperProtocol& exported, std::function<bool()> mayRead)
+DBusSession::DBusSession(int socket, TarnvaleAdminHelperProtocol& exported, MayRead mayRead)
     : socket_(socket),
       mayRead_(std::move(mayRead)),
       object_{.exported = exported, .socket = socket},
@@ -69,23 +68,25 @@ DBusSession::DBusSession(
 }
 
 void DBusSession::run(const Deadline& handshakeDeadline) {
-    if (!finishHandshake(handshakeDeadline) || !drain()) {
+    handshakeDeadline_ = handshakeDeadline;
+    if (!finishHandshake() || !drain()) {
         return;
     }
     while (serveNext()) {
     }
 }
 
-bool DBusSession::finishHandshake(const Deadline& deadline) {
-    while (!deadline.isOver()) {
+bool DBusSession::finishHandshake() {
+    while (!handshakeDeadline_.isOver()) {
         const int events = awaitedEvents();
-        if (events != 0 && !waitFor(socket_, static_cast<short>(events), deadline)) {
+        if (events != 0 && !waitFor(socket_, static_cast<short>(events), handshakeDeadline_)) {
             return false;
         }
         if (process() == Progress::over) {
             return false;
         }
         if (checkBus(systemd().sd_bus_is_ready(bus_.get())) > 0) {
+            handshakeDeadline_ = Deadline();
             return true;
         }
     }
@@ -161,7 +162,7 @@ DBusSession::Progress DBusSession::exchange() {
 
 /// One step of sd-bus: it writes, reads, or hands one message to its handler.
 DBusSession::Progress DBusSession::process() {
-    if (!mayRead_()) {
+    if (!mayRead()) {
         return Progress::over;
     }
     hasMessage_ = false;
@@ -187,6 +188,10 @@ Deadline DBusSession::nextDeadline() const {
     return std::min(replyDeadline_, requestDeadline_);
 }
 
+bool DBusSession::mayRead() const {
+    return mayRead_(std::min(handshakeDeadline_, Deadline::in(checkLimit)));
+}
+
 /// Stands between a message that has been read and its handler.
 int DBusSession::passGate(
     sd_bus_message* message, void* session, sd_bus_error* /*error*/) noexcept {
@@ -210,7 +215,7 @@ int DBusSession::passGate(
 bool DBusSession::letPass() noexcept {
     hasMessage_ = true;
     try {
-        hasHeldBack_ = hasHeldBack_ || !(isDrained_ || mayRead_());
+        hasHeldBack_ = hasHeldBack_ || !(isDrained_ || mayRead());
     } catch (...) {
         hasHeldBack_ = true;
     }

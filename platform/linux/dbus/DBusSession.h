@@ -24,11 +24,16 @@ public:
     static constexpr std::chrono::seconds arrivalLimit{30};
     /// How long a peer may take to fetch a reply.
     static constexpr std::chrono::seconds fetchLimit{30};
+    /// How long the check before a message may take.
+    static constexpr std::chrono::seconds checkLimit{10};
+
+    /// Whether the peer may be listened to; the answer is wanted by the deadline.
+    using MayRead = std::function<bool(const Deadline& deadline)>;
 
     /// Starts to speak on the connected, non-blocking `socket`, which stays the caller's and must
     /// outlive the session, as `exported` must. `mayRead` is asked before anything is read; its
     /// first no ends the session. Throws `std::system_error`.
-    DBusSession(int socket, TarnvaleAdminHelperProtocol& exported, std::function<bool()> mayRead);
+    DBusSession(int socket, TarnvaleAdminHelperProtocol& exported, MayRead mayRead);
     DBusSession(const DBusSession&) = delete;
     DBusSession& operator=(const DBusSession&) = delete;
     ~DBusSession() = default;
@@ -40,7 +45,7 @@ public:
 private:
     enum class Progress { none, some, over };
 
-    bool finishHandshake(const Deadline& deadline);
+    bool finishHandshake();
     bool drain();
     bool serveNext();
 
@@ -52,20 +57,22 @@ private:
     int awaitedEvents() const;
     bool isWriting() const;
     Deadline nextDeadline() const;
+    bool mayRead() const;
 
     static int passGate(sd_bus_message* message, void* session, sd_bus_error* error) noexcept;
     bool letPass() noexcept;
 
     int socket_;
-    std::function<bool()> mayRead_;
+    MayRead mayRead_;
     ProtocolObject object_;
     Bus bus_;
 
     bool isDrained_ = false;   ///< sd-bus holds nothing that was read before its last check
     bool hasMessage_ = false;  ///< the last step has brought one
     bool hasHeldBack_ = false;
-    Deadline requestDeadline_;  ///< for the rest of a message that has begun to arrive
-    Deadline replyDeadline_;    ///< for the peer to take what was sent last
+    Deadline handshakeDeadline_;  ///< until the handshake is finished
+    Deadline requestDeadline_;    ///< for the rest of a message that has begun to arrive
+    Deadline replyDeadline_;      ///< for the peer to take what was sent last
 };
 
 }  // namespace tarnvale::platform

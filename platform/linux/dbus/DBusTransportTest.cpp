@@ -47,8 +47,15 @@ public:
     /// its beginning.
     std::atomic<int> slowCheck = 0;
 
+    /// Checks come too late.
+    std::atomic<bool> isOverdue = false;
+    std::atomic<uid_t> lastUser = 12345;
+    std::atomic<std::chrono::steady_clock::time_point> lastDeadline;
+
     std::unique_ptr<Code> self() override { return nullptr; }
-    std::unique_ptr<Code> guest(const Peer& /*peer*/) override {
+    std::unique_ptr<Code> guest(const Peer& peer) override {
+        lastUser = peer.user.value_or(12345);
+        lastDeadline = peer.checkedBy;
         return std::make_unique<FakeCode>(*this);
     }
 
@@ -58,6 +65,9 @@ private:
         explicit FakeCode(FakeSigning& signing) : signing_(signing) {}
         std::optional<SigningInformation> signingInformation() override { return {}; }
         bool isValid(std::string_view /*requirement*/) override {
+            if (signing_.isOverdue) {
+                throw CheckOverdue();
+            }
             const bool found = signing_.valid;
             const int number = ++signing_.checks;
             while (signing_.slowCheck == number) {
@@ -331,6 +341,28 @@ TEST_F(DBusTransportTest, ChecksThePeerBeforeEveryMessage) {
     EXPECT_FALSE(client.call("HelperVersion", ""));
     EXPECT_EQ(echo.calls, calls);
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
+}
+
+TEST_F(DBusTransportTest, ChecksAPeerOnBehalfOfItsUserWithinTenSeconds) {
+    const auto begin = std::chrono::steady_clock::now();
+    Client client;
+    EXPECT_TRUE(client.call("HelperVersion", ""));
+    const auto end = std::chrono::steady_clock::now();
+
+    EXPECT_EQ(signing.lastUser, ::getuid());
+    EXPECT_GE(signing.lastDeadline.load(), begin + 10s);
+    EXPECT_LE(signing.lastDeadline.load(), end + 10s);
+}
+
+TEST_F(DBusTransportTest, ACheckThatComesTooLateEndsTheConnection) {
+    Client client;
+    EXPECT_TRUE(client.call("HelperVersion", ""));
+
+    signing.isOverdue = true;
+
+    EXPECT_FALSE(client.call("HelperVersion", ""));
+    EXPECT_TRUE(connectRaw().closesWithin(5s));
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 2; }));
 }
 
 TEST_F(DBusTransportTest, ChecksAMessageAgainThatComesDuringTheCheckBeforeTheFirst) {

@@ -61,6 +61,10 @@ public:
     /// with `exported`; both must outlive the process. Throws `TransportError`.
     virtual void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) = 0;
 
+    /// Takes no more connections, so that the process may end: those that come now wait for the
+    /// next one. False, and nothing has changed, when a connection is open or has just been taken.
+    virtual bool retire() = 0;
+
     /// The effective user ID of the connection whose request this thread is serving; nothing
     /// outside a request.
     virtual std::optional<uid_t> currentEffectiveUserID() const = 0;

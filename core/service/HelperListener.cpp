@@ -13,6 +13,24 @@
 
 namespace tarnvale {
 
+/// Counts an admission for as long as it exists.
+class HelperListener::Admission {
+public:
+    explicit Admission(HelperListener& listener) : listener_(listener) {
+        const support::MutexLock lock(listener_.stateLock_);
+        ++listener_.admissionsUnderWay_;
+    }
+    Admission(const Admission&) = delete;
+    Admission& operator=(const Admission&) = delete;
+    ~Admission() {
+        const support::MutexLock lock(listener_.stateLock_);
+        --listener_.admissionsUnderWay_;
+    }
+
+private:
+    HelperListener& listener_;
+};
+
 HelperListener::HelperListener(
     platform::Transport& transport, platform::MainLoop& loop, ClientAdmission& admission)
     : transport_(transport), loop_(loop), admission_(admission), lastActivity_(loop.now()) {}
@@ -31,6 +49,11 @@ void HelperListener::start(TarnvaleAdminHelperProtocol& exported) {
 }
 
 bool HelperListener::shouldAcceptNewConnection(platform::NewConnection& connection) {
+    const Admission underWay(*this);
+    return admit(connection);
+}
+
+bool HelperListener::admit(platform::NewConnection& connection) {
     if (!admission_.isAllowedClient(connection.peer()) ||
         !connection.setCodeSigningRequirement(admission_.clientRequirement())) {
         helperLog(
@@ -76,9 +99,14 @@ void HelperListener::checkIdle() {
     const auto now = loop_.now();
     {
         const support::MutexLock lock(stateLock_);
-        if (activeConnections_ != 0 || now - lastActivity_ <= idleLimit) {
+        if (activeConnections_ != 0 || admissionsUnderWay_ != 0 ||
+            now - lastActivity_ <= idleLimit) {
             return;
         }
+    }
+    // Whoever connects from here on is the next process's client.
+    if (!transport_.retire()) {
+        return;
     }
     helperLog("Idle; exiting. launchd will relaunch on the next request.");
     loop_.exitProcess(EXIT_SUCCESS);

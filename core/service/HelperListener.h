@@ -46,11 +46,14 @@ public:
     /// are open.
     void shutdownForUpgrade(const std::function<void()>& reply);
 
-    /// Ends the process if no connection is open and the last activity is longer than `idleLimit`
-    /// ago.
+    /// Ends the process if no connection is open or being admitted, and the last activity is longer
+    /// than `idleLimit` ago.
     void checkIdle() EXCLUDES(stateLock_);
 
 private:
+    class Admission;
+
+    bool admit(platform::NewConnection& connection) EXCLUDES(stateLock_);
     void connectionEnded() EXCLUDES(stateLock_);
 
     platform::Transport& transport_;
@@ -60,6 +63,8 @@ private:
     support::Mutex stateLock_;
     /// Connections that were admitted and have not ended.
     std::int64_t activeConnections_ GUARDED_BY(stateLock_) = 0;
+    /// Connections that are being looked at.
+    std::int64_t admissionsUnderWay_ GUARDED_BY(stateLock_) = 0;
     /// Wall-clock time of the last admission, end or request.
     platform::MainLoop::Clock::time_point lastActivity_ GUARDED_BY(stateLock_);
 };

@@ -146,6 +146,32 @@ TEST_F(HelperListenerTest, ASilentConnectionKeepsItAlive) {
     EXPECT_TRUE(endsAfter(30s));
 }
 
+TEST_F(HelperListenerTest, AnAdmissionUnderWayKeepsItAlive) {
+    bool hasEnded = true;
+    codeSigning.duringLookup = [&] { hasEnded = endsAfter(10min); };
+
+    const auto admitted = connect();
+    EXPECT_FALSE(hasEnded);
+    admitted->invalidationHandler();
+    FakeConnection rejected(stranger, 502);
+    EXPECT_FALSE(listener->shouldAcceptNewConnection(rejected));
+    EXPECT_FALSE(hasEnded);
+
+    codeSigning.duringLookup = [] { throw platform::CheckOverdue(); };
+    EXPECT_THROW(listener->shouldAcceptNewConnection(rejected), platform::CheckOverdue);
+    EXPECT_TRUE(endsAfter(121s)) << "each of them is over";
+}
+
+TEST_F(HelperListenerTest, EndsOnlyOnceTheTransportTakesNoMoreConnections) {
+    transport.mayRetire = false;
+    EXPECT_FALSE(endsAfter(121s));
+    EXPECT_THAT(logMessages(), IsEmpty());
+
+    transport.mayRetire = true;
+    EXPECT_TRUE(endsAfter(30s));
+    EXPECT_TRUE(transport.isRetired);
+}
+
 TEST_F(HelperListenerTest, WaitsForTheLastOfSeveralConnections) {
     const auto first = connect();
     const auto second = connect();

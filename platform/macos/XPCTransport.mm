@@ -252,6 +252,10 @@ public:
         }
     }
 
+    bool retire() override {
+        return true;  // launchd keeps what nobody has taken
+    }
+
     std::optional<uid_t> currentEffectiveUserID() const override {
         @autoreleasepool {
             NSXPCConnection* const connection = [NSXPCConnection currentConnection];

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,7 +27,8 @@ public:
     std::optional<Program> own = Program{};
     std::map<pid_t, Program> peers;
     int selfLookups = 0;
-    std::set<std::string, std::less<>> asked;  ///< every requirement that was checked
+    std::set<std::string, std::less<>> asked;    ///< every requirement that was checked
+    std::function<void()> duringLookup = [] {};  ///< happens while a peer is looked up
 
     std::unique_ptr<platform::Code> self() override {
         ++selfLookups;
@@ -34,6 +36,7 @@ public:
     }
 
     std::unique_ptr<platform::Code> guest(const platform::Peer& peer) override {
+        duringLookup();
         const auto found = peers.find(peer.pid);
         return found == peers.end() ? nullptr : std::make_unique<RunningCode>(found->second, asked);
     }

@@ -43,11 +43,18 @@ public:
     platform::TransportDelegate* delegate = nullptr;
     TarnvaleAdminHelperProtocol* exported = nullptr;
     std::optional<uid_t> caller;  ///< whose request is being served
+    bool mayRetire = true;
+    bool isRetired = false;
 
     void resume(platform::TransportDelegate& newDelegate, TarnvaleAdminHelperProtocol& newExported)
         override {
         delegate = &newDelegate;
         exported = &newExported;
+    }
+
+    bool retire() override {
+        isRetired = mayRetire;
+        return mayRetire;
     }
 
     std::optional<uid_t> currentEffectiveUserID() const override { return caller; }

@@ -3,6 +3,7 @@
 // The transport on Linux: peer-to-peer D-Bus on a Unix stream socket, with one thread for each
 // connection. One more thread accepts, and does nothing that a peer could hold up.
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <list>
@@ -114,6 +115,11 @@ public:
         return connections_.begin();
     }
 
+    bool isEmpty() {
+        const support::MutexLock lock(mutex_);
+        return connections_.empty();
+    }
+
     /// Destroys the connection without the lock: that may take long.
     void end(Place place) {
         std::list<OpenConnection> ended;
@@ -136,6 +142,16 @@ public:
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
 
+    /// The thread that accepts says that it is at it before it looks whether it may. So one of the
+    /// two sees what the other has said.
+    bool retire() override {
+        isRetired_ = true;
+        if (isAccepting_ || !open_.isEmpty()) {
+            isRetired_ = false;
+        }
+        return isRetired_;
+    }
+
     std::optional<uid_t> currentEffectiveUserID() const override {
         return effectiveUserIDOfRequest();
     }
@@ -144,19 +160,32 @@ private:
     void acceptAll(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
         using namespace std::chrono_literals;
         while (true) {
-            UniqueFd socket(
-                ::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-            if (socket) {
-                begin(delegate, exported, std::move(socket));
-            } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            const int error = acceptOne(delegate, exported);
+            if (error == EAGAIN || error == EWOULDBLOCK) {
                 pollfd waited{.fd = listening_.get(), .events = POLLIN, .revents = 0};
                 ::poll(&waited, 1, -1);
-            } else if (errno != EINTR && errno != ECONNABORTED) {
-                // No descriptor or no memory is left. The connection still waits, so asking again
-                // at once would spin.
+            } else if (error != 0 && error != EINTR && error != ECONNABORTED) {
+                // No descriptor or no memory is left, or the process is about to end. The
+                // connection still waits, so asking again at once would spin.
                 std::this_thread::sleep_for(100ms);
             }
         }
+    }
+
+    /// Returns 0 or why there was nothing to take, an errno.
+    int acceptOne(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
+        isAccepting_ = true;
+        int error = ECANCELED;
+        if (!isRetired_) {
+            UniqueFd socket(
+                ::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+            error = socket ? 0 : errno;
+            if (socket) {
+                begin(delegate, exported, std::move(socket));
+            }
+        }
+        isAccepting_ = false;
+        return error;
     }
 
     /// Gives the connection a thread of its own, or closes it when there is no room.
@@ -214,6 +243,8 @@ private:
     UniqueFd listening_;
     ConnectionSlots slots_;
     OpenConnections open_;
+    std::atomic<bool> isAccepting_ = false;
+    std::atomic<bool> isRetired_ = false;
 };
 
 }  // namespace

@@ -90,7 +90,15 @@ public:
     std::atomic<pid_t> lastPeer = 0;
     std::atomic<uid_t> lastUser = 12345;
 
+    /// As long as it isn't set, admissions take their time.
+    std::atomic<bool> hasDecided = true;
+    std::atomic<int> asked = 0;
+
     bool shouldAcceptNewConnection(NewConnection& connection) override {
+        ++asked;
+        while (!hasDecided) {
+            std::this_thread::sleep_for(1ms);
+        }
         lastPeer = connection.peer().pid;
         lastUser = connection.effectiveUserID();
         if (!admits || !connection.setCodeSigningRequirement(requirement)) {
@@ -394,6 +402,22 @@ TEST_F(DBusTransportTest, ReportsTheEndOfEachConnectionOnce) {
 
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 20; }));
     EXPECT_EQ(doorkeeper.admitted, 20);
+}
+
+TEST_F(DBusTransportTest, RetiresOnlyWhenNobodyIsThere) {
+    doorkeeper.hasDecided = false;
+    std::optional<RawPeer> peer = connectRaw();
+    ASSERT_TRUE(eventually([&] { return doorkeeper.asked == 1; }));
+    EXPECT_FALSE(transport->retire()) << "it is being admitted";
+    doorkeeper.hasDecided = true;
+    ASSERT_TRUE(eventually([&] { return doorkeeper.admitted == 1; }));
+    EXPECT_FALSE(transport->retire()) << "it is open";
+
+    peer.reset();
+    EXPECT_TRUE(eventually([&] { return transport->retire(); }));
+
+    EXPECT_FALSE(connectRaw().closesWithin(500ms)) << "it waits for the next process";
+    EXPECT_EQ(doorkeeper.admitted, 1);
 }
 
 TEST_F(DBusTransportTest, SurvivesPeersThatConnectAndHangUp) {

@@ -39,7 +39,6 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_process)                   \
     SYMBOL(sd_bus_reply_method_errorf)       \
     SYMBOL(sd_bus_send)                      \
-    SYMBOL(sd_bus_set_address)               \
     SYMBOL(sd_bus_set_anonymous)             \
     SYMBOL(sd_bus_set_fd)                    \
     SYMBOL(sd_bus_set_server)                \

@@ -13,12 +13,17 @@
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/socket.h>
+
 #include "platform/HelperClient.h"
 #include "platform/linux/Deadline.h"
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "platform/linux/dbus/SdBus.h"
 #include "platform/linux/dbus/WireProtocol.h"
+#include "support/SystemCalls.h"
 #include "support/Text.h"
+#include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -66,14 +71,31 @@ int require(int result) {
     return result;
 }
 
+/// Connects as sd-bus doesn't: it waits while more peers want to connect than the socket can queue.
+support::UniqueFd connectedSocket() {
+    support::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    constexpr timeval limit{.tv_sec = admissionLimit.count(), .tv_usec = 0};
+    const auto address = addressOf(listeningSocketPath);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    const bool isConnected =
+        fd && ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
+        support::uninterrupted([&] { return ::connect(fd.get(), generic, sizeof address); }) == 0 &&
+        ::fcntl(fd.get(), F_SETFL, O_NONBLOCK) == 0;
+    if (!isConnected) {
+        throw HelperClientError::notReachable(textOf(errno == EAGAIN ? ETIMEDOUT : errno));
+    }
+    return fd;
+}
+
 class DBusClient final : public HelperClient {
 public:
     DBusClient() {
+        auto socket = connectedSocket();
         sd_bus* made = nullptr;
         requireAdmission(systemd().sd_bus_new(&made));
         bus_.reset(made);
-        const std::string address = std::string("unix:path=") + listeningSocketPath;
-        requireAdmission(systemd().sd_bus_set_address(made, address.c_str()));
+        requireAdmission(systemd().sd_bus_set_fd(made, socket.get(), socket.get()));
+        socket.release();
         requireAdmission(systemd().sd_bus_start(made));
         awaitAdmission();
     }

@@ -3,6 +3,7 @@
 // The client against the transport that the helper has, in one process.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -17,6 +18,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "platform/HelperClient.h"
@@ -26,6 +28,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/FakeHelper.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -123,6 +126,29 @@ protected:
     Doorkeeper& doorkeeper = *new Doorkeeper;
     Exported& exported = *new Exported;
 };
+
+TEST(DBusClientBeforeTest, WaitsForAPlaceInTheQueue) {
+    UniqueFd listening = openListeningSocket(0);
+    ASSERT_EQ(::listen(listening.get(), 0), 0);
+    const UniqueFd first = test::connectTo(listeningSocketPath);
+    std::atomic<bool> isWaiting = true;
+    std::thread client([&] {
+        connectionError(HelperClientError::Case::notAdmitted);
+        isWaiting = false;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(isWaiting);
+
+    UniqueFd accepted(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    // Now the client itself is in the queue, and is turned away.
+    pollfd queue{.fd = listening.get(), .events = POLLIN, .revents = 0};
+    ASSERT_EQ(::poll(&queue, 1, 10'000), 1);
+    accepted.reset(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    accepted.reset();
+
+    client.join();
+    EXPECT_FALSE(isWaiting);
+}
 
 TEST_F(DBusClientTest, PassesEveryRequestOn) {
     const auto client = connectToHelper();

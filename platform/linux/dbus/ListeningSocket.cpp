@@ -2,19 +2,16 @@
 
 #include "platform/linux/dbus/ListeningSocket.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <system_error>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "platform/Transport.h"
@@ -62,13 +59,6 @@ UniqueFd adoptPassedSocket(int descriptor) {
         fail("Could not set up the socket that was passed", errno);
     }
     return fd;
-}
-
-sockaddr_un addressOf(std::string_view path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::copy(path.begin(), path.end(), address.sun_path);
-    return address;
 }
 
 UniqueFd newSocket() {

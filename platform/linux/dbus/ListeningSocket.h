@@ -4,11 +4,25 @@
 
 #pragma once
 
+#include <algorithm>
+#include <string_view>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
 
 inline constexpr const char* listeningSocketPath = "/run/com.brackwen.tarnvale.adminhelper.socket";
+
+/// A shorter path than the address has room for.
+inline sockaddr_un addressOf(std::string_view path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::copy(path.begin(), path.end(), address.sun_path);
+    return address;
+}
 
 /// How many sockets systemd has passed to this process. Removes the variables that say so from the
 /// environment, so that no child takes them for its own. Nothing else may read the environment

@@ -20,8 +20,8 @@ inline constexpr std::string_view signatureMagic = "~Tarnvale code signature~\n"
 /// Longer messages are not looked at.
 inline constexpr std::size_t maxMessageSize = std::size_t{1} << 20;
 
-/// Larger programs are not looked at, so that no peer keeps root hashing for minutes.
-inline constexpr off_t maxProgramSize = off_t{256} << 20;
+/// Larger programs are not looked at: for one of this size, the digest takes a tenth of a second.
+inline constexpr off_t maxProgramSize = off_t{64} << 20;
 
 /// What follows the program.
 struct SignatureTrailer {

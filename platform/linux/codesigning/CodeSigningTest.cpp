@@ -352,5 +352,21 @@ TEST_F(CodeSigningTest, RemembersAVerdictOnAFileThatHasSettled) {
     EXPECT_FALSE(signing->guest(process->peer())->isValid(anchored)) << "other roots";
 }
 
+TEST_F(CodeSigningTest, RemembersWhoseSignatureIsThatOfAnotherProgram) {
+    const std::string padded = program + std::string(32 << 20, '\0');
+    writeProgram(
+        clientPath, test::withTrailer(padded, test::signatureOf(program, identifier, chain)));
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const auto check = [&] { EXPECT_FALSE(signing->guest(process->peer())->isValid(anchored)); };
+
+    check();
+    EXPECT_GT(costOf(check), 0.002) << "the file could change again and look the same";
+    std::this_thread::sleep_for(std::chrono::milliseconds(3'100));
+    check();
+
+    EXPECT_LT(costOf(check), 0.002) << "32 MiB take longer to digest";
+}
+
 }  // namespace
 }  // namespace tarnvale::platform

@@ -116,6 +116,9 @@ private:
 
     /// The whole check: the cheap parts first, the digest last.
     bool check(std::string_view requirement, std::int64_t now) {
+        if (verified_.isMismatch(executable_)) {
+            return false;
+        }
         const auto parsed = Requirement::parse(requirement);
         const auto roots = readRoots();
         if (!parsed || !roots || !open()) {
@@ -130,14 +133,23 @@ private:
             .identifier = trusted->content.identifier,
             .chain = std::move(trusted->chain),
             .anchored = true};
-        const auto paced = [this](const auto& work) { inTurn(turns_.digests, work); };
-        if (!parsed->holds(facts) ||
-            sha256(file_.get(), trailer_->programSize, paced) != trusted->content.sha256 ||
-            identityOf(file_.get()) != executable_) {
+        if (!parsed->holds(facts)) {
             return false;
         }
 
-        if (now - executable_.changedSeconds > coarsestClock) {
+        const bool maySettle = now - executable_.changedSeconds > coarsestClock;
+        const auto paced = [this](const auto& work) { inTurn(turns_.digests, work); };
+        const auto digest = sha256(file_.get(), trailer_->programSize, paced);
+        if (!digest || identityOf(file_.get()) != executable_) {
+            return false;
+        }
+        if (*digest != trusted->content.sha256) {
+            if (maySettle) {
+                verified_.rememberMismatch(executable_);
+            }
+            return false;
+        }
+        if (maySettle) {
             verified_.remember(
                 {.executable = executable_,
                  .roots = roots->identity,

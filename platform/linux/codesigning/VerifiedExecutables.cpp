@@ -52,4 +52,17 @@ std::optional<SigningInformation> VerifiedExecutables::informationOf(
     return known == executables_.end() ? std::nullopt : std::optional(known->information);
 }
 
+void VerifiedExecutables::rememberMismatch(const FileIdentity& executable) {
+    const support::MutexLock lock(mutex_);
+    if (mismatches_.size() == maxExecutables) {
+        mismatches_.pop_front();
+    }
+    mismatches_.push_back(executable);
+}
+
+bool VerifiedExecutables::isMismatch(const FileIdentity& executable) const {
+    const support::MutexLock lock(mutex_);
+    return std::find(mismatches_.begin(), mismatches_.end(), executable) != mismatches_.end();
+}
+
 }  // namespace tarnvale::platform

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Executables whose signature has been verified, so that checking a message does not take another
-// digest. Only valid ones are kept: other people's programs cannot push them out.
+// Executables whose digest has been compared with their signature, so that the next check does not
+// take another one. Good ones and bad ones are kept apart: other people's programs cannot push the
+// good ones out.
 
 #pragma once
 
@@ -22,7 +23,7 @@ namespace tarnvale::platform {
 /// Safe from any thread.
 class VerifiedExecutables {
 public:
-    /// A further one replaces the oldest.
+    /// A further one replaces the oldest, among the good ones and among the bad ones.
     static constexpr std::size_t maxExecutables = 64;
 
     /// What a verdict rests on. The verdict holds until any of it changes.
@@ -47,6 +48,10 @@ public:
 
     std::optional<SigningInformation> informationOf(const FileIdentity& executable) const;
 
+    /// Remembers that what the executable's signature was made for is another program.
+    void rememberMismatch(const FileIdentity& executable);
+    bool isMismatch(const FileIdentity& executable) const;
+
 private:
     struct VerifiedExecutable {
         Evidence evidence;
@@ -56,6 +61,7 @@ private:
 
     mutable support::Mutex mutex_;
     std::deque<VerifiedExecutable> executables_ GUARDED_BY(mutex_);
+    std::deque<FileIdentity> mismatches_ GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnvale::platform

@@ -115,5 +115,20 @@ TEST_F(VerifiedExecutablesTest, HasABoundAndForgetsTheOldest) {
     EXPECT_TRUE(meets(file(1000)));
 }
 
+TEST_F(VerifiedExecutablesTest, KeepsTheBadOnesApartFromTheGoodOnes) {
+    remember(client);
+    verified.rememberMismatch(file(1));
+    EXPECT_TRUE(verified.isMismatch(file(1)));
+    EXPECT_FALSE(verified.isMismatch(client));
+
+    for (ino_t inode = 2; inode <= VerifiedExecutables::maxExecutables + 1; ++inode) {
+        verified.rememberMismatch(file(inode));
+    }
+
+    EXPECT_FALSE(verified.isMismatch(file(1))) << "the oldest";
+    EXPECT_TRUE(verified.isMismatch(file(2)));
+    EXPECT_TRUE(meets(client));
+}
+
 }  // namespace
 }  // namespace tarnvale::platform

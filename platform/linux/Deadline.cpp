@@ -6,8 +6,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include <poll.h>
-
 namespace tarnvale::platform {
 
 Deadline::Clock::duration Deadline::left() const {
@@ -15,14 +13,18 @@ Deadline::Clock::duration Deadline::left() const {
 }
 
 bool waitFor(int fd, short events, const Deadline& deadline) {
+    pollfd waited{.fd = fd, .events = events, .revents = 0};
+    return waitFor(std::span(&waited, 1), deadline);
+}
+
+bool waitFor(std::span<pollfd> waited, const Deadline& deadline) {
     using std::chrono::ceil;
     using std::chrono::milliseconds;
     const bool isForever = deadline == Deadline();
-    pollfd waited{.fd = fd, .events = events, .revents = 0};
     while (true) {
         const int timeout =
             isForever ? -1 : static_cast<int>(ceil<milliseconds>(deadline.left()).count());
-        const int ready = ::poll(&waited, 1, timeout);
+        const int ready = ::poll(waited.data(), waited.size(), timeout);
         if (ready >= 0) {
             return ready > 0;
         }

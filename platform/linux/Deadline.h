@@ -5,6 +5,9 @@
 #pragma once
 
 #include <chrono>
+#include <span>
+
+#include <poll.h>
 
 namespace tarnvale::platform {
 
@@ -37,5 +40,8 @@ private:
 /// Waits until one of poll's `events` has happened on the descriptor; false when the deadline is
 /// over first. Throws `std::system_error`.
 bool waitFor(int fd, short events, const Deadline& deadline);
+
+/// The same for several descriptors, as poll waits for them.
+bool waitFor(std::span<pollfd> waited, const Deadline& deadline);
 
 }  // namespace tarnvale::platform

@@ -413,26 +413,78 @@ TEST_F(HostileTest, OneUserHasSixtyFourConnections) {
 TEST_F(HostileTest, AllUsersTogetherHaveTwoHundredAndFiftySixConnections) {
     std::vector<std::unique_ptr<ServiceClient>> users;
     std::vector<RawPeer> peers;
-    constexpr uid_t firstOfMany = 2000;
-    for (uid_t uid = firstOfMany; peers.size() < maxInAll - 1; ++uid) {
+    /// How many connections of a new user are taken.
+    const auto fill = [&](uid_t uid) {
         users.push_back(std::make_unique<ServiceClient>(lab.client, uid));
-        for (int i = 0; i < maxForUser && peers.size() < maxInAll - 1; ++i) {
-            peers.emplace_back(users.back()->lend());
-            ASSERT_TRUE(peers.back().authenticate()) << peers.size();
+        for (int taken = 0;; ++taken) {
+            RawPeer peer(users.back()->lend());
+            if (!peer.authenticate()) {
+                return taken;
+            }
+            peers.push_back(std::move(peer));
         }
+    };
+    // With the witness's own one is taken already, and 32 are kept for administrators.
+    constexpr uid_t firstOfMany = 2000;
+    EXPECT_EQ(fill(firstOfMany), maxForUser);
+    EXPECT_EQ(fill(firstOfMany + 1), maxForUser);
+    EXPECT_EQ(fill(firstOfMany + 2), 48);
+    EXPECT_EQ(fill(firstOfMany + 3), 24);
+    EXPECT_TRUE(isServed()) << "a user who comes after four greedy ones";
+    for (uid_t uid = firstOfMany + 4; fill(uid) > 0; ++uid) {
     }
+    EXPECT_EQ(peers.size(), 223U);
 
-    // With the witness's own there are 256.
-    EXPECT_EQ(footprint().threads, before.threads + maxInAll - 1);
     EXPECT_TRUE(lend().closesWithin(5s));
+    EXPECT_THAT(
+        ServiceClient(lab.client, administrator).call("HelperVersion"),
+        ElementsAre(helperVersion()));
+    EXPECT_EQ(fill(rootUser), 32);
+    EXPECT_EQ(footprint().threads, before.threads + maxInAll - 1);
     EXPECT_TRUE(RawPeer(ServiceClient(lab.client, administrator).lend()).closesWithin(5s));
     EXPECT_THAT(witness->call("HelperVersion"), ElementsAre(helperVersion()));
 
-    peers.pop_back();
-    EXPECT_TRUE(eventually([this] { return lend().authenticate(); }));
     peers.clear();
     EXPECT_TRUE(eventually([this] { return isServed(); }));
     expectNothingLeft();
+}
+
+TEST_F(HostileTest, SubordinateUsersHaveThePlacesOfTheirOwner) {
+    put("/etc/subuid", "eve:100000:65536\n");
+    std::vector<std::unique_ptr<ServiceClient>> users;
+    std::vector<RawPeer> peers;
+    int taken = 0;
+    for (uid_t uid = 100'000; uid < 100'006; ++uid) {
+        users.push_back(std::make_unique<ServiceClient>(lab.client, uid));
+        for (int count = 0; count < 16; ++count) {
+            peers.emplace_back(users.back()->lend());
+            taken += peers.back().authenticate() ? 1 : 0;
+        }
+    }
+
+    EXPECT_EQ(taken, maxForUser);
+    EXPECT_TRUE(lend().closesWithin(5s)) << "the owner himself";
+    EXPECT_TRUE(isServed());
+    peers.clear();
+    expectNothingLeft();
+}
+
+TEST_F(HostileTest, ThousandsOfRejectionsLeaveTheLogAsItIs) {
+    ServiceClient stranger(clientProgram, attacker);
+    for (int i = 0; i < 5000; ++i) {
+        stranger.lend();
+    }
+    const auto end = Clock::now() + 1s;
+    while (Clock::now() < end) {
+        stranger.lend();
+    }
+
+    const auto log = logMessages();
+    EXPECT_EQ(log.front(), listeningMessage());
+    // As many as are forgiven, and those that were under way when they were too many.
+    EXPECT_LT(log.size(), 150U);
+    EXPECT_TRUE(isServed());
+    EXPECT_TRUE(lend().closesWithin(5s)) << "his other programs are not looked at either";
 }
 
 TEST_F(HostileTest, TenThousandStrangersInARowKeepNobodyOut) {
@@ -452,7 +504,7 @@ TEST_F(HostileTest, TenThousandStrangersInARowKeepNobodyOut) {
 TEST_F(HostileTest, AHugeProgramWithAGenuineSignatureCostsLittle) {
     const std::string signature = contentOf(lab.client).substr(contentOf(clientProgram).size());
     // One that is just small enough to be read whole, and one that is too large.
-    for (const std::uintmax_t size : {std::uintmax_t{255} << 20U, std::uintmax_t{4} << 30U}) {
+    for (const std::uintmax_t size : {std::uintmax_t{63} << 20U, std::uintmax_t{4} << 30U}) {
         const std::string program = "/tmp/huge";
         fs::remove(program);
         fs::copy_file(clientProgram, program);
@@ -702,6 +754,16 @@ TEST_F(HostileBeforeStartTest, PassedDescriptorsAreNotKept) {
     EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
     constexpr std::size_t few = 20;
     EXPECT_TRUE(eventually([&] { return footprintOf(service.pid()).descriptors < few; }));
+}
+
+TEST_F(HostileBeforeStartTest, WhoeverHasHungUpIsPassedOver) {
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(connectToService());
+    }
+
+    expectServed();
+
+    EXPECT_THAT(logMessages(), ElementsAre(listeningMessage())) << "nobody was checked";
 }
 
 TEST_F(HostileBeforeStartTest, ALingeringDescriptorHoldsNobodyUp) {

@@ -19,11 +19,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Service.h"
 #include "tests/support/ServiceLab.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/UnixSockets.h"
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -228,13 +230,18 @@ TEST_F(ServiceAdmissionTest, TrustsNoRootsThatAnybodyButRootCouldWrite) {
 TEST_F(ServiceAdmissionTest, TurnsAPeerAwayThatHasEndedBeforeTheCheck) {
     const Service service;
     service.signal(SIGSTOP);
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    const support::UniqueFd ours(ends[0]);
+    const support::UniqueFd theirs(ends[1]);
     const pid_t peer = ::fork();
     if (peer == 0) {
-        ::_exit(connectToService() ? 0 : 1);
+        ::_exit(sendDescriptor(theirs.get(), "x", connectToService().get()) ? 0 : 1);
     }
     int status = -1;
     ::waitpid(peer, &status, 0);
     ASSERT_EQ(status, 0);
+    const auto connection = receiveDescriptor(ours.get());
     service.signal(SIGCONT);
 
     awaitMessage(rejection(peer));

@@ -20,13 +20,13 @@ std::optional<uid_t> effectiveUserIDOfRequest() {
     return userOfRequest;
 }
 
-DBusConnection::DBusConnection(UniqueFd socket, uid_t uid, CodeSigning& codeSigning)
+DBusConnection::DBusConnection(UniqueFd socket, const User& user, CodeSigning& codeSigning)
     : socket_(std::move(socket)),
-      uid_(uid),
+      user_(user),
       codeSigning_(codeSigning),
       process_(PeerProcess::ofSocket(socket_.get())),
       peer_(process_ ? process_->peer() : Peer{}) {
-    peer_.user = uid;
+    peer_.user = user.owner;
     peer_.checkedBy = handshakeDeadline_.time();
 }
 
@@ -39,12 +39,17 @@ void DBusConnection::setInvalidationHandler(std::function<void()> handler) {
     invalidationHandler_ = std::move(handler);
 }
 
-void DBusConnection::run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
-    if (!process_ || !delegate.shouldAcceptNewConnection(*this)) {
+void DBusConnection::run(
+    TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, Rejections& rejections) {
+    if (!process_) {
+        return;
+    }
+    if (!delegate.shouldAcceptNewConnection(*this)) {
+        rejections.add(user_.owner);
         return;
     }
     try {
-        serve(exported);
+        serve(exported, rejections);
     } catch (...) {
         // Whatever went wrong concerns this connection alone, and ends it.
     }
@@ -61,14 +66,15 @@ bool DBusConnection::requirementHolds(const Deadline& deadline) {
     return code != nullptr && code->isValid(requirement_);
 }
 
-void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported) {
+void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported, Rejections& rejections) {
     // Admission may have gone by what the signature says of itself, and sd-bus reads as soon as it
     // is started. Before that the signature must be known to be good.
     if (!requirementHolds(handshakeDeadline_)) {
+        rejections.add(user_.owner);
         return;
     }
-    userOfRequest = uid_;
-    DBusSession(socket_.get(), exported, [this](const Deadline& deadline) {
+    userOfRequest = user_.uid;
+    DBusSession(socket_.get(), peer_.handle, exported, [this](const Deadline& deadline) {
         return requirementHolds(deadline);
     }).run(handshakeDeadline_);
 }

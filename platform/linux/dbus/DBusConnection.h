@@ -13,6 +13,7 @@
 #include "platform/Transport.h"
 #include "platform/linux/Deadline.h"
 #include "platform/linux/PeerProcess.h"
+#include "platform/linux/dbus/Rejections.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -22,24 +23,31 @@ public:
     /// How long a peer may take from connecting until it is authenticated, including our checks.
     static constexpr std::chrono::seconds handshakeLimit{10};
 
-    /// Takes over the connected, non-blocking `socket` of a peer that had this effective user ID
-    /// when it connected. `codeSigning` must outlive the connection.
-    DBusConnection(support::UniqueFd socket, uid_t uid, CodeSigning& codeSigning);
+    struct User {
+        uid_t uid;    ///< the effective one that the peer had when it connected
+        uid_t owner;  ///< another when that one is subordinate to him; his is what it uses up
+    };
+
+    /// Takes over the connected, non-blocking `socket` of a peer. `codeSigning` must outlive the
+    /// connection.
+    DBusConnection(support::UniqueFd socket, const User& user, CodeSigning& codeSigning);
 
     const Peer& peer() const override { return peer_; }
-    uid_t effectiveUserID() const override { return uid_; }
+    uid_t effectiveUserID() const override { return user_.uid; }
     bool setCodeSigningRequirement(const std::string& requirement) override;
     void setInvalidationHandler(std::function<void()> handler) override;
 
-    /// If the delegate admits the peer, serves it until the connection ends.
-    void run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported);
+    /// If the delegate admits the peer, serves it until the connection ends. A peer that doesn't
+    /// pass its checks is counted among the rejections.
+    void run(
+        TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, Rejections& rejections);
 
 private:
-    void serve(TarnvaleAdminHelperProtocol& exported);
+    void serve(TarnvaleAdminHelperProtocol& exported, Rejections& rejections);
     bool requirementHolds(const Deadline& deadline);
 
     support::UniqueFd socket_;
-    uid_t uid_;
+    User user_;
     CodeSigning& codeSigning_;
     Deadline handshakeDeadline_ = Deadline::in(handshakeLimit);
     std::optional<PeerProcess> process_;  ///< nothing if we have no descriptor left for it

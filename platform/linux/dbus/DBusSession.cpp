@@ -3,6 +3,7 @@
 #include "platform/linux/dbus/DBusSession.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include <sys/ioctl.h>
 #include <sys/random.h>
 
+#include "platform/CodeSigning.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -59,8 +61,10 @@ bool hasTakenEverything(int socket) {
 
 }  // namespace
 
-DBusSession::DBusSession(int socket, TarnvaleAdminHelperProtocol& exported, MayRead mayRead)
+DBusSession::DBusSession(
+    int socket, int pidfd, TarnvaleAdminHelperProtocol& exported, MayRead mayRead)
     : socket_(socket),
+      pidfd_(pidfd),
       mayRead_(std::move(mayRead)),
       object_{.exported = exported, .socket = socket},
       bus_(makeBus(socket, object_)) {
@@ -79,7 +83,7 @@ void DBusSession::run(const Deadline& handshakeDeadline) {
 bool DBusSession::finishHandshake() {
     while (!handshakeDeadline_.isOver()) {
         const int events = awaitedEvents();
-        if (events != 0 && !waitFor(socket_, static_cast<short>(events), handshakeDeadline_)) {
+        if (events != 0 && !await(events, handshakeDeadline_)) {
             return false;
         }
         if (process() == Progress::over) {
@@ -114,7 +118,7 @@ bool DBusSession::serveNext() {
 /// The next request is read only when the last reply has left.
 bool DBusSession::letReplyLeave() {
     while (isWriting() || object_.hasLargeBuffer) {
-        if (awaitedEvents() != 0 && !waitFor(socket_, POLLOUT, nextDeadline())) {
+        if (awaitedEvents() != 0 && !await(POLLOUT, nextDeadline())) {
             return false;
         }
         if (!isWriting()) {
@@ -128,7 +132,7 @@ bool DBusSession::letReplyLeave() {
 }
 
 bool DBusSession::awaitRequest() {
-    while (awaitedEvents() != 0 && !waitFor(socket_, POLLIN, nextDeadline())) {
+    while (awaitedEvents() != 0 && !awaitWhileItMayRead(nextDeadline())) {
         if (requestDeadline_.isOver() || !hasTakenEverything(socket_)) {
             return false;
         }
@@ -171,6 +175,40 @@ DBusSession::Progress DBusSession::process() {
         return Progress::over;
     }
     return steps > 0 ? Progress::some : Progress::none;
+}
+
+/// Waits until one of the events has happened on the socket; false when the deadline is over first.
+/// The end of the process ends the session, whoever else has the other end of the socket.
+bool DBusSession::await(int events, const Deadline& deadline) const {
+    std::array<pollfd, 2> waited = {
+        pollfd{.fd = socket_, .events = static_cast<short>(events), .revents = 0},
+        pollfd{.fd = pidfd_, .events = POLLIN, .revents = 0}};
+    const bool isReady = waitFor(waited, deadline);
+    if (waited[1].revents != 0) {
+        throw std::system_error(ESRCH, std::generic_category());
+    }
+    return isReady;
+}
+
+/// Waits for the next request. No event says that the peer has executed another program, so every
+/// now and then it is looked at.
+bool DBusSession::awaitWhileItMayRead(const Deadline& deadline) const {
+    while (true) {
+        const auto nextLook = Deadline::in(lookPeriod);
+        if (await(POLLIN, std::min(deadline, nextLook))) {
+            return true;
+        }
+        if (deadline.isOver()) {
+            return false;
+        }
+        try {
+            if (!mayRead()) {
+                throw std::system_error(EACCES, std::generic_category());
+            }
+        } catch (const CheckOverdue&) {
+            // Nothing is known to its disadvantage. It is checked before it is read from.
+        }
+    }
 }
 
 /// None at all when sd-bus has work to do without waiting, such as to report the end.

@@ -30,10 +30,14 @@ public:
     /// Whether the peer may be listened to; the answer is wanted by the deadline.
     using MayRead = std::function<bool(const Deadline& deadline)>;
 
-    /// Starts to speak on the connected, non-blocking `socket`, which stays the caller's and must
-    /// outlive the session, as `exported` must. `mayRead` is asked before anything is read; its
-    /// first no ends the session. Throws `std::system_error`.
-    DBusSession(int socket, TarnvaleAdminHelperProtocol& exported, MayRead mayRead);
+    /// How often a silent peer is asked about.
+    static constexpr std::chrono::seconds lookPeriod{10};
+
+    /// Starts to speak on the connected, non-blocking `socket`. The session ends with the process
+    /// of the pidfd. Both descriptors stay the caller's and must outlive the session, as `exported`
+    /// must. `mayRead` is asked before anything is read, and now and then; its first no ends the
+    /// session. Throws `std::system_error`.
+    DBusSession(int socket, int pidfd, TarnvaleAdminHelperProtocol& exported, MayRead mayRead);
     DBusSession(const DBusSession&) = delete;
     DBusSession& operator=(const DBusSession&) = delete;
     ~DBusSession() = default;
@@ -54,6 +58,8 @@ private:
     Progress exchange();
     Progress process();
 
+    bool await(int events, const Deadline& deadline) const;
+    bool awaitWhileItMayRead(const Deadline& deadline) const;
     int awaitedEvents() const;
     bool isWriting() const;
     Deadline nextDeadline() const;
@@ -63,6 +69,7 @@ private:
     bool letPass() noexcept;
 
     int socket_;
+    int pidfd_;
     MayRead mayRead_;
     ProtocolObject object_;
     Bus bus_;

@@ -1,26 +1,34 @@
 // SPDX-License-Identifier: MIT
 //
 // The transport on Linux: peer-to-peer D-Bus on a Unix stream socket, with one thread for each
-// connection. One more thread accepts, and does nothing that a peer could hold up.
+// connection. One more thread accepts, and does nothing that a peer could hold up. Whoever has hung
+// up by then costs it no more than it cost him.
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <list>
-#include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <thread>
 #include <utility>
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "platform/Transport.h"
 #include "platform/linux/LibSystemd.h"
 #include "platform/linux/PeriodicInterrupt.h"
+#include "platform/linux/dbus/ConnectionPlaces.h"
 #include "platform/linux/dbus/DBusConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
+#include "platform/linux/dbus/LocalAccounts.h"
+#include "platform/linux/dbus/Rejections.h"
 #include "support/Mutex.h"
 #include "support/UniqueFd.h"
 
@@ -29,85 +37,65 @@ namespace {
 
 using support::UniqueFd;
 
-/// Counts the open connections, so that no user can take them all.
-class ConnectionSlots {
-public:
-    static constexpr int maxForUser = 64;
-    static constexpr int maxInAll = 256;
-
-    /// One user's place for one connection.
-    class Slot {
-    public:
-        Slot(ConnectionSlots& slots, uid_t uid) : slots_(&slots), uid_(uid) {}
-        Slot(Slot&& other) noexcept
-            : slots_(std::exchange(other.slots_, nullptr)), uid_(other.uid_) {}
-        Slot(const Slot&) = delete;
-        Slot& operator=(const Slot&) = delete;
-        ~Slot() {
-            if (slots_ != nullptr) {
-                slots_->giveBack(uid_);
-            }
-        }
-
-    private:
-        ConnectionSlots* slots_;
-        uid_t uid_;
-    };
-
-    std::optional<Slot> take(uid_t uid) {
-        const support::MutexLock lock(mutex_);
-        if (inAll_ == maxInAll) {
-            return std::nullopt;
-        }
-        int& ofUser = byUser_[uid];
-        if (ofUser == maxForUser) {
-            return std::nullopt;
-        }
-        ++ofUser;
-        ++inAll_;
-        return std::optional<Slot>(std::in_place, *this, uid);
-    }
-
-private:
-    void giveBack(uid_t uid) {
-        const support::MutexLock lock(mutex_);
-        --inAll_;
-        const auto ofUser = byUser_.find(uid);
-        if (--ofUser->second == 0) {
-            byUser_.erase(ofUser);
-        }
-    }
-
-    support::Mutex mutex_;
-    std::map<uid_t, int> byUser_ GUARDED_BY(mutex_);
-    int inAll_ GUARDED_BY(mutex_) = 0;
-};
-
-std::optional<uid_t> userOf(int socket) {
+std::optional<ucred> credentialsOf(int socket) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-        return std::nullopt;
-    }
-    return credentials.uid;
+    const int result = ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+    return result == 0 ? std::optional(credentials) : std::nullopt;
 }
 
-/// One connection and its slot.
-struct OpenConnection {
-    OpenConnection(ConnectionSlots::Slot itsSlot, UniqueFd socket, uid_t uid, CodeSigning& signing)
-        : slot(std::move(itsSlot)), connection(std::move(socket), uid, signing) {}
+/// Whether the process that connected had the group of the administrators.
+bool hasAdministratorsGroup(int socket, const ucred& credentials) {
+    std::array<gid_t, 1024> groups{};
+    socklen_t size = sizeof groups;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) {
+        size = 0;
+    }
+    const std::span known(groups.data(), size / sizeof(gid_t));
+    return credentials.gid == administratorsGroup ||
+           std::find(known.begin(), known.end(), administratorsGroup) != known.end();
+}
 
-    ConnectionSlots::Slot slot;  ///< outlives the connection: taken until everything is closed
+/// Whether nobody has the other end any more.
+bool hasHungUp(int socket) {
+    pollfd peer{.fd = socket, .events = 0, .revents = 0};
+    return ::poll(&peer, 1, 0) == 1 && (peer.revents & POLLHUP) != 0;
+}
+
+bool hasUnreadBytes(int socket) {
+    int unread = 0;
+    return ::ioctl(socket, SIOCINQ, &unread) != 0 || unread > 0;
+}
+
+/// Closes the socket. What was passed along comes with bytes, and may hold up closing it.
+void close(UniqueFd socket) {
+    std::optional<PeriodicInterrupt> interrupt;
+    if (hasUnreadBytes(socket.get())) {
+        interrupt.emplace();
+    }
+    socket.reset();
+}
+
+/// One connection and its place.
+struct OpenConnection {
+    OpenConnection(
+        ConnectionPlaces::Place itsPlace,
+        UniqueFd socket,
+        const DBusConnection::User& user,
+        CodeSigning& signing)
+        : place(std::move(itsPlace)), connection(std::move(socket), user, signing) {}
+
+    ConnectionPlaces::Place place;  ///< outlives the connection: taken until everything is closed
     DBusConnection connection;
 };
 
 /// Owns each open connection until the thread that runs it is done with it. Safe from any thread.
 class OpenConnections {
 public:
-    using Place = std::list<OpenConnection>::iterator;
+    using Position = std::list<OpenConnection>::iterator;
 
     template <typename... Arguments>
-    Place add(Arguments&&... arguments) {
+    Position add(Arguments&&... arguments) {
         std::list<OpenConnection> added;
         added.emplace_back(std::forward<Arguments>(arguments)...);
         const support::MutexLock lock(mutex_);
@@ -121,10 +109,10 @@ public:
     }
 
     /// Destroys the connection without the lock: that may take long.
-    void end(Place place) {
+    void end(Position position) {
         std::list<OpenConnection> ended;
         const support::MutexLock lock(mutex_);
-        ended.splice(ended.begin(), connections_, place);
+        ended.splice(ended.begin(), connections_, position);
     }
 
 private:
@@ -180,7 +168,9 @@ private:
             UniqueFd socket(
                 ::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             error = socket ? 0 : errno;
-            if (socket) {
+            if (socket && hasHungUp(socket.get())) {
+                close(std::move(socket));
+            } else if (socket) {
                 begin(delegate, exported, std::move(socket));
             }
         }
@@ -193,24 +183,38 @@ private:
         TransportDelegate& delegate,
         TarnvaleAdminHelperProtocol& exported,
         UniqueFd socket) noexcept {
-        const auto place = admit(socket);
-        if (place && startThread(delegate, exported, *place)) {
+        const auto position = admit(socket);
+        if (position && startThread(delegate, exported, *position)) {
             return;
         }
-        const PeriodicInterrupt interrupt;
-        if (place) {
-            open_.end(*place);
+        if (position) {
+            const PeriodicInterrupt interrupt;
+            open_.end(*position);
         }
-        socket.reset();
+        close(std::move(socket));
     }
 
-    /// Takes the socket over, if there is room for the connection.
-    std::optional<OpenConnections::Place> admit(UniqueFd& socket) noexcept {
+    /// Takes the socket over, if there is a place for the connection.
+    std::optional<OpenConnections::Position> admit(UniqueFd& socket) noexcept {
         try {
-            const auto uid = userOf(socket.get());
-            auto slot = uid ? slots_.take(*uid) : std::nullopt;
-            if (slot) {
-                return open_.add(std::move(*slot), std::move(socket), *uid, codeSigning_);
+            const auto credentials = credentialsOf(socket.get());
+            if (!credentials) {
+                return std::nullopt;
+            }
+            const uid_t uid = credentials->uid;
+            const uid_t owner = accounts_.ownerOf(uid);
+            const bool isAdministrator = uid == 0 || accounts_.isAdministrator(uid) ||
+                                         hasAdministratorsGroup(socket.get(), *credentials);
+            if (rejections_.areTooMany(owner)) {
+                return std::nullopt;
+            }
+            auto place = places_.take({.user = owner, .isAdministrator = isAdministrator});
+            if (place) {
+                return open_.add(
+                    std::move(*place),
+                    std::move(socket),
+                    DBusConnection::User{.uid = uid, .owner = owner},
+                    codeSigning_);
             }
         } catch (...) {
             // Out of memory for it.
@@ -222,15 +226,15 @@ private:
     bool startThread(
         TransportDelegate& delegate,
         TarnvaleAdminHelperProtocol& exported,
-        OpenConnections::Place place) noexcept {
+        OpenConnections::Position position) noexcept {
         try {
-            std::thread([this, &delegate, &exported, place] {
+            std::thread([this, &delegate, &exported, position] {
                 try {
-                    place->connection.run(delegate, exported);
+                    position->connection.run(delegate, exported, rejections_);
                 } catch (...) {
-                    // Out of memory: this fails the connection alone.
+                    // Out of memory, or of time: this fails the connection alone.
                 }
-                open_.end(place);
+                open_.end(position);
             }).detach();
             return true;
         } catch (...) {
@@ -241,7 +245,9 @@ private:
     CodeSigning& codeSigning_;
     int passedSockets_ = takePassedSockets();
     UniqueFd listening_;
-    ConnectionSlots slots_;
+    LocalAccounts accounts_;  ///< the accepting thread's
+    ConnectionPlaces places_;
+    Rejections rejections_;
     OpenConnections open_;
     std::atomic<bool> isAccepting_ = false;
     std::atomic<bool> isRetired_ = false;

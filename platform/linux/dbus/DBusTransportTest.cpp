@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -402,6 +403,65 @@ TEST_F(DBusTransportTest, ReportsTheEndOfEachConnectionOnce) {
 
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 20; }));
     EXPECT_EQ(doorkeeper.admitted, 20);
+}
+
+/// Two ends of a connection between processes.
+struct Pair {
+    Pair() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        ours.reset(ends[0]);
+        theirs.reset(ends[1]);
+    }
+
+    UniqueFd ours;
+    UniqueFd theirs;
+};
+
+TEST_F(DBusTransportTest, DropsAPeerWhoseProcessHasEndedWhoeverHoldsTheConnection) {
+    const Pair pair;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const auto connection = test::connectTo(listeningSocketPath);
+        test::sendDescriptor(pair.theirs.get(), "x", connection.get());
+        char byte = 0;
+        static_cast<void>(::read(pair.theirs.get(), &byte, 1));
+        ::_exit(0);
+    }
+    RawPeer peer(test::receiveDescriptor(pair.ours.get()));
+    ASSERT_TRUE(peer.authenticate());
+    EXPECT_FALSE(peer.closesWithin(200ms));
+
+    ASSERT_EQ(::write(pair.ours.get(), "x", 1), 1);
+
+    EXPECT_TRUE(peer.closesWithin(2s));
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
+TEST_F(DBusTransportTest, LooksNowAndThenWhetherASilentPeerMayStay) {
+    auto peer = connectRaw();
+    ASSERT_TRUE(peer.authenticate());
+    signing.isOverdue = true;
+    EXPECT_FALSE(peer.closesWithin(11s)) << "which says nothing about it";
+
+    signing.valid = false;
+    signing.isOverdue = false;
+
+    EXPECT_TRUE(peer.closesWithin(11s));
+}
+
+TEST_F(DBusTransportTest, WhoeverIsTurnedAwayAgainAndAgainIsNotEvenAsked) {
+    doorkeeper.admits = false;
+    for (int count = 0; count < 100; ++count) {
+        EXPECT_TRUE(connectRaw().closesWithin(2s));
+    }
+
+    EXPECT_GE(doorkeeper.asked, 20);
+    EXPECT_LE(doorkeeper.asked, 25);
+
+    doorkeeper.admits = true;
+    EXPECT_TRUE(eventually([] { return Client().call("HelperVersion", "").has_value(); }));
 }
 
 TEST_F(DBusTransportTest, RetiresOnlyWhenNobodyIsThere) {

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/dbus/LocalAccounts.h"
+
+#include <algorithm>
+#include <fstream>
+#include <limits>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <sys/stat.h>
+
+#include "support/Decimal.h"
+#include "support/Text.h"
+
+namespace tarnvale::platform {
+namespace {
+
+constexpr std::array files = {"/etc/passwd", "/etc/group", "/etc/subuid"};
+
+using Fields = std::vector<std::string>;
+
+/// The lines of the file that have so many fields or more.
+std::vector<Fields> linesOf(const char* path, std::size_t minFields) {
+    std::vector<Fields> lines;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const auto fields = support::split(line, ':');
+        if (fields.size() >= minFields) {
+            lines.emplace_back(fields.begin(), fields.end());
+        }
+    }
+    return lines;
+}
+
+std::optional<uid_t> numberIn(const std::string& text) {
+    return support::parseNumber<uid_t>(text, std::numeric_limits<uid_t>::max());
+}
+
+std::optional<FileIdentity> stateOf(const char* path) {
+    struct stat status {};
+    return ::stat(path, &status) == 0 ? std::optional(FileIdentity(status)) : std::nullopt;
+}
+
+}  // namespace
+
+uid_t LocalAccounts::ownerOf(uid_t user) {
+    readIfChanged();
+    const auto range = std::find_if(
+        subordinates_.begin(), subordinates_.end(), [user](const Subordinates& subordinates) {
+            return user >= subordinates.first && user - subordinates.first < subordinates.count;
+        });
+    return range == subordinates_.end() ? user : range->owner;
+}
+
+bool LocalAccounts::isAdministrator(uid_t user) {
+    readIfChanged();
+    return administrators_.contains(user);
+}
+
+void LocalAccounts::readIfChanged() {
+    std::array<std::optional<FileIdentity>, files.size()> now;
+    std::transform(files.begin(), files.end(), now.begin(), stateOf);
+    if (now == known_) {
+        return;
+    }
+    std::map<std::string, uid_t> users;
+    std::set<uid_t> administrators;
+    for (const auto& account : linesOf(files[0], 4)) {
+        if (const auto uid = numberIn(account[2])) {
+            users.emplace(account[0], *uid);
+            if (numberIn(account[3]) == administratorsGroup) {
+                administrators.insert(*uid);
+            }
+        }
+    }
+    for (const auto& group : linesOf(files[1], 4)) {
+        if (numberIn(group[2]) == administratorsGroup) {
+            for (const auto member : support::split(group[3], ',')) {
+                if (const auto user = users.find(std::string(member)); user != users.end()) {
+                    administrators.insert(user->second);
+                }
+            }
+        }
+    }
+    std::vector<Subordinates> subordinates;
+    for (const auto& range : linesOf(files[2], 3)) {
+        const auto first = numberIn(range[1]);
+        const auto count = numberIn(range[2]);
+        if (first && count) {
+            // The owner goes by name or number. One who isn't in the file still is one user.
+            const auto named = users.find(range[0]);
+            const auto owner =
+                named != users.end() ? named->second : numberIn(range[0]).value_or(*first);
+            subordinates.push_back({.first = *first, .count = *count, .owner = owner});
+        }
+    }
+    subordinates_ = std::move(subordinates);
+    administrators_ = std::move(administrators);
+    known_ = now;
+}
+
+}  // namespace tarnvale::platform

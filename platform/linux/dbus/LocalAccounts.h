@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+//
+// What the machine's own account files say of a user. They are asked on the thread that accepts
+// connections, which must not wait for a directory server.
+
+#pragma once
+
+#include <array>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "platform/linux/codesigning/FileIdentity.h"
+
+namespace tarnvale::platform {
+
+inline constexpr gid_t administratorsGroup = 80;
+
+/// For use by one thread.
+class LocalAccounts {
+public:
+    /// The user to whom this one is subordinate (/etc/subuid), or else the user himself. Whoever
+    /// has subordinate users could otherwise be many.
+    uid_t ownerOf(uid_t user);
+
+    /// Whether /etc/group or /etc/passwd puts the user into the group of the administrators.
+    bool isAdministrator(uid_t user);
+
+private:
+    struct Subordinates {
+        uid_t first;
+        uid_t count;
+        uid_t owner;
+    };
+
+    void readIfChanged();
+
+    std::array<std::optional<FileIdentity>, 3> known_;  ///< the files' states when they were read
+    std::vector<Subordinates> subordinates_;
+    std::set<uid_t> administrators_;
+};
+
+}  // namespace tarnvale::platform

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/dbus/LocalAccounts.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/support/HelperFiles.h"
+
+namespace tarnvale::platform {
+namespace {
+
+class LocalAccountsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        test::put(
+            "/etc/passwd",
+            "root:x:0:0:root:/root:/bin/sh\nada:x:501:20::/home/ada:\neve:x:503:20::/home/eve:\n"
+            "chief:x:504:80::/:\nbroken\nodd:x:number:80::/:\n");
+        test::put("/etc/group", "root:x:0:\nstaff:x:20:eve\nadmin:x:80:ada,nobody-known\n");
+        test::put(
+            "/etc/subuid",
+            "eve:100000:65536\n501:200000:1000\nfar-away:300000:10\nbroken:x:5\nada:400000\n");
+    }
+
+    LocalAccounts accounts;
+};
+
+TEST_F(LocalAccountsTest, ASubordinateUserIsHisOwners) {
+    EXPECT_EQ(accounts.ownerOf(100'000), 503U);
+    EXPECT_EQ(accounts.ownerOf(165'535), 503U);
+    EXPECT_EQ(accounts.ownerOf(200'999), 501U) << "who goes by number";
+    EXPECT_EQ(accounts.ownerOf(300'009), 300'000U) << "one nobody, not ten";
+}
+
+TEST_F(LocalAccountsTest, AnybodyElseIsHisOwn) {
+    for (const uid_t user : {0U, 503U, 99'999U, 165'536U, 400'000U, 4'294'967'294U}) {
+        EXPECT_EQ(accounts.ownerOf(user), user);
+    }
+}
+
+TEST_F(LocalAccountsTest, AnAdministratorIsWhomTheFilesPutIntoTheGroup) {
+    EXPECT_TRUE(accounts.isAdministrator(501)) << "a member";
+    EXPECT_TRUE(accounts.isAdministrator(504)) << "by his first group";
+
+    EXPECT_FALSE(accounts.isAdministrator(503));
+    EXPECT_FALSE(accounts.isAdministrator(505));
+}
+
+TEST_F(LocalAccountsTest, AChangeOfAFileCounts) {
+    EXPECT_EQ(accounts.ownerOf(500'000), 500'000U);
+
+    test::put("/etc/subuid", "eve:500000:1\n");
+    EXPECT_EQ(accounts.ownerOf(500'000), 503U);
+    EXPECT_EQ(accounts.ownerOf(100'000), 100'000U);
+
+    ::unlink("/etc/subuid");
+    EXPECT_EQ(accounts.ownerOf(500'000), 500'000U);
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -19,7 +19,9 @@
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "platform/Transport.h"
 #include "platform/linux/LibSystemd.h"
@@ -54,6 +56,15 @@ bool hasAdministratorsGroup(int socket, const ucred& credentials) {
     const std::span known(groups.data(), size / sizeof(gid_t));
     return credentials.gid == administratorsGroup ||
            std::find(known.begin(), known.end(), administratorsGroup) != known.end();
+}
+
+/// The thread that accepts must be faster than whoever connects and closes in a loop, on however
+/// many processors.
+constexpr int fastest = -20;
+
+/// Where root may not do this, what systemd gives the service has to do.
+void setNiceness(int niceness) {
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), niceness);
 }
 
 /// Whether nobody has the other end any more.
@@ -147,6 +158,7 @@ public:
 private:
     void acceptAll(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
         using namespace std::chrono_literals;
+        setNiceness(fastest);
         while (true) {
             const int error = acceptOne(delegate, exported);
             if (error == EAGAIN || error == EWOULDBLOCK) {
@@ -229,6 +241,7 @@ private:
         OpenConnections::Position position) noexcept {
         try {
             std::thread([this, &delegate, &exported, position] {
+                setNiceness(usualNiceness_);
                 try {
                     position->connection.run(delegate, exported, rejections_);
                 } catch (...) {
@@ -243,6 +256,7 @@ private:
     }
 
     CodeSigning& codeSigning_;
+    int usualNiceness_ = ::getpriority(PRIO_PROCESS, 0);
     int passedSockets_ = takePassedSockets();
     UniqueFd listening_;
     LocalAccounts accounts_;  ///< the accepting thread's

@@ -4,7 +4,7 @@
 // signed with is a matter of the file that it runs from.
 //
 //     hold   keeps 64 connections open, and replaces each that the helper closes
-//     churn  connects and closes in a loop, 16 times at once
+//     churn  connects in a loop, and closes each connection 64 later
 //     ask    for each line of its input connects, asks for the version and prints how many
 //            microseconds that took, or "failed"
 
@@ -35,7 +35,6 @@ using test::RawPeer;
 
 constexpr const char* socketPath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 constexpr int atOnce = 64;
-constexpr int churners = 16;
 
 void become(uid_t user) {
     if (::setgroups(0, nullptr) != 0 || ::setresgid(user, user, user) != 0 ||
@@ -62,11 +61,11 @@ void become(uid_t user) {
 }
 
 [[noreturn]] void churn() {
-    for (int count = 1; count < churners && ::fork() != 0; ++count) {
-    }
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<support::UniqueFd> connections(atOnce);
     while (true) {
-        test::connectTo(socketPath);
+        for (auto& connection : connections) {
+            connection = test::connectTo(socketPath);
+        }
     }
 }
 

@@ -195,6 +195,16 @@ TEST(MessageShapeTest, HasNoIndefiniteLength) {
     EXPECT_FALSE(hasShapeOfSignature(indefinite));
 }
 
+TEST(MessageShapeTest, HasNoTagOfSeveralBytes) {
+    const auto withTag = [](char tag) {
+        return message(2, 1, {}, element(0x31, element(tag, "\x01")));
+    };
+
+    EXPECT_TRUE(hasShapeOfSignature(withTag('\x9E')));
+    EXPECT_FALSE(hasShapeOfSignature(withTag('\x1F')));
+    EXPECT_FALSE(hasShapeOfSignature(withTag('\x9F')));
+}
+
 TEST(SignedContentTest, IsExactlyTheThreeLines) {
     EXPECT_THAT(
         parseSignedContent(content()),

@@ -292,6 +292,9 @@ TEST_F(SignedDataTest, TrustsNoOtherContentWhereverABitIsChanged) {
         if (trusted) {
             EXPECT_EQ(trusted->content, parsedContent()) << place;
             EXPECT_EQ(trusted->chain[0].subjectOU, "K7PD2QM4TZ") << place;
+            // What our own reader makes of it is what OpenSSL makes of it.
+            EXPECT_EQ(readClaims(changed)->content, trusted->content) << place;
+            EXPECT_EQ(readClaims(changed)->teamIdentifier, trusted->chain[0].subjectOU) << place;
         }
     }
 }

@@ -127,7 +127,7 @@ protected:
     Exported& exported = *new Exported;
 };
 
-TEST(DBusClientBeforeTest, WaitsForAPlaceInTheQueue) {
+TEST(DBusClientQueueTest, WaitsForAPlaceInTheQueue) {
     UniqueFd listening = openListeningSocket(0);
     ASSERT_EQ(::listen(listening.get(), 0), 0);
     const UniqueFd first = test::connectTo(listeningSocketPath);

@@ -58,13 +58,13 @@ bool hasAdministratorsGroup(int socket, const ucred& credentials) {
            std::find(known.begin(), known.end(), administratorsGroup) != known.end();
 }
 
-/// The thread that accepts must be faster than whoever connects and closes in a loop, on however
-/// many processors.
-constexpr int fastest = -20;
+/// The thread that accepts must be faster than those who connect and close in a loop, though there
+/// are more of them. A still lower one would keep everybody else off its processor for too long.
+constexpr int niceness = -10;
 
 /// Where root may not do this, what systemd gives the service has to do.
-void setNiceness(int niceness) {
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), niceness);
+void setNiceness(int value) {
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), value);
 }
 
 /// Whether nobody has the other end any more.
@@ -158,7 +158,7 @@ public:
 private:
     void acceptAll(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
         using namespace std::chrono_literals;
-        setNiceness(fastest);
+        setNiceness(niceness);
         while (true) {
             const int error = acceptOne(delegate, exported);
             if (error == EAGAIN || error == EWOULDBLOCK) {

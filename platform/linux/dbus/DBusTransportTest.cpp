@@ -453,12 +453,15 @@ TEST_F(DBusTransportTest, LooksNowAndThenWhetherASilentPeerMayStay) {
 
 TEST_F(DBusTransportTest, WhoeverIsTurnedAwayAgainAndAgainIsNotEvenAsked) {
     doorkeeper.admits = false;
+    const auto begin = std::chrono::steady_clock::now();
     for (int count = 0; count < 100; ++count) {
         EXPECT_TRUE(connectRaw().closesWithin(2s));
     }
 
+    // One more is forgotten each second.
+    const auto took = std::chrono::steady_clock::now() - begin;
     EXPECT_GE(doorkeeper.asked, 20);
-    EXPECT_LE(doorkeeper.asked, 25);
+    EXPECT_LE(doorkeeper.asked, 21 + took / 1s);
 
     doorkeeper.admits = true;
     EXPECT_TRUE(eventually([] { return Client().call("HelperVersion", "").has_value(); }));

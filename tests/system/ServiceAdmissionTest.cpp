@@ -119,6 +119,20 @@ TEST_F(ServiceAdmissionTest, TurnsEveryOtherProgramAway) {
     expectServed(lab.client);
 }
 
+TEST_F(ServiceAdmissionTest, HasNoLibraryReadAStrangersSignature) {
+    const Service service;
+    const auto hasLibrary = [&] {
+        return contentOf("/proc/" + std::to_string(service.pid()) + "/maps").find("libcrypto") !=
+               std::string::npos;
+    };
+
+    expectRejected(lab.signedClient(applicationIdentifier, Chain::development("OTHERTEAM1")));
+    EXPECT_FALSE(hasLibrary());
+
+    expectServed(lab.client);
+    EXPECT_TRUE(hasLibrary());
+}
+
 TEST_F(ServiceAdmissionTest, TurnsASignatureAwayThatCannotBeRead) {
     const Service service;
     const std::string program = contentOf(clientProgram);

@@ -5,11 +5,15 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace tarnvale::platform {
 namespace {
@@ -34,14 +38,24 @@ protected:
         threads.clear();
     }
 
-    /// Returns when the thread surely waits.
+    /// Returns when the thread waits.
     void startWaiting(uid_t user) {
-        threads.emplace_back([this, user] {
+        std::atomic<pid_t> waiter = 0;
+        threads.emplace_back([this, user, &waiter] {
+            waiter = ::gettid();
             const auto turn = turns.take(user, Deadline());
             const support::MutexLock lock(mutex);
             order.push_back(user);
         });
-        std::this_thread::sleep_for(20ms);
+        while (waiter == 0 || !isAsleep(waiter)) {
+            std::this_thread::sleep_for(1ms);
+        }
+    }
+
+    static bool isAsleep(pid_t thread) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        const std::string status{std::istreambuf_iterator<char>(file), {}};
+        return status.find(") S ") != std::string::npos;
     }
 
     FairTurns turns{1};

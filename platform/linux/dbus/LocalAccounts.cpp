@@ -90,11 +90,15 @@ void LocalAccounts::readIfChanged() {
         const auto first = numberIn(range[1]);
         const auto count = numberIn(range[2]);
         if (first && count) {
-            // The owner goes by name or number. One who isn't in the file still is one user.
+            // The owner goes by name or number. One who isn't in the file still is one user; and
+            // root's, those of containers, must not use up what is root's own.
             const auto named = users.find(range[0]);
             const auto owner =
-                named != users.end() ? named->second : numberIn(range[0]).value_or(*first);
-            subordinates.push_back({.first = *first, .count = *count, .owner = owner});
+                named != users.end() ? std::optional(named->second) : numberIn(range[0]);
+            subordinates.push_back(
+                {.first = *first,
+                 .count = *count,
+                 .owner = owner.value_or(0) != 0 ? *owner : *first});
         }
     }
     subordinates_ = std::move(subordinates);

@@ -22,7 +22,7 @@ inline constexpr gid_t administratorsGroup = 80;
 class LocalAccounts {
 public:
     /// The user to whom this one is subordinate (/etc/subuid), or else the user himself. Whoever
-    /// has subordinate users could otherwise be many.
+    /// has subordinate users could otherwise be many. Root's subordinates have one of their own.
     uid_t ownerOf(uid_t user);
 
     /// Whether /etc/group or /etc/passwd puts the user into the group of the administrators.

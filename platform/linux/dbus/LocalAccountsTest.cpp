@@ -20,7 +20,8 @@ protected:
         test::put("/etc/group", "root:x:0:\nstaff:x:20:eve\nadmin:x:80:ada,nobody-known\n");
         test::put(
             "/etc/subuid",
-            "eve:100000:65536\n501:200000:1000\nfar-away:300000:10\nbroken:x:5\nada:400000\n");
+            "eve:100000:65536\n501:200000:1000\nfar-away:300000:10\nroot:600000:10\nbroken:x:"
+            "5\nada:400000\n");
     }
 
     LocalAccounts accounts;
@@ -31,6 +32,7 @@ TEST_F(LocalAccountsTest, ASubordinateUserIsHisOwners) {
     EXPECT_EQ(accounts.ownerOf(165'535), 503U);
     EXPECT_EQ(accounts.ownerOf(200'999), 501U) << "who goes by number";
     EXPECT_EQ(accounts.ownerOf(300'009), 300'000U) << "one nobody, not ten";
+    EXPECT_EQ(accounts.ownerOf(600'009), 600'000U) << "not root";
 }
 
 TEST_F(LocalAccountsTest, AnybodyElseIsHisOwn) {

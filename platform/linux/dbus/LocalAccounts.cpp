@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <fstream>
 #include <limits>
-#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -66,44 +65,49 @@ void LocalAccounts::readIfChanged() {
     if (now == known_) {
         return;
     }
-    std::map<std::string, uid_t> users;
-    std::set<uid_t> administrators;
+    Users users;
+    administrators_.clear();
     for (const auto& account : linesOf(files[0], 4)) {
         if (const auto uid = numberIn(account[2])) {
             users.emplace(account[0], *uid);
             if (numberIn(account[3]) == administratorsGroup) {
-                administrators.insert(*uid);
+                administrators_.insert(*uid);
             }
         }
     }
+    addMembers(users);
+    readSubordinates(users);
+    known_ = now;
+}
+
+void LocalAccounts::addMembers(const Users& users) {
     for (const auto& group : linesOf(files[1], 4)) {
-        if (numberIn(group[2]) == administratorsGroup) {
-            for (const auto member : support::split(group[3], ',')) {
-                if (const auto user = users.find(std::string(member)); user != users.end()) {
-                    administrators.insert(user->second);
-                }
+        if (numberIn(group[2]) != administratorsGroup) {
+            continue;
+        }
+        for (const auto member : support::split(group[3], ',')) {
+            if (const auto user = users.find(std::string(member)); user != users.end()) {
+                administrators_.insert(user->second);
             }
         }
     }
-    std::vector<Subordinates> subordinates;
+}
+
+void LocalAccounts::readSubordinates(const Users& users) {
+    subordinates_.clear();
     for (const auto& range : linesOf(files[2], 3)) {
         const auto first = numberIn(range[1]);
         const auto count = numberIn(range[2]);
-        if (first && count) {
-            // The owner goes by name or number. One who isn't in the file still is one user; and
-            // root's, those of containers, must not use up what is root's own.
-            const auto named = users.find(range[0]);
-            const auto owner =
-                named != users.end() ? std::optional(named->second) : numberIn(range[0]);
-            subordinates.push_back(
-                {.first = *first,
-                 .count = *count,
-                 .owner = owner.value_or(0) != 0 ? *owner : *first});
+        if (!first || !count) {
+            continue;
         }
+        // The owner goes by name or number. One who isn't in the file still is one user; and
+        // root's, those of containers, must not use up what is root's own.
+        const auto named = users.find(range[0]);
+        const auto owner = named != users.end() ? std::optional(named->second) : numberIn(range[0]);
+        subordinates_.push_back(
+            {.first = *first, .count = *count, .owner = owner.value_or(0) != 0 ? *owner : *first});
     }
-    subordinates_ = std::move(subordinates);
-    administrators_ = std::move(administrators);
-    known_ = now;
 }
 
 }  // namespace tarnvale::platform

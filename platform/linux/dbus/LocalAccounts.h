@@ -6,8 +6,10 @@
 #pragma once
 
 #include <array>
+#include <map>
 #include <optional>
 #include <set>
+#include <string>
 #include <vector>
 
 #include <sys/types.h>
@@ -35,7 +37,11 @@ private:
         uid_t owner;
     };
 
+    using Users = std::map<std::string, uid_t>;
+
     void readIfChanged();
+    void addMembers(const Users& users);
+    void readSubordinates(const Users& users);
 
     std::array<std::optional<FileIdentity>, 3> known_;  ///< the files' states when they were read
     std::vector<Subordinates> subordinates_;

@@ -2,10 +2,12 @@
 
 #include "vlan/VLANError.h"
 
+#include <utility>
+
 namespace tarnvale::HelperVLAN {
 
-VLANError::VLANError(Case errorCase, const std::string& description)
-    : std::runtime_error(description), case_(errorCase) {}
+VLANError::VLANError(Case errorCase, std::string description)
+    : DescribedError(std::move(description)), case_(errorCase) {}
 
 VLANError VLANError::noSuchPhysicalInterface(std::string_view parentBSD) {
     return {

@@ -4,14 +4,14 @@
 
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "support/DescribedError.h"
+
 namespace tarnvale::HelperVLAN {
 
-/// what() is the whole sentence for the user.
-class VLANError : public std::runtime_error {
+class VLANError : public support::DescribedError {
 public:
     enum class Case {
         noSuchPhysicalInterface,
@@ -36,7 +36,7 @@ public:
     Case errorCase() const noexcept { return case_; }
 
 private:
-    VLANError(Case errorCase, const std::string& description);
+    VLANError(Case errorCase, std::string description);
 
     Case case_;
 };

@@ -15,6 +15,7 @@
 #include "firewall/enforce/Operations.h"
 #include "firewall/enforce/StatusReport.h"
 #include "resolver/ResolverFiles.h"
+#include "support/DescribedError.h"
 #include "vlan/VLANOperations.h"
 
 namespace tarnvale {
@@ -34,9 +35,9 @@ constexpr struct {
 } rules;
 
 /// Logs why an operation failed and makes the reply that says the same.
-ResultReply failure(const char* operation, const std::string& description) {
-    helperLog(std::string(operation) + " failed: " + description);
-    return {.result = std::nullopt, .error = description};
+ResultReply failure(const char* operation, std::string_view description) {
+    helperLog(std::string(operation).append(" failed: ").append(description));
+    return {.result = std::nullopt, .error = std::string(description)};
 }
 
 }  // namespace
@@ -58,7 +59,7 @@ ResultReply RequestHandlers::perform(const RequestRule& rule, const Operation& o
     } catch (const std::bad_alloc&) {
         return failure(rule.operation, "There is not enough memory for this request.");
     } catch (const std::exception& error) {
-        return failure(rule.operation, error.what());
+        return failure(rule.operation, support::descriptionOf(error));
     }
 }
 

@@ -30,6 +30,7 @@ namespace tarnvale {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using test::contentOf;
 using test::exists;
 using test::logMessages;
@@ -231,6 +232,27 @@ TEST_F(RequestHandlersTest, AFailedApplyIsLoggedAndRepliedInTheSameWords) {
     EXPECT_EQ(reply.result, std::nullopt);
     EXPECT_THAT(reply.error, Optional(StartsWith("Could not read the firewall policy: ")));
     EXPECT_THAT(logMessages(), ElementsAre("applyFirewall failed: " + *reply.error));
+}
+
+TEST_F(RequestHandlersTest, ANulInANameCutsNeitherTheErrorNorItsLogLine) {
+    transport.caller = administrator;
+
+    const auto reply = handlers.applyFirewallWithPolicyData(test::policyText(
+        {{.number = 1, .name = R"(Of\u0000fice)", .subnetCIDR = "10.0.0.0/24"},
+         {.number = 2, .name = "Home", .subnetCIDR = "10.1.0.0/24"}}));
+
+    ASSERT_TRUE(reply.error);
+    EXPECT_THAT(*reply.error, HasSubstr("• Of\0fice: the subnet \"10.0.0.0/24\""s));
+    EXPECT_THAT(*reply.error, HasSubstr("• Home: the subnet \"10.1.0.0/24\""));
+    EXPECT_THAT(contentOf(test::logPath), HasSubstr(" applyFirewall failed: " + *reply.error));
+}
+
+TEST_F(RequestHandlersTest, ANulInTheNameOfAnInterfaceCutsNoError) {
+    transport.caller = administrator;
+
+    EXPECT_EQ(
+        handlers.createVLANWithName("Lab", 5, "en0\0x"s).error,
+        "No physical interface named en0\0x."s);
 }
 
 TEST_F(RequestHandlersTest, OnlyTheConsoleUserAdoptsTheLegacyNetworks) {

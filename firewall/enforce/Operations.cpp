@@ -21,6 +21,7 @@
 #include "firewall/policy/Review.h"
 #include "firewall/policy/Summary.h"
 #include "platform/HostAddresses.h"
+#include "support/DescribedError.h"
 #include "support/Files.h"
 #include "support/Mutex.h"
 #include "support/Timestamp.h"
@@ -180,7 +181,7 @@ void reapplyAtBoot() noexcept {
         try {
             reapply();
         } catch (const std::exception& error) {
-            helperLog(std::string("Boot re-apply failed: ") + error.what());
+            helperLog(std::string("Boot re-apply failed: ").append(support::descriptionOf(error)));
         }
     } catch (...) {
         // Not even the log has room for it.

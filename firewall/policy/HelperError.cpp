@@ -2,6 +2,8 @@
 
 #include "firewall/policy/HelperError.h"
 
+#include <utility>
+
 namespace tarnvale::HelperFirewall {
 
 HelperError HelperError::decodeFailed(std::string_view description) {
@@ -23,7 +25,7 @@ HelperError HelperError::networksRefused(
         text += "• ";
         text += refused[i];
     }
-    return {Case::networksRefused, text};
+    return {Case::networksRefused, std::move(text)};
 }
 
 }  // namespace tarnvale::HelperFirewall

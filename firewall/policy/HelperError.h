@@ -6,14 +6,15 @@
 #pragma once
 
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "support/DescribedError.h"
 
 namespace tarnvale::HelperFirewall {
 
-/// what() is the whole text for the user.
-class HelperError : public std::runtime_error {
+class HelperError : public support::DescribedError {
 public:
     enum class Case { decodeFailed, pfctlFailed, networksRefused };
 
@@ -31,8 +32,8 @@ public:
     Case errorCase() const noexcept { return case_; }
 
 private:
-    HelperError(Case errorCase, const std::string& description)
-        : std::runtime_error(description), case_(errorCase) {}
+    HelperError(Case errorCase, std::string description)
+        : DescribedError(std::move(description)), case_(errorCase) {}
 
     Case case_;
 };

@@ -21,8 +21,8 @@
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "platform/linux/dbus/SdBus.h"
 #include "platform/linux/dbus/WireProtocol.h"
+#include "platform/linux/dbus/WireText.h"
 #include "support/SystemCalls.h"
-#include "support/Text.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -179,10 +179,10 @@ private:
         return Message(made);
     }
 
-    /// D-Bus carries only text; anything else that a caller gives is repaired, and names nothing.
+    /// Whatever in a caller's text can't be sent is replaced, and names nothing.
     static void append(const Message& call, std::string_view text) {
         require(systemd().sd_bus_message_append_basic(
-            call.get(), SD_BUS_TYPE_STRING, support::repairedUtf8(text).c_str()));
+            call.get(), SD_BUS_TYPE_STRING, wire::sendable(text).c_str()));
     }
 
     Message send(const Message& call) {

@@ -33,6 +33,8 @@
 namespace tarnvale::platform {
 namespace {
 
+using namespace std::chrono_literals;
+using namespace std::string_literals;
 using support::UniqueFd;
 using testing::ElementsAre;
 
@@ -211,7 +213,44 @@ TEST_F(DBusClientTest, PassesEveryReplyBack) {
 TEST_F(DBusClientTest, RepairsTextThatDBusCantCarry) {
     connectToHelper()->createVLANWithName("B\xFCro", 5, "en0");
 
-    EXPECT_THAT(exported.calls(), ElementsAre("createVLAN B\uFFFDro|5|en0"));
+    connectToHelper()->createVLANWithName("B\0\uFFFEx"s, 5, "en0");
+
+    EXPECT_THAT(
+        exported.calls(),
+        ElementsAre("createVLAN B\uFFFDro|5|en0", "createVLAN B\uFFFD\uFFFDx|5|en0"));
+}
+
+TEST_F(DBusClientTest, RepliesWithWhatDBusCantCarryReplaced) {
+    const auto client = connectToHelper();
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"a\0b\0"s, "a\uFFFDb\uFFFD"},
+        {"a\xFF\xC3z", "a\uFFFD\uFFFDz"},
+        // Noncharacters, and their neighbours on both sides.
+        {"\uFDCF|\uFDD0|\uFDEF|\uFDF0", "\uFDCF|\uFFFD|\uFFFD|\uFDF0"},
+        {"\uFFFD|\uFFFE|\uFFFF|\U00010000", "\uFFFD|\uFFFD|\uFFFD|\U00010000"},
+        {"\U0001FFFD|\U0001FFFE|\U0001FFFF", "\U0001FFFD|\uFFFD|\uFFFD"},
+        {"\U0003FFFE|\U0007FFFF|\U0008FFFE", "\uFFFD|\uFFFD|\uFFFD"},
+        {"\U000FFFFF|\U0010FFFD|\U0010FFFE", "\uFFFD|\U0010FFFD|\uFFFD"},
+        {"• \uF8FF \U0001F600 é", "• \uF8FF \U0001F600 é"}};
+    for (const auto& [text, carried] : cases) {
+        exported.setReply({.result = text, .error = text});
+
+        EXPECT_EQ(
+            client->applyFirewallWithPolicyData("[]"),
+            (ResultReply{.result = carried, .error = carried}));
+    }
+}
+
+TEST_F(DBusClientTest, ReplacesMillionsOfNulsAtOnce) {
+    constexpr std::size_t many = 1'500'000;
+    const auto client = connectToHelper();
+    exported.setReply({.result = std::nullopt, .error = std::string(many, '\0')});
+
+    const auto begin = std::chrono::steady_clock::now();
+    const auto error = client->removeFirewall();
+
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+    EXPECT_EQ(error.value_or("").size(), many * std::string_view("\uFFFD").size());
 }
 
 TEST_F(DBusClientTest, CarriesTheLargestPolicy) {

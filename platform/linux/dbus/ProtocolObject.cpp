@@ -18,21 +18,12 @@
 
 #include "platform/linux/dbus/SdBus.h"
 #include "platform/linux/dbus/WireProtocol.h"
-#include "support/Text.h"
+#include "platform/linux/dbus/WireText.h"
 
 namespace tarnvale::platform {
 namespace {
 
 constexpr std::size_t usualSendBuffer = 131072;  // bytes
-
-/// The text as D-Bus can carry it: UTF-8 without a NUL.
-std::string carriable(const std::string& text) {
-    auto carried = support::isValidUtf8(text) ? text : support::repairedUtf8(text);
-    for (auto nul = carried.find('\0'); nul != std::string::npos; nul = carried.find('\0', nul)) {
-        carried.replace(nul, 1, "\uFFFD");
-    }
-    return carried;
-}
 
 /// Makes room in the socket for the whole reply beside what the peer has not taken yet, so that it
 /// leaves at once. While sd-bus writes a reply in parts, it goes on reading requests.
@@ -65,10 +56,9 @@ int reply(
     for (const auto* text : texts) {
         checkBus(systemd().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s"));
         if (*text) {
-            const auto carried = carriable(**text);
-            size += carried.size();
-            checkBus(
-                systemd().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, carried.c_str()));
+            const auto sent = wire::sendable(**text);
+            size += sent.size();
+            checkBus(systemd().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, sent.c_str()));
         }
         checkBus(systemd().sd_bus_message_close_container(made));
     }

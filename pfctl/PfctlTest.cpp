@@ -19,15 +19,12 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
-#include <linux/seccomp.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -46,6 +43,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/SkipReasons.h"
 
 namespace tarnvale::pfctl {
@@ -587,22 +585,10 @@ TEST_F(PfctlTest, RefusesRootWithoutTheRight) {
     EXPECT_EQ(refused.error, "pfctl: /dev/pf: Permission denied\n");
 }
 
-/// Has the kernel refuse whatever this thread sends to it, as one without netfilter does.
-bool refuseMessages() {
-    std::array filter{
-        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sendmsg, 0, 1),
-        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
-        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog installed{.len = filter.size(), .filter = filter.data()};
-    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &installed) == 0;
-}
-
 TEST_F(PfctlTest, SaysThatTheKernelHasNoPacketFilter) {
     std::string problem;
     std::thread([&problem] {
-        EXPECT_TRUE(refuseMessages());
+        test::refuseCall(SYS_sendmsg, EINVAL);  // as a kernel without netfilter does
         try {
             run(parseArguments(std::vector<std::string_view>{"-a", anchor, "-v", "-sr"}));
         } catch (const PfctlError& error) {

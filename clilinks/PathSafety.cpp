@@ -38,8 +38,8 @@ UniqueFd openFolder(int parent, const char* name) {
     return UniqueFd(::openat(parent, name, folderFlags));
 }
 
-/// Makes a folder and opens it; errno says why it can't. A folder that somebody else has made
-/// meanwhile will do.
+/// Makes a folder, with its mode less the umask, and opens it; errno says why it can't. A folder
+/// that somebody else has made meanwhile will do.
 UniqueFd makeFolder(int parent, const char* name) {
     const bool made = ::mkdirat(parent, name, folderMode) == 0;
     if (!made && errno != EEXIST) {
@@ -47,9 +47,7 @@ UniqueFd makeFolder(int parent, const char* name) {
     }
     UniqueFd folder = openFolder(parent, name);
     if (made && folder) {
-        // The umask may have removed bits. A folder with too narrow a mode, or one that a power cut
-        // undoes, is not a reason to give up.
-        static_cast<void>(::fchmod(folder.get(), folderMode));
+        // A folder that a power cut undoes is not a reason to give up.
         static_cast<void>(::fsync(folder.get()));
         static_cast<void>(::fsync(parent));
     }

@@ -55,15 +55,17 @@ TEST_F(PathSafetyTest, HasNothingToRemoveWithoutBin) {
     EXPECT_FALSE(fs::exists("/usr/local/bin"));
 }
 
-TEST_F(PathSafetyTest, MakesFoldersWithTheirModeWhateverTheUmask) {
-    for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
+TEST_F(PathSafetyTest, MakesFoldersWithTheirModeLessTheUmask) {
+    for (const auto& [mask, mode] : std::vector<std::pair<mode_t, mode_t>>{
+             {0, 0755}, {022, 0755}, {027, 0750}, {077, 0700}, {0777, 0}}) {
         SCOPED_TRACE(mask);
-        fs::remove_all("/usr/local/bin");
+        removeUsrLocal();
 
         ::umask(mask);
         EXPECT_EQ(install(), "");
 
-        EXPECT_EQ(modeOf("/usr/local/bin"), 0755);
+        EXPECT_EQ(modeOf("/usr/local"), mode);
+        EXPECT_EQ(modeOf("/usr/local/bin"), mode);
         EXPECT_EQ(linked(), bothLinks());
     }
 }

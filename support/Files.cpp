@@ -183,6 +183,17 @@ struct Attributes {
     std::optional<std::pair<uid_t, gid_t>> owner;  ///< if absent, as for any new file
 };
 
+/// A file that isn't ours needs exactly these attributes. One of ours was created with no more than
+/// its mode, so it may do without the bits that the umask took.
+bool setAttributes(const UniqueFd& file, const Attributes& attributes) {
+    if (!attributes.owner) {
+        static_cast<void>(::fchmod(file.get(), attributes.mode));
+        return true;
+    }
+    const auto [user, group] = *attributes.owner;
+    return ::fchown(file.get(), user, group) == 0 && ::fchmod(file.get(), attributes.mode) == 0;
+}
+
 void replaceFile(const std::string& path, std::string_view bytes, const Attributes& attributes) {
     const auto [folderPath, name] = splitPath(path);
     const auto folder = openFolder(folderPath);
@@ -205,10 +216,7 @@ void replaceFile(const std::string& path, std::string_view bytes, const Attribut
         throw FileError(Operation::writeInto, path, errno);
     }
 
-    const bool hasOwner =
-        !attributes.owner ||
-        ::fchown(file.get(), attributes.owner->first, attributes.owner->second) == 0;
-    if (!hasOwner || ::fchmod(file.get(), attributes.mode) != 0 || !writeAll(file.get(), bytes) ||
+    if (!setAttributes(file, attributes) || !writeAll(file.get(), bytes) ||
         !synchronise(file.get()) ||
         ::renameat(folder.get(), temporary.c_str(), folder.get(), name.c_str()) != 0) {
         const int error = errno;
@@ -285,7 +293,7 @@ void makeFolders(const std::string& path, std::optional<mode_t> mode) {
     if (isMissing && above != path) {
         makeFolders(above, mode);
     }
-    if (::mkdir(path.c_str(), mode.value_or(0777)) != 0) {
+    if (::mkdir(path.c_str(), mode.value_or(0755)) != 0) {
         const int error = errno;
         if (error == EEXIST && ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
             return;  // somebody else has just created it

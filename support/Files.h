@@ -41,16 +41,17 @@ private:
 std::optional<std::string> readFile(const std::string& path);
 
 /// Makes `bytes` the content of the file at `path`, atomically and durably. Whatever the umask and
-/// the mode of an older file are, the new file appears with exactly `mode`. A link at `path` is
-/// replaced, not followed. Throws `FileError` and leaves the old content; only if synchronising the
-/// folder failed is the new content in place, and a power cut may still bring the old one back.
+/// the mode of an older file are, the new file appears with exactly `mode`; where the mode can't be
+/// set, with `mode` less the umask. A link at `path` is replaced, not followed. Throws `FileError`
+/// and leaves the old content; only if synchronising the folder failed is the new content in place,
+/// and a power cut may still bring the old one back.
 void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode);
 
-/// The same for a file that isn't ours: keeps an existing file's mode, owner and group. A new file
-/// gets 0644.
+/// The same for a file that isn't ours: keeps an existing file's mode, owner and group, or throws.
+/// A new file gets 0644.
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes);
 
-/// Creates the folder and the missing ones above it, each with mode 0777 less the umask, or with
+/// Creates the folder and the missing ones above it, each with mode 0755 less the umask, or with
 /// exactly `mode` if one is given. Leaves an existing folder as it is. Throws `FileError`.
 void makeFolders(const std::string& path, std::optional<mode_t> mode = std::nullopt);
 

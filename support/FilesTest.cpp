@@ -9,6 +9,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -21,6 +22,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/SkipReasons.h"
 
 namespace tarnvale::support {
@@ -292,15 +294,31 @@ TEST_F(FilesTest, ReadsNothingButRegularFiles) {
     EXPECT_EQ(readFile(""), std::nullopt);
 }
 
-TEST_F(FilesTest, MakesEveryMissingFolderByTheUmask) {
-    ::umask(027);
+TEST_F(FilesTest, MakesEveryMissingFolderByTheUmaskAndWritableForNobodyElse) {
+    for (const auto& [mask, mode] :
+         {std::pair<mode_t, mode_t>{0, 0755}, {002, 0755}, {027, 0750}, {077, 0700}}) {
+        fs::remove_all(inFolder("a"));
+        ::umask(mask);
 
-    makeFolders(inFolder("a/b/c"));
+        makeFolders(inFolder("a/b/c"));
 
-    for (const std::string made : {"a", "a/b", "a/b/c"}) {
-        EXPECT_TRUE(fs::is_directory(inFolder(made)));
-        EXPECT_EQ(modeOf(inFolder(made)), 0750U) << made;
+        for (const char* const made : {"a", "a/b", "a/b/c"}) {
+            EXPECT_TRUE(fs::is_directory(inFolder(made)));
+            EXPECT_EQ(modeOf(inFolder(made)), mode) << made << ", umask " << mask;
+        }
     }
+}
+
+TEST_F(FilesTest, WritesOurFileWhereItsModeCannotBeSetButNotAForeignOne) {
+    ::umask(027);
+    test::refuseModeChanges();
+
+    writeFileAtomically(path, "new", forAll);
+    EXPECT_EQ(contentOf(path), "new");
+    EXPECT_EQ(modeOf(path), forAll & ~027U);
+
+    EXPECT_THROW(replaceFileKeepingAttributes(path, "newer"), FileError);
+    EXPECT_EQ(contentOf(path), "new");
 }
 
 TEST_F(FilesTest, MakesEveryMissingFolderWithExactlyTheGivenMode) {

@@ -4,6 +4,8 @@
 
 #include <exception>
 
+#include <sys/types.h>
+
 #include "core/base/AppSupport.h"
 #include "core/base/HelperLog.h"
 #include "support/Files.h"
@@ -12,6 +14,8 @@
 
 namespace tarnvale::HelperVLAN {
 namespace {
+
+constexpr mode_t recordMode = 0600;
 
 std::string recordPath() {
     return std::string(appSupportDirectory) + "/vlans.json";
@@ -35,7 +39,8 @@ void saveRecords(const std::vector<Record>& records) {
     try {
         support::makeFolders(appSupportDirectory);
         const auto bytes = support::encodeJson(records, support::JsonForm::compact);
-        support::writeFileAtomically(recordPath(), bytes, 0600);
+        support::writeFileAtomically(recordPath(), bytes, recordMode);
+        support::setMode(recordPath(), recordMode);
     } catch (const std::exception& error) {
         helperLog(std::string("Could not record Tarnvale's VLANs: ") + error.what());
     }

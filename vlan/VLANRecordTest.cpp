@@ -15,6 +15,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/SkipReasons.h"
 #include "tests/support/SmallDisk.h"
 
@@ -165,7 +166,7 @@ TEST_F(VLANRecordTest, TakesWhatCannotBeReadForAnEmptyList) {
 
 TEST_F(VLANRecordTest, IsReadableByRootOnlyWhateverTheUmaskIs) {
     for (const auto& [mask, folderMode] :
-         {std::pair<mode_t, mode_t>{0, 0777}, {022, 0755}, {077, 0700}}) {
+         {std::pair<mode_t, mode_t>{0, 0755}, {022, 0755}, {077, 0700}}) {
         fs::remove_all("/Library");
         const mode_t before = ::umask(mask);
         saveRecords({{"vlan0", 5, "en0"}});
@@ -174,6 +175,18 @@ TEST_F(VLANRecordTest, IsReadableByRootOnlyWhateverTheUmaskIs) {
         EXPECT_EQ(test::modeOf(vlanRecordPath), 0600U) << mask;
         EXPECT_EQ(test::modeOf(supportFolder), folderMode) << mask;
     }
+}
+
+TEST_F(VLANRecordTest, IsKeptAndLogsWhereItsModeCannotBeSet) {
+    test::refuseModeChanges();
+
+    saveRecords({{"vlan0", 5, "en0"}});
+
+    EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
+    EXPECT_THAT(
+        test::logMessages(),
+        ElementsAre("Could not record Tarnvale's VLANs: You don’t have permission to save the file "
+                    "“vlans.json” in the folder “Tarnvale”."));
 }
 
 TEST_F(VLANRecordTest, ClosesAFileThatOthersCouldRead) {

@@ -21,6 +21,7 @@
 #include "support/Timestamp.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/SkipReasons.h"
 
@@ -102,6 +103,31 @@ TEST_F(OperationsTest, GivesItsFilesTheirModesWhateverTheUmask) {
 
         EXPECT_EQ(modeOf(storePath), 0600U) << mask;
         EXPECT_EQ(modeOf(rulesetPath), 0644U) << mask;
+    }
+}
+
+TEST_F(OperationsTest, AnApplySucceedsWhereTheModesOfItsFilesCannotBeSet) {
+    ::umask(0);
+    test::refuseModeChanges();
+
+    EXPECT_EQ(applyFirewall(policyText({{64}}), 501, atConsole), "Enforcing 1 network: Lab");
+
+    EXPECT_EQ(modeOf(storePath), 0600U);
+    EXPECT_EQ(modeOf(rulesetPath), 0644U);
+}
+
+TEST_F(OperationsTest, ItsFoldersAreNeverWritableForOthers) {
+    for (const auto& [mask, mode] :
+         {std::pair<mode_t, mode_t>{0, 0755}, {002, 0755}, {022, 0755}, {077, 0700}}) {
+        ::umask(mask);
+        std::filesystem::remove_all("/Library");
+
+        applyFirewall(policyText({{64}}), 501, atConsole);
+
+        for (const char* const folder :
+             {"/Library", "/Library/Application Support", supportFolder.c_str()}) {
+            EXPECT_EQ(modeOf(folder), mode) << folder << ", umask " << mask;
+        }
     }
 }
 

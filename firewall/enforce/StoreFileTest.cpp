@@ -114,7 +114,7 @@ TEST(StoreFileTest, OnlyRootMayReadTheFileWhateverTheUmaskAndTheOldMode) {
         fs::remove_all(supportFolder);
         save(someStore());
         EXPECT_EQ(modeOf(storePath()), 0600U) << mask;
-        EXPECT_EQ(modeOf(supportFolder), 0777U & ~mask);
+        EXPECT_EQ(modeOf(supportFolder), 0755U & ~mask);
 
         fs::permissions(storePath(), fs::perms(0644));
         save(someStore());

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <system_error>
 
-#include <sys/stat.h>
+#include <sys/types.h>
 
 #include "core/base/HelperLog.h"
 #include "support/Files.h"
@@ -38,11 +38,6 @@ bool isOurs(std::string_view content) {
     return content.find(marker) != std::string_view::npos;
 }
 
-bool isAnythingAt(const std::string& path) {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
-
 }  // namespace
 
 std::vector<std::string> resolverFilePaths() {
@@ -67,12 +62,14 @@ void installResolverFiles() {
         if (existing == content) {
             continue;
         }
-        // Something that can't be read, such as a folder, can't be identified as ours.
-        if (existing ? !isOurs(*existing) : isAnythingAt(path)) {
+        // What can't be read as a file counts as none: a link to nothing is replaced, and a folder
+        // makes the write fail.
+        if (existing && !isOurs(*existing)) {
             helperLog("Left " + path + " alone: it wasn't installed by Tarnvale.");
             continue;
         }
         support::writeFileAtomically(path, content, fileMode);
+        support::setMode(path, fileMode);  // others read it, so a narrower mode is a failure
         helperLog("Installed " + path + ".");
     }
 }

@@ -17,6 +17,7 @@
 #include "support/Files.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/SkipReasons.h"
 
 namespace tarnvale::HelperResolver {
@@ -210,34 +211,54 @@ TEST_F(ResolverFilesTest, KnowsItsFilesByTheMarkerAlone) {
     }
 }
 
-TEST_F(ResolverFilesTest, LeavesWhatIsNoReadableFileAlone) {
+TEST_F(ResolverFilesTest, AFolderInAFilesPlaceIsReportedAndEndsTheInstall) {
     fs::create_directory(tvx);
-    ASSERT_EQ(::mkfifo(tarnvale, 0644), 0);
 
-    installResolverFiles();
+    EXPECT_THAT(
+        installResolverFiles,
+        ThrowsMessage<FileError>("The file “tvx” couldn’t be saved in the folder “resolver”."));
     removeResolverFiles();
 
     EXPECT_TRUE(fs::is_directory(tvx));
-    EXPECT_TRUE(fs::is_fifo(tarnvale));
-    EXPECT_THAT(
-        logMessages(),
-        ElementsAre(
-            "Left /etc/resolver/tvx alone: it wasn't installed by Tarnvale.",
-            "Left /etc/resolver/tarnvale alone: it wasn't installed by Tarnvale."));
+    EXPECT_FALSE(fs::exists(tarnvale));
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
-TEST_F(ResolverFilesTest, LeavesALinkToNothingOrToAForeignFileAlone) {
-    put("/etc/foreign", foreignText);
+TEST_F(ResolverFilesTest, ReplacesWhatCannotBeReadAsAFile) {
     fs::create_symlink("/etc/missing", tvx);
+    ASSERT_EQ(::mkfifo(tarnvale, 0644), 0);
+    removeResolverFiles();
+    EXPECT_TRUE(fs::is_symlink(tvx));
+    EXPECT_TRUE(fs::is_fifo(tarnvale));
+
+    installResolverFiles();
+
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(tvx)));
+    EXPECT_FALSE(fs::exists("/etc/missing"));
+    EXPECT_EQ(files(), installedFiles());
+}
+
+TEST_F(ResolverFilesTest, LeavesALinkToAForeignFileAlone) {
+    put("/etc/foreign", foreignText);
     fs::create_symlink("/etc/foreign", tarnvale);
 
     installResolverFiles();
     removeResolverFiles();
 
-    EXPECT_EQ(fs::read_symlink(tvx), "/etc/missing");
     EXPECT_EQ(fs::read_symlink(tarnvale), "/etc/foreign");
-    EXPECT_FALSE(fs::exists("/etc/missing"));
     EXPECT_EQ(contentOf("/etc/foreign"), foreignText);
+}
+
+TEST_F(ResolverFilesTest, AModeThatCannotBeSetIsReportedAndEndsTheInstall) {
+    test::refuseModeChanges();
+
+    EXPECT_THAT(
+        installResolverFiles,
+        ThrowsMessage<FileError>(
+            "You don’t have permission to save the file “tvx” in the folder “resolver”."));
+
+    EXPECT_EQ(files(), (Files{{"tvx", tvxText}}));
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(ResolverFilesTest, NeverWritesThroughALink) {

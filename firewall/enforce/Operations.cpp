@@ -129,7 +129,7 @@ std::string applyFirewall(
     const auto storeLock = lockStore();
     const auto hosts = NetworkFirewall::hostAddresses();
     const auto own = NetworkFirewall::review(std::move(decoded), hosts);
-    auto store = loadStore();
+    auto [store, isUnreadable] = loadStore();
     const auto previous = NetworkFirewall::setPolicies(
         store,
         std::to_string(uid),
@@ -144,6 +144,9 @@ std::string applyFirewall(
         }
     }
     loadAnchor(reviewAll(store, hosts), resetSubnets);
+    if (isUnreadable) {
+        keepUnreadableStore();
+    }
     saveStore(store);
 
     auto summary =
@@ -158,7 +161,7 @@ void removeFirewall(std::uint32_t uid, bool callerIsConsoleUser) {
     const MutexLock lock(firewallLock());
     const auto storeLock = lockStore();
     const auto user = std::to_string(uid);
-    auto store = loadStore();
+    auto [store, isUnreadable] = loadStore();
     NetworkFirewall::setPolicies(
         store, user, {}, support::ReferenceDate::now(), callerIsConsoleUser);
 
@@ -170,6 +173,9 @@ void removeFirewall(std::uint32_t uid, bool callerIsConsoleUser) {
     }
     removeLegacyAnchor();
     flushAnchor();
+    if (isUnreadable) {
+        keepUnreadableStore();
+    }
     removeIfPossible(storePath());
     removeIfPossible(rulesetPath());
     helperLog("Removed firewall enforcement.");

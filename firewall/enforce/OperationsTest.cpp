@@ -350,6 +350,40 @@ TEST_F(OperationsTest, ADamagedStoreIsReplacedByTheCallersList) {
     }
 }
 
+TEST_F(OperationsTest, KeepsAStoreThatCannotBeDecodedBesideTheOneThatReplacesIt) {
+    const auto kept = storePath + ".unreadable";
+    pfctl.answer(ScriptedPfctl::load, "[ ! -e /run/refuses ] || exit 1");
+    for (const std::string damaged : {"{}", R"({"owners":{"501":)", ""}) {
+        put(storePath, damaged);
+        put("/run/refuses", "");
+        EXPECT_THROW(applyFirewall(policyText({{64}}), 501, atConsole), HelperError);
+        EXPECT_EQ(contentOf(storePath), damaged);
+
+        std::filesystem::remove("/run/refuses");
+        applyFirewall(policyText({{64}}), 501, atConsole);
+
+        EXPECT_THAT(stored().owners, ElementsAre(testing::Key("501")));
+        EXPECT_EQ(contentOf(kept), damaged);
+        EXPECT_EQ(modeOf(kept), 0600U);
+    }
+
+    applyFirewall(policyText({{65}}), 501, atConsole);
+    EXPECT_EQ(contentOf(kept), "") << "only a store that can't be decoded replaces it";
+}
+
+TEST_F(OperationsTest, KeepsAStoreThatCannotBeDecodedWhenTheLastListIsRemoved) {
+    put(storePath, "{}");
+
+    removeFirewall(501, atConsole);
+
+    EXPECT_THAT(namesIn(supportFolder), ElementsAre("firewall-policies.json.unreadable"));
+    EXPECT_THAT(
+        logMessages(),
+        ElementsAre(
+            "Persisted firewall policy could not be decoded; starting from none.",
+            "Removed firewall enforcement."));
+}
+
 TEST_F(OperationsTest, TheConsoleUserAdoptsTheLegacyNetworks) {
     put(storePath, policyText({{64, "Old"}}));
 

@@ -3,21 +3,32 @@
 #include "firewall/enforce/StoreFile.h"
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "core/base/HelperLog.h"
 #include "support/Files.h"
+#include "support/SystemCalls.h"
 
 namespace tarnvale::HelperFirewall {
 
 using NetworkFirewall::PolicyStore;
+using support::FileError;
+using support::uninterrupted;
 using support::UniqueFd;
 
 namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto lockPeriod = 10ms;
+constexpr auto unmentionedWait = 3s;
 
 /// Whether the opened file is still the one at the store's path.
 bool isStore(const UniqueFd& file) {
@@ -25,6 +36,39 @@ bool isStore(const UniqueFd& file) {
     struct stat named {};
     return ::fstat(file.get(), &opened) == 0 && ::stat(storePath().c_str(), &named) == 0 &&
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+/// Takes the store's mode back to root alone. Leaves a file alone that only a link leads to.
+void narrowMode(const UniqueFd& file) {
+    constexpr mode_t others = S_IRWXG | S_IRWXO;
+    struct stat opened {};
+    struct stat named {};
+    if (::fstat(file.get(), &opened) == 0 && ::lstat(storePath().c_str(), &named) == 0 &&
+        S_ISREG(named.st_mode) && (opened.st_mode & others) != 0) {
+        static_cast<void>(::fchmod(file.get(), S_IRUSR | S_IWUSR));
+    }
+}
+
+/// Whether the lock has been taken. Says in the log that it waits, if that takes long.
+bool takeLock(const UniqueFd& file) {
+    const auto whenItTakesLong = std::chrono::steady_clock::now() + unmentionedWait;
+    while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EINTR && errno != EWOULDBLOCK) {
+            return false;
+        }
+        if (std::chrono::steady_clock::now() >= whenItTakesLong) {
+            helperLog("Waiting for another process, which has locked " + storePath() + ".");
+            return uninterrupted([&] { return ::flock(file.get(), LOCK_EX); }) == 0;
+        }
+        std::this_thread::sleep_for(lockPeriod);
+    }
+    return true;
+}
+
+/// Whether the next save replaces a file. It replaces a link, but not what the link leads to.
+bool isFileThere() {
+    struct stat info {};
+    return ::lstat(storePath().c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 }  // namespace
@@ -46,10 +90,9 @@ UniqueFd lockStore() {
         if (!file) {
             return file;
         }
-        while (::flock(file.get(), LOCK_EX) != 0) {
-            if (errno != EINTR) {
-                return {};
-            }
+        narrowMode(file);
+        if (!takeLock(file)) {
+            return {};
         }
         // Whoever held the lock before us may have replaced or removed the file.
         if (isStore(file)) {
@@ -58,17 +101,26 @@ UniqueFd lockStore() {
     }
 }
 
-PolicyStore loadStore() {
+LoadedStore loadStore() {
     const auto data = support::readFile(storePath());
     if (!data) {
-        return {};
+        return {.store = {}, .isUnreadable = isFileThere()};
     }
     auto store = NetworkFirewall::decodeStore(*data);
     if (!store) {
         helperLog("Persisted firewall policy could not be decoded; starting from none.");
-        return {};
+        return {.store = {}, .isUnreadable = isFileThere()};
     }
-    return *std::move(store);
+    return {.store = *std::move(store)};
+}
+
+void keepUnreadableStore() {
+    const auto kept = storePath() + ".unreadable";
+    ::unlink(kept.c_str());
+    // A second name, so that at each instant one of the two leads to the file.
+    if (::link(storePath().c_str(), kept.c_str()) != 0) {
+        throw FileError(FileError::Operation::write, kept, errno);
+    }
 }
 
 void saveStore(const PolicyStore& store) {

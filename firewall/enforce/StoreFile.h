@@ -23,12 +23,23 @@ support::Mutex& firewallLock();
 const std::string& storePath();
 
 /// Keeps other processes' operations out until the descriptor is closed: `--reapply` may run beside
-/// the service. The lock is on the store's file, which only root can open, so nobody else can hold
-/// it. If there is no file, two processes have nothing to share, and the result is empty.
+/// the service. The lock is on the store's file. Only root can open that, so nobody else can hold
+/// the lock: a mode that let others open it is narrowed first. Whoever opened the file before may
+/// still hold it; the log then says what is waited for. If there is no file, two processes have
+/// nothing to share, and the result is empty.
 support::UniqueFd lockStore() REQUIRES(firewallLock());
 
+struct LoadedStore {
+    NetworkFirewall::PolicyStore store;
+    bool isUnreadable = false;  ///< there is a file, but nobody can tell what it holds
+};
+
 /// What is stored. The store is empty if the file can't be read or decoded; the latter is logged.
-NetworkFirewall::PolicyStore loadStore() REQUIRES(firewallLock());
+LoadedStore loadStore() REQUIRES(firewallLock());
+
+/// Keeps the file that is there as "firewall-policies.json.unreadable" beside the next one, in
+/// place of an older one, so that one bad byte loses nobody's list. Throws `support::FileError`.
+void keepUnreadableStore() REQUIRES(firewallLock());
 
 /// Writes the file durably, with mode 0600. Throws `support::FileError` or `support::JsonError`.
 void saveStore(const NetworkFirewall::PolicyStore& store) REQUIRES(firewallLock());

@@ -2,6 +2,7 @@
 
 #include "firewall/enforce/StoreFile.h"
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +24,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
+#include "tests/support/RefusedCall.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -57,9 +60,13 @@ void save(const PolicyStore& store) {
     saveStore(store);
 }
 
-PolicyStore load() {
+LoadedStore loadFile() {
     const MutexLock lock(firewallLock());
     return loadStore();
+}
+
+PolicyStore load() {
+    return loadFile().store;
 }
 
 UniqueFd lockFile() {
@@ -92,6 +99,23 @@ TEST(StoreFileTest, AFileThatCantBeReadIsNoStoreAndIsNotMentioned) {
     EXPECT_EQ(load(), PolicyStore());
 
     EXPECT_THAT(logMessages(), IsEmpty());
+}
+
+TEST(StoreFileTest, KnowsOfAFileThatItCouldNotRead) {
+    EXPECT_FALSE(loadFile().isUnreadable) << "there is none";
+    put(storePath(), "{}");
+    EXPECT_TRUE(loadFile().isUnreadable) << "it can't be decoded";
+    save(someStore());
+    EXPECT_FALSE(loadFile().isUnreadable);
+
+    bool isUnreadable = false;
+    std::thread([&] {
+        test::refuseCall(SYS_read, EIO);
+        isUnreadable = loadFile().isUnreadable;
+    }).join();
+
+    EXPECT_TRUE(isUnreadable);
+    EXPECT_EQ(logMessages().size(), 1U);
 }
 
 TEST(StoreFileTest, AFileThatCantBeDecodedIsNoStoreAndIsMentioned) {
@@ -180,6 +204,35 @@ TEST(StoreLockTest, WaitsForAnotherProcess) {
 
     EXPECT_TRUE(lock);
     EXPECT_TRUE(exists("/run/done"));
+}
+
+TEST(StoreLockTest, SaysOnceWhatItWaitsFor) {
+    put(storePath(), onePolicy());
+    const OtherProcess other([] {
+        test::awaitLog([](const auto& messages) { return !messages.empty(); });
+        put("/run/done", "");
+    });
+
+    EXPECT_TRUE(lockFile());
+
+    EXPECT_TRUE(exists("/run/done"));
+    EXPECT_THAT(
+        logMessages(),
+        ElementsAre("Waiting for another process, which has locked " + storePath() + "."));
+}
+
+TEST(StoreLockTest, IsOutOfReachOfOthersOnceItHasBeenTaken) {
+    put(storePath(), onePolicy());
+    fs::permissions(storePath(), fs::perms(0644));
+    EXPECT_TRUE(lockFile());
+    EXPECT_EQ(modeOf(storePath()), 0600U);
+
+    put("/tmp/elsewhere", onePolicy());
+    fs::permissions("/tmp/elsewhere", fs::perms(0644));
+    fs::remove(storePath());
+    fs::create_symlink("/tmp/elsewhere", storePath());
+    EXPECT_TRUE(lockFile());
+    EXPECT_EQ(modeOf("/tmp/elsewhere"), 0644U) << "that file isn't ours";
 }
 
 TEST(StoreLockTest, IsOnTheFileThatTheOtherProcessLeft) {

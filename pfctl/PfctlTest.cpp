@@ -41,6 +41,7 @@
 #include "pfctl/language/PfctlError.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/UniqueFd.h"
+#include "tests/support/KillEverywhere.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/RefusedCall.h"
@@ -49,10 +50,12 @@
 namespace tarnvale::pfctl {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::Not;
 using testing::Property;
 using testing::SizeIs;
 using testing::StartsWith;
@@ -322,6 +325,27 @@ TEST_F(PfctlTest, KillsMoreStatesThanOneAnswerHolds) {
 
     EXPECT_EQ(
         pfctl({"-k", "127.0.0.1"}).error, "killed 250 states from 1 sources and 0 destinations\n");
+}
+
+TEST_F(PfctlTest, ReadsNoLongListOfConnectionsAsText) {
+    load("pass in quick from 127.0.0.0/8 to any keep state\n");
+    pfctl({"-E"});
+    const std::vector others{Subnet{.address = 0x0A000000, .prefixLength = 8}};
+    const auto callsOfAKill = [&others] {
+        return test::systemCallsOf([&others] {
+            netlink::Socket socket(NETLINK_NETFILTER);
+            test::beginKilling();
+            Conntrack(socket).kill(others);
+        });
+    };
+    std::uint16_t port = 5000;
+    while (port < 5000 + Conntrack::maxReadAsText) {
+        ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port++));
+    }
+
+    EXPECT_THAT(callsOfAKill(), Contains(SYS_openat));
+    ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port));
+    EXPECT_THAT(callsOfAKill(), Not(Contains(SYS_openat)));
 }
 
 /// Gives the only tracked connection another mark.

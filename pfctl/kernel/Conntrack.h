@@ -30,6 +30,10 @@ struct Connection {
 /// All functions throw `std::system_error`.
 class Conntrack {
 public:
+    /// Until Linux 6.18, each page of /proc/net/nf_conntrack costs a walk over all connections. So
+    /// only this few are read there, where they take a hundredth of netlink's time.
+    static constexpr std::size_t maxReadAsText = 250;
+
     explicit Conntrack(netlink::Socket& socket) : socket_(socket) {}
 
     /// Calls `take` for every IPv4 connection.
@@ -44,6 +48,7 @@ public:
     static bool mayName(std::string_view list, std::span<const Subnet> hosts);
 
 private:
+    std::uint64_t count();
     void forget(std::span<const std::vector<std::uint8_t>> entries);
 
     netlink::Socket& socket_;

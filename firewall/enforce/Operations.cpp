@@ -49,6 +49,18 @@ Review reviewAll(PolicyStore store, std::span<const HostAddress> hosts) {
     return NetworkFirewall::review(std::move(merged.policies), hosts);
 }
 
+/// Each network's subnet, in order. Where several networks share one, it comes once.
+std::vector<std::string> subnetsOf(std::span<const FirewallNetworkPolicy> networks) {
+    std::vector<std::string> subnets;
+    std::unordered_set<std::string_view> known;
+    for (const auto& network : networks) {
+        if (known.insert(network.subnetCIDR).second) {
+            subnets.push_back(network.subnetCIDR);
+        }
+    }
+    return subnets;
+}
+
 /// Kills the states of connections with those of the subnets that are enforced. Otherwise pf would
 /// go on passing connections that an older list allowed.
 void resetStates(
@@ -139,9 +151,7 @@ std::string applyFirewall(
 
     std::vector<std::string> resetSubnets;
     if (!NetworkFirewall::samePolicies(previous, own.enforceable)) {
-        for (const auto& network : own.enforceable) {
-            resetSubnets.push_back(network.subnetCIDR);
-        }
+        resetSubnets = subnetsOf(own.enforceable);
     }
     loadAnchor(reviewAll(store, hosts), resetSubnets);
     if (isUnreadable) {

@@ -158,6 +158,24 @@ TEST_F(OperationsTest, KillsTheStatesOfEverySubnetOfAListThatChanged) {
             "-k 0.0.0.0/0 -k 192.168.65.0/24"));
 }
 
+TEST_F(OperationsTest, KillsTheStatesOfASubnetOnceHoweverManyNetworksClaimIt) {
+    applyFirewall(
+        policyText({{65}, {64}, {1, "Twin", "192.168.64.0/24"}, {2, "Twin", "192.168.65.0/24"}}),
+        501,
+        atConsole);
+
+    EXPECT_THAT(
+        pfctl.calls(),
+        ElementsAre(
+            flushLegacy,
+            load,
+            enable,
+            "-k 192.168.65.0/24",
+            "-k 0.0.0.0/0 -k 192.168.65.0/24",
+            "-k 192.168.64.0/24",
+            "-k 0.0.0.0/0 -k 192.168.64.0/24"));
+}
+
 TEST_F(OperationsTest, KillsNoStatesOfASubnetThatIsNotEnforced) {
     // Another user's network, whose firewall is off, holds the subnet: it was applied "later".
     put(storePath,

@@ -19,6 +19,7 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
@@ -35,8 +36,10 @@
 #include "pfctl/kernel/MarkBits.h"
 #include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
+#include "pfctl/kernel/RuleExpressions.h"
 #include "pfctl/kernel/RunState.h"
 #include "pfctl/kernel/TableWriter.h"
+#include "pfctl/kernel/UserData.h"
 #include "pfctl/language/Arguments.h"
 #include "pfctl/language/PfctlError.h"
 #include "pfctl/language/RulesetParser.h"
@@ -557,6 +560,116 @@ TEST_F(PfctlTest, TakesUpWhatAKilledLoadHasLeft) {
     pfctl({"-a", anchor, "-F", "rules"});
     EXPECT_THAT(tables(), IsEmpty());
     EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+}
+
+/// A table with one chain on the hook, in it a rule that drops nothing.
+struct OtherTable {
+    std::string name = anchor;
+    std::vector<std::uint8_t> userData{};
+    std::uint32_t flags = 0;
+};
+
+void make(netlink::Socket& socket, const OtherTable& table) {
+    netlink::MessageWriter transaction;
+    beginBatch(transaction);
+    beginNftables(transaction, NFT_MSG_NEWTABLE, NLM_F_CREATE);
+    transaction.putText(NFTA_TABLE_NAME, table.name);
+    transaction.putBigEndian(NFTA_TABLE_FLAGS, table.flags);
+    if (!table.userData.empty()) {
+        transaction.put(NFTA_TABLE_USERDATA, netlink::Bytes(table.userData));
+    }
+    beginNftables(transaction, NFT_MSG_NEWCHAIN, NLM_F_CREATE);
+    transaction.putText(NFTA_CHAIN_TABLE, table.name);
+    transaction.putText(NFTA_CHAIN_NAME, "in");
+    transaction.nest(NFTA_CHAIN_HOOK, [&] {
+        transaction.putBigEndian(NFTA_HOOK_HOOKNUM, NF_INET_PRE_ROUTING);
+        transaction.putBigEndian(NFTA_HOOK_PRIORITY, 0);
+    });
+    transaction.putText(NFTA_CHAIN_TYPE, "filter");
+    beginNftables(transaction, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND | NLM_F_ACK);
+    transaction.putText(NFTA_RULE_TABLE, table.name);
+    transaction.putText(NFTA_RULE_CHAIN, "in");
+    transaction.nest(NFTA_RULE_EXPRESSIONS, [&] {
+        RuleExpressions rule(transaction);
+        rule.count();
+    });
+    endBatch(transaction);
+    socket.request(transaction);
+}
+
+/// The chains of all tables: "TABLE CHAIN".
+std::vector<std::string> chainsOf(netlink::Socket& socket) {
+    std::vector<std::string> chains;
+    netlink::MessageWriter request;
+    beginNftables(request, NFT_MSG_GETCHAIN, NLM_F_DUMP);
+    socket.dump(request, [&chains](const netlink::Message& message) {
+        const auto textOf = [&message](std::uint16_t type) {
+            return std::string(netlink::textOf(netlink::attribute(attributesOf(message), type)));
+        };
+        chains.push_back(textOf(NFTA_CHAIN_TABLE) + " " + textOf(NFTA_CHAIN_NAME));
+    });
+    return chains;
+}
+
+TEST_F(PfctlTest, LeavesAForeignTableOfTheSameNameAlone) {
+    netlink::Socket socket(NETLINK_NETFILTER);
+    writeFile(rulesetPath, denyFirst);
+    for (const std::string name : {anchor, "com.apple/900.tarnvale.firewall/"}) {
+        make(socket, {.name = name});
+
+        const auto refused = pfctl({"-a", anchor, "-f", rulesetPath});
+        const auto listed = pfctl({"-a", anchor, "-v", "-sr"});
+
+        const std::string problem =
+            "pfctl: table ip " + name + " was made by another program; nft lists and deletes it\n";
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.error, problem);
+        EXPECT_EQ(listed.output, "");
+        EXPECT_EQ(listed.error, problem);
+        EXPECT_THAT(chainsOf(socket), ElementsAre(name + " in"));
+
+        netlink::MessageWriter removal;
+        writeRemoval(removal, std::array{name});
+        socket.request(removal);
+    }
+}
+
+TEST_F(PfctlTest, FlushesItsOwnTableBesideAForeignOne) {
+    netlink::Socket socket(NETLINK_NETFILTER);
+    load(denyFirst);
+    make(socket, {.name = "com.apple/900.tarnvale.firewall/"});
+
+    EXPECT_EQ(pfctl({"-a", anchor, "-F", "rules"}).error, "rules cleared\n");
+
+    EXPECT_THAT(chainsOf(socket), ElementsAre("com.apple/900.tarnvale.firewall/ in"));
+}
+
+TEST_F(PfctlTest, SaysThatATableBelongsToAProcess) {
+    netlink::Socket socket(NETLINK_NETFILTER);
+    make(socket, {.userData = loaderUserData({.uid = 0, .pid = 1}), .flags = NFT_TABLE_F_OWNER});
+    writeFile(rulesetPath, denyFirst);
+    const std::string problem = "pfctl: table ip " + std::string(anchor) +
+                                " belongs to a process for as long as that runs (flags owner)\n";
+
+    EXPECT_EQ(pfctl({"-a", anchor, "-f", rulesetPath}).error, problem);
+    EXPECT_EQ(pfctl({"-a", anchor, "-F", "rules"}).error, problem);
+}
+
+TEST_F(PfctlTest, SaysThatItCannotListRulesThatItsTableGotFromAnotherProgram) {
+    // So is the anchor after "nft -f" of a saved ruleset: text has no room for what rules carry.
+    netlink::Socket socket(NETLINK_NETFILTER);
+    make(socket, {.userData = loaderUserData({.uid = 0, .pid = 1})});
+
+    const auto listed = pfctl({"-a", anchor, "-v", "-sr"});
+
+    EXPECT_EQ(listed.status, 1);
+    EXPECT_EQ(listed.output, "");
+    EXPECT_EQ(
+        listed.error,
+        "pfctl: the rules of " + std::string(anchor) +
+            " were loaded by another program; nft lists them\n");
+    load(denyFirst);
+    EXPECT_THAT(listing(), StartsWith("block drop in quick inet from 127.0.0.1 to any\n"));
 }
 
 TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {

@@ -34,17 +34,25 @@ PfctlError keepsChanging() {
     return PfctlError{"the rules keep changing while they are read"};
 }
 
+PfctlError notOurs(const std::string& table) {
+    return PfctlError{
+        "table ip " + table + " was made by another program; nft lists and deletes it"};
+}
+
+std::uint64_t flagsOf(const Message& message) {
+    return bigEndian(attribute(attributesOf(message), NFTA_TABLE_FLAGS)).value_or(0);
+}
+
 std::optional<AnchorTable> tableOf(const Message& message) {
     const Bytes attributes = attributesOf(message);
     const auto loader = loaderFromUserData(attribute(attributes, NFTA_TABLE_USERDATA));
     if (familyOf(message) != NFPROTO_IPV4 || !loader) {
         return std::nullopt;
     }
-    const auto flags = bigEndian(attribute(attributes, NFTA_TABLE_FLAGS)).value_or(0);
     return AnchorTable{
         .name = std::string(textOf(attribute(attributes, NFTA_TABLE_NAME))),
         .loader = *loader,
-        .dormant = (flags & NFT_TABLE_F_DORMANT) != 0,
+        .dormant = (flagsOf(message) & NFT_TABLE_F_DORMANT) != 0,
         .handle = bigEndian(attribute(attributes, NFTA_TABLE_HANDLE)).value_or(0)};
 }
 
@@ -107,20 +115,49 @@ std::vector<AnchorTable> NftablesBackend::tables() {
     throw keepsChanging();
 }
 
-std::vector<AnchorTable> NftablesBackend::tables(const std::string& anchor) {
-    std::vector<AnchorTable> found;
+std::vector<NftablesBackend::NamedTable> NftablesBackend::namedTables(const std::string& anchor) {
+    std::vector<NamedTable> found;
     for (const std::string& name : namesOf(anchor)) {
         MessageWriter request;
         beginNftables(request, NFT_MSG_GETTABLE);
         request.putText(NFTA_TABLE_NAME, name);
-        socket_.get(request, [&found](const Message& message) {
-            if (auto table = tableOf(message)) {
-                found.push_back(std::move(*table));
-            }
+        socket_.get(request, [&](const Message& message) {
+            found.push_back(
+                {.name = name,
+                 .ours = tableOf(message),
+                 .belongsToAProcess = (flagsOf(message) & NFT_TABLE_F_OWNER) != 0});
         });
+    }
+    return found;
+}
+
+std::vector<AnchorTable> NftablesBackend::tables(const std::string& anchor) {
+    std::vector<AnchorTable> found;
+    for (NamedTable& table : namedTables(anchor)) {
+        if (table.ours) {
+            found.push_back(*std::move(table.ours));
+        }
     }
     std::ranges::sort(found, {}, &AnchorTable::handle);
     return found;
+}
+
+void NftablesBackend::requireUnowned(const NamedTable& table) {
+    if (table.belongsToAProcess) {
+        throw PfctlError{
+            "table ip " + table.name +
+            " belongs to a process for as long as that runs (flags owner)"};
+    }
+}
+
+/// Throws when a table of one of the anchor's names isn't ours to replace.
+void NftablesBackend::requireReplaceable(const std::string& anchor) {
+    for (const NamedTable& table : namedTables(anchor)) {
+        requireUnowned(table);
+        if (!table.ours) {
+            throw notOurs(table.name);
+        }
+    }
 }
 
 void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
@@ -128,6 +165,7 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
         flush(anchor);
         return;
     }
+    requireReplaceable(anchor);
     // There are two only when a load was killed; the newer one makes room then.
     const auto old = tables(anchor);
     const auto names = namesOf(anchor);
@@ -153,8 +191,11 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
 
 void NftablesBackend::flush(const std::string& anchor) {
     std::vector<std::string> names;
-    for (const AnchorTable& table : tables(anchor)) {
-        names.push_back(table.name);
+    for (const NamedTable& table : namedTables(anchor)) {
+        if (table.ours) {
+            requireUnowned(table);
+            names.push_back(table.name);
+        }
     }
     // Even a transaction that finds nothing to remove takes milliseconds.
     if (!names.empty()) {
@@ -236,6 +277,7 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
         const std::uint32_t before = generation();
         const auto found = tables(anchor);
         if (found.empty()) {
+            requireReplaceable(anchor);
             return std::nullopt;
         }
         const AnchorTable& newest = found.back();
@@ -245,9 +287,14 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
         for (std::size_t chain = 0; complete && chain < names->size(); ++chain) {
             complete = readChain(newest.name, (*names)[chain], rules);
         }
-        if (complete && generation() == before) {
-            return AnchorContent{.loader = newest.loader, .rules = merged(std::move(rules))};
+        if (!complete || generation() != before) {
+            continue;
         }
+        if (rules.empty()) {
+            throw PfctlError{
+                "the rules of " + anchor + " were loaded by another program; nft lists them"};
+        }
+        return AnchorContent{.loader = newest.loader, .rules = merged(std::move(rules))};
     }
     throw keepsChanging();
 }

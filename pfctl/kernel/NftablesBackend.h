@@ -49,7 +49,8 @@ public:
     /// The anchor's tables, the newest last; none when it has no rules.
     std::vector<AnchorTable> tables(const std::string& anchor);
 
-    /// Replaces the anchor's rules; without any the anchor ceases to exist.
+    /// Replaces the anchor's rules; without any the anchor ceases to exist. Throws `PfctlError` for
+    /// another program's table of one of the two names, and leaves it alone.
     void load(const std::string& anchor, RulesetTable table);
 
     /// Removes the anchor's rules, if it has any.
@@ -58,10 +59,22 @@ public:
     /// Puts into force tables that were loaded dormant.
     void activate(std::span<const std::string> tables);
 
-    /// What the anchor holds at one instant; nothing when it has no rules.
+    /// What the anchor holds at one instant; nothing when it has no rules. Throws `PfctlError` when
+    /// another program has loaded them: after "nft -f" of a saved ruleset the rules are in force,
+    /// but what they carried is lost.
     std::optional<AnchorContent> content(const std::string& anchor);
 
 private:
+    /// A table of one of the anchor's two names, whoever made it.
+    struct NamedTable {
+        std::string name;
+        std::optional<AnchorTable> ours;
+        bool belongsToAProcess = false;
+    };
+
+    std::vector<NamedTable> namedTables(const std::string& anchor);
+    static void requireUnowned(const NamedTable& table);
+    void requireReplaceable(const std::string& anchor);
     void remove(std::span<const std::string> tables);
     std::uint32_t generation();
     std::optional<std::vector<std::string>> chains(const std::string& table);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@
 #include <gtest/gtest.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <net/if.h>
@@ -44,7 +46,10 @@
 #include "pfctl/language/PfctlError.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/UniqueFd.h"
+#include "tests/support/Exchange.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/LabOrSkip.h"
+#include "tests/support/NetworkLab.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/RefusedCall.h"
@@ -349,6 +354,147 @@ TEST_F(PfctlTest, ReadsNoLongListOfConnectionsAsText) {
     EXPECT_THAT(callsOfAKill(), Contains(SYS_openat));
     ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port));
     EXPECT_THAT(callsOfAKill(), Not(Contains(SYS_openat)));
+}
+
+/// The ends of a flow of datagrams.
+struct Ends {
+    std::uint32_t from = 0;
+    std::uint16_t fromPort = 0;
+    std::uint32_t to = 0;
+    std::uint16_t toPort = 0;
+
+    Ends reversed() const { return {to, toPort, from, fromPort}; }
+};
+
+void putTuple(netlink::MessageWriter& message, std::uint16_t type, const Ends& ends) {
+    const auto putPort = [&message](std::uint16_t portType, std::uint16_t port) {
+        const std::array<std::uint8_t, 2> bytes{
+            static_cast<std::uint8_t>(port >> 8U), static_cast<std::uint8_t>(port & 0xFFU)};
+        message.put(portType, netlink::Bytes(bytes));
+    };
+    message.nest(type, [&] {
+        message.nest(CTA_TUPLE_IP, [&] {
+            message.putBigEndian(CTA_IP_V4_SRC, ends.from);
+            message.putBigEndian(CTA_IP_V4_DST, ends.to);
+        });
+        message.nest(CTA_TUPLE_PROTO, [&] {
+            const std::array<std::uint8_t, 1> protocol{IPPROTO_UDP};
+            message.put(CTA_PROTO_NUM, netlink::Bytes(protocol));
+            putPort(CTA_PROTO_SRC_PORT, ends.fromPort);
+            putPort(CTA_PROTO_DST_PORT, ends.toPort);
+        });
+    });
+}
+
+/// Tracks a connection with a helper, as any program may have the kernel do. False where the kernel
+/// has no such helper.
+bool trackWithHelper(netlink::Socket& socket, const Ends& ends) {
+    netlink::MessageWriter made;
+    beginConntrack(made, IPCTNL_MSG_CT_NEW, NLM_F_CREATE | NLM_F_EXCL | NLM_F_ACK);
+    putTuple(made, CTA_TUPLE_ORIG, ends);
+    putTuple(made, CTA_TUPLE_REPLY, ends.reversed());
+    made.putBigEndian(CTA_TIMEOUT, 100);
+    made.nest(CTA_HELP, [&made] { made.putText(CTA_HELP_NAME, "tftp"); });
+    try {
+        socket.request(made);
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::operation_not_supported) {
+            throw;
+        }
+        return false;
+    }
+    return true;
+}
+
+/// Has that connection announce another, from whatever port, as its helper does.
+void announce(netlink::Socket& socket, const Ends& master, const Ends& expected) {
+    constexpr std::uint32_t all = 0xFFFFFFFF;
+    netlink::MessageWriter made;
+    made.begin(
+        NFNL_SUBSYS_CTNETLINK_EXP << 8 | IPCTNL_MSG_EXP_NEW,
+        NLM_F_CREATE | NLM_F_ACK,
+        nfgenmsg{.nfgen_family = AF_INET, .version = NFNETLINK_V0, .res_id = 0});
+    putTuple(made, CTA_EXPECT_MASTER, master);
+    putTuple(made, CTA_EXPECT_TUPLE, expected);
+    putTuple(made, CTA_EXPECT_MASK, {.from = all, .fromPort = 0, .to = all, .toPort = 0xFFFF});
+    made.putBigEndian(CTA_EXPECT_TIMEOUT, 100);
+    socket.request(made);
+}
+
+/// The marks of the connections to that port.
+std::vector<std::uint32_t> marksAt(netlink::Socket& socket, std::uint16_t port) {
+    std::vector<std::uint32_t> marks;
+    Conntrack(socket).forEach([&](const Connection& connection) {
+        if (connection.entering.destinationPort == port) {
+            marks.push_back(connection.mark);
+        }
+    });
+    return marks;
+}
+
+TEST_F(PfctlTest, AnExpectedConnectionThatThisMachineSendsHasNoState) {
+    constexpr std::uint32_t client = 0x7F000001;
+    constexpr std::uint32_t server = 0x7F000002;
+    const Ends master{.from = client, .fromPort = 4000, .to = server, .toPort = 69};
+    netlink::Socket socket(NETLINK_NETFILTER);
+    pfctl({"-E"});
+    for (const std::string action : {"block drop", "pass"}) {
+        load(
+            "pass in quick proto udp from 127.0.0.1/32 to any port 69 keep state\n" + action +
+            " in quick proto udp from 127.0.0.2/32 to any port 5000\n");
+        pfctl({"-k", "127.0.0.0/8"});
+        if (!trackWithHelper(socket, master)) {
+            GTEST_SKIP() << "this kernel has no helper for TFTP";
+        }
+        ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 69));
+        ASSERT_THAT(marksAt(socket, 69), ElementsAre(initiatorPassesIn));
+        announce(socket, master, {.from = server, .fromPort = 0, .to = client, .toPort = 5000});
+
+        const bool isPassed = Datagrams::exchange("127.0.0.2", "127.0.0.1", 5000);
+
+        EXPECT_EQ(isPassed, action == "pass");
+        EXPECT_THAT(marksAt(socket, 5000), ElementsAre(isPassed ? initiatorPassesIn : 0));
+    }
+}
+
+TEST_F(PfctlTest, AnExpectedConnectionThatIsForwardedHasNoState) {
+    std::unique_ptr<test::NetworkLab> lab;
+    buildOrSkip(lab);
+    if (!lab) {
+        return;
+    }
+    constexpr std::uint32_t client = 0xCB00710A;
+    constexpr std::uint32_t server = 0xC0A84002;
+    netlink::Socket socket(NETLINK_NETFILTER);
+    pfctl({"-E"});
+    for (const std::string action : {"block drop", "pass"}) {
+        const Ends master{
+            .from = client, .fromPort = lab->unusedPort(), .to = server, .toPort = 69};
+        load(
+            "pass out quick proto udp from any to 192.168.64.0/24 port 69 keep state\n" + action +
+            " out quick proto udp from any to 192.168.64.0/24 port 5000\n"
+            "block drop in quick from 192.168.64.0/24 to any\n");
+        if (!trackWithHelper(socket, master)) {
+            GTEST_SKIP() << "this kernel has no helper for TFTP";
+        }
+        const test::Exchange request{
+            .protocol = test::Protocol::udp,
+            .from = test::outside,
+            .to = test::vm1,
+            .port = 69,
+            .fromPort = master.fromPort};
+        ASSERT_TRUE(lab->passes(request));
+        announce(socket, master, {.from = client, .fromPort = 0, .to = server, .toPort = 5000});
+        const test::Exchange data{
+            .protocol = test::Protocol::udp, .from = test::outside, .to = test::vm1, .port = 5000};
+
+        if (action == "pass") {
+            EXPECT_TRUE(lab->passes(data));
+            EXPECT_THAT(marksAt(socket, 5000), ElementsAre(initiatorPassesOut));
+        } else {
+            EXPECT_TRUE(lab->drops(data));
+        }
+    }
 }
 
 /// Gives the only tracked connection another mark.

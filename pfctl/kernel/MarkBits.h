@@ -2,7 +2,7 @@
 //
 // The two bits of every connection's mark that are ours. They are what pf calls a state: conntrack
 // also tracks connections that no rule passed, so an entry alone is not a state. All other bits
-// belong to others and never change.
+// belong to others and never change. Nobody else may set or clear these two.
 
 #pragma once
 

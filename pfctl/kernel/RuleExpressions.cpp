@@ -154,18 +154,24 @@ void RuleExpressions::connectionHasMark(std::uint32_t bit) {
     compare(NFT_CMP_NEQ, bytesOf<std::uint32_t>(0));
 }
 
-void RuleExpressions::belongsToItsConnection() {
-    // The kernel's bits for the states; it has no header for them.
-    constexpr std::uint32_t establishedState = 1U << (IP_CT_ESTABLISHED + 1U);
-    constexpr std::uint32_t newState = 1U << (IP_CT_NEW + 1U);
+void RuleExpressions::beginsExpectedConnection() {
+    loadConntrack(NFT_CT_STATUS);
+    maskAndFlip(bytesOf<std::uint32_t>(IPS_EXPECTED | IPS_CONFIRMED), bytesOf<std::uint32_t>(0));
+    compare(NFT_CMP_EQ, bytesOf<std::uint32_t>(IPS_EXPECTED));
+}
+
+void RuleExpressions::isIcmpError() {
+    // The kernel's bit for the state; it has no header for it.
+    constexpr std::uint32_t related = 1U << (IP_CT_RELATED + 1U);
+    protocolIs(Protocol::icmp);
     loadConntrack(NFT_CT_STATE);
-    maskAndFlip(bytesOf(establishedState | newState), bytesOf<std::uint32_t>(0));
+    maskAndFlip(bytesOf(related), bytesOf<std::uint32_t>(0));
     compare(NFT_CMP_NEQ, bytesOf<std::uint32_t>(0));
 }
 
-void RuleExpressions::markConnection(std::uint32_t bit) {
+void RuleExpressions::markConnection(std::uint32_t set, std::uint32_t cleared) {
     loadConntrack(NFT_CT_MARK);
-    maskAndFlip(bytesOf(~bit), bytesOf(bit));
+    maskAndFlip(bytesOf(~(set | cleared)), bytesOf(set));
     expression("ct", [this] {
         messages_.putBigEndian(NFTA_CT_KEY, NFT_CT_MARK);
         messages_.putBigEndian(NFTA_CT_SREG, dataRegister);

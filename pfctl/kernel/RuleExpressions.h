@@ -39,10 +39,15 @@ public:
     void directionIs(std::uint8_t direction);
     void connectionHasMark(std::uint32_t bit);
 
-    /// The packet is one of its own connection, not an error about another one.
-    void belongsToItsConnection();
+    /// The packet is the first of a connection that another one announced. The kernel gives it
+    /// that one's mark.
+    void beginsExpectedConnection();
 
-    void markConnection(std::uint32_t bit);
+    /// The packet is an ICMP error. The kernel takes it for one of the connection that it is about.
+    void isIcmpError();
+
+    /// Sets these bits of the connection's mark and clears those.
+    void markConnection(std::uint32_t set, std::uint32_t cleared = 0);
     void count();
     void decide(int verdict, const std::string& chain = {});
 

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -26,12 +27,17 @@ using netlink::MessageWriter;
 constexpr std::uint32_t ipv4AddressType = 7;  ///< what nft calls ipv4_addr
 constexpr std::size_t maxElementBytes = 30000;
 
+/// Where on the way of packets a chain begins.
+struct Hook {
+    std::uint32_t number;
+    std::int32_t priority;
+};
+
 /// What differs between the two directions.
 struct Side {
     Direction direction;
     std::string name;
-    std::uint32_t hook;
-    std::int32_t priority;
+    Hook hook;
     std::uint32_t initiatorPasses;  ///< the bit under which the initiator's packets pass here
     std::uint32_t responderPasses;  ///< and the responder's
 };
@@ -69,6 +75,55 @@ std::vector<HashTable> hashTablesOf(const std::vector<Interval>& intervals) {
     return result;
 }
 
+void writeChain(
+    MessageWriter& messages,
+    const std::string& table,
+    const std::string& name,
+    const std::optional<Hook>& hook = std::nullopt) {
+    beginNftables(messages, NFT_MSG_NEWCHAIN, NLM_F_CREATE);
+    messages.putText(NFTA_CHAIN_TABLE, table);
+    messages.putText(NFTA_CHAIN_NAME, name);
+    if (hook) {
+        messages.nest(NFTA_CHAIN_HOOK, [&] {
+            messages.putBigEndian(NFTA_HOOK_HOOKNUM, hook->number);
+            messages.putBigEndian(NFTA_HOOK_PRIORITY, static_cast<std::uint32_t>(hook->priority));
+        });
+        messages.putBigEndian(NFTA_CHAIN_POLICY, NF_ACCEPT);
+        messages.putText(NFTA_CHAIN_TYPE, "filter");
+    }
+}
+
+template <typename Expressions>
+void writeRule(
+    MessageWriter& messages,
+    const std::string& table,
+    const std::string& chain,
+    Expressions expressions) {
+    beginNftables(messages, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND);
+    messages.putText(NFTA_RULE_TABLE, table);
+    messages.putText(NFTA_RULE_CHAIN, chain);
+    messages.nest(NFTA_RULE_EXPRESSIONS, [&] {
+        RuleExpressions rule(messages);
+        expressions(rule);
+    });
+}
+
+/// Where another program has the kernel watch a connection for those that it announces, these get
+/// its mark, and with it our bits. No line has passed them, so they begin without a state. Their
+/// first packet comes to this chain before it comes to those of any ruleset.
+void writeDisinheritance(
+    MessageWriter& messages,
+    const std::string& table,
+    const std::string& chain,
+    std::uint32_t hook,
+    std::int32_t priority) {
+    writeChain(messages, table, chain, Hook{.number = hook, .priority = priority});
+    writeRule(messages, table, chain, [](RuleExpressions& rule) {
+        rule.beginsExpectedConnection();
+        rule.markConnection(0, initiatorPassesIn | initiatorPassesOut);
+    });
+}
+
 /// Writes one direction's half of the table.
 class DirectionWriter {
 public:
@@ -80,8 +135,8 @@ public:
         : messages_(messages), table_(table), side_(side), plan_(plan) {}
 
     void write() {
-        writeChain(side_.name, true);
-        writeChain(passChain(), false);
+        pfctl::writeChain(messages_, table_.name, side_.name, side_.hook);
+        writeChain(passChain());
         for (const Step& step : plan_.steps) {
             if (const auto* block = std::get_if<Block>(&step)) {
                 writeBlock(*block);
@@ -105,37 +160,18 @@ private:
         return side_.name + ".map." + std::to_string(number);
     }
 
-    void writeChain(const std::string& name, bool onHook) {
-        beginNftables(messages_, NFT_MSG_NEWCHAIN, NLM_F_CREATE);
-        messages_.putText(NFTA_CHAIN_TABLE, table_.name);
-        messages_.putText(NFTA_CHAIN_NAME, name);
-        if (onHook) {
-            messages_.nest(NFTA_CHAIN_HOOK, [this] {
-                messages_.putBigEndian(NFTA_HOOK_HOOKNUM, side_.hook);
-                messages_.putBigEndian(
-                    NFTA_HOOK_PRIORITY, static_cast<std::uint32_t>(side_.priority));
-            });
-            messages_.putBigEndian(NFTA_CHAIN_POLICY, NF_ACCEPT);
-            messages_.putText(NFTA_CHAIN_TYPE, "filter");
-        }
-    }
+    void writeChain(const std::string& name) { pfctl::writeChain(messages_, table_.name, name); }
 
     template <typename Expressions>
     void writeRule(const std::string& chain, Expressions expressions) {
-        beginNftables(messages_, NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND);
-        messages_.putText(NFTA_RULE_TABLE, table_.name);
-        messages_.putText(NFTA_RULE_CHAIN, chain);
-        messages_.nest(NFTA_RULE_EXPRESSIONS, [&] {
-            RuleExpressions rule(messages_);
-            expressions(rule);
-        });
+        pfctl::writeRule(messages_, table_.name, chain, expressions);
     }
 
     /// Writes the rules of a block into a chain of their own.
     void writeBlock(const Block& block) {
         const std::string chain = blockChain(blocks_);
         ++blocks_;
-        writeChain(chain, false);
+        writeChain(chain);
         for (auto position = block.begin; position < block.end; ++position) {
             writeLine(chain, plan_.lines[position]);
         }
@@ -194,7 +230,7 @@ private:
             if (map.paths[path].size() == 1) {
                 continue;
             }
-            writeChain(chainOf(path), false);
+            writeChain(chainOf(path));
             for (const auto block : map.paths[path]) {
                 writeRule(chainOf(path), [&](RuleExpressions& rule) {
                     rule.decide(NFT_JUMP, blockChain(firstBlock + block));
@@ -264,11 +300,15 @@ private:
         const auto giveState = [this](std::uint8_t direction, std::uint32_t bit) {
             writeRule(passChain(), [&](RuleExpressions& rule) {
                 rule.directionIs(direction);
-                rule.belongsToItsConnection();
                 rule.markConnection(bit);
                 rule.decide(NF_ACCEPT);
             });
         };
+        // An error makes no state for the connection that it is about.
+        writeRule(passChain(), [](RuleExpressions& rule) {
+            rule.isIcmpError();
+            rule.decide(NF_ACCEPT);
+        });
         giveState(byInitiator, side_.initiatorPasses);
         giveState(byResponder, side_.responderPasses);
         writeRule(passChain(), [](RuleExpressions& rule) { rule.decide(NF_ACCEPT); });
@@ -338,15 +378,13 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     const Side in{
         .direction = Direction::in,
         .name = "in",
-        .hook = NF_INET_PRE_ROUTING,
-        .priority = destinationNat + 10,
+        .hook = {.number = NF_INET_PRE_ROUTING, .priority = destinationNat + 10},
         .initiatorPasses = initiatorPassesIn,
         .responderPasses = initiatorPassesOut};
     const Side out{
         .direction = Direction::out,
         .name = "out",
-        .hook = NF_INET_POST_ROUTING,
-        .priority = sourceNat + 10,
+        .hook = {.number = NF_INET_POST_ROUTING, .priority = sourceNat + 10},
         .initiatorPasses = initiatorPassesOut,
         .responderPasses = initiatorPassesIn};
     const Dispatch dispatch = planDispatch(table.rules);
@@ -360,6 +398,8 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     messages.put(NFTA_TABLE_USERDATA, loaderUserData(table.loader));
     DirectionWriter(messages, table, in, dispatch.in).write();
     DirectionWriter(messages, table, out, dispatch.out).write();
+    writeDisinheritance(messages, table.name, "came", NF_INET_PRE_ROUTING, in.hook.priority - 1);
+    writeDisinheritance(messages, table.name, "sent", NF_INET_LOCAL_OUT, in.hook.priority - 1);
     // The kernel answers message by message, even if others fail. So only the last message, which
     // changes nothing, asks for an acknowledgement: any error comes before it.
     putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_ACK);

@@ -12,8 +12,9 @@
 //     chain in.path.N the blocks for the addresses of a subnet that lies inside another
 //     chain in.pass   gives the flow its state and accepts
 //
-// and the same for "out", on the hook postrouting after source translation. Each rule carries its
-// line as user data (UserData.h).
+// and the same for "out", on the hook postrouting after source translation. Before them, the chains
+// "came", on the hook prerouting, and "sent", on the hook output, take from an expected connection
+// the state that it has inherited. Each rule carries its line as user data (UserData.h).
 
 #pragma once
 

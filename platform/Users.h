@@ -16,7 +16,7 @@ namespace tarnvale::platform {
 
 /// Whoever has the console.
 struct ConsoleUser {
-    std::string name;
+    std::string name;  ///< empty if it isn't known
     uid_t uid;
 
     bool operator==(const ConsoleUser&) const = default;

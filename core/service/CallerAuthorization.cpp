@@ -9,13 +9,20 @@
 
 namespace tarnvale {
 
+namespace {
+
+/// The ID of no user. Somebody is at the console, but no caller is.
+constexpr uid_t unknownUser = static_cast<uid_t>(-1);
+
+}  // namespace
+
 std::optional<uid_t> consoleUserID(platform::Users& users) {
     const auto user = users.consoleUser();
     // The login window has root's uid; only its name distinguishes it from root at the console.
     if (!user || user->name == platform::loginWindowName) {
         return std::nullopt;
     }
-    return user->uid;
+    return user->name.empty() ? unknownUser : user->uid;
 }
 
 std::optional<uid_t> authorizeCaller(

@@ -18,7 +18,8 @@ namespace tarnvale {
 inline constexpr std::string_view refusalMessage =
     "Only an administrator of this Mac can make this change through Tarnvale's helper.";
 
-/// The user who is logged in at the console. Nothing if nobody is, as when the login window shows.
+/// The user who is logged in at the console; nobody's ID if the user's name can't be found out.
+/// Nothing if nobody is, as when the login window shows.
 std::optional<uid_t> consoleUserID(platform::Users& users);
 
 /// Returns the user whose request this thread serves, if that user may make the change:

@@ -32,6 +32,12 @@ TEST_F(CallerAuthorizationTest, TellsRootAtTheConsoleFromTheLoginWindow) {
     EXPECT_THAT(consoleUserID(users), Eq(std::nullopt));
 }
 
+TEST_F(CallerAuthorizationTest, TakesAConsoleUserWithoutANameForNobodyWhoCalls) {
+    users.atConsole = {.name = "", .uid = 501};
+
+    EXPECT_THAT(consoleUserID(users), Optional(static_cast<uid_t>(-1)));
+}
+
 TEST_F(CallerAuthorizationTest, HasNoConsoleUserWhenNobodyIsThere) {
     EXPECT_THAT(consoleUserID(users), Eq(std::nullopt));
 }

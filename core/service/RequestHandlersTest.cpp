@@ -269,6 +269,19 @@ TEST_F(RequestHandlersTest, OnlyTheConsoleUserAdoptsTheLegacyNetworks) {
     EXPECT_FALSE(keepsLegacyAfterRemovalBy(administrator));
 }
 
+TEST_F(RequestHandlersTest, AConsoleUserWhoseNameIsNotKnownIsNeitherNobodyNorAnybody) {
+    users.atConsole = platform::ConsoleUser{.name = "", .uid = consoleUser};
+    test::put(test::storePath, test::policyText({{.number = 64}}));
+    transport.caller = administrator;
+
+    handlers.removeFirewall();
+
+    EXPECT_TRUE(exists(test::storePath)) << "an administrator elsewhere has adopted the networks";
+    for (const auto& request : requests()) {
+        EXPECT_FALSE(isAllowed(request, consoleUser)) << request.operation;
+    }
+}
+
 TEST_F(RequestHandlersTest, RemovesTheCallersList) {
     transport.caller = consoleUser;
 

@@ -102,9 +102,9 @@ public:
         if (kind != "user" || login.sd_session_get_uid(session->c_str(), &uid) < 0) {
             return std::nullopt;
         }
+        // Whoever has no name, or none that can be looked up now, is there all the same.
         const auto account = accountOf(uid);
-        return account ? std::optional(ConsoleUser{.name = account->name, .uid = uid})
-                       : std::nullopt;
+        return ConsoleUser{.name = account ? account->name : "", .uid = uid};
     }
 };
 

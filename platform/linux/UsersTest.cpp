@@ -127,7 +127,6 @@ TEST_F(UsersTest, FindsNobodyAtAConsoleWithoutAUser) {
         {"a session without a state", "ACTIVE=c7\n", "UID=501\nCLASS=user\n"},
         {"a session without a class", "ACTIVE=c7\n", "UID=501\nSTATE=active\n"},
         {"a damaged session", "ACTIVE=c7\n", "UID=50x\nSTATE=active\nCLASS=user\n"},
-        {"an unknown user", "ACTIVE=c7\n", "UID=777\nSTATE=active\nCLASS=user\n"},
     };
     writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
     for (const Case& console : cases) {
@@ -137,6 +136,14 @@ TEST_F(UsersTest, FindsNobodyAtAConsoleWithoutAUser) {
 
         EXPECT_THAT(users->consoleUser(), Eq(std::nullopt));
     }
+}
+
+TEST_F(UsersTest, KeepsAConsoleUserWhoseAccountIsNotKnown) {
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    setSeat("ACTIVE=c7\n");
+    setSession("UID=777\nSTATE=active\nCLASS=user\n");
+
+    EXPECT_THAT(users->consoleUser(), Optional(ConsoleUser{.name = "", .uid = 777}));
 }
 
 TEST_F(UsersTest, FindsNobodyWhereThereIsNoSeat) {

@@ -21,26 +21,26 @@ public:
     Clock::time_point now() override { return Clock::now(); }
 
     void repeat(std::chrono::milliseconds period, std::function<void()> work) override {
-        schedule(SteadyClock::now() + period, {std::move(work), period});
+        add(SteadyClock::now() + period, {std::move(work), period});
     }
 
     void runAfter(std::chrono::milliseconds delay, std::function<void()> work) override {
-        schedule(SteadyClock::now() + delay, {std::move(work), 0ms});
+        add(SteadyClock::now() + delay, {std::move(work), 0ms});
     }
 
     [[noreturn]] void exitProcess(int status) override { ::_exit(status); }
 
     [[noreturn]] void run() override {
         while (true) {
-            auto [time, task] = takeNextDue();
+            auto next = takeNextDue();
             try {
-                task.work();
+                next.mapped().work();
             } catch (...) {
                 // Out of memory: it is left out this time.
             }
-            if (task.period > 0ms) {
-                const auto again = time + task.period;
-                schedule(again, std::move(task));
+            if (next.mapped().period > 0ms) {
+                next.key() += next.mapped().period;
+                schedule(std::move(next));
             }
         }
     }
@@ -54,16 +54,25 @@ private:
         std::chrono::milliseconds period;  ///< zero for work that runs once
     };
 
-    void schedule(SteadyClock::time_point time, Task task) {
+    using Schedule = std::multimap<SteadyClock::time_point, Task>;
+
+    void add(SteadyClock::time_point time, Task task) {
+        Schedule one;
+        one.emplace(time, std::move(task));
+        schedule(one.extract(one.begin()));
+    }
+
+    /// Needs no memory, so work that repeats goes on whenever there is some again.
+    void schedule(Schedule::node_type task) {
         {
             const support::MutexLock lock(mutex_);
-            due_.emplace(time, std::move(task));
+            due_.insert(std::move(task));
         }
         changed_.notify_one();
     }
 
     /// Waits until work is due and takes it out of the schedule.
-    std::pair<SteadyClock::time_point, Task> takeNextDue() {
+    Schedule::node_type takeNextDue() {
         const support::MutexLock lock(mutex_);
         while (due_.empty() || SteadyClock::now() < due_.begin()->first) {
             if (due_.empty()) {
@@ -73,13 +82,12 @@ private:
                 changed_.wait_until(mutex_, time);
             }
         }
-        auto next = due_.extract(due_.begin());
-        return {next.key(), std::move(next.mapped())};
+        return due_.extract(due_.begin());
     }
 
     support::Mutex mutex_;
     std::condition_variable_any changed_;
-    std::multimap<SteadyClock::time_point, Task> due_ GUARDED_BY(mutex_);
+    Schedule due_ GUARDED_BY(mutex_);
 };
 
 }  // namespace

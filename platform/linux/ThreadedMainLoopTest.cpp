@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+//
+// The loop of this process, on a thread of its own, with a heap that can be empty.
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/MainLoop.h"
+
+namespace {
+
+thread_local bool hasNoMemory = false;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    void* const memory = hasNoMemory ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+
+namespace tarnvale::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A loop that runs to the end of the process.
+MainLoop& runningLoop() {
+    auto& loop = *makeMainLoop().release();
+    std::thread([&loop] { loop.run(); }).detach();
+    return loop;
+}
+
+template <class Condition>
+bool eventually(const Condition& condition) {
+    for (int i = 0; i < 2000 && !condition(); ++i) {
+        std::this_thread::sleep_for(5ms);
+    }
+    return condition();
+}
+
+TEST(ThreadedMainLoopTest, RunsWorkWhenItIsDueAndInThatOrder) {
+    auto& loop = runningLoop();
+    static std::atomic<int> order = 0;
+    static std::atomic<int> late = 0;
+    static std::atomic<int> early = 0;
+
+    loop.runAfter(100ms, [] { late = ++order; });
+    loop.runAfter(10ms, [] { early = ++order; });
+
+    EXPECT_TRUE(eventually([] { return late == 2; }));
+    EXPECT_EQ(early, 1);
+}
+
+TEST(ThreadedMainLoopTest, GoesOnWithoutMemory) {
+    auto& loop = runningLoop();
+    static std::atomic<int> rounds = 0;
+    static std::atomic<bool> isDone = false;
+
+    loop.runAfter(1ms, [] {
+        hasNoMemory = true;
+        throw std::bad_alloc();
+    });
+    loop.repeat(2ms, [] { ++rounds; });
+    loop.runAfter(50ms, [] { isDone = true; });
+
+    EXPECT_TRUE(eventually([] { return rounds >= 5 && isDone; }));
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

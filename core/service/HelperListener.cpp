@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "core/base/HelperLog.h"
@@ -119,7 +120,14 @@ void HelperListener::shutdownForUpgrade(const std::function<void()>& reply) {
     } catch (...) {
         // The client has gone and needs no reply.
     }
-    loop_.runAfter(shutdownDelay, [&loop = loop_] { loop.exitProcess(EXIT_SUCCESS); });
+    try {
+        loop_.runAfter(shutdownDelay, [&loop = loop_] { loop.exitProcess(EXIT_SUCCESS); });
+        return;
+    } catch (...) {
+        // Without memory for it, this thread waits and ends the process itself.
+    }
+    std::this_thread::sleep_for(shutdownDelay);
+    loop_.exitProcess(EXIT_SUCCESS);
 }
 
 }  // namespace tarnvale

@@ -256,6 +256,17 @@ TEST_F(HelperListenerTest, ShutdownEndsItAlthoughTheClientIsGone) {
     EXPECT_THAT(loop.delayed, SizeIs(1));
 }
 
+TEST_F(HelperListenerTest, ShutdownEndsItAlthoughMemoryIsShort) {
+    loop.isOutOfMemory = true;
+    int replies = 0;
+    const auto begin = std::chrono::steady_clock::now();
+
+    EXPECT_THROW(listener->shutdownForUpgrade([&] { ++replies; }), FakeMainLoop::Exit);
+
+    EXPECT_EQ(replies, 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 300ms);
+}
+
 TEST_F(HelperListenerTest, ShutdownDoesNotRestartTheIdleClock) {
     loop.time += 100s;
     listener->shutdownForUpgrade([] {});

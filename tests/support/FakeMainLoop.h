@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -29,6 +30,7 @@ public:
     Clock::time_point time{std::chrono::hours(1)};
     std::vector<Work> repeated;
     std::vector<Work> delayed;
+    bool isOutOfMemory = false;
 
     Clock::time_point now() override { return time; }
 
@@ -37,6 +39,9 @@ public:
     }
 
     void runAfter(std::chrono::milliseconds delay, std::function<void()> work) override {
+        if (isOutOfMemory) {
+            throw std::bad_alloc();
+        }
         delayed.push_back({delay, std::move(work)});
     }
 

@@ -581,6 +581,15 @@ TEST(ListeningSocketTest, LeavesAnotherHelpersSocketAlone) {
     EXPECT_TRUE(test::connectTo(listeningSocketPath));
 }
 
+TEST(ListeningSocketTest, LooksForAnotherHelperWithoutConnectingToIt) {
+    const auto first = openListeningSocket(0);
+
+    EXPECT_THROW(openListeningSocket(0), TransportError);
+
+    EXPECT_EQ(::accept4(first.get(), nullptr, nullptr, SOCK_CLOEXEC), -1);
+    EXPECT_EQ(errno, EAGAIN) << "it would log that it has rejected a client";
+}
+
 TEST(ListeningSocketTest, LeavesAnythingElseAlone) {
     test::put(listeningSocketPath, "in the way");
 

@@ -61,8 +61,8 @@ UniqueFd adoptPassedSocket(int descriptor) {
     return fd;
 }
 
-UniqueFd newSocket() {
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+UniqueFd newSocket(int type) {
+    UniqueFd fd(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd) {
         fail("Could not make a socket", errno);
     }
@@ -82,10 +82,12 @@ void requireStaleOrAbsent() {
     if (!S_ISSOCK(info.st_mode)) {
         throw TransportError(path + " is in the way: it isn't a socket.");
     }
+    // To a socket of another type the kernel says whether the file has a living socket behind it. A
+    // connection would have that helper check us, reject us and log it.
     const auto address = addressOf(path);
-    const auto probe = newSocket();
+    const auto probe = newSocket(SOCK_DGRAM);
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-    if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EAGAIN) {
+    if (::connect(probe.get(), generic, sizeof address) == 0 || errno == EPROTOTYPE) {
         throw TransportError("Another helper listens on " + path + ".");
     }
     if (errno != ECONNREFUSED && errno != ENOENT) {
@@ -101,7 +103,7 @@ UniqueFd makeSocket() {
     const std::string path = listeningSocketPath;
     const std::string temporary = path + "." + std::to_string(::getpid());
     const auto address = addressOf(temporary);
-    auto fd = newSocket();
+    auto fd = newSocket(SOCK_STREAM);
     ::unlink(temporary.c_str());
     if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         fail("Could not bind " + path, errno);

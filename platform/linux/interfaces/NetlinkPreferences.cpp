@@ -71,8 +71,12 @@ public:
     NetlinkSession& operator=(const NetlinkSession&) = delete;
 
     ~NetlinkSession() override {
-        if (stage_ == Stage::created) {
-            static_cast<void>(succeeds([&] { takeBack(); }));
+        try {
+            if (stage_ == Stage::created) {
+                takeBack();
+            }
+        } catch (...) {
+            // It can't be taken back, or memory is short. Whoever asked knows that it failed.
         }
     }
 

@@ -26,7 +26,11 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_message_enter_container)   \
     SYMBOL(sd_bus_message_exit_container)    \
     SYMBOL(sd_bus_message_get_expect_reply)  \
+    SYMBOL(sd_bus_message_get_interface)     \
+    SYMBOL(sd_bus_message_get_member)        \
     SYMBOL(sd_bus_message_get_path)          \
+    SYMBOL(sd_bus_message_get_signature)     \
+    SYMBOL(sd_bus_message_is_method_call)    \
     SYMBOL(sd_bus_message_new_method_call)   \
     SYMBOL(sd_bus_message_new_method_return) \
     SYMBOL(sd_bus_message_open_container)    \

@@ -46,48 +46,51 @@ std::size_t numberAt(std::string_view bytes, std::size_t position) {
 
 }  // namespace
 
-std::string wireNumber(std::size_t value) {
+std::string wireNumber(std::size_t value, bool isBigEndian) {
     std::string bytes;
     for (const unsigned shift : {0U, 8U, 16U, 24U}) {
-        bytes += static_cast<char>(value >> shift & 0xFFU);
+        bytes += static_cast<char>(value >> (isBigEndian ? 24U - shift : shift) & 0xFFU);
     }
     return bytes;
 }
 
-std::string wireText(std::string_view text) {
-    std::string bytes = wireNumber(text.size());
+std::string wireText(std::string_view text, bool isBigEndian) {
+    std::string bytes = wireNumber(text.size(), isBigEndian);
     bytes.append(text).push_back('\0');
     return bytes;
 }
 
 std::string RawMessage::bytes(
     std::optional<std::uint32_t> bodyLength, std::optional<std::uint32_t> fieldsLength) const {
+    const auto number = [this](std::size_t value) { return wireNumber(value, isBigEndian); };
+    const auto text = [this](std::string_view value) { return wireText(value, isBigEndian); };
     std::string fields;
     if (!path.empty()) {
-        addField(fields, '\1', "o", wireText(path));
+        addField(fields, '\1', "o", text(path));
     }
     if (!interface.empty()) {
-        addField(fields, '\2', "s", wireText(interface));
+        addField(fields, '\2', "s", text(interface));
     }
     if (!member.empty()) {
-        addField(fields, type == errorReply ? '\4' : '\3', "s", wireText(member));
+        addField(fields, type == errorReply ? '\4' : '\3', "s", text(member));
     }
     if (replySerial) {
-        addField(fields, '\5', "u", wireNumber(*replySerial));
+        addField(fields, '\5', "u", number(*replySerial));
     }
     if (!signature.empty()) {
-        std::string text(1, static_cast<char>(signature.size()));
-        text.append(signature).push_back('\0');
-        addField(fields, '\x08', "g", text);
+        std::string value(1, static_cast<char>(signature.size()));
+        value.append(signature).push_back('\0');
+        addField(fields, '\x08', "g", value);
     }
     if (descriptors) {
-        addField(fields, '\x09', "u", wireNumber(*descriptors));
+        addField(fields, '\x09', "u", number(*descriptors));
     }
 
-    std::string message{'l', static_cast<char>(type), static_cast<char>(flags), '\1'};
-    message += wireNumber(bodyLength.value_or(static_cast<std::uint32_t>(body.size())));
-    message += wireNumber(serial);
-    message += wireNumber(fieldsLength.value_or(static_cast<std::uint32_t>(fields.size())));
+    const char order = isBigEndian ? 'B' : 'l';
+    std::string message{order, static_cast<char>(type), static_cast<char>(flags), '\1'};
+    message += number(bodyLength.value_or(static_cast<std::uint32_t>(body.size())));
+    message += number(serial);
+    message += number(fieldsLength.value_or(static_cast<std::uint32_t>(fields.size())));
     message += fields;
     pad(message, 8);
     return message + body;

@@ -34,8 +34,9 @@ struct RawMessage {
     std::string interface = "com.brackwen.tarnvale.adminhelper";
     std::optional<std::uint32_t> replySerial{};
     std::optional<std::uint32_t> descriptors{};  ///< how many it claims to bring along
+    bool isBigEndian = false;                    ///< then the body's numbers are to be so too
 
-    /// Little-endian. The two lengths in the header are the true ones unless others are given.
+    /// The two lengths in the header are the true ones unless others are given.
     std::string bytes(
         std::optional<std::uint32_t> bodyLength = std::nullopt,
         std::optional<std::uint32_t> fieldsLength = std::nullopt) const;
@@ -44,8 +45,8 @@ struct RawMessage {
 inline constexpr std::uint8_t noReplyExpected = 1;
 
 /// A 32-bit number and a text as a message's body has them.
-std::string wireNumber(std::size_t value);
-std::string wireText(std::string_view text);
+std::string wireNumber(std::size_t value, bool isBigEndian = false);
+std::string wireText(std::string_view text, bool isBigEndian = false);
 
 /// What came back.
 struct Received {

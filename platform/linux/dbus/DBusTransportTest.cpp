@@ -276,6 +276,56 @@ TEST_F(DBusTransportTest, RefusesWrongTypesAndUnknownMethods) {
     EXPECT_TRUE(client.call("HelperVersion", ""));
 }
 
+/// The answer to a call by a peer that writes its messages itself.
+test::Received answerTo(const test::RawMessage& call) {
+    auto peer = connectRaw();
+    EXPECT_TRUE(peer.authenticate());
+    EXPECT_TRUE(peer.send(call.bytes()));
+    return peer.receive().value_or(test::Received{});
+}
+
+TEST_F(DBusTransportTest, TakesNumbersInEitherOrder) {
+    constexpr std::size_t length = 70'000;
+    const auto answer = answerTo(
+        {.member = "ApplyFirewall",
+         .signature = "ay",
+         .body = test::wireNumber(length, true) + std::string(length, ' '),
+         .isBigEndian = true});
+
+    EXPECT_EQ(answer.type, test::methodReturn);
+    EXPECT_TRUE(answer.says("70000"));
+}
+
+TEST_F(DBusTransportTest, FindsAMethodWithoutItsInterface) {
+    const auto version = answerTo({.interface = ""});
+    EXPECT_EQ(version.type, test::methodReturn);
+    EXPECT_TRUE(version.says(std::to_string(::getuid())));
+
+    const auto hello =
+        answerTo({.member = "Hello", .path = "/org/freedesktop/DBus", .interface = ""});
+    EXPECT_EQ(hello.type, test::methodReturn);
+
+    const test::RawMessage unknown{.member = "FormatDisk", .interface = ""};
+    EXPECT_EQ(answerTo(unknown).type, test::errorReply);
+    EXPECT_TRUE(answerTo(unknown).says("org.freedesktop.DBus.Error.UnknownMethod"));
+    const test::RawMessage wrong{
+        .member = "HelperVersion", .signature = "s", .body = test::wireText("x"), .interface = ""};
+    EXPECT_TRUE(answerTo(wrong).says("org.freedesktop.DBus.Error.InvalidArgs"));
+}
+
+TEST_F(DBusTransportTest, ChecksAPeerBeforeAMethodIsFoundWithoutItsInterface) {
+    auto peer = connectRaw();
+    ASSERT_TRUE(peer.authenticate());
+    ASSERT_TRUE(peer.send(test::RawMessage{.interface = ""}.bytes()));
+    ASSERT_TRUE(peer.receive());
+
+    signing.valid = false;
+    peer.send(test::RawMessage{.interface = ""}.bytes());
+
+    EXPECT_FALSE(peer.receive());
+    EXPECT_EQ(echo.calls, 1);
+}
+
 TEST_F(DBusTransportTest, TellsWhoThePeerIs) {
     Client client;
     client.call("HelperVersion", "");

@@ -94,12 +94,23 @@ bool nextBool(sd_bus_message* call) {
     return value != 0;
 }
 
-/// The next argument, bytes, which live as long as the message.
-std::string_view nextBytes(sd_bus_message* call) {
+/// The next argument, bytes, which live as long as the message. Those of a message with big-endian
+/// numbers, which sd-bus hands out only one by one, live as long as `collected`.
+std::string_view nextBytes(sd_bus_message* call, std::string& collected) {
     const void* bytes = nullptr;
     std::size_t size = 0;
-    checkBus(systemd().sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size));
-    return {static_cast<const char*>(bytes), size};
+    const int result = systemd().sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size);
+    if (result != -EOPNOTSUPP) {
+        checkBus(result);
+        return {static_cast<const char*>(bytes), size};
+    }
+    checkBus(systemd().sd_bus_message_enter_container(call, SD_BUS_TYPE_ARRAY, "y"));
+    char byte = 0;
+    while (checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_BYTE, &byte)) > 0) {
+        collected += byte;
+    }
+    checkBus(systemd().sd_bus_message_exit_container(call));
+    return collected;
 }
 
 using Handler = int (*)(sd_bus_message* call, ProtocolObject& object);
@@ -123,7 +134,8 @@ int helperVersion(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int applyFirewall(sd_bus_message* call, ProtocolObject& object) {
-    const auto policyData = nextBytes(call);
+    std::string collected;
+    const auto policyData = nextBytes(call, collected);
     return reply(call, object, object.exported.applyFirewallWithPolicyData(policyData));
 }
 
@@ -228,6 +240,40 @@ const sd_bus_vtable* driverTable() {
     return table.data();
 }
 
+/// Calls the method of the table whose member the call names.
+int callMethod(
+    sd_bus_message* call, const sd_bus_vtable* table, void* object, sd_bus_error* error) {
+    const std::string_view member = systemd().sd_bus_message_get_member(call);
+    const std::string_view arguments = systemd().sd_bus_message_get_signature(call, 1);
+    for (; table->type != _SD_BUS_VTABLE_END; ++table) {
+        if (table->type != _SD_BUS_VTABLE_METHOD || member != table->x.method.member) {
+            continue;
+        }
+        return arguments == table->x.method.signature
+                   ? table->x.method.handler(call, object, error)
+                   : systemd().sd_bus_reply_method_errorf(
+                         call, SD_BUS_ERROR_INVALID_ARGS, "Invalid arguments.");
+    }
+    return systemd().sd_bus_reply_method_errorf(
+        call, SD_BUS_ERROR_UNKNOWN_METHOD, "Unknown method.");
+}
+
+/// D-Bus lets a call leave out the interface where the object has one method of that name; sd-bus
+/// does not find it then.
+int findMethod(sd_bus_message* call, void* object, sd_bus_error* error) noexcept {
+    constexpr int goesToItsHandler = 0;
+    if (systemd().sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0 ||
+        systemd().sd_bus_message_get_interface(call) != nullptr) {
+        return goesToItsHandler;
+    }
+    const std::string_view path = systemd().sd_bus_message_get_path(call);
+    if (path == wire::objectPath) {
+        return callMethod(call, protocolTable(), object, error);
+    }
+    return path == wire::driverPath ? callMethod(call, driverTable(), object, error)
+                                    : goesToItsHandler;
+}
+
 }  // namespace
 
 void restoreSendBuffer(int socket) {
@@ -238,6 +284,7 @@ void restoreSendBuffer(int socket) {
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
     checkBus(systemd().sd_bus_add_object_vtable(
         bus, nullptr, wire::objectPath, wire::interfaceName, protocolTable(), &object));
+    checkBus(systemd().sd_bus_add_filter(bus, nullptr, findMethod, &object));
     checkBus(systemd().sd_bus_add_object_vtable(
         bus, nullptr, wire::driverPath, wire::driverInterface, driverTable(), &object));
 }

@@ -21,7 +21,8 @@ struct ProtocolObject {
 void restoreSendBuffer(int socket);
 
 /// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.
-/// `object` must outlive the bus. Throws `std::system_error`.
+/// `object` must outlive the bus. A filter that is added later sees each message first. Throws
+/// `std::system_error`.
 void exportProtocol(sd_bus* bus, ProtocolObject& object);
 
 }  // namespace tarnvale::platform

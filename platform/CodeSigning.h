@@ -40,6 +40,13 @@ public:
     CheckOverdue() : std::runtime_error("The peer could not be checked in time.") {}
 };
 
+/// The program's file changed each time that it was checked, or this program's own could not be
+/// opened. That says nothing about the program.
+class CheckDisturbed : public std::runtime_error {
+public:
+    CheckDisturbed() : std::runtime_error("The program could not be checked undisturbed.") {}
+};
+
 /// What a signature says about itself.
 struct SigningInformation {
     std::optional<std::string> teamIdentifier;
@@ -49,7 +56,7 @@ struct SigningInformation {
 };
 
 /// The program that a process runs. One thread may use it, as long as the peer's handle is open.
-/// Both questions throw `CheckOverdue`.
+/// Both questions throw `CheckOverdue` and `CheckDisturbed`.
 class Code {
 public:
     virtual ~Code() = default;

@@ -47,12 +47,16 @@ bool ClientAdmission::isAllowedClient(const platform::Peer& peer) {
     if (!guest) {
         return false;
     }
-    const auto information = guest->signingInformation();
-    if (!information || information->teamIdentifier != teamIdentifier || !information->identifier ||
-        !isAllowedIdentifier(*information->identifier)) {
+    try {
+        const auto information = guest->signingInformation();
+        if (!information || information->teamIdentifier != teamIdentifier ||
+            !information->identifier || !isAllowedIdentifier(*information->identifier)) {
+            return false;
+        }
+        return !helperIsDeveloperIDSigned() || guest->isValid(strictRequirement());
+    } catch (const platform::CheckDisturbed&) {
         return false;
     }
-    return !helperIsDeveloperIDSigned() || guest->isValid(strictRequirement());
 }
 
 const std::string& ClientAdmission::clientRequirement() {
@@ -60,11 +64,16 @@ const std::string& ClientAdmission::clientRequirement() {
 }
 
 bool ClientAdmission::helperIsDeveloperIDSigned() {
-    std::call_once(selfChecked_, [this] {
-        const auto self = codeSigning_.self();
-        helperIsDeveloperIDSigned_ = self && self->isValid(developerIDRequirement());
-    });
-    return helperIsDeveloperIDSigned_;
+    const support::MutexLock lock(selfCheck_);
+    if (!isDeveloperIDSigned_) {
+        try {
+            const auto self = codeSigning_.self();
+            isDeveloperIDSigned_ = self && self->isValid(developerIDRequirement());
+        } catch (const platform::CheckDisturbed&) {
+            return true;  // whoever asks next checks again
+        }
+    }
+    return *isDeveloperIDSigned_;
 }
 
 }  // namespace tarnvale

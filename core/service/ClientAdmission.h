@@ -5,11 +5,12 @@
 
 #pragma once
 
-#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/CodeSigning.h"
+#include "support/Mutex.h"
 
 namespace tarnvale {
 
@@ -32,13 +33,14 @@ public:
     /// code-signing requirements.
     const std::string& clientRequirement();
 
-    /// Determined on first use; the answer never changes.
-    bool helperIsDeveloperIDSigned();
+    /// Determined on first use; the answer never changes. Until a check of the helper itself comes
+    /// to an end, it counts as signed so: the strict way.
+    bool helperIsDeveloperIDSigned() EXCLUDES(selfCheck_);
 
 private:
     platform::CodeSigning& codeSigning_;
-    std::once_flag selfChecked_;
-    bool helperIsDeveloperIDSigned_ = false;
+    support::Mutex selfCheck_;  ///< held for one check, so that nobody makes a second
+    std::optional<bool> isDeveloperIDSigned_ GUARDED_BY(selfCheck_);
 };
 
 }  // namespace tarnvale

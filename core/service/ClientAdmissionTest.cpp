@@ -117,6 +117,18 @@ TEST_F(ClientAdmissionTest, ChecksItselfOnceAndOnFirstUse) {
     EXPECT_EQ(signing.selfLookups, 1);
 }
 
+TEST_F(ClientAdmissionTest, TakesTheStrictWayUntilACheckOfItselfComesToAnEnd) {
+    signing.isDisturbed = true;
+    EXPECT_TRUE(admission.helperIsDeveloperIDSigned());
+    EXPECT_EQ(admission.clientRequirement(), strictRequirement);
+    EXPECT_FALSE(admission.isAllowedClient(peer));
+
+    signing.isDisturbed = false;
+    EXPECT_FALSE(admission.helperIsDeveloperIDSigned());
+    EXPECT_EQ(admission.clientRequirement(), baseRequirement);
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+}
+
 TEST_F(ClientAdmissionTest, ChecksItselfForNoClientThatItRejectsAnyway) {
     client().information->teamIdentifier = "OTHERTEAM1";
 
@@ -146,6 +158,15 @@ TEST_F(StrictClientAdmissionTest, RejectsADevelopmentSignedClient) {
 
     EXPECT_FALSE(admission.isAllowedClient(peer));
     EXPECT_THAT(signing.asked, ElementsAre(strictRequirement, developerIDRequirement));
+}
+
+TEST_F(StrictClientAdmissionTest, RejectsAClientWhoseCheckComesToNoEnd) {
+    client().meets = {baseRequirement, strictRequirement};
+    EXPECT_TRUE(admission.isAllowedClient(peer));
+
+    signing.isDisturbed = true;
+
+    EXPECT_FALSE(admission.isAllowedClient(peer));
 }
 
 TEST_F(StrictClientAdmissionTest, AdmitsADeveloperIDSignedClient) {

@@ -5,11 +5,13 @@
 // at the socket and in the log.
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -203,6 +205,59 @@ TEST_F(ServiceAdmissionTest, ADeveloperIDSignedHelperServesOnlyItsLike) {
     expectRejected(lab.client);
     expectRejected(clientProgram);
     expectRejected(lab.signedClient(applicationIdentifier, Chain::developerID()));
+}
+
+/// Changes a file again and again while it exists, and nothing in what it holds.
+class Disturbance {
+public:
+    explicit Disturbance(const std::string& path)
+        : thread_([this, path] {
+              while (!isOver_) {
+                  ::chmod(path.c_str(), 0755);
+              }
+          }) {}
+    Disturbance(const Disturbance&) = delete;
+    Disturbance& operator=(const Disturbance&) = delete;
+    ~Disturbance() {
+        isOver_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> isOver_ = false;
+    std::thread thread_;
+};
+
+TEST_F(ServiceAdmissionTest, ADisturbedDeveloperIDSignedHelperServesOnlyItsLike) {
+    ServiceLab::trust({&lab.development, &lab.developerID});
+    const std::string helper = ServiceLab::signCopy(
+        helperProgram, "com.brackwen.tarnvale.adminhelper", lab.developerID, "/tmp/helper");
+    const std::string like = lab.signedClient(applicationIdentifier, lab.developerID);
+    for (int start = 0; start < 3; ++start) {
+        fs::remove(logPath);  // it says when the helper listens
+        const Service service({.program = helper, .listeningSocket = -1});
+        {
+            const Disturbance disturbance(helper);
+            ServiceClient client(lab.client);
+            EXPECT_THAT(client.call("HelperVersion"), ElementsAre("closed"));
+        }
+
+        ServiceClient client(lab.client);
+        EXPECT_THAT(client.call("HelperVersion"), ElementsAre("closed"));
+        expectServed(like);
+    }
+}
+
+TEST_F(ServiceAdmissionTest, KeepsAClientWhoseFileChanges) {
+    const Service service;
+    for (int i = 0; i < 20; ++i) {
+        ServiceClient client(lab.client);
+        ASSERT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
+
+        ::chmod(lab.client.c_str(), i % 2 == 0 ? 0555 : 0755);
+
+        EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion())) << i;
+    }
 }
 
 TEST_F(ServiceAdmissionTest, ReadsTheRootsAfreshForEachMessage) {

@@ -4,10 +4,12 @@
 
 #include "platform/CodeSigning.h"
 
+#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -15,6 +17,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -235,12 +238,101 @@ TEST_F(CodeSigningTest, ChecksAProgramWhoseFileIsNoLongerThere) {
     EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored));
 }
 
+TEST_F(CodeSigningTest, ChecksAFileAgainThatChangesDuringTheCheck) {
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const std::vector<std::function<void()>> changes = {
+        [] { ::chmod(clientPath, 0700); },
+        [] { fs::create_hard_link(clientPath, "/tmp/other name"); },
+        [] { fs::remove(clientPath); }};
+    for (const auto& change : changes) {
+        const auto named = signing->guest(process->peer());
+        const auto checked = signing->guest(process->peer());
+        ASSERT_TRUE(named && checked);
+
+        change();
+
+        EXPECT_THAT(named->signingInformation(), Optional(clientInformation));
+        EXPECT_TRUE(checked->isValid(anchored));
+    }
+}
+
+/// Changes the client's file again and again while it exists.
+class Disturbance {
+public:
+    Disturbance() {
+        while (changes_ < 3) {
+            std::this_thread::yield();
+        }
+    }
+    Disturbance(const Disturbance&) = delete;
+    Disturbance& operator=(const Disturbance&) = delete;
+    ~Disturbance() {
+        isOver_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> isOver_ = false;
+    std::atomic<int> changes_ = 0;
+    std::thread thread_{[this] {
+        while (!isOver_) {
+            ::chmod(clientPath, ++changes_ % 2 == 0 ? 0755 : 0700);
+        }
+    }};
+};
+
+TEST_F(CodeSigningTest, SaysSoWhenAFileNeverStopsChanging) {
+    writeProgram(
+        clientPath, test::signedProgram(program + std::string(8 << 20, '\0'), identifier, chain));
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    {
+        // How often the file changes depends on what else this machine does.
+        const Disturbance disturbance;
+        bool isDisturbed = false;
+        for (int i = 0; i < 500 && !isDisturbed; ++i) {
+            try {
+                EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored));
+            } catch (const CheckDisturbed&) {
+                isDisturbed = true;
+            }
+        }
+        EXPECT_TRUE(isDisturbed);
+    }
+    EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored));
+
+    writeProgram("/tmp/forged", contentOf(clientPath) + "x");
+    fs::rename("/tmp/forged", clientPath);
+    const SocketPeer forger({clientPath, "1000"});
+    const auto forged = PeerProcess::ofSocket(forger.socket());
+    const Disturbance disturbance;
+    EXPECT_FALSE(signing->guest(forged->peer())->isValid(anchored)) << "that is certain";
+}
+
 TEST_F(CodeSigningTest, KnowsItself) {
     const auto self = signing->self();
 
     ASSERT_TRUE(self);
     EXPECT_THAT(self->signingInformation(), Eq(std::nullopt)) << "the test is not signed";
     EXPECT_FALSE(self->isValid("not identifier \"x\""));
+}
+
+TEST_F(CodeSigningTest, SaysSoWhenItsOwnFileCannotBeOpened) {
+    const auto self = signing->self();
+    ASSERT_TRUE(self);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    // A sanitizer needs descriptors where it meets a type for the first time.
+    EXPECT_THROW(throw CheckDisturbed(), CheckDisturbed);
+    ASSERT_FALSE(signing->self()->isValid(anchored)) << "it isn't signed";
+    const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+
+    EXPECT_THROW(self->isValid(anchored), CheckDisturbed);
+
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(self->isValid(anchored));
 }
 
 TEST_F(CodeSigningTest, TrustsNobodyWithoutRoots) {

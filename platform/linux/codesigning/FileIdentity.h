@@ -28,6 +28,11 @@ struct FileIdentity {
           changedNanoseconds(file.st_ctim.tv_nsec) {}
 
     bool operator==(const FileIdentity&) const = default;
+
+    /// Whatever state each is in.
+    bool isSameFile(const FileIdentity& other) const {
+        return device == other.device && inode == other.inode;
+    }
 };
 
 }  // namespace tarnvale::platform

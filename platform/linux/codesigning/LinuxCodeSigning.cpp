@@ -48,7 +48,14 @@ struct Turns {
     FairTurns digests{1};  ///< they take longest, and shall leave a processor to others
 };
 
-/// The code that a process ran at one moment: one state of a file.
+/// A file that changes each time that it is checked so often may go on changing for ever.
+constexpr int maxChecks = 5;
+
+/// The file has left the state in which it was opened.
+struct FileChanged {};
+
+/// The code that a process ran at one moment: one file. A change of its mode or of its names
+/// changes nothing in the program, so a check that one disturbs is made again.
 class LinuxCode final : public Code {
 public:
     /// `link` is where /proc shows the executable of the peer, or, without a peer, of this process.
@@ -80,20 +87,47 @@ public:
         }
         const std::int64_t now = std::time(nullptr);
         try {
-            return verified_.meets(executable_, *roots, now, requirement) ||
-                   check(requirement, now);
+            return undisturbed([&] {
+                return verified_.meets(executable_, *roots, now, requirement) ||
+                       check(requirement, now);
+            });
         } catch (const SharedLibraryError&) {
             return false;
         }
     }
 
 private:
-    /// Opens the executable and reads its trailer, once. False when the process has ended or runs
-    /// another program by now, or when the program isn't signed.
+    /// Makes the check again until the file stays as it is meanwhile.
+    template <typename Check>
+    bool undisturbed(const Check& check) {
+        for (int checks = 0; checks < maxChecks; ++checks) {
+            try {
+                return check();
+            } catch (const FileChanged&) {
+                file_.reset();
+                trailer_.reset();
+            }
+        }
+        throw CheckDisturbed();
+    }
+
+    void requireUnchanged() const {
+        if (identityOf(file_.get()) != executable_) {
+            throw FileChanged();
+        }
+    }
+
+    /// Opens the executable, takes note of its state and reads its trailer, once. False when the
+    /// process has ended or runs another program by now, or when the program isn't signed.
     bool open() {
         if (!file_) {
             file_.reset(::open(link_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-            if (file_ && identityOf(file_.get()) == executable_ && (!peer_ || lives(*peer_))) {
+            if (!file_ && !peer_) {
+                throw CheckDisturbed();  // descriptors have run out, say: that is no verdict on us
+            }
+            const auto opened = file_ ? identityOf(file_.get()) : std::nullopt;
+            if (opened && opened->isSameFile(executable_) && (!peer_ || lives(*peer_))) {
+                executable_ = *opened;
                 trailer_ = readTrailer(file_.get(), executable_.size);
             }
         }
@@ -120,8 +154,11 @@ private:
             return false;
         }
         const auto parsed = Requirement::parse(requirement);
+        if (!parsed || !open()) {
+            return false;
+        }
         const auto roots = readRoots();
-        if (!parsed || !roots || !open()) {
+        if (!roots) {
             return false;
         }
         std::optional<Trusted> trusted;
@@ -140,15 +177,16 @@ private:
         const bool maySettle = now - executable_.changedSeconds > coarsestClock;
         const auto paced = [this](const auto& work) { inTurn(turns_.digests, work); };
         const auto digest = sha256(file_.get(), trailer_->programSize, paced);
-        if (!digest || identityOf(file_.get()) != executable_) {
+        if (!digest) {
             return false;
         }
         if (*digest != trusted->content.sha256) {
-            if (maySettle) {
+            if (maySettle && identityOf(file_.get()) == executable_) {
                 verified_.rememberMismatch(executable_);
             }
             return false;
         }
+        requireUnchanged();
         if (maySettle) {
             verified_.remember(
                 {.executable = executable_,

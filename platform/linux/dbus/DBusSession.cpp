@@ -207,6 +207,8 @@ bool DBusSession::awaitWhileItMayRead(const Deadline& deadline) const {
             }
         } catch (const CheckOverdue&) {
             // Nothing is known to its disadvantage. It is checked before it is read from.
+        } catch (const CheckDisturbed&) {
+            // The same.
         }
     }
 }

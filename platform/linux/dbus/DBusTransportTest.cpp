@@ -313,6 +313,19 @@ TEST_F(DBusTransportTest, FindsAMethodWithoutItsInterface) {
     EXPECT_TRUE(answerTo(wrong).says("org.freedesktop.DBus.Error.InvalidArgs"));
 }
 
+TEST_F(DBusTransportTest, TakesArgumentsAsSdBusDoes) {
+    for (const std::string_view text : {"\xFF", "\uFFFE", "\uFDD0"}) {
+        const auto answer =
+            answerTo({.member = "DeleteVLAN", .signature = "s", .body = test::wireText(text)});
+        EXPECT_TRUE(answer.says("org.freedesktop.DBus.Error.InconsistentMessage")) << text;
+    }
+    for (const std::size_t value : {1U, 2U, 0x80000000U}) {
+        const auto answer = answerTo(
+            {.member = "SetTarnvaleResolver", .signature = "b", .body = test::wireNumber(value)});
+        EXPECT_TRUE(answer.says("on")) << value;
+    }
+}
+
 TEST_F(DBusTransportTest, ChecksAPeerBeforeAMethodIsFoundWithoutItsInterface) {
     auto peer = connectRaw();
     ASSERT_TRUE(peer.authenticate());

@@ -38,7 +38,8 @@ OPTIONS
   --format text    results as text on standard output, problems on standard
                    error; this is the default
   --format json    one JSON object on standard output, whether the command
-                   succeeds or fails
+                   succeeds or fails; only a command line that can't be
+                   understood is reported as text
   --user NAME      do everything as this user, reading FILE included; only root
                    may
   --help           print this

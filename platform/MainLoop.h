@@ -19,11 +19,11 @@ public:
     /// The wall clock.
     virtual Clock::time_point now() = 0;
 
-    /// Runs `work` at the end of each period, on a thread other than the caller's and never twice
-    /// at a time. Called once, before `run`.
+    /// Runs `work` at the end of each period, once the loop runs, on a thread that serves no
+    /// request, and never twice at a time. Called once, before `run`.
     virtual void repeat(std::chrono::milliseconds period, std::function<void()> work) = 0;
 
-    /// Runs `work` once, after the delay, on a thread other than the caller's.
+    /// Runs `work` once, after the delay, on such a thread.
     virtual void runAfter(std::chrono::milliseconds delay, std::function<void()> work) = 0;
 
     /// Ends the process at once with this status, from any thread. Nothing is torn down, because

@@ -30,7 +30,8 @@ public:
     virtual uid_t effectiveUserID() const = 0;
 
     /// Has the peer checked against this requirement before every message is read; if it fails, the
-    /// connection ends. False when the requirement itself isn't well-formed.
+    /// message isn't read. On Linux the connection then ends; on macOS that is the system's affair.
+    /// False when the requirement itself isn't well-formed.
     virtual bool setCodeSigningRequirement(const std::string& requirement) = 0;
 
     /// The handler is called once, on the connection's queue, when the admitted connection has

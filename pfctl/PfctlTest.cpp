@@ -196,6 +196,19 @@ TEST_F(PfctlTest, ListsWhatItLoadedWithoutEnforcingIt) {
     EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
 }
 
+TEST_F(PfctlTest, LoadsItsOwnListing) {
+    load(
+        "pass out quick proto udp from any port 67 to 192.168.64.0/24 port 68\n"
+        "block drop in quick from 192.168.64.7/32 to 0.0.0.0/0\n"
+        "pass in quick proto tcp from 192.168.64.0/24 to any port 80:80 keep state\n"
+        "block drop out quick from any to any\n");
+    const std::string listed = counters();
+
+    load(listing());
+
+    EXPECT_EQ(counters(), listed);
+}
+
 TEST_F(PfctlTest, EnforcesWhatWasLoadedBeforeAndAfterItWasEnabled) {
     load(denyFirst);
     const auto enabled = pfctl({"-E"});

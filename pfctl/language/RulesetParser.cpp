@@ -3,9 +3,11 @@
 #include "pfctl/language/RulesetParser.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <utility>
 
+#include "pfctl/language/Listing.h"
 #include "support/Decimal.h"
 
 namespace tarnvale::pfctl {
@@ -92,23 +94,33 @@ LineMistake mistakeWithWord(const std::string& text, std::string_view word) {
     return {showable ? text + std::string(word) : "syntax error"};
 }
 
-/// Reads the words of one line, each as what it has to be. Throws `LineMistake`.
+/// The two forms of a rule: as rulesets have it, and as pf lists it.
+enum class Form { written, listed };
+
+/// Reads the words of one line, each as what it has to be. Throws `LineMistake`. Of the listed form
+/// it takes more than is ever listed.
 class RuleReader {
 public:
-    explicit RuleReader(std::string_view line) : line_(line) { advance(); }
+    RuleReader(std::string_view line, Form form) : line_(line), form_(form) { advance(); }
 
     Rule read() {
         Rule rule;
         rule.action = readAction();
         rule.direction = readDirection();
         expect("quick");
+        rule.namesASubnet = acceptListed("inet");
         if (accept("proto")) {
             rule.protocol = readProtocol();
         }
-        expect("from");
-        rule.from = readEndpoint(rule);
-        expect("to");
-        rule.to = readEndpoint(rule);
+        if (!acceptListed("all")) {
+            expect("from");
+            rule.from = readEndpoint(rule);
+            expect("to");
+            rule.to = readEndpoint(rule);
+        }
+        if (acceptListed("flags")) {
+            expect("S/SA");
+        }
         if (accept("keep")) {
             expect("state");
             if (rule.action == Action::blockDrop) {
@@ -146,6 +158,8 @@ private:
         advance();
         return true;
     }
+
+    bool acceptListed(std::string_view word) { return form_ == Form::listed && accept(word); }
 
     void expect(std::string_view word) {
         if (!accept(word)) {
@@ -186,7 +200,9 @@ private:
     Endpoint readEndpoint(Rule& rule) {
         Endpoint side;
         if (!accept("any")) {
-            const auto subnet = parseSubnet(word_);
+            const auto address = form_ == Form::listed ? parseAddress(word_) : std::nullopt;
+            const auto subnet =
+                address ? Subnet{.address = *address, .prefixLength = 32} : parseSubnet(word_);
             if (!subnet) {
                 throw LineMistake{isPlain(word_) ? "could not parse host" : "syntax error"};
             }
@@ -195,6 +211,7 @@ private:
             advance();
         }
         if (accept("port")) {
+            acceptListed("=");
             side.ports = readPorts();
         }
         return side;
@@ -227,10 +244,44 @@ private:
     }
 
     std::string_view line_;
+    Form form_;
     std::string_view word_;
     std::size_t wordBegin_ = 0;
     std::size_t wordEnd_ = 0;
 };
+
+/// The rule of a line as it is listed, to the word.
+std::optional<Rule> listedRule(std::string_view line) {
+    try {
+        const Rule rule = RuleReader(line, Form::listed).read();
+        std::string listed;
+        appendCanonicalLine(listed, rule);
+        listed.pop_back();
+        return line == listed ? std::optional(rule) : std::nullopt;
+    } catch (const LineMistake&) {
+        return std::nullopt;
+    }
+}
+
+/// Takes a label, its number and the blanks behind it from the front of the line.
+bool takeCounter(std::string_view& line, std::string_view label) {
+    if (!line.starts_with(label)) {
+        return false;
+    }
+    line.remove_prefix(label.size());
+    const bool isCounted = support::takeNumber<std::uint64_t>(line).has_value();
+    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+    return isCounted;
+}
+
+/// Whether the line is one of the two below a listed rule.
+bool isLineOfCounters(std::string_view line) {
+    if (takeCounter(line, "  [ Evaluations: ")) {
+        return takeCounter(line, "Packets: ") && takeCounter(line, "Bytes: ") &&
+               takeCounter(line, "States: ") && line == "]";
+    }
+    return takeCounter(line, "  [ Inserted: uid ") && takeCounter(line, "pid ") && line == "]";
+}
 
 }  // namespace
 
@@ -239,8 +290,8 @@ ParsedRuleset parseRuleset(std::string_view text) {
     LineReader lines(text);
     Line line;
     while (ruleset.mistakes.size() < maxMistakes && lines.next(line)) {
-        RuleReader reader(line.text);
-        if (reader.atEnd()) {
+        RuleReader reader(line.text, Form::written);
+        if (reader.atEnd() || (line.ended && isLineOfCounters(line.text))) {
             continue;
         }
         try {
@@ -250,6 +301,10 @@ ParsedRuleset parseRuleset(std::string_view text) {
             }
             ruleset.rules.push_back(rule);
         } catch (LineMistake& mistake) {
+            if (const auto rule = line.ended ? listedRule(line.text) : std::nullopt) {
+                ruleset.rules.push_back(*rule);
+                continue;
+            }
             ruleset.mistakes.push_back({line.numberAt(reader.offset()), std::move(mistake.text)});
         }
     }

@@ -6,6 +6,9 @@
 //     pass|block drop  in|out  quick  [proto tcp|udp|icmp]
 //         from any|CIDR [port N|N:M]  to any|CIDR [port N|N:M]  [keep state]
 //
+// A rule may also stand exactly as `Listing.h` prints it, with its counters, which are not read: a
+// listing loads as the rules that it lists.
+//
 // As in pf, a backslash before a line feed joins two lines, in comments too; a carriage return is
 // a mistake, and so is a last rule without a line feed. Time and memory are linear in the text.
 

@@ -2,6 +2,8 @@
 
 #include "pfctl/language/RulesetParser.h"
 
+#include <cstddef>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -311,6 +313,115 @@ TEST(RulesetParserTest, RefusesAStateForABlock) {
     EXPECT_EQ(
         mistakeIn("block drop in quick from any to any keep state\n"),
         "keep state on block rules doesn't make sense");
+}
+
+/// Lines of every kind that a ruleset may have, by a fixed rule from a seed.
+class RandomLines {
+public:
+    explicit RandomLines(unsigned seed) : random_(seed) {}
+
+    std::size_t below(std::size_t bound) { return random_() % bound; }
+
+    std::string line() {
+        const bool passes = below(2) == 0;
+        const std::string protocol = oneOf({"", " proto tcp", " proto udp", " proto icmp"});
+        const bool hasPorts = protocol == " proto tcp" || protocol == " proto udp";
+        return (passes ? "pass" : "block drop") + oneOf({" in", " out"}) + " quick" + protocol +
+               " from " + endpoint(hasPorts) + " to " + endpoint(hasPorts) +
+               (passes ? oneOf({"", " keep state"}) : "") + "\n";
+    }
+
+private:
+    std::string oneOf(const std::vector<std::string>& words) {
+        return words.at(below(words.size()));
+    }
+
+    std::string endpoint(bool hasPorts) {
+        const std::string subnet = std::to_string(below(256)) + "." + std::to_string(below(256)) +
+                                   ".64." + std::to_string(below(256)) + "/" +
+                                   std::to_string(below(33));
+        const auto first = 1 + below(65535);
+        const auto port = std::to_string(first);
+        const auto ports = hasPorts ? oneOf({
+                                          "",
+                                          " port " + port,
+                                          " port " + port + ":" + port,
+                                          " port " + port + ":65535",
+                                      })
+                                    : "";
+        return oneOf({"any", "0.0.0.0/0", "10.0.0.1/32", subnet}) + ports;
+    }
+
+    std::mt19937 random_;
+};
+
+TEST(RulesetParserTest, ReadsItsOwnListing) {
+    RandomLines random(20261122);
+    for (int trial = 0; trial < 500; ++trial) {
+        std::string text;
+        for (std::size_t line = random.below(40); line > 0; --line) {
+            text += random.line();
+        }
+        const auto written = parseRuleset(text);
+        ASSERT_THAT(written.mistakes, IsEmpty()) << text;
+        std::string listing;
+        for (const Rule& rule : written.rules) {
+            appendCountedRule(
+                listing,
+                {.index = 0,
+                 .rule = rule,
+                 .evaluations = random.below(1000),
+                 .packets = random.below(1'000'000'000),
+                 .bytes = ~std::uint64_t{0}},
+                random.below(1'000'000'000),
+                {.uid = 0, .pid = 4194304});
+        }
+
+        const auto listed = parseRuleset(listing);
+
+        EXPECT_THAT(listed.mistakes, IsEmpty()) << listing;
+        EXPECT_EQ(listed.rules, written.rules) << listing;
+    }
+}
+
+TEST(RulesetParserTest, RefusesWhatIsAlmostAListing) {
+    for (const std::string_view text : {
+             "pass in quick inet proto tcp from any to 1.1.1.1 port = 22 flags S/SA keep state\n",
+             "pass in quick inet from 10.0.0.0/8 to any flags S/SA keep state\n",
+             "block drop in quick inet proto tcp from any to any port 1:2\n",
+             "block drop in quick all\n",
+         }) {
+        EXPECT_THAT(parseRuleset(text).mistakes, IsEmpty()) << text;
+    }
+
+    for (const std::string_view text : {
+             "pass in quick proto tcp from any to 1.1.1.1 port = 22 flags S/SA keep state\n",
+             "pass in quick inet proto tcp from any to 1.1.1.1 port 22 flags S/SA keep state\n",
+             "pass in quick inet proto tcp from any to 1.1.1.1/32 flags S/SA keep state\n",
+             "pass in quick inet proto tcp from any to 1.1.1.1 port = 22 keep state\n",
+             "pass in quick inet proto tcp from any to 1.1.1.1 port = 22 flags S/SA\n",
+             "pass in quick inet proto udp from any to 1.1.1.1 flags S/SA keep state\n",
+             "pass in quick inet from 10.0.0.1/8 to any flags S/SA keep state\n",
+             "pass in quick inet from 10.0.0.0/8 to any flags S/SAFR keep state\n",
+             "pass in quick inet6 from 10.0.0.0/8 to any flags S/SA keep state\n",
+             "pass in inet quick from 10.0.0.0/8 to any flags S/SA keep state\n",
+             "block drop in quick inet from 10.0.0.0/8 to any flags S/SA\n",
+             "block drop in quick inet proto tcp from any to any port = 1:2\n",
+             "block drop in quick inet from any to any\n",
+             "block drop in quick inet  all\n",
+             "block drop in quick all all\n",
+             "block drop in quick all",
+             "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ]",
+             "[ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ]\n",
+             "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: x     ]\n",
+             "  [ Evaluations: 0         Packets: 0         Bytes: 0           States: 0     ] x\n",
+             "  [ Inserted: uid 0 pid -1 ]\n",
+             "  [ Inserted: uid 0 pid 1 ]  pass in quick from any to any\n",
+         }) {
+        EXPECT_THAT(parseRuleset(text).mistakes, SizeIs(1)) << text;
+        EXPECT_THAT(parseRuleset(text).rules, IsEmpty()) << text;
+    }
+    EXPECT_EQ(mistakeIn("block drop in quick inet from 10.0.0.256 to any\n"), "syntax error");
 }
 
 TEST(RulesetParserTest, ReadsLongLinesAndManyJoinsInLinearTime) {

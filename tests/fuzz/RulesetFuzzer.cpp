@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: MIT
 //
-// Rulesets of any bytes. Every rule that is read survives packing, and the plan of a packet's way
-// finds what a walk over the lines finds.
+// Rulesets of any bytes. Every rule that is read survives packing, a listing is read as the rules
+// that it lists, and the plan of a packet's way finds what a walk over the lines finds.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "pfctl/kernel/Dispatch.h"
 #include "pfctl/kernel/UserData.h"
+#include "pfctl/language/CountedRule.h"
+#include "pfctl/language/Listing.h"
 #include "pfctl/language/Rule.h"
 #include "pfctl/language/RulesetParser.h"
 
@@ -37,12 +40,22 @@ void checkPlan(
     require(!found || *found == static_cast<std::uint32_t>(first - rules.begin()));
 }
 
+void checkListing(const std::vector<Rule>& rules) {
+    std::string listing;
+    for (const Rule& rule : rules) {
+        appendCountedRule(listing, {.rule = rule}, 0, {});
+    }
+    const auto listed = parseRuleset(listing);
+    require(listed.mistakes.empty() && listed.rules == rules);
+}
+
 void check(std::string_view text) {
     const auto ruleset = parseRuleset(text);
     require(ruleset.mistakes.size() <= maxMistakes);
     if (!ruleset.mistakes.empty()) {
         return;
     }
+    checkListing(ruleset.rules);
     const Dispatch dispatch = planDispatch(ruleset.rules);
     for (const Rule& rule : ruleset.rules) {
         const auto& plan = rule.direction == Direction::in ? dispatch.in : dispatch.out;

@@ -45,7 +45,7 @@ SplitPath splitPath(std::string_view path) {
         .name = std::string(path.substr(slash + 1))};
 }
 
-std::string quoted(std::string_view name) {
+std::string inQuotes(std::string_view name) {
     return "“" + std::string(name) + "”";
 }
 
@@ -69,8 +69,8 @@ std::string volumeOf(std::string path) {
 /// The sentences for a failed write of a file or folder.
 std::string writeProblem(Operation operation, std::string_view path, int errorNumber) {
     const auto [folder, name] = splitPath(path);
-    const auto file = quoted(name);
-    const auto folderName = quoted(folder == "/" ? folder : splitPath(folder).name);
+    const auto file = inQuotes(name);
+    const auto folderName = inQuotes(folder == "/" ? folder : splitPath(folder).name);
     switch (errorNumber) {
         case EACCES:
         case EPERM:
@@ -85,10 +85,10 @@ std::string writeProblem(Operation operation, std::string_view path, int errorNu
         case ENOSPC:
         case EDQUOT:
             return "You can’t save the file " + file + " because the volume " +
-                   quoted(volumeOf(folder)) + " is out of space.";
+                   inQuotes(volumeOf(folder)) + " is out of space.";
         case EROFS:
             return "You can’t save the file " + file + " because the volume " +
-                   quoted(volumeOf(folder)) + " is read only.";
+                   inQuotes(volumeOf(folder)) + " is read only.";
         case ENAMETOOLONG:
             return "The file name is invalid.";
         default:
@@ -98,7 +98,7 @@ std::string writeProblem(Operation operation, std::string_view path, int errorNu
 
 /// The sentence that reports a failed file operation.
 std::string problem(Operation operation, std::string_view path, int errorNumber) {
-    const auto file = quoted(splitPath(path).name);
+    const auto file = inQuotes(splitPath(path).name);
     const bool isForbidden = errorNumber == EACCES || errorNumber == EPERM;
     switch (operation) {
         case Operation::remove:

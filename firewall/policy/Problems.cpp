@@ -17,7 +17,7 @@ constexpr std::string_view bridgePrefix = "bridge";
 /// The system numbers the bridges of virtual networks from 100 on; lower ones are the user's own.
 constexpr std::int64_t maxUserBridge = 99;
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
     std::string quotedText;
     quotedText.reserve(text.size() + 2);
     quotedText += '"';
@@ -40,7 +40,7 @@ std::optional<std::string> subnetProblem(
     std::string_view subnetText, std::span<const HostAddress> hosts) {
     const auto subnet = parseSubnet(subnetText);
     if (!subnet) {
-        return "the subnet " + quoted(subnetText) +
+        return "the subnet " + inQuotes(subnetText) +
                " isn't one macOS gives a virtual network (a /24 such as 192.168.64.0/24, inside "
                "192.168.0.0/16), so its rules can't be keyed on it.";
     }
@@ -60,10 +60,10 @@ std::optional<std::string> subnetProblem(
 
 std::optional<std::string> ruleProblem(const FirewallRule& rule) {
     if (!parseRemote(rule.remoteCIDR)) {
-        return quoted(rule.remoteCIDR) + " isn't an IPv4 address or CIDR (such as 10.0.0.0/8).";
+        return inQuotes(rule.remoteCIDR) + " isn't an IPv4 address or CIDR (such as 10.0.0.0/8).";
     }
     if (!portsOf(rule)) {
-        return quoted(rule.ports) +
+        return inQuotes(rule.ports) +
                " isn't a port or port range (1–65535, such as 443 or 8000-8080).";
     }
     return std::nullopt;

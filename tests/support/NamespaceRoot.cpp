@@ -150,7 +150,7 @@ std::string makeLayers(const std::string& place) {
     return place + "/root";
 }
 
-void bind(const std::string& source, const std::string& target) {
+void bindMount(const std::string& source, const std::string& target) {
     require(::mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr), source);
 }
 
@@ -183,7 +183,7 @@ void showSources(const std::string& layers, const std::string& root) {
     }
     fs::create_directories(root + source);
     if (!mountLayer(source, layers + "/sources", root + source)) {
-        bind(source, root + source);
+        bindMount(source, root + source);
     }
 }
 
@@ -193,7 +193,7 @@ void mountWhole(const std::string& layers, const std::string& root) {
         "lowerdir=/,upperdir=" + layers + "/upper,workdir=" + layers + "/work";
     require(::mount("private", root.c_str(), "overlay", 0, options.c_str()), "mount root");
     for (const char* shared : {"/dev", "/sys"}) {
-        bind(shared, root + shared);
+        bindMount(shared, root + shared);
     }
 }
 
@@ -254,7 +254,7 @@ void mountFolder(const std::string& layers, const std::string& root, const std::
     fs::create_directories(layer + "/upper");
     takeOverFolders("/" + name, layer + "/upper", writtenDepth);
     if (!mountLayer("/" + name, layer, root + "/" + name)) {
-        bind("/" + name, root + "/" + name);
+        bindMount("/" + name, root + "/" + name);
     }
 }
 
@@ -275,7 +275,7 @@ void mountFolders(const std::string& layers, const std::string& root) {
         }
         require(::mkdir(target.c_str(), 0755), "make " + name);
         if (name == "dev" || name == "sys") {
-            bind("/" + name, target);
+            bindMount("/" + name, target);
         } else if (
             std::find(madeApart.begin(), madeApart.end(), name) == madeApart.end() &&
             ::access(entry.path().c_str(), R_OK | X_OK) == 0) {

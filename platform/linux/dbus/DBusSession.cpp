@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <system_error>
 #include <utility>
@@ -14,9 +13,9 @@
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/random.h>
 
 #include "platform/CodeSigning.h"
+#include "platform/linux/dbus/ServerBus.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -30,25 +29,11 @@ constexpr std::size_t maxPathLength = 255;
 
 /// A D-Bus server on the socket, of which sd-bus gets a descriptor of its own.
 Bus makeBus(int socket, ProtocolObject& object) {
-    sd_bus* made = nullptr;
-    checkBus(systemd().sd_bus_new(&made));
-    Bus bus(made);
-
-    sd_id128_t id{};
-    if (::getrandom(&id, sizeof id, 0) != sizeof id) {
-        throw std::system_error(errno, std::generic_category());
-    }
-    // Who the peer is was settled before this; D-Bus's own authentication decides nothing.
-    checkBus(systemd().sd_bus_set_server(made, 1, id));
-    checkBus(systemd().sd_bus_set_anonymous(made, 1));
-    checkBus(systemd().sd_bus_set_trusted(made, 1));
-    checkBus(systemd().sd_bus_negotiate_fds(made, 0));
     UniqueFd own(::fcntl(socket, F_DUPFD_CLOEXEC, 3));
     checkBus(own ? 0 : -errno);
-    checkBus(systemd().sd_bus_set_fd(made, own.get(), own.get()));
-    own.release();
-    exportProtocol(made, object);
-    checkBus(systemd().sd_bus_start(made));
+    auto bus = makeServerBus(std::move(own));
+    exportProtocol(bus.get(), object);
+    checkBus(systemd().sd_bus_start(bus.get()));
     restoreSendBuffer(socket);  // sd-bus has made it 8 MiB
     return bus;
 }
@@ -219,9 +204,7 @@ int DBusSession::awaitedEvents() const {
 }
 
 bool DBusSession::isWriting() const {
-    std::uint64_t queued = 0;
-    checkBus(systemd().sd_bus_get_n_queued_write(bus_.get(), &queued));
-    return queued > 0;
+    return platform::isWriting(bus_.get());
 }
 
 Deadline DBusSession::nextDeadline() const {

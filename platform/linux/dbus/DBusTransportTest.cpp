@@ -313,17 +313,71 @@ TEST_F(DBusTransportTest, FindsAMethodWithoutItsInterface) {
     EXPECT_TRUE(answerTo(wrong).says("org.freedesktop.DBus.Error.InvalidArgs"));
 }
 
-TEST_F(DBusTransportTest, TakesArgumentsAsSdBusDoes) {
-    for (const std::string_view text : {"\xFF", "\uFFFE", "\uFDD0"}) {
+/// The body of a call to make the VLAN 7 on en0. The tag stands at a multiple of 8.
+std::string bodyWithName(std::string_view name, bool isBigEndian = false, char padding = '\0') {
+    std::string body = test::wireText(name, isBigEndian);
+    body.resize((body.size() + 7) / 8 * 8, padding);
+    body += test::wireNumber(isBigEndian ? 0 : 7, isBigEndian);
+    body += test::wireNumber(isBigEndian ? 7 : 0, isBigEndian);
+    return body + test::wireText("en0", isBigEndian);
+}
+
+TEST_F(DBusTransportTest, ReadsArgumentsInEitherOrder) {
+    for (const bool isBigEndian : {false, true}) {
+        const auto vlan = answerTo(
+            {.member = "CreateVLAN",
+             .signature = "sxs",
+             .body = bodyWithName("lab", isBigEndian),
+             .isBigEndian = isBigEndian});
+        const auto resolver = answerTo(
+            {.member = "SetTarnvaleResolver",
+             .signature = "b",
+             .body = test::wireNumber(1, isBigEndian),
+             .isBigEndian = isBigEndian});
+
+        EXPECT_TRUE(vlan.says("lab|7|en0")) << vlan.bytes;
+        EXPECT_TRUE(resolver.says("on")) << resolver.bytes;
+    }
+}
+
+TEST_F(DBusTransportTest, TakesNoncharactersInArguments) {
+    for (const std::string_view text : {"\uFDD0x", "\uFFFEx", "\U0010FFFFx", "\uFFFDx"}) {
         const auto answer =
-            answerTo({.member = "DeleteVLAN", .signature = "s", .body = test::wireText(text)});
-        EXPECT_TRUE(answer.says("org.freedesktop.DBus.Error.InconsistentMessage")) << text;
+            answerTo({.member = "CreateVLAN", .signature = "sxs", .body = bodyWithName(text)});
+
+        EXPECT_EQ(answer.type, test::methodReturn) << text;
+        EXPECT_TRUE(answer.says("\uFFFDx|7|en0")) << text;
     }
-    for (const std::size_t value : {1U, 2U, 0x80000000U}) {
-        const auto answer = answerTo(
-            {.member = "SetTarnvaleResolver", .signature = "b", .body = test::wireNumber(value)});
-        EXPECT_TRUE(answer.says("on")) << value;
+}
+
+TEST_F(DBusTransportTest, TakesTextsThatTakeAWhile) {
+    const std::string text(20'000'000, 'x');
+
+    EXPECT_THAT(
+        Client().call("CreateVLAN", "sxs", text.c_str(), std::int64_t{7}, "en0"),
+        testing::Optional(ElementsAre("nil", text + "|7|en0")));
+}
+
+TEST_F(DBusTransportTest, RefusesArgumentsThatAreNoValues) {
+    const auto refuses = [](const char* member, const char* signature, const std::string& body) {
+        const auto answer = answerTo({.member = member, .signature = signature, .body = body});
+        return answer.says("org.freedesktop.DBus.Error.InconsistentMessage");
+    };
+
+    for (const std::size_t value : {2U, 256U, 0x80000000U, 0xFFFFFFFFU}) {
+        EXPECT_TRUE(refuses("SetTarnvaleResolver", "b", test::wireNumber(value))) << value;
     }
+    EXPECT_TRUE(refuses("SetTarnvaleResolver", "b", ""));
+    EXPECT_TRUE(refuses("SetTarnvaleResolver", "b", std::string(3, '\0')));
+    using namespace std::string_literals;
+    for (const auto& text : {"\xFF"s, "\xED\xA0\x80"s, "a\0b"s}) {
+        EXPECT_TRUE(refuses("DeleteVLAN", "s", test::wireText(text))) << text;
+    }
+    for (const std::size_t length : {2U, 4U, 5U, 100U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+        EXPECT_TRUE(refuses("DeleteVLAN", "s", test::wireNumber(length) + "abc\0"s)) << length;
+    }
+    EXPECT_TRUE(refuses("DeleteVLAN", "s", ""));
+    EXPECT_TRUE(refuses("CreateVLAN", "sxs", bodyWithName("ab", false, '\1')));
 }
 
 TEST_F(DBusTransportTest, ChecksAPeerBeforeAMethodIsFoundWithoutItsInterface) {

@@ -16,6 +16,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "platform/linux/dbus/MessageBody.h"
 #include "platform/linux/dbus/SdBus.h"
 #include "platform/linux/dbus/WireProtocol.h"
 #include "platform/linux/dbus/WireText.h"
@@ -75,28 +76,9 @@ int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both)
     return reply(call, object, {&both.result, &both.error});
 }
 
-/// The next argument, a string, which lives as long as the message.
-std::string_view nextText(sd_bus_message* call) {
-    const char* text = nullptr;
-    checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &text));
-    return text;
-}
-
-std::int64_t nextInteger(sd_bus_message* call) {
-    std::int64_t value = 0;
-    checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_INT64, &value));
-    return value;
-}
-
-bool nextBool(sd_bus_message* call) {
-    int value = 0;
-    checkBus(systemd().sd_bus_message_read_basic(call, SD_BUS_TYPE_BOOLEAN, &value));
-    return value != 0;
-}
-
-/// The next argument, bytes, which live as long as the message. Those of a message with big-endian
+/// The argument, bytes, which live as long as the message. Those of a message with big-endian
 /// numbers, which sd-bus hands out only one by one, live as long as `collected`.
-std::string_view nextBytes(sd_bus_message* call, std::string& collected) {
+std::string_view bytesIn(sd_bus_message* call, std::string& collected) {
     const void* bytes = nullptr;
     std::size_t size = 0;
     const int result = systemd().sd_bus_message_read_array(call, SD_BUS_TYPE_BYTE, &bytes, &size);
@@ -135,7 +117,7 @@ int helperVersion(sd_bus_message* call, ProtocolObject& object) {
 
 int applyFirewall(sd_bus_message* call, ProtocolObject& object) {
     std::string collected;
-    const auto policyData = nextBytes(call, collected);
+    const auto policyData = bytesIn(call, collected);
     return reply(call, object, object.exported.applyFirewallWithPolicyData(policyData));
 }
 
@@ -148,14 +130,16 @@ int firewallReport(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int createVLAN(sd_bus_message* call, ProtocolObject& object) {
-    const auto name = nextText(call);
-    const auto tag = nextInteger(call);
-    const auto parentBSD = nextText(call);
+    MessageBody body(call);
+    const auto name = body.nextText();
+    const auto tag = body.nextInteger();
+    const auto parentBSD = body.nextText();
     return reply(call, object, object.exported.createVLANWithName(name, tag, parentBSD));
 }
 
 int deleteVLAN(sd_bus_message* call, ProtocolObject& object) {
-    const auto bsdName = nextText(call);
+    MessageBody body(call);
+    const auto bsdName = body.nextText();
     return reply(call, object, object.exported.deleteVLANWithBsdName(bsdName));
 }
 
@@ -168,7 +152,7 @@ int removeCLISymlink(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int setTarnvaleResolver(sd_bus_message* call, ProtocolObject& object) {
-    const bool enabled = nextBool(call);
+    const bool enabled = MessageBody(call).nextBool();
     return reply(call, object, object.exported.setTarnvaleResolverWithEnabled(enabled));
 }
 

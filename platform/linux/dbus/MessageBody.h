@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+//
+// The arguments of a call, as they came. sd-bus hands them out as it sees fit: it takes every
+// boolean but 0 for true, which D-Bus forbids, and refuses noncharacters, which D-Bus allows.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include <systemd/sd-bus.h>
+
+namespace tarnvale::platform {
+
+/// Hands out the arguments in their order, of which the caller knows the types. Each `next…` throws
+/// `std::system_error` with EBADMSG for what is no such value.
+class MessageBody {
+public:
+    /// Of a message that has been received. Throws `std::system_error`.
+    explicit MessageBody(sd_bus_message* message);
+
+    std::string_view nextText();  ///< lives as long as the `MessageBody`
+    std::int64_t nextInteger();
+    bool nextBool();
+
+private:
+    std::string_view next(std::size_t size, std::size_t alignment);
+    std::uint64_t nextNumber(std::size_t size);
+
+    std::string message_;  ///< all of it; its body begins at a multiple of 8
+    std::size_t place_ = 0;
+    bool isBigEndian_ = false;
+};
+
+}  // namespace tarnvale::platform

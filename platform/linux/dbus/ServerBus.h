@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+//
+// The service's end of a D-Bus connection without a bus in between.
+
+#pragma once
+
+#include "platform/linux/dbus/SdBus.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::platform {
+
+/// A D-Bus server for the peer at the other end of the socket, ready to be started. It takes every
+/// authentication, since who the peer is has been settled before. Throws `std::system_error`.
+Bus makeServerBus(support::UniqueFd socket);
+
+}  // namespace tarnvale::platform

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
-// The loop of this process, on a thread of its own, with a heap that can be empty.
+// The loop of this process, on a thread of its own.
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <thread>
@@ -13,33 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/MainLoop.h"
-
-// The thread sanitizer has operators of its own, which no others can replace.
-#if !defined(TARNVALE_THREAD_SANITIZER)
-
-namespace {
-
-thread_local bool hasNoMemory = false;
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    void* const memory = hasNoMemory ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-
-#endif
+#include "tests/support/EmptyHeap.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -81,7 +53,7 @@ TEST(ThreadedMainLoopTest, GoesOnWithoutMemory) {
     static std::atomic<bool> isDone = false;
 
     loop.runAfter(1ms, [] {
-        hasNoMemory = true;
+        static const test::EmptyHeap fromNowOn;
         throw std::bad_alloc();
     });
     loop.repeat(2ms, [] { ++rounds; });

@@ -22,6 +22,7 @@
 #include <sys/mount.h>
 
 #include "platform/NetworkPreferences.h"
+#include "tests/support/EmptyHeap.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
 #include "vlan/VLANError.h"
@@ -408,6 +409,20 @@ TEST_F(SessionTest, TakesBackWhatIsCommittedAndNotApplied) {
 
     EXPECT_FALSE(exists("vlan0"));
 }
+
+#if !defined(TARNVALE_THREAD_SANITIZER)
+TEST_F(SessionTest, EndsWithoutMemoryToTakeAnythingBack) {
+    auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+    EXPECT_TRUE(session->commit());
+    {
+        const test::EmptyHeap heap;
+        session.reset();
+    }
+
+    EXPECT_TRUE(exists("vlan0"));
+}
+#endif
 
 TEST_F(SessionTest, TakesBackNoVLANThatTookThePlaceOfItsOwn) {
     {

@@ -40,8 +40,8 @@ public:
     CheckOverdue() : std::runtime_error("The peer could not be checked in time.") {}
 };
 
-/// The program's file changed each time that it was checked, or this program's own could not be
-/// opened. That says nothing about the program.
+/// The program's file changed each time that it was checked, or what a check of this program itself
+/// takes could not be had. That says nothing about the program.
 class CheckDisturbed : public std::runtime_error {
 public:
     CheckDisturbed() : std::runtime_error("The program could not be checked undisturbed.") {}

@@ -248,6 +248,35 @@ TEST_F(ServiceAdmissionTest, ADisturbedDeveloperIDSignedHelperServesOnlyItsLike)
     }
 }
 
+TEST_F(ServiceAdmissionTest, ADeveloperIDSignedHelperServesOnlyItsLikeOnceItHasRoots) {
+    ServiceLab::trust({&lab.development, &lab.developerID});
+    const std::string helper = ServiceLab::signCopy(
+        helperProgram, "com.brackwen.tarnvale.adminhelper", lab.developerID, "/tmp/helper");
+    const std::string like = lab.signedClient(applicationIdentifier, lab.developerID);
+    const std::string away = std::string(rootsPath) + ".away";
+    for (const bool areThere : {false, true}) {
+        fs::remove(logPath);  // it says when the helper listens
+        const Service service({.program = helper, .listeningSocket = -1});
+        if (areThere) {
+            fs::permissions(rootsPath, fs::perms(0664));  // others may write them
+        } else {
+            fs::rename(rootsPath, away);
+        }
+        ServiceClient early(lab.client);
+        EXPECT_THAT(early.call("HelperVersion"), ElementsAre("closed"));
+
+        if (areThere) {
+            fs::permissions(rootsPath, fs::perms(0644));
+        } else {
+            fs::rename(away, rootsPath);
+        }
+
+        ServiceClient late(lab.client);
+        EXPECT_THAT(late.call("HelperVersion"), ElementsAre("closed"));
+        expectServed(like);
+    }
+}
+
 TEST_F(ServiceAdmissionTest, KeepsAClientWhoseFileChanges) {
     const Service service;
     for (int i = 0; i < 20; ++i) {

@@ -83,7 +83,7 @@ public:
     bool isValid(std::string_view requirement) override {
         const auto roots = rootsIdentity();
         if (!roots) {
-            return false;
+            return cannotTell();
         }
         const std::int64_t now = std::time(nullptr);
         try {
@@ -92,11 +92,20 @@ public:
                        check(requirement, now);
             });
         } catch (const SharedLibraryError&) {
-            return false;
+            return cannotTell();
         }
     }
 
 private:
+    /// What can't be found out counts as a no for a peer, but it is no verdict on this program
+    /// itself: descriptors may have run out, or the roots may come later.
+    bool cannotTell() const {
+        if (!peer_) {
+            throw CheckDisturbed();
+        }
+        return false;
+    }
+
     /// Makes the check again until the file stays as it is meanwhile.
     template <typename Check>
     bool undisturbed(const Check& check) {
@@ -122,10 +131,10 @@ private:
     bool open() {
         if (!file_) {
             file_.reset(::open(link_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-            if (!file_ && !peer_) {
-                throw CheckDisturbed();  // descriptors have run out, say: that is no verdict on us
+            if (!file_) {
+                return cannotTell();
             }
-            const auto opened = file_ ? identityOf(file_.get()) : std::nullopt;
+            const auto opened = identityOf(file_.get());
             if (opened && opened->isSameFile(executable_) && (!peer_ || lives(*peer_))) {
                 executable_ = *opened;
                 trailer_ = readTrailer(file_.get(), executable_.size);
@@ -159,7 +168,7 @@ private:
         }
         const auto roots = readRoots();
         if (!roots) {
-            return false;
+            return cannotTell();
         }
         std::optional<Trusted> trusted;
         inTurn(turns_.messages, [&] { trusted = verify(trailer_->message, roots->pem); });
@@ -178,7 +187,7 @@ private:
         const auto paced = [this](const auto& work) { inTurn(turns_.digests, work); };
         const auto digest = sha256(file_.get(), trailer_->programSize, paced);
         if (!digest) {
-            return false;
+            return cannotTell();
         }
         if (*digest != trusted->content.sha256) {
             if (maySettle && identityOf(file_.get()) == executable_) {

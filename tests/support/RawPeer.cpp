@@ -85,6 +85,9 @@ std::string RawMessage::bytes(
     if (descriptors) {
         addField(fields, '\x09', "u", number(*descriptors));
     }
+    if (!unknownField.empty()) {
+        addField(fields, '\x7F', "s", text(unknownField));
+    }
 
     const char order = isBigEndian ? 'B' : 'l';
     std::string message{order, static_cast<char>(type), static_cast<char>(flags), '\1'};

@@ -34,6 +34,7 @@ struct RawMessage {
     std::string interface = "com.brackwen.tarnvale.adminhelper";
     std::optional<std::uint32_t> replySerial{};
     std::optional<std::uint32_t> descriptors{};  ///< how many it claims to bring along
+    std::string unknownField{};                  ///< a text in the header
     bool isBigEndian = false;                    ///< then the body's numbers are to be so too
 
     /// The two lengths in the header are the true ones unless others are given.

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -96,6 +97,23 @@ std::chrono::milliseconds processorTimeOf(pid_t pid) {
     std::int64_t system = 0;
     fields >> user >> system;
     return std::chrono::milliseconds((user + system) * 1000 / ::sysconf(_SC_CLK_TCK));
+}
+
+/// From here on, what `peakOf` says counts.
+void forgetPeakOf(pid_t pid) {
+    constexpr const char* forgetPeak = "5";
+    put("/proc/" + std::to_string(pid) + "/clear_refs", forgetPeak);
+}
+
+/// The most memory that the process has had, in KiB.
+std::int64_t peakOf(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            return std::stoll(line.substr(line.find(':') + 1));
+        }
+    }
+    return 0;
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::seconds time = 20s) {
@@ -258,6 +276,7 @@ TEST_F(HostileTest, ACallThatCannotBeMeantIsAnsweredWithAnError) {
         {{.path = "/"}, "Unknown"},
         {{.path = "/com/brackwen/tarnvale/adminhelper/deeper"}, "UnknownObject"},
         {{.path = deepPath}, "UnknownObject"},
+        {{.member = "FirewallReport", .unknownField = std::string(70'000, 'x')}, "LimitsExceeded"},
     };
     ServiceClient client(lab.client, administrator);
     RawPeer peer(client.lend());
@@ -576,14 +595,16 @@ TEST_F(HostileTest, EveryWaitHasAnEnd) {
     ASSERT_TRUE(half.authenticate());
     // A sanitizer's realloc copies all of it whenever something arrives.
     constexpr std::uint32_t large = isSanitized ? 1'000'000 : 100'000'000;
-    const std::string announced =
-        RawMessage{.member = "ApplyFirewall", .signature = "ay", .body = wireNumber(large - 4)}
-            .bytes(large);
-    ASSERT_TRUE(half.send(announced + std::string(large / 3, 'x')));
+    const auto announced = [](std::uint32_t size) {
+        return RawMessage{
+            .member = "ApplyFirewall", .signature = "ay", .body = wireNumber(size - 4)}
+            .bytes(size);
+    };
+    ASSERT_TRUE(half.send(announced(large) + std::string(large / 3, 'x')));
 
     auto& slowly = add("a message slowly", sendByte, 30s);
     ASSERT_TRUE(slowly.authenticate());
-    ASSERT_TRUE(slowly.send(announced));
+    ASSERT_TRUE(slowly.send(announced(1'000'000)));
 
     auto& few = add("takes no reply", nothing, 30s);
     ASSERT_TRUE(few.authenticate());
@@ -675,6 +696,138 @@ TEST_F(HostileToReportsTest, RepliesThatNobodyTakesDoNotPileUp) {
         EXPECT_GT(report->bytes.size(), 4'000'000U);
     }
     peer.close();
+    expectNothingLeft();
+}
+
+TEST_F(HostileToReportsTest, SixtyFourWhoWaitForAReportTakeTheMemoryOfAFew) {
+    constexpr std::size_t size = 9'300'000;
+    ScriptedPfctl larger;
+    larger.answer("*-sr", "head -c " + std::to_string(size) + " /dev/zero | tr '\\0' r");
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < maxForUser; ++i) {
+        peers.push_back(lend());
+        ASSERT_TRUE(peers.back().authenticate());
+    }
+    forgetPeakOf(service->pid());
+    const auto idle = peakOf(service->pid());
+
+    for (const auto& peer : peers) {
+        ASSERT_TRUE(peer.send(RawMessage{.member = "FirewallReport"}.bytes()));
+    }
+    EXPECT_TRUE(isServed());
+    std::vector<std::future<std::size_t>> sizes;
+    for (auto& peer : peers) {
+        sizes.push_back(std::async(std::launch::async, [&peer] {
+            const auto report = peer.receive();
+            return report ? report->bytes.size() : 0;
+        }));
+    }
+
+    for (auto& received : sizes) {
+        EXPECT_GT(received.get(), size);
+    }
+    EXPECT_LE(larger.calls().size(), 8U) << "two for each report";
+    if (!isSanitized) {
+        EXPECT_LT(peakOf(service->pid()) - idle, 120'000);
+    }
+    peers.clear();
+    expectNothingLeft();
+}
+
+TEST_F(HostileToReportsTest, ReportsThatNobodyTakesKeepNoOtherUserWaiting) {
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < maxForUser; ++i) {
+        peers.push_back(lend());
+        ASSERT_TRUE(peers.back().authenticate());
+        ASSERT_TRUE(peers.back().send(RawMessage{.member = "FirewallReport"}.bytes()));
+    }
+    std::this_thread::sleep_for(2s);
+
+    const auto begin = Clock::now();
+    ServiceClient client(lab.client, firstUser);
+    EXPECT_THAT(
+        client.call("FirewallReport"),
+        ElementsAre(testing::SizeIs(testing::Gt(4'000'000U)), "nil"));
+    EXPECT_LT(Clock::now() - begin, isSanitized ? 10s : 2s);
+    if (!isSanitized) {
+        EXPECT_LT(footprint().privateKiB, before.privateKiB + 60'000);
+    }
+
+    // Whoever waits and hangs up leaves at once.
+    peers.clear();
+    client.kill();
+    expectNothingLeft();
+}
+
+/// A call that brings so many bytes.
+std::string largeCall(std::size_t size) {
+    return RawMessage{
+        .member = "ApplyFirewall",
+        .signature = "ay",
+        .body = wireNumber(size) + std::string(size, ' ')}
+        .bytes();
+}
+
+TEST_F(HostileTest, HalfSentMessagesKeepNoOtherUserWaiting) {
+    const auto sendAlmostAll = [](const RawPeer& peer, std::size_t size) {
+        const std::string call = largeCall(size);
+        peer.send(std::string_view(call).substr(0, call.size() - 1), 300ms);
+    };
+    constexpr std::size_t medium = isSanitized ? 2'000'000 : 10'000'000;
+    constexpr std::size_t large = isSanitized ? 20'000'000 : 120'000'000;
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < 24; ++i) {
+        peers.push_back(lend());
+        ASSERT_TRUE(peers.back().authenticate());
+    }
+    ServiceClient another(lab.client, firstUser);
+
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        sendAlmostAll(peers[i], i % 3 == 0 ? large : medium);
+    }
+
+    if (!isSanitized) {
+        // One large one, one of the others, and the beginnings of each.
+        EXPECT_LT(footprint().privateKiB, before.privateKiB + 150'000);
+    }
+    const auto begin = Clock::now();
+    RawPeer good(another.lend());
+    ASSERT_TRUE(good.authenticate());
+    ASSERT_TRUE(good.send(largeCall(medium)));
+    EXPECT_TRUE(good.receive());
+    EXPECT_TRUE(isServed());
+    EXPECT_LT(Clock::now() - begin, isSanitized ? 10s : 2s);
+
+    // Whoever waits and hangs up leaves at once, and so does whoever breaks off.
+    peers.clear();
+    good.close();
+    another.kill();
+    expectNothingLeft();
+}
+
+TEST_F(HostileTest, LargeRequestsWaitForEachOther) {
+    for (const std::size_t size :
+         {std::size_t{12'000'000}, std::size_t{isSanitized ? 20'000'000 : 60'000'000}}) {
+        std::vector<RawPeer> peers;
+        std::vector<std::future<bool>> served;
+        for (int i = 0; i < 6; ++i) {
+            peers.push_back(lend());
+            ASSERT_TRUE(peers.back().authenticate());
+        }
+        forgetPeakOf(service->pid());
+        const std::string call = largeCall(size);
+        for (auto& peer : peers) {
+            served.push_back(std::async(
+                std::launch::async, [&] { return peer.send(call) && peer.receive().has_value(); }));
+        }
+
+        for (auto& answered : served) {
+            EXPECT_TRUE(answered.get()) << size;
+        }
+        if (!isSanitized) {
+            EXPECT_LT(peakOf(service->pid()), 2 * static_cast<std::int64_t>(size) / 1024 + 20'000);
+        }
+    }
     expectNothingLeft();
 }
 

@@ -40,16 +40,16 @@ void DBusConnection::setInvalidationHandler(std::function<void()> handler) {
 }
 
 void DBusConnection::run(
-    TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, Rejections& rejections) {
+    TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, Shared& shared) {
     if (!process_) {
         return;
     }
     if (!delegate.shouldAcceptNewConnection(*this)) {
-        rejections.add(user_.owner);
+        shared.rejections.add(user_.owner);
         return;
     }
     try {
-        serve(exported, rejections);
+        serve(exported, shared);
     } catch (...) {
         // Whatever went wrong concerns this connection alone, and ends it.
     }
@@ -66,17 +66,21 @@ bool DBusConnection::requirementHolds(const Deadline& deadline) {
     return code != nullptr && code->isValid(requirement_);
 }
 
-void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported, Rejections& rejections) {
+void DBusConnection::serve(TarnvaleAdminHelperProtocol& exported, Shared& shared) {
     // Admission may have gone by what the signature says of itself, and sd-bus reads as soon as it
     // is started. Before that the signature must be known to be good.
     if (!requirementHolds(handshakeDeadline_)) {
-        rejections.add(user_.owner);
+        shared.rejections.add(user_.owner);
         return;
     }
     userOfRequest = user_.uid;
-    DBusSession(socket_.get(), peer_.handle, exported, [this](const Deadline& deadline) {
-        return requirementHolds(deadline);
-    }).run(handshakeDeadline_);
+    DBusSession(
+        {.socket = socket_.get(), .process = peer_.handle, .user = user_.owner},
+        exported,
+        shared.reports,
+        shared.bytesInFlight,
+        [this](const Deadline& deadline) { return requirementHolds(deadline); })
+        .run(handshakeDeadline_);
 }
 
 }  // namespace tarnvale::platform

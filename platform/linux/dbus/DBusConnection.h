@@ -13,7 +13,9 @@
 #include "platform/Transport.h"
 #include "platform/linux/Deadline.h"
 #include "platform/linux/PeerProcess.h"
+#include "platform/linux/dbus/BytesInFlight.h"
 #include "platform/linux/dbus/Rejections.h"
+#include "platform/linux/dbus/Reports.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -28,6 +30,13 @@ public:
         uid_t owner;  ///< another when that one is subordinate to him; his is what it uses up
     };
 
+    /// What all connections of a transport share.
+    struct Shared {
+        Rejections rejections;
+        Reports reports;
+        BytesInFlight bytesInFlight;
+    };
+
     /// Takes over the connected, non-blocking `socket` of a peer. `codeSigning` must outlive the
     /// connection.
     DBusConnection(support::UniqueFd socket, const User& user, CodeSigning& codeSigning);
@@ -39,11 +48,10 @@ public:
 
     /// If the delegate admits the peer, serves it until the connection ends. A peer that doesn't
     /// pass its checks is counted among the rejections.
-    void run(
-        TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, Rejections& rejections);
+    void run(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported, Shared& shared);
 
 private:
-    void serve(TarnvaleAdminHelperProtocol& exported, Rejections& rejections);
+    void serve(TarnvaleAdminHelperProtocol& exported, Shared& shared);
     bool requirementHolds(const Deadline& deadline);
 
     support::UniqueFd socket_;

@@ -9,10 +9,13 @@
 #include <system_error>
 #include <utility>
 
+#include <endian.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "platform/CodeSigning.h"
 #include "platform/linux/dbus/ServerBus.h"
@@ -27,14 +30,43 @@ using support::UniqueFd;
 /// a path names, and for 64 KiB of folders that takes it seconds.
 constexpr std::size_t maxPathLength = 255;
 
-/// A D-Bus server on the socket, of which sd-bus gets a descriptor of its own.
-Bus makeBus(int socket, ProtocolObject& object) {
-    UniqueFd own(::fcntl(socket, F_DUPFD_CLOEXEC, 3));
-    checkBus(own ? 0 : -errno);
-    auto bus = makeServerBus(std::move(own));
+constexpr std::size_t headerSize = 16;
+/// Of a message; sd-bus ends the connection of whoever announces more.
+constexpr std::uint64_t maxMessageSize = std::uint64_t{128} << 20U;
+
+/// The send buffer: room for many small replies, not for a large one.
+constexpr int sendBuffer = 131072;  // bytes
+
+/// The 32-bit number at this place of a message's header.
+std::uint32_t numberAt(std::string_view header, std::size_t place) {
+    std::uint32_t number = 0;
+    std::memcpy(&number, header.data() + place, sizeof number);
+    return header.front() == 'B' ? be32toh(number) : le32toh(number);
+}
+
+/// The size of the message that begins with the header. Where it can't be one, the header's alone,
+/// which is enough for sd-bus to see that.
+std::size_t sizeOfMessage(std::string_view header) {
+    constexpr std::size_t lengthOfBody = 4;
+    constexpr std::size_t lengthOfFields = 12;
+    const std::uint64_t body = numberAt(header, lengthOfBody);
+    const std::uint64_t fields = numberAt(header, lengthOfFields);
+    const std::uint64_t size = headerSize + (fields + 7) / 8 * 8 + body;
+    return size < maxMessageSize ? size : headerSize;
+}
+
+/// A D-Bus server that writes to the socket. Sets `input` to where it wants what the peer says.
+Bus makeBus(int socket, ProtocolObject& object, UniqueFd& input) {
+    std::array<int, 2> pipe{};
+    checkBus(::pipe2(pipe.data(), O_CLOEXEC | O_NONBLOCK) == 0 ? 0 : -errno);
+    UniqueFd readFrom(pipe[0]);
+    input.reset(pipe[1]);
+    UniqueFd writeTo(::fcntl(socket, F_DUPFD_CLOEXEC, 3));
+    checkBus(writeTo ? 0 : -errno);
+    auto bus = makeServerBus(std::move(readFrom), std::move(writeTo));
     exportProtocol(bus.get(), object);
     checkBus(systemd().sd_bus_start(bus.get()));
-    restoreSendBuffer(socket);  // sd-bus has made it 8 MiB
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);  // it was 8 MiB
     return bus;
 }
 
@@ -47,18 +79,26 @@ bool hasTakenEverything(int socket) {
 }  // namespace
 
 DBusSession::DBusSession(
-    int socket, int pidfd, TarnvaleAdminHelperProtocol& exported, MayRead mayRead)
-    : socket_(socket),
-      pidfd_(pidfd),
+    const Peer& peer,
+    TarnvaleAdminHelperProtocol& exported,
+    Reports& reports,
+    BytesInFlight& bytesInFlight,
+    MayRead mayRead)
+    : peer_(peer),
       mayRead_(std::move(mayRead)),
-      object_{.exported = exported, .socket = socket},
-      bus_(makeBus(socket, object_)) {
+      room_(bytesInFlight, peer.user),
+      object_{
+          .exported = exported,
+          .reports = reports,
+          .room = room_,
+          .awaitRoom = [this](std::size_t size) { awaitRoom(size); }},
+      bus_(makeBus(peer.socket, object_, toBus_)) {
     checkBus(systemd().sd_bus_add_filter(bus_.get(), nullptr, passGate, this));
 }
 
 void DBusSession::run(const Deadline& handshakeDeadline) {
-    handshakeDeadline_ = handshakeDeadline;
-    if (!finishHandshake() || !drain()) {
+    requestDeadline_ = handshakeDeadline;
+    if (!finishHandshake()) {
         return;
     }
     while (serveNext()) {
@@ -66,113 +106,174 @@ void DBusSession::run(const Deadline& handshakeDeadline) {
 }
 
 bool DBusSession::finishHandshake() {
-    while (!handshakeDeadline_.isOver()) {
-        const int events = awaitedEvents();
-        if (events != 0 && !await(events, handshakeDeadline_)) {
+    while (checkBus(systemd().sd_bus_is_ready(bus_.get())) == 0) {
+        const bool hasToWrite = (checkBus(systemd().sd_bus_get_events(bus_.get())) & POLLOUT) != 0;
+        if (!hasToWrite && !handOnLine()) {
             return false;
         }
-        if (process() == Progress::over) {
+        if ((hasToWrite && !await(POLLOUT, requestDeadline_)) || requestDeadline_.isOver()) {
             return false;
         }
-        if (checkBus(systemd().sd_bus_is_ready(bus_.get())) > 0) {
-            handshakeDeadline_ = Deadline();
-            return true;
+        while (process()) {
         }
     }
-    return false;
+    return true;
 }
 
-/// A first call that comes together with the end of the handshake lies in sd-bus's own buffer,
-/// where no poll sees it: only when sd-bus has found nothing more is it time to wait. Later it
-/// never reads beyond one message.
-bool DBusSession::drain() {
-    while (letReplyLeave()) {
-        const auto progress = exchange();
-        if (progress != Progress::some) {
-            isDrained_ = progress == Progress::none;
-            return isDrained_;
-        }
+/// Hands on as much of a line as has arrived. What comes with the last one may be a message.
+bool DBusSession::handOnLine() {
+    if (received().empty() && !receive()) {
+        return false;
     }
-    return false;
+    const auto end = received().find('\n');
+    handOn(end == std::string_view::npos ? received().size() : end + 1);
+    return true;
 }
 
+/// Takes the next request to its handler. The one after it is read only when the reply has left.
 bool DBusSession::serveNext() {
-    return letReplyLeave() && awaitRequest() && exchange() != Progress::over;
+    requestDeadline_ = received().empty() ? Deadline() : Deadline::in(arrivalLimit);
+    if (!receiveHeader()) {
+        return false;
+    }
+    const auto size = sizeOfMessage(received());
+    if (size > BytesInFlight::maxUncounted) {
+        awaitRoom(size);
+        requestDeadline_ = Deadline::in(arrivalLimit);
+    }
+    if (!handOnMessage(size)) {
+        return false;
+    }
+    replyDeadline_ = Deadline::in(fetchLimit);
+    return letReplyLeave();
 }
 
-/// The next request is read only when the last reply has left.
-bool DBusSession::letReplyLeave() {
-    while (isWriting() || object_.hasLargeBuffer) {
-        if (awaitedEvents() != 0 && !await(POLLOUT, nextDeadline())) {
-            return false;
-        }
-        if (!isWriting()) {
-            object_.hasLargeBuffer = false;
-            restoreSendBuffer(socket_);
-        } else if (exchange() == Progress::over) {
+bool DBusSession::receiveHeader() {
+    // What has come together with the last message came after the check before that one.
+    if (!received().empty() && !mayRead()) {
+        return false;
+    }
+    while (received().size() < headerSize) {
+        if (!receive()) {
             return false;
         }
     }
     return true;
 }
 
-bool DBusSession::awaitRequest() {
-    while (awaitedEvents() != 0 && !awaitWhileItMayRead(nextDeadline())) {
-        if (requestDeadline_.isOver() || !hasTakenEverything(socket_)) {
+/// sd-bus passes over a message in which not everything is right.
+bool DBusSession::handOnMessage(std::size_t size) {
+    hasMessage_ = false;
+    while (size > 0) {
+        if (received().empty() && !receive()) {
+            return false;
+        }
+        const auto taken = handOn(size);
+        size -= taken;
+        if (taken == 0) {
+            process();  // the pipe is full
+        }
+    }
+    while (!hasMessage_ && process()) {
+    }
+    return true;
+}
+
+bool DBusSession::letReplyLeave() {
+    while (isWriting()) {
+        if (!await(POLLOUT, replyDeadline_)) {
+            return false;
+        }
+        process();
+    }
+    room_.giveBack();
+    return true;
+}
+
+/// Waits for more of what the peer says. None of it puts a deadline off.
+bool DBusSession::receive() {
+    while (!awaitWhileItMayRead(std::min(replyDeadline_, requestDeadline_))) {
+        if (requestDeadline_.isOver() || !hasTakenEverything(peer_.socket)) {
             return false;
         }
         replyDeadline_ = Deadline();
     }
-    return true;
-}
-
-/// One step with an authenticated peer.
-DBusSession::Progress DBusSession::exchange() {
-    const bool wasWriting = isWriting();
-    const auto progress = process();
-    if (progress == Progress::over) {
-        return Progress::over;
+    if (!mayRead() || !read()) {
+        return false;
     }
-    if (hasMessage_) {
-        requestDeadline_ = Deadline();
-        if (!wasWriting) {
-            replyDeadline_ = Deadline::in(fetchLimit);
-        }
-    } else if (progress == Progress::some && !wasWriting) {
-        // What has come is a part of a message. More of it puts neither deadline off.
+    if (!received().empty()) {
         requestDeadline_ = std::min(requestDeadline_, Deadline::in(arrivalLimit));
-        if (requestDeadline_.isOver() ||
-            (replyDeadline_.isOver() && !hasTakenEverything(socket_))) {
-            return Progress::over;
-        }
     }
-    return progress;
+    return !requestDeadline_.isOver() &&
+           !(replyDeadline_.isOver() && !hasTakenEverything(peer_.socket));
 }
 
-/// One step of sd-bus: it writes, reads, or hands one message to its handler.
-DBusSession::Progress DBusSession::process() {
-    if (!mayRead()) {
-        return Progress::over;
+/// False at the end of the connection, and of a peer that sends descriptors.
+bool DBusSession::read() {
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+    iovec free{.iov_base = buffer_.data() + end_, .iov_len = buffer_.size() - end_};
+    msghdr message{};
+    message.msg_iov = &free;
+    message.msg_iovlen = 1;
+    const ssize_t size = ::recvmsg(peer_.socket, &message, MSG_DONTWAIT);
+    if (size < 0) {
+        checkBus(errno == EAGAIN || errno == EINTR ? 0 : -errno);
+        return true;
     }
-    hasMessage_ = false;
-    const int steps = checkBus(systemd().sd_bus_process(bus_.get(), nullptr));
-    if (hasHeldBack_) {
-        return Progress::over;
+    end_ += static_cast<std::size_t>(size);
+    return size > 0 && (message.msg_flags & MSG_CTRUNC) == 0;
+}
+
+/// Gives sd-bus at most so many bytes, as far as they have arrived and the pipe takes them.
+std::size_t DBusSession::handOn(std::size_t size) {
+    const auto next = received().substr(0, size);
+    const ssize_t written = ::write(toBus_.get(), next.data(), next.size());
+    if (written < 0) {
+        checkBus(errno == EAGAIN || errno == EINTR ? 0 : -errno);
+        return 0;
     }
-    return steps > 0 ? Progress::some : Progress::none;
+    const auto taken = static_cast<std::size_t>(written);
+    begin_ += taken;
+    return taken;
+}
+
+/// One step of sd-bus: it writes, reads, or hands one message to its handler. False when there was
+/// nothing to do.
+bool DBusSession::process() {
+    return checkBus(systemd().sd_bus_process(bus_.get(), nullptr)) > 0;
+}
+
+/// What sd-bus has not got yet.
+std::string_view DBusSession::received() const {
+    return {buffer_.data() + begin_, end_ - begin_};
 }
 
 /// Waits until one of the events has happened on the socket; false when the deadline is over first.
 /// The end of the process ends the session, whoever else has the other end of the socket.
 bool DBusSession::await(int events, const Deadline& deadline) const {
     std::array<pollfd, 2> waited = {
-        pollfd{.fd = socket_, .events = static_cast<short>(events), .revents = 0},
-        pollfd{.fd = pidfd_, .events = POLLIN, .revents = 0}};
+        pollfd{.fd = peer_.socket, .events = static_cast<short>(events), .revents = 0},
+        pollfd{.fd = peer_.process, .events = POLLIN, .revents = 0}};
     const bool isReady = waitFor(waited, deadline);
     if (waited[1].revents != 0) {
         throw std::system_error(ESRCH, std::generic_category());
     }
     return isReady;
+}
+
+/// Waits for its turn to take so much memory, unless the peer hangs up.
+void DBusSession::awaitRoom(std::size_t size) {
+    std::array<pollfd, 3> waited = {
+        pollfd{.fd = room_.ask(size), .events = POLLIN, .revents = 0},
+        pollfd{.fd = peer_.socket, .events = 0, .revents = 0},
+        pollfd{.fd = peer_.process, .events = POLLIN, .revents = 0}};
+    waitFor(waited, Deadline());
+    if (waited.front().revents == 0) {
+        room_.giveBack();
+        throw std::system_error(ECONNRESET, std::generic_category());
+    }
 }
 
 /// Waits for the next request. No event says that the peer has executed another program, so every
@@ -198,21 +299,12 @@ bool DBusSession::awaitWhileItMayRead(const Deadline& deadline) const {
     }
 }
 
-/// None at all when sd-bus has work to do without waiting, such as to report the end.
-int DBusSession::awaitedEvents() const {
-    return checkBus(systemd().sd_bus_get_events(bus_.get()));
-}
-
 bool DBusSession::isWriting() const {
     return platform::isWriting(bus_.get());
 }
 
-Deadline DBusSession::nextDeadline() const {
-    return std::min(replyDeadline_, requestDeadline_);
-}
-
 bool DBusSession::mayRead() const {
-    return mayRead_(std::min(handshakeDeadline_, Deadline::in(checkLimit)));
+    return mayRead_(std::min(requestDeadline_, Deadline::in(checkLimit)));
 }
 
 /// Stands between a message that has been read and its handler.
@@ -220,9 +312,7 @@ int DBusSession::passGate(
     sd_bus_message* message, void* session, sd_bus_error* /*error*/) noexcept {
     constexpr int isTakenCareOf = 1;
     constexpr int goesToItsHandler = 0;
-    if (!static_cast<DBusSession*>(session)->letPass()) {
-        return isTakenCareOf;
-    }
+    static_cast<DBusSession*>(session)->hasMessage_ = true;
     const char* const path = systemd().sd_bus_message_get_path(message);
     if (path != nullptr && std::strlen(path) > maxPathLength) {
         // A message that asks for no reply gets none.
@@ -231,18 +321,6 @@ int DBusSession::passGate(
         return isTakenCareOf;
     }
     return goesToItsHandler;
-}
-
-/// Until the session is drained, a message may arrive while the check before it is under way, so
-/// the check is made again.
-bool DBusSession::letPass() noexcept {
-    hasMessage_ = true;
-    try {
-        hasHeldBack_ = hasHeldBack_ || !(isDrained_ || mayRead());
-    } catch (...) {
-        hasHeldBack_ = true;
-    }
-    return !hasHeldBack_;
 }
 
 }  // namespace tarnvale::platform

@@ -1,26 +1,34 @@
 // SPDX-License-Identifier: MIT
 //
-// D-Bus with one admitted peer, in three phases: the handshake; draining what came together with
-// its end; serving, one request after the other. Each has its deadline, and each ends the session
-// for good when the peer misses it.
+// D-Bus with one admitted peer, in two phases: the handshake; serving, one request after the other.
+// sd-bus gets what the peer sends through a pipe, a line of the handshake or a message at a time.
+// So it never takes in anything that the peer hasn't been checked for and that there is no room
+// for.
 
 #pragma once
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <functional>
+#include <string_view>
+
+#include <sys/types.h>
 
 #include "core/protocol/TarnvaleAdminHelperProtocol.h"
 #include "platform/linux/Deadline.h"
+#include "platform/linux/dbus/BytesInFlight.h"
 #include "platform/linux/dbus/ProtocolObject.h"
 #include "platform/linux/dbus/SdBus.h"
+#include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
 
 /// For use by one thread.
 class DBusSession {
 public:
-    /// How long a message may take from its first byte to its last. Until then it lies in our
-    /// memory.
+    /// How long a message may take from its first byte, or from when there is room for it, to its
+    /// last.
     static constexpr std::chrono::seconds arrivalLimit{30};
     /// How long a peer may take to fetch a reply.
     static constexpr std::chrono::seconds fetchLimit{30};
@@ -33,11 +41,22 @@ public:
     /// How often a silent peer is asked about.
     static constexpr std::chrono::seconds lookPeriod{10};
 
-    /// Starts to speak on the connected, non-blocking `socket`. The session ends with the process
-    /// of the pidfd. Both descriptors stay the caller's and must outlive the session, as `exported`
-    /// must. `mayRead` is asked before anything is read, and now and then; its first no ends the
-    /// session. Throws `std::system_error`.
-    DBusSession(int socket, int pidfd, TarnvaleAdminHelperProtocol& exported, MayRead mayRead);
+    /// Whom it speaks with.
+    struct Peer {
+        int socket;   ///< connected, non-blocking
+        int process;  ///< a pidfd; the session ends with the process
+        uid_t user;   ///< whose room messages take
+    };
+
+    /// Starts to speak. Both descriptors stay the caller's and must outlive the session, as all
+    /// that is passed by reference must. `mayRead` is asked before anything is read, and now and
+    /// then; its first no ends the session. Throws `std::system_error`.
+    DBusSession(
+        const Peer& peer,
+        TarnvaleAdminHelperProtocol& exported,
+        Reports& reports,
+        BytesInFlight& bytesInFlight,
+        MayRead mayRead);
     DBusSession(const DBusSession&) = delete;
     DBusSession& operator=(const DBusSession&) = delete;
     ~DBusSession() = default;
@@ -47,39 +66,41 @@ public:
     void run(const Deadline& handshakeDeadline);
 
 private:
-    enum class Progress { none, some, over };
-
     bool finishHandshake();
-    bool drain();
-    bool serveNext();
+    bool handOnLine();
 
+    bool serveNext();
+    bool receiveHeader();
+    bool handOnMessage(std::size_t size);
     bool letReplyLeave();
-    bool awaitRequest();
-    Progress exchange();
-    Progress process();
+
+    bool receive();
+    bool read();
+    std::string_view received() const;
+    std::size_t handOn(std::size_t size);
+    bool process();
 
     bool await(int events, const Deadline& deadline) const;
     bool awaitWhileItMayRead(const Deadline& deadline) const;
-    int awaitedEvents() const;
+    void awaitRoom(std::size_t size);
     bool isWriting() const;
-    Deadline nextDeadline() const;
     bool mayRead() const;
 
     static int passGate(sd_bus_message* message, void* session, sd_bus_error* error) noexcept;
-    bool letPass() noexcept;
 
-    int socket_;
-    int pidfd_;
+    Peer peer_;
     MayRead mayRead_;
+    BytesInFlight::Room room_;  ///< of the request and its reply
     ProtocolObject object_;
+    support::UniqueFd toBus_;  ///< the pipe's end of ours
     Bus bus_;
 
-    bool isDrained_ = false;   ///< sd-bus holds nothing that was read before its last check
-    bool hasMessage_ = false;  ///< the last step has brought one
-    bool hasHeldBack_ = false;
-    Deadline handshakeDeadline_;  ///< until the handshake is finished
-    Deadline requestDeadline_;    ///< for the rest of a message that has begun to arrive
-    Deadline replyDeadline_;      ///< for the peer to take what was sent last
+    std::size_t begin_ = 0;  ///< in the buffer, of what sd-bus has not got yet
+    std::size_t end_ = 0;
+    std::array<char, 16384> buffer_;  // NOLINT(*-member-init): what isn't used needs no memory
+    bool hasMessage_ = false;         ///< sd-bus has brought the one that was handed on
+    Deadline requestDeadline_;        ///< for the rest of the handshake, or of a message
+    Deadline replyDeadline_;          ///< for the peer to take what was sent last
 };
 
 }  // namespace tarnvale::platform

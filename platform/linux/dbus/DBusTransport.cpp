@@ -30,7 +30,6 @@
 #include "platform/linux/dbus/DBusConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "platform/linux/dbus/LocalAccounts.h"
-#include "platform/linux/dbus/Rejections.h"
 #include "support/Mutex.h"
 #include "support/UniqueFd.h"
 
@@ -217,7 +216,7 @@ private:
             const uid_t owner = accounts_.ownerOf(uid);
             const bool isAdministrator = uid == 0 || accounts_.isAdministrator(uid) ||
                                          hasAdministratorsGroup(socket.get(), *credentials);
-            if (rejections_.areTooMany(owner)) {
+            if (shared_.rejections.areTooMany(owner)) {
                 return std::nullopt;
             }
             auto place = places_.take({.user = owner, .isAdministrator = isAdministrator});
@@ -243,7 +242,7 @@ private:
             std::thread([this, &delegate, &exported, position] {
                 setNiceness(usualNiceness_);
                 try {
-                    position->connection.run(delegate, exported, rejections_);
+                    position->connection.run(delegate, exported, shared_);
                 } catch (...) {
                     // Out of memory, or of time: this fails the connection alone.
                 }
@@ -261,7 +260,7 @@ private:
     UniqueFd listening_;
     LocalAccounts accounts_;  ///< the accepting thread's
     ConnectionPlaces places_;
-    Rejections rejections_;
+    DBusConnection::Shared shared_;
     OpenConnections open_;
     std::atomic<bool> isAccepting_ = false;
     std::atomic<bool> isRetired_ = false;

@@ -5,7 +5,9 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include "platform/linux/dbus/SdBus.h"
@@ -55,7 +57,10 @@ std::string bytesOf(sd_bus_message* message) {
         throw std::system_error(errno, std::generic_category());
     }
     const UniqueFd socket(ends[0]);
-    const auto sender = makeServerBus(UniqueFd(ends[1]));
+    UniqueFd input(ends[1]);
+    UniqueFd output(::fcntl(input.get(), F_DUPFD_CLOEXEC, 3));
+    checkBus(output ? 0 : -errno);
+    const auto sender = makeServerBus(std::move(input), std::move(output));
     checkBus(systemd().sd_bus_start(sender.get()));
     authenticate(socket.get(), sender.get());
 

@@ -4,17 +4,13 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
-#include <limits>
 #include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
-
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include "platform/linux/dbus/MessageBody.h"
 #include "platform/linux/dbus/SdBus.h"
@@ -24,26 +20,8 @@
 namespace tarnvale::platform {
 namespace {
 
-constexpr std::size_t usualSendBuffer = 131072;  // bytes
-
-/// Makes room in the socket for the whole reply beside what the peer has not taken yet, so that it
-/// leaves at once. While sd-bus writes a reply in parts, it goes on reading requests.
-void makeRoom(ProtocolObject& object, std::size_t size) {
-    int waiting = 0;
-    if (::ioctl(object.socket, SIOCOUTQ, &waiting) != 0) {
-        waiting = 0;
-    }
-    const auto needed = size + static_cast<std::size_t>(waiting);
-    if (needed <= usualSendBuffer / 2 || needed > std::numeric_limits<int>::max() / 4) {
-        return;
-    }
-    const int wanted = static_cast<int>(needed + usualSendBuffer);
-    object.hasLargeBuffer =
-        ::setsockopt(object.socket, SOL_SOCKET, SO_SNDBUFFORCE, &wanted, sizeof wanted) == 0;
-}
-
-/// Replies with the optional texts, each an array of no element or one.
-int reply(
+/// Replies with the optional texts, each an array of no element or one. D-Bus can carry them.
+int send(
     sd_bus_message* call,
     ProtocolObject& object,
     std::initializer_list<const OptionalText*> texts) {
@@ -57,23 +35,28 @@ int reply(
     for (const auto* text : texts) {
         checkBus(systemd().sd_bus_message_open_container(made, SD_BUS_TYPE_ARRAY, "s"));
         if (*text) {
-            const auto sent = wire::sendable(**text);
-            size += sent.size();
-            checkBus(systemd().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, sent.c_str()));
+            size += (*text)->size();
+            checkBus(
+                systemd().sd_bus_message_append_basic(made, SD_BUS_TYPE_STRING, (*text)->c_str()));
         }
         checkBus(systemd().sd_bus_message_close_container(made));
     }
-    makeRoom(object, size);
+    if (size > BytesInFlight::maxUncounted) {
+        object.room.cover(size);
+    }
     checkBus(systemd().sd_bus_send(nullptr, made, nullptr));
     return 1;
 }
 
 int reply(sd_bus_message* call, ProtocolObject& object, const OptionalText& text) {
-    return reply(call, object, {&text});
+    const auto sent = wire::sendable(text);
+    return send(call, object, {&sent});
 }
 
 int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both) {
-    return reply(call, object, {&both.result, &both.error});
+    const auto result = wire::sendable(both.result);
+    const auto error = wire::sendable(both.error);
+    return send(call, object, {&result, &error});
 }
 
 /// The argument, bytes, which live as long as the message. Those of a message with big-endian
@@ -125,8 +108,31 @@ int removeFirewall(sd_bus_message* call, ProtocolObject& object) {
     return reply(call, object, object.exported.removeFirewall());
 }
 
+std::size_t sizeOf(const OptionalText& text) {
+    return text ? text->size() : 0;
+}
+
+/// A report is shared by all who wait for one. The reply takes memory of its own, which may have to
+/// wait; with its report in hand each connection could then keep another one in memory.
 int firewallReport(sd_bus_message* call, ProtocolObject& object) {
-    return reply(call, object, object.exported.firewallReport());
+    if (!object.room.isEmpty()) {
+        // Whoever has room must not wait for more.
+        return systemd().sd_bus_reply_method_errorf(
+            call, SD_BUS_ERROR_LIMITS_EXCEEDED, "The call is too long.");
+    }
+    Reports::Request request(object.reports);
+    std::size_t room = BytesInFlight::maxUncounted;
+    while (true) {
+        auto report = request.get(object.exported);
+        const std::size_t size = sizeOf(report->result) + sizeOf(report->error);
+        if (size <= room) {
+            return send(call, object, {&report->result, &report->error});
+        }
+        report.reset();
+        object.room.giveBack();
+        object.awaitRoom(size);
+        room = size;
+    }
 }
 
 int createVLAN(sd_bus_message* call, ProtocolObject& object) {
@@ -157,7 +163,7 @@ int setTarnvaleResolver(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int shutdownForUpgrade(sd_bus_message* call, ProtocolObject& object) {
-    object.exported.shutdownForUpgrade([&] { reply(call, object, {}); });
+    object.exported.shutdownForUpgrade([&] { send(call, object, {}); });
     return 1;
 }
 
@@ -259,11 +265,6 @@ int findMethod(sd_bus_message* call, void* object, sd_bus_error* error) noexcept
 }
 
 }  // namespace
-
-void restoreSendBuffer(int socket) {
-    const int wanted = usualSendBuffer;
-    ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof wanted);
-}
 
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
     checkBus(systemd().sd_bus_add_object_vtable(

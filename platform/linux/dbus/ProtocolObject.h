@@ -4,21 +4,25 @@
 
 #pragma once
 
+#include <cstddef>
+#include <functional>
+
 #include <systemd/sd-bus.h>
 
 #include "core/protocol/TarnvaleAdminHelperProtocol.h"
+#include "platform/linux/dbus/BytesInFlight.h"
+#include "platform/linux/dbus/Reports.h"
 
 namespace tarnvale::platform {
 
 /// What the object's methods work with while the connection lasts.
 struct ProtocolObject {
     TarnvaleAdminHelperProtocol& exported;
-    int socket = -1;              ///< the connection's descriptor, borrowed
-    bool hasLargeBuffer = false;  ///< the socket's send buffer has been enlarged for a reply
+    Reports& reports;
+    BytesInFlight::Room& room;  ///< of the call and its reply
+    /// Waits for so much room. Throws when the peer goes away meanwhile.
+    std::function<void(std::size_t size)> awaitRoom;
 };
-
-/// Resets the send buffer to 128 KiB: room for many small replies, not for a large one.
-void restoreSendBuffer(int socket);
 
 /// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.
 /// `object` must outlive the bus. A filter that is added later sees each message first. Throws

@@ -9,7 +9,7 @@
 
 namespace tarnvale::platform {
 
-Bus makeServerBus(support::UniqueFd socket) {
+Bus makeServerBus(support::UniqueFd input, support::UniqueFd output) {
     sd_bus* made = nullptr;
     checkBus(systemd().sd_bus_new(&made));
     Bus bus(made);
@@ -22,8 +22,9 @@ Bus makeServerBus(support::UniqueFd socket) {
     checkBus(systemd().sd_bus_set_anonymous(made, 1));
     checkBus(systemd().sd_bus_set_trusted(made, 1));
     checkBus(systemd().sd_bus_negotiate_fds(made, 0));
-    checkBus(systemd().sd_bus_set_fd(made, socket.get(), socket.get()));
-    socket.release();
+    checkBus(systemd().sd_bus_set_fd(made, input.get(), output.get()));
+    input.release();
+    output.release();
     return bus;
 }
 

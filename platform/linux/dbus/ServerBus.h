@@ -9,8 +9,8 @@
 
 namespace tarnvale::platform {
 
-/// A D-Bus server for the peer at the other end of the socket, ready to be started. It takes every
-/// authentication, since who the peer is has been settled before. Throws `std::system_error`.
-Bus makeServerBus(support::UniqueFd socket);
+/// A D-Bus server that reads from `input` and writes to `output`, ready to be started. It takes
+/// every authentication, since who the peer is has been settled before. Throws `std::system_error`.
+Bus makeServerBus(support::UniqueFd input, support::UniqueFd output);
 
 }  // namespace tarnvale::platform

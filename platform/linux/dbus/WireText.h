@@ -6,9 +6,11 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "core/protocol/TarnvaleAdminHelperProtocol.h"
 #include "support/Text.h"
 
 namespace tarnvale::platform::wire {
@@ -50,6 +52,10 @@ inline std::string sendable(std::string_view text) {
         return valid;
     }
     return sent.append(valid, begin);
+}
+
+inline OptionalText sendable(const OptionalText& text) {
+    return text ? OptionalText(sendable(std::string_view(*text))) : std::nullopt;
 }
 
 }  // namespace tarnvale::platform::wire

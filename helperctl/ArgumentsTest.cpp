@@ -133,6 +133,7 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"version", "8"}, "The following argument was not expected: 8"},
         {{"status", "--verbose"}, "The following argument was not expected: --verbose"},
         {{"status", "--format", "xml"}, "--format: it is text or json"},
+        {{"--format", "json", "bogus"}, "The following argument was not expected: bogus"},
         {{"status", "--format", "Json"}, "--format: it is text or json"},
         {{"status", "--user"}, "--user: 1 required NAME missing"},
     };

@@ -350,12 +350,19 @@ TEST_F(DBusTransportTest, TakesNoncharactersInArguments) {
     }
 }
 
-TEST_F(DBusTransportTest, TakesTextsThatTakeAWhile) {
-    const std::string text(20'000'000, 'x');
-
+TEST_F(DBusTransportTest, TakesTextsOfSixtyThousandBytesAndNotOfMore) {
+    const std::string text(60'000, 'x');
     EXPECT_THAT(
         Client().call("CreateVLAN", "sxs", text.c_str(), std::int64_t{7}, "en0"),
         testing::Optional(ElementsAre("nil", text + "|7|en0")));
+
+    for (const std::size_t size : {66'000U, 20'000'000U}) {
+        const auto answer = answerTo(
+            {.member = "DeleteVLAN",
+             .signature = "s",
+             .body = test::wireText(std::string(size, 'x'))});
+        EXPECT_TRUE(answer.says("org.freedesktop.DBus.Error.LimitsExceeded")) << size;
+    }
 }
 
 TEST_F(DBusTransportTest, RefusesArgumentsThatAreNoValues) {

@@ -7,21 +7,18 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
-
-#include <systemd/sd-bus.h>
 
 namespace tarnvale::platform {
 
-/// Hands out the arguments in their order, of which the caller knows the types. Each `next…` throws
-/// `std::system_error` with EBADMSG for what is no such value.
+/// Hands out the arguments in their order, of which the caller knows the types. All functions throw
+/// `std::system_error` with EBADMSG for what is no message, or no such value.
 class MessageBody {
 public:
-    /// Of a message that has been received. Throws `std::system_error`.
-    explicit MessageBody(sd_bus_message* message);
+    /// `message` is the whole of it and must outlive this and the texts.
+    explicit MessageBody(std::string_view message);
 
-    std::string_view nextText();  ///< lives as long as the `MessageBody`
+    std::string_view nextText();
     std::int64_t nextInteger();
     bool nextBool();
 
@@ -29,7 +26,7 @@ private:
     std::string_view next(std::size_t size, std::size_t alignment);
     std::uint64_t nextNumber(std::size_t size);
 
-    std::string message_;  ///< all of it; its body begins at a multiple of 8
+    std::string_view message_;  ///< its body begins at a multiple of 8
     std::size_t place_ = 0;
     bool isBigEndian_ = false;
 };

@@ -59,6 +59,14 @@ int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both)
     return send(call, object, {&result, &error});
 }
 
+/// The arguments of a call of which none may be large.
+MessageBody argumentsOf(const ProtocolObject& object) {
+    if (object.call.empty()) {
+        throw std::system_error(ENOBUFS, std::generic_category());  // D-Bus's LimitsExceeded
+    }
+    return MessageBody(object.call);
+}
+
 /// The argument, bytes, which live as long as the message. Those of a message with big-endian
 /// numbers, which sd-bus hands out only one by one, live as long as `collected`.
 std::string_view bytesIn(sd_bus_message* call, std::string& collected) {
@@ -136,7 +144,7 @@ int firewallReport(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int createVLAN(sd_bus_message* call, ProtocolObject& object) {
-    MessageBody body(call);
+    auto body = argumentsOf(object);
     const auto name = body.nextText();
     const auto tag = body.nextInteger();
     const auto parentBSD = body.nextText();
@@ -144,8 +152,7 @@ int createVLAN(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int deleteVLAN(sd_bus_message* call, ProtocolObject& object) {
-    MessageBody body(call);
-    const auto bsdName = body.nextText();
+    const auto bsdName = argumentsOf(object).nextText();
     return reply(call, object, object.exported.deleteVLANWithBsdName(bsdName));
 }
 
@@ -158,7 +165,7 @@ int removeCLISymlink(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int setTarnvaleResolver(sd_bus_message* call, ProtocolObject& object) {
-    const bool enabled = MessageBody(call).nextBool();
+    const bool enabled = argumentsOf(object).nextBool();
     return reply(call, object, object.exported.setTarnvaleResolverWithEnabled(enabled));
 }
 

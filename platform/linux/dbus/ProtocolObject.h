@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 
 #include <systemd/sd-bus.h>
 
@@ -22,6 +23,7 @@ struct ProtocolObject {
     BytesInFlight::Room& room;  ///< of the call and its reply
     /// Waits for so much room. Throws when the peer goes away meanwhile.
     std::function<void(std::size_t size)> awaitRoom;
+    std::string call = {};  ///< all bytes of the call that is being carried out, unless it is large
 };
 
 /// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.

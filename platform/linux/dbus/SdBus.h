@@ -4,7 +4,6 @@
 
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <system_error>
 
@@ -34,13 +33,6 @@ inline int checkBus(int result) {
         throw std::system_error(-result, std::generic_category());
     }
     return result;
-}
-
-/// Whether something that was sent has not left.
-inline bool isWriting(sd_bus* bus) {
-    std::uint64_t queued = 0;
-    checkBus(systemd().sd_bus_get_n_queued_write(bus, &queued));
-    return queued > 0;
 }
 
 }  // namespace tarnvale::platform

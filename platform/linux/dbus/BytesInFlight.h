@@ -49,7 +49,7 @@ public:
         friend class BytesInFlight;
 
         BytesInFlight& all_;
-        const uid_t user_;
+        uid_t user_;
         std::size_t size_ = 0;  ///< asked for or taken
         bool isLarge_ = false;
         support::UniqueFd taken_;

@@ -97,10 +97,10 @@ private:
 
     std::size_t begin_ = 0;  ///< in the buffer, of what sd-bus has not got yet
     std::size_t end_ = 0;
-    std::array<char, 16384> buffer_;  // NOLINT(*-member-init): what isn't used needs no memory
-    bool hasMessage_ = false;         ///< sd-bus has brought the one that was handed on
-    Deadline requestDeadline_;        ///< for the rest of the handshake, or of a message
-    Deadline replyDeadline_;          ///< for the peer to take what was sent last
+    std::array<char, 16384> buffer_;
+    bool hasMessage_ = false;   ///< sd-bus has brought the one that was handed on
+    Deadline requestDeadline_;  ///< for the rest of the handshake, or of a message
+    Deadline replyDeadline_;    ///< for the peer to take what was sent last
 };
 
 }  // namespace tarnvale::platform

@@ -35,6 +35,10 @@ constexpr std::size_t headerSize = 16;
 /// Of a message; sd-bus ends the connection of whoever announces more.
 constexpr std::uint64_t maxMessageSize = std::uint64_t{128} << 20U;
 
+/// What the pipe takes at once. A large message is handed on in fewer steps.
+constexpr int usualPipe = 1 << 16;
+constexpr int largePipe = 1 << 20;
+
 /// The send buffer: room for many small replies, not for a large one.
 constexpr int sendBuffer = 131072;  // bytes
 
@@ -154,12 +158,17 @@ bool DBusSession::serveNext() {
         return false;
     }
     const auto size = sizeOfMessage(received());
-    if (size > BytesInFlight::maxUncounted) {
+    const bool isLarge = size > BytesInFlight::maxUncounted;
+    if (isLarge) {
         awaitRoom(size);
         requestDeadline_ = Deadline::in(arrivalLimit);
+        ::fcntl(toBus_.get(), F_SETPIPE_SZ, largePipe);
     }
     if (!handOnMessage(size)) {
         return false;
+    }
+    if (isLarge) {
+        ::fcntl(toBus_.get(), F_SETPIPE_SZ, usualPipe);
     }
     replyDeadline_ = Deadline::in(fetchLimit);
     return letReplyLeave();

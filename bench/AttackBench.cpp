@@ -33,6 +33,7 @@
 #include <unistd.h>
 
 #include "bench/Programs.h"
+#include "bench/StoredPolicies.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/HostileSignatures.h"
@@ -47,7 +48,9 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using support::UniqueFd;
 
+constexpr const char* activatePath = TARNVALE_BIN_DIR "/activate";
 constexpr const char* helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
+constexpr const char* pfctlPath = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* attackerPath = TARNVALE_BIN_DIR "/attacker";
 constexpr const char* socketPath = "/run/com.brackwen.tarnvale.adminhelper.socket";
 constexpr const char* identifier = "com.brackwen.tarnvale";
@@ -190,6 +193,18 @@ public:
         measure("connecting and closing", "churn", [&](uid_t user) {
             return hostileProgram(user, program_);
         });
+        measure("messages that break off", "break-off", [&](uid_t user) {
+            return hostileProgram(user, test::withTrailer(program_, genuine));
+        });
+        measure("shutdowns in a row", "shut-down", [&](uid_t user) {
+            return hostileProgram(user, test::withTrailer(program_, genuine));
+        });
+        fs::remove("/sbin/pfctl");
+        fs::copy_file(pfctlPath, "/sbin/pfctl");
+        storePolicies(1000, 40);
+        measure("reports of 9 MB", "report", [&](uid_t user) {
+            return hostileProgram(user, test::withTrailer(program_, genuine));
+        });
     }
 
 private:
@@ -215,7 +230,8 @@ private:
             return;
         }
         fs::remove(socketPath);
-        const Running helper({helperPath});
+        // It is started again as often as it ends, as systemd does.
+        const Running helper({activatePath, helperPath});
         while (!test::connectTo(socketPath)) {
             std::this_thread::sleep_for(10ms);
         }
@@ -238,9 +254,11 @@ private:
         Waits waitsOfNew;
         Waits waitsOfKnown;
         for (int count = 0; count < samples; ++count) {
-            // A file that changes all the time is never remembered.
-            for (const auto& path : programs) {
-                ::chmod(path.c_str(), 0755);
+            if (verb == "hold") {
+                // A file that changes all the time is never remembered.
+                for (const auto& path : programs) {
+                    ::chmod(path.c_str(), 0755);
+                }
             }
             const Running newClient({unknown(count), clientID, "ask"});
             waitsOfNew.add(newClient.ask());

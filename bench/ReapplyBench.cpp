@@ -19,11 +19,9 @@
 
 #include <linux/netlink.h>
 
-#include "bench/PolicyDocument.h"
 #include "bench/Programs.h"
+#include "bench/StoredPolicies.h"
 #include "core/base/AppSupport.h"
-#include "firewall/policy/PolicyJson.h"
-#include "firewall/policy/PolicyStore.h"
 #include "netlink/Socket.h"
 #include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/TableWriter.h"
@@ -43,18 +41,6 @@ const std::string folder = appSupportDirectory;
 void installPfctl(const std::string& program) {
     fs::remove("/sbin/pfctl");
     fs::copy_file(program, "/sbin/pfctl");
-}
-
-/// Stores a user's list of this size, as the helper would; returns the bytes stored.
-std::size_t store(std::size_t networks, std::size_t rules) {
-    NetworkFirewall::PolicyStore stored;
-    stored.owners["501"] = {
-        .policies = NetworkFirewall::decodePolicies(policyDocument(networks, rules)),
-        .appliedAt = {.seconds = 763636013.25}};
-    const auto bytes = NetworkFirewall::encodeStore(stored);
-    fs::create_directories(folder);
-    std::ofstream(folder + "/firewall-policies.json", std::ios::binary) << bytes;
-    return bytes.size();
 }
 
 double reapply() {
@@ -107,7 +93,7 @@ private:
 
 void benchTime() {
     installPfctl(TARNVALE_BIN_DIR "/pfctl");
-    store(10, 20);
+    storePolicies(10, 20);
     reapply();
     {
         Floor floor;
@@ -116,7 +102,7 @@ void benchTime() {
                  }));
     }
     const auto reapplyOf = [](std::size_t networks) {
-        store(networks, 20);
+        storePolicies(networks, 20);
         return reapply();
     };
     printRow(
@@ -128,7 +114,7 @@ void benchTime() {
 void benchMemory() {
     // The packet filter's program is another process; here it does nothing.
     installPfctl(emptyPath);
-    const auto bytes = store(16384, 10);
+    const auto bytes = storePolicies(16384, 10);
     const auto peak = runProgram({helperPath, "--reapply"}).peakKibibytes * 1024;
     std::printf(
         "%-44s %12.1f MB %12.1f MB %8.2fx\n",

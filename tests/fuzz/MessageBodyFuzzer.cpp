@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+//
+// Any bytes as a call: whatever is handed out lies in them, and a text is one that D-Bus allows.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+#include <system_error>
+
+#include "platform/linux/dbus/MessageBody.h"
+#include "support/Text.h"
+
+namespace {
+
+using tarnvale::platform::MessageBody;
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+void checkText(std::string_view message, MessageBody& body) {
+    const auto text = body.nextText();
+    require(message.data() <= text.data());
+    require(text.data() + text.size() < message.data() + message.size());
+    require(text.find('\0') == std::string_view::npos && tarnvale::support::isValidUtf8(text));
+}
+
+template <typename Arguments>
+void takeFrom(std::string_view message, Arguments arguments) {
+    try {
+        MessageBody body(message);
+        arguments(body);
+    } catch (const std::system_error&) {
+        // It is no such call.
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view message(reinterpret_cast<const char*>(data), size);
+    takeFrom(message, [&](MessageBody& body) {
+        checkText(message, body);
+        body.nextInteger();
+        checkText(message, body);
+    });
+    takeFrom(message, [](MessageBody& body) { body.nextBool(); });
+    return 0;
+}

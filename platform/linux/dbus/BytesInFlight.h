@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // How much memory messages may take: requests that are arriving or being carried out, and replies
-// that have not left yet. What is over waits.
+// that have not left yet. The rest waits.
 
 #pragma once
 

@@ -254,7 +254,7 @@ private:
         Waits waitsOfNew;
         Waits waitsOfKnown;
         for (int count = 0; count < samples; ++count) {
-            if (verb == "hold") {
+            if (verb == "hold" || verb == "churn") {
                 // A file that changes all the time is never remembered.
                 for (const auto& path : programs) {
                     ::chmod(path.c_str(), 0755);

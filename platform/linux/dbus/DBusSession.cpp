@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <system_error>
 #include <utility>
 
@@ -224,7 +225,7 @@ bool DBusSession::letReplyLeave() {
 
 /// Waits for more of what the peer says. None of it puts a deadline off.
 bool DBusSession::receive() {
-    while (!awaitWhileItMayRead(std::min(replyDeadline_, requestDeadline_))) {
+    while (!await(POLLIN, std::min(replyDeadline_, requestDeadline_))) {
         if (requestDeadline_.isOver() || !hasTakenEverything(peer_.socket)) {
             return false;
         }
@@ -288,7 +289,7 @@ bool DBusSession::await(int events, const Deadline& deadline) const {
     std::array<pollfd, 2> waited = {
         pollfd{.fd = peer_.socket, .events = static_cast<short>(events), .revents = 0},
         pollfd{.fd = peer_.process, .events = POLLIN, .revents = 0}};
-    const bool isReady = waitFor(waited, deadline);
+    const bool isReady = awaitWhileItMayRead(waited, deadline);
     if (waited[1].revents != 0) {
         throw std::system_error(ESRCH, std::generic_category());
     }
@@ -301,19 +302,18 @@ void DBusSession::awaitRoom(std::size_t size) {
         pollfd{.fd = room_.ask(size), .events = POLLIN, .revents = 0},
         pollfd{.fd = peer_.socket, .events = 0, .revents = 0},
         pollfd{.fd = peer_.process, .events = POLLIN, .revents = 0}};
-    waitFor(waited, Deadline());
+    awaitWhileItMayRead(waited, Deadline());
     if (waited.front().revents == 0) {
-        room_.giveBack();
         throw std::system_error(ECONNRESET, std::generic_category());
     }
 }
 
-/// Waits for the next request. No event says that the peer has executed another program, so every
-/// now and then it is looked at.
-bool DBusSession::awaitWhileItMayRead(const Deadline& deadline) const {
+/// Waits as poll does; false when the deadline is over first. No event says that the peer has
+/// executed another program, so every now and then it is looked at.
+bool DBusSession::awaitWhileItMayRead(std::span<pollfd> waited, const Deadline& deadline) const {
     while (true) {
         const auto nextLook = Deadline::in(lookPeriod);
-        if (await(POLLIN, std::min(deadline, nextLook))) {
+        if (waitFor(waited, std::min(deadline, nextLook))) {
             return true;
         }
         if (deadline.isOver()) {

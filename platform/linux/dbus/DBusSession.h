@@ -11,8 +11,10 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <span>
 #include <string_view>
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include "core/protocol/TarnvaleAdminHelperProtocol.h"
@@ -38,7 +40,7 @@ public:
     /// Whether the peer may be listened to; the answer is wanted by the deadline.
     using MayRead = std::function<bool(const Deadline& deadline)>;
 
-    /// How often a silent peer is asked about.
+    /// How often a peer is asked about that is waited for, or waits.
     static constexpr std::chrono::seconds lookPeriod{10};
 
     /// Whom it speaks with.
@@ -81,7 +83,7 @@ private:
     bool process();
 
     bool await(int events, const Deadline& deadline) const;
-    bool awaitWhileItMayRead(const Deadline& deadline) const;
+    bool awaitWhileItMayRead(std::span<pollfd> waited, const Deadline& deadline) const;
     void awaitRoom(std::size_t size);
     bool isWriting() const;
     bool mayRead() const;

@@ -574,6 +574,23 @@ TEST_F(DBusTransportTest, LooksNowAndThenWhetherASilentPeerMayStay) {
     EXPECT_TRUE(peer.closesWithin(11s));
 }
 
+TEST_F(DBusTransportTest, LooksNowAndThenWhetherAPeerThatWaitsForRoomMayStay) {
+    const std::string beginning =
+        test::RawMessage{.member = "ApplyFirewall", .signature = "ay"}.bytes(20'000'000);
+    auto first = connectRaw();
+    auto second = connectRaw();
+    for (auto* peer : {&first, &second}) {
+        ASSERT_TRUE(peer->authenticate());
+        ASSERT_TRUE(peer->send(beginning));
+    }
+    std::this_thread::sleep_for(1s);
+    const int checks = signing.checks;
+
+    std::this_thread::sleep_for(10s);
+
+    EXPECT_EQ(signing.checks, checks + 2);
+}
+
 TEST_F(DBusTransportTest, WhoeverIsTurnedAwayAgainAndAgainIsNotEvenAsked) {
     doorkeeper.admits = false;
     const auto begin = std::chrono::steady_clock::now();

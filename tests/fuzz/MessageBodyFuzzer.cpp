@@ -34,7 +34,7 @@ void takeFrom(std::string_view message, Arguments arguments) {
         MessageBody body(message);
         arguments(body);
     } catch (const std::system_error&) {
-        // It is no such call.
+        // It isn't such a call.
     }
 }
 

@@ -97,8 +97,8 @@ public:
     }
 
 private:
-    /// What can't be found out counts as a no for a peer, but it is no verdict on this program
-    /// itself: descriptors may have run out, or the roots may come later.
+    /// Where something can't be found out, a peer fails its check. That says nothing about this
+    /// program itself: descriptors may have run out, or the roots may come later.
     bool cannotTell() const {
         if (!peer_) {
             throw CheckDisturbed();

@@ -365,7 +365,7 @@ TEST_F(DBusTransportTest, TakesTextsOfSixtyThousandBytesAndNotOfMore) {
     }
 }
 
-TEST_F(DBusTransportTest, RefusesArgumentsThatAreNoValues) {
+TEST_F(DBusTransportTest, RefusesInvalidArguments) {
     const auto refuses = [](const char* member, const char* signature, const std::string& body) {
         const auto answer = answerTo({.member = member, .signature = signature, .body = body});
         return answer.says("org.freedesktop.DBus.Error.InconsistentMessage");

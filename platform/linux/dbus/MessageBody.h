@@ -11,8 +11,8 @@
 
 namespace tarnvale::platform {
 
-/// Hands out the arguments in their order, of which the caller knows the types. All functions throw
-/// `std::system_error` with EBADMSG for what is no message, or no such value.
+/// Hands out the arguments in their order. The caller knows their types. All functions throw
+/// `std::system_error` with EBADMSG when the bytes hold no message or no such value.
 class MessageBody {
 public:
     /// `message` is the whole of it and must outlive this and the texts.

@@ -59,7 +59,7 @@ int reply(sd_bus_message* call, ProtocolObject& object, const ResultReply& both)
     return send(call, object, {&result, &error});
 }
 
-/// The arguments of a call of which none may be large.
+/// The arguments of a call that must not be large.
 MessageBody argumentsOf(const ProtocolObject& object) {
     if (object.call.empty()) {
         throw std::system_error(ENOBUFS, std::generic_category());  // D-Bus's LimitsExceeded

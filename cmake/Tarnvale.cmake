@@ -72,7 +72,8 @@ elseif(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
 endif()
 if(TARNVALE_SANITIZE)
     target_compile_options(tarnvale_options INTERFACE
-        -fsanitize=${TARNVALE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        -fsanitize=${TARNVALE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+        $<$<CXX_COMPILER_ID:Clang>:-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/cmake/sanitizer-ignorelist.txt>)
     target_link_options(tarnvale_options INTERFACE -fsanitize=${TARNVALE_SANITIZE})
     if(TARNVALE_SANITIZE MATCHES thread)
         target_compile_definitions(tarnvale_options INTERFACE TARNVALE_THREAD_SANITIZER)

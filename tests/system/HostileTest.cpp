@@ -716,6 +716,7 @@ TEST_F(HostileToReportsTest, SixtyFourWhoWaitForAReportTakeTheMemoryOfAFew) {
     }
     EXPECT_TRUE(isServed());
     std::vector<std::future<std::size_t>> sizes;
+    sizes.reserve(peers.size());
     for (auto& peer : peers) {
         sizes.push_back(std::async(std::launch::async, [&peer] {
             const auto report = peer.receive();
@@ -816,6 +817,7 @@ TEST_F(HostileTest, LargeRequestsWaitForEachOther) {
         }
         forgetPeakOf(service->pid());
         const std::string call = largeCall(size);
+        served.reserve(peers.size());
         for (auto& peer : peers) {
             served.push_back(std::async(
                 std::launch::async, [&] { return peer.send(call) && peer.receive().has_value(); }));

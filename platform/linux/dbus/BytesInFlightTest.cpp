@@ -101,6 +101,7 @@ TEST_F(BytesInFlightTest, ThereIsOneLargeMessageAtATime) {
 TEST_F(BytesInFlightTest, UsersTakeTurnsHoweverManyWaitForEach) {
     auto taken = takeAll();
     std::vector<std::unique_ptr<Wish>> greedy;
+    greedy.reserve(64);
     for (int count = 0; count < 64; ++count) {
         greedy.push_back(wish(100, 16 * mib));
     }

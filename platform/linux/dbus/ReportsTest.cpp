@@ -65,6 +65,7 @@ protected:
 TEST_F(ReportsTest, OneServesAllWhoWaitForOne) {
     auto first = ask();
     std::vector<Answer> others;
+    others.reserve(20);
     for (int count = 0; count < 20; ++count) {
         others.push_back(ask());
     }

@@ -90,11 +90,27 @@ function(tarnvale_mark_for_tests target)
     set_target_properties(${target} PROPERTIES TARNVALE_FOR_TESTS ${for_tests})
 endfunction()
 
+# The standard headers that many sources include. The builds without them show that each source
+# includes what it needs.
+if(TARNVALE_PCH_STANDARD)
+    file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/PrecompiledStandard.cpp" CONTENT "")
+    add_library(tarnvale_precompiled_standard STATIC EXCLUDE_FROM_ALL
+        "${PROJECT_BINARY_DIR}/PrecompiledStandard.cpp")
+    target_link_libraries(tarnvale_precompiled_standard PRIVATE tarnvale_options)
+    target_precompile_headers(tarnvale_precompiled_standard PRIVATE
+        <algorithm> <array> <chrono> <cstdint> <functional> <map> <memory> <optional> <span>
+        <stdexcept> <string> <string_view> <system_error> <utility> <vector>)
+endif()
+
 function(tarnvale_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS")
     add_library(${name} STATIC ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
     tarnvale_mark_for_tests(${name})
+    get_target_property(for_tests ${name} TARNVALE_FOR_TESTS)
+    if(TARGET tarnvale_precompiled_standard AND NOT for_tests)
+        target_precompile_headers(${name} REUSE_FROM tarnvale_precompiled_standard)
+    endif()
     set_property(GLOBAL APPEND PROPERTY tarnvale_targets ${name})
 endfunction()
 

@@ -2,6 +2,9 @@
 //
 // The few names of Core Foundation that the macOS layer uses, declared by hand, so that it can be
 // compiled, linked and tested where Apple's own headers are not. A Mac builds with those.
+//
+// Apple's headers of this framework don't say what may be null. Here its documentation decides, so
+// that the analyzer finds a check that is missing.
 
 #pragma once
 
@@ -29,7 +32,7 @@ TARNVALE_NONNULL_BEGIN
 
 typedef signed long CFIndex;
 typedef unsigned long CFTypeID;
-typedef unsigned long CFOptionFlags;
+typedef unsigned long CFHashCode;
 typedef unsigned char Boolean;
 typedef unsigned char UInt8;
 typedef int32_t SInt32;
@@ -53,13 +56,26 @@ typedef struct __CFBundle* CFBundleRef;
 enum { kCFNumberSInt32Type = 3, kCFNumberSInt64Type = 4 };
 enum { kCFStringEncodingUTF8 = 0x08000100 };
 
+typedef const void* _Nonnull (*CFDictionaryRetainCallBack)(
+    CFAllocatorRef _Nullable allocator, const void* value);
+typedef void (*CFDictionaryReleaseCallBack)(CFAllocatorRef _Nullable allocator, const void* value);
+typedef CFStringRef _Nullable (*CFDictionaryCopyDescriptionCallBack)(const void* value);
+typedef Boolean (*CFDictionaryEqualCallBack)(const void* one, const void* other);
+typedef CFHashCode (*CFDictionaryHashCallBack)(const void* value);
 typedef struct {
     CFIndex version;
-    const void* _Nullable callbacks[5];
+    CFDictionaryRetainCallBack _Nullable retain;
+    CFDictionaryReleaseCallBack _Nullable release;
+    CFDictionaryCopyDescriptionCallBack _Nullable copyDescription;
+    CFDictionaryEqualCallBack _Nullable equal;
+    CFDictionaryHashCallBack _Nullable hash;
 } CFDictionaryKeyCallBacks;
 typedef struct {
     CFIndex version;
-    const void* _Nullable callbacks[4];
+    CFDictionaryRetainCallBack _Nullable retain;
+    CFDictionaryReleaseCallBack _Nullable release;
+    CFDictionaryCopyDescriptionCallBack _Nullable copyDescription;
+    CFDictionaryEqualCallBack _Nullable equal;
 } CFDictionaryValueCallBacks;
 extern const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks;
 extern const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The few names of the Security framework that the macOS layer uses, declared by hand
-// (CoreFoundation/CoreFoundation.h tells why).
+// (CoreFoundation/CoreFoundation.h tells why). What is handed out through a pointer is null when
+// the call fails, of which Apple's header says nothing.
 
 #pragma once
 

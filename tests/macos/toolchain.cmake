@@ -9,9 +9,6 @@ set(CMAKE_OSX_DEPLOYMENT_TARGET 13.0)
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES
     TARNVALE_ZIG TARNVALE_STUBS TARNVALE_ARCHITECTURE)
 
-# The linker cannot put an information dictionary into the program; only a Mac's can.
-set(TARNVALE_NO_SECTCREATE ON)
-
 set(flags
     "-isystem ${CMAKE_CURRENT_LIST_DIR}/declarations"
     # Refuses what the standard library of macOS 13.0 lacks, as Apple's compiler would.
@@ -26,6 +23,7 @@ foreach(language CXX OBJCXX)
     set(CMAKE_${language}_FLAGS_INIT "${flags}")
     set(CMAKE_${language}_ARCHIVE_CREATE "${TARNVALE_ZIG} ar qcs <TARGET> <OBJECTS>")
     set(CMAKE_${language}_ARCHIVE_FINISH "")
+    set(CMAKE_${language}_LINKER_LAUNCHER "${CMAKE_CURRENT_LIST_DIR}/link-with-sections")
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-F ${TARNVALE_STUBS} -L ${TARNVALE_STUBS} -lobjc")
 

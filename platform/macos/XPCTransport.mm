@@ -73,9 +73,13 @@ NSString* textOrNil(const OptionalText& text) {
     return text ? toNSString(*text) : nil;
 }
 
-/// Sends a reply. A failure means that the client is gone and needs none.
+/// Sends a reply, unless a hostile client wants none. A failure means that the client is gone and
+/// needs none.
 template <class Reply, class... Texts>
 void send(Reply reply, Texts... texts) noexcept {
+    if (reply == nil) {
+        return;
+    }
     try {
         reply(texts...);
     } catch (...) {

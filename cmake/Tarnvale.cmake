@@ -36,7 +36,7 @@ target_include_directories(tarnvale_options INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_options(tarnvale_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
     # g++ 12 takes the joining of a literal and a temporary string for an overlap (GCC bug 105651).
-    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+    $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
     $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
     -fstack-protector-strong -ffunction-sections -fdata-sections
     # The same sources give the same bytes in any folder. A debug build keeps its paths, by which

@@ -36,7 +36,7 @@ public:
     OptionalText setTarnvaleResolverWithEnabled(bool enabled) final {
         return asked(enabled ? "setTarnvaleResolver on" : "setTarnvaleResolver off").error;
     }
-    void shutdownForUpgrade(const std::function<void()>& reply) final {
+    void shutdownForUpgrade(const std::function<void()>& reply) override {
         asked("shutdownForUpgrade");
         reply();
     }

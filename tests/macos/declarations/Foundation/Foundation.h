@@ -19,8 +19,10 @@
 
 TARNVALE_NONNULL_BEGIN
 
+@class NSDictionary;
 @class NSXPCConnection;
 @class NSXPCListener;
+@class NSXPCListenerEndpoint;
 
 typedef NSUInteger NSStringEncoding;
 enum : NSStringEncoding { NSUTF8StringEncoding = 4 };
@@ -49,6 +51,9 @@ enum : NSStringEncoding { NSUTF8StringEncoding = 4 };
 @end
 
 @interface NSException : NSObject
++ (NSException*)exceptionWithName:(NSString*)name
+                           reason:(nullable NSString*)reason
+                         userInfo:(nullable NSDictionary*)userInfo;
 @property(readonly, copy) NSString* name;
 @property(nullable, readonly, copy) NSString* reason;
 @end
@@ -70,11 +75,11 @@ enum : NSInteger {
 
 @interface NSXPCConnection : NSObject
 - (instancetype)initWithMachServiceName:(NSString*)name options:(NSXPCConnectionOptions)options;
+- (instancetype)initWithListenerEndpoint:(NSXPCListenerEndpoint*)endpoint;
 @property(nullable, retain) NSXPCInterface* exportedInterface;
 @property(nullable, retain) id exportedObject;
 @property(nullable, retain) NSXPCInterface* remoteObjectInterface;
 - (id)remoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
-- (id)synchronousRemoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
 @property(nullable, copy) void (^interruptionHandler)(void);
 @property(nullable, copy) void (^invalidationHandler)(void);
 @property(readonly) pid_t processIdentifier;
@@ -91,9 +96,15 @@ enum : NSInteger {
 @end
 
 @interface NSXPCListener : NSObject
++ (NSXPCListener*)anonymousListener;
 - (instancetype)initWithMachServiceName:(NSString*)name;
 @property(nullable, weak) id<NSXPCListenerDelegate> delegate;
+@property(readonly, retain) NSXPCListenerEndpoint* endpoint;
 - (void)resume;
+- (void)invalidate;
+@end
+
+@interface NSXPCListenerEndpoint : NSObject
 @end
 
 TARNVALE_NONNULL_END

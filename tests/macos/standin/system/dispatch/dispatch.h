@@ -37,3 +37,21 @@ void dispatch_source_set_timer(
 void dispatch_resume(dispatch_source_t object);
 [[noreturn]] void dispatch_main();
 }
+
+#if defined(__OBJC__)
+
+#include <objc/NSObject.h>
+
+@protocol OS_dispatch_semaphore<NSObject>
+@end
+typedef NSObject<OS_dispatch_semaphore>* dispatch_semaphore_t;
+
+extern "C" {
+
+dispatch_semaphore_t dispatch_semaphore_create(std::intptr_t value)
+    __attribute__((ns_returns_retained));
+std::intptr_t dispatch_semaphore_signal(dispatch_semaphore_t semaphore);
+std::intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_time_t timeout);
+}
+
+#endif

@@ -20,6 +20,11 @@
 namespace tarnvale::platform {
 namespace {
 
+/// What the system demands of whoever replies.
+NSString* const helperRequirement =
+    @"anchor apple generic and identifier \"com.brackwen.tarnvale.adminhelper\" and "
+    @"certificate leaf[subject.OU] = \"K7PD2QM4TZ\"";
+
 using Helper = id<TarnvaleAdminHelperProtocol>;
 using TextReplyBlock = void (^)(NSString* text);
 using ResultReplyBlock = void (^)(NSString* result, NSString* error);
@@ -53,6 +58,7 @@ public:
                                                                options:NSXPCConnectionPrivileged]) {
         connection_.remoteObjectInterface =
             [NSXPCInterface interfaceWithProtocol:@protocol(TarnvaleAdminHelperProtocol)];
+        [connection_ setCodeSigningRequirement:helperRequirement];
         [connection_ resume];
     }
     XPCClient(const XPCClient&) = delete;
@@ -194,6 +200,9 @@ private:
         }
         if (isAdmitted_ && (code == NSXPCConnectionInterrupted || code == NSXPCConnectionInvalid)) {
             return HelperClientError::noReply("it closed the connection");
+        }
+        if (code == NSXPCConnectionCodeSigningRequirementFailure) {
+            return withoutReply("it isn't signed by Tarnvale's team");
         }
         return withoutReply(reasonOf(failure));
     }

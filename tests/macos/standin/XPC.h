@@ -31,6 +31,9 @@ class XPC {
 public:
     static XPC& current();
 
+    /// The same, with what tests have set up and seen forgotten.
+    static XPC& renewed();
+
     /// Whom the other end sees behind a connection that a client resumes from now on.
     struct Process {
         pid_t pid;
@@ -55,9 +58,6 @@ public:
 
     /// Ends the wait that comes next without what it waits for.
     void endNextWait();
-
-    /// Forgets all of this.
-    void reset();
 
 private:
     struct Machine {

@@ -266,9 +266,17 @@ void invalidate(const std::shared_ptr<End>& end, NSInteger code = NSXPCConnectio
     }
 }
 
-/// The other end is gone. A client may find another one; a service's end is over.
+/// The other end is gone. A client may find another one; a service's end is over, but hears of it
+/// only once it is resumed.
 void interrupt(const std::shared_ptr<End>& end) {
     if (!end->isClient) {
+        {
+            const std::lock_guard lock(theLock());
+            if (!end->isResumed && !end->isInvalid) {
+                end->holds.work.emplace_back([end] { invalidate(end); });
+                return;
+            }
+        }
         invalidate(end);
         return;
     }
@@ -840,9 +848,11 @@ XPC& XPC::current() {
     return current;
 }
 
-void XPC::reset() {
-    const std::lock_guard lock(mutex_);
-    machine_ = {};
+XPC& XPC::renewed() {
+    auto& xpc = current();
+    const std::lock_guard lock(xpc.mutex_);
+    xpc.machine_ = {};
+    return xpc;
 }
 
 void XPC::setClient(Process process) {

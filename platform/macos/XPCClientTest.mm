@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: MIT
+//
+// The client, at the other end of a service that the test offers. On a Mac these tests run with the
+// system's own Foundation, elsewhere with the stand-in.
+
+#import <Foundation/Foundation.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/HelperClient.h"
+#include "platform/macos/FoundationText.h"
+#include "platform/macos/XPCProtocol.h"
+#include "tests/macos/xpc/XPCGround.h"
+
+using tarnvale::platform::toNSString;
+using tarnvale::platform::toUtf8;
+
+namespace tarnvale::platform {
+namespace {
+
+/// What the service does, and what it was asked.
+struct ServiceState {
+    std::mutex mutex;
+    std::vector<std::string> calls;
+    NSString* result = @"the result";
+    NSString* error = nil;
+    bool admits = true;
+    bool keepsReplies = false;
+    bool endsConnections = false;
+    int ended = 0;
+    std::vector<id> replies;  ///< that are kept
+
+    void add(std::string call) {
+        const std::lock_guard lock(mutex);
+        calls.push_back(std::move(call));
+    }
+};
+
+/// The state of the test that runs. Queues of the test before may still ask for it.
+std::shared_ptr<ServiceState>& service() {
+    static auto& state = *new std::shared_ptr<ServiceState>;
+    return state;
+}
+
+std::shared_ptr<ServiceState> renewedService() {
+    return service() = std::make_shared<ServiceState>();
+}
+
+}  // namespace
+}  // namespace tarnvale::platform
+
+using tarnvale::platform::service;
+
+/// A helper that replies what the test says.
+@interface TarnvaleTestService : NSObject<NSXPCListenerDelegate, TarnvaleAdminHelperProtocol>
+@end
+
+@implementation TarnvaleTestService
+
+- (BOOL)listener:(NSXPCListener*)listener
+    shouldAcceptNewConnection:(NSXPCConnection*)newConnection {
+    if (!service()->admits) {
+        return NO;
+    }
+    newConnection.exportedInterface =
+        [NSXPCInterface interfaceWithProtocol:@protocol(TarnvaleAdminHelperProtocol)];
+    newConnection.exportedObject = self;
+    newConnection.invalidationHandler = ^{
+        const std::lock_guard lock(service()->mutex);
+        ++service()->ended;
+    };
+    [newConnection resume];
+    return YES;
+}
+
+/// Whether the reply is to be sent.
+- (BOOL)answers:(id)reply {
+    if (service()->endsConnections) {
+        [[NSXPCConnection currentConnection] invalidate];
+    }
+    if (service()->keepsReplies) {
+        service()->replies.push_back(reply);
+        return NO;
+    }
+    return YES;
+}
+
+- (void)text:(void (^)(NSString*))reply {
+    if ([self answers:reply]) {
+        reply(service()->error);
+    }
+}
+
+- (void)both:(void (^)(NSString*, NSString*))reply {
+    if ([self answers:reply]) {
+        reply(service()->result, service()->error);
+    }
+}
+
+- (void)helperVersionWithReply:(void (^)(NSString*))reply {
+    service()->add("helperVersion");
+    reply(@"1.4.0");
+}
+
+- (void)applyFirewallWithPolicyData:(NSData*)policyData
+                          withReply:(void (^)(NSString*, NSString*))reply {
+    service()->add(
+        "applyFirewall " +
+        std::string(static_cast<const char*>(policyData.bytes), policyData.length));
+    [self both:reply];
+}
+
+- (void)removeFirewallWithReply:(void (^)(NSString*))reply {
+    service()->add("removeFirewall");
+    [self text:reply];
+}
+
+- (void)firewallReportWithReply:(void (^)(NSString*, NSString*))reply {
+    service()->add("firewallReport");
+    [self both:reply];
+}
+
+- (void)createVLANWithName:(NSString*)name
+                       tag:(NSInteger)tag
+                 parentBSD:(NSString*)parentBSD
+                 withReply:(void (^)(NSString*, NSString*))reply {
+    service()->add(
+        "createVLAN " + toUtf8(name) + "|" + std::to_string(tag) + "|" + toUtf8(parentBSD));
+    [self both:reply];
+}
+
+- (void)deleteVLANWithBsdName:(NSString*)bsdName withReply:(void (^)(NSString*))reply {
+    service()->add("deleteVLAN " + toUtf8(bsdName));
+    [self text:reply];
+}
+
+- (void)installCLISymlinkWithReply:(void (^)(NSString*))reply {
+    service()->add("installCLISymlink");
+    [self text:reply];
+}
+
+- (void)removeCLISymlinkWithReply:(void (^)(NSString*))reply {
+    service()->add("removeCLISymlink");
+    [self text:reply];
+}
+
+- (void)setTarnvaleResolverWithEnabled:(BOOL)enabled withReply:(void (^)(NSString*))reply {
+    service()->add(enabled ? "setTarnvaleResolver on" : "setTarnvaleResolver off");
+    [self text:reply];
+}
+
+- (void)shutdownForUpgradeWithReply:(void (^)(void))reply {
+    service()->add("shutdownForUpgrade");
+    if ([self answers:reply]) {
+        reply();
+    }
+}
+
+@end
+
+namespace tarnvale::platform {
+namespace {
+
+using test::eventually;
+using testing::AllOf;
+using testing::AnyOf;
+using testing::EndsWith;
+using testing::ElementsAre;
+using testing::Not;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// The sentence of the error with which the action fails.
+std::string errorOf(const std::function<void()>& action, HelperClientError::Case errorCase) {
+    try {
+        action();
+    } catch (const HelperClientError& error) {
+        EXPECT_EQ(error.errorCase(), errorCase) << error.what();
+        return error.what();
+    }
+    ADD_FAILURE() << "there is no error";
+    return {};
+}
+
+class XPCClientTest : public testing::Test {
+protected:
+    XPCClientTest() {
+        listener.delegate = offered;
+        [listener resume];
+        ground.offer(listener);
+    }
+
+    ~XPCClientTest() override { [listener invalidate]; }
+
+    test::XPCGround ground;
+    TarnvaleTestService* offered = [TarnvaleTestService new];
+    NSXPCListener* listener = [NSXPCListener anonymousListener];
+    std::shared_ptr<ServiceState> state = renewedService();
+};
+
+TEST_F(XPCClientTest, AsksForThePrivilegedServiceOfThatName) {
+    connectToHelper();
+
+    EXPECT_THAT(ground.wanted(), ElementsAre("com.brackwen.tarnvale.adminhelper"));
+    EXPECT_THAT(ground.options(), ElementsAre(NSXPCConnectionPrivileged));
+}
+
+TEST_F(XPCClientTest, DemandsThatTheHelperIsSignedByTheTeam) {
+    connectToHelper();
+
+    EXPECT_THAT(
+        ground.requirements(),
+        ElementsAre("anchor apple generic and identifier \"com.brackwen.tarnvale.adminhelper\" and "
+                    "certificate leaf[subject.OU] = \"K7PD2QM4TZ\""));
+}
+
+TEST_F(XPCClientTest, RefusesAHelperThatAnybodyElseHasSigned) {
+    ground.setRequirement(test::unmetRequirement);
+
+    EXPECT_EQ(
+        errorOf([] { connectToHelper(); }, HelperClientError::Case::notReachable),
+        "Could not reach the helper: it isn't signed by Tarnvale's team.");
+}
+
+TEST_F(XPCClientTest, CarriesEachRequestAndItsReply) {
+    const auto client = connectToHelper();
+    using namespace std::string_literals;
+    bool hasReplied = false;
+
+    EXPECT_EQ(client->helperVersion(), "1.4.0");
+    EXPECT_EQ(client->applyFirewallWithPolicyData("[\0\xFF]"s), (ResultReply{"the result", {}}));
+    EXPECT_EQ(client->removeFirewall(), std::nullopt);
+    EXPECT_EQ(client->firewallReport(), (ResultReply{"the result", {}}));
+    state->result = nil;
+    state->error = @"the error";
+    EXPECT_EQ(
+        client->createVLANWithName("B\u00FCro\0!"s, INT64_MIN, "en0"),
+        (ResultReply{{}, "the error"}));
+    EXPECT_EQ(client->deleteVLANWithBsdName("vlan0"), "the error");
+    EXPECT_EQ(client->installCLISymlink(), "the error");
+    EXPECT_EQ(client->removeCLISymlink(), "the error");
+    state->error = @"";
+    EXPECT_EQ(client->setTarnvaleResolverWithEnabled(true), "");
+    EXPECT_EQ(client->setTarnvaleResolverWithEnabled(false), "");
+    client->shutdownForUpgrade([&] { hasReplied = true; });
+
+    EXPECT_TRUE(hasReplied);
+    EXPECT_THAT(
+        state->calls,
+        ElementsAre(
+            "helperVersion",  // which shows that it is admitted
+            "helperVersion",
+            "applyFirewall [\0\xFF]"s,
+            "removeFirewall",
+            "firewallReport",
+            "createVLAN B\u00FCro\0!|-9223372036854775808|en0"s,
+            "deleteVLAN vlan0",
+            "installCLISymlink",
+            "removeCLISymlink",
+            "setTarnvaleResolver on",
+            "setTarnvaleResolver off",
+            "shutdownForUpgrade"));
+}
+
+TEST_F(XPCClientTest, SaysThatItGetsNoReplyWhenTheHelperEndsTheConnection) {
+    const auto client = connectToHelper();
+    state->endsConnections = true;
+    state->keepsReplies = true;
+
+    EXPECT_EQ(
+        errorOf([&] { client->removeFirewall(); }, HelperClientError::Case::noReply),
+        "The helper gave no reply: it closed the connection.");
+}
+
+TEST_F(XPCClientTest, SaysWhyThereIsNoReplyWithOneFullStop) {
+    const auto client = connectToHelper();
+    [listener invalidate];
+    state->endsConnections = true;
+    state->keepsReplies = true;
+    errorOf([&] { client->firewallReport(); }, HelperClientError::Case::noReply);
+
+    EXPECT_THAT(
+        errorOf([&] { client->firewallReport(); }, HelperClientError::Case::noReply),
+        AllOf(StartsWith("The helper gave no reply: "), EndsWith("."), Not(EndsWith(".."))));
+}
+
+TEST_F(XPCClientTest, EndsItsConnection) {
+    auto client = connectToHelper();
+
+    client.reset();
+
+    EXPECT_TRUE(eventually([&] {
+        const std::lock_guard lock(state->mutex);
+        return state->ended == 1;
+    }));
+}
+
+}  // namespace
+}  // namespace tarnvale::platform

@@ -21,7 +21,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 constexpr const char* script = TARNVALE_SOURCE_DIR "/packaging/macos/uninstall";
 constexpr const char* daemonPlist =
@@ -235,6 +237,45 @@ TEST_F(UninstallTest, KeepsTheApplicationOnRequest) {
 
     EXPECT_TRUE(exists(helper));
     EXPECT_FALSE(exists(daemonPlist));
+}
+
+TEST_F(UninstallTest, DoesNothingIfItMayNotRemoveTheApplication) {
+    installEverything();
+    for (const std::string command : {"rmdir", "mkdir"}) {
+        fs::remove("/usr/bin/" + command);
+        putProgram(
+            "/usr/bin/" + command,
+            "echo \"${0##*/}: $*: Operation not permitted\" | sed 's|-p ||' >&2; exit 1\n");
+
+        const Finished finished = uninstall();
+
+        EXPECT_THAT(
+            finished.error,
+            StartsWith(
+                "uninstall: /Applications/Tarnvale.app can't be removed, so nothing was: " +
+                command + ": /Applications/Tarnvale.app/.uninstall: Operation not permitted\n"));
+        EXPECT_THAT(
+            finished.error, HasSubstr("System Settings, Privacy & Security, App Management"));
+        EXPECT_EQ(finished.output, "");
+        EXPECT_EQ(finished.status, 1);
+    }
+    for (const char* stays : {job, "/tmp/receipt", daemonPlist, helper, storePath.c_str()}) {
+        EXPECT_TRUE(exists(stays)) << stays;
+    }
+    EXPECT_TRUE(fs::is_symlink("/usr/local/bin/tvx"));
+    EXPECT_FALSE(exists("/tmp/launchctl.calls"));
+    EXPECT_THAT(pfctl.calls(), IsEmpty());
+}
+
+TEST_F(UninstallTest, NeedNotRemoveAnApplicationThatItKeeps) {
+    installEverything();
+    fs::remove("/usr/bin/mkdir");
+    putProgram("/usr/bin/mkdir", "exit 1\n");
+
+    EXPECT_EQ(uninstall({"--keep-app"}).status, 0);
+
+    EXPECT_TRUE(exists(helper));
+    EXPECT_FALSE(exists(supportFolder));
 }
 
 TEST_F(UninstallTest, TellsWhatItCouldNotDoAndDoesTheRest) {

@@ -12,6 +12,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,6 +52,18 @@ std::string inQuotes(std::string_view name) {
 
 /// Where the file system is mounted that holds the path, or as much of the path as exists.
 std::string volumeOf(std::string path) {
+// A system with MNAMELEN says so itself. It has to be asked: on a Mac, firmlinks let / and /Library
+// lie on two volumes that look like one tree, without a mount between them.
+#if defined(MNAMELEN)
+    struct statfs volume {};
+    while (::statfs(path.c_str(), &volume) != 0) {
+        if (path == "/" || path == ".") {
+            return path;
+        }
+        path = splitPath(path).folder;
+    }
+    return static_cast<const char*>(volume.f_mntonname);
+#else
     struct stat info {};
     while (::stat(path.c_str(), &info) != 0 && path != "/") {
         path = splitPath(path).folder;
@@ -64,6 +77,7 @@ std::string volumeOf(std::string path) {
         path = std::move(above);
     }
     return path;
+#endif
 }
 
 /// The sentences for a failed write of a file or folder.

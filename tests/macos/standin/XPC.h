@@ -11,6 +11,8 @@
 //   (4097), the one that has given up or was never connected is invalid (4099). A reply that never
 //   comes is an error (4101), and so is one from a program that fails the requirement (4102).
 //
+// An exception that gets into XPC, a second reply or a second requirement end the process.
+//
 // A queue's threads have no autorelease pool: dispatch drains its own when it pleases.
 
 #pragma once
@@ -47,10 +49,6 @@ public:
     void setRequirement(const std::string& text, bool isMet);
     std::optional<bool> isMet(const std::string& requirement);
 
-    /// What the program did that it must not do.
-    void complain(const std::string& complaint);
-    std::vector<std::string> complaints();
-
     /// How long the program wanted to wait for what, in order. Nothing is waited for longer than
     /// some seconds: a test that takes longer has failed.
     std::vector<std::chrono::nanoseconds> waits();
@@ -64,7 +62,6 @@ private:
         std::optional<Process> client;
         /// The programs here are signed, but not by Apple.
         std::map<std::string, bool> requirements{{"anchor apple", false}, {"!anchor apple", true}};
-        std::vector<std::string> complaints;
         std::vector<std::chrono::nanoseconds> waits;
         bool endsNextWait = false;
     };

@@ -80,7 +80,7 @@ private:
             try {
                 next();
             } catch (...) {
-                XPC::current().complain("an exception got into a queue");
+                objc::die("an exception got into it", "a queue");
             }
             next = nullptr;
             Work::get().add(-1);
@@ -358,8 +358,7 @@ public:
 
     void send(const std::array<std::uintptr_t, 2>& words) {
         if (isSent_.exchange(true)) {
-            XPC::current().complain("a reply was sent a second time");
-            return;
+            objc::die("it was sent a second time", "a reply");
         }
         std::vector<Argument> arguments;
         for (std::size_t i = 0; i < types_.size(); ++i) {
@@ -539,7 +538,7 @@ void carryOut(
             slot->implementation)(
             (__bridge void*)object, message.selector, words[0], words[1], words[2], words[3]);
     } catch (...) {
-        XPC::current().complain(std::string("an exception left ") + sel_getName(message.selector));
+        objc::die("an exception left it", sel_getName(message.selector));
     }
     currentConnection = nil;
 }
@@ -578,7 +577,7 @@ void offer(const std::shared_ptr<Listener>& listener, NSXPCConnection* connectio
             try {
                 isTaken = [delegate listener:object shouldAcceptNewConnection:connection];
             } catch (...) {
-                XPC::current().complain("an exception left the delegate");
+                objc::die("an exception left it", "the listener's delegate");
             }
         }
     }
@@ -676,7 +675,8 @@ void forward(
         if (interface == nil) {
             raise("the connection has no interface of the other end");
         }
-        Message message{.selector = selector, .types = [interface typesOf:selector]};
+        Message message{
+            .selector = selector, .types = [interface typesOf:selector], .arguments = {}};
         if (message.types.empty()) {
             raise("the other end's interface has no such method");
         }
@@ -804,7 +804,7 @@ const objc::Slot* forwardOf(objc::Object* receiver, const objc::Selector* /*sele
     }
     const std::lock_guard lock(theLock());
     if (owner.end->isResumed || owner.end->requirement) {
-        XPC::current().complain("a requirement came too late, or a second time");
+        objc::die("it came too late, or a second time", "a requirement");
     }
     owner.end->requirement = text;
 }
@@ -874,16 +874,6 @@ std::optional<bool> XPC::isMet(const std::string& requirement) {
     const std::lock_guard lock(mutex_);
     const auto found = machine_.requirements.find(requirement);
     return found == machine_.requirements.end() ? std::nullopt : std::optional(found->second);
-}
-
-void XPC::complain(const std::string& complaint) {
-    const std::lock_guard lock(mutex_);
-    machine_.complaints.push_back(complaint);
-}
-
-std::vector<std::string> XPC::complaints() {
-    const std::lock_guard lock(mutex_);
-    return machine_.complaints;
 }
 
 std::vector<std::chrono::nanoseconds> XPC::waits() {

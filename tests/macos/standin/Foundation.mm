@@ -315,7 +315,7 @@ std::intptr_t dispatch_semaphore_wait(dispatch_semaphore_t semaphore, dispatch_t
     const auto limit =
         tarnvale::test::standin::XPC::current().waitFor(std::chrono::nanoseconds(timeout));
     std::unique_lock lock(known->mutex);
-    if (!known->changed.wait_for(lock, limit, [&] { return known->value > 0; })) {
+    if (!limit || !known->changed.wait_for(lock, *limit, [&] { return known->value > 0; })) {
         return 1;
     }
     --known->value;

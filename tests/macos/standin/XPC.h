@@ -52,9 +52,9 @@ public:
     /// How long the program wanted to wait for what, in order. Nothing is waited for longer than
     /// some seconds: a test that takes longer has failed.
     std::vector<std::chrono::nanoseconds> waits();
-    std::chrono::nanoseconds waitFor(std::chrono::nanoseconds limit);
+    std::optional<std::chrono::nanoseconds> waitFor(std::chrono::nanoseconds limit);
 
-    /// Ends the wait that comes next without what it waits for.
+    /// The wait that comes next ends at once, without what it waits for.
     void endNextWait();
 
 private:

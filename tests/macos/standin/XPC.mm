@@ -881,12 +881,13 @@ std::vector<std::chrono::nanoseconds> XPC::waits() {
     return machine_.waits;
 }
 
-std::chrono::nanoseconds XPC::waitFor(std::chrono::nanoseconds limit) {
+std::optional<std::chrono::nanoseconds> XPC::waitFor(std::chrono::nanoseconds limit) {
     const std::lock_guard lock(mutex_);
     machine_.waits.push_back(limit);
-    return std::exchange(machine_.endsNextWait, false)
-               ? 0s
-               : std::min<std::chrono::nanoseconds>(limit, longestWait);
+    if (std::exchange(machine_.endsNextWait, false)) {
+        return std::nullopt;
+    }
+    return std::min<std::chrono::nanoseconds>(limit, longestWait);
 }
 
 void XPC::endNextWait() {

@@ -46,38 +46,39 @@ struct ServiceState {
     }
 };
 
-/// The state of the test that runs. Queues of the test before may still ask for it.
-std::shared_ptr<ServiceState>& service() {
-    static auto& state = *new std::shared_ptr<ServiceState>;
-    return state;
-}
-
-std::shared_ptr<ServiceState> renewedService() {
-    return service() = std::make_shared<ServiceState>();
-}
-
 }  // namespace
 }  // namespace tarnvale::platform
 
-using tarnvale::platform::service;
+using tarnvale::platform::ServiceState;
 
 /// A helper that replies what the test says.
 @interface TarnvaleTestService : NSObject<NSXPCListenerDelegate, TarnvaleAdminHelperProtocol>
 @end
 
-@implementation TarnvaleTestService
+@implementation TarnvaleTestService {
+    std::shared_ptr<ServiceState> _state;
+}
+
+- (instancetype)initWithState:(const std::shared_ptr<ServiceState>&)state {
+    self = [super init];
+    if (self != nil) {
+        _state = state;
+    }
+    return self;
+}
 
 - (BOOL)listener:(NSXPCListener*)listener
     shouldAcceptNewConnection:(NSXPCConnection*)newConnection {
-    if (!service()->admits) {
+    if (!_state->admits) {
         return NO;
     }
     newConnection.exportedInterface =
         [NSXPCInterface interfaceWithProtocol:@protocol(TarnvaleAdminHelperProtocol)];
     newConnection.exportedObject = self;
+    const auto state = _state;
     newConnection.invalidationHandler = ^{
-        const std::lock_guard lock(service()->mutex);
-        ++service()->ended;
+        const std::lock_guard lock(state->mutex);
+        ++state->ended;
     };
     [newConnection resume];
     return YES;
@@ -85,11 +86,11 @@ using tarnvale::platform::service;
 
 /// Whether the reply is to be sent.
 - (BOOL)answers:(id)reply {
-    if (service()->endsConnections) {
+    if (_state->endsConnections) {
         [[NSXPCConnection currentConnection] invalidate];
     }
-    if (service()->keepsReplies) {
-        service()->replies.push_back(reply);
+    if (_state->keepsReplies) {
+        _state->replies.push_back(reply);
         return NO;
     }
     return YES;
@@ -97,36 +98,36 @@ using tarnvale::platform::service;
 
 - (void)text:(void (^)(NSString*))reply {
     if ([self answers:reply]) {
-        reply(service()->error);
+        reply(_state->error);
     }
 }
 
 - (void)both:(void (^)(NSString*, NSString*))reply {
     if ([self answers:reply]) {
-        reply(service()->result, service()->error);
+        reply(_state->result, _state->error);
     }
 }
 
 - (void)helperVersionWithReply:(void (^)(NSString*))reply {
-    service()->add("helperVersion");
+    _state->add("helperVersion");
     reply(@"1.4.0");
 }
 
 - (void)applyFirewallWithPolicyData:(NSData*)policyData
                           withReply:(void (^)(NSString*, NSString*))reply {
-    service()->add(
+    _state->add(
         "applyFirewall " +
         std::string(static_cast<const char*>(policyData.bytes), policyData.length));
     [self both:reply];
 }
 
 - (void)removeFirewallWithReply:(void (^)(NSString*))reply {
-    service()->add("removeFirewall");
+    _state->add("removeFirewall");
     [self text:reply];
 }
 
 - (void)firewallReportWithReply:(void (^)(NSString*, NSString*))reply {
-    service()->add("firewallReport");
+    _state->add("firewallReport");
     [self both:reply];
 }
 
@@ -134,33 +135,32 @@ using tarnvale::platform::service;
                        tag:(NSInteger)tag
                  parentBSD:(NSString*)parentBSD
                  withReply:(void (^)(NSString*, NSString*))reply {
-    service()->add(
-        "createVLAN " + toUtf8(name) + "|" + std::to_string(tag) + "|" + toUtf8(parentBSD));
+    _state->add("createVLAN " + toUtf8(name) + "|" + std::to_string(tag) + "|" + toUtf8(parentBSD));
     [self both:reply];
 }
 
 - (void)deleteVLANWithBsdName:(NSString*)bsdName withReply:(void (^)(NSString*))reply {
-    service()->add("deleteVLAN " + toUtf8(bsdName));
+    _state->add("deleteVLAN " + toUtf8(bsdName));
     [self text:reply];
 }
 
 - (void)installCLISymlinkWithReply:(void (^)(NSString*))reply {
-    service()->add("installCLISymlink");
+    _state->add("installCLISymlink");
     [self text:reply];
 }
 
 - (void)removeCLISymlinkWithReply:(void (^)(NSString*))reply {
-    service()->add("removeCLISymlink");
+    _state->add("removeCLISymlink");
     [self text:reply];
 }
 
 - (void)setTarnvaleResolverWithEnabled:(BOOL)enabled withReply:(void (^)(NSString*))reply {
-    service()->add(enabled ? "setTarnvaleResolver on" : "setTarnvaleResolver off");
+    _state->add(enabled ? "setTarnvaleResolver on" : "setTarnvaleResolver off");
     [self text:reply];
 }
 
 - (void)shutdownForUpgradeWithReply:(void (^)(void))reply {
-    service()->add("shutdownForUpgrade");
+    _state->add("shutdownForUpgrade");
     if ([self answers:reply]) {
         reply();
     }
@@ -203,9 +203,9 @@ protected:
     ~XPCClientTest() override { [listener invalidate]; }
 
     test::XPCGround ground;
-    TarnvaleTestService* offered = [TarnvaleTestService new];
+    std::shared_ptr<ServiceState> state = std::make_shared<ServiceState>();
+    TarnvaleTestService* offered = [[TarnvaleTestService alloc] initWithState:state];
     NSXPCListener* listener = [NSXPCListener anonymousListener];
-    std::shared_ptr<ServiceState> state = renewedService();
 };
 
 TEST_F(XPCClientTest, AsksForThePrivilegedServiceOfThatName) {

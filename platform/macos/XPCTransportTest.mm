@@ -111,8 +111,8 @@ private:
 struct Answer {
     int replies = 0;
     int failures = 0;
-    OptionalText result;
-    OptionalText error;
+    OptionalText result = std::nullopt;
+    OptionalText error = std::nullopt;
 
     bool operator==(const Answer&) const = default;
 };

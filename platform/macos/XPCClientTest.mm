@@ -21,6 +21,7 @@
 #include "platform/macos/FoundationText.h"
 #include "platform/macos/XPCProtocol.h"
 #include "tests/macos/xpc/XPCGround.h"
+#include "tests/support/AdmissionRequirements.h"
 
 using tarnvale::platform::toNSString;
 using tarnvale::platform::toUtf8;
@@ -218,10 +219,7 @@ TEST_F(XPCClientTest, AsksForThePrivilegedServiceOfThatName) {
 TEST_F(XPCClientTest, DemandsThatTheHelperIsSignedByTheTeam) {
     connectToHelper();
 
-    EXPECT_THAT(
-        ground.requirements(),
-        ElementsAre("anchor apple generic and identifier \"com.brackwen.tarnvale.adminhelper\" and "
-                    "certificate leaf[subject.OU] = \"K7PD2QM4TZ\""));
+    EXPECT_THAT(ground.requirements(), ElementsAre(test::helperRequirement));
 }
 
 TEST_F(XPCClientTest, RefusesAHelperThatAnybodyElseHasSigned) {

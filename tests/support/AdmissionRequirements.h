@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The requirements that admission knows, spelled out: the program puts them together from parts,
-// and what comes out must be exactly these texts.
+// The requirements that the programs know, spelled out: the helper puts its own together from
+// parts, and what comes out must be exactly these texts.
 
 #pragma once
 
@@ -23,5 +23,10 @@ inline constexpr const char* strictRequirement =
     "\"com.brackwen.tarnvale.service\") and certificate leaf[subject.OU] = \"K7PD2QM4TZ\" and "
     "certificate 1[field.1.2.840.113635.100.6.2.6] exists and certificate "
     "leaf[field.1.2.840.113635.100.6.1.13] exists";
+
+/// What the client demands of the helper.
+inline constexpr const char* helperRequirement =
+    "anchor apple generic and identifier \"com.brackwen.tarnvale.adminhelper\" and certificate "
+    "leaf[subject.OU] = \"K7PD2QM4TZ\"";
 
 }  // namespace tarnvale::test

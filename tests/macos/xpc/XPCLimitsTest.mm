@@ -24,6 +24,7 @@
 #include "platform/macos/XPCProtocol.h"
 #include "tests/macos/standin/XPC.h"
 #include "tests/macos/standin/objc/Runtime.h"
+#include "tests/support/AdmissionRequirements.h"
 #include "tests/support/FakeCodeSigning.h"
 #include "tests/support/FakeHelper.h"
 
@@ -38,10 +39,6 @@ using testing::IsEmpty;
 using testing::Pair;
 
 constexpr const char* clientsRequirement = "the client is Tarnvale's";
-constexpr const char* helpersRequirement =
-    "anchor apple generic and identifier \"com.brackwen.tarnvale.adminhelper\" and "
-    "certificate leaf[subject.OU] = \"K7PD2QM4TZ\"";
-
 class CountingDoorkeeper final : public TransportDelegate {
 public:
     bool admits = true;
@@ -116,13 +113,15 @@ class XPCLimitsTest : public testing::Test {
 protected:
     XPCLimitsTest() {
         xpc.setRequirement(clientsRequirement, true);
-        xpc.setRequirement(helpersRequirement, true);
+        xpc.setRequirement(test::helperRequirement, true);
     }
 
     void TearDown() override {
+        EXPECT_TRUE(settle());  // Whatever is under way still needs the transport.
         transport.reset();
         EXPECT_EQ(aliveNow(), before);
         EXPECT_EQ(doorkeeper.ended, doorkeeper.admitted);
+        XPC::renewed();
     }
 
     void offer() { transport->resume(doorkeeper, helper); }
@@ -223,7 +222,7 @@ TEST_F(XPCLimitsTest, TakesNoReplyFromAHelperThatAnybodyElseHasSigned) {
     offer();
     const auto client = connectToHelper();
 
-    xpc.setRequirement(helpersRequirement, false);
+    xpc.setRequirement(test::helperRequirement, false);
 
     EXPECT_EQ(
         sentenceOf([&] { client->firewallReport(); }),

@@ -18,7 +18,9 @@ namespace gnustep::libobjc {
 /// a class is to be caught.
 class __objc_class_type_info : public std::type_info {
 public:
-    explicit __objc_class_type_info(const char* name) : std::type_info(name) {}
+    explicit __objc_class_type_info(const char* name) noexcept : std::type_info(name) {}
+    __objc_class_type_info(const __objc_class_type_info&) = delete;
+    __objc_class_type_info& operator=(const __objc_class_type_info&) = delete;
     ~__objc_class_type_info() override;
 
     bool __is_pointer_p() const override;
@@ -55,7 +57,7 @@ extern gnustep::libobjc::__objc_class_type_info __objc_id_type_info;
 gnustep::libobjc::__objc_class_type_info __objc_id_type_info("id");
 
 [[noreturn]] void objc_exception_throw(Object* object) {
-    void* const thrown = abi::__cxa_allocate_exception(sizeof object);
+    void* const thrown = abi::__cxa_allocate_exception(sizeof(void*));
     *static_cast<Object**>(thrown) = retain(object);
     abi::__cxa_throw(thrown, &__objc_id_type_info, [](void* exception) {
         release(*static_cast<Object**>(exception));

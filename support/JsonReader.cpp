@@ -6,6 +6,7 @@
 #include <charconv>
 
 #include "support/Decimal.h"
+#include "support/JsonPlaces.h"
 #include "support/JsonText.h"
 #include "support/Text.h"
 
@@ -62,10 +63,15 @@ JsonReader::JsonReader(std::string_view json)
     }
 }
 
+JsonReader::JsonReader(std::string_view json, std::vector<JsonMismatch>& mismatches)
+    : JsonReader(json) {
+    mismatches_ = &mismatches;
+}
+
 void JsonReader::read(bool& value) {
     const char* const start = nextToken();
     if (peek() != 't' && peek() != 'f') {
-        failValue(start, "true or false");
+        return failValue(start, "true or false");
     }
     value = peek() == 't';
     takeLiteral(value ? "true" : "false");
@@ -74,11 +80,11 @@ void JsonReader::read(bool& value) {
 void JsonReader::read(std::int64_t& value) {
     const char* const start = nextToken();
     if (peek() != '-' && !isDigit(peek())) {
-        failValue(start, "an integer");
+        return failValue(start, "an integer");
     }
     const auto integer = exactInteger(takeNumber());
     if (!integer) {
-        failValue(start, "an integer of 64 bits");
+        return failValue(start, "an integer of 64 bits");
     }
     value = *integer;
 }
@@ -86,11 +92,11 @@ void JsonReader::read(std::int64_t& value) {
 void JsonReader::read(double& value) {
     const char* const start = nextToken();
     if (peek() != '-' && !isDigit(peek())) {
-        failValue(start, "a number");
+        return failValue(start, "a number");
     }
     const auto number = nearestDouble(takeNumber());
     if (!number) {
-        failValue(start, "a number in the range of a double");
+        return failValue(start, "a number in the range of a double");
     }
     value = *number;
 }
@@ -98,7 +104,7 @@ void JsonReader::read(double& value) {
 void JsonReader::read(std::string& value) {
     const char* const start = nextToken();
     if (peek() != '"') {
-        failValue(start, "a string");
+        return failValue(start, "a string");
     }
     value = takeString();
 }
@@ -182,20 +188,14 @@ void JsonReader::end() {
     }
 }
 
-bool JsonReader::beginArray() {
+/// Whether the next value begins so; a mismatch if it doesn't.
+bool JsonReader::expect(char open, std::string_view what) {
     const char* const start = nextToken();
-    if (peek() != '[') {
-        failValue(start, "an array");
+    if (peek() != open) {
+        failValue(start, what);
+        return false;
     }
-    return enter(']');
-}
-
-bool JsonReader::beginObject() {
-    const char* const start = nextToken();
-    if (peek() != '{') {
-        failValue(start, "an object");
-    }
-    return enter('}');
+    return true;
 }
 
 std::string_view JsonReader::key() {
@@ -364,30 +364,31 @@ void JsonReader::failSyntax(std::string_view expected) const {
 }
 
 void JsonReader::failAt(const char* place, std::string_view problem) const {
-    const auto line = 1 + std::count(begin_, place, '\n');
-    const char* lineStart = place;
-    while (lineStart != begin_ && lineStart[-1] != '\n') {
-        --lineStart;
-    }
-    const auto column =
-        1 + std::count_if(lineStart, place, [](char c) { return !isContinuation(c); });
-    throw JsonError(
-        std::string(problem) + " at line " + std::to_string(line) + ", column " +
-        std::to_string(column));
+    const std::string_view before(begin_, static_cast<std::size_t>(place - begin_));
+    throw JsonSyntaxError(std::string(problem), endOf(before));
 }
 
 void JsonReader::failValue(const char* value, std::string_view expected) {
-    next_ = value;
-    skip();
-    const std::string_view written(value, static_cast<std::size_t>(next_ - value));
-    throw JsonError(
-        "expected " + std::string(expected) + " at " + pathTo(value) + ", found " +
-        (*value == '{'   ? "an object"
-         : *value == '[' ? "an array"
-                         : shortened(written)));
+    const auto found = passWrong(value);
+    const auto start = "expected " + std::string(expected);
+    const auto end = ", found " + (*value == '{'   ? "an object"
+                                   : *value == '[' ? "an array"
+                                                   : shortened(found));
+    if (mismatches_ == nullptr) {
+        throw JsonError(start + " at " + pathTo(value) + end);
+    }
+    mismatches_->push_back({.value = value, .problem = start + end});
 }
 
 void JsonReader::failWord(const char* value, std::span<const std::string_view> words) {
+    if (mismatches_ != nullptr && *value == '"') {
+        auto problem = shortened(passWrong(value)) + " is not one of ";
+        for (const auto word : words) {
+            problem.append(word == words.front() ? "" : ", ").append(word);
+        }
+        mismatches_->push_back({.value = value, .problem = std::move(problem)});
+        return;
+    }
     std::string expected;
     for (std::size_t i = 0; i < words.size(); ++i) {
         if (i > 0) {
@@ -398,62 +399,39 @@ void JsonReader::failWord(const char* value, std::span<const std::string_view> w
     failValue(value, expected);
 }
 
-void JsonReader::failMissing(const char* object, std::string_view key) const {
-    throw JsonError("missing key \"" + std::string(key) + "\" at " + pathTo(object));
+void JsonReader::failMissing(const char* object, std::string_view key) {
+    const auto problem = "missing key \"" + std::string(key) + "\"";
+    if (mismatches_ == nullptr) {
+        throw JsonError(problem + " at " + pathTo(object));
+    }
+    mismatches_->push_back({.value = object, .problem = problem});
 }
 
-std::string JsonReader::pathTo(const char* place) const {
-    // Everything before the place has been read and is well-formed.
-    struct Level {
-        bool isObject;
-        bool keyFollows;
-        std::string_view key;  ///< as written, with its quotes
-        std::size_t index;
-    };
-    std::vector<Level> levels;
-    for (const char* next = begin_; next != place; ++next) {
-        switch (*next) {
-            case '{':
-            case '[':
-                levels.push_back(
-                    {.isObject = *next == '{', .keyFollows = *next == '{', .key = {}, .index = 0});
-                break;
-            case '}':
-            case ']':
-                levels.pop_back();
-                break;
-            case ',':
-                levels.back().keyFollows = levels.back().isObject;
-                ++levels.back().index;
-                break;
-            case '"': {
-                const char* const start = next++;
-                while (*next != '"') {
-                    next += *next == '\\' ? 2 : 1;
-                }
-                if (levels.back().keyFollows) {
-                    levels.back().key = {start, static_cast<std::size_t>(next + 1 - start)};
-                    levels.back().keyFollows = false;
-                }
-                break;
-            }
-            default:
-                break;
-        }
+/// Passes the value of a member that no field asks for.
+void JsonReader::passIgnored(bool isRepeated) {
+    const char* const value = nextToken();
+    skip();
+    if (mismatches_ != nullptr) {
+        mismatches_->push_back(
+            {.value = value,
+             .problem = isRepeated ? "repeated key, ignored: the first one counts"
+                                   : "unknown key, ignored",
+             .isIgnored = true});
     }
+}
 
-    if (levels.empty()) {
-        return "the top level";
-    }
-    std::string path;
-    for (const Level& level : levels) {
-        if (!level.isObject) {
-            path.append("[").append(std::to_string(level.index)).append("]");
-        } else {
-            path.append(path.empty() ? "" : ".").append(level.key.substr(1, level.key.size() - 2));
-        }
-    }
-    return path;
+/// Passes a value that is not what was expected; returns it as it is written.
+std::string_view JsonReader::passWrong(const char* value) {
+    next_ = value;
+    skip();
+    return {value, static_cast<std::size_t>(next_ - value)};
+}
+
+std::string JsonReader::pathTo(const char* value) const {
+    JsonWalk walk({begin_, static_cast<std::size_t>(end_ - begin_)});
+    walk.goTo(value);
+    const auto path = walk.path();
+    return path.empty() ? "the top level" : path;
 }
 
 }  // namespace tarnvale::support

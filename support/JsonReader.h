@@ -39,6 +39,13 @@ inline constexpr std::size_t maxJsonDepth = 512;
 template <class T>
 T decodeJson(std::string_view json);
 
+/// Something about a value, which begins at `value`, that doesn't fit its field.
+struct JsonMismatch {
+    const char* value = nullptr;  ///< the object itself where a key is missing
+    std::string problem;          ///< such as `expected a string, found 1`
+    bool isIgnored = false;       ///< a member that no field asks for: harmless to whoever reads on
+};
+
 /// Calls `body` with each member and its place until one call returns true. Returns whether one
 /// did.
 template <JsonRecord T, class Body>
@@ -54,6 +61,10 @@ class JsonReader {
 public:
     /// The text must outlive the reader.
     explicit JsonReader(std::string_view json);
+
+    /// Reads on behind values that don't fit their fields, which stay as they are, and notes them
+    /// all. Still throws where the text isn't JSON.
+    JsonReader(std::string_view json, std::vector<JsonMismatch>& mismatches);
 
     void read(bool& value);
     void read(std::int64_t& value);
@@ -89,8 +100,7 @@ private:
         }
         return next_;
     }
-    bool beginArray();
-    bool beginObject();
+    bool expect(char open, std::string_view what);
     bool anotherFollows(char close);
     bool takeKey(std::string_view key);
     std::string_view key();
@@ -111,10 +121,14 @@ private:
 
     [[noreturn]] void failSyntax(std::string_view expected) const;
     [[noreturn]] void failAt(const char* place, std::string_view problem) const;
-    [[noreturn]] void failValue(const char* value, std::string_view expected);
-    [[noreturn]] void failWord(const char* value, std::span<const std::string_view> words);
-    [[noreturn]] void failMissing(const char* object, std::string_view key) const;
-    std::string pathTo(const char* place) const;
+
+    // Each of these throws, or notes the mismatch and leaves the reader behind the value.
+    void failValue(const char* value, std::string_view expected);
+    void failWord(const char* value, std::span<const std::string_view> words);
+    void failMissing(const char* object, std::string_view key);
+    void passIgnored(bool isRepeated);
+    std::string_view passWrong(const char* value);
+    std::string pathTo(const char* value) const;
 
     template <class T>
     static constexpr bool isOptional(const T& /*field*/) {
@@ -137,6 +151,7 @@ private:
     const char* end_;
     std::size_t depth_ = 0;  ///< objects and arrays that are open
     std::string unescaped_;  ///< the meaning of the last string with escapes
+    std::vector<JsonMismatch>* mismatches_ = nullptr;  ///< null to throw instead
 };
 
 inline bool JsonReader::anotherFollows(char close) {
@@ -191,7 +206,10 @@ void JsonReader::read(std::optional<T>& value) {
 template <class T>
 void JsonReader::read(std::vector<T>& values) {
     values.clear();
-    for (bool open = beginArray(); open; open = anotherFollows(']')) {
+    if (!expect('[', "an array")) {
+        return;
+    }
+    for (bool open = enter(']'); open; open = anotherFollows(']')) {
         read(values.emplace_back());
     }
 }
@@ -199,7 +217,10 @@ void JsonReader::read(std::vector<T>& values) {
 template <class T>
 void JsonReader::read(std::map<std::string, T, std::less<>>& values) {
     values.clear();
-    for (bool open = beginObject(); open; open = anotherFollows('}')) {
+    if (!expect('{', "an object")) {
+        return;
+    }
+    for (bool open = enter('}'); open; open = anotherFollows('}')) {
         const auto [place, isFirst] = values.try_emplace(std::string(key()));
         if (isFirst) {
             read(place->second);
@@ -238,7 +259,10 @@ template <JsonRecord T>
 void JsonReader::read(T& record) {
     std::array<bool, jsonMemberCount<T>> seen{};
     const char* const start = nextToken();
-    bool open = beginObject();
+    if (!expect('{', "an object")) {
+        return;
+    }
+    bool open = enter('}');
 
     // Most writers keep to the order of the fields, so try that first.
     anyJsonMember<T>([&](const auto& member, std::size_t i) {
@@ -253,8 +277,13 @@ void JsonReader::read(T& record) {
     // The remaining members are out of order, repeated or unknown.
     while (open) {
         const std::string_view name = key();
+        bool isRepeated = false;
         const bool wasRead = anyJsonMember<T>([&](const auto& member, std::size_t i) {
-            if (seen[i] || name != member.key) {
+            if (name != member.key) {
+                return false;
+            }
+            isRepeated = seen[i];
+            if (isRepeated) {
                 return false;
             }
             seen[i] = true;
@@ -262,7 +291,7 @@ void JsonReader::read(T& record) {
             return true;
         });
         if (!wasRead) {
-            skip();
+            passIgnored(isRepeated);
         }
         open = anotherFollows('}');
     }

@@ -3,6 +3,7 @@
 // Policy documents and store files. What was read from either comes back after it has been written,
 // always in the form of the store's file.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
@@ -12,6 +13,7 @@
 
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
+#include "support/JsonProblems.h"
 #include "support/JsonWriter.h"
 
 namespace tarnvale::NetworkFirewall {
@@ -33,7 +35,16 @@ std::optional<std::vector<FirewallNetworkPolicy>> policies(std::string_view text
     }
 }
 
+/// Whether every problem that is found in the text is harmless.
+bool isAccepted(std::string_view text) {
+    std::vector<FirewallNetworkPolicy> networks;
+    return std::ranges::all_of(
+        support::jsonProblems(text, networks), &support::JsonProblem::isIgnored);
+}
+
 void check(std::string_view text) {
+    require(isAccepted(text) == policies(text).has_value());
+
     const auto store = decodeStore(text);
     if (store) {
         const std::string written = encodeStore(*store);

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+
+#include "firewall/analysis/Words.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace tarnvale::FirewallAnalysis {
+namespace {
+
+using NetworkFirewall::FirewallRule;
+using Action = FirewallRule::Action;
+using Direction = FirewallRule::Direction;
+using Proto = FirewallRule::Proto;
+
+FirewallRule rule(
+    Action action, Proto proto, std::string remote, std::string ports, Direction direction) {
+    return {
+        .id = {},
+        .enabled = true,
+        .direction = direction,
+        .action = action,
+        .proto = proto,
+        .remoteCIDR = std::move(remote),
+        .ports = std::move(ports)};
+}
+
+TEST(WordsTest, SayWhatARuleSays) {
+    constexpr auto in = Direction::inbound;
+    constexpr auto out = Direction::outbound;
+    struct Case {
+        FirewallRule rule;
+        const char* words = nullptr;
+    };
+    const std::vector<Case> cases{
+        {rule(Action::deny, Proto::any, "10.0.0.0/8", "", out), "deny 10.0.0.0/8"},
+        {rule(Action::allow, Proto::tcp, "any", "22", in), "allow tcp 22"},
+        {rule(Action::allow, Proto::tcp, " ANY ", "8000:8080", in), "allow tcp 8000-8080"},
+        {rule(Action::deny, Proto::udp, "1.1.1.1", "53", out), "deny udp 53 to 1.1.1.1/32"},
+        {rule(Action::deny, Proto::udp, "1.1.1.1/8", "53", in), "deny udp 53 from 1.1.1.1/8"},
+        {rule(Action::allow, Proto::any, "any", "443", in), "allow tcp and udp 443"},
+        {rule(Action::deny, Proto::icmp, "any", "80", in), "deny icmp"},
+        {rule(Action::allow, Proto::any, "", " ", in), "allow everything"},
+        {rule(Action::allow, Proto::any, "office\n", "x", in),
+         R"(allow tcp and udp "x" from "office ")"}};
+    for (const auto& [rule, expected] : cases) {
+        EXPECT_EQ(words(rule), expected);
+    }
+}
+
+TEST(WordsTest, SayPorts) {
+    EXPECT_EQ(words(PortRange{.first = 22, .last = 22}), "22");
+    EXPECT_EQ(words(PortRange{.first = 22, .last = 23}), "22-23");
+}
+
+}  // namespace
+}  // namespace tarnvale::FirewallAnalysis

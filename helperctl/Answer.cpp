@@ -54,6 +54,9 @@ void printText(const Answer& answer, std::ostream& output, std::ostream& errors)
         printHeading("Ruleset", output);
         output << *answer.ruleset;
     }
+    if (answer.explanation) {
+        printText(*answer.explanation, output);
+    }
     if (answer.error) {
         errors << *answer.error << '\n';
     }

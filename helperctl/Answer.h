@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "helperctl/Arguments.h"
+#include "helperctl/Explanation.h"
 #include "support/Json.h"
 #include "support/Uuid.h"
 
@@ -24,6 +25,10 @@ inline constexpr int refusedOrFailed = 1;
 inline constexpr int usageError = 2;
 inline constexpr int notReachable = 3;
 inline constexpr int notAdmitted = 4;
+
+/// Of the forms that docs/helperctl-json.md describes; a change that readers would notice raises
+/// it.
+inline constexpr std::int64_t formatVersion = 1;
 
 /// A network that may not be enforced.
 struct RefusedNetwork {
@@ -61,6 +66,8 @@ struct Answer {
     std::optional<std::vector<std::string>> droppedClaims;
     std::optional<std::string> hint;
     std::optional<std::string> ruleset;
+    std::optional<std::int64_t> formatVersion;  ///< of the members below
+    std::optional<Explanation> explanation;
     std::optional<std::string> error;
 
     bool operator==(const Answer&) const = default;
@@ -111,6 +118,8 @@ constexpr auto jsonMembers(std::type_identity<Answer> /*type*/) {
         support::JsonMember{"droppedClaims", &Answer::droppedClaims},
         support::JsonMember{"hint", &Answer::hint},
         support::JsonMember{"ruleset", &Answer::ruleset},
+        support::JsonMember{"formatVersion", &Answer::formatVersion},
+        support::JsonMember{"explanation", &Answer::explanation},
         support::JsonMember{"error", &Answer::error}};
 }
 

@@ -2,6 +2,8 @@
 
 #include "helperctl/Arguments.h"
 
+#include <vector>
+
 #include <CLI/CLI.hpp>
 
 #include "helperctl/Answer.h"
@@ -56,6 +58,7 @@ private:
             command->add_option("FILE", arguments_.file)->required();
         }
         add(app_, "remove", Command::remove);
+        addExplain();
 
         auto& vlan = addGroup(app_, "vlan");
         auto& create = add(vlan, "create", Command::createVLAN);
@@ -74,6 +77,20 @@ private:
         add(resolver, "off", Command::resolverOff);
 
         add(app_, "shutdown", Command::shutdown);
+    }
+
+    void addExplain() {
+        auto& explain = add(app_, "explain", Command::explain);
+        explain.add_option("FILE", arguments_.file)->required();
+        explain
+            .add_option_function<std::vector<std::string>>(
+                "PACKET",
+                [this](const auto& words) {
+                    for (const auto& word : words) {
+                        arguments_.packet += (arguments_.packet.empty() ? "" : " ") + word;
+                    }
+                })
+            ->required();
     }
 
     void readFormat(const std::string& word) {

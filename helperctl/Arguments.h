@@ -15,6 +15,7 @@ enum class Command {
     version,
     status,
     preview,
+    explain,
     apply,
     remove,
     createVLAN,
@@ -32,7 +33,8 @@ struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
     std::optional<std::string> user;  ///< the user to act as
-    std::string file;                 ///< for `preview` and `apply`
+    std::string file;                 ///< for `preview`, `explain` and `apply`
+    std::string packet;               ///< for `explain`
     std::string name;                 ///< for `createVLAN` the display name
     std::int64_t tag = 0;
     std::string parentBSD;

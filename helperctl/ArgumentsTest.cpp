@@ -59,6 +59,7 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"version"}, Command::version},
         {{"status"}, Command::status},
         {{"preview", "a.json"}, Command::preview},
+        {{"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}, Command::explain},
         {{"apply", "a.json"}, Command::apply},
         {{"remove"}, Command::remove},
         {{"vlan", "create", "Office", "7", "en0"}, Command::createVLAN},
@@ -81,6 +82,13 @@ TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"preview", "a.json"}).file, "a.json");
     EXPECT_EQ(arguments({"apply", "-"}).file, "-");
     EXPECT_EQ(arguments({"vlan", "delete", "vlan0"}).bsdName, "vlan0");
+    EXPECT_EQ(arguments({"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}).file, "a.json");
+    EXPECT_EQ(
+        arguments({"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}).packet,
+        "icmp 1.1.1.1 -> 2.2.2.2");
+    EXPECT_EQ(
+        arguments({"explain", "-", "icmp", "1.1.1.1", "to", "2.2.2.2", "--format", "json"}).packet,
+        "icmp 1.1.1.1 to 2.2.2.2");
 
     const auto create = arguments({"vlan", "create", "Büro 2", "7", "en0"});
     EXPECT_EQ(create.name, "Büro 2");
@@ -124,6 +132,7 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"vlan", "rename"}, "The following argument was not expected: rename"},
         {{"apply"}, "FILE is required"},
         {{"preview"}, "FILE is required"},
+        {{"explain", "a.json"}, "PACKET is required"},
         {{"vlan", "create", "a", "7"}, "PARENT is required"},
         {{"vlan", "create", "a", "x", "b"}, "TAG: \"x\" is no number"},
         {{"vlan", "create", "a", "9223372036854775808", "b"},
@@ -173,6 +182,7 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
          {"  version  ",
           "  status  ",
           "  preview FILE  ",
+          "  explain FILE PACKET  ",
           "  apply FILE  ",
           "  remove  ",
           "  vlan create NAME TAG PARENT  ",

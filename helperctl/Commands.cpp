@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include "helperctl/Explain.h"
+#include "helperctl/NamedRuleset.h"
 #include "helperctl/PolicyFile.h"
 #include "helperctl/Preview.h"
 #include "helperctl/StoredNetworks.h"
@@ -18,7 +20,24 @@ namespace {
 using platform::HelperClientError;
 
 bool isChange(Command command) {
-    return command != Command::version && command != Command::status && command != Command::preview;
+    switch (command) {
+        case Command::version:
+        case Command::status:
+        case Command::preview:
+        case Command::explain:
+            return false;
+        case Command::apply:
+        case Command::remove:
+        case Command::createVLAN:
+        case Command::deleteVLAN:
+        case Command::installLink:
+        case Command::removeLink:
+        case Command::resolverOn:
+        case Command::resolverOff:
+        case Command::shutdown:
+            break;
+    }
+    return true;
 }
 
 /// The outcome of a request with a result, which becomes this member of the answer.
@@ -51,6 +70,17 @@ Outcome status(const Connect& connect) {
     return outcome;
 }
 
+/// What becomes of the packet if the file is applied.
+Outcome explain(const Arguments& arguments) {
+    const auto packet = FirewallAnalysis::parsePacket(arguments.packet);
+    const auto rules =
+        NamedRuleset::ofFile(readPolicyFile(arguments.file), NetworkFirewall::hostAddresses());
+    Outcome outcome;
+    outcome.answer.formatVersion = formatVersion;
+    outcome.answer.explanation = explain(rules, packet);
+    return outcome;
+}
+
 Outcome perform(const Arguments& arguments, const Connect& connect) {
     switch (arguments.command) {
         case Command::version:
@@ -61,6 +91,8 @@ Outcome perform(const Arguments& arguments, const Connect& connect) {
         case Command::preview:
             return preview(
                 readPolicyFile(arguments.file), NetworkFirewall::hostAddresses(), ::geteuid());
+        case Command::explain:
+            return explain(arguments);
         case Command::apply:
             return apply(arguments.file, connect);
         case Command::remove:

@@ -12,6 +12,7 @@
 
 #include "tests/support/FakeHelper.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/PolicyText.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -91,7 +92,7 @@ TEST_F(CommandsTest, LetsNobodyElseChangeAnything) {
 }
 
 TEST_F(CommandsTest, LetsEverybodyLook) {
-    for (auto look : {Command::version, Command::status, Command::preview}) {
+    for (auto look : {Command::version, Command::status, Command::preview, Command::explain}) {
         auto arguments = command(look);
         EXPECT_EQ(refusal(arguments, 501), std::nullopt);
         arguments.user = "bob";
@@ -246,6 +247,27 @@ TEST_F(CommandsTest, PreviewsWithoutTheHelper) {
     EXPECT_EQ(
         run(arguments),
         failure("Could not read the firewall policy: expected an object at [0], found 1"));
+}
+
+TEST_F(CommandsTest, ExplainsAPacketWithoutTheHelper) {
+    test::put(path, test::policyText({{}}));
+    auto arguments = command(Command::explain);
+    arguments.file = path;
+    arguments.packet = "tcp 1.1.1.1 -> 192.168.64.2:22";
+
+    const auto outcome = run(arguments);
+
+    EXPECT_EQ(outcome.status, done);
+    EXPECT_EQ(outcome.answer.formatVersion, formatVersion);
+    ASSERT_TRUE(outcome.answer.explanation);
+    EXPECT_EQ(
+        outcome.answer.explanation->sentence, "blocked, by the default for inbound traffic of Lab");
+    EXPECT_THAT(conversation.calls, IsEmpty());
+
+    arguments.packet = "icmp 1.1.1.1";
+    EXPECT_THAT(
+        run(arguments).answer.error.value(), StartsWith("\"icmp 1.1.1.1\" isn't a packet. "));
+    EXPECT_EQ(run(arguments).status, refusedOrFailed);
 }
 
 }  // namespace

@@ -19,7 +19,9 @@ COMMANDS
   status                       print what the packet filter enforces; for root,
                                also which stored networks it doesn't, and why
   preview FILE                 print what applying FILE would come to
-
+  explain FILE PACKET          print what would become of PACKET if FILE were
+                               applied, by which line, and what else was looked
+                               at before
   apply FILE                   enforce these networks and no others of this user
   remove                       enforce none of this user's networks
   vlan create NAME TAG PARENT  make a VLAN interface on the interface PARENT,
@@ -34,6 +36,12 @@ COMMANDS
   the helper's own rules what FILE would come to on this machine if no other
   user had networks.
 
+  PACKET opens a connection and is written as in "tcp 192.168.64.2 ->
+  10.1.2.3:443": tcp, udp, icmp or a protocol's number, where from, "->" or
+  "to", where to. In a shell, "->" takes quotation marks. Only tcp and udp have
+  ports. The port that it comes from may be left out; only the DHCP lines look
+  at it.
+
 OPTIONS
   --format text    results as text on standard output, problems on standard
                    error; this is the default
@@ -47,12 +55,13 @@ OPTIONS
 WHO MAY
   The helper admits this program, and anybody can run it. So that no program
   takes it for a proxy, every command that changes something (all but version,
-  status and preview) runs only for root, who may act for a user by --user.
-  Which changes that user may make is for the helper to say.
+  status, preview and explain) runs only for root, who may act for a user by
+  --user. Which changes that user may make is for the helper to say.
 
 JSON
   A member that a command has nothing to say for is left out; a command that
-  succeeds without a result prints {}.
+  succeeds without a result prints {}. docs/helperctl.schema.json has the forms
+  of what is marked by formatVersion.
 
   error          every command: why it failed
   version        version
@@ -60,6 +69,8 @@ JSON
   summary        apply, preview: what is enforced of this user's networks
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
+  explanation    explain: what becomes of the packet, and why
+  formatVersion  explain: 1, until the form of that member changes
   refused        preview, status: networks that are not enforced, each with
                  networkID, name and problem
   skippedRules   preview, status: networks some of whose rules are left out,
@@ -82,6 +93,7 @@ EXIT STATUS
 
 EXAMPLES
   tarnvale-helperctl preview lab.json
+  tarnvale-helperctl explain lab.json "udp 192.168.64.2 -> 10.1.2.3:53"
   sudo tarnvale-helperctl apply lab.json
   sudo tarnvale-helperctl --user ada apply - <lab.json
   tarnvale-helperctl --format json status

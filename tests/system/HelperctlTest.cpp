@@ -335,6 +335,28 @@ TEST(HelperctlAloneTest, UnderstandsItsCommandLineOrSaysWhy) {
     EXPECT_EQ(help.error, "");
 }
 
+TEST(HelperctlAloneTest, ExplainsAPacket) {
+    EXPECT_THAT(
+        runUnsigned({"explain", labPath, "tcp 192.168.64.2 -> 10.1.2.3:443"}),
+        Prints(
+            0,
+            "blocked, by rule 2 of Lab (deny 10.0.0.0/8)\n"
+            "\n"
+            "in from Lab: blocked by rule 2 (deny 10.0.0.0/8), [0].policy.rules[1]\n"
+            "    block drop in quick from 192.168.64.0/24 to 10.0.0.0/8\n"
+            "  looked at before:\n"
+            "    the DHCP line: another protocol\n"
+            "    the DNS line for udp: another protocol\n"
+            "    the DNS line for tcp: another address\n"));
+    EXPECT_THAT(
+        runUnsigned({"explain", labPath, "tcp 192.168.64.2 10.1.2.3", "--format", "json"}),
+        Prints(
+            1,
+            R"({"error":"\"tcp 192.168.64.2 10.1.2.3\" isn't a packet. A packet is written as in )"
+            R"(\"tcp 192.168.64.2 -> 10.1.2.3:443\" or \"icmp 192.168.64.2 -> 10.1.2.3\"."})"
+            "\n"));
+}
+
 TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
     EXPECT_THAT(
         runUnsigned({"apply", "/tmp/none"}),

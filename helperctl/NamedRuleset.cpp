@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/NamedRuleset.h"
+
+#include <cstdint>
+
+#include "firewall/analysis/Words.h"
+#include "firewall/policy/AnchorText.h"
+#include "firewall/policy/PolicyJson.h"
+#include "support/Text.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+using FirewallAnalysis::Direction;
+using FirewallAnalysis::Line;
+using NetworkFirewall::FirewallNetworkPolicy;
+
+/// The lines that the network has in the ruleset's text.
+std::vector<std::string> writtenLines(const FirewallNetworkPolicy& network) {
+    std::vector<std::string> lines;
+    const std::string anchor = NetworkFirewall::anchorText({&network, 1}, {});
+    for (const std::string_view line : support::split(anchor, '\n')) {
+        if (!line.empty() && line.front() != '#') {
+            lines.emplace_back(line);
+        }
+    }
+    return lines;
+}
+
+const char* word(Line::Origin origin) {
+    switch (origin) {
+        case Line::Origin::dhcp:
+            return "dhcp";
+        case Line::Origin::dns:
+            return "dns";
+        case Line::Origin::rule:
+            return "rule";
+        case Line::Origin::byDefault:
+            break;
+    }
+    return "default";
+}
+
+std::string wordsFor(const Line& line, const FirewallNetworkPolicy& network) {
+    switch (line.origin) {
+        case Line::Origin::dhcp:
+            return "the DHCP line";
+        case Line::Origin::dns:
+            return line.kinds.contains(FirewallAnalysis::Kind::tcp) ? "the DNS line for tcp"
+                                                                    : "the DNS line for udp";
+        case Line::Origin::rule:
+            return "rule " + std::to_string(line.ruleNumber) + " (" +
+                   onOneLine(
+                       FirewallAnalysis::words(network.policy.rules.at(line.ruleNumber - 1))) +
+                   ")";
+        case Line::Origin::byDefault:
+            break;
+    }
+    return line.direction == Direction::in ? "the default for outbound traffic"
+                                           : "the default for inbound traffic";
+}
+
+}  // namespace
+
+std::string onOneLine(std::string_view text) {
+    std::string line;
+    support::appendOnOneLine(line, text);
+    for (char& c : line) {
+        const auto byte = static_cast<unsigned char>(c);
+        c = byte < ' ' || byte == 0x7F ? ' ' : c;
+    }
+    return line;
+}
+
+NamedRuleset NamedRuleset::ofFile(
+    std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts) {
+    NamedRuleset named;
+    named.list_ =
+        FirewallAnalysis::enforcedList(NetworkFirewall::decodePolicyData(policyData), hosts);
+    return named;
+}
+
+std::string NamedRuleset::networkName(std::size_t network) const {
+    return onOneLine(list_.networks.at(list_.places.at(network)).policy.name);
+}
+
+std::vector<ExplainedLine> NamedRuleset::explainedLines(std::size_t network) const {
+    const std::size_t place = list_.places.at(network);
+    const FirewallNetworkPolicy& policy = list_.networks.at(place).policy;
+    const std::vector<std::string> texts = writtenLines(policy);
+    std::vector<ExplainedLine> lines;
+    lines.reserve(texts.size());
+    for (const Line& line : ruleset().networks.at(network).lines) {
+        ExplainedLine& explained = lines.emplace_back();
+        explained.line = texts.at(lines.size() - 1);
+        explained.origin = word(line.origin);
+        explained.words = wordsFor(line, policy);
+        if (line.ruleNumber != 0) {
+            explained.rule = static_cast<std::int64_t>(line.ruleNumber);
+            explained.path = "[" + std::to_string(place) + "].policy.rules[" +
+                             std::to_string(line.ruleNumber - 1) + "]";
+        }
+    }
+    return lines;
+}
+
+const NetworkFirewall::FirewallRule* NamedRuleset::ruleOf(
+    std::size_t network, std::size_t line) const {
+    const std::size_t number = ruleset().networks.at(network).lines.at(line).ruleNumber;
+    return number == 0
+               ? nullptr
+               : &list_.networks.at(list_.places.at(network)).policy.policy.rules.at(number - 1);
+}
+
+}  // namespace tarnvale::helperctl

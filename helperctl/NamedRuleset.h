@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+//
+// A ruleset with what people call its parts: the names of networks, the texts of lines, where a
+// rule stands in the file.
+
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "firewall/analysis/Enforced.h"
+#include "firewall/analysis/Verdict.h"
+#include "helperctl/Explanation.h"
+#include "platform/HostAddresses.h"
+
+namespace tarnvale::helperctl {
+
+/// Text of a user's, fit for a terminal: on one line and without control characters.
+std::string onOneLine(std::string_view text);
+
+class NamedRuleset {
+public:
+    /// What an applied file comes to. Throws `HelperFirewall::HelperError` for data that is not a
+    /// policy.
+    static NamedRuleset ofFile(
+        std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts);
+
+    const FirewallAnalysis::Ruleset& ruleset() const { return list_.ruleset; }
+    const FirewallAnalysis::EnforcedList& list() const { return list_; }
+
+    /// The name of a network of the ruleset.
+    std::string networkName(std::size_t network) const;
+
+    /// Its lines, and what gave them.
+    std::vector<ExplainedLine> explainedLines(std::size_t network) const;
+
+    /// The rule that gave the line; nothing if none did, or if it isn't known.
+    const NetworkFirewall::FirewallRule* ruleOf(std::size_t network, std::size_t line) const;
+
+private:
+    FirewallAnalysis::EnforcedList list_;
+};
+
+}  // namespace tarnvale::helperctl

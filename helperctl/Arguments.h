@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Reads the command line of tarnvale-helperctl.
+// Reads the command line of tarnvale-helperctl. CommandForms.h says which words it takes.
 
 #pragma once
 
@@ -16,6 +16,7 @@ enum class Command {
     status,
     preview,
     explain,
+    validate,
     apply,
     remove,
     createVLAN,
@@ -25,6 +26,8 @@ enum class Command {
     resolverOn,
     resolverOff,
     shutdown,
+    help,
+    toolVersion,
 };
 
 enum class Format { text, json };
@@ -33,12 +36,14 @@ struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
     std::optional<std::string> user;  ///< the user to act as
-    std::string file;                 ///< for `preview`, `explain` and `apply`
+    std::string file;                 ///< for `preview`, `validate`, `explain` and `apply`
     std::string packet;               ///< for `explain`
     std::string name;                 ///< for `createVLAN` the display name
     std::int64_t tag = 0;
     std::string parentBSD;
     std::string bsdName;  ///< for `deleteVLAN`
+    std::string topic;    ///< for `help`: the command, if any
+    std::string subtopic;
 };
 
 /// What to print instead of running a command: the requested help, or what is wrong with the

@@ -3,13 +3,17 @@
 #include "helperctl/Arguments.h"
 
 #include <limits>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "helperctl/Answer.h"
+#include "helperctl/CommandForms.h"
+#include "helperctl/Console.h"
 #include "helperctl/Help.h"
 #include "support/Text.h"
 
@@ -60,6 +64,7 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"status"}, Command::status},
         {{"preview", "a.json"}, Command::preview},
         {{"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}, Command::explain},
+        {{"validate", "a.json"}, Command::validate},
         {{"apply", "a.json"}, Command::apply},
         {{"remove"}, Command::remove},
         {{"vlan", "create", "Office", "7", "en0"}, Command::createVLAN},
@@ -68,7 +73,8 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"link", "remove"}, Command::removeLink},
         {{"resolver", "on"}, Command::resolverOn},
         {{"resolver", "off"}, Command::resolverOff},
-        {{"shutdown"}, Command::shutdown}};
+        {{"shutdown"}, Command::shutdown},
+        {{"--version"}, Command::toolVersion}};
     for (const auto& [words, command] : cases) {
         const auto parsed = arguments(words);
 
@@ -89,6 +95,9 @@ TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(
         arguments({"explain", "-", "icmp", "1.1.1.1", "to", "2.2.2.2", "--format", "json"}).packet,
         "icmp 1.1.1.1 to 2.2.2.2");
+    EXPECT_EQ(
+        arguments({"explain", "-", "icmp", "1.1.1.1", "->", "2.2.2.2"}).packet,
+        "icmp 1.1.1.1 -> 2.2.2.2");
 
     const auto create = arguments({"vlan", "create", "Büro 2", "7", "en0"});
     EXPECT_EQ(create.name, "Büro 2");
@@ -127,9 +136,21 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
     };
     const std::vector<Case> cases{
         {{}, "A command is required"},
-        {{"vlan"}, "A command is required"},
+        {{"vlan"}, "A command is required\nAfter vlan comes create or delete."},
         {{"destroy"}, "The following argument was not expected: destroy"},
-        {{"vlan", "rename"}, "The following argument was not expected: rename"},
+        {{"vlan", "rename"},
+         "The following argument was not expected: rename\nAfter vlan comes create or delete."},
+        {{"stauts"}, "The following argument was not expected: stauts\nDid you mean status?"},
+        {{"aply", "a"}, "The following argument was not expected: aply\nDid you mean apply?"},
+        {{"vlan", "craete"},
+         "The following argument was not expected: craete\nDid you mean create?"},
+        {{"status", "--fromat", "json"},
+         "The following argument was not expected: --fromat\nDid you mean --format?"},
+        {{"--versoin"},
+         "The following argument was not expected: --versoin\nDid you mean --version?"},
+        {{"status", "--version"}, "The following argument was not expected: --version"},
+        {{"help", "previw"}, "There is no command previw\nDid you mean preview?"},
+        {{"help", "destroy"}, "There is no command destroy"},
         {{"apply"}, "FILE is required"},
         {{"preview"}, "FILE is required"},
         {{"explain", "a.json"}, "PACKET is required"},
@@ -160,27 +181,73 @@ TEST(ArgumentsTest, TakesOneCommandOnly) {
         complaint("The following argument was not expected: remove"));
 }
 
+/// The page that these words print.
+std::string page(const Words& words) {
+    const auto parsed = parse(words);
+    const auto* const ending = std::get_if<EarlyExit>(&parsed);
+    if (ending == nullptr) {
+        return "none";
+    }
+    EXPECT_EQ(ending->status, done);
+    EXPECT_EQ(ending->error, "");
+    return ending->output;
+}
+
 TEST(ArgumentsTest, HelpsWhereverItIsAsked) {
     for (const Words& words :
          {Words{"--help"},
           Words{"-h"},
+          Words{"help"},
           Words{"vlan", "--help"},
-          Words{"vlan", "create", "--help"},
-          Words{"apply", "--help"}}) {
-        const auto parsed = parse(words);
-
-        const auto* const ending = std::get_if<EarlyExit>(&parsed);
-        ASSERT_NE(ending, nullptr);
-        EXPECT_EQ(ending->status, done);
-        EXPECT_EQ(ending->output, helpText);
-        EXPECT_EQ(ending->error, "");
+          Words{"--format", "json", "--help"}}) {
+        EXPECT_EQ(page(words), helpText);
     }
+}
+
+TEST(ArgumentsTest, HelpsWithOneCommand) {
+    const auto create = helpFor(formOf(Command::createVLAN));
+    EXPECT_THAT(create, testing::StartsWith("tarnvale-helperctl vlan create NAME TAG PARENT\n\n"));
+    EXPECT_EQ(page({"vlan", "create", "--help"}), create);
+    EXPECT_EQ(page({"help", "vlan", "create"}), create);
+    EXPECT_EQ(page({"help", "vlan"}), create + "\n" + helpFor(formOf(Command::deleteVLAN)));
+    EXPECT_EQ(page({"apply", "-h"}), helpFor(formOf(Command::apply)));
+    EXPECT_EQ(page({"help", "help"}), helpFor(formOf(Command::help)));
+}
+
+TEST(ArgumentsTest, HelpsWithEachCommand) {
+    for (const auto& form : commandForms()) {
+        if (!form.words.empty()) {
+            EXPECT_GT(form.help.size(), 40U) << form.words;
+            EXPECT_TRUE(form.help.ends_with(".\n")) << form.words;
+            EXPECT_THAT(std::string(helpText), HasSubstr(form.words)) << form.words;
+        }
+        for (const auto line : support::split(helpFor(form), '\n')) {
+            EXPECT_LE(columnsOf(line), pageWidth) << line;
+        }
+        for (const auto& option : form.options) {
+            EXPECT_THAT(std::string(form.help), HasSubstr(option.name)) << form.words;
+        }
+    }
+}
+
+TEST(ArgumentsTest, FindsTheNearestWord) {
+    const std::vector<std::string_view> words{"status", "apply", "log", "remove"};
+    EXPECT_EQ(nearestWord("stauts", words), "status");
+    EXPECT_EQ(nearestWord("statu", words), "status");
+    EXPECT_EQ(nearestWord("Status", words), "status");
+    EXPECT_EQ(nearestWord("removed", words), "remove");
+    EXPECT_EQ(nearestWord("logs", words), "log");
+    EXPECT_EQ(nearestWord("lag", words), "log");
+    EXPECT_EQ(nearestWord("destroy", words), std::nullopt);
+    EXPECT_EQ(nearestWord("a", words), std::nullopt);
+    EXPECT_EQ(nearestWord("", words), std::nullopt);
 }
 
 TEST(ArgumentsTest, HelpsWithWhatThereIs) {
     for (const char* text :
          {"  version  ",
           "  status  ",
+          "  validate FILE  ",
           "  preview FILE  ",
           "  explain FILE PACKET  ",
           "  apply FILE  ",
@@ -192,7 +259,9 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
           "  shutdown  ",
           "  --format text  ",
           "  --format json  ",
-          "  --user NAME  "}) {
+          "  --user NAME  ",
+          "  --help  ",
+          "  --version  "}) {
         EXPECT_THAT(std::string(helpText), HasSubstr(text));
     }
     std::apply(

@@ -3,10 +3,12 @@
 #include "helperctl/Commands.h"
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include <unistd.h>
 
+#include "helperctl/CommandForms.h"
 #include "helperctl/Explain.h"
 #include "helperctl/NamedRuleset.h"
 #include "helperctl/PolicyFile.h"
@@ -18,27 +20,6 @@ namespace tarnvale::helperctl {
 namespace {
 
 using platform::HelperClientError;
-
-bool isChange(Command command) {
-    switch (command) {
-        case Command::version:
-        case Command::status:
-        case Command::preview:
-        case Command::explain:
-            return false;
-        case Command::apply:
-        case Command::remove:
-        case Command::createVLAN:
-        case Command::deleteVLAN:
-        case Command::installLink:
-        case Command::removeLink:
-        case Command::resolverOn:
-        case Command::resolverOff:
-        case Command::shutdown:
-            break;
-    }
-    return true;
-}
 
 /// The outcome of a request with a result, which becomes this member of the answer.
 Outcome withResult(std::optional<std::string> Answer::*member, ResultReply reply) {
@@ -81,7 +62,7 @@ Outcome explain(const Arguments& arguments) {
     return outcome;
 }
 
-Outcome perform(const Arguments& arguments, const Connect& connect) {
+Outcome ask(const Arguments& arguments, const Connect& connect) {
     switch (arguments.command) {
         case Command::version:
             return withResult(
@@ -112,10 +93,12 @@ Outcome perform(const Arguments& arguments, const Connect& connect) {
         case Command::resolverOff:
             return withoutResult(connect()->setTarnvaleResolverWithEnabled(false));
         case Command::shutdown:
+            connect()->shutdownForUpgrade([] {});
+            return {};
+        default:
             break;
     }
-    connect()->shutdownForUpgrade([] {});
-    return {};
+    throw std::logic_error("The command asks the helper nothing.");
 }
 
 int statusFor(HelperClientError::Case errorCase) {
@@ -130,6 +113,18 @@ int statusFor(HelperClientError::Case errorCase) {
     return refusedOrFailed;
 }
 
+/// The outcome of the body, or of what it throws.
+template <class Body>
+Outcome caught(const Body& body) {
+    try {
+        return body();
+    } catch (const HelperClientError& error) {
+        return failure(error.what(), statusFor(error.errorCase()));
+    } catch (const std::exception& error) {
+        return failure(error.what());
+    }
+}
+
 }  // namespace
 
 std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
@@ -139,7 +134,11 @@ std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
     if (arguments.user) {
         return "Only root may act as another user.";
     }
-    if (isChange(arguments.command)) {
+    const auto access = formOf(arguments.command).access;
+    if (access == Access::rootToRead) {
+        return "Only root may read what users have stored.";
+    }
+    if (access == Access::rootToChange) {
         return "Only root may change anything by tarnvale-helperctl: the helper admits it, so any "
                "program could use it as its proxy.";
     }
@@ -147,13 +146,25 @@ std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
 }
 
 Outcome run(const Arguments& arguments, const Connect& connect) {
-    try {
-        return perform(arguments, connect);
-    } catch (const HelperClientError& error) {
-        return failure(error.what(), statusFor(error.errorCase()));
-    } catch (const std::exception& error) {
-        return failure(error.what());
+    return caught([&] { return ask(arguments, connect); });
+}
+
+int perform(const Session& session) {
+    const auto& console = session.console;
+    const auto form = formOf(session.arguments.command);
+    int status = done;
+    const auto outcome = caught([&] {
+        if (form.run == nullptr) {
+            return ask(session.arguments, session.connect);
+        }
+        status = form.run(session);
+        return Outcome{};
+    });
+    if (form.run == nullptr || outcome.status != done) {
+        print(outcome.answer, console.format, console.output, console.errors);
+        status = outcome.status;
     }
+    return status;
 }
 
 }  // namespace tarnvale::helperctl

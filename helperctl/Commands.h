@@ -4,8 +4,6 @@
 
 #pragma once
 
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -13,16 +11,18 @@
 
 #include "helperctl/Answer.h"
 #include "helperctl/Arguments.h"
-#include "platform/HelperClient.h"
+#include "helperctl/Session.h"
 
 namespace tarnvale::helperctl {
 
 /// Why this user may not run the command; nothing if the user may.
 std::optional<std::string> refusal(const Arguments& arguments, uid_t uid);
 
-using Connect = std::function<std::unique_ptr<platform::HelperClient>()>;
-
-/// Runs the command for the user that this process acts as. Reports any failure in the outcome.
+/// Runs a command that asks the helper one thing, for the user that this process acts as. Reports
+/// any failure in the outcome.
 Outcome run(const Arguments& arguments, const Connect& connect);
+
+/// Runs any command, prints its result or why it failed, and returns the exit status.
+int perform(const Session& session);
 
 }  // namespace tarnvale::helperctl

@@ -92,7 +92,12 @@ TEST_F(CommandsTest, LetsNobodyElseChangeAnything) {
 }
 
 TEST_F(CommandsTest, LetsEverybodyLook) {
-    for (auto look : {Command::version, Command::status, Command::preview, Command::explain}) {
+    for (auto look :
+         {Command::version,
+          Command::status,
+          Command::preview,
+          Command::validate,
+          Command::explain}) {
         auto arguments = command(look);
         EXPECT_EQ(refusal(arguments, 501), std::nullopt);
         arguments.user = "bob";

@@ -1,27 +1,38 @@
 // SPDX-License-Identifier: MIT
 //
-// The page of help that tarnvale-helperctl prints.
+// The pages of help that tarnvale-helperctl prints: one about everything, and one for each command
+// that has no file of its own in commands/.
 
 #pragma once
 
+#include <string>
 #include <string_view>
 
+#include "helperctl/CommandForms.h"
+
 namespace tarnvale::helperctl {
+
+/// The page about one command.
+std::string helpFor(const CommandForm& form);
 
 inline constexpr std::string_view helpText =
     R"(tarnvale-helperctl - ask Tarnvale's privileged helper, or preview a policy
 
 SYNOPSIS
   tarnvale-helperctl [--format text|json] [--user NAME] COMMAND
+  tarnvale-helperctl help [COMMAND]
 
 COMMANDS
   version                      print the version of the helper that runs
   status                       print what the packet filter enforces; for root,
                                also which stored networks it doesn't, and why
+  validate FILE                print everything that is wrong with FILE, with
+                               line and column
   preview FILE                 print what applying FILE would come to
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked
                                at before
+
   apply FILE                   enforce these networks and no others of this user
   remove                       enforce none of this user's networks
   vlan create NAME TAG PARENT  make a VLAN interface on the interface PARENT,
@@ -32,15 +43,10 @@ COMMANDS
   shutdown                     end the helper; the next request starts it again
 
   FILE holds a JSON array of networks, 64 MiB at most; "-" is standard input. It
-  is sent as it is: the helper judges it. "preview" asks no helper, it shows by
-  the helper's own rules what FILE would come to on this machine if no other
-  user had networks.
-
-  PACKET opens a connection and is written as in "tcp 192.168.64.2 ->
-  10.1.2.3:443": tcp, udp, icmp or a protocol's number, where from, "->" or
-  "to", where to. In a shell, "->" takes quotation marks. Only tcp and udp have
-  ports. The port that it comes from may be left out; only the DHCP lines look
-  at it.
+  is sent as it is: the helper judges it. "preview" and "validate" ask no
+  helper, they judge FILE by the helper's own rules: what would come of it on
+  this machine if no other user had networks. "help COMMAND" says more about
+  each.
 
 OPTIONS
   --format text    results as text on standard output, problems on standard
@@ -50,18 +56,20 @@ OPTIONS
                    understood is reported as text
   --user NAME      do everything as this user, reading FILE included; only root
                    may
-  --help           print this
+  --help           print this; behind a command, what "help COMMAND" prints
+  --version        print the version of this program
 
 WHO MAY
   The helper admits this program, and anybody can run it. So that no program
-  takes it for a proxy, every command that changes something (all but version,
-  status, preview and explain) runs only for root, who may act for a user by
-  --user. Which changes that user may make is for the helper to say.
+  takes it for a proxy, every command that changes something (the second group
+  above) runs only for root, who may act for a user by --user. Which changes
+  that user may make is for the helper to say.
 
 JSON
   A member that a command has nothing to say for is left out; a command that
   succeeds without a result prints {}. docs/helperctl.schema.json has the forms
-  of what is marked by formatVersion.
+  of what is marked by formatVersion: members may be added to a version, but
+  none changes its meaning or goes.
 
   error          every command: why it failed
   version        version
@@ -70,7 +78,9 @@ JSON
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
   explanation    explain: what becomes of the packet, and why
-  formatVersion  explain: 1, until the form of that member changes
+  validation     validate: all problems, with their places
+  toolVersion    --version
+  formatVersion  explain, validate, --version: 1, until their form changes
   refused        preview, status: networks that are not enforced, each with
                  networkID, name and problem
   skippedRules   preview, status: networks some of whose rules are left out,
@@ -82,7 +92,8 @@ JSON
 
 EXIT STATUS
   0  done
-  1  refused or failed; for preview also: a network would be refused
+  1  refused or failed; for preview also: a network would be refused; for
+     validate: there is a problem
   2  the command line can't be understood
   3  the helper can't be reached
   4  the helper doesn't admit this program, which has to be signed, or this user
@@ -92,11 +103,90 @@ EXIT STATUS
   for a reply. What got no reply may have been done or not; it can be repeated.
 
 EXAMPLES
+  tarnvale-helperctl validate lab.json
   tarnvale-helperctl preview lab.json
   tarnvale-helperctl explain lab.json "udp 192.168.64.2 -> 10.1.2.3:53"
   sudo tarnvale-helperctl apply lab.json
   sudo tarnvale-helperctl --user ada apply - <lab.json
   tarnvale-helperctl --format json status
+)";
+
+inline constexpr std::string_view versionHelp =
+    R"(Prints the version of the helper that runs, which the system starts if
+necessary. "tarnvale-helperctl --version" prints that of this program.
+)";
+
+inline constexpr std::string_view statusHelp =
+    R"(Prints what the packet filter enforces: the helper's report. To root it also
+says which stored networks and rules are not enforced, and why.
+)";
+
+inline constexpr std::string_view previewHelp =
+    R"(Prints what applying the file would come to on this machine if no other user had
+networks: the summary, the networks that would be refused, the rules that would
+be skipped, and the ruleset. Asks no helper.
+
+Exit status 1: a network would be refused.
+)";
+
+inline constexpr std::string_view explainHelp =
+    R"(Prints what would become of a packet if the file were applied on this machine:
+the verdict, the line that decides, with the rule that it comes from, and what
+was looked at before. Asks no helper.
+
+PACKET opens a connection and is written as in "tcp 192.168.64.2 ->
+10.1.2.3:443": tcp, udp, icmp or a protocol's number, where from, "->" or "to",
+where to. In a shell, "->" takes quotation marks. Only tcp and udp have ports.
+The port that it comes from may be left out; only the DHCP lines look at it.
+)";
+
+inline constexpr std::string_view applyHelp =
+    R"(Has the helper enforce the networks of the file and no others of this user. A
+network that it refuses keeps none of the others from being enforced.
+
+Exit status 1: the helper refused at least one network, or failed.
+)";
+
+inline constexpr std::string_view removeHelp =
+    R"(Has the helper forget this user's networks and enforce none of them. What other
+users have stored stays in force.
+)";
+
+inline constexpr std::string_view createVLANHelp =
+    R"(Makes a VLAN interface with this display name and this tag on the interface
+PARENT, and prints what it is called. Only for administrators.
+)";
+
+inline constexpr std::string_view deleteVLANHelp =
+    R"(Removes the VLAN interface that the helper made and "vlan create" has named.
+Only for administrators.
+)";
+
+inline constexpr std::string_view installLinkHelp =
+    R"(Makes the links to the application's command-line tool in /usr/local/bin.
+)";
+
+inline constexpr std::string_view removeLinkHelp =
+    R"(Removes the links to the application's command-line tool in /usr/local/bin.
+)";
+
+inline constexpr std::string_view resolverOnHelp =
+    R"(Installs the two resolver files in /etc/resolver, through which this machine
+finds the names of virtual machines.
+)";
+
+inline constexpr std::string_view resolverOffHelp =
+    R"(Removes the two resolver files in /etc/resolver.
+)";
+
+inline constexpr std::string_view shutdownHelp =
+    R"(Ends the helper. What it enforces stays in force; the next request starts it
+again.
+)";
+
+inline constexpr std::string_view helpHelp =
+    R"(Prints how to use a command, or all of them: "help vlan" tells about both
+commands that begin with this word. Help is text in either format.
 )";
 
 }  // namespace tarnvale::helperctl

@@ -4,6 +4,8 @@
 
 #include <exception>
 #include <iostream>
+#include <optional>
+#include <string>
 #include <variant>
 
 #include <unistd.h>
@@ -19,18 +21,19 @@ namespace {
 
 using namespace tarnvale::helperctl;  // NOLINT(google-build-using-namespace): this is its program
 
-Outcome perform(const Arguments& arguments) {
+/// Becomes the user that the command is to act as. Returns why that can't be.
+std::optional<std::string> changeUser(const Arguments& arguments) {
     if (auto problem = refusal(arguments, ::getuid())) {
-        return failure(*problem);
+        return problem;
     }
     if (arguments.user) {
         try {
             actAs(*arguments.user);
         } catch (const std::exception& error) {
-            return failure(error.what());
+            return error.what();
         }
     }
-    return run(arguments, tarnvale::platform::connectToHelper);
+    return std::nullopt;
 }
 
 /// Prints what the command line asks for; returns the exit status.
@@ -42,9 +45,16 @@ int answer(int argc, const char* const* argv) {
         return early->status;
     }
     const auto& arguments = std::get<Arguments>(parsed);
-    const auto outcome = perform(arguments);
-    print(outcome.answer, arguments.format, std::cout, std::cerr);
-    return outcome.status;
+    if (const auto problem = changeUser(arguments)) {
+        print(failure(*problem).answer, arguments.format, std::cout, std::cerr);
+        return refusedOrFailed;
+    }
+    Console console{
+        .output = std::cout,
+        .errors = std::cerr,
+        .format = arguments.format,
+        .hasColour = wantsColour(STDOUT_FILENO)};
+    return perform({arguments, tarnvale::platform::connectToHelper, console});
 }
 
 }  // namespace

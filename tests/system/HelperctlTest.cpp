@@ -366,6 +366,54 @@ TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
         Complains(1, "Could not read \"/tmp\": Is a directory.\n"));
 }
 
+TEST(HelperctlAloneTest, SuggestsWhatWasMeant) {
+    EXPECT_THAT(
+        runUnsigned({"stauts"}),
+        Complains(
+            2,
+            "tarnvale-helperctl: The following argument was not expected: stauts\n"
+            "Did you mean status?\n"
+            "Run tarnvale-helperctl --help for more.\n"));
+    EXPECT_THAT(
+        runUnsigned({"vlan"}),
+        Complains(
+            2,
+            "tarnvale-helperctl: A command is required\n"
+            "After vlan comes create or delete.\n"
+            "Run tarnvale-helperctl --help for more.\n"));
+    EXPECT_THAT(
+        runUnsigned({"help", "shutdown"}),
+        Prints(
+            0,
+            "tarnvale-helperctl shutdown\n\nEnds the helper. What it enforces stays in force; the "
+            "next request starts it\nagain.\n"));
+}
+
+TEST(HelperctlAloneTest, PrintsItsOwnVersion) {
+    EXPECT_THAT(
+        runUnsigned({"--version"}), Prints(0, "tarnvale-helperctl " + helperVersion() + "\n"));
+    EXPECT_THAT(
+        runUnsigned({"--version", "--format", "json"}),
+        Prints(0, R"({"formatVersion":1,"toolVersion":")" + helperVersion() + "\"}\n"));
+}
+
+TEST(HelperctlAloneTest, ValidatesAFile) {
+    const auto sound = runUnsigned({"validate", labPath});
+    EXPECT_EQ(sound.status, 0);
+    EXPECT_EQ(sound.output, "");
+    EXPECT_EQ(sound.error, "No problem: 1 network, 2 rules.\n");
+
+    put("/tmp/lab.json", "[\n  {\"name\": 5}]");
+    const auto faulty = runUnsigned({"validate", "/tmp/lab.json"});
+    EXPECT_EQ(faulty.status, 1);
+    EXPECT_THAT(
+        faulty.output, EndsWith("\n/tmp/lab.json:2:12: [0].name: expected a string, found 5\n"));
+
+    EXPECT_THAT(
+        runUnsigned({"validate", "/tmp/none"}),
+        Complains(1, "Could not read \"/tmp/none\": No such file or directory.\n"));
+}
+
 TEST(HelperctlAloneTest, SaysWhenItsResultIsLost) {
     for (const char* line : {R"("$0" preview "$1" >/dev/full)", R"("$0" --help >/dev/full)"}) {
         EXPECT_THAT(

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+//
+// Where results and talk go: results to standard output, everything else to standard error. Knows
+// how text gets onto a terminal without harm to it.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "helperctl/Arguments.h"
+#include "support/JsonWriter.h"
+
+namespace tarnvale::helperctl {
+
+enum class Ink : std::uint8_t { plain, bold, dim, red, green, yellow };
+
+/// Every line of a page is at most as wide.
+inline constexpr std::size_t pageWidth = 80;
+
+/// The streams that a command writes to, which must outlive it.
+struct Console {
+    std::ostream& output;
+    std::ostream& errors;
+    Format format = Format::text;
+    bool hasColour = false;  ///< whether the output is a terminal whose user wants colour
+
+    bool wantsJson() const { return format == Format::json; }
+
+    /// The text in this ink, if the console has colour.
+    std::string inked(Ink ink, std::string_view text) const;
+
+    /// Writes one line of JSON to the output.
+    template <class Record>
+    void writeJson(const Record& record) const {
+        writeLine(support::encodeJson(record, support::JsonForm::compact));
+    }
+
+    void writeLine(std::string_view line) const;
+};
+
+/// Whether to use colour on this descriptor: it is a terminal, and the environment has no NO_COLOR.
+bool wantsColour(int descriptor);
+
+/// The text as UTF-8 that does nothing to a terminal: control characters, and those that change the
+/// direction of writing, are written as `\u001b`. Texts that users made up go through this.
+std::string printable(std::string_view text);
+
+/// How many columns the text takes, with one for each code point.
+std::size_t columnsOf(std::string_view text);
+
+/// The text's lines, broken at spaces so that each fits into the width behind `indent` spaces. A
+/// word that is too long for a line has one to itself.
+std::vector<std::string> wrapped(std::string_view text, std::size_t indent);
+
+/// "1 rule", "2 rules".
+std::string counted(std::size_t count, std::string_view noun);
+
+}  // namespace tarnvale::helperctl

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Console.h"
+
+#include <sstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tarnvale::helperctl {
+namespace {
+
+using testing::ElementsAre;
+
+TEST(ConsoleTest, HasColourOnlyWhereItIsWanted) {
+    std::ostringstream stream;
+    Console console{.output = stream, .errors = stream};
+    EXPECT_EQ(console.inked(Ink::red, "no"), "no");
+
+    console.hasColour = true;
+    EXPECT_EQ(console.inked(Ink::red, "no"), "\033[31mno\033[0m");
+    EXPECT_EQ(console.inked(Ink::bold, "no"), "\033[1mno\033[0m");
+    EXPECT_EQ(console.inked(Ink::plain, "no"), "no");
+}
+
+TEST(ConsoleTest, LetsNoTextReachTheTerminalAsACommand) {
+    EXPECT_EQ(printable("Büro 😀 \"a\""), "Büro 😀 \"a\"");
+    EXPECT_EQ(printable("\033[2J\a\n\r\t\x7F"), "\\u001b[2J\\u0007\\u000a\\u000d\\u0009\\u007f");
+    EXPECT_EQ(printable("\u009B1m\u0085"), "\\u009b1m\\u0085");
+    EXPECT_EQ(
+        printable("a\xE2\x80\xAE"
+                  "b\xE2\x81\xA6\xE2\x81\xA9\xE2\x80\x8F\xE2\x80\xA8"),
+        "a\\u202eb\\u2066\\u2069\\u200f\\u2028");
+    EXPECT_EQ(printable("\xFF\xC2"), "\uFFFD\uFFFD");
+    EXPECT_EQ(printable(std::string(1, '\0')), "\\u0000");
+}
+
+TEST(ConsoleTest, BreaksLinesThatAreTooLong) {
+    const std::string word(38, 'w');
+    EXPECT_THAT(wrapped(word + " " + word + " end", 3), ElementsAre(word + " " + word, "end"));
+    EXPECT_THAT(wrapped(word + " " + word + " end", 4), ElementsAre(word, word + " end"));
+    EXPECT_THAT(wrapped(std::string(90, 'x') + " y", 0), ElementsAre(std::string(90, 'x'), "y"));
+    EXPECT_THAT(wrapped("a\n\nb", 0), ElementsAre("a", "", "b"));
+    EXPECT_THAT(wrapped("", 0), ElementsAre(""));
+}
+
+TEST(ConsoleTest, CountsCodePoints) {
+    EXPECT_EQ(columnsOf("Büro€"), 5U);
+    EXPECT_EQ(counted(0, "rule"), "0 rules");
+    EXPECT_EQ(counted(1, "rule"), "1 rule");
+    EXPECT_EQ(counted(2, "rule"), "2 rules");
+}
+
+}  // namespace
+}  // namespace tarnvale::helperctl

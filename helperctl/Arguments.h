@@ -37,6 +37,7 @@ struct Arguments {
     Format format = Format::text;
     std::optional<std::string> user;  ///< the user to act as
     std::string file;                 ///< for `preview`, `validate`, `explain` and `apply`
+    bool strict = false;              ///< for `apply`
     std::string packet;               ///< for `explain`
     std::string name;                 ///< for `createVLAN` the display name
     std::int64_t tag = 0;

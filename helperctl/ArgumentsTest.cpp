@@ -87,6 +87,9 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
 TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"preview", "a.json"}).file, "a.json");
     EXPECT_EQ(arguments({"apply", "-"}).file, "-");
+    EXPECT_FALSE(arguments({"apply", "-"}).strict);
+    EXPECT_TRUE(arguments({"apply", "-", "--strict"}).strict);
+    EXPECT_TRUE(arguments({"apply", "--strict", "-"}).strict);
     EXPECT_EQ(arguments({"vlan", "delete", "vlan0"}).bsdName, "vlan0");
     EXPECT_EQ(arguments({"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}).file, "a.json");
     EXPECT_EQ(
@@ -151,6 +154,9 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"status", "--version"}, "The following argument was not expected: --version"},
         {{"help", "previw"}, "There is no command previw\nDid you mean preview?"},
         {{"help", "destroy"}, "There is no command destroy"},
+        {{"apply", "--strict=yes", "a"},
+         "The following argument was not expected: --strict=yes\nDid you mean --strict?"},
+        {{"remove", "--strict"}, "The following argument was not expected: --strict"},
         {{"apply"}, "FILE is required"},
         {{"preview"}, "FILE is required"},
         {{"explain", "a.json"}, "PACKET is required"},
@@ -250,7 +256,7 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
           "  validate FILE  ",
           "  preview FILE  ",
           "  explain FILE PACKET  ",
-          "  apply FILE  ",
+          "  apply [--strict] FILE  ",
           "  remove  ",
           "  vlan create NAME TAG PARENT  ",
           "  vlan delete NAME  ",

@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include "helperctl/Help.h"
+#include "helperctl/commands/Apply.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
 
@@ -58,6 +59,7 @@ std::span<const CommandForm> commandForms() {
         {.command = Command::apply,
          .words = "apply",
          .operands = {{.name = "FILE", .target = &Arguments::file}},
+         .options = {{.name = "--strict", .value = {}, .target = &Arguments::strict}},
          .access = Access::rootToChange,
          .help = applyHelp},
         {.command = Command::remove,

@@ -14,6 +14,7 @@
 #include "helperctl/PolicyFile.h"
 #include "helperctl/Preview.h"
 #include "helperctl/StoredNetworks.h"
+#include "helperctl/commands/Apply.h"
 #include "platform/HostAddresses.h"
 
 namespace tarnvale::helperctl {
@@ -34,12 +35,6 @@ Outcome withResult(std::optional<std::string> Answer::*member, ResultReply reply
 /// The outcome of a request without a result.
 Outcome withoutResult(OptionalText error) {
     return error ? failure(*std::move(error)) : Outcome{};
-}
-
-/// Reads the file first: if that fails, there is nothing to ask the helper.
-Outcome apply(const std::string& file, const Connect& connect) {
-    const auto policyData = readPolicyFile(file);
-    return withResult(&Answer::summary, connect()->applyFirewallWithPolicyData(policyData));
 }
 
 /// The helper's report, and what is missing in it.
@@ -75,7 +70,7 @@ Outcome ask(const Arguments& arguments, const Connect& connect) {
         case Command::explain:
             return explain(arguments);
         case Command::apply:
-            return apply(arguments.file, connect);
+            return apply(arguments, connect);
         case Command::remove:
             return withoutResult(connect()->removeFirewall());
         case Command::createVLAN:

@@ -33,7 +33,8 @@ COMMANDS
                                applied, by which line, and what else was looked
                                at before
 
-  apply FILE                   enforce these networks and no others of this user
+  apply [--strict] FILE        enforce these networks and no others of this
+                               user; print which rules are skipped, and why
   remove                       enforce none of this user's networks
   vlan create NAME TAG PARENT  make a VLAN interface on the interface PARENT,
                                and print what it is called
@@ -81,13 +82,13 @@ JSON
   validation     validate: all problems, with their places
   toolVersion    --version
   formatVersion  explain, validate, --version: 1, until their form changes
-  refused        preview, status: networks that are not enforced, each with
-                 networkID, name and problem
-  skippedRules   preview, status: networks some of whose rules are left out,
-                 each with networkID, name and rules; a rule has its number,
-                 counted from 1, and problem
-  droppedClaims  preview, status: for each network that is left out because
-                 another one has its subnet, a sentence
+  refused        apply --strict, preview, status: networks that are not
+                 enforced, each with networkID, name and problem
+  skippedRules   apply, preview, status: networks some of whose rules are left
+                 out, each with networkID, name and rules; a rule has its
+                 number, counted from 1, and problem
+  droppedClaims  apply, preview, status: for each network that is left out
+                 because another one has its subnet, a sentence
   hint           status: what else there is to know
 
 EXIT STATUS
@@ -138,13 +139,6 @@ PACKET opens a connection and is written as in "tcp 192.168.64.2 ->
 10.1.2.3:443": tcp, udp, icmp or a protocol's number, where from, "->" or "to",
 where to. In a shell, "->" takes quotation marks. Only tcp and udp have ports.
 The port that it comes from may be left out; only the DHCP lines look at it.
-)";
-
-inline constexpr std::string_view applyHelp =
-    R"(Has the helper enforce the networks of the file and no others of this user. A
-network that it refuses keeps none of the others from being enforced.
-
-Exit status 1: the helper refused at least one network, or failed.
 )";
 
 inline constexpr std::string_view removeHelp =

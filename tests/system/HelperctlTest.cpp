@@ -182,6 +182,29 @@ TEST_F(HelperctlTest, SaysWhichNetworksAreRefused) {
             "\n\nRuleset:\n# Tarnvale network firewall — generated "));
 }
 
+TEST_F(HelperctlTest, SaysWhichRulesAreSkipped) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    std::string policy = contentOf(labPath);
+    policy.replace(policy.find("10.0.0.0/8"), 10, "10.0.0.0/88");
+    const std::string skipped =
+        "\nRules skipped:\n• Lab\n  rule 2: \"10.0.0.0/88\" isn't an IPv4 address or CIDR (such as "
+        "10.0.0.0/8).\n";
+
+    const auto strict = ctl({"apply", "--strict", "-"}, policy);
+    EXPECT_EQ(strict.status, 1);
+    EXPECT_EQ(strict.output, skipped);
+    EXPECT_EQ(strict.error, "Changed nothing: not all of the file would be enforced.\n");
+    EXPECT_FALSE(exists(storePath));
+
+    EXPECT_THAT(
+        ctl({"apply", "-"}, policy),
+        Prints(0, "Enforcing 1 network: Lab · 1 rule skipped\n" + skipped));
+    EXPECT_THAT(
+        ctl({"apply", "-", "--strict"}, contentOf(labPath)),
+        Prints(0, "Enforcing 1 network: Lab\n"));
+}
+
 /// Has a network in the store that the review refuses, with a claim that another one supersedes.
 void storeWhatIsRefused() {
     const NetworkText network{.subnetCIDR = "10.0.0.0/24"};

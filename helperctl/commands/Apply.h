@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: MIT
+//
+// `apply FILE`: has the helper enforce a file of networks. The helper's reply counts the rules that
+// it skips; a review of our own, by the helper's rules, says which and why.
+
+#pragma once
+
+#include <string_view>
+
+#include "helperctl/Answer.h"
+#include "helperctl/Session.h"
+
+namespace tarnvale::helperctl {
+
+/// Reads the file first: if that fails, there is nothing to ask the helper. With `strict`, asks it
+/// nothing either if it would leave out anything of the file.
+Outcome apply(const Arguments& arguments, const Connect& connect);
+
+inline constexpr std::string_view applyHelp =
+    R"(Has the helper enforce the networks of the file and no others of this user.
+Prints what is enforced, and each rule that is skipped with the reason. Neither
+a network that the helper refuses nor a skipped rule keeps the others from being
+enforced.
+
+  --strict   change nothing if any network would be refused or left out, or any
+             rule skipped
+
+Exit status 1: the helper refused at least one network, or failed; or --strict
+kept the file from being sent.
+)";
+
+}  // namespace tarnvale::helperctl

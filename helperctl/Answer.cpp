@@ -40,6 +40,10 @@ void printProblems(const Answer& answer, std::ostream& output) {
 }
 
 void printText(const Answer& answer, std::ostream& output, std::ostream& errors) {
+    if (answer.firewall) {
+        printText(*answer.firewall, output);
+        output << '\n';
+    }
     for (const auto* const text :
          {&answer.version, &answer.report, &answer.summary, &answer.bsdName}) {
         if (*text) {

@@ -14,6 +14,7 @@
 
 #include "helperctl/Arguments.h"
 #include "helperctl/Explanation.h"
+#include "helperctl/StatusPage.h"
 #include "support/Json.h"
 #include "support/Uuid.h"
 
@@ -59,6 +60,7 @@ struct SkippedRules {
 struct Answer {
     std::optional<std::string> version;
     std::optional<std::string> report;
+    std::optional<FirewallStatus> firewall;
     std::optional<std::string> summary;
     std::optional<std::string> bsdName;
     std::optional<std::vector<RefusedNetwork>> refused;
@@ -111,6 +113,7 @@ constexpr auto jsonMembers(std::type_identity<Answer> /*type*/) {
     return std::tuple{
         support::JsonMember{"version", &Answer::version},
         support::JsonMember{"report", &Answer::report},
+        support::JsonMember{"firewall", &Answer::firewall},
         support::JsonMember{"summary", &Answer::summary},
         support::JsonMember{"bsdName", &Answer::bsdName},
         support::JsonMember{"refused", &Answer::refused},

@@ -41,7 +41,13 @@ Outcome withoutResult(OptionalText error) {
 Outcome status(const Connect& connect) {
     auto outcome = withResult(&Answer::report, connect()->firewallReport());
     if (outcome.status == done) {
-        explainWhatIsMissing(outcome.answer, NetworkFirewall::hostAddresses());
+        auto& answer = outcome.answer;
+        explainWhatIsMissing(answer, NetworkFirewall::hostAddresses());
+        answer.firewall =
+            firewallStatus(answer.report.value_or(""), loadedRulesetText(), readStore());
+        if (answer.firewall) {
+            answer.formatVersion = formatVersion;
+        }
     }
     return outcome;
 }

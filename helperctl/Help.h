@@ -24,8 +24,9 @@ SYNOPSIS
 
 COMMANDS
   version                      print the version of the helper that runs
-  status                       print what the packet filter enforces; for root,
-                               also which stored networks it doesn't, and why
+  status                       print what the packet filter enforces and has
+                               counted; for root, also which stored networks it
+                               doesn't enforce, and why
   validate FILE                print everything that is wrong with FILE, with
                                line and column
   preview FILE                 print what applying FILE would come to
@@ -74,14 +75,17 @@ JSON
 
   error          every command: why it failed
   version        version
-  report         status
+  report         status: the helper's own text
+  firewall       status: whether pf is on, and each network's rules with what
+                 they have counted
   summary        apply, preview: what is enforced of this user's networks
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
   explanation    explain: what becomes of the packet, and why
   validation     validate: all problems, with their places
   toolVersion    --version
-  formatVersion  explain, validate, --version: 1, until their form changes
+  formatVersion  explain, status, validate, --version: 1, until their form
+                 changes
   refused        apply --strict, preview, status: networks that are not
                  enforced, each with networkID, name and problem
   skippedRules   apply, preview, status: networks some of whose rules are left
@@ -118,8 +122,15 @@ necessary. "tarnvale-helperctl --version" prints that of this program.
 )";
 
 inline constexpr std::string_view statusHelp =
-    R"(Prints what the packet filter enforces: the helper's report. To root it also
-says which stored networks and rules are not enforced, and why.
+    R"(Prints what the packet filter enforces: for each network, what its rules, the
+DHCP and DNS lines and the defaults have counted; then the helper's own report
+with pf's listing. To root it also says whose a network is and which rule of the
+policy each line comes from, and which stored networks and rules are not
+enforced, and why.
+
+The counters start at zero whenever the rules are loaded: at each apply and
+removal, and when the helper starts. It ends after two idle minutes, so a status
+after that shows counters that have just begun.
 )";
 
 inline constexpr std::string_view previewHelp =

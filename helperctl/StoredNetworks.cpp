@@ -19,11 +19,23 @@ namespace {
 /// How a report ends while nothing is enforced.
 constexpr const char* emptyAnchor = "(anchor is empty — nothing enforced)";
 
+std::string pathOf(std::string_view name) {
+    return std::string(appSupportDirectory).append("/").append(name);
+}
+
 }  // namespace
 
+std::optional<NetworkFirewall::PolicyStore> readStore() {
+    const auto data = support::readFile(pathOf(NetworkFirewall::storeFileName));
+    return data ? NetworkFirewall::decodeStore(*data) : std::nullopt;
+}
+
+std::string loadedRulesetText() {
+    return support::readFile(pathOf("firewall.pf.conf")).value_or("");
+}
+
 void explainWhatIsMissing(Answer& answer, std::span<const NetworkFirewall::HostAddress> hosts) {
-    const auto path =
-        std::string(appSupportDirectory) + "/" + std::string(NetworkFirewall::storeFileName);
+    const auto path = pathOf(NetworkFirewall::storeFileName);
     const auto data = support::readFile(path);
     if (!data) {
         if (::access(path.c_str(), F_OK) == 0 && answer.report &&

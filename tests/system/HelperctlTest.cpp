@@ -116,12 +116,26 @@ TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
 
     const auto status = ctl({"status"});
     EXPECT_EQ(status.status, 0) << status.error;
-    EXPECT_THAT(status.output, StartsWith("== pf status ==\nStatus: Enabled"));
-    EXPECT_THAT(status.output, HasSubstr("192.168.64.0/24"));
+    EXPECT_THAT(
+        status.output,
+        StartsWith("pf is on. The helper enforces 1 network.\nThe counters start at zero"));
+    EXPECT_THAT(
+        status.output,
+        HasSubstr("\n\nLab, 192.168.64.0/24, of root (uid 0)\n"
+                  "  from the machines\n"
+                  "    DHCP: 0 packets\n"
+                  "    DNS at the gateway: 0 packets\n"
+                  "    rule 2, deny 10.0.0.0/8: 0 packets\n"
+                  "    everything else, allow: 0 packets\n"
+                  "  to the machines\n"
+                  "    DHCP: 0 packets\n"
+                  "    rule 1, allow tcp 22: 0 packets\n"
+                  "    everything else, deny: 0 packets\n"
+                  "\n== pf status ==\nStatus: Enabled"));
     EXPECT_EQ(status.error, "");
     EXPECT_THAT(
         ctl({"status", "--format=json"}).output,
-        StartsWith(R"({"report":"== pf status ==\nStatus: Enabled)"));
+        HasSubstr(R"(,"formatVersion":1,"report":"== pf status ==\nStatus: Enabled)"));
 
     EXPECT_THAT(ctl({"remove"}), Prints(0, ""));
     EXPECT_THAT(ctl({"status"}).output, HasSubstr("\n(anchor is empty — nothing enforced)\n"));
@@ -478,7 +492,7 @@ TEST_F(HelperctlUsersTest, LetsEverybodyLook) {
     fs::permissions("/tmp/lab.json", fs::perms(0644));
 
     EXPECT_THAT(ctlAs(secondUser, {"version"}), Prints(0, helperVersion() + "\n"));
-    EXPECT_THAT(ctlAs(secondUser, {"status"}).output, StartsWith("== pf status =="));
+    EXPECT_THAT(ctlAs(secondUser, {"status"}).output, HasSubstr("\n\n== pf status =="));
     EXPECT_THAT(
         ctlAs(secondUser, {"preview", "/tmp/lab.json"}).output,
         StartsWith("Enforcing 1 network: Lab\n"));

@@ -148,7 +148,10 @@ NetworkLines linesOf(const FirewallNetworkPolicy& network) {
     }
     const auto addDefault = [&](Direction direction, FirewallRule::Action action) {
         made.lines.push_back(
-            {.direction = direction, .passes = action == FirewallRule::Action::allow});
+            {.direction = direction,
+             .passes = action == FirewallRule::Action::allow,
+             .remote = {},
+             .ports = {}});
     };
     addDefault(Direction::in, network.policy.defaultOutbound);
     addDefault(Direction::out, network.policy.defaultInbound);

@@ -27,8 +27,8 @@ inline constexpr int usageError = 2;
 inline constexpr int notReachable = 3;
 inline constexpr int notAdmitted = 4;
 
-/// Of the forms that docs/helperctl-json.md describes; a change that readers would notice raises
-/// it.
+/// Of the forms that docs/helperctl.schema.json describes; a change that readers would notice
+/// raises it.
 inline constexpr std::int64_t formatVersion = 1;
 
 /// A network that may not be enforced.

@@ -17,6 +17,7 @@ enum class Command {
     preview,
     explain,
     validate,
+    lint,
     apply,
     remove,
     createVLAN,
@@ -36,7 +37,7 @@ struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
     std::optional<std::string> user;  ///< the user to act as
-    std::string file;                 ///< for `preview`, `validate`, `explain` and `apply`
+    std::string file;                 ///< for `preview`, `validate`, `lint`, `explain` and `apply`
     bool strict = false;              ///< for `apply`
     std::string packet;               ///< for `explain`
     std::string name;                 ///< for `createVLAN` the display name

@@ -7,6 +7,7 @@
 
 #include "helperctl/Help.h"
 #include "helperctl/commands/Apply.h"
+#include "helperctl/commands/Lint.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
 
@@ -46,6 +47,11 @@ std::span<const CommandForm> commandForms() {
          .operands = {{.name = "FILE", .target = &Arguments::file}},
          .run = validate,
          .help = validateHelp},
+        {.command = Command::lint,
+         .words = "lint",
+         .operands = {{.name = "FILE", .target = &Arguments::file}},
+         .run = lint,
+         .help = lintHelp},
         {.command = Command::preview,
          .words = "preview",
          .operands = {{.name = "FILE", .target = &Arguments::file}},

@@ -9,6 +9,7 @@
 
 #include "firewall/analysis/Verdict.h"
 #include "firewall/analysis/Words.h"
+#include "helperctl/Console.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -128,7 +129,7 @@ void noteStandings(
             !range.contains(packet.destination.address.value())) {
             continue;
         }
-        const std::string name = onOneLine(network.policy.name);
+        const std::string name = printable(network.policy.name);
         switch (network.standing) {
             case Standing::off:
                 notes.push_back(name + " isn't enforced: its firewall is off.");
@@ -139,7 +140,7 @@ void noteStandings(
             case Standing::claimed:
                 notes.push_back(
                     name +
-                    " isn't enforced: " + onOneLine(networks.at(network.claimedBy).policy.name) +
+                    " isn't enforced: " + printable(networks.at(network.claimedBy).policy.name) +
                     " has the same subnet and comes first.");
                 break;
             case Standing::enforced:

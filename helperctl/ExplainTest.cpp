@@ -189,7 +189,7 @@ TEST(ExplainTest, SaysWhyANetworkIsNotEnforced) {
                     "Mac's own networks; rules there would cut the Mac off from it."));
     EXPECT_THAT(
         notesFor("192.168.64.2"),
-        ElementsAre("Second  isn't enforced: Lab has the same subnet and comes first."));
+        ElementsAre("Second\\u000a isn't enforced: Lab has the same subnet and comes first."));
 }
 
 TEST(ExplainTest, FailsAsAnApplyDoes) {

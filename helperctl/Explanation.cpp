@@ -4,6 +4,8 @@
 
 #include <ostream>
 
+#include "helperctl/Console.h"
+
 namespace tarnvale::helperctl {
 namespace {
 
@@ -38,7 +40,9 @@ void printText(const Explanation& explanation, std::ostream& output) {
         output << '\n';
     }
     for (const auto& note : explanation.notes) {
-        output << note << '\n';
+        for (const auto& line : wrapped(note, 0)) {
+            output << line << '\n';
+        }
     }
 }
 

@@ -29,6 +29,7 @@ COMMANDS
                                doesn't enforce, and why
   validate FILE                print everything that is wrong with FILE, with
                                line and column
+  lint FILE                    print what in FILE doesn't do what it seems to
   preview FILE                 print what applying FILE would come to
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked
@@ -45,10 +46,10 @@ COMMANDS
   shutdown                     end the helper; the next request starts it again
 
   FILE holds a JSON array of networks, 64 MiB at most; "-" is standard input. It
-  is sent as it is: the helper judges it. "preview" and "validate" ask no
-  helper, they judge FILE by the helper's own rules: what would come of it on
-  this machine if no other user had networks. "help COMMAND" says more about
-  each.
+  is sent as it is: the helper judges it. The first group from "validate" on
+  asks no helper, it judges FILE by the helper's own rules: what would come of
+  it on this machine if no other user had networks. "help COMMAND" says more
+  about each.
 
 OPTIONS
   --format text    results as text on standard output, problems on standard
@@ -83,8 +84,9 @@ JSON
   ruleset        preview: the text for the packet filter
   explanation    explain: what becomes of the packet, and why
   validation     validate: all problems, with their places
+  lint           lint: all findings, with their places
   toolVersion    --version
-  formatVersion  explain, status, validate, --version: 1, until their form
+  formatVersion  explain, lint, status, validate, --version: 1, until their form
                  changes
   refused        apply --strict, preview, status: networks that are not
                  enforced, each with networkID, name and problem
@@ -98,7 +100,7 @@ JSON
 EXIT STATUS
   0  done
   1  refused or failed; for preview also: a network would be refused; for
-     validate: there is a problem
+     validate: there is a problem; for lint: an error or a warning
   2  the command line can't be understood
   3  the helper can't be reached
   4  the helper doesn't admit this program, which has to be signed, or this user

@@ -7,6 +7,7 @@
 #include "firewall/analysis/Words.h"
 #include "firewall/policy/AnchorText.h"
 #include "firewall/policy/PolicyJson.h"
+#include "helperctl/Console.h"
 #include "support/Text.h"
 
 namespace tarnvale::helperctl {
@@ -51,7 +52,7 @@ std::string wordsFor(const Line& line, const FirewallNetworkPolicy& network) {
                                                                     : "the DNS line for udp";
         case Line::Origin::rule:
             return "rule " + std::to_string(line.ruleNumber) + " (" +
-                   onOneLine(
+                   printable(
                        FirewallAnalysis::words(network.policy.rules.at(line.ruleNumber - 1))) +
                    ")";
         case Line::Origin::byDefault:
@@ -63,16 +64,6 @@ std::string wordsFor(const Line& line, const FirewallNetworkPolicy& network) {
 
 }  // namespace
 
-std::string onOneLine(std::string_view text) {
-    std::string line;
-    support::appendOnOneLine(line, text);
-    for (char& c : line) {
-        const auto byte = static_cast<unsigned char>(c);
-        c = byte < ' ' || byte == 0x7F ? ' ' : c;
-    }
-    return line;
-}
-
 NamedRuleset NamedRuleset::ofFile(
     std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts) {
     NamedRuleset named;
@@ -82,7 +73,7 @@ NamedRuleset NamedRuleset::ofFile(
 }
 
 std::string NamedRuleset::networkName(std::size_t network) const {
-    return onOneLine(list_.networks.at(list_.places.at(network)).policy.name);
+    return printable(list_.networks.at(list_.places.at(network)).policy.name);
 }
 
 std::vector<ExplainedLine> NamedRuleset::explainedLines(std::size_t network) const {

@@ -19,9 +19,6 @@
 
 namespace tarnvale::helperctl {
 
-/// Text of a user's, fit for a terminal: on one line and without control characters.
-std::string onOneLine(std::string_view text);
-
 class NamedRuleset {
 public:
     /// What an applied file comes to. Throws `HelperFirewall::HelperError` for data that is not a

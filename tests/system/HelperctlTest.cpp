@@ -394,6 +394,17 @@ TEST(HelperctlAloneTest, ExplainsAPacket) {
             "\n"));
 }
 
+TEST(HelperctlAloneTest, LintsAFile) {
+    const auto linted = runUnsigned({"lint", TARNVALE_SOURCE_DIR "/examples/web-server.json"});
+
+    EXPECT_EQ(linted.status, 0);
+    EXPECT_THAT(
+        linted.output,
+        EndsWith("web-server.json:60:22: note: Web server, rule 6 (allow tcp 443) [disabled]\n"
+                 "    It is off: nothing is enforced.\n"));
+    EXPECT_EQ(linted.error, "0 errors, 0 warnings, 2 notes.\n");
+}
+
 TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
     EXPECT_THAT(
         runUnsigned({"apply", "/tmp/none"}),

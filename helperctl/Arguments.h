@@ -14,6 +14,7 @@ namespace tarnvale::helperctl {
 enum class Command {
     version,
     status,
+    log,
     preview,
     explain,
     validate,
@@ -39,8 +40,11 @@ struct Arguments {
     std::optional<std::string> user;  ///< the user to act as
     std::string file;                 ///< for `preview`, `validate`, `lint`, `explain` and `apply`
     bool strict = false;              ///< for `apply`
-    std::string packet;               ///< for `explain`
-    std::string name;                 ///< for `createVLAN` the display name
+    bool follow = false;              ///< for `log`, as are the next two
+    std::optional<std::string> since;
+    std::optional<std::string> operation;
+    std::string packet;  ///< for `explain`
+    std::string name;    ///< for `createVLAN` the display name
     std::int64_t tag = 0;
     std::string parentBSD;
     std::string bsdName;  ///< for `deleteVLAN`

@@ -65,6 +65,7 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"preview", "a.json"}, Command::preview},
         {{"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}, Command::explain},
         {{"validate", "a.json"}, Command::validate},
+        {{"log"}, Command::log},
         {{"apply", "a.json"}, Command::apply},
         {{"remove"}, Command::remove},
         {{"vlan", "create", "Office", "7", "en0"}, Command::createVLAN},
@@ -87,6 +88,12 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
 TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"preview", "a.json"}).file, "a.json");
     EXPECT_EQ(arguments({"apply", "-"}).file, "-");
+    EXPECT_TRUE(arguments({"log", "-f"}).follow);
+    EXPECT_TRUE(arguments({"log", "--follow"}).follow);
+    const auto log = arguments({"log", "--since", "2h", "--operation=applyFirewall"});
+    EXPECT_FALSE(log.follow);
+    EXPECT_EQ(log.since, "2h");
+    EXPECT_EQ(log.operation, "applyFirewall");
     EXPECT_FALSE(arguments({"apply", "-"}).strict);
     EXPECT_TRUE(arguments({"apply", "-", "--strict"}).strict);
     EXPECT_TRUE(arguments({"apply", "--strict", "-"}).strict);
@@ -253,6 +260,7 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
     for (const char* text :
          {"  version  ",
           "  status  ",
+          "  log [-f]  ",
           "  validate FILE  ",
           "  preview FILE  ",
           "  explain FILE PACKET  ",

@@ -8,6 +8,7 @@
 #include "helperctl/Help.h"
 #include "helperctl/commands/Apply.h"
 #include "helperctl/commands/Lint.h"
+#include "helperctl/commands/Log.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
 
@@ -42,6 +43,14 @@ std::span<const CommandForm> commandForms() {
     static const auto& forms = *new std::vector<CommandForm>{
         {.command = Command::version, .words = "version", .help = versionHelp},
         {.command = Command::status, .words = "status", .help = statusHelp},
+        {.command = Command::log,
+         .words = "log",
+         .options =
+             {{.name = "--follow", .value = {}, .target = &Arguments::follow, .shortName = "-f"},
+              {.name = "--since", .value = "TIME", .target = &Arguments::since},
+              {.name = "--operation", .value = "NAME", .target = &Arguments::operation}},
+         .run = log,
+         .help = logHelp},
         {.command = Command::validate,
          .words = "validate",
          .operands = {{.name = "FILE", .target = &Arguments::file}},

@@ -97,6 +97,7 @@ TEST_F(CommandsTest, LetsEverybodyLook) {
           Command::status,
           Command::preview,
           Command::validate,
+          Command::log,
           Command::explain}) {
         auto arguments = command(look);
         EXPECT_EQ(refusal(arguments, 501), std::nullopt);

@@ -27,6 +27,7 @@ COMMANDS
   status                       print what the packet filter enforces and has
                                counted; for root, also which stored networks it
                                doesn't enforce, and why
+  log [-f]                     print the helper's log, with -f as it grows
   validate FILE                print everything that is wrong with FILE, with
                                line and column
   lint FILE                    print what in FILE doesn't do what it seems to
@@ -83,11 +84,11 @@ JSON
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
   explanation    explain: what becomes of the packet, and why
+  log            log: its entries
   validation     validate: all problems, with their places
   lint           lint: all findings, with their places
   toolVersion    --version
-  formatVersion  explain, lint, status, validate, --version: 1, until their form
-                 changes
+  formatVersion  the version of these forms: 1, until a form changes
   refused        apply --strict, preview, status: networks that are not
                  enforced, each with networkID, name and problem
   skippedRules   apply, preview, status: networks some of whose rules are left

@@ -71,6 +71,11 @@ MATCHER_P2(Complains, status, error, "") {
     return arg.status == status && arg.error == error && arg.output.empty();
 }
 
+/// A command that asks no helper needs no signature.
+Finished runUnsigned(const Words& arguments) {
+    return run(with({unsignedProgram}, arguments));
+}
+
 class HelperctlTest : public testing::Test {
 protected:
     ServiceLab lab;
@@ -306,6 +311,28 @@ TEST_F(HelperctlTest, MakesAndRemovesTheResolverFiles) {
     EXPECT_FALSE(exists("/etc/resolver/tvx"));
 }
 
+TEST_F(HelperctlTest, PrintsTheLogAndFollowsIt) {
+    const Service service;
+    Program follower(with({unsignedProgram}, {"log", "--follow", "--operation", "applyFirewall"}));
+    EXPECT_THAT(ctl({"apply", "-"}, "[1]").status, 1);
+    EXPECT_THAT(ctl({"vlan", "delete", "vlan9"}).status, 1);
+
+    const auto log = runUnsigned({"log", "--since", "1h"});
+    EXPECT_EQ(log.status, 0) << log.error;
+    EXPECT_THAT(log.output, HasSubstr("Z Helper " + helperVersion() + " listening on "));
+    EXPECT_THAT(log.output, HasSubstr("Z deleteVLAN failed: No VLAN interface named vlan9.\n"));
+    EXPECT_THAT(log.output, Not(HasSubstr("Z ? ")));
+    EXPECT_THAT(runUnsigned({"log", "--operation", "admission"}), Prints(0, ""));
+
+    const std::string followed =
+        "Z applyFirewall failed: Could not read the firewall policy: expected an object at [0], "
+        "found 1\n";
+    while (follower.output().find(followed) == std::string::npos) {
+        ASSERT_FALSE(follower.endsWithin(10ms)) << follower.error();
+    }
+    EXPECT_THAT(follower.output(), Not(HasSubstr("VLAN")));
+}
+
 TEST_F(HelperctlTest, EndsTheHelper) {
     Service service;
 
@@ -345,11 +372,6 @@ TEST_F(HelperctlTest, WritesNothingIntoTheConnection) {
     EXPECT_THAT(shell("\"$0\" status <&- >&- 2>&-"), Prints(0, ""));
     EXPECT_THAT(shell("\"$0\" remove <&- >&- 2>&-"), Prints(0, ""));
     EXPECT_THAT(logMessages(), Contains("Removed firewall enforcement."));
-}
-
-/// A command that asks no helper needs no signature.
-Finished runUnsigned(const Words& arguments) {
-    return run(with({unsignedProgram}, arguments));
 }
 
 TEST(HelperctlAloneTest, UnderstandsItsCommandLineOrSaysWhy) {

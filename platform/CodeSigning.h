@@ -79,6 +79,10 @@ public:
 
     /// The program that the peer runs right now; null when the peer has ended.
     virtual std::unique_ptr<Code> guest(const Peer& peer) = 0;
+
+    /// Why no code is valid on this machine, whoever signed it, as part of a sentence. Nothing if
+    /// the system trusts somebody.
+    virtual std::optional<std::string> trustProblem() { return std::nullopt; }
 };
 
 /// The code signatures of this machine. Defined once in platform/macos and once in

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
-// The helper at work, as most tests need it: one that never writes a word.
+// The helper at work, as most tests need it: one that writes no word that they don't expect.
 
 #pragma once
+
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -10,7 +12,8 @@
 
 namespace tarnvale::test {
 
-/// The test fails when the helper has written anything. It never does; only a sanitizer would.
+/// The test fails when the helper has written anything else than `expected`: what it says of missing
+/// roots. Only a sanitizer would.
 class Service : public RunningHelper {
 public:
     using RunningHelper::RunningHelper;
@@ -19,8 +22,10 @@ public:
     Service& operator=(const Service&) = delete;
     ~Service() {
         kill();
-        EXPECT_EQ(written(), "");
+        EXPECT_EQ(written(), expected);
     }
+
+    std::string expected;
 };
 
 }  // namespace tarnvale::test

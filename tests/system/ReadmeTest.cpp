@@ -97,7 +97,8 @@ constexpr const char* notActing = "Could not act as \"nobody\": Operation not pe
 auto isTheWalks() {
     return AllOf(
         HasSubstr(helperVersion() + "\nEnforcing 1 network: Lab\n\nRuleset:\n"),
-        HasSubstr("\nEnforcing 1 network: Lab\n== pf status ==\nStatus: Enabled"),
+        HasSubstr("\nEnforcing 1 network: Lab\npf is on. The helper enforces 1 network.\n"),
+        HasSubstr("\n== pf status ==\nStatus: Enabled"),
         HasSubstr("\nasas 0 1 \"No physical interface named eth9.\"\nas 0\n"),
         HasSubstr("\nnameserver 127.0.0.1\n"),
         HasSubstr(" Installed /etc/resolver/tarnvale.\n"));

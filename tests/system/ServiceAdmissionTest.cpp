@@ -290,7 +290,9 @@ TEST_F(ServiceAdmissionTest, KeepsAClientWhoseFileChanges) {
 }
 
 TEST_F(ServiceAdmissionTest, ReadsTheRootsAfreshForEachMessage) {
-    const Service service;
+    Service service;
+    service.expected = "TarnvaleAdminHelper: A client was turned away: " + std::string(rootsPath) +
+                       " doesn't exist.\n";
     ServiceClient client(lab.client);
     ASSERT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
 
@@ -303,8 +305,20 @@ TEST_F(ServiceAdmissionTest, ReadsTheRootsAfreshForEachMessage) {
     expectServed(lab.client);
 }
 
+TEST_F(ServiceAdmissionTest, SaysAtTheStartThatThereAreNoRoots) {
+    fs::remove(rootsPath);
+
+    Service service;
+
+    service.expected =
+        "TarnvaleAdminHelper: No client will be admitted: " + std::string(rootsPath) +
+        " doesn't exist.\n";
+}
+
 TEST_F(ServiceAdmissionTest, TrustsNoRootsThatAnybodyButRootCouldWrite) {
-    const Service service;
+    Service service;
+    service.expected = "TarnvaleAdminHelper: A client was turned away: " + std::string(rootsPath) +
+                       " may be written by others than root.\n";
     const std::string roots = contentOf(rootsPath);
 
     for (const mode_t mode : {0664U, 0646U}) {

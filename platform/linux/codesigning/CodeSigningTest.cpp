@@ -23,6 +23,7 @@
 #include <unistd.h>
 
 #include "platform/linux/PeerProcess.h"
+#include "platform/linux/codesigning/RootsNotice.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/SigningLab.h"
 #include "tests/support/SkipReasons.h"
@@ -104,6 +105,65 @@ TEST_F(CodeSigningTest, HoldsAProgramAgainstTheRequirement) {
     EXPECT_FALSE(isValid("identifier \"com.brackwen.tarnvale.service\""));
     EXPECT_FALSE(isValid("certificate leaf[subject.OU] = \"OTHERTEAM1\""));
     EXPECT_FALSE(isValid("not anchor apple generic"));
+}
+
+/// What the body writes to standard error.
+template <class Body>
+std::string saidBy(const Body& body) {
+    testing::internal::CaptureStderr();
+    body();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST_F(CodeSigningTest, SaysAtTheStartWhyThereAreNoRoots) {
+    const auto saidAtStart = [] { return saidBy(RootsNotice::sayAtStart); };
+    const std::string start = "TarnvaleAdminHelper: No client will be admitted: ";
+    const std::string path = rootsPath;
+    EXPECT_EQ(saidAtStart(), "");
+    EXPECT_EQ(signing->trustProblem(), std::nullopt);
+
+    writeRoots("no certificate\n");
+    EXPECT_EQ(saidAtStart(), start + path + " has no certificate in it.\n");
+    ::chmod(rootsPath, 0664);
+    EXPECT_EQ(saidAtStart(), start + path + " may be written by others than root.\n");
+    ::chmod("/etc/tarnvale", 0777);
+    EXPECT_EQ(saidAtStart(), start + "/etc/tarnvale may be written by others than root.\n");
+    ::chmod("/etc/tarnvale", 0755);
+
+    fs::remove(rootsPath);
+    EXPECT_EQ(saidAtStart(), start + path + " doesn't exist.\n");
+    fs::create_symlink("/tmp/roots.pem", rootsPath);
+    EXPECT_EQ(saidAtStart(), start + path + " is a link or not in a folder.\n");
+    fs::remove(rootsPath);
+    fs::create_directory(rootsPath);
+    EXPECT_EQ(saidAtStart(), start + path + " is not a regular file.\n");
+    fs::remove_all("/etc/tarnvale");
+    EXPECT_EQ(saidAtStart(), start + "/etc/tarnvale doesn't exist.\n");
+    EXPECT_EQ(signing->trustProblem(), "/etc/tarnvale doesn't exist");
+}
+
+TEST_F(CodeSigningTest, SaysOnceAMinuteThatAClientLacksRoots) {
+    EXPECT_EQ(saidBy([&] { EXPECT_TRUE(isValid()); }), "");
+    EXPECT_EQ(saidBy([&] { EXPECT_FALSE(isValid("not anchor apple generic")); }), "");
+
+    fs::remove(rootsPath);
+
+    EXPECT_EQ(
+        saidBy([&] {
+            EXPECT_FALSE(isValid());
+            EXPECT_FALSE(isValid());
+        }),
+        "TarnvaleAdminHelper: A client was turned away: " + std::string(rootsPath) +
+            " doesn't exist.\n");
+}
+
+TEST_F(CodeSigningTest, SaysThatRootsAreUnsafeWhenAClientIsTurnedAway) {
+    ::chmod(rootsPath, 0666);
+
+    EXPECT_EQ(
+        saidBy([&] { EXPECT_FALSE(isValid()); }),
+        "TarnvaleAdminHelper: A client was turned away: " + std::string(rootsPath) +
+            " may be written by others than root.\n");
 }
 
 TEST_F(CodeSigningTest, FindsNothingValidAgainstATextThatIsNoRequirement) {

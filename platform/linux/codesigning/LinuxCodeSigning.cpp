@@ -23,6 +23,7 @@
 #include "platform/linux/codesigning/FileIdentity.h"
 #include "platform/linux/codesigning/Requirement.h"
 #include "platform/linux/codesigning/Roots.h"
+#include "platform/linux/codesigning/RootsNotice.h"
 #include "platform/linux/codesigning/SignedData.h"
 #include "platform/linux/codesigning/VerifiedExecutables.h"
 #include "support/UniqueFd.h"
@@ -62,12 +63,14 @@ public:
     LinuxCode(
         Turns& turns,
         VerifiedExecutables& verified,
+        RootsNotice& notice,
         std::string link,
         std::optional<Peer> peer,
         std::optional<PeerProcess> owned,
         const FileIdentity& executable)
         : turns_(turns),
           verified_(verified),
+          notice_(notice),
           link_(std::move(link)),
           peer_(peer),
           owned_(std::move(owned)),
@@ -83,6 +86,7 @@ public:
     bool isValid(std::string_view requirement) override {
         const auto roots = rootsIdentity();
         if (!roots) {
+            notice_.sayAfterRefusal();
             return cannotTell();
         }
         const std::int64_t now = std::time(nullptr);
@@ -168,11 +172,13 @@ private:
         }
         const auto roots = readRoots();
         if (!roots) {
+            notice_.sayAfterRefusal();
             return cannotTell();
         }
         std::optional<Trusted> trusted;
         inTurn(turns_.messages, [&] { trusted = verify(trailer_->message, roots->pem); });
         if (!trusted) {
+            notice_.sayAfterRefusal();  // if no certificate is in the file
             return false;
         }
         const CodeFacts facts{
@@ -223,6 +229,7 @@ private:
 
     Turns& turns_;
     VerifiedExecutables& verified_;
+    RootsNotice& notice_;
     std::string link_;
     std::optional<Peer> peer_;
     std::optional<PeerProcess> owned_;  ///< holds the handle when the caller has none
@@ -236,6 +243,8 @@ public:
     std::unique_ptr<Code> self() override {
         return codeAt("/proc/self/exe", std::nullopt, std::nullopt);
     }
+
+    std::optional<std::string> trustProblem() override { return rootsProblem(); }
 
     std::unique_ptr<Code> guest(const Peer& peer) override {
         if (peer.handle == Peer::gone) {
@@ -261,11 +270,18 @@ private:
             return nullptr;
         }
         return std::make_unique<LinuxCode>(
-            turns_, verified_, std::move(link), peer, std::move(owned), FileIdentity(status));
+            turns_,
+            verified_,
+            notice_,
+            std::move(link),
+            peer,
+            std::move(owned),
+            FileIdentity(status));
     }
 
     Turns turns_;
     VerifiedExecutables verified_;
+    RootsNotice notice_;
 };
 
 }  // namespace

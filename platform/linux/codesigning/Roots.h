@@ -24,6 +24,10 @@ struct Roots {
 /// file and its folder must belong to root, not be links, and not be writable by others.
 std::optional<Roots> readRoots();
 
+/// Why no client's signature can lead to a root, as part of a sentence; nothing if there are roots.
+/// Whether each is a certificate only shows when it is needed.
+std::optional<std::string> rootsProblem();
+
 /// The state that the file is in now, without reading it; nothing when the file is missing.
 std::optional<FileIdentity> rootsIdentity();
 

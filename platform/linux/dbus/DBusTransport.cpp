@@ -26,6 +26,7 @@
 #include "platform/Transport.h"
 #include "platform/linux/LibSystemd.h"
 #include "platform/linux/PeriodicInterrupt.h"
+#include "platform/linux/codesigning/RootsNotice.h"
 #include "platform/linux/dbus/ConnectionPlaces.h"
 #include "platform/linux/dbus/DBusConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
@@ -269,6 +270,7 @@ private:
 }  // namespace
 
 std::unique_ptr<Transport> makeTransport(CodeSigning& codeSigning) {
+    RootsNotice::sayAtStart();
     return std::make_unique<DBusTransport>(codeSigning);
 }
 

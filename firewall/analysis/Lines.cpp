@@ -39,14 +39,12 @@ std::vector<Kinds> kindsOf(FirewallRule::Proto proto, bool hasPorts) {
 
 void addDhcp(std::vector<Line>& lines) {
     for (const Direction direction : allDirections) {
-        // What one side sends from, the other side is asked at.
-        const Direction opposite = direction == Direction::in ? Direction::out : Direction::in;
         lines.push_back(
             {.direction = direction,
              .passes = true,
              .kinds = {Kind::dhcp},
              .remote = {},
-             .ports = onePort(dhcpSourcePort(opposite)),
+             .ports = onePort(dhcpPort(direction)),
              .origin = Origin::dhcp});
     }
 }

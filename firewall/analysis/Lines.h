@@ -87,6 +87,11 @@ constexpr std::uint16_t dhcpSourcePort(Direction direction) {
     return direction == Direction::in ? 68 : 67;
 }
 
+/// The port that it is sent to, for what the DHCP line of that direction is about.
+constexpr std::uint16_t dhcpPort(Direction direction) {
+    return direction == Direction::in ? 67 : 68;
+}
+
 /// One line. The first line that matches a packet decides.
 struct Line {
     enum class Origin : std::uint8_t { dhcp, dns, rule, byDefault };

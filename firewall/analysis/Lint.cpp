@@ -33,18 +33,6 @@ std::string quoted(std::string_view text) {
     return quoted + "\"";
 }
 
-/// "a", "a and b", "a, b and c".
-std::string joined(const std::vector<std::string>& parts) {
-    std::string text;
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i > 0) {
-            text += i + 1 < parts.size() ? ", " : " and ";
-        }
-        text += parts[i];
-    }
-    return text;
-}
-
 bool hasHostBits(const NetworkFirewall::CIDR& cidr) {
     return addressNumber(cidr.address) != rangeOf(cidr).first;
 }

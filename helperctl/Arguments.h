@@ -19,6 +19,7 @@ enum class Command {
     explain,
     validate,
     lint,
+    diff,
     apply,
     remove,
     createVLAN,
@@ -37,10 +38,12 @@ enum class Format { text, json };
 struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
-    std::optional<std::string> user;  ///< the user to act as
-    std::string file;                 ///< for `preview`, `validate`, `lint`, `explain` and `apply`
-    bool strict = false;              ///< for `apply`
-    bool follow = false;              ///< for `log`, as are the next two
+    std::optional<std::string> user;   ///< the user to act as
+    std::string file;                  ///< what `validate`, `preview`, `apply` and others look at
+    std::string otherFile;             ///< for `diff`, if there are two
+    std::optional<std::string> owner;  ///< for `diff`: whose list is stored
+    bool strict = false;               ///< for `apply`
+    bool follow = false;               ///< for `log`, as are the next two
     std::optional<std::string> since;
     std::optional<std::string> operation;
     std::string packet;  ///< for `explain`

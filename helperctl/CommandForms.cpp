@@ -7,6 +7,7 @@
 
 #include "helperctl/Help.h"
 #include "helperctl/commands/Apply.h"
+#include "helperctl/commands/Diff.h"
 #include "helperctl/commands/Lint.h"
 #include "helperctl/commands/Log.h"
 #include "helperctl/commands/ToolVersion.h"
@@ -61,6 +62,14 @@ std::span<const CommandForm> commandForms() {
          .operands = {{.name = "FILE", .target = &Arguments::file}},
          .run = lint,
          .help = lintHelp},
+        {.command = Command::diff,
+         .words = "diff",
+         .operands =
+             {{.name = "FILE", .target = &Arguments::file},
+              {.name = "OTHER", .target = &Arguments::otherFile, .isOptional = true}},
+         .options = {{.name = "--owner", .value = "NAME", .target = &Arguments::owner}},
+         .run = diff,
+         .help = diffHelp},
         {.command = Command::preview,
          .words = "preview",
          .operands = {{.name = "FILE", .target = &Arguments::file}},

@@ -31,6 +31,10 @@ COMMANDS
   validate FILE                print everything that is wrong with FILE, with
                                line and column
   lint FILE                    print what in FILE doesn't do what it seems to
+  diff FILE [OTHER]            print what changes from FILE to OTHER: records,
+                               lines, the verdicts on packets, connections that
+                               are cut; for root, also from what is stored to
+                               FILE
   preview FILE                 print what applying FILE would come to
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked
@@ -87,6 +91,7 @@ JSON
   log            log: its entries
   validation     validate: all problems, with their places
   lint           lint: all findings, with their places
+  difference     diff: what changes
   toolVersion    --version
   formatVersion  the version of these forms: 1, until a form changes
   refused        apply --strict, preview, status: networks that are not

@@ -3,6 +3,7 @@
 #include "helperctl/NamedRuleset.h"
 
 #include <cstdint>
+#include <utility>
 
 #include "firewall/analysis/Words.h"
 #include "firewall/policy/AnchorText.h"
@@ -66,9 +67,13 @@ std::string wordsFor(const Line& line, const FirewallNetworkPolicy& network) {
 
 NamedRuleset NamedRuleset::ofFile(
     std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts) {
+    return ofList(NetworkFirewall::decodePolicyData(policyData), hosts);
+}
+
+NamedRuleset NamedRuleset::ofList(
+    std::vector<FirewallNetworkPolicy> list, std::span<const NetworkFirewall::HostAddress> hosts) {
     NamedRuleset named;
-    named.list_ =
-        FirewallAnalysis::enforcedList(NetworkFirewall::decodePolicyData(policyData), hosts);
+    named.list_ = FirewallAnalysis::enforcedList(std::move(list), hosts);
     return named;
 }
 
@@ -94,6 +99,16 @@ std::vector<ExplainedLine> NamedRuleset::explainedLines(std::size_t network) con
         }
     }
     return lines;
+}
+
+std::vector<std::string> NamedRuleset::lineTexts(std::size_t network) const {
+    return writtenLines(list_.networks.at(list_.places.at(network)).policy);
+}
+
+std::string NamedRuleset::wordsOf(std::size_t network, std::size_t line) const {
+    return wordsFor(
+        ruleset().networks.at(network).lines.at(line),
+        list_.networks.at(list_.places.at(network)).policy);
 }
 
 const NetworkFirewall::FirewallRule* NamedRuleset::ruleOf(

@@ -26,6 +26,11 @@ public:
     static NamedRuleset ofFile(
         std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts);
 
+    /// What an applied list comes to.
+    static NamedRuleset ofList(
+        std::vector<NetworkFirewall::FirewallNetworkPolicy> list,
+        std::span<const NetworkFirewall::HostAddress> hosts);
+
     const FirewallAnalysis::Ruleset& ruleset() const { return list_.ruleset; }
     const FirewallAnalysis::EnforcedList& list() const { return list_; }
 
@@ -34,6 +39,12 @@ public:
 
     /// Its lines, and what gave them.
     std::vector<ExplainedLine> explainedLines(std::size_t network) const;
+
+    /// Its lines as the ruleset has them.
+    std::vector<std::string> lineTexts(std::size_t network) const;
+
+    /// What gave a line of it: "rule 2 (deny 10.0.0.0/8)".
+    std::string wordsOf(std::size_t network, std::size_t line) const;
 
     /// The rule that gave the line; nothing if none did, or if it isn't known.
     const NetworkFirewall::FirewallRule* ruleOf(std::size_t network, std::size_t line) const;

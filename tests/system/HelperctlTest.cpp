@@ -427,6 +427,39 @@ TEST(HelperctlAloneTest, LintsAFile) {
     EXPECT_EQ(linted.error, "0 errors, 0 warnings, 2 notes.\n");
 }
 
+TEST(HelperctlAloneTest, ComparesTwoFiles) {
+    const char* const openLab = TARNVALE_SOURCE_DIR "/examples/open-lab.json";
+
+    EXPECT_THAT(runUnsigned({"diff", labPath, labPath}), Prints(0, "Nothing changes.\n"));
+    EXPECT_THAT(
+        runUnsigned({"diff", labPath, openLab}).output,
+        HasSubstr(
+            "\n  everything but DHCP from Open lab to 10.0.0.0/8: blocked -> passed, by the\n"));
+}
+
+TEST(HelperctlAloneTest, ComparesAFileWithWhatIsStored) {
+    fs::create_directories(supportFolder);
+    put(storePath, R"({"owners":{"501":{"appliedAt":1,"policies":)" + contentOf(labPath) + "}}}");
+
+    EXPECT_THAT(runUnsigned({"diff", labPath}), Prints(0, "Nothing changes.\n"));
+    EXPECT_THAT(runUnsigned({"diff", labPath, "--owner", "501"}), Prints(0, "Nothing changes.\n"));
+    EXPECT_THAT(
+        runUnsigned({"diff", labPath, "--owner", "502"}).output,
+        StartsWith("Records\n  Lab is new: 192.168.64.0/24\n"));
+    EXPECT_THAT(
+        runUnsigned({"diff", labPath, "--owner", "nobody knows"}),
+        Complains(1, "Found no user \"nobody knows\".\n"));
+
+    put(storePath,
+        R"({"owners":{"501":{"appliedAt":1,"policies":[]},"502":{"appliedAt":1,"policies":[]}}})");
+    EXPECT_THAT(
+        runUnsigned({"diff", labPath}),
+        Complains(
+            1,
+            "More than one user has stored networks. --owner says whose to compare with: 501 and "
+            "502.\n"));
+}
+
 TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
     EXPECT_THAT(
         runUnsigned({"apply", "/tmp/none"}),

@@ -1,0 +1,417 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/commands/Diff.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <stdexcept>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include <pwd.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include "firewall/analysis/Differences.h"
+#include "firewall/analysis/Words.h"
+#include "firewall/policy/PolicyJson.h"
+#include "firewall/policy/PolicyStore.h"
+#include "firewall/policy/Review.h"
+#include "helperctl/Answer.h"
+#include "helperctl/NamedRuleset.h"
+#include "helperctl/PolicyFile.h"
+#include "helperctl/StoredNetworks.h"
+#include "support/Decimal.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+using FirewallAnalysis::Direction;
+using FirewallAnalysis::GovernedPart;
+using FirewallAnalysis::PacketChange;
+using NetworkFirewall::FirewallNetworkPolicy;
+using NetworkFirewall::FirewallRule;
+using Networks = std::vector<FirewallNetworkPolicy>;
+
+const char* onOrOff(bool value) {
+    return value ? "on" : "off";
+}
+
+/// Finds what the records of two lists have that differs.
+class RecordComparison {
+public:
+    RecordComparison(const Networks& before, const Networks& now) {
+        compareById(
+            before,
+            now,
+            &FirewallNetworkPolicy::networkID,
+            [this](const auto* old, const auto* young, std::size_t, std::size_t) {
+                compare(old, young);
+            });
+    }
+
+    std::vector<std::string> take() { return std::move(found_); }
+
+private:
+    /// Calls the body with each pair of records that have the same ID, and with those that are in
+    /// one list only. Of several with one ID, the first belongs to the first.
+    template <class Record, class Body>
+    static void compareById(
+        const std::vector<Record>& before,
+        const std::vector<Record>& now,
+        support::Uuid Record::*id,
+        const Body& body) {
+        std::map<std::array<std::uint8_t, 16>, std::vector<std::size_t>> places;
+        for (std::size_t i = before.size(); i-- > 0;) {
+            places[(before[i].*id).bytes].push_back(i);
+        }
+        for (std::size_t i = 0; i < now.size(); ++i) {
+            auto& own = places[(now[i].*id).bytes];
+            if (own.empty()) {
+                body(static_cast<const Record*>(nullptr), &now[i], std::size_t{0}, i);
+            } else {
+                body(&before[own.back()], &now[i], own.back(), i);
+                own.pop_back();
+            }
+        }
+        std::vector<std::size_t> gone;
+        for (const auto& [bytes, own] : places) {
+            gone.insert(gone.end(), own.begin(), own.end());
+        }
+        std::ranges::sort(gone);
+        for (const std::size_t place : gone) {
+            body(&before[place], static_cast<const Record*>(nullptr), place, std::size_t{0});
+        }
+    }
+
+    void add(const std::string& what) { found_.push_back(name_ + what); }
+
+    void compare(const FirewallNetworkPolicy* old, const FirewallNetworkPolicy* young) {
+        name_ = (young != nullptr ? young : old)->name;
+        if (old == nullptr || young == nullptr) {
+            add(std::string(old == nullptr ? " is new: " : " is gone: ") +
+                (young != nullptr ? young : old)->subnetCIDR);
+            return;
+        }
+        compareTexts(", its name", old->name, young->name);
+        compareTexts(", its subnet", old->subnetCIDR, young->subnetCIDR);
+        compareTexts(
+            ", its gateway",
+            old->gatewayIPv4.value_or("none"),
+            young->gatewayIPv4.value_or("none"));
+        compareTexts(
+            ", the DNS proxy", onOrOff(old->dnsProxyEnabled), onOrOff(young->dnsProxyEnabled));
+        compareTexts(
+            ", its firewall", onOrOff(old->policy.enabled), onOrOff(young->policy.enabled));
+        compareTexts(
+            ", the default for inbound traffic",
+            rawValue(old->policy.defaultInbound),
+            rawValue(young->policy.defaultInbound));
+        compareTexts(
+            ", the default for outbound traffic",
+            rawValue(old->policy.defaultOutbound),
+            rawValue(young->policy.defaultOutbound));
+        compareRules(old->policy.rules, young->policy.rules);
+    }
+
+    void compareTexts(const char* what, const std::string& old, const std::string& young) {
+        if (old != young) {
+            add(std::string(what) + ": " + old + " -> " + young);
+        }
+    }
+
+    void compareRules(
+        const std::vector<FirewallRule>& before, const std::vector<FirewallRule>& now) {
+        std::vector<std::size_t> order;
+        compareById(
+            before,
+            now,
+            &FirewallRule::id,
+            [&](const auto* old, const auto* young, std::size_t was, std::size_t is) {
+                if (old == nullptr) {
+                    add(", rule " + std::to_string(is + 1) + " is new: " + wordsFor(*young));
+                } else if (young == nullptr) {
+                    add(", rule " + std::to_string(was + 1) + " is gone: " + wordsFor(*old));
+                } else {
+                    order.push_back(was);
+                    if (*old != *young) {
+                        add(", rule " + std::to_string(is + 1) + ": " + wordsFor(*old) + " -> " +
+                            wordsFor(*young));
+                    }
+                }
+            });
+        if (!std::ranges::is_sorted(order)) {
+            add(", its rules have another order");
+        }
+    }
+
+    static std::string wordsFor(const FirewallRule& rule) {
+        return std::string(rawValue(rule.direction)) + ", " + FirewallAnalysis::words(rule) +
+               (rule.enabled ? "" : " (off)");
+    }
+
+    std::string name_;
+    std::vector<std::string> found_;
+};
+
+using Lines = std::vector<std::string>;
+
+/// Appends the lines that go and come, by the longest common subsequence.
+void appendChangedLines(Lines& out, const Lines& before, const Lines& now) {
+    // Beyond this, all lines between the first and the last that differ count as changed.
+    constexpr std::size_t maxCells = 4'000'000;
+    std::size_t begin = 0;
+    std::size_t oldEnd = before.size();
+    std::size_t newEnd = now.size();
+    while (begin < oldEnd && begin < newEnd && before[begin] == now[begin]) {
+        ++begin;
+    }
+    while (begin < oldEnd && begin < newEnd && before[oldEnd - 1] == now[newEnd - 1]) {
+        --oldEnd;
+        --newEnd;
+    }
+    const std::size_t rows = oldEnd - begin;
+    const std::size_t columns = newEnd - begin;
+    std::vector<std::uint32_t> common;
+    const bool isExact = rows == 0 || columns < maxCells / rows;
+    const auto at = [&](std::size_t row, std::size_t column) -> std::uint32_t& {
+        return common[row * (columns + 1) + column];
+    };
+    if (isExact) {
+        common.resize((rows + 1) * (columns + 1));
+        for (std::size_t i = rows; i-- > 0;) {
+            for (std::size_t j = columns; j-- > 0;) {
+                at(i, j) = before[begin + i] == now[begin + j]
+                               ? at(i + 1, j + 1) + 1
+                               : std::max(at(i + 1, j), at(i, j + 1));
+            }
+        }
+    }
+    std::size_t i = 0;
+    std::size_t j = 0;
+    while (i < rows || j < columns) {
+        if (i < rows && j < columns && before[begin + i] == now[begin + j]) {
+            ++i;
+            ++j;
+        } else if (i < rows && (j == columns || !isExact || at(i + 1, j) >= at(i, j + 1))) {
+            out.push_back("- " + before[begin + i++]);
+        } else {
+            out.push_back("+ " + now[begin + j++]);
+        }
+    }
+}
+
+/// The lines of both rulesets, network by network.
+Lines changedLines(const NamedRuleset& before, const NamedRuleset& now) {
+    std::map<std::string, std::pair<Lines, Lines>> bySubnet;
+    const auto collect = [&](const NamedRuleset& rules, Lines std::pair<Lines, Lines>::*side) {
+        for (std::size_t i = 0; i < rules.ruleset().networks.size(); ++i) {
+            bySubnet[text(rules.ruleset().networks[i].subnet)].*side = rules.lineTexts(i);
+        }
+    };
+    collect(before, &std::pair<Lines, Lines>::first);
+    collect(now, &std::pair<Lines, Lines>::second);
+    Lines changed;
+    for (const auto& [subnet, lines] : bySubnet) {
+        appendChangedLines(changed, lines.first, lines.second);
+    }
+    return changed;
+}
+
+/// What people call the addresses of a part: the network's name if they are all of it.
+std::string nameOf(const GovernedPart& part, const NamedRuleset& before, const NamedRuleset& now) {
+    const NamedRuleset& rules = part.now ? now : before;
+    const std::size_t network = part.now ? *part.now : part.before.value();
+    const FirewallAnalysis::Region whole{
+        .prefix = rules.ruleset().networks.at(network).subnet, .except = {}};
+    return part.addresses == std::vector{whole} ? rules.networkName(network)
+                                                : FirewallAnalysis::words(part.addresses);
+}
+
+std::string decider(
+    const NamedRuleset& rules,
+    std::optional<std::size_t> network,
+    std::optional<std::size_t> line) {
+    return network && line ? rules.wordsOf(*network, *line) : "no line at all";
+}
+
+Lines changedPackets(const NamedRuleset& before, const NamedRuleset& now) {
+    Lines changed;
+    for (const GovernedPart& part : governedParts(before.ruleset(), now.ruleset())) {
+        const auto linesOf = [](const NamedRuleset& rules, std::optional<std::size_t> network) {
+            return network ? &rules.ruleset().networks.at(*network) : nullptr;
+        };
+        const std::string local = nameOf(part, before, now);
+        for (const PacketChange& change :
+             FirewallAnalysis::changes(linesOf(before, part.before), linesOf(now, part.now))) {
+            const std::string remote = FirewallAnalysis::words(change.remotes);
+            const bool isIn = change.direction == Direction::in;
+            changed.push_back(
+                packetWords(change) + " from " + (isIn ? local : remote) + " to " +
+                (isIn ? remote : local) +
+                (change.passes ? ": blocked -> passed, by " : ": passed -> blocked, by ") +
+                decider(now, part.now, change.now) + "; before by " +
+                decider(before, part.before, change.before));
+        }
+    }
+    return changed;
+}
+
+struct DifferenceRecord {
+    std::vector<std::string> records;
+    std::vector<std::string> lines;
+    std::vector<std::string> packets;
+    std::vector<std::string> cut;
+};
+
+constexpr auto jsonMembers(std::type_identity<DifferenceRecord> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"records", &DifferenceRecord::records},
+        support::JsonMember{"lines", &DifferenceRecord::lines},
+        support::JsonMember{"packets", &DifferenceRecord::packets},
+        support::JsonMember{"cut", &DifferenceRecord::cut}};
+}
+
+struct DifferenceForm {
+    std::int64_t formatVersion = helperctl::formatVersion;
+    DifferenceRecord difference;
+};
+
+constexpr auto jsonMembers(std::type_identity<DifferenceForm> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"formatVersion", &DifferenceForm::formatVersion},
+        support::JsonMember{"difference", &DifferenceForm::difference}};
+}
+
+void printPart(const char* heading, const Lines& lines, const Console& console) {
+    if (lines.empty()) {
+        return;
+    }
+    console.output << console.inked(Ink::bold, heading) << '\n';
+    for (const std::string& line : lines) {
+        bool isFirst = true;
+        for (const auto& piece : wrapped(printable(line), 4)) {
+            console.output << (isFirst ? "  " : "    ") << piece << '\n';
+            isFirst = false;
+        }
+    }
+}
+
+/// These are the ruleset's own: they aren't broken.
+void printLines(const Lines& lines, const Console& console) {
+    if (!lines.empty()) {
+        console.output << console.inked(Ink::bold, "Lines") << '\n';
+    }
+    for (const std::string& line : lines) {
+        console.output << "  " << console.inked(line.front() == '-' ? Ink::red : Ink::green, line)
+                       << '\n';
+    }
+}
+
+void print(const Difference& difference, const Console& console) {
+    if (difference.isEmpty()) {
+        console.output << "Nothing changes.\n";
+        return;
+    }
+    printPart("Records", difference.records, console);
+    printLines(difference.lines, console);
+    printPart("Packets", difference.packets, console);
+    if (!difference.cut.empty()) {
+        printPart(
+            "Connections",
+            {"An apply cuts all connections of " + FirewallAnalysis::joined(difference.cut) + "."},
+            console);
+    }
+}
+
+/// The owner's key in the store, by a user's name or ID.
+std::string ownerKey(const std::string& owner) {
+    if (owner == NetworkFirewall::legacyOwner || support::parseNumber<uid_t>(owner)) {
+        return owner;
+    }
+    const passwd* const entry = ::getpwnam(owner.c_str());
+    if (entry == nullptr) {
+        throw std::runtime_error("Found no user \"" + printable(owner) + "\".");
+    }
+    return std::to_string(entry->pw_uid);
+}
+
+/// The list that is stored for that owner, or for the only one.
+Networks storedList(const std::optional<std::string>& owner) {
+    if (::geteuid() != 0) {
+        throw std::runtime_error("Only root may read what users have stored.");
+    }
+    auto store = readStore();
+    if (!store || store->owners.empty()) {
+        return {};
+    }
+    if (owner) {
+        const auto own = store->owners.find(ownerKey(*owner));
+        return own == store->owners.end() ? Networks() : std::move(own->second.policies);
+    }
+    if (store->owners.size() > 1) {
+        std::vector<std::string> owners;
+        for (const auto& [key, entry] : store->owners) {
+            owners.push_back(key);
+        }
+        throw std::runtime_error(
+            "More than one user has stored networks. --owner says whose to compare with: " +
+            FirewallAnalysis::joined(owners) + ".");
+    }
+    return std::move(store->owners.begin()->second.policies);
+}
+
+}  // namespace
+
+Difference difference(
+    const Networks& before,
+    const Networks& now,
+    std::span<const NetworkFirewall::HostAddress> hosts) {
+    Difference result;
+    result.records = RecordComparison(before, now).take();
+    const auto oldRules = NamedRuleset::ofList(before, hosts);
+    const auto newRules = NamedRuleset::ofList(now, hosts);
+    result.lines = changedLines(oldRules, newRules);
+    result.packets = changedPackets(oldRules, newRules);
+    // As an apply decides it.
+    const auto enforceable = NetworkFirewall::review(now, hosts).enforceable;
+    if (!NetworkFirewall::samePolicies(
+            NetworkFirewall::review(before, hosts).enforceable, enforceable)) {
+        for (const FirewallNetworkPolicy& network : enforceable) {
+            result.cut.push_back(network.subnetCIDR);
+        }
+    }
+    return result;
+}
+
+int diff(const Session& session) {
+    const auto& arguments = session.arguments;
+    const auto first = NetworkFirewall::decodePolicyData(readPolicyFile(arguments.file));
+    const auto hosts = NetworkFirewall::hostAddresses();
+    const auto found =
+        arguments.otherFile.empty()
+            ? difference(storedList(arguments.owner), first, hosts)
+            : difference(
+                  first,
+                  NetworkFirewall::decodePolicyData(readPolicyFile(arguments.otherFile)),
+                  hosts);
+    if (session.console.wantsJson()) {
+        session.console.writeJson(DifferenceForm{
+            .difference = {
+                .records = found.records,
+                .lines = found.lines,
+                .packets = found.packets,
+                .cut = found.cut}});
+    } else {
+        print(found, session.console);
+    }
+    return done;
+}
+
+}  // namespace tarnvale::helperctl

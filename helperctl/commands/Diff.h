@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+//
+// `diff A B`, `diff FILE`: what changes from one file of networks to another, or from what a user
+// has stored to a file. Asks no helper.
+
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "firewall/policy/FirewallRecords.h"
+#include "helperctl/Session.h"
+#include "platform/HostAddresses.h"
+
+namespace tarnvale::helperctl {
+
+struct Difference {
+    std::vector<std::string> records;  ///< what the lists say: "Lab, rule 3 is new: deny tcp 443"
+    std::vector<std::string> lines;    ///< of the ruleset, behind "- " or "+ "
+    std::vector<std::string> packets;  ///< "tcp 22 from anywhere to Lab: blocked -> passed, by …"
+    std::vector<std::string> cut;      ///< the subnets whose connections an apply would end
+
+    bool isEmpty() const {
+        return records.empty() && lines.empty() && packets.empty() && cut.empty();
+    }
+    bool operator==(const Difference&) const = default;
+};
+
+/// What an apply of `now` would change for a user whose list is `before`, on a machine with these
+/// addresses where nobody else has networks.
+Difference difference(
+    const std::vector<NetworkFirewall::FirewallNetworkPolicy>& before,
+    const std::vector<NetworkFirewall::FirewallNetworkPolicy>& now,
+    std::span<const NetworkFirewall::HostAddress> hosts);
+
+int diff(const Session& session);
+
+inline constexpr std::string_view diffHelp =
+    R"(Prints what changes from FILE to OTHER. Without OTHER, what would change if FILE
+were applied for the user whose list is stored, for which it takes root:
+--owner says whose list, by name or user ID, where there is more than one. Asks
+no helper.
+
+Records      networks and rules that are new, gone or changed, told apart by ID
+Lines        of the ruleset: "-" goes, "+" comes
+Packets      that open a connection and whose verdict changes, all of them. A
+             packet between two networks crosses pf twice and may be listed at
+             both.
+Connections  the networks whose connections an apply cuts; what the rules pass
+             can connect again
+
+What others have stored isn't looked at.
+)";
+
+}  // namespace tarnvale::helperctl

@@ -14,6 +14,7 @@ namespace tarnvale::helperctl {
 enum class Command {
     version,
     status,
+    doctor,
     log,
     preview,
     explain,

@@ -65,6 +65,7 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"preview", "a.json"}, Command::preview},
         {{"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}, Command::explain},
         {{"validate", "a.json"}, Command::validate},
+        {{"doctor"}, Command::doctor},
         {{"log"}, Command::log},
         {{"apply", "a.json"}, Command::apply},
         {{"remove"}, Command::remove},
@@ -260,6 +261,7 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
     for (const char* text :
          {"  version  ",
           "  status  ",
+          "  doctor  ",
           "  log [-f]  ",
           "  validate FILE  ",
           "  preview FILE  ",

@@ -8,6 +8,7 @@
 #include "helperctl/Help.h"
 #include "helperctl/commands/Apply.h"
 #include "helperctl/commands/Diff.h"
+#include "helperctl/commands/Doctor.h"
 #include "helperctl/commands/Lint.h"
 #include "helperctl/commands/Log.h"
 #include "helperctl/commands/ToolVersion.h"
@@ -44,6 +45,7 @@ std::span<const CommandForm> commandForms() {
     static const auto& forms = *new std::vector<CommandForm>{
         {.command = Command::version, .words = "version", .help = versionHelp},
         {.command = Command::status, .words = "status", .help = statusHelp},
+        {.command = Command::doctor, .words = "doctor", .run = doctor, .help = doctorHelp},
         {.command = Command::log,
          .words = "log",
          .options =

@@ -97,6 +97,7 @@ TEST_F(CommandsTest, LetsEverybodyLook) {
           Command::status,
           Command::preview,
           Command::validate,
+          Command::doctor,
           Command::log,
           Command::explain}) {
         auto arguments = command(look);

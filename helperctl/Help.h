@@ -27,6 +27,8 @@ COMMANDS
   status                       print what the packet filter enforces and has
                                counted; for root, also which stored networks it
                                doesn't enforce, and why
+  doctor                       look for what keeps the helper from doing its
+                               work, and say what to do
   log [-f]                     print the helper's log, with -f as it grows
   validate FILE                print everything that is wrong with FILE, with
                                line and column
@@ -88,6 +90,7 @@ JSON
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
   explanation    explain: what becomes of the packet, and why
+  doctor         doctor: what each check has found
   log            log: its entries
   validation     validate: all problems, with their places
   lint           lint: all findings, with their places
@@ -106,7 +109,7 @@ JSON
 EXIT STATUS
   0  done
   1  refused or failed; for preview also: a network would be refused; for
-     validate: there is a problem; for lint: an error or a warning
+     doctor, validate: there is a problem; for lint: an error or a warning
   2  the command line can't be understood
   3  the helper can't be reached
   4  the helper doesn't admit this program, which has to be signed, or this user

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/JsonSchema.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
@@ -331,6 +332,36 @@ TEST_F(HelperctlTest, PrintsTheLogAndFollowsIt) {
         ASSERT_FALSE(follower.endsWithin(10ms)) << follower.error();
     }
     EXPECT_THAT(follower.output(), Not(HasSubstr("VLAN")));
+}
+
+TEST_F(HelperctlTest, LooksForProblems) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+
+    const auto found = ctl({"doctor"});
+    EXPECT_THAT(
+        found.output,
+        StartsWith(
+            "ok          helper: It answers. Its version is " + helperVersion() +
+            ", as this program's.\nok          pf: It is on.\nok          rules: What is stored, "
+            "what was loaded and what is in force agree: 8\n            lines.\n"));
+    EXPECT_EQ(found.error, "");
+    EXPECT_EQ(judgedBySchema("helperctl", ctl({"doctor", "--format", "json"}).output), "yes");
+
+    ASSERT_EQ(
+        run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"}).status, 0);
+    const auto flushed = ctl({"doctor"});
+    EXPECT_EQ(flushed.status, 1);
+    EXPECT_THAT(
+        flushed.output,
+        HasSubstr("\nproblem     rules: What was loaded is gone: nothing is in force. Something"));
+
+    const auto unsignedOne = runUnsigned({"doctor"});
+    EXPECT_EQ(unsignedOne.status, 1);
+    EXPECT_THAT(
+        unsignedOne.output,
+        StartsWith("problem     helper: It doesn't admit this program, which is not signed.\n"));
 }
 
 TEST_F(HelperctlTest, EndsTheHelper) {

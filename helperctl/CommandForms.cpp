@@ -9,8 +9,11 @@
 #include "helperctl/commands/Apply.h"
 #include "helperctl/commands/Diff.h"
 #include "helperctl/commands/Doctor.h"
+#include "helperctl/commands/Export.h"
+#include "helperctl/commands/Init.h"
 #include "helperctl/commands/Lint.h"
 #include "helperctl/commands/Log.h"
+#include "helperctl/commands/Schema.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
 
@@ -82,6 +85,14 @@ std::span<const CommandForm> commandForms() {
              {{.name = "FILE", .target = &Arguments::file},
               {.name = "PACKET", .target = &Arguments::packet, .takesRest = true}},
          .help = explainHelp},
+        {.command = Command::init, .words = "init", .run = init, .help = initHelp},
+        {.command = Command::exportNetworks,
+         .words = "export",
+         .access = Access::rootToRead,
+         .asksAboutUser = true,
+         .run = exportNetworks,
+         .help = exportHelp},
+        {.command = Command::schema, .words = "schema", .run = schema, .help = schemaHelp},
         {.command = Command::apply,
          .words = "apply",
          .operands = {{.name = "FILE", .target = &Arguments::file}},

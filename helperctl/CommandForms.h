@@ -53,6 +53,7 @@ struct CommandForm {
     std::vector<Operand> operands{};
     std::vector<Option> options{};
     Access access = Access::everybody;
+    bool asksAboutUser = false;  ///< `--user` says whom it is about, not whom to act as
     /// Runs the command and returns the exit status. May throw, `HelperClientError` too. Null for
     /// the commands of Commands.h, which ask the helper one thing and print its reply.
     int (*run)(const Session& session) = nullptr;

@@ -98,6 +98,8 @@ TEST_F(CommandsTest, LetsEverybodyLook) {
           Command::preview,
           Command::validate,
           Command::doctor,
+          Command::init,
+          Command::schema,
           Command::log,
           Command::explain}) {
         auto arguments = command(look);
@@ -105,6 +107,13 @@ TEST_F(CommandsTest, LetsEverybodyLook) {
         arguments.user = "bob";
         EXPECT_EQ(refusal(arguments, 501), "Only root may act as another user.");
     }
+}
+
+TEST_F(CommandsTest, LetsNobodyElseReadWhatIsStored) {
+    EXPECT_EQ(
+        refusal(command(Command::exportNetworks), 501),
+        "Only root may read what users have stored.");
+    EXPECT_EQ(refusal(command(Command::exportNetworks), 0), std::nullopt);
 }
 
 TEST_F(CommandsTest, AsksForResults) {

@@ -41,6 +41,11 @@ COMMANDS
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked
                                at before
+  init                         print a file to start from, for the virtual
+                               networks that this machine has now
+  export                       print root's stored networks as a FILE, or with
+                               --user that user's; only for root
+  schema                       print the JSON Schema of FILE
 
   apply [--strict] FILE        enforce these networks and no others of this
                                user; print which rules are skipped, and why

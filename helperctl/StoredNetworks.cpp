@@ -30,6 +30,10 @@ std::optional<NetworkFirewall::PolicyStore> readStore() {
     return data ? NetworkFirewall::decodeStore(*data) : std::nullopt;
 }
 
+bool storeIsUnreadable() {
+    return ::access(pathOf(NetworkFirewall::storeFileName).c_str(), F_OK) == 0 && !readStore();
+}
+
 std::string loadedRulesetText() {
     return support::readFile(pathOf("firewall.pf.conf")).value_or("");
 }

@@ -19,6 +19,9 @@ namespace tarnvale::helperctl {
 /// root.
 std::optional<NetworkFirewall::PolicyStore> readStore();
 
+/// Whether there is a store that `readStore` can't read.
+bool storeIsUnreadable();
+
 /// The text of the ruleset that was loaded last; empty if it can't be read.
 std::string loadedRulesetText();
 

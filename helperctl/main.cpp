@@ -13,6 +13,7 @@
 #include "helperctl/ActingUser.h"
 #include "helperctl/Answer.h"
 #include "helperctl/Arguments.h"
+#include "helperctl/CommandForms.h"
 #include "helperctl/Commands.h"
 #include "platform/HelperClient.h"
 #include "support/StandardDescriptors.h"
@@ -26,7 +27,7 @@ std::optional<std::string> changeUser(const Arguments& arguments) {
     if (auto problem = refusal(arguments, ::getuid())) {
         return problem;
     }
-    if (arguments.user) {
+    if (arguments.user && !formOf(arguments.command).asksAboutUser) {
         try {
             actAs(*arguments.user);
         } catch (const std::exception& error) {

@@ -41,8 +41,9 @@ its place in the file:
   lab.json:8:55: [0].policy.rules[1].ports: "x" isn't a port or port range …
 
 A line with "warning:" is about something that the helper ignores, such as a key
-that it doesn't know. Networks and rules that are off aren't judged, as long as
-they can be read. Standard error gets a count.
+that it doesn't know; a member "comment" is for people and gets none. Networks
+and rules that are off aren't judged, as long as they can be read. Standard
+error gets a count.
 
 Exit status 1: there is a problem.
 )";

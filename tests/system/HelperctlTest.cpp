@@ -334,6 +334,33 @@ TEST_F(HelperctlTest, PrintsTheLogAndFollowsIt) {
     EXPECT_THAT(follower.output(), Not(HasSubstr("VLAN")));
 }
 
+TEST_F(HelperctlTest, ExportsWhatAnApplyBringsBack) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    EXPECT_THAT(ctl({"export"}), Complains(1, "\"root\" has no networks stored.\n"));
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+    const auto stored = [] {
+        const auto store = contentOf(storePath);
+        return store.substr(store.find("\"policies\""));
+    };
+    const auto before = stored();
+
+    const auto backup = ctl({"export"});
+    EXPECT_EQ(backup.status, 0) << backup.error;
+    ASSERT_EQ(ctl({"remove"}).status, 0);
+    EXPECT_FALSE(exists(storePath));
+    EXPECT_THAT(
+        ctl({"apply", "-", "--strict"}, backup.output), Prints(0, "Enforcing 1 network: Lab\n"));
+
+    EXPECT_EQ(stored(), before);
+    EXPECT_THAT(ctl({"export", "--user", "0"}), Prints(0, backup.output));
+    EXPECT_THAT(
+        ctl({"export", "--user", "legacy"}), Complains(1, "\"legacy\" has no networks stored.\n"));
+    EXPECT_THAT(ctl({"export", "--user", "zoe"}), Complains(1, "Found no user \"zoe\".\n"));
+    put(storePath, "{");
+    EXPECT_THAT(ctl({"export"}), Complains(1, "What is stored can't be read.\n"));
+}
+
 TEST_F(HelperctlTest, LooksForProblems) {
     TARNVALE_NEEDS(interfaces);
     const Service service;
@@ -529,6 +556,26 @@ TEST(HelperctlAloneTest, PrintsItsOwnVersion) {
     EXPECT_THAT(
         runUnsigned({"--version", "--format", "json"}),
         Prints(0, R"({"formatVersion":1,"toolVersion":")" + helperVersion() + "\"}\n"));
+}
+
+TEST(HelperctlAloneTest, PrintsTheSchema) {
+    EXPECT_THAT(
+        runUnsigned({"schema"}),
+        Prints(0, contentOf(TARNVALE_SOURCE_DIR "/docs/policy.schema.json")));
+}
+
+TEST(HelperctlAloneTest, PrintsAPolicyToStartFrom) {
+    TARNVALE_NEEDS(interfaces);
+    EXPECT_THAT(
+        runUnsigned({"init"}),
+        Complains(1, "This machine has no virtual network now. Start a virtual machine first.\n"));
+
+    ASSERT_EQ(run({"/sbin/ip", "link", "add", "bridge100", "type", "bridge"}).status, 0);
+    ASSERT_EQ(run({"/sbin/ip", "address", "add", "192.168.66.1/24", "dev", "bridge100"}).status, 0);
+    const auto policy = runUnsigned({"init"});
+    EXPECT_EQ(policy.status, 0) << policy.error;
+    EXPECT_THAT(policy.output, HasSubstr("\"subnetCIDR\": \"192.168.66.0\\/24\",\n"));
+    EXPECT_EQ(run({unsignedProgram, "validate", "-"}, policy.output).status, 0);
 }
 
 TEST(HelperctlAloneTest, ValidatesAFile) {

@@ -217,12 +217,16 @@ private:
     }
 
     void fillOperands() {
-        const auto required = static_cast<std::size_t>(
-            std::ranges::count(form_->operands, false, &Operand::isOptional));
+        const auto isAbsent = [&](const Operand& operand) {
+            return operand.absentWith != nullptr && arguments_.*operand.absentWith;
+        };
+        const auto required = static_cast<std::size_t>(std::ranges::count_if(
+            form_->operands,
+            [&](const Operand& operand) { return !operand.isOptional && !isAbsent(operand); }));
         std::size_t spare = operands_.size() - std::min(required, operands_.size());
         auto word = operands_.begin();
         for (const auto& operand : form_->operands) {
-            if (operand.isOptional && spare == 0) {
+            if (isAbsent(operand) || (operand.isOptional && spare == 0)) {
                 continue;
             }
             if (word == operands_.end()) {

@@ -51,6 +51,7 @@ struct Arguments {
     std::optional<std::string> since;
     std::optional<std::string> operation;
     std::string packet;  ///< for `explain`
+    bool live = false;   ///< for `explain`: the rules in force in place of a file
     std::string name;    ///< for `createVLAN` the display name
     std::int64_t tag = 0;
     std::string parentBSD;

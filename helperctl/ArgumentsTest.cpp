@@ -104,6 +104,9 @@ TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"vlan", "delete", "vlan0"}).bsdName, "vlan0");
     EXPECT_EQ(arguments({"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}).file, "a.json");
     EXPECT_EQ(
+        arguments({"explain", "icmp", "1.1.1.1", "to", "2.2.2.2", "--live"}).packet,
+        "icmp 1.1.1.1 to 2.2.2.2");
+    EXPECT_EQ(
         arguments({"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}).packet,
         "icmp 1.1.1.1 -> 2.2.2.2");
     EXPECT_EQ(
@@ -171,6 +174,7 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"apply"}, "FILE is required"},
         {{"preview"}, "FILE is required"},
         {{"explain", "a.json"}, "PACKET is required"},
+        {{"explain", "--live"}, "PACKET is required"},
         {{"vlan", "create", "a", "7"}, "PARENT is required"},
         {{"vlan", "create", "a", "x", "b"}, "TAG: \"x\" is no number"},
         {{"vlan", "create", "a", "9223372036854775808", "b"},

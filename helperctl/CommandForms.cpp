@@ -44,6 +44,7 @@ std::size_t distance(std::string_view a, std::string_view b) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-size): it is one table
 std::span<const CommandForm> commandForms() {
     static const auto& forms = *new std::vector<CommandForm>{
         {.command = Command::version, .words = "version", .help = versionHelp},
@@ -82,8 +83,9 @@ std::span<const CommandForm> commandForms() {
         {.command = Command::explain,
          .words = "explain",
          .operands =
-             {{.name = "FILE", .target = &Arguments::file},
+             {{.name = "FILE", .target = &Arguments::file, .absentWith = &Arguments::live},
               {.name = "PACKET", .target = &Arguments::packet, .takesRest = true}},
+         .options = {{.name = "--live", .value = {}, .target = &Arguments::live}},
          .help = explainHelp},
         {.command = Command::init, .words = "init", .run = init, .help = initHelp},
         {.command = Command::exportNetworks,

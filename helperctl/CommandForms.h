@@ -32,6 +32,7 @@ struct Operand {
     Target target;
     bool isOptional = false;  ///< left out if there are words for the others only
     bool takesRest = false;   ///< the last one: all words that are left, joined by spaces
+    bool Arguments::*absentWith = nullptr;  ///< the option in whose place it stands, if any
 };
 
 struct Option {

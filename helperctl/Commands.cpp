@@ -52,11 +52,22 @@ Outcome status(const Connect& connect) {
     return outcome;
 }
 
-/// What becomes of the packet if the file is applied.
-Outcome explain(const Arguments& arguments) {
+/// The rules in force.
+NamedRuleset rulesInForce(const Connect& connect) {
+    const auto reply = connect()->firewallReport();
+    if (reply.error) {
+        throw std::runtime_error(*reply.error);
+    }
+    return NamedRuleset::ofReport(reply.result.value_or(""), NetworkFirewall::hostAddresses());
+}
+
+/// What becomes of the packet if the file is applied, or under the rules in force.
+Outcome explain(const Arguments& arguments, const Connect& connect) {
     const auto packet = FirewallAnalysis::parsePacket(arguments.packet);
-    const auto rules =
-        NamedRuleset::ofFile(readPolicyFile(arguments.file), NetworkFirewall::hostAddresses());
+    const auto rules = arguments.live
+                           ? rulesInForce(connect)
+                           : NamedRuleset::ofFile(
+                                 readPolicyFile(arguments.file), NetworkFirewall::hostAddresses());
     Outcome outcome;
     outcome.answer.formatVersion = formatVersion;
     outcome.answer.explanation = explain(rules, packet);
@@ -74,7 +85,7 @@ Outcome ask(const Arguments& arguments, const Connect& connect) {
             return preview(
                 readPolicyFile(arguments.file), NetworkFirewall::hostAddresses(), ::geteuid());
         case Command::explain:
-            return explain(arguments);
+            return explain(arguments, connect);
         case Command::apply:
             return apply(arguments, connect);
         case Command::remove:

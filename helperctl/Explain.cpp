@@ -91,6 +91,9 @@ ExplainedCrossing explained(
 }
 
 std::string reasonFor(const NamedRuleset& rules, const Verdict& verdict) {
+    if (rules.isOff()) {
+        return ": pf is off";
+    }
     switch (verdict.way) {
         case Way::ipv6:
             return ": no line is about IPv6";

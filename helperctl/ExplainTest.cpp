@@ -3,6 +3,7 @@
 #include "helperctl/Explain.h"
 
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -190,6 +191,60 @@ TEST(ExplainTest, SaysWhyANetworkIsNotEnforced) {
     EXPECT_THAT(
         notesFor("192.168.64.2"),
         ElementsAre("Second\\u000a isn't enforced: Lab has the same subnet and comes first."));
+}
+
+/// A report with these listed lines.
+std::string report(const std::string& status, const std::string& lines) {
+    return "== pf status ==\n" + status + "\n\n== com.apple/900.tarnvale.firewall ==\n" + lines;
+}
+
+Explanation explainedLive(const std::string& report, const std::string& packet) {
+    return explain(NamedRuleset::ofReport(report, {}), FirewallAnalysis::parsePacket(packet));
+}
+
+TEST(ExplainTest, ReadsTheRulesInForce) {
+    const auto listed = report(
+        "Status: Enabled for 0 days 00:00:01",
+        "pass in quick inet proto udp from 192.168.64.0/24 port = 68 to any port = 67 keep state\n"
+        "  [ Evaluations: 3         Packets: 0         Bytes: 0           States: 0     ]\n"
+        "  [ Inserted: uid 0 pid 77 ]\n"
+        "block drop in quick inet from 192.168.64.0/24 to 10.0.0.0/8\n"
+        "pass in quick inet from 192.168.64.0/24 to any flags S/SA keep state\n"
+        "block drop out quick inet from any to 192.168.64.0/24");
+
+    const auto blocked = explainedLive(listed, "tcp 192.168.64.2 -> 10.1.2.3:443");
+    EXPECT_EQ(blocked.sentence, "blocked, by a rule (deny 10.0.0.0/8) of 192.168.64.0/24");
+    ASSERT_EQ(blocked.crossings.size(), 1U);
+    EXPECT_EQ(
+        blocked.crossings[0].decides.value().line,
+        "block drop in quick inet from 192.168.64.0/24 to 10.0.0.0/8");
+    EXPECT_THAT(lookedAt(blocked.crossings[0]), ElementsAre("the DHCP line: another protocol"));
+    EXPECT_EQ(
+        explainedLive(listed, "icmp 192.168.64.2 -> 1.1.1.1").sentence,
+        "passed, by the default for outbound traffic of 192.168.64.0/24");
+}
+
+TEST(ExplainTest, SaysThatNothingIsFilteredWherePfIsOff) {
+    const auto off =
+        report("Status: Disabled", "block drop out quick inet from any to 192.168.64.0/24");
+
+    EXPECT_EQ(explainedLive(off, "icmp 1.1.1.1 -> 192.168.64.2").sentence, "passed: pf is off");
+    EXPECT_EQ(
+        explainedLive(
+            report("Status: Enabled", "(anchor is empty — nothing enforced)"),
+            "icmp 1.1.1.1 -> 192.168.64.2")
+            .sentence,
+        "passed: no line is about it");
+}
+
+TEST(ExplainTest, SaysThatARulesetCantBeRead) {
+    EXPECT_THAT(
+        [] { NamedRuleset::ofReport(report("", "pfctl: Permission denied"), {}); },
+        ThrowsMessage<std::runtime_error>(
+            "The rules in force can't be told, because pfctl says: pfctl: Permission denied"));
+    EXPECT_THAT(
+        [] { NamedRuleset::ofReport("something", {}); },
+        ThrowsMessage<std::runtime_error>("The helper's report isn't of the known form."));
 }
 
 TEST(ExplainTest, FailsAsAnApplyDoes) {

@@ -41,6 +41,8 @@ COMMANDS
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked
                                at before
+  explain --live PACKET        the same of the rules in force, which the helper
+                               reports
   init                         print a file to start from, for the virtual
                                networks that this machine has now
   export                       print root's stored networks as a FILE, or with
@@ -160,7 +162,10 @@ Exit status 1: a network would be refused.
 inline constexpr std::string_view explainHelp =
     R"(Prints what would become of a packet if the file were applied on this machine:
 the verdict, the line that decides, with the rule that it comes from, and what
-was looked at before. Asks no helper.
+was looked at before. Without --live it asks no helper.
+
+With --live, the rules in force decide, which the helper reports. Only root also
+learns which rules of whose policy they come from.
 
 PACKET opens a connection and is written as in "tcp 192.168.64.2 ->
 10.1.2.3:443": tcp, udp, icmp or a protocol's number, where from, "->" or "to",

@@ -3,12 +3,16 @@
 #include "helperctl/NamedRuleset.h"
 
 #include <cstdint>
+#include <stdexcept>
 #include <utility>
 
+#include "firewall/analysis/Listing.h"
 #include "firewall/analysis/Words.h"
 #include "firewall/policy/AnchorText.h"
 #include "firewall/policy/PolicyJson.h"
 #include "helperctl/Console.h"
+#include "helperctl/StatusPage.h"
+#include "helperctl/StoredNetworks.h"
 #include "support/Text.h"
 
 namespace tarnvale::helperctl {
@@ -63,6 +67,25 @@ std::string wordsFor(const Line& line, const FirewallNetworkPolicy& network) {
                                            : "the default for inbound traffic";
 }
 
+/// What gave a line in force, as far as that is known.
+std::string wordsFor(const LineStatus& line) {
+    if (line.origin == "dhcp") {
+        return "the DHCP line";
+    }
+    if (line.origin == "dns") {
+        return "the DNS line";
+    }
+    if (line.origin == "default") {
+        return line.direction == "in" ? "the default for outbound traffic"
+                                      : "the default for inbound traffic";
+    }
+    const auto comma = line.words.find(", ");
+    if (!line.rule || comma == std::string::npos) {
+        return "a rule (" + printable(line.words) + ")";
+    }
+    return line.words.substr(0, comma) + " (" + printable(line.words.substr(comma + 2)) + ")";
+}
+
 }  // namespace
 
 NamedRuleset NamedRuleset::ofFile(
@@ -77,11 +100,59 @@ NamedRuleset NamedRuleset::ofList(
     return named;
 }
 
+NamedRuleset NamedRuleset::ofReport(
+    const std::string& report, std::span<const NetworkFirewall::HostAddress> hosts) {
+    const auto status = firewallStatus(report, loadedRulesetText(), readStore());
+    if (!status) {
+        throw std::runtime_error("The helper's report isn't of the known form.");
+    }
+    if (!status->others.empty()) {
+        throw std::runtime_error(
+            "The rules in force can't be told, because pfctl says: " + status->others.front());
+    }
+    NamedRuleset named;
+    named.list_.ruleset = FirewallAnalysis::enforcedList({}, hosts).ruleset;
+    named.isOff_ = status->enabled == false;
+    if (named.isOff_) {
+        return named;
+    }
+    for (const NetworkStatus& network : status->networks) {
+        auto& live = named.live_.emplace_back();
+        live.name = printable(network.name.value_or(network.subnet));
+        auto& lines = named.list_.ruleset.networks.emplace_back();
+        for (const LineStatus& given : network.lines) {
+            for (const std::string& text : given.lines) {
+                const auto listed = FirewallAnalysis::readListedLine(text).value();
+                lines.subnet = listed.subnet;
+                lines.lines.push_back(listed.line);
+                if (given.origin == "dns") {
+                    // The proxy is the host's, whatever addresses this machine has now.
+                    named.list_.ruleset.hostAddresses.push_back(listed.line.remote.first);
+                }
+                live.lines.push_back(
+                    {.line = text,
+                     .origin = given.origin,
+                     .words = wordsFor(given),
+                     .rule = given.rule,
+                     .path = {},
+                     .why = {}});
+            }
+        }
+    }
+    return named;
+}
+
 std::string NamedRuleset::networkName(std::size_t network) const {
+    if (!live_.empty()) {
+        return live_.at(network).name;
+    }
     return printable(list_.networks.at(list_.places.at(network)).policy.name);
 }
 
 std::vector<ExplainedLine> NamedRuleset::explainedLines(std::size_t network) const {
+    if (!live_.empty()) {
+        return live_.at(network).lines;
+    }
     const std::size_t place = list_.places.at(network);
     const FirewallNetworkPolicy& policy = list_.networks.at(place).policy;
     const std::vector<std::string> texts = writtenLines(policy);
@@ -114,7 +185,7 @@ std::string NamedRuleset::wordsOf(std::size_t network, std::size_t line) const {
 const NetworkFirewall::FirewallRule* NamedRuleset::ruleOf(
     std::size_t network, std::size_t line) const {
     const std::size_t number = ruleset().networks.at(network).lines.at(line).ruleNumber;
-    return number == 0
+    return number == 0 || !live_.empty()
                ? nullptr
                : &list_.networks.at(list_.places.at(network)).policy.policy.rules.at(number - 1);
 }

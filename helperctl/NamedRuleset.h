@@ -31,8 +31,17 @@ public:
         std::vector<NetworkFirewall::FirewallNetworkPolicy> list,
         std::span<const NetworkFirewall::HostAddress> hosts);
 
+    /// What a report of the helper's says is in force; nothing where pf is off. The names of
+    /// networks and rules are those of the status page. Throws `std::runtime_error` for a report
+    /// that doesn't say, or says something else.
+    static NamedRuleset ofReport(
+        const std::string& report, std::span<const NetworkFirewall::HostAddress> hosts);
+
     const FirewallAnalysis::Ruleset& ruleset() const { return list_.ruleset; }
     const FirewallAnalysis::EnforcedList& list() const { return list_; }
+
+    /// Whether pf is known to be off.
+    bool isOff() const { return isOff_; }
 
     /// The name of a network of the ruleset.
     std::string networkName(std::size_t network) const;
@@ -50,7 +59,15 @@ public:
     const NetworkFirewall::FirewallRule* ruleOf(std::size_t network, std::size_t line) const;
 
 private:
+    /// A network in force.
+    struct LiveNetwork {
+        std::string name;
+        std::vector<ExplainedLine> lines;
+    };
+
     FirewallAnalysis::EnforcedList list_;
+    std::vector<LiveNetwork> live_;  ///< empty for a list
+    bool isOff_ = false;
 };
 
 }  // namespace tarnvale::helperctl

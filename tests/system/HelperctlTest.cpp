@@ -153,6 +153,27 @@ TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
     EXPECT_FALSE(exists(storePath));
 }
 
+TEST_F(HelperctlTest, ExplainsTheRulesInForce) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    const char* const packet = "tcp 192.168.64.2 -> 10.1.2.3:443";
+
+    EXPECT_THAT(ctl({"explain", "--live", packet}).output, StartsWith("passed: pf is off\n"));
+
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+    const auto explained = ctl({"explain", "--live", packet});
+    EXPECT_EQ(explained.error, "");
+    EXPECT_THAT(
+        explained.output,
+        StartsWith("blocked, by rule 2 of Lab (deny 10.0.0.0/8)\n"
+                   "\n"
+                   "in from Lab: blocked by rule 2 (deny 10.0.0.0/8)\n"
+                   "    block drop in quick inet from 192.168.64.0/24 to 10.0.0.0/8\n"));
+    EXPECT_EQ(
+        judgedBySchema("helperctl", ctl({"explain", "--live", packet, "--format", "json"}).output),
+        "yes");
+}
+
 TEST_F(HelperctlTest, SendsTheFileAsItIs) {
     const Service service;
     struct Case {

@@ -92,7 +92,9 @@ private:
         std::string listing;
         for (std::size_t i = 0; i < matches.size(); ++i) {
             pfctl::appendCanonicalLine(listing, ruleset.rules.at(i));
-            listing += "  [ Packets: " + std::to_string(matches.at(i)) + " ]\n";
+            const std::string count = std::to_string(matches.at(i));
+            listing.append("  [ Evaluations: ").append(count).append("  Packets: ").append(count);
+            listing += "  Bytes: 0  States: 0 ]\n";
         }
         put(listingPath, listing);
     }

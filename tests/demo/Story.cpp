@@ -105,6 +105,15 @@ std::string overWhat(const Exchange& exchange) {
                                                : protocol + " " + std::to_string(exchange.port);
 }
 
+/// As `explain` takes it.
+std::string packetText(const Exchange& exchange) {
+    const std::string to = std::string(" -> ") + exchange.to.address;
+    return exchange.protocol == Protocol::ping
+               ? std::string("icmp ") + exchange.from.address + to
+               : std::string(rawValue(exchange.protocol)) + " " + exchange.from.address + to + ":" +
+                     std::to_string(exchange.port);
+}
+
 std::string padded(std::string text, std::size_t width) {
     text.resize(std::max(text.size(), width), ' ');
     return text;
@@ -138,6 +147,7 @@ private:
     void showWhomTheHelperServes();
     void showBothFirewalls();
     void showEveryConnection();
+    void showExplanation(const Exchange& exchange, const std::string& outcome);
     void showTheLinesThatDecided();
     void showARefusedNetwork();
     void showASubnetOfTwoUsers();
@@ -221,6 +231,7 @@ void Story::showEveryConnection() {
         network_.caveat().empty() ? "Every connection was tried before and after:"
                                   : "Every connection was worked out before and after:");
     transcript_.say("  from        to       over      before  after    because");
+    transcript_.say("      and what tarnvale-helperctl explain --live says of it");
     for (std::size_t i = 0; i < connections.size(); ++i) {
         const auto& [exchange, passes, because] = connections.at(i);
         const std::string over = overWhat(exchange);
@@ -234,7 +245,19 @@ void Story::showEveryConnection() {
             std::string(exchange.from.name) + " -> " + exchange.to.name + " " + over + " ";
         transcript_.check(wasBefore == wordFor(true), what + "passes before");
         transcript_.check(isNow == wordFor(passes), what + wordFor(passes) + " after");
+        showExplanation(exchange, isNow);
     }
+}
+
+/// Shows what `explain` says of the rules in force, which has to be what has happened.
+void Story::showExplanation(const Exchange& exchange, const std::string& outcome) {
+    const std::string packet = packetText(exchange);
+    const std::string text = askAsRoot({"explain", "--live", packet}).text;
+    const std::string sentence = text.substr(0, text.find('\n'));
+    transcript_.quote("explain: " + sentence);
+    transcript_.check(
+        sentence.starts_with(outcome == wordFor(true) ? "passed" : "blocked"),
+        "explain --live \"" + packet + "\" says what has happened");
 }
 
 void Story::showTheLinesThatDecided() {

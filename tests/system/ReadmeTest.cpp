@@ -276,7 +276,7 @@ TEST_F(ReadmeTest, TheDemoShowsWhatItPromises) {
     }
 
     EXPECT_EQ(shown.status, 0);
-    EXPECT_THAT(shown.output, EndsWith("\n57 checks passed, 0 failed\n"));
+    EXPECT_THAT(shown.output, EndsWith("\n73 checks passed, 0 failed\n"));
     EXPECT_EQ(shown.error, "");
 }
 

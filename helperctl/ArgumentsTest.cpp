@@ -92,6 +92,8 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
 TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"preview", "a.json"}).file, "a.json");
     EXPECT_EQ(arguments({"apply", "-"}).file, "-");
+    EXPECT_TRUE(arguments({"status", "--watch"}).watch);
+    EXPECT_FALSE(arguments({"status"}).watch);
     EXPECT_TRUE(arguments({"log", "-f"}).follow);
     EXPECT_TRUE(arguments({"log", "--follow"}).follow);
     const auto log = arguments({"log", "--since", "2h", "--operation=applyFirewall"});
@@ -267,7 +269,7 @@ TEST(ArgumentsTest, FindsTheNearestWord) {
 TEST(ArgumentsTest, HelpsWithWhatThereIs) {
     for (const char* text :
          {"  version  ",
-          "  status  ",
+          "  status [--watch]  ",
           "  doctor  ",
           "  init  ",
           "  export  ",

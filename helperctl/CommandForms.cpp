@@ -16,6 +16,7 @@
 #include "helperctl/commands/Schema.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
+#include "helperctl/commands/Watch.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -48,7 +49,11 @@ std::size_t distance(std::string_view a, std::string_view b) {
 std::span<const CommandForm> commandForms() {
     static const auto& forms = *new std::vector<CommandForm>{
         {.command = Command::version, .words = "version", .help = versionHelp},
-        {.command = Command::status, .words = "status", .help = statusHelp},
+        {.command = Command::status,
+         .words = "status",
+         .options = {{.name = "--watch", .value = {}, .target = &Arguments::watch}},
+         .run = status,
+         .help = statusHelp},
         {.command = Command::doctor, .words = "doctor", .run = doctor, .help = doctorHelp},
         {.command = Command::log,
          .words = "log",

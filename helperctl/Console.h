@@ -27,7 +27,8 @@ struct Console {
     std::ostream& output;
     std::ostream& errors;
     Format format = Format::text;
-    bool hasColour = false;  ///< whether the output is a terminal whose user wants colour
+    bool hasColour = false;   ///< whether the output is a terminal whose user wants colour
+    bool isTerminal = false;  ///< whether the output is one
 
     bool wantsJson() const { return format == Format::json; }
 

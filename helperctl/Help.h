@@ -24,7 +24,7 @@ SYNOPSIS
 
 COMMANDS
   version                      print the version of the helper that runs
-  status                       print what the packet filter enforces and has
+  status [--watch]             print what the packet filter enforces and has
                                counted; for root, also which stored networks it
                                doesn't enforce, and why
   doctor                       look for what keeps the helper from doing its
@@ -137,18 +137,6 @@ EXAMPLES
 inline constexpr std::string_view versionHelp =
     R"(Prints the version of the helper that runs, which the system starts if
 necessary. "tarnvale-helperctl --version" prints that of this program.
-)";
-
-inline constexpr std::string_view statusHelp =
-    R"(Prints what the packet filter enforces: for each network, what its rules, the
-DHCP and DNS lines and the defaults have counted; then the helper's own report
-with pf's listing. To root it also says whose a network is and which rule of the
-policy each line comes from, and which stored networks and rules are not
-enforced, and why.
-
-The counters start at zero whenever the rules are loaded: at each apply and
-removal, and when the helper starts. It ends after two idle minutes, so a status
-after that shows counters that have just begun.
 )";
 
 inline constexpr std::string_view previewHelp =

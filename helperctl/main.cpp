@@ -54,7 +54,8 @@ int answer(int argc, const char* const* argv) {
         .output = std::cout,
         .errors = std::cerr,
         .format = arguments.format,
-        .hasColour = wantsColour(STDOUT_FILENO)};
+        .hasColour = wantsColour(STDOUT_FILENO),
+        .isTerminal = ::isatty(STDOUT_FILENO) == 1};
     return perform({arguments, tarnvale::platform::connectToHelper, console});
 }
 

@@ -6,9 +6,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
+#include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <ostream>
 #include <utility>

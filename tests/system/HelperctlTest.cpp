@@ -412,6 +412,22 @@ TEST_F(HelperctlTest, LooksForProblems) {
         StartsWith("problem     helper: It doesn't admit this program, which is not signed.\n"));
 }
 
+TEST_F(HelperctlTest, WatchesTheStatus) {
+    const Service service;
+    Program watcher(with({signedProgram}, {"status", "--watch"}));
+    const std::string pages =
+        "pf is off: nothing is enforced. The helper enforces 0 networks.\n\npf is";
+    while (watcher.output().find(pages) == std::string::npos) {
+        ASSERT_FALSE(watcher.endsWithin(10ms)) << watcher.error();
+    }
+
+    ASSERT_EQ(ctl({"shutdown"}).status, 0);
+
+    const auto ended = watcher.finish();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_THAT(ended.error, StartsWith("The helper gave no reply: "));
+}
+
 TEST_F(HelperctlTest, EndsTheHelper) {
     Service service;
 

@@ -23,6 +23,7 @@ enum class Command {
     explain,
     validate,
     lint,
+    matrix,
     diff,
     apply,
     remove,
@@ -52,8 +53,9 @@ struct Arguments {
     std::optional<std::string> since;
     std::optional<std::string> operation;
     std::string packet;  ///< for `explain`
-    bool live = false;   ///< for `explain`: the rules in force in place of a file
-    std::string name;    ///< for `createVLAN` the display name
+    bool live = false;   ///< for `explain` and `matrix`: the rules in force in place of a file
+    std::optional<std::string> svg;  ///< for `matrix`: where the picture goes
+    std::string name;                ///< for `createVLAN` the display name
     std::int64_t tag = 0;
     std::string parentBSD;
     std::string bsdName;  ///< for `deleteVLAN`

@@ -13,6 +13,7 @@
 #include "helperctl/commands/Init.h"
 #include "helperctl/commands/Lint.h"
 #include "helperctl/commands/Log.h"
+#include "helperctl/commands/Matrix.h"
 #include "helperctl/commands/Schema.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
@@ -73,6 +74,14 @@ std::span<const CommandForm> commandForms() {
          .operands = {{.name = "FILE", .target = &Arguments::file}},
          .run = lint,
          .help = lintHelp},
+        {.command = Command::matrix,
+         .words = "matrix",
+         .operands = {{.name = "FILE", .target = &Arguments::file, .absentWith = &Arguments::live}},
+         .options =
+             {{.name = "--live", .value = {}, .target = &Arguments::live},
+              {.name = "--svg", .value = "PICTURE", .target = &Arguments::svg}},
+         .run = matrix,
+         .help = matrixHelp},
         {.command = Command::diff,
          .words = "diff",
          .operands =

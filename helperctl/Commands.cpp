@@ -52,22 +52,12 @@ Outcome status(const Connect& connect) {
     return outcome;
 }
 
-/// The rules in force.
-NamedRuleset rulesInForce(const Connect& connect) {
-    const auto reply = connect()->firewallReport();
-    if (reply.error) {
-        throw std::runtime_error(*reply.error);
-    }
-    return NamedRuleset::ofReport(reply.result.value_or(""), NetworkFirewall::hostAddresses());
-}
-
 /// What becomes of the packet if the file is applied, or under the rules in force.
 Outcome explain(const Arguments& arguments, const Connect& connect) {
     const auto packet = FirewallAnalysis::parsePacket(arguments.packet);
-    const auto rules = arguments.live
-                           ? rulesInForce(connect)
-                           : NamedRuleset::ofFile(
-                                 readPolicyFile(arguments.file), NetworkFirewall::hostAddresses());
+    const auto hosts = NetworkFirewall::hostAddresses();
+    const auto rules = arguments.live ? NamedRuleset::inForce(connect, hosts)
+                                      : NamedRuleset::ofFile(readPolicyFile(arguments.file), hosts);
     Outcome outcome;
     outcome.answer.formatVersion = formatVersion;
     outcome.answer.explanation = explain(rules, packet);

@@ -33,6 +33,9 @@ COMMANDS
   validate FILE                print everything that is wrong with FILE, with
                                line and column
   lint FILE                    print what in FILE doesn't do what it seems to
+  matrix FILE                  print who reaches whom once FILE is applied; with
+                               --svg PICTURE write it as a picture
+  matrix --live                the same of the rules in force
   diff FILE [OTHER]            print what changes from FILE to OTHER: records,
                                lines, the verdicts on packets, connections that
                                are cut; for root, also from what is stored to
@@ -101,6 +104,7 @@ JSON
   log            log: its entries
   validation     validate: all problems, with their places
   lint           lint: all findings, with their places
+  matrix         matrix: what passes from whom to whom
   difference     diff: what changes
   toolVersion    --version
   formatVersion  the version of these forms: 1, until a form changes

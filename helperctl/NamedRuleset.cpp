@@ -125,6 +125,7 @@ NamedRuleset NamedRuleset::ofReport(
                 const auto listed = FirewallAnalysis::readListedLine(text).value();
                 lines.subnet = listed.subnet;
                 lines.lines.push_back(listed.line);
+                lines.lines.back().ruleNumber = static_cast<std::size_t>(given.rule.value_or(0));
                 if (given.origin == "dns") {
                     // The proxy is the host's, whatever addresses this machine has now.
                     named.list_.ruleset.hostAddresses.push_back(listed.line.remote.first);
@@ -140,6 +141,15 @@ NamedRuleset NamedRuleset::ofReport(
         }
     }
     return named;
+}
+
+NamedRuleset NamedRuleset::inForce(
+    const Connect& connect, std::span<const NetworkFirewall::HostAddress> hosts) {
+    const auto reply = connect()->firewallReport();
+    if (reply.error) {
+        throw std::runtime_error(*reply.error);
+    }
+    return ofReport(reply.result.value_or(""), hosts);
 }
 
 std::string NamedRuleset::networkName(std::size_t network) const {
@@ -173,10 +183,20 @@ std::vector<ExplainedLine> NamedRuleset::explainedLines(std::size_t network) con
 }
 
 std::vector<std::string> NamedRuleset::lineTexts(std::size_t network) const {
+    if (!live_.empty()) {
+        std::vector<std::string> texts;
+        for (const ExplainedLine& line : live_.at(network).lines) {
+            texts.push_back(line.line);
+        }
+        return texts;
+    }
     return writtenLines(list_.networks.at(list_.places.at(network)).policy);
 }
 
 std::string NamedRuleset::wordsOf(std::size_t network, std::size_t line) const {
+    if (!live_.empty()) {
+        return live_.at(network).lines.at(line).words;
+    }
     return wordsFor(
         ruleset().networks.at(network).lines.at(line),
         list_.networks.at(list_.places.at(network)).policy);

@@ -15,6 +15,7 @@
 #include "firewall/analysis/Enforced.h"
 #include "firewall/analysis/Verdict.h"
 #include "helperctl/Explanation.h"
+#include "helperctl/Session.h"
 #include "platform/HostAddresses.h"
 
 namespace tarnvale::helperctl {
@@ -36,6 +37,10 @@ public:
     /// that doesn't say, or says something else.
     static NamedRuleset ofReport(
         const std::string& report, std::span<const NetworkFirewall::HostAddress> hosts);
+
+    /// The same of what the helper reports now.
+    static NamedRuleset inForce(
+        const Connect& connect, std::span<const NetworkFirewall::HostAddress> hosts);
 
     const FirewallAnalysis::Ruleset& ruleset() const { return list_.ruleset; }
     const FirewallAnalysis::EnforcedList& list() const { return list_; }

@@ -48,8 +48,9 @@ struct Arguments {
     std::string otherFile;             ///< for `diff`, if there are two
     std::optional<std::string> owner;  ///< for `diff`: whose list is stored
     bool strict = false;               ///< for `apply`
-    bool watch = false;                ///< for `status`
-    bool follow = false;               ///< for `log`, as are the next two
+    std::optional<std::int64_t> confirmSeconds;  ///< for `apply`
+    bool watch = false;                          ///< for `status`
+    bool follow = false;                         ///< for `log`, as are the next two
     std::optional<std::string> since;
     std::optional<std::string> operation;
     std::string packet;  ///< for `explain`

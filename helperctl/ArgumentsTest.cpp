@@ -92,6 +92,8 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
 TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"preview", "a.json"}).file, "a.json");
     EXPECT_EQ(arguments({"apply", "-"}).file, "-");
+    EXPECT_EQ(arguments({"apply", "a.json"}).confirmSeconds, std::nullopt);
+    EXPECT_EQ(arguments({"apply", "--confirm", "60", "a.json"}).confirmSeconds, 60);
     EXPECT_TRUE(arguments({"status", "--watch"}).watch);
     EXPECT_FALSE(arguments({"status"}).watch);
     EXPECT_TRUE(arguments({"log", "-f"}).follow);
@@ -172,6 +174,8 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"help", "destroy"}, "There is no command destroy"},
         {{"apply", "--strict=yes", "a"},
          "The following argument was not expected: --strict=yes\nDid you mean --strict?"},
+        {{"apply", "--confirm", "soon", "a"}, "--confirm: \"soon\" is no number"},
+        {{"apply", "a", "--confirm"}, "--confirm: 1 required SECONDS missing"},
         {{"remove", "--strict"}, "The following argument was not expected: --strict"},
         {{"apply"}, "FILE is required"},
         {{"preview"}, "FILE is required"},

@@ -112,8 +112,11 @@ std::span<const CommandForm> commandForms() {
         {.command = Command::apply,
          .words = "apply",
          .operands = {{.name = "FILE", .target = &Arguments::file}},
-         .options = {{.name = "--strict", .value = {}, .target = &Arguments::strict}},
+         .options =
+             {{.name = "--strict", .value = {}, .target = &Arguments::strict},
+              {.name = "--confirm", .value = "SECONDS", .target = &Arguments::confirmSeconds}},
          .access = Access::rootToChange,
+         .run = applyFile,
          .help = applyHelp},
         {.command = Command::remove,
          .words = "remove",

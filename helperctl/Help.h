@@ -134,6 +134,7 @@ EXAMPLES
   tarnvale-helperctl preview lab.json
   tarnvale-helperctl explain lab.json "udp 192.168.64.2 -> 10.1.2.3:53"
   sudo tarnvale-helperctl apply lab.json
+  sudo tarnvale-helperctl apply --confirm 60 lab.json
   sudo tarnvale-helperctl --user ada apply - <lab.json
   tarnvale-helperctl --format json status
 )";

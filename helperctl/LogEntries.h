@@ -16,7 +16,7 @@ namespace tarnvale::helperctl {
 inline constexpr const char* logPath = "/var/log/tarnvale-adminhelper.log";
 
 struct LogEntry {
-    enum class Outcome : std::uint8_t { done, note, refused, failed };
+    enum class Outcome : std::uint8_t { changed, note, refused, failed };
 
     std::string time;                  ///< "2025-03-14T09:26:53Z"; empty before the first entry
     std::vector<std::string> message;  ///< its lines

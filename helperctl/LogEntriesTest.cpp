@@ -28,10 +28,10 @@ TEST(LogEntriesTest, KnowsHowTheHelpersMessagesBegin) {
     const std::vector<Case> cases{
         {"Applied firewall. Enforcing 1 network for all users: Lab",
          "applyFirewall",
-         Outcome::done},
+         Outcome::changed},
         {"Removed uid 501's firewall policies; other users' stay in force.",
          "removeFirewall",
-         Outcome::done},
+         Outcome::changed},
         {"applyFirewall failed: Could not read the firewall policy: no",
          "applyFirewall",
          Outcome::failed},

@@ -6,6 +6,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "helperctl/Arguments.h"
 #include "helperctl/Console.h"
@@ -19,6 +21,7 @@ struct Session {
     const Arguments& arguments;
     const Connect& connect;
     Console& console;
+    std::optional<std::string> earlierNetworks{};  ///< as a file, for `apply --confirm`
 };
 
 }  // namespace tarnvale::helperctl

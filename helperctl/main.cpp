@@ -5,7 +5,9 @@
 #include <exception>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <variant>
 
 #include <unistd.h>
@@ -15,6 +17,7 @@
 #include "helperctl/Arguments.h"
 #include "helperctl/CommandForms.h"
 #include "helperctl/Commands.h"
+#include "helperctl/Confirmation.h"
 #include "platform/HelperClient.h"
 #include "support/StandardDescriptors.h"
 
@@ -22,19 +25,21 @@ namespace {
 
 using namespace tarnvale::helperctl;  // NOLINT(google-build-using-namespace): this is its program
 
-/// Becomes the user that the command is to act as. Returns why that can't be.
+/// Becomes the user that the command is to act as, after having read what only root may read.
+/// Returns the earlier networks that `apply --confirm` may put back. Throws `std::runtime_error` if
+/// the user may not run the command.
 std::optional<std::string> changeUser(const Arguments& arguments) {
-    if (auto problem = refusal(arguments, ::getuid())) {
-        return problem;
+    if (const auto problem = refusal(arguments, ::getuid())) {
+        throw std::runtime_error(*problem);
+    }
+    std::optional<std::string> earlier;
+    if (arguments.confirmSeconds) {
+        earlier = storedNetworksOf(arguments.user);
     }
     if (arguments.user && !formOf(arguments.command).asksAboutUser) {
-        try {
-            actAs(*arguments.user);
-        } catch (const std::exception& error) {
-            return error.what();
-        }
+        actAs(*arguments.user);
     }
-    return std::nullopt;
+    return earlier;
 }
 
 /// Prints what the command line asks for; returns the exit status.
@@ -46,8 +51,11 @@ int answer(int argc, const char* const* argv) {
         return early->status;
     }
     const auto& arguments = std::get<Arguments>(parsed);
-    if (const auto problem = changeUser(arguments)) {
-        print(failure(*problem).answer, arguments.format, std::cout, std::cerr);
+    std::optional<std::string> earlier;
+    try {
+        earlier = changeUser(arguments);
+    } catch (const std::exception& error) {
+        print(failure(error.what()).answer, arguments.format, std::cout, std::cerr);
         return refusedOrFailed;
     }
     Console console{
@@ -56,7 +64,7 @@ int answer(int argc, const char* const* argv) {
         .format = arguments.format,
         .hasColour = wantsColour(STDOUT_FILENO),
         .isTerminal = ::isatty(STDOUT_FILENO) == 1};
-    return perform({arguments, tarnvale::platform::connectToHelper, console});
+    return perform({arguments, tarnvale::platform::connectToHelper, console, std::move(earlier)});
 }
 
 }  // namespace

@@ -2,13 +2,17 @@
 
 #include "helperctl/commands/Apply.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <utility>
 
 #include <unistd.h>
 
 #include "firewall/policy/HelperError.h"
+#include "helperctl/Confirmation.h"
 #include "helperctl/PolicyFile.h"
 #include "helperctl/Preview.h"
 #include "platform/HostAddresses.h"
@@ -63,6 +67,56 @@ Outcome apply(const Arguments& arguments, const Connect& connect) {
         answer.droppedClaims = std::move(droppedClaims);
     }
     return outcome;
+}
+
+int applyFile(const Session& session) {
+    const auto& [arguments, connect, console, earlier] = session;
+    const auto seconds = arguments.confirmSeconds;
+    if (!seconds) {
+        const auto outcome = apply(arguments, connect);
+        print(outcome.answer, console.format, console.output, console.errors);
+        return outcome.status;
+    }
+    constexpr std::int64_t maxSeconds = 86'400;
+    if (*seconds < 1 || *seconds > maxSeconds || arguments.file == "-") {
+        console.errors << "tarnvale-helperctl: --confirm: it takes 1 to 86400 seconds, and a FILE "
+                          "other than -\nRun tarnvale-helperctl help apply for more.\n";
+        return usageError;
+    }
+
+    noteInterruptions();
+    Outcome outcome;
+    bool isKept = false;
+    try {
+        outcome = apply(arguments, connect);
+        if (outcome.answer.error && !isPartlyApplied(*outcome.answer.error)) {
+            print(outcome.answer, console.format, console.output, console.errors);
+            return outcome.status;
+        }
+        if (!console.wantsJson()) {
+            print(outcome.answer, console.format, console.output, console.errors);
+        }
+        console.errors << "To keep this, type yes within "
+                       << counted(static_cast<std::size_t>(*seconds), "second") << "." << std::endl;
+        console.output.flush();
+        isKept = isConfirmed(STDIN_FILENO, *seconds);
+    } catch (const platform::HelperClientError& error) {
+        if (error.errorCase() != platform::HelperClientError::Case::noReply) {
+            throw;
+        }
+        console.errors << error.what() << '\n';  // what was asked may have been done
+    }
+    if (!isKept) {
+        auto back = putBack(earlier, connect);
+        outcome.answer.error = std::move(back.answer.error);
+        outcome.status = back.status;
+    }
+    if (console.wantsJson()) {
+        print(outcome.answer, console.format, console.output, console.errors);
+    } else if (!isKept) {
+        console.errors << *outcome.answer.error << '\n';
+    }
+    return outcome.status;
 }
 
 }  // namespace tarnvale::helperctl

@@ -16,6 +16,9 @@ namespace tarnvale::helperctl {
 /// nothing either if it would leave out anything of the file.
 Outcome apply(const Arguments& arguments, const Connect& connect);
 
+/// The same as a command, which may wait for a confirmation.
+int applyFile(const Session& session);
+
 inline constexpr std::string_view applyHelp =
     R"(Has the helper enforce the networks of the file and no others of this user.
 Prints what is enforced, and each rule that is skipped with the reason. Neither
@@ -24,9 +27,14 @@ enforced.
 
   --strict   change nothing if any network would be refused or left out, or any
              rule skipped
+  --confirm SECONDS
+             put back what this user had stored before, unless "yes" is typed
+             within that time: a firewall may cut off whoever changes it. Also
+             put back when the terminal is lost, at another answer, or when the
+             helper's reply gets lost. FILE can't be standard input then
 
 Exit status 1: the helper refused at least one network, or failed; or --strict
-kept the file from being sent.
+kept the file from being sent; or it wasn't confirmed.
 )";
 
 }  // namespace tarnvale::helperctl

@@ -14,9 +14,7 @@
 #include "support/JsonWriter.h"
 
 namespace tarnvale::helperctl {
-namespace {
 
-/// The key by which the store has the user. A user whom the system has forgotten goes by the ID.
 std::string ownerKeyOf(const std::string& user) {
     if (const passwd* const entry = ::getpwnam(user.c_str())) {
         return std::to_string(entry->pw_uid);
@@ -26,8 +24,6 @@ std::string ownerKeyOf(const std::string& user) {
     }
     throw std::runtime_error("Found no user \"" + printable(user) + "\".");
 }
-
-}  // namespace
 
 std::optional<std::string> exported(
     const NetworkFirewall::PolicyStore& store, std::string_view ownerKey) {

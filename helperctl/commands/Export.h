@@ -13,6 +13,10 @@
 
 namespace tarnvale::helperctl {
 
+/// The key by which the store has the user: a name, a user ID of somebody whom the system may have
+/// forgotten, or `legacyOwner`. Throws `std::runtime_error` if there is no such user.
+std::string ownerKeyOf(const std::string& user);
+
 /// The file of this owner's networks; nothing if the owner has none.
 std::optional<std::string> exported(
     const NetworkFirewall::PolicyStore& store, std::string_view ownerKey);

@@ -61,7 +61,7 @@ constexpr auto jsonMembers(std::type_identity<LogForm> /*type*/) {
 
 std::string wordFor(Outcome outcome) {
     switch (outcome) {
-        case Outcome::done:
+        case Outcome::changed:
             return "done";
         case Outcome::refused:
             return "refused";
@@ -75,7 +75,7 @@ std::string wordFor(Outcome outcome) {
 
 Ink inkFor(const LogEntry& entry) {
     switch (entry.outcome) {
-        case Outcome::done:
+        case Outcome::changed:
             return Ink::green;
         case Outcome::refused:
             return Ink::yellow;

@@ -382,6 +382,43 @@ TEST_F(HelperctlTest, ExportsWhatAnApplyBringsBack) {
     EXPECT_THAT(ctl({"export"}), Complains(1, "What is stored can't be read.\n"));
 }
 
+TEST_F(HelperctlTest, PutsBackWhatIsNotConfirmed) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    std::string other = contentOf(labPath);
+    other.replace(other.find("Lab"), 3, "New");
+    put("/tmp/new.json", other);
+    const Words confirmed{"apply", "--confirm", "60", "/tmp/new.json"};
+    const std::string question = "To keep this, type yes within 60 seconds.\n";
+
+    const auto first = ctl(confirmed, "no\n");
+    EXPECT_EQ(first.status, 1);
+    EXPECT_EQ(first.output, "Enforcing 1 network: New\n");
+    EXPECT_EQ(
+        first.error, question + "Not confirmed: as before, nothing is enforced for this user.\n");
+    EXPECT_FALSE(exists(storePath));
+
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+    const auto second = ctl(confirmed);
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(
+        second.error,
+        question + "Not confirmed. What was before is in force again: Enforcing 1 network: Lab.\n");
+    EXPECT_THAT(contentOf(storePath), HasSubstr("\"Lab\""));
+    EXPECT_THAT(
+        ctl(with(confirmed, {"--format", "json"})).output,
+        testing::Eq(R"({"error":"Not confirmed. What was before is in force again: Enforcing 1 )"
+                    R"(network: Lab.","summary":"Enforcing 1 network: New"})"
+                    "\n"));
+
+    const auto kept = ctl(confirmed, "yes\n");
+    EXPECT_EQ(kept.status, 0);
+    EXPECT_EQ(kept.error, question);
+    EXPECT_THAT(contentOf(storePath), HasSubstr("\"New\""));
+    EXPECT_EQ(ctl({"apply", "--confirm", "0", labPath}).status, 2);
+    EXPECT_EQ(ctl({"apply", "--confirm", "9", "-"}).status, 2);
+}
+
 TEST_F(HelperctlTest, LooksForProblems) {
     TARNVALE_NEEDS(interfaces);
     const Service service;

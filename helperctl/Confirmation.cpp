@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+
+#include "helperctl/Confirmation.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include "firewall/policy/PolicyStore.h"
+#include "helperctl/StoredNetworks.h"
+#include "helperctl/commands/Export.h"
+
+namespace tarnvale::helperctl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::array interruptions{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+volatile std::sig_atomic_t isInterrupted = 0;
+
+int millisecondsUntil(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<int>(
+        std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
+}
+
+}  // namespace
+
+std::optional<std::string> storedNetworksOf(const std::optional<std::string>& user) {
+    const auto key = ownerKeyOf(user.value_or("root"));
+    if (storeIsUnreadable()) {
+        throw std::runtime_error(
+            "What is stored can't be read, so it couldn't be put back: nothing was changed.");
+    }
+    return exported(readStore().value_or(NetworkFirewall::PolicyStore{}), key);
+}
+
+void noteInterruptions() {
+    struct sigaction action {};
+    action.sa_handler = [](int /*signal*/) { isInterrupted = 1; };
+    for (const int signal : interruptions) {
+        ::sigaction(signal, &action, nullptr);
+    }
+}
+
+bool isConfirmed(int descriptor, std::int64_t seconds) {
+    const auto deadline = Clock::now() + std::chrono::seconds(seconds);
+    std::string line;
+    while (isInterrupted == 0) {
+        pollfd input{.fd = descriptor, .events = POLLIN, .revents = 0};
+        const int left = millisecondsUntil(deadline);
+        const int ready = ::poll(&input, 1, left);
+        if (ready < 0 && errno != EINTR) {
+            return false;
+        }
+        if (ready == 0 && left == 0) {
+            return false;
+        }
+        if (ready <= 0) {
+            continue;
+        }
+        char c = 0;
+        if (::read(descriptor, &c, 1) != 1) {
+            return false;
+        }
+        if (c == '\n') {
+            return line == "yes";
+        }
+        line += c;
+    }
+    return false;
+}
+
+Outcome putBack(const std::optional<std::string>& earlier, const Connect& connect) {
+    const auto helper = connect();
+    if (!earlier) {
+        auto error = helper->removeFirewall();
+        return error ? failure("Could not put back what was before: " + *std::move(error))
+                     : failure("Not confirmed: as before, nothing is enforced for this user.");
+    }
+    auto reply = helper->applyFirewallWithPolicyData(*earlier);
+    return reply.error
+               ? failure("Not confirmed. What was before was put back: " + *std::move(reply.error))
+               : failure(
+                     "Not confirmed. What was before is in force again: " +
+                     reply.result.value_or("") + ".");
+}
+
+}  // namespace tarnvale::helperctl

@@ -15,6 +15,7 @@ enum class Command {
     version,
     status,
     doctor,
+    report,
     init,
     exportNetworks,
     schema,
@@ -49,6 +50,7 @@ struct Arguments {
     std::optional<std::string> owner;  ///< for `diff`: whose list is stored
     bool strict = false;               ///< for `apply`
     std::optional<std::int64_t> confirmSeconds;  ///< for `apply`
+    bool redact = false;                         ///< for `report`
     bool watch = false;                          ///< for `status`
     bool follow = false;                         ///< for `log`, as are the next two
     std::optional<std::string> since;

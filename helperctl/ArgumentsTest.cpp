@@ -66,6 +66,7 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}, Command::explain},
         {{"validate", "a.json"}, Command::validate},
         {{"doctor"}, Command::doctor},
+        {{"report", "a.tar"}, Command::report},
         {{"init"}, Command::init},
         {{"export"}, Command::exportNetworks},
         {{"schema"}, Command::schema},
@@ -94,6 +95,7 @@ TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_EQ(arguments({"apply", "-"}).file, "-");
     EXPECT_EQ(arguments({"apply", "a.json"}).confirmSeconds, std::nullopt);
     EXPECT_EQ(arguments({"apply", "--confirm", "60", "a.json"}).confirmSeconds, 60);
+    EXPECT_TRUE(arguments({"report", "--redact", "a.tar"}).redact);
     EXPECT_TRUE(arguments({"status", "--watch"}).watch);
     EXPECT_FALSE(arguments({"status"}).watch);
     EXPECT_TRUE(arguments({"log", "-f"}).follow);
@@ -275,6 +277,7 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
          {"  version  ",
           "  status [--watch]  ",
           "  doctor  ",
+          "  report [--redact] FILE  ",
           "  init  ",
           "  export  ",
           "  schema  ",

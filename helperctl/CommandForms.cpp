@@ -14,6 +14,7 @@
 #include "helperctl/commands/Lint.h"
 #include "helperctl/commands/Log.h"
 #include "helperctl/commands/Matrix.h"
+#include "helperctl/commands/Report.h"
 #include "helperctl/commands/Schema.h"
 #include "helperctl/commands/ToolVersion.h"
 #include "helperctl/commands/Validate.h"
@@ -56,6 +57,13 @@ std::span<const CommandForm> commandForms() {
          .run = status,
          .help = statusHelp},
         {.command = Command::doctor, .words = "doctor", .run = doctor, .help = doctorHelp},
+        {.command = Command::report,
+         .words = "report",
+         .operands = {{.name = "FILE", .target = &Arguments::file}},
+         .options = {{.name = "--redact", .value = {}, .target = &Arguments::redact}},
+         .access = Access::rootToRead,
+         .run = report,
+         .help = reportHelp},
         {.command = Command::log,
          .words = "log",
          .options =

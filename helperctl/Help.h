@@ -29,6 +29,8 @@ COMMANDS
                                doesn't enforce, and why
   doctor                       look for what keeps the helper from doing its
                                work, and say what to do
+  report [--redact] FILE       write an archive for support into FILE, and print
+                               what is in it; only for root
   log [-f]                     print the helper's log, with -f as it grows
   validate FILE                print everything that is wrong with FILE, with
                                line and column
@@ -100,6 +102,7 @@ JSON
   bsdName        vlan create: what the new interface is called
   ruleset        preview: the text for the packet filter
   explanation    explain: what becomes of the packet, and why
+  archive        report: the names of what is in it
   doctor         doctor: what each check has found
   log            log: its entries
   validation     validate: all problems, with their places

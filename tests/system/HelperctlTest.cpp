@@ -419,6 +419,42 @@ TEST_F(HelperctlTest, PutsBackWhatIsNotConfirmed) {
     EXPECT_EQ(ctl({"apply", "--confirm", "9", "-"}).status, 2);
 }
 
+TEST_F(HelperctlTest, WritesAReport) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+
+    EXPECT_THAT(
+        ctl({"report", "/tmp/report.tar"}),
+        Prints(
+            0,
+            "version.txt\ndoctor.txt\nreport.txt\nfirewall.pf.conf\nfirewall-policies.json\n"
+            "tarnvale-adminhelper.log\n"));
+    const auto all = run({"/bin/tar", "-xOf", "/tmp/report.tar"});
+    EXPECT_EQ(all.status, 0) << all.error;
+    for (const auto& part :
+         {"tarnvale-helperctl " + helperVersion() + "\nhelper " + helperVersion() + "\n",
+          std::string("\nok\tpf: It is on.\n"),
+          std::string("== pf status ==\n"),
+          contentOf(rulesetPath),
+          contentOf(storePath),
+          std::string(" Applied firewall. ")}) {
+        EXPECT_THAT(all.output, HasSubstr(part));
+    }
+    struct stat info {};
+    ASSERT_EQ(::stat("/tmp/report.tar", &info), 0);
+    EXPECT_EQ(info.st_mode & 07777U, 0600U);
+    EXPECT_THAT(
+        ctl({"report", "/tmp/report.tar"}),
+        Complains(1, "Could not write \"/tmp/report.tar\": File exists.\n"));
+
+    const auto redacted = ctl({"report", "--redact", "/tmp/redacted.tar", "--format", "json"});
+    EXPECT_EQ(judgedBySchema("helperctl", redacted.output), "yes");
+    const auto rest = run({"/bin/tar", "-xOf", "/tmp/redacted.tar"});
+    EXPECT_THAT(rest.output, HasSubstr("192.168.64.0/24"));
+    EXPECT_THAT(rest.output, Not(HasSubstr("Lab")));
+}
+
 TEST_F(HelperctlTest, LooksForProblems) {
     TARNVALE_NEEDS(interfaces);
     const Service service;

@@ -12,8 +12,8 @@
 
 namespace tarnvale::test {
 
-/// The test fails when the helper has written anything else than `expected`: what it says of missing
-/// roots. Only a sanitizer would.
+/// The test fails when the helper has written anything else than `expected`: what it says of
+/// missing roots. Only a sanitizer would.
 class Service : public RunningHelper {
 public:
     using RunningHelper::RunningHelper;

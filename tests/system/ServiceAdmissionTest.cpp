@@ -256,7 +256,10 @@ TEST_F(ServiceAdmissionTest, ADeveloperIDSignedHelperServesOnlyItsLikeOnceItHasR
     const std::string away = std::string(rootsPath) + ".away";
     for (const bool areThere : {false, true}) {
         fs::remove(logPath);  // it says when the helper listens
-        const Service service({.program = helper, .listeningSocket = -1});
+        Service service({.program = helper, .listeningSocket = -1});
+        service.expected =
+            std::string("TarnvaleAdminHelper: A client was turned away: ") + rootsPath +
+            (areThere ? " may be written by others than root.\n" : " doesn't exist.\n");
         if (areThere) {
             fs::permissions(rootsPath, fs::perms(0664));  // others may write them
         } else {

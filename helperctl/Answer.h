@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "helperctl/Arguments.h"
+#include "helperctl/Console.h"
 #include "helperctl/Explanation.h"
 #include "helperctl/StatusPage.h"
 #include "support/Json.h"
@@ -26,10 +27,6 @@ inline constexpr int refusedOrFailed = 1;
 inline constexpr int usageError = 2;
 inline constexpr int notReachable = 3;
 inline constexpr int notAdmitted = 4;
-
-/// Of the forms that docs/helperctl.schema.json describes; a change that readers would notice
-/// raises it.
-inline constexpr std::int64_t formatVersion = 1;
 
 /// A network that may not be enforced.
 struct RefusedNetwork {
@@ -58,6 +55,7 @@ struct SkippedRules {
 
 /// The members are those of the JSON object; a command leaves out those that don't concern it.
 struct Answer {
+    std::int64_t formatVersion = helperctl::formatVersion;
     std::optional<std::string> version;
     std::optional<std::string> report;
     std::optional<FirewallStatus> firewall;
@@ -68,7 +66,6 @@ struct Answer {
     std::optional<std::vector<std::string>> droppedClaims;
     std::optional<std::string> hint;
     std::optional<std::string> ruleset;
-    std::optional<std::int64_t> formatVersion;  ///< of the members below
     std::optional<Explanation> explanation;
     std::optional<std::string> error;
 
@@ -111,6 +108,7 @@ constexpr auto jsonMembers(std::type_identity<SkippedRules> /*type*/) {
 
 constexpr auto jsonMembers(std::type_identity<Answer> /*type*/) {
     return std::tuple{
+        support::JsonMember{"formatVersion", &Answer::formatVersion},
         support::JsonMember{"version", &Answer::version},
         support::JsonMember{"report", &Answer::report},
         support::JsonMember{"firewall", &Answer::firewall},
@@ -121,7 +119,6 @@ constexpr auto jsonMembers(std::type_identity<Answer> /*type*/) {
         support::JsonMember{"droppedClaims", &Answer::droppedClaims},
         support::JsonMember{"hint", &Answer::hint},
         support::JsonMember{"ruleset", &Answer::ruleset},
-        support::JsonMember{"formatVersion", &Answer::formatVersion},
         support::JsonMember{"explanation", &Answer::explanation},
         support::JsonMember{"error", &Answer::error}};
 }

@@ -54,27 +54,28 @@ Answer fullPreview() {
 
 TEST(AnswerTest, PrintsNothingOfNothing) {
     EXPECT_EQ(printed({}, Format::text), (Printed{"", ""}));
-    EXPECT_EQ(printed({}, Format::json), (Printed{"{}\n", ""}));
+    EXPECT_EQ(printed({}, Format::json), (Printed{"{\"formatVersion\":1}\n", ""}));
 }
 
 TEST(AnswerTest, PrintsEachSingleResultAsALine) {
     struct Case {
         std::optional<std::string> Answer::*member = nullptr;
-        const char* name = nullptr;
+        const char* before = nullptr;  ///< what the JSON has before the result
+        const char* behind = "}\n";
     };
     const std::vector<Case> results{
-        {&Answer::version, "version"},
-        {&Answer::report, "report"},
-        {&Answer::summary, "summary"},
-        {&Answer::bsdName, "bsdName"}};
+        {&Answer::version, R"("formatVersion":1,"version")"},
+        {&Answer::report, R"("formatVersion":1,"report")"},
+        {&Answer::summary, R"("formatVersion":1,"summary")"},
+        {&Answer::bsdName, R"("bsdName")", ",\"formatVersion\":1}\n"}};
     for (const auto& result : results) {
         Answer answer;
         answer.*result.member = "one\n\"two\"";
 
-        EXPECT_EQ(printed(answer, Format::text), (Printed{"one\n\"two\"\n", ""})) << result.name;
+        EXPECT_EQ(printed(answer, Format::text), (Printed{"one\n\"two\"\n", ""})) << result.before;
         EXPECT_EQ(
             printed(answer, Format::json),
-            (Printed{std::string("{\"") + result.name + R"(":"one\n\"two\""})" + "\n", ""}));
+            (Printed{std::string("{") + result.before + R"(:"one\n\"two\"")" + result.behind, ""}));
     }
 }
 
@@ -85,7 +86,8 @@ TEST(AnswerTest, PrintsAnErrorToTheErrorsButAsJsonToTheOutput) {
         printed(answer, Format::text), (Printed{"", "It failed.\nNot enforced:\n• Büro: no.\n"}));
     EXPECT_EQ(
         printed(answer, Format::json),
-        (Printed{"{\"error\":\"It failed.\\nNot enforced:\\n• Büro: no.\"}\n", ""}));
+        (Printed{
+            "{\"error\":\"It failed.\\nNot enforced:\\n• Büro: no.\",\"formatVersion\":1}\n", ""}));
 }
 
 TEST(AnswerTest, PrintsAPreviewInParts) {
@@ -116,7 +118,7 @@ TEST(AnswerTest, PrintsAPreviewAsOneObject) {
     EXPECT_EQ(
         printed(fullPreview(), Format::json),
         (Printed{
-            R"({"droppedClaims":["192.168.64.0\/24 is claimed."],)"
+            R"({"droppedClaims":["192.168.64.0\/24 is claimed."],"formatVersion":1,)"
             R"("refused":[{"name":"Büro","networkID":"6F0C2A51-8E0B-4C55-9C39-0D5B4C7E6401",)"
             R"("problem":"the subnet is wrong."}],)"
             R"("ruleset":"# a ruleset\npass in quick\n\n",)"

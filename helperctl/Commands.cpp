@@ -45,9 +45,6 @@ Outcome status(const Connect& connect) {
         explainWhatIsMissing(answer, NetworkFirewall::hostAddresses());
         answer.firewall =
             firewallStatus(answer.report.value_or(""), loadedRulesetText(), readStore());
-        if (answer.firewall) {
-            answer.formatVersion = formatVersion;
-        }
     }
     return outcome;
 }
@@ -59,7 +56,6 @@ Outcome explain(const Arguments& arguments, const Connect& connect) {
     const auto rules = arguments.live ? NamedRuleset::inForce(connect, hosts)
                                       : NamedRuleset::ofFile(readPolicyFile(arguments.file), hosts);
     Outcome outcome;
-    outcome.answer.formatVersion = formatVersion;
     outcome.answer.explanation = explain(rules, packet);
     return outcome;
 }

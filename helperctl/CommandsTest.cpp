@@ -274,7 +274,6 @@ TEST_F(CommandsTest, ExplainsAPacketWithoutTheHelper) {
     const auto outcome = run(arguments);
 
     EXPECT_EQ(outcome.status, done);
-    EXPECT_EQ(outcome.answer.formatVersion, formatVersion);
     ASSERT_TRUE(outcome.answer.explanation);
     EXPECT_EQ(
         outcome.answer.explanation->sentence, "blocked, by the default for inbound traffic of Lab");

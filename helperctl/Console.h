@@ -19,6 +19,10 @@ namespace tarnvale::helperctl {
 
 enum class Ink : std::uint8_t { plain, bold, dim, red, green, yellow };
 
+/// Of the JSON forms, which docs/helperctl.schema.json describes. A change that readers would
+/// notice raises it.
+inline constexpr std::int64_t formatVersion = 1;
+
 /// Every line of a page is at most as wide.
 inline constexpr std::size_t pageWidth = 80;
 
@@ -35,10 +39,13 @@ struct Console {
     /// The text in this ink, if the console has colour.
     std::string inked(Ink ink, std::string_view text) const;
 
-    /// Writes one line of JSON to the output.
+    /// Writes a result as one line of JSON to the output: an object that holds it under this name,
+    /// and the version.
     template <class Record>
-    void writeJson(const Record& record) const {
-        writeLine(support::encodeJson(record, support::JsonForm::compact));
+    void writeResult(std::string_view name, const Record& record) const {
+        writeLine(
+            "{\"formatVersion\":" + std::to_string(formatVersion) + ",\"" + std::string(name) +
+            "\":" + support::encodeJson(record, support::JsonForm::compact) + "}");
     }
 
     void writeLine(std::string_view line) const;

@@ -88,11 +88,12 @@ WHO MAY
   that user may make is for the helper to say.
 
 JSON
-  A member that a command has nothing to say for is left out; a command that
-  succeeds without a result prints {}. docs/helperctl.schema.json has the forms
-  of what is marked by formatVersion: members may be added to a version, but
-  none changes its meaning or goes.
+  docs/helperctl.schema.json describes the objects. A member that a command has
+  nothing to say for is left out. What export, init and schema print is JSON of
+  its own, a file, in either format.
 
+  formatVersion  every command: 1. Members may be added to a version, but none
+                 changes its meaning or goes
   error          every command: why it failed
   version        version
   report         status: the helper's own text
@@ -110,7 +111,6 @@ JSON
   matrix         matrix: what passes from whom to whom
   difference     diff: what changes
   toolVersion    --version
-  formatVersion  the version of these forms: 1, until a form changes
   refused        apply --strict, preview, status: networks that are not
                  enforced, each with networkID, name and problem
   skippedRules   apply, preview, status: networks some of whose rules are left

@@ -183,7 +183,6 @@ TEST(StatusPageTest, FitsATerminal) {
 
 TEST(StatusPageTest, HasItsSchema) {
     Answer answer;
-    answer.formatVersion = formatVersion;
     answer.report = report();
     for (const auto& known : {std::optional(store()), std::optional<PolicyStore>()}) {
         answer.firewall = firewallStatus(report(), ruleset, known);

@@ -10,8 +10,6 @@
 #include <optional>
 #include <ostream>
 #include <stdexcept>
-#include <tuple>
-#include <type_traits>
 #include <utility>
 
 #include <pwd.h>
@@ -263,32 +261,6 @@ Lines changedPackets(const NamedRuleset& before, const NamedRuleset& now) {
     return changed;
 }
 
-struct DifferenceRecord {
-    std::vector<std::string> records;
-    std::vector<std::string> lines;
-    std::vector<std::string> packets;
-    std::vector<std::string> cut;
-};
-
-constexpr auto jsonMembers(std::type_identity<DifferenceRecord> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"records", &DifferenceRecord::records},
-        support::JsonMember{"lines", &DifferenceRecord::lines},
-        support::JsonMember{"packets", &DifferenceRecord::packets},
-        support::JsonMember{"cut", &DifferenceRecord::cut}};
-}
-
-struct DifferenceForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    DifferenceRecord difference;
-};
-
-constexpr auto jsonMembers(std::type_identity<DifferenceForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &DifferenceForm::formatVersion},
-        support::JsonMember{"difference", &DifferenceForm::difference}};
-}
-
 void printPart(const char* heading, const Lines& lines, const Console& console) {
     if (lines.empty()) {
         return;
@@ -402,12 +374,7 @@ int diff(const Session& session) {
                   NetworkFirewall::decodePolicyData(readPolicyFile(arguments.otherFile)),
                   hosts);
     if (session.console.wantsJson()) {
-        session.console.writeJson(DifferenceForm{
-            .difference = {
-                .records = found.records,
-                .lines = found.lines,
-                .packets = found.packets,
-                .cut = found.cut}});
+        session.console.writeResult("difference", found);
     } else {
         print(found, session.console);
     }

@@ -8,11 +8,14 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "firewall/policy/FirewallRecords.h"
 #include "helperctl/Session.h"
 #include "platform/HostAddresses.h"
+#include "support/Json.h"
 
 namespace tarnvale::helperctl {
 
@@ -27,6 +30,14 @@ struct Difference {
     }
     bool operator==(const Difference&) const = default;
 };
+
+constexpr auto jsonMembers(std::type_identity<Difference> /*type*/) {
+    return std::tuple{
+        support::JsonMember{"records", &Difference::records},
+        support::JsonMember{"lines", &Difference::lines},
+        support::JsonMember{"packets", &Difference::packets},
+        support::JsonMember{"cut", &Difference::cut}};
+}
 
 /// What an apply of `now` would change for a user whose list is `before`, on a machine with these
 /// addresses where nobody else has networks.

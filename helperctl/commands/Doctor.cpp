@@ -35,17 +35,6 @@ using platform::HelperClientError;
 
 constexpr const char* pfctlPath = "/sbin/pfctl";
 
-struct DoctorForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    std::vector<Check> doctor;
-};
-
-constexpr auto jsonMembers(std::type_identity<DoctorForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &DoctorForm::formatVersion},
-        support::JsonMember{"doctor", &DoctorForm::doctor}};
-}
-
 /// The examination of one machine.
 class Examination {
 public:
@@ -529,7 +518,7 @@ int doctor(const Session& session) {
     const auto checks =
         examine(session.connect, *codeSigning, NetworkFirewall::hostAddresses(), ::geteuid() == 0);
     if (session.console.wantsJson()) {
-        session.console.writeJson(DoctorForm{.doctor = checks});
+        session.console.writeResult("doctor", checks);
     } else {
         for (const auto& check : checks) {
             print(check, session.console);

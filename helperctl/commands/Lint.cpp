@@ -70,17 +70,6 @@ constexpr auto jsonMembers(std::type_identity<LintRecord> /*type*/) {
         support::JsonMember{"findings", &LintRecord::findings}};
 }
 
-struct LintForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    LintRecord lint;
-};
-
-constexpr auto jsonMembers(std::type_identity<LintForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &LintForm::formatVersion},
-        support::JsonMember{"lint", &LintForm::lint}};
-}
-
 LintRecord recordOf(const Linted& linted, const std::string& file) {
     LintRecord record{.file = support::repairedUtf8(file), .findings = {}};
     record.findings.reserve(linted.findings.size());
@@ -165,7 +154,7 @@ int lint(const Session& session) {
     const auto found = linted(readPolicyFile(file), NetworkFirewall::hostAddresses());
     const auto record = recordOf(found, file);
     if (session.console.wantsJson()) {
-        session.console.writeJson(LintForm{.lint = record});
+        session.console.writeResult("lint", record);
     } else {
         print(record, session.console);
     }

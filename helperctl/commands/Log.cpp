@@ -48,17 +48,6 @@ constexpr auto jsonMembers(std::type_identity<EntryRecord> /*type*/) {
         support::JsonMember{"known", &EntryRecord::known}};
 }
 
-struct LogForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    std::vector<EntryRecord> log;
-};
-
-constexpr auto jsonMembers(std::type_identity<LogForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &LogForm::formatVersion},
-        support::JsonMember{"log", &LogForm::log}};
-}
-
 std::string wordFor(Outcome outcome) {
     switch (outcome) {
         case Outcome::changed:
@@ -137,16 +126,16 @@ void printAll(const std::vector<LogEntry>& entries, bool isFollowed, const Conso
         }
         return;
     }
-    LogForm form;
+    std::vector<EntryRecord> records;
     for (const auto& entry : entries) {
-        form.log.push_back(recordOf(entry));
+        records.push_back(recordOf(entry));
         if (isFollowed) {
-            console.writeJson(form);
-            form.log.clear();
+            console.writeResult("log", records);
+            records.clear();
         }
     }
     if (!isFollowed) {
-        console.writeJson(form);
+        console.writeResult("log", records);
     }
 }
 

@@ -65,30 +65,19 @@ constexpr auto jsonMembers(std::type_identity<CellRecord> /*type*/) {
         support::JsonMember{"rules", &CellRecord::rules}};
 }
 
-struct MatrixForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    std::vector<CellRecord> matrix;
-};
-
-constexpr auto jsonMembers(std::type_identity<MatrixForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &MatrixForm::formatVersion},
-        support::JsonMember{"matrix", &MatrixForm::matrix}};
-}
-
 /// "rule 2 of Lab", which links and records name.
 std::string shortNameOf(const RuleOfNetwork& which, const Matrix& matrix) {
     const auto rule = std::ranges::find(matrix.rules(), which, &Matrix::Rule::which);
     return "rule " + std::to_string(which.number) + " of " + rule->network;
 }
 
-MatrixForm formOf(const Matrix& matrix) {
-    MatrixForm form;
+std::vector<CellRecord> recordsOf(const Matrix& matrix) {
+    std::vector<CellRecord> records;
     const auto& members = matrix.members();
     for (std::size_t from = 0; from < members.size(); ++from) {
         for (std::size_t to = 0; to < members.size(); ++to) {
             if (const auto& cell = matrix.cell(from, to)) {
-                CellRecord& record = form.matrix.emplace_back();
+                CellRecord& record = records.emplace_back();
                 record.from = members[from].name;
                 record.to = members[to].name;
                 record.passes = cell->passes;
@@ -98,7 +87,7 @@ MatrixForm formOf(const Matrix& matrix) {
             }
         }
     }
-    return form;
+    return records;
 }
 
 std::string padded(const std::string& text, std::size_t width) {
@@ -329,7 +318,7 @@ int matrix(const Session& session) {
         writeFile(*arguments.svg, svgOf(found));
     }
     if (session.console.wantsJson()) {
-        session.console.writeJson(formOf(found));
+        session.console.writeResult("matrix", recordsOf(found));
     } else if (!arguments.svg) {
         print(found, session.console);
     }

@@ -10,8 +10,6 @@
 #include <ostream>
 #include <stdexcept>
 #include <system_error>
-#include <tuple>
-#include <type_traits>
 #include <utility>
 
 #include <fcntl.h>
@@ -25,7 +23,6 @@
 #include "platform/CodeSigning.h"
 #include "platform/HostAddresses.h"
 #include "support/Files.h"
-#include "support/Json.h"
 #include "support/SystemCalls.h"
 #include "support/Text.h"
 #include "support/UniqueFd.h"
@@ -34,17 +31,6 @@ namespace tarnvale::helperctl {
 namespace {
 
 constexpr std::size_t blockSize = 512;
-
-struct ReportForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    std::vector<std::string> archive;
-};
-
-constexpr auto jsonMembers(std::type_identity<ReportForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &ReportForm::formatVersion},
-        support::JsonMember{"archive", &ReportForm::archive}};
-}
 
 /// Puts the number's octal digits into a field of a header, which ends in a NUL.
 void putOctal(std::string& header, std::size_t place, std::size_t width, std::uint64_t number) {
@@ -190,14 +176,14 @@ int report(const Session& session) {
     write(
         session.arguments.file,
         tarOf(files, std::chrono::duration_cast<std::chrono::seconds>(now).count()));
-    ReportForm form;
+    std::vector<std::string> names;
     for (const auto& file : files) {
-        form.archive.push_back(file.name);
+        names.push_back(file.name);
     }
     if (session.console.wantsJson()) {
-        session.console.writeJson(form);
+        session.console.writeResult("archive", names);
     } else {
-        for (const auto& name : form.archive) {
+        for (const auto& name : names) {
             session.console.writeLine(name);
         }
     }

@@ -159,17 +159,6 @@ constexpr auto jsonMembers(std::type_identity<ValidationRecord> /*type*/) {
         support::JsonMember{"problems", &ValidationRecord::problems}};
 }
 
-struct ValidationForm {
-    std::int64_t formatVersion = helperctl::formatVersion;
-    ValidationRecord validation;
-};
-
-constexpr auto jsonMembers(std::type_identity<ValidationForm> /*type*/) {
-    return std::tuple{
-        support::JsonMember{"formatVersion", &ValidationForm::formatVersion},
-        support::JsonMember{"validation", &ValidationForm::validation}};
-}
-
 ValidationRecord recordOf(const Validation& validation, const std::string& file) {
     ValidationRecord record{
         .file = support::repairedUtf8(file),
@@ -246,7 +235,7 @@ int validate(const Session& session) {
     const auto& file = session.arguments.file;
     const auto validation = validated(readPolicyFile(file), NetworkFirewall::hostAddresses());
     if (session.console.wantsJson()) {
-        session.console.writeJson(ValidationForm{.validation = recordOf(validation, file)});
+        session.console.writeResult("validation", recordOf(validation, file));
     } else {
         print(validation, file, session.console);
     }

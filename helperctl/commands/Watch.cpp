@@ -60,10 +60,9 @@ int watchStatus(const Session& session, const std::function<bool()>& pause) {
         }
         if (console.wantsJson()) {
             Answer answer;
-            answer.formatVersion = formatVersion;
             answer.report = std::move(reply.result);
             answer.firewall = firewall;
-            console.writeJson(answer);
+            print(answer, Format::json, console.output, console.errors);
         } else {
             beginPage(console, !before);
             const std::chrono::duration<double> passed = now - then;

@@ -111,7 +111,7 @@ TEST_F(HelperctlTest, PrintsTheHelpersVersion) {
     EXPECT_THAT(ctl({"version"}), Prints(0, helperVersion() + "\n"));
     EXPECT_THAT(
         ctl({"--format", "json", "version"}),
-        Prints(0, R"({"version":")" + helperVersion() + "\"}\n"));
+        Prints(0, R"({"formatVersion":1,"version":")" + helperVersion() + "\"}\n"));
 }
 
 TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
@@ -148,8 +148,8 @@ TEST_F(HelperctlTest, AppliesAFileShowsItAndRemovesIt) {
 
     EXPECT_THAT(
         ctl({"apply", "-", "--format", "json"}, contentOf(labPath)),
-        Prints(0, "{\"summary\":\"Enforcing 1 network: Lab\"}\n"));
-    EXPECT_THAT(ctl({"remove", "--format", "json"}), Prints(0, "{}\n"));
+        Prints(0, "{\"formatVersion\":1,\"summary\":\"Enforcing 1 network: Lab\"}\n"));
+    EXPECT_THAT(ctl({"remove", "--format", "json"}), Prints(0, "{\"formatVersion\":1}\n"));
     EXPECT_FALSE(exists(storePath));
 }
 
@@ -304,7 +304,7 @@ TEST_F(HelperctlTest, AsksForVLANs) {
     EXPECT_THAT(ctl({"vlan", "delete", "vlan9"}), Complains(1, "No VLAN interface named vlan9.\n"));
     EXPECT_THAT(
         ctl({"vlan", "delete", "vlan9", "--format", "json"}),
-        Prints(1, "{\"error\":\"No VLAN interface named vlan9.\"}\n"));
+        Prints(1, "{\"error\":\"No VLAN interface named vlan9.\",\"formatVersion\":1}\n"));
 }
 
 TEST_F(HelperctlTest, MakesAndRemovesTheLinks) {
@@ -329,7 +329,7 @@ TEST_F(HelperctlTest, MakesAndRemovesTheResolverFiles) {
 
     EXPECT_THAT(ctl({"resolver", "on"}), Prints(0, ""));
     EXPECT_TRUE(exists("/etc/resolver/tvx"));
-    EXPECT_THAT(ctl({"resolver", "off", "--format", "json"}), Prints(0, "{}\n"));
+    EXPECT_THAT(ctl({"resolver", "off", "--format", "json"}), Prints(0, "{\"formatVersion\":1}\n"));
     EXPECT_FALSE(exists("/etc/resolver/tvx"));
 }
 
@@ -408,7 +408,7 @@ TEST_F(HelperctlTest, PutsBackWhatIsNotConfirmed) {
     EXPECT_THAT(
         ctl(with(confirmed, {"--format", "json"})).output,
         testing::Eq(R"({"error":"Not confirmed. What was before is in force again: Enforcing 1 )"
-                    R"(network: Lab.","summary":"Enforcing 1 network: New"})"
+                    R"(network: Lab.","formatVersion":1,"summary":"Enforcing 1 network: New"})"
                     "\n"));
 
     const auto kept = ctl(confirmed, "yes\n");
@@ -453,6 +453,62 @@ TEST_F(HelperctlTest, WritesAReport) {
     const auto rest = run({"/bin/tar", "-xOf", "/tmp/redacted.tar"});
     EXPECT_THAT(rest.output, HasSubstr("192.168.64.0/24"));
     EXPECT_THAT(rest.output, Not(HasSubstr("Lab")));
+}
+
+TEST_F(HelperctlTest, PrintsJsonOfItsSchema) {
+    TARNVALE_NEEDS(interfaces);
+    put("/opt/tarnvale/tarnvale", "#!/bin/sh\n");
+    fs::permissions("/opt/tarnvale/tarnvale", fs::perms(0755));
+    fs::permissions("/opt/tarnvale", fs::perms(0755));
+    fs::copy_file(helperProgram, "/opt/tarnvale/TarnvaleAdminHelper");
+    const Service service({.program = "/opt/tarnvale/TarnvaleAdminHelper"});
+    std::string faulty = contentOf(labPath);
+    faulty.replace(faulty.find("10.0.0.0/8"), 10, "10.0.0.0/88");
+    put("/tmp/faulty.json", faulty);
+    put("/tmp/none.json", "[1]");
+    const char* const packet = "tcp 192.168.64.2 -> 10.1.2.3:443";
+
+    // In an order in which there is something to say.
+    std::vector<std::string> documents;
+    for (const auto& words : std::vector<Words>{
+             {"version"},
+             {"--version"},
+             {"apply", "/tmp/none.json"},
+             {"apply", "--strict", "/tmp/faulty.json"},
+             {"apply", "/tmp/faulty.json"},
+             {"apply", "--confirm", "60", labPath},
+             {"apply", labPath},
+             {"status"},
+             {"doctor"},
+             {"report", "/tmp/report.tar"},
+             {"log"},
+             {"validate", "/tmp/faulty.json"},
+             {"lint", "/tmp/faulty.json"},
+             {"lint", "/tmp/none.json"},
+             {"matrix", labPath},
+             {"matrix", "--live"},
+             {"diff", labPath, "/tmp/faulty.json"},
+             {"preview", "/tmp/faulty.json"},
+             {"explain", labPath, packet},
+             {"explain", "--live", packet},
+             {"vlan", "create", "Office", "7", "none"},
+             {"vlan", "delete", "none"},
+             {"link", "install"},
+             {"link", "remove"},
+             {"resolver", "on"},
+             {"resolver", "off"},
+             {"remove"},
+             {"shutdown"}}) {
+        documents.push_back(ctl(with(words, {"--format", "json"})).output);
+        EXPECT_THAT(documents.back(), HasSubstr("\"formatVersion\":1")) << words[0];
+        EXPECT_EQ(documents.back().find('\n'), documents.back().size() - 1) << words[0];
+        documents.back().pop_back();
+    }
+
+    const auto verdicts = judgedBySchema("helperctl", documents);
+    for (std::size_t i = 0; i < documents.size(); ++i) {
+        EXPECT_EQ(verdicts[i], "yes") << documents[i];
+    }
 }
 
 TEST_F(HelperctlTest, LooksForProblems) {
@@ -515,7 +571,8 @@ TEST_F(HelperctlTest, SaysThatThereIsNoHelper) {
 
     EXPECT_THAT(ctl({"version"}), Complains(3, problem + "\n"));
     EXPECT_THAT(
-        ctl({"--format", "json", "version"}), Prints(3, "{\"error\":\"" + problem + "\"}\n"));
+        ctl({"--format", "json", "version"}),
+        Prints(3, "{\"error\":\"" + problem + "\",\"formatVersion\":1}\n"));
     for (const auto& change : changes()) {
         EXPECT_THAT(ctl(change), Complains(3, problem + "\n")) << change[0];
     }
@@ -580,7 +637,7 @@ TEST(HelperctlAloneTest, ExplainsAPacket) {
         Prints(
             1,
             R"({"error":"\"tcp 192.168.64.2 10.1.2.3\" isn't a packet. A packet is written as in )"
-            R"(\"tcp 192.168.64.2 -> 10.1.2.3:443\" or \"icmp 192.168.64.2 -> 10.1.2.3\"."})"
+            R"(\"tcp 192.168.64.2 -> 10.1.2.3:443\" or \"icmp 192.168.64.2 -> 10.1.2.3\".","formatVersion":1})"
             "\n"));
 }
 
@@ -732,7 +789,7 @@ TEST_F(HelperctlUsersTest, ChangesNothingForAnybodyButRoot) {
             Prints(
                 1,
                 "{\"error\":\"Only root may change anything by tarnvale-helperctl: the helper "
-                "admits it, so any program could use it as its proxy.\"}\n"));
+                "admits it, so any program could use it as its proxy.\",\"formatVersion\":1}\n"));
         EXPECT_THAT(
             ctlAs(user, {"--user", "ada", "version"}),
             Complains(1, "Only root may act as another user.\n"));

@@ -44,11 +44,10 @@ enum class Format { text, json };
 struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
-    std::optional<std::string> user;   ///< the user to act as
-    std::string file;                  ///< what `validate`, `preview`, `apply` and others look at
-    std::string otherFile;             ///< for `diff`, if there are two
-    std::optional<std::string> owner;  ///< for `diff`: whose list is stored
-    bool strict = false;               ///< for `apply`
+    std::optional<std::string> user;  ///< the user to act as
+    std::string file;                 ///< what `validate`, `preview`, `apply` and others look at
+    std::string otherFile;            ///< for `diff`, if there are two
+    bool strict = false;              ///< for `apply`
     std::optional<std::int64_t> confirmSeconds;  ///< for `apply`
     bool redact = false;                         ///< for `report`
     bool watch = false;                          ///< for `status`

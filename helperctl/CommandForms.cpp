@@ -95,7 +95,6 @@ std::span<const CommandForm> commandForms() {
          .operands =
              {{.name = "FILE", .target = &Arguments::file},
               {.name = "OTHER", .target = &Arguments::otherFile, .isOptional = true}},
-         .options = {{.name = "--owner", .value = "NAME", .target = &Arguments::owner}},
          .run = diff,
          .help = diffHelp},
         {.command = Command::preview,

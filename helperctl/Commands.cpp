@@ -16,6 +16,7 @@
 #include "helperctl/StoredNetworks.h"
 #include "helperctl/commands/Apply.h"
 #include "platform/HostAddresses.h"
+#include "support/DescribedError.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -119,11 +120,15 @@ Outcome caught(const Body& body) {
     } catch (const HelperClientError& error) {
         return failure(error.what(), statusFor(error.errorCase()));
     } catch (const std::exception& error) {
-        return failure(error.what());
+        return failure(std::string(support::descriptionOf(error)));
     }
 }
 
 }  // namespace
+
+bool comparesWithStore(const Arguments& arguments) {
+    return arguments.command == Command::diff && arguments.otherFile.empty();
+}
 
 std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
     if (uid == 0) {
@@ -133,7 +138,7 @@ std::optional<std::string> refusal(const Arguments& arguments, uid_t uid) {
         return "Only root may act as another user.";
     }
     const auto access = formOf(arguments.command).access;
-    if (access == Access::rootToRead) {
+    if (access == Access::rootToRead || comparesWithStore(arguments)) {
         return "Only root may read what users have stored.";
     }
     if (access == Access::rootToChange) {

@@ -18,6 +18,9 @@ namespace tarnvale::helperctl {
 /// Why this user may not run the command; nothing if the user may.
 std::optional<std::string> refusal(const Arguments& arguments, uid_t uid);
 
+/// Whether the command is a `diff` with what is stored, which takes root.
+bool comparesWithStore(const Arguments& arguments);
+
 /// Runs a command that asks the helper one thing, for the user that this process acts as. Reports
 /// any failure in the outcome.
 Outcome run(const Arguments& arguments, const Connect& connect);

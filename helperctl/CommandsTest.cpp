@@ -114,6 +114,12 @@ TEST_F(CommandsTest, LetsNobodyElseReadWhatIsStored) {
         refusal(command(Command::exportNetworks), 501),
         "Only root may read what users have stored.");
     EXPECT_EQ(refusal(command(Command::exportNetworks), 0), std::nullopt);
+
+    auto comparison = command(Command::diff);
+    EXPECT_EQ(refusal(comparison, 501), "Only root may read what users have stored.");
+    EXPECT_EQ(refusal(comparison, 0), std::nullopt);
+    comparison.otherFile = path;
+    EXPECT_EQ(refusal(comparison, 501), std::nullopt);
 }
 
 TEST_F(CommandsTest, AsksForResults) {

@@ -14,14 +14,15 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "firewall/policy/PolicyStore.h"
-#include "helperctl/StoredNetworks.h"
+#include "firewall/policy/Review.h"
 #include "helperctl/commands/Export.h"
+#include "support/Timestamp.h"
 
 namespace tarnvale::helperctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using NetworkFirewall::PolicyStore;
 
 constexpr std::array interruptions{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
@@ -35,13 +36,39 @@ int millisecondsUntil(Clock::time_point deadline) {
 
 }  // namespace
 
-std::optional<std::string> storedNetworksOf(const std::optional<std::string>& user) {
-    const auto key = ownerKeyOf(user.value_or("root"));
-    if (storeIsUnreadable()) {
+std::optional<std::string> fileToPutBack(
+    const PolicyStore& store,
+    std::string_view ownerKey,
+    std::span<const NetworkFirewall::HostAddress> hosts) {
+    if (store.owners.contains(NetworkFirewall::legacyOwner)) {
         throw std::runtime_error(
-            "What is stored can't be read, so it couldn't be put back: nothing was changed.");
+            "Changed nothing: networks are stored from before lists were kept by user. An apply "
+            "may "
+            "replace them for good, so they couldn't be put back. Save them with "
+            "\"tarnvale-helperctl export --user legacy\", and apply without --confirm.");
     }
-    return exported(readStore().value_or(NetworkFirewall::PolicyStore{}), key);
+    const auto own = store.owners.find(ownerKey);
+    if (own == store.owners.end()) {
+        return std::nullopt;
+    }
+    const auto& policies = own->second.policies;
+    auto again = store;
+    NetworkFirewall::setPolicies(
+        again,
+        ownerKey,
+        NetworkFirewall::review(policies, hosts).enforceable,
+        support::ReferenceDate::now(),
+        true);
+    if (!NetworkFirewall::samePolicies(policies, again.owners[own->first].policies) ||
+        !NetworkFirewall::samePolicies(
+            NetworkFirewall::mergedPolicies(store).policies,
+            NetworkFirewall::mergedPolicies(std::move(again)).policies)) {
+        throw std::runtime_error(
+            "Changed nothing: what this user has stored couldn't be put back as it is, because "
+            "this machine can't enforce all of it now, or another user has a network with one of "
+            "its subnets. Apply without --confirm.");
+    }
+    return exported(store, ownerKey);
 }
 
 void noteInterruptions() {

@@ -7,16 +7,23 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
+#include "firewall/policy/PolicyStore.h"
 #include "helperctl/Answer.h"
 #include "helperctl/Session.h"
+#include "platform/HostAddresses.h"
 
 namespace tarnvale::helperctl {
 
-/// The stored networks of the user that a command line names, of root if it names none, as a file;
-/// nothing if none are stored. Only root may read the store. Throws `std::runtime_error`.
-std::optional<std::string> storedNetworksOf(const std::optional<std::string>& user);
+/// The file that puts back what this owner has stored; nothing if that is nothing. Throws
+/// `std::runtime_error` if an apply of it might not bring back all that is stored and enforced now.
+std::optional<std::string> fileToPutBack(
+    const NetworkFirewall::PolicyStore& store,
+    std::string_view ownerKey,
+    std::span<const NetworkFirewall::HostAddress> hosts);
 
 /// From now on, signals that would end the process only keep it from being confirmed. They must not
 /// leave the new networks in force, nor interrupt putting the earlier ones back.

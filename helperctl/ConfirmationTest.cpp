@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -17,8 +18,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "helperctl/commands/Export.h"
 #include "support/UniqueFd.h"
 #include "tests/support/FakeHelper.h"
+#include "tests/support/PolicyText.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -84,6 +87,55 @@ TEST_F(ConfirmationTest, TakesAnInterruptionForANo) {
             testing::ExitedWithCode(0),
             "");
     }
+}
+
+NetworkFirewall::PolicyStore storeOf(const std::vector<test::OwnerText>& owners) {
+    return NetworkFirewall::decodeStore(test::storeText(owners)).value();
+}
+
+TEST(FileToPutBackTest, IsWhatTheUserHasStored) {
+    const auto store = storeOf(
+        {{.key = "0", .networks = {{.number = 64}, {.number = 65}}},
+         {.key = "501", .networks = {{.number = 66}}}});
+
+    EXPECT_EQ(fileToPutBack(store, "0", {}), exported(store, "0"));
+    EXPECT_EQ(fileToPutBack(store, "502", {}), std::nullopt);
+    EXPECT_EQ(fileToPutBack({}, "0", {}), std::nullopt);
+}
+
+MATCHER_P(CantBePutBack, why, "") {
+    try {
+        static_cast<void>(fileToPutBack(arg, "0", {}));
+    } catch (const std::runtime_error& error) {
+        return std::string_view(error.what()).find(why) != std::string_view::npos;
+    }
+    return false;
+}
+
+TEST(FileToPutBackTest, IsRefusedWhereAnApplyWouldNotBringBackEverything) {
+    const test::NetworkText lab;
+    const test::NetworkText other{.number = 65};
+
+    // An apply may adopt these, whoever it is for.
+    EXPECT_THAT(storeOf({{.key = "legacy", .networks = {lab}}}), CantBePutBack("export --user"));
+    // The later one holds the subnet until root applies it again.
+    EXPECT_THAT(
+        storeOf(
+            {{.key = "0", .networks = {lab}, .appliedAt = "1"},
+             {.key = "501", .networks = {{.name = "Theirs"}}, .appliedAt = "2"}}),
+        CantBePutBack("another user has a network"));
+    EXPECT_EQ(
+        fileToPutBack(
+            storeOf(
+                {{.key = "0", .networks = {lab}, .appliedAt = "2"},
+                 {.key = "501", .networks = {lab, other}, .appliedAt = "1"}}),
+            "0",
+            {}),
+        exported(storeOf({{.key = "0", .networks = {lab}}}), "0"));
+    // The review would leave it out.
+    EXPECT_THAT(
+        storeOf({{.key = "0", .networks = {{.subnetCIDR = "10.0.0.0/24"}}}}),
+        CantBePutBack("can't enforce all of it"));
 }
 
 /// Replies the same to everything.

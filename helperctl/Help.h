@@ -38,10 +38,11 @@ COMMANDS
   matrix FILE                  print who reaches whom once FILE is applied; with
                                --svg PICTURE write it as a picture
   matrix --live                the same of the rules in force
-  diff FILE [OTHER]            print what changes from FILE to OTHER: records,
+  diff FILE OTHER              print what changes from FILE to OTHER: records,
                                lines, the verdicts on packets, connections that
-                               are cut; for root, also from what is stored to
-                               FILE
+                               are cut
+  diff FILE                    the same from what is stored to what it would be
+                               once FILE is applied; only for root
   preview FILE                 print what applying FILE would come to
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked

@@ -7,8 +7,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 
+#include "firewall/policy/PolicyStore.h"
 #include "helperctl/Arguments.h"
 #include "helperctl/Console.h"
 #include "platform/HelperClient.h"
@@ -21,7 +21,8 @@ struct Session {
     const Arguments& arguments;
     const Connect& connect;
     Console& console;
-    std::optional<std::string> earlierNetworks{};  ///< as a file, for `apply --confirm`
+    /// What all users have stored, for the commands that compare with it or may put it back.
+    std::optional<NetworkFirewall::PolicyStore> stored{};
 };
 
 }  // namespace tarnvale::helperctl

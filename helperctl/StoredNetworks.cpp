@@ -2,6 +2,7 @@
 
 #include "helperctl/StoredNetworks.h"
 
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -30,8 +31,12 @@ std::optional<NetworkFirewall::PolicyStore> readStore() {
     return data ? NetworkFirewall::decodeStore(*data) : std::nullopt;
 }
 
-bool storeIsUnreadable() {
-    return ::access(pathOf(NetworkFirewall::storeFileName).c_str(), F_OK) == 0 && !readStore();
+NetworkFirewall::PolicyStore requireStore() {
+    auto store = readStore();
+    if (!store && ::access(pathOf(NetworkFirewall::storeFileName).c_str(), F_OK) == 0) {
+        throw std::runtime_error("What is stored can't be read.");
+    }
+    return std::move(store).value_or(NetworkFirewall::PolicyStore{});
 }
 
 std::string loadedRulesetText() {

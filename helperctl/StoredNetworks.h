@@ -19,8 +19,9 @@ namespace tarnvale::helperctl {
 /// root.
 std::optional<NetworkFirewall::PolicyStore> readStore();
 
-/// Whether there is a store that `readStore` can't read.
-bool storeIsUnreadable();
+/// The same for root: empty if there is no store. Throws `std::runtime_error` if there is one that
+/// can't be read.
+NetworkFirewall::PolicyStore requireStore();
 
 /// The text of the ruleset that was loaded last; empty if it can't be read.
 std::string loadedRulesetText();

@@ -17,7 +17,7 @@
 #include "helperctl/Arguments.h"
 #include "helperctl/CommandForms.h"
 #include "helperctl/Commands.h"
-#include "helperctl/Confirmation.h"
+#include "helperctl/StoredNetworks.h"
 #include "platform/HelperClient.h"
 #include "support/StandardDescriptors.h"
 
@@ -25,21 +25,20 @@ namespace {
 
 using namespace tarnvale::helperctl;  // NOLINT(google-build-using-namespace): this is its program
 
-/// Becomes the user that the command is to act as, after having read what only root may read.
-/// Returns the earlier networks that `apply --confirm` may put back. Throws `std::runtime_error` if
-/// the user may not run the command.
-std::optional<std::string> changeUser(const Arguments& arguments) {
+/// Becomes the user that the command is to act as. Returns what is stored if the command needs it,
+/// which only root may read. Throws `std::runtime_error` if the user may not run the command.
+std::optional<tarnvale::NetworkFirewall::PolicyStore> changeUser(const Arguments& arguments) {
     if (const auto problem = refusal(arguments, ::getuid())) {
         throw std::runtime_error(*problem);
     }
-    std::optional<std::string> earlier;
-    if (arguments.confirmSeconds) {
-        earlier = storedNetworksOf(arguments.user);
+    std::optional<tarnvale::NetworkFirewall::PolicyStore> stored;
+    if (arguments.confirmSeconds || comparesWithStore(arguments)) {
+        stored = requireStore();
     }
     if (arguments.user && !formOf(arguments.command).asksAboutUser) {
         actAs(*arguments.user);
     }
-    return earlier;
+    return stored;
 }
 
 /// Prints what the command line asks for; returns the exit status.
@@ -51,9 +50,9 @@ int answer(int argc, const char* const* argv) {
         return early->status;
     }
     const auto& arguments = std::get<Arguments>(parsed);
-    std::optional<std::string> earlier;
+    std::optional<tarnvale::NetworkFirewall::PolicyStore> stored;
     try {
-        earlier = changeUser(arguments);
+        stored = changeUser(arguments);
     } catch (const std::exception& error) {
         print(failure(error.what()).answer, arguments.format, std::cout, std::cerr);
         return refusedOrFailed;
@@ -64,7 +63,7 @@ int answer(int argc, const char* const* argv) {
         .format = arguments.format,
         .hasColour = wantsColour(STDOUT_FILENO),
         .isTerminal = ::isatty(STDOUT_FILENO) == 1};
-    return perform({arguments, tarnvale::platform::connectToHelper, console, std::move(earlier)});
+    return perform({arguments, tarnvale::platform::connectToHelper, console, std::move(stored)});
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ Outcome apply(const Arguments& arguments, const Connect& connect) {
 }
 
 int applyFile(const Session& session) {
-    const auto& [arguments, connect, console, earlier] = session;
+    const auto& [arguments, connect, console, stored] = session;
     const auto seconds = arguments.confirmSeconds;
     if (!seconds) {
         const auto outcome = apply(arguments, connect);
@@ -84,6 +84,8 @@ int applyFile(const Session& session) {
         return usageError;
     }
 
+    const auto earlier = fileToPutBack(
+        stored.value(), std::to_string(::geteuid()), NetworkFirewall::hostAddresses());
     noteInterruptions();
     Outcome outcome;
     bool isKept = false;

@@ -31,7 +31,9 @@ enforced.
              put back what this user had stored before, unless "yes" is typed
              within that time: a firewall may cut off whoever changes it. Also
              put back when the terminal is lost, at another answer, or when the
-             helper's reply gets lost. FILE can't be standard input then
+             helper's reply gets lost. FILE can't be standard input then.
+             Refused where putting back couldn't restore everything: while
+             networks of older versions are stored, or others claim a subnet
 
 Exit status 1: the helper refused at least one network, or failed; or --strict
 kept the file from being sent; or it wasn't confirmed.

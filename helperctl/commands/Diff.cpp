@@ -9,23 +9,18 @@
 #include <map>
 #include <optional>
 #include <ostream>
-#include <stdexcept>
 #include <utility>
 
-#include <pwd.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include "firewall/analysis/Differences.h"
 #include "firewall/analysis/Words.h"
 #include "firewall/policy/PolicyJson.h"
-#include "firewall/policy/PolicyStore.h"
 #include "firewall/policy/Review.h"
 #include "helperctl/Answer.h"
 #include "helperctl/NamedRuleset.h"
 #include "helperctl/PolicyFile.h"
-#include "helperctl/StoredNetworks.h"
-#include "support/Decimal.h"
+#include "support/Timestamp.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -302,41 +297,29 @@ void print(const Difference& difference, const Console& console) {
     }
 }
 
-/// The owner's key in the store, by a user's name or ID.
-std::string ownerKey(const std::string& owner) {
-    if (owner == NetworkFirewall::legacyOwner || support::parseNumber<uid_t>(owner)) {
-        return owner;
-    }
-    const passwd* const entry = ::getpwnam(owner.c_str());
-    if (entry == nullptr) {
-        throw std::runtime_error("Found no user \"" + printable(owner) + "\".");
-    }
-    return std::to_string(entry->pw_uid);
+/// The lines and packets that change from one list in force to the other.
+void compareWhatIsEnforced(
+    Difference& result,
+    Networks before,
+    Networks now,
+    std::span<const NetworkFirewall::HostAddress> hosts) {
+    const auto oldRules = NamedRuleset::ofList(std::move(before), hosts);
+    const auto newRules = NamedRuleset::ofList(std::move(now), hosts);
+    result.lines = changedLines(oldRules, newRules);
+    result.packets = changedPackets(oldRules, newRules);
 }
 
-/// The list that is stored for that owner, or for the only one.
-Networks storedList(const std::optional<std::string>& owner) {
-    if (::geteuid() != 0) {
-        throw std::runtime_error("Only root may read what users have stored.");
-    }
-    auto store = readStore();
-    if (!store || store->owners.empty()) {
-        return {};
-    }
-    if (owner) {
-        const auto own = store->owners.find(ownerKey(*owner));
-        return own == store->owners.end() ? Networks() : std::move(own->second.policies);
-    }
-    if (store->owners.size() > 1) {
-        std::vector<std::string> owners;
-        for (const auto& [key, entry] : store->owners) {
-            owners.push_back(key);
+/// The subnets whose connections an apply cuts, as it decides that itself.
+Lines cutBy(const Networks& enforcedBefore, const Networks& enforceable) {
+    Lines subnets;
+    if (!NetworkFirewall::samePolicies(enforcedBefore, enforceable)) {
+        for (const FirewallNetworkPolicy& network : enforceable) {
+            if (std::ranges::find(subnets, network.subnetCIDR) == subnets.end()) {
+                subnets.push_back(network.subnetCIDR);
+            }
         }
-        throw std::runtime_error(
-            "More than one user has stored networks. --owner says whose to compare with: " +
-            FirewallAnalysis::joined(owners) + ".");
     }
-    return std::move(store->owners.begin()->second.policies);
+    return subnets;
 }
 
 }  // namespace
@@ -347,32 +330,51 @@ Difference difference(
     std::span<const NetworkFirewall::HostAddress> hosts) {
     Difference result;
     result.records = RecordComparison(before, now).take();
-    const auto oldRules = NamedRuleset::ofList(before, hosts);
-    const auto newRules = NamedRuleset::ofList(now, hosts);
-    result.lines = changedLines(oldRules, newRules);
-    result.packets = changedPackets(oldRules, newRules);
-    // As an apply decides it.
-    const auto enforceable = NetworkFirewall::review(now, hosts).enforceable;
-    if (!NetworkFirewall::samePolicies(
-            NetworkFirewall::review(before, hosts).enforceable, enforceable)) {
-        for (const FirewallNetworkPolicy& network : enforceable) {
-            result.cut.push_back(network.subnetCIDR);
+    compareWhatIsEnforced(result, before, now, hosts);
+    result.cut = cutBy(
+        NetworkFirewall::review(before, hosts).enforceable,
+        NetworkFirewall::review(now, hosts).enforceable);
+    return result;
+}
+
+Difference differenceFromStored(
+    const NetworkFirewall::PolicyStore& store,
+    const std::string& ownerKey,
+    Networks now,
+    std::span<const NetworkFirewall::HostAddress> hosts) {
+    const auto own = NetworkFirewall::review(std::move(now), hosts);
+    auto stored = store;
+    const auto previous = NetworkFirewall::setPolicies(
+        stored, ownerKey, own.enforceable, support::ReferenceDate::now(), false);
+
+    Difference result;
+    result.records = RecordComparison(previous, own.enforceable).take();
+    for (const auto& note : own.refused) {
+        result.records.push_back(note.label() + " is refused: " + note.problem);
+    }
+    auto before = NetworkFirewall::mergedPolicies(store);
+    auto after = NetworkFirewall::mergedPolicies(std::move(stored));
+    for (const auto& claim : after.dropped) {
+        if (std::ranges::find(before.dropped, claim) == before.dropped.end()) {
+            result.records.push_back(NetworkFirewall::claimMessage(claim.owner, claim.policy));
         }
     }
+    compareWhatIsEnforced(result, std::move(before.policies), std::move(after.policies), hosts);
+    result.cut = cutBy(previous, own.enforceable);
     return result;
 }
 
 int diff(const Session& session) {
     const auto& arguments = session.arguments;
-    const auto first = NetworkFirewall::decodePolicyData(readPolicyFile(arguments.file));
+    auto first = NetworkFirewall::decodePolicyData(readPolicyFile(arguments.file));
     const auto hosts = NetworkFirewall::hostAddresses();
     const auto found =
-        arguments.otherFile.empty()
-            ? difference(storedList(arguments.owner), first, hosts)
-            : difference(
-                  first,
-                  NetworkFirewall::decodePolicyData(readPolicyFile(arguments.otherFile)),
-                  hosts);
+        session.stored ? differenceFromStored(
+                             *session.stored, std::to_string(::geteuid()), std::move(first), hosts)
+                       : difference(
+                             first,
+                             NetworkFirewall::decodePolicyData(readPolicyFile(arguments.otherFile)),
+                             hosts);
     if (session.console.wantsJson()) {
         session.console.writeResult("difference", found);
     } else {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "firewall/policy/FirewallRecords.h"
+#include "firewall/policy/PolicyStore.h"
 #include "helperctl/Session.h"
 #include "platform/HostAddresses.h"
 #include "support/Json.h"
@@ -46,15 +47,26 @@ Difference difference(
     const std::vector<NetworkFirewall::FirewallNetworkPolicy>& now,
     std::span<const NetworkFirewall::HostAddress> hosts);
 
+/// What an apply of `now` would change for the owner of that key, beside what all others have
+/// stored. Lines and packets are those of all users' networks: an apply also takes a subnet from
+/// whoever has claimed it before.
+Difference differenceFromStored(
+    const NetworkFirewall::PolicyStore& store,
+    const std::string& ownerKey,
+    std::vector<NetworkFirewall::FirewallNetworkPolicy> now,
+    std::span<const NetworkFirewall::HostAddress> hosts);
+
 int diff(const Session& session);
 
 inline constexpr std::string_view diffHelp =
-    R"(Prints what changes from FILE to OTHER. Without OTHER, what would change if FILE
-were applied for the user whose list is stored, for which it takes root:
---owner says whose list, by name or user ID, where there is more than one. Asks
-no helper.
+    R"(Prints what changes from FILE to OTHER, as if nobody else had networks. Without
+OTHER, which takes root: what an apply of FILE would change. Then the list that
+goes is root's own, or that of the user whom --user names; what others have
+stored stays, but for networks whose subnet FILE claims. Asks no helper.
 
-Records      networks and rules that are new, gone or changed, told apart by ID
+Records      networks and rules that are new, gone or changed, told apart by ID;
+             without OTHER also networks that would be refused, and those that
+             others lose
 Lines        of the ruleset: "-" goes, "+" comes
 Packets      that open a connection and whose verdict changes, all of them. A
              packet between two networks crosses pf twice and may be listed at
@@ -62,7 +74,8 @@ Packets      that open a connection and whose verdict changes, all of them. A
 Connections  the networks whose connections an apply cuts; what the rules pass
              can connect again
 
-What others have stored isn't looked at.
+Networks that older versions stored for nobody in particular stay as they are,
+unless FILE has one of them; an apply of the user at the console drops them all.
 )";
 
 }  // namespace tarnvale::helperctl

@@ -11,9 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "firewall/policy/PolicyJson.h"
+#include "firewall/policy/PolicyStore.h"
 #include "support/Text.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/JsonSchema.h"
+#include "tests/support/PolicyText.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -112,6 +114,56 @@ TEST(DiffTest, SaysWhatANetworkThatComesOrGoesChanges) {
             "before by the default for inbound traffic",
             "udp, icmp and other protocols (without DHCP) from anywhere to Lab: blocked -> passed, "
             "by no line at all; before by the default for inbound traffic"));
+}
+
+NetworkFirewall::PolicyStore storeOf(const std::vector<test::OwnerText>& owners) {
+    return NetworkFirewall::decodeStore(test::storeText(owners)).value();
+}
+
+std::vector<FirewallNetworkPolicy> listOf(const std::vector<test::NetworkText>& networks) {
+    return NetworkFirewall::decodePolicies(test::policyText(networks));
+}
+
+TEST(DiffTest, ComparesOneUsersListBesideThoseOfOthers) {
+    const test::NetworkText lab;
+    const auto store =
+        storeOf({{.key = "501", .networks = {lab}}, {.key = "502", .networks = {{.number = 65}}}});
+
+    EXPECT_TRUE(differenceFromStored(store, "501", listOf({lab}), {}).isEmpty());
+
+    const auto gone = differenceFromStored(store, "501", {}, {});
+    EXPECT_THAT(gone.records, ElementsAre("Lab is gone: 192.168.64.0/24"));
+    EXPECT_THAT(gone.lines, testing::Each(testing::HasSubstr("192.168.64.0/24")));
+    EXPECT_THAT(gone.cut, testing::IsEmpty());
+
+    const auto coming =
+        differenceFromStored(store, "0", listOf({{.number = 66, .name = "New"}}), {});
+    EXPECT_THAT(coming.records, ElementsAre("New is new: 192.168.66.0/24"));
+    EXPECT_THAT(coming.lines, testing::Each(testing::HasSubstr("192.168.66.0/24")));
+    EXPECT_THAT(coming.cut, ElementsAre("192.168.66.0/24"));
+}
+
+TEST(DiffTest, SaysWhatOthersLoseAndWhatIsRefused) {
+    const auto store = storeOf({{.key = "501", .networks = {{}}}});
+
+    const auto found = differenceFromStored(
+        store,
+        "502",
+        listOf({{.name = "Mine", .defaultInbound = "allow"}, {.name = "No", .subnetCIDR = "x"}}),
+        {});
+
+    EXPECT_THAT(
+        found.records,
+        ElementsAre(
+            "Mine is new: 192.168.64.0/24",
+            testing::StartsWith("No is refused: the subnet \"x\" isn't one macOS gives"),
+            "192.168.64.0/24 is claimed by networks of more than one user; uid 501's \"Lab\" is "
+            "left out for the most recently applied one."));
+    EXPECT_THAT(
+        found.lines,
+        ElementsAre(
+            "- block drop out quick from any to 192.168.64.0/24",
+            "+ pass out quick from any to 192.168.64.0/24 keep state"));
 }
 
 struct Printed {

@@ -37,10 +37,7 @@ std::optional<std::string> exported(
 int exportNetworks(const Session& session) {
     const auto user = session.arguments.user.value_or("root");
     const auto key = ownerKeyOf(user);
-    if (storeIsUnreadable()) {
-        throw std::runtime_error("What is stored can't be read.");
-    }
-    const auto file = exported(readStore().value_or(NetworkFirewall::PolicyStore{}), key);
+    const auto file = exported(requireStore(), key);
     if (!file) {
         throw std::runtime_error("\"" + printable(user) + "\" has no networks stored.");
     }

@@ -488,6 +488,7 @@ TEST_F(HelperctlTest, PrintsJsonOfItsSchema) {
              {"matrix", labPath},
              {"matrix", "--live"},
              {"diff", labPath, "/tmp/faulty.json"},
+             {"diff", "/tmp/faulty.json"},
              {"preview", "/tmp/faulty.json"},
              {"explain", labPath, packet},
              {"explain", "--live", packet},
@@ -666,23 +667,15 @@ TEST(HelperctlAloneTest, ComparesAFileWithWhatIsStored) {
     fs::create_directories(supportFolder);
     put(storePath, R"({"owners":{"501":{"appliedAt":1,"policies":)" + contentOf(labPath) + "}}}");
 
-    EXPECT_THAT(runUnsigned({"diff", labPath}), Prints(0, "Nothing changes.\n"));
-    EXPECT_THAT(runUnsigned({"diff", labPath, "--owner", "501"}), Prints(0, "Nothing changes.\n"));
     EXPECT_THAT(
-        runUnsigned({"diff", labPath, "--owner", "502"}).output,
-        StartsWith("Records\n  Lab is new: 192.168.64.0/24\n"));
-    EXPECT_THAT(
-        runUnsigned({"diff", labPath, "--owner", "nobody knows"}),
-        Complains(1, "Found no user \"nobody knows\".\n"));
+        runUnsigned({"diff", labPath}).output,
+        StartsWith("Records\n  Lab is new: 192.168.64.0/24\n"
+                   "  192.168.64.0/24 is claimed by networks of more than one user; uid 501's\n"
+                   "    \"Lab\" is left out for the most recently applied one.\n"));
 
-    put(storePath,
-        R"({"owners":{"501":{"appliedAt":1,"policies":[]},"502":{"appliedAt":1,"policies":[]}}})");
-    EXPECT_THAT(
-        runUnsigned({"diff", labPath}),
-        Complains(
-            1,
-            "More than one user has stored networks. --owner says whose to compare with: 501 and "
-            "502.\n"));
+    put(storePath, "{");
+    EXPECT_THAT(runUnsigned({"diff", labPath}), Complains(1, "What is stored can't be read.\n"));
+    EXPECT_THAT(runUnsigned({"diff", labPath, labPath}), Prints(0, "Nothing changes.\n"));
 }
 
 TEST(HelperctlAloneTest, NamesAFileThatCantBeRead) {
@@ -848,6 +841,25 @@ TEST_F(HelperctlUsersTest, ActsForTheUserThatRootNames) {
     EXPECT_THAT(store, HasSubstr("\"502\""));
     EXPECT_THAT(store, Not(HasSubstr("\"501\"")));
     EXPECT_THAT(logMessages(), Contains(StartsWith("Refused applyFirewall for uid 503: ")));
+}
+
+TEST_F(HelperctlUsersTest, ComparesWithTheListOfTheUserThatRootNames) {
+    fs::create_directories(supportFolder);
+    put(storePath, R"({"owners":{"501":{"appliedAt":1,"policies":)" + contentOf(labPath) + "}}}");
+    fs::permissions(storePath, fs::perms(0600));
+    put("/tmp/lab.json", contentOf(labPath));
+
+    EXPECT_THAT(ctl({"--user", "ada", "diff", "/tmp/lab.json"}), Prints(0, "Nothing changes.\n"));
+    EXPECT_THAT(
+        ctl({"--user", "bob", "diff", "/tmp/lab.json"}).output,
+        StartsWith("Records\n  Lab is new: "));
+    EXPECT_THAT(
+        ctlAs(firstUser, {"diff", "/tmp/lab.json"}),
+        Complains(1, "Only root may read what users have stored.\n"));
+    fs::permissions("/tmp/lab.json", fs::perms(0600));
+    EXPECT_THAT(
+        ctl({"--user", "ada", "diff", "/tmp/lab.json"}),
+        Complains(1, "Could not read \"/tmp/lab.json\": Permission denied.\n"));
 }
 
 TEST_F(HelperctlUsersTest, ReadsTheFileAsTheUser) {

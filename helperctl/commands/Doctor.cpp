@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
@@ -22,6 +21,7 @@
 #include "firewall/policy/Review.h"
 #include "helperctl/Answer.h"
 #include "helperctl/LogEntries.h"
+#include "helperctl/MacTools.h"
 #include "helperctl/StoredNetworks.h"
 #include "platform/Command.h"
 #include "support/Files.h"
@@ -238,8 +238,13 @@ private:
         }
         const auto listing = platform::runCommand(
             pfctlPath, {"-a", std::string(NetworkFirewall::anchorName), "-v", "-sr"});
-        if (listing.status != 0) {
-            unknown("rules", "pfctl doesn't list what is in force.");
+        listsRules_ = listing.status == 0;
+        if (!listsRules_) {
+            const auto& complaint = listing.standardError;
+            problem(
+                "rules",
+                "What is in force can't be listed: " + complaint.substr(0, complaint.find('\n')),
+                "Nothing can be enforced either, as long as pfctl fails.");
             return;
         }
         compare(linesIn(expected), linesIn(loadedRulesetText()), linesIn(listing.standardOutput));
@@ -380,11 +385,16 @@ private:
     void checkLeftovers() {
         std::vector<std::string> found;
         std::error_code error;
-        for (const char* const path :
-             {"/etc/pf.anchors/com.tarnvale.firewall", "/usr/local/bin/tx", "/usr/local/bin/txr"}) {
-            if (std::filesystem::exists(std::filesystem::symlink_status(path, error))) {
+        for (const char* const path : {"/usr/local/bin/tx", "/usr/local/bin/txr"}) {
+            // Other products have tools of these names, too.
+            const auto target = std::filesystem::read_symlink(path, error).string();
+            if (!error && target.find("/Tarnvale.app/") != std::string::npos) {
                 found.emplace_back(path);
             }
+        }
+        constexpr const char* oldAnchor = "/etc/pf.anchors/com.tarnvale.firewall";
+        if (std::filesystem::exists(std::filesystem::symlink_status(oldAnchor, error))) {
+            found.emplace_back(oldAnchor);
         }
         const auto conf = support::readFile("/etc/pf.conf");
         if (conf && conf->find("com.tarnvale.firewall") != std::string::npos) {
@@ -414,11 +424,15 @@ private:
         if (!std::filesystem::exists("/proc/sys/kernel")) {
             return;
         }
-        if (!std::filesystem::exists("/proc/sys/net/netfilter/nf_conntrack_max")) {
-            unknown(
-                "kernel", "Connection tracking is not loaded; the first load of rules loads it.");
+        if (listsRules_ || std::filesystem::exists("/sys/module/nf_tables")) {
+            ok("nf_tables", "The kernel has it.");
         } else {
-            ok("kernel", "It tracks connections.");
+            unknown("nf_tables", "It is not loaded; the first load of rules loads it.");
+        }
+        if (std::filesystem::exists("/proc/sys/net/netfilter/nf_conntrack_max")) {
+            ok("conntrack", "The kernel tracks connections.");
+        } else {
+            unknown("conntrack", "It is not loaded; the first load of rules loads it.");
         }
         if (valueOf("/proc/sys/net/bridge/bridge-nf-call-iptables") == "1") {
             problem(
@@ -428,49 +442,67 @@ private:
         } else {
             ok("br_netfilter", "It doesn't show bridged frames to the rules.");
         }
+        checkPtrace();
+    }
+
+    /// Never a problem: admission tells users apart, not one user's programs. Whatever the scope
+    /// is, a preloaded library speaks for an admitted client.
+    void checkPtrace() {
         const auto scope = valueOf("/proc/sys/kernel/yama/ptrace_scope");
-        if (scope && *scope != "0") {
-            ok("ptrace", "Programs can't take over others of their user.");
-        } else {
-            problem(
-                "ptrace",
-                "Any program of a user can take over that user's admitted clients.",
-                "sudo sysctl kernel.yama.ptrace_scope=1, where the kernel has it.");
-        }
+        ok("ptrace",
+           scope && *scope != "0"
+               ? "Its scope is " + *scope +
+                     ": a program can't take over clients of its user that it hasn't started."
+               : "Any program of a user can take over that user's clients. Where that matters, "
+                 "narrow it: sudo sysctl kernel.yama.ptrace_scope=1.");
     }
 
     void checkMac() {
         constexpr const char* firewall = "/usr/libexec/ApplicationFirewall/socketfilterfw";
         if (::access(firewall, X_OK) == 0) {
-            const auto bootpd =
-                platform::runCommand(firewall, {"--getappblocked", "/usr/libexec/bootpd"});
-            if (bootpd.standardOutput.find("blocked") != std::string::npos &&
-                bootpd.standardOutput.find("permitted") == std::string::npos) {
-                problem(
-                    "bootpd",
-                    "The application firewall blocks it: machines get no addresses.",
-                    std::string("sudo ") + firewall + " --unblockapp /usr/libexec/bootpd");
-            } else {
-                ok("bootpd", "The application firewall lets it hand out addresses.");
-            }
+            checkApplicationFirewall(firewall);
         }
         constexpr const char* launchctl = "/bin/launchctl";
         if (::access(launchctl, X_OK) == 0) {
-            const auto disabled = platform::runCommand(launchctl, {"print-disabled", "system"});
-            const auto& text = disabled.standardOutput;
-            const auto name = text.find("\"com.brackwen.tarnvale.adminhelper\"");
-            const auto line = name == std::string::npos
-                                  ? std::string()
-                                  : text.substr(name, text.find('\n', name) - name);
-            if (line.find("disabled") != std::string::npos ||
-                line.find("true") != std::string::npos) {
-                problem(
-                    "background item",
-                    "The helper is turned off.",
-                    "Allow Tarnvale in the background in System Settings, Login Items.");
-            } else {
-                ok("background item", "The system may start the helper.");
-            }
+            checkBackgroundItem(launchctl);
+        }
+    }
+
+    /// It may keep bootpd, which gives machines their addresses, from being asked.
+    void checkApplicationFirewall(const std::string& firewall) {
+        constexpr const char* bootpd = "/usr/libexec/bootpd";
+        const auto answer = [&](std::vector<std::string> question) {
+            return platform::runCommand(firewall, std::move(question)).standardOutput;
+        };
+        const auto blocked = isBlocked(
+            answer({"--getglobalstate"}),
+            answer({"--getblockall"}),
+            answer({"--getappblocked", bootpd}));
+        if (!blocked) {
+            unknown("bootpd", "The application firewall doesn't say whether it blocks it.");
+        } else if (*blocked) {
+            problem(
+                "bootpd",
+                "The application firewall blocks it: machines get no addresses.",
+                "Don't let it block all incoming connections, and: sudo " + firewall +
+                    " --unblockapp " + bootpd + ".");
+        } else {
+            ok("bootpd", "The application firewall lets it hand out addresses.");
+        }
+    }
+
+    void checkBackgroundItem(const char* launchctl) {
+        const std::string service = "com.brackwen.tarnvale.adminhelper";
+        const char* const howToAllow =
+            "Open Tarnvale, and allow it in the background in System Settings, Login Items.";
+        if (isTurnedOff(
+                platform::runCommand(launchctl, {"print-disabled", "system"}).standardOutput,
+                service)) {
+            problem("background item", "The helper is turned off.", howToAllow);
+        } else if (platform::runCommand(launchctl, {"print", "system/" + service}).status != 0) {
+            problem("background item", "The system doesn't know the helper.", howToAllow);
+        } else {
+            ok("background item", "The system may start the helper.");
         }
     }
 
@@ -478,6 +510,7 @@ private:
     platform::CodeSigning& codeSigning_;
     const std::vector<NetworkFirewall::HostAddress>& hosts_;
     std::optional<std::string> report_;
+    bool listsRules_ = false;
     std::vector<Check> checks_;
 };
 

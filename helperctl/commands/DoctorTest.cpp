@@ -90,6 +90,7 @@ protected:
               "/etc/resolver",
               "/etc/pf.conf",
               "/usr/local/bin/tx",
+              "/usr/local/bin/txr",
               "/usr/local/bin/tarnvale"}) {
             fs::remove_all(path);
         }
@@ -146,8 +147,8 @@ protected:
 
 TEST_F(DoctorTest, FindsNothingWrongWhereNothingIs) {
     for (const auto& check : examine()) {
-        const bool isOfThisMachine =
-            check.check == "ptrace" || check.check == "br_netfilter" || check.check == "kernel";
+        const bool isOfThisMachine = check.check == "nf_tables" || check.check == "conntrack" ||
+                                     check.check == "br_netfilter";
         EXPECT_TRUE(check.state == "ok" || isOfThisMachine) << check.check << ": " << check.says;
         EXPECT_EQ(check.advice.empty(), check.state != "problem") << check.check;
     }
@@ -250,6 +251,15 @@ TEST_F(DoctorTest, ComparesWhatIsStoredWrittenAndInForce) {
         AllOf(HasSubstr("problem: What is stored in \""), HasSubstr("\" can't be read. ")));
 }
 
+TEST_F(DoctorTest, SaysWhatPfctlComplainsOf) {
+    pfctl.answer(listAnchor, "echo 'pfctl: this kernel has no nf_tables' >&2; exit 1");
+
+    EXPECT_THAT(
+        found("rules"),
+        HasSubstr(
+            "problem: What is in force can't be listed: pfctl: this kernel has no nf_tables"));
+}
+
 TEST_F(DoctorTest, NoticesNetworksThatCantBeEnforcedAnyMore) {
     enforce("192.168.64.0/24");
     hosts = {{.interface = "en0", .bytes = {192, 168, 64, 7}, .prefixLength = 24}};
@@ -293,12 +303,17 @@ TEST_F(DoctorTest, NoticesWhatIsInTheWay) {
     EXPECT_THAT(found("resolver"), HasSubstr("problem: /etc/resolver/tvx is not the helper's"));
 }
 
+TEST_F(DoctorTest, TakesNoScopeOfPtraceForAProblem) {
+    EXPECT_THAT(found("ptrace", false), testing::StartsWith("ok: "));
+}
+
 TEST_F(DoctorTest, NoticesWhatEarlierVersionsLeft) {
     EXPECT_THAT(found("leftovers"), HasSubstr("ok: "));
 
     test::put("/etc/pf.conf", "anchor \"com.tarnvale.firewall\"\n");
     fs::create_directories("/usr/local/bin");
-    fs::create_symlink("/nowhere", "/usr/local/bin/tx");
+    fs::create_symlink("/Applications/Tarnvale.app/Contents/Helpers/tx", "/usr/local/bin/tx");
+    fs::create_symlink("/opt/other/tool", "/usr/local/bin/txr");
 
     EXPECT_THAT(
         found("leftovers"),

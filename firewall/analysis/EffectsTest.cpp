@@ -117,6 +117,21 @@ TEST(EffectsTest, KeepsOneOfTwoRulesThatMakeEachOtherNeedless) {
         ElementsAre(redundant(2, {4})));
 }
 
+TEST(EffectsTest, NamesWhatStaysOfALongChain) {
+    constexpr std::size_t count = 5000;
+    std::vector<FirewallRule> rules;
+    for (std::size_t last = 1; last <= count; ++last) {
+        rules.push_back(deny(Proto::tcp, "any", "1-" + std::to_string(last)));
+    }
+
+    const auto idle = idleRules(network(rules));
+
+    ASSERT_EQ(idle.size(), count - 1);
+    for (std::size_t i = 0; i < idle.size(); ++i) {
+        ASSERT_EQ(idle[i], redundant(i + 1, {1 + count}));
+    }
+}
+
 TEST(EffectsTest, KnowsThatAnyWithPortsIsTcpAndUdpOnly) {
     EXPECT_THAT(
         idleRules(network({deny(Proto::any, "any", "1-65535"), deny(Proto::icmp, "any")})),
@@ -190,6 +205,13 @@ public:
             gone[rule.number] = true;
             EXPECT_EQ(rule.reason == Reason::shadowed, !everDecides(rule.number));
             checkLines(rule);
+        }
+        for (const IdleRule& rule : idle) {
+            EXPECT_TRUE(
+                rule.reason == Reason::shadowed ||
+                std::ranges::none_of(rule.lines, [&](std::size_t place) {
+                    return gone[network_.lines[place].ruleNumber];
+                }));
         }
         EXPECT_TRUE(isTheSameWithout(gone)) << "the idle rules, together, change something";
         for (std::size_t rule = 1; rule < ruleCount_; ++rule) {

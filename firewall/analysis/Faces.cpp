@@ -10,22 +10,9 @@ namespace tarnvale::FirewallAnalysis {
 namespace {
 
 /// Wider prefixes come before the narrower ones in them.
-bool precedes(const AddressRange& a, const AddressRange& b) {
+constexpr auto precedes = [](const AddressRange& a, const AddressRange& b) {
     return a.first != b.first ? a.first < b.first : a.last > b.last;
-}
-
-/// Makes a stretch begin at the port. Returns its place.
-std::size_t cut(std::vector<Stretch>& stretches, std::uint16_t port) {
-    const auto after = std::ranges::upper_bound(stretches, port, {}, &Stretch::firstPort);
-    const auto place = static_cast<std::size_t>(after - stretches.begin());
-    Stretch second = stretches[place - 1];
-    if (second.firstPort == port) {
-        return place - 1;
-    }
-    second.firstPort = port;
-    stretches.insert(after, second);
-    return place;
-}
+};
 
 void add(std::vector<Stretch>& stretches, const PortRange& ports, std::uint32_t line) {
     std::size_t place = cut(stretches, ports.first);
@@ -33,13 +20,7 @@ void add(std::vector<Stretch>& stretches, const PortRange& ports, std::uint32_t 
                                 ? stretches.size()
                                 : cut(stretches, static_cast<std::uint16_t>(ports.last + 1));
     for (; place < end; ++place) {
-        Stretch& stretch = stretches[place];
-        if (line < stretch.line) {
-            stretch.next = stretch.line;
-            stretch.line = line;
-        } else if (line < stretch.next) {
-            stretch.next = line;
-        }
+        stretches[place].line = std::min(stretches[place].line, line);
     }
 }
 
@@ -69,7 +50,8 @@ std::vector<Face> facesOf(std::vector<AddressRange> prefixes) {
             uncovered[open.back()] -= size;
         }
         uncovered[faces.size()] = size;
-        faces.push_back({.prefix = prefix, .depth = open.size()});
+        faces.push_back(
+            {.prefix = prefix, .depth = open.size(), .around = open.empty() ? 0 : open.back()});
         open.push_back(faces.size() - 1);
     }
     while (!open.empty()) {
@@ -78,28 +60,52 @@ std::vector<Face> facesOf(std::vector<AddressRange> prefixes) {
     return faces;
 }
 
+std::size_t faceOf(std::span<const Face> faces, const AddressRange& prefix) {
+    const auto face = std::ranges::lower_bound(faces, prefix, precedes, &Face::prefix);
+    return static_cast<std::size_t>(face - faces.begin());
+}
+
 std::uint16_t lastPort(std::span<const Stretch> stretches, std::size_t place) {
     return place + 1 == stretches.size()
                ? PortRange{}.last
                : static_cast<std::uint16_t>(stretches[place + 1].firstPort - 1);
 }
 
-FaceWalk::FaceWalk(std::span<const Face> faces, std::span<const Line> lines)
-    : faces_(faces), lines_(lines), firstOwn_(faces.size() + 1), own_(lines.size()) {
-    std::vector<std::size_t> homes;
-    homes.reserve(lines.size());
+std::size_t placeOf(std::span<const Stretch> stretches, std::uint16_t port) {
+    const auto after = std::ranges::upper_bound(stretches, port, {}, &Stretch::firstPort);
+    return static_cast<std::size_t>(after - stretches.begin()) - 1;
+}
+
+std::size_t cut(std::vector<Stretch>& stretches, std::uint16_t port) {
+    const std::size_t place = placeOf(stretches, port);
+    if (stretches[place].firstPort == port) {
+        return place;
+    }
+    stretches.insert(
+        stretches.begin() + static_cast<std::ptrdiff_t>(place) + 1,
+        {.firstPort = port, .line = stretches[place].line});
+    return place + 1;
+}
+
+FaceWalk::FaceWalk(std::span<const Face> faces, std::span<const Line> lines, Kinds kinds)
+    : faces_(faces), lines_(lines), kinds_(kinds), firstOwn_(faces.size() + 1), own_(lines.size()) {
+    homes_.reserve(lines.size());
     for (const Line& line : lines) {
-        const auto home = std::ranges::lower_bound(faces, line.remote, precedes, &Face::prefix);
-        homes.push_back(static_cast<std::size_t>(home - faces.begin()));
-        ++firstOwn_[homes.back() + 1];
+        homes_.push_back(static_cast<std::uint32_t>(faceOf(faces, line.remote)));
+        ++firstOwn_[homes_.back() + 1];
     }
     for (std::size_t i = 1; i < firstOwn_.size(); ++i) {
         firstOwn_[i] += firstOwn_[i - 1];
     }
     std::vector<std::uint32_t> places(firstOwn_.begin(), firstOwn_.end() - 1);
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        own_[places[homes[i]]++] = static_cast<std::uint32_t>(i);
+        own_[places[homes_[i]]++] = static_cast<std::uint32_t>(i);
     }
+    std::size_t deepest = 0;
+    for (const Face& face : faces) {
+        deepest = std::max(deepest, face.depth);
+    }
+    levels_.resize(deepest + 2);
     for (Level& level : levels_[0]) {
         level.stretches.assign(1, Stretch{});
     }
@@ -113,25 +119,32 @@ void FaceWalk::enter() {
     for (std::uint32_t i = firstOwn_[face]; i < firstOwn_[face + 1]; ++i) {
         const Line& line = lines_[own_[i]];
         for (const Kind kind : allKinds) {
-            if (!line.kinds.contains(kind)) {
+            if (!line.kinds.contains(kind) || !kinds_.contains(kind)) {
                 continue;
             }
             const auto place = static_cast<std::size_t>(kind);
             Level& level = levels_.at(depth_).at(place);
             if (inForce.at(place) != depth_) {
-                level.stretches = levels_.at(inForce.at(place)).at(place).stretches;
+                const Level& around = levels_.at(inForce.at(place)).at(place);
+                const std::size_t moreBorders = 2 * (std::size_t{firstOwn_[face + 1]} - i);
+                level.stretches.reserve(around.stretches.size() + moreBorders);
+                level.stretches = around.stretches;
+                level.touched = around.isTaken ? line.ports : PortRange{};
                 level.isTaken = false;
                 inForce.at(place) = static_cast<std::uint8_t>(depth_);
             }
+            level.touched.first = std::min(level.touched.first, line.ports.first);
+            level.touched.last = std::max(level.touched.last, line.ports.last);
             add(level.stretches, line.ports, own_[i]);
         }
     }
 }
 
-const std::vector<Stretch>* FaceWalk::takeNew(Kind kind) {
-    const auto place = static_cast<std::size_t>(kind);
-    Level& level = levels_.at(inForce_.at(depth_).at(place)).at(place);
-    return std::exchange(level.isTaken, true) ? nullptr : &level.stretches;
+std::span<const Stretch> FaceWalk::take(Level& level) {
+    level.isTaken = true;
+    const std::span<const Stretch> all = level.stretches;
+    const std::size_t first = placeOf(all, level.touched.first);
+    return all.subspan(first, placeOf(all, level.touched.last) + 1 - first);
 }
 
 }  // namespace tarnvale::FirewallAnalysis

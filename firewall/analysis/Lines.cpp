@@ -22,19 +22,25 @@ Direction directionOf(FirewallRule::Direction direction) {
     return direction == FirewallRule::Direction::inbound ? Direction::out : Direction::in;
 }
 
-/// The kinds of each line that a rule gives.
-std::vector<Kinds> kindsOf(FirewallRule::Proto proto, bool hasPorts) {
+/// The kinds of the lines that a rule gives: of one line, or of two behind one another.
+struct RuleKinds {
+    Kinds first;
+    Kinds second;
+};
+
+RuleKinds kindsOf(FirewallRule::Proto proto, bool hasPorts) {
     switch (proto) {
         case FirewallRule::Proto::tcp:
-            return {{Kind::tcp}};
+            return {.first = {Kind::tcp}, .second = {}};
         case FirewallRule::Proto::udp:
-            return {anyUdp};
+            return {.first = anyUdp, .second = {}};
         case FirewallRule::Proto::icmp:
-            return {{Kind::icmp}};
+            return {.first = {Kind::icmp}, .second = {}};
         case FirewallRule::Proto::any:
             break;
     }
-    return hasPorts ? std::vector<Kinds>{{Kind::tcp}, anyUdp} : std::vector<Kinds>{everyKind};
+    return hasPorts ? RuleKinds{.first = {Kind::tcp}, .second = anyUdp}
+                    : RuleKinds{.first = everyKind, .second = {}};
 }
 
 void addDhcp(std::vector<Line>& lines) {
@@ -77,18 +83,20 @@ void addRule(std::vector<Line>& lines, const FirewallRule& rule, std::size_t num
         return;
     }
     const bool hasPorts = ports->first != 0;
-    for (const Kinds kinds : kindsOf(rule.proto, hasPorts)) {
-        lines.push_back(
-            {.direction = directionOf(rule.direction),
-             .passes = rule.action == FirewallRule::Action::allow,
-             .kinds = kinds,
-             .remote = remote->network ? rangeOf(*remote->network) : AddressRange{},
-             .ports =
-                 hasPorts
-                     ? PortRange{.first = ports->first, .last = ports->last.value_or(ports->first)}
-                     : PortRange{},
-             .origin = Origin::rule,
-             .ruleNumber = number});
+    const RuleKinds kinds = kindsOf(rule.proto, hasPorts);
+    lines.push_back(
+        {.direction = directionOf(rule.direction),
+         .passes = rule.action == FirewallRule::Action::allow,
+         .kinds = kinds.first,
+         .remote = remote->network ? rangeOf(*remote->network) : AddressRange{},
+         .ports = hasPorts
+                      ? PortRange{.first = ports->first, .last = ports->last.value_or(ports->first)}
+                      : PortRange{},
+         .origin = Origin::rule,
+         .ruleNumber = number});
+    if (!kinds.second.isEmpty()) {
+        lines.push_back(lines.back());
+        lines.back().kinds = kinds.second;
     }
 }
 

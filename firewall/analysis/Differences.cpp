@@ -305,12 +305,9 @@ std::vector<GovernedPart> governedParts(const Ruleset& before, const Ruleset& no
     const auto governors = [&](const Ruleset& ruleset) {
         std::vector<std::optional<std::size_t>> result(faces.size());
         for (std::size_t network = 0; network < ruleset.networks.size(); ++network) {
-            const AddressRange& subnet = ruleset.networks[network].subnet;
-            const auto at = std::ranges::find(faces, subnet, &Face::prefix);
-            for (auto face = at; face < faces.begin() + static_cast<std::ptrdiff_t>(at->end);
-                 ++face) {
-                auto& governor = result[static_cast<std::size_t>(face - faces.begin())];
-                governor = governor ? governor : std::optional(network);
+            const std::size_t first = faceOf(faces, ruleset.networks[network].subnet);
+            for (std::size_t face = first; face < faces[first].end; ++face) {
+                result[face] = result[face] ? result[face] : std::optional(network);
             }
         }
         return result;

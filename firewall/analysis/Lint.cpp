@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "firewall/analysis/Effects.h"
+#include "firewall/analysis/Faces.h"
 #include "firewall/analysis/Words.h"
 #include "firewall/policy/Problems.h"
 #include "support/Text.h"
@@ -43,11 +44,60 @@ std::string textOf(const NetworkFirewall::CIDR& cidr) {
     return text;
 }
 
+/// Which networks of a ruleset share addresses. No two have the same subnet.
+class Overlaps {
+public:
+    explicit Overlaps(const Ruleset& ruleset) {
+        std::vector<AddressRange> subnets;
+        subnets.reserve(ruleset.networks.size() + 1);
+        for (const NetworkLines& network : ruleset.networks) {
+            subnets.push_back(network.subnet);
+        }
+        faces_ = facesOf(std::move(subnets));
+        networks_.resize(faces_.size());
+        for (std::size_t network = 0; network < ruleset.networks.size(); ++network) {
+            homes_.push_back(faceOf(faces_, ruleset.networks[network].subnet));
+            networks_[homes_.back()] = network;
+        }
+    }
+
+    /// The others with addresses of this one, in order.
+    std::vector<std::size_t> of(std::size_t network) const {
+        std::vector<std::size_t> others;
+        const std::size_t home = homes_[network];
+        for (std::size_t face = home; face != 0;) {
+            face = faces_[face].around;
+            append(others, face);
+        }
+        for (std::size_t face = home + 1; face < faces_[home].end; ++face) {
+            append(others, face);
+        }
+        std::ranges::sort(others);
+        return others;
+    }
+
+private:
+    void append(std::vector<std::size_t>& networks, std::size_t face) const {
+        if (networks_[face]) {
+            networks.push_back(*networks_[face]);
+        }
+    }
+
+    std::vector<Face> faces_;
+    std::vector<std::optional<std::size_t>> networks_;  ///< by face
+    std::vector<std::size_t> homes_;                    ///< by network
+};
+
 /// Looks at one network.
 class Linter {
 public:
-    Linter(const EnforcedList& list, std::size_t place, std::vector<Finding>& findings)
+    Linter(
+        const EnforcedList& list,
+        const Overlaps& overlaps,
+        std::size_t place,
+        std::vector<Finding>& findings)
         : list_(list),
+          overlaps_(overlaps),
           place_(place),
           network_(list.networks[place]),
           policy_(network_.policy),
@@ -121,15 +171,13 @@ private:
 
     /// Networks of different sizes may overlap; the first one of the anchor decides.
     void lookAtOverlaps(std::size_t placeInRuleset) {
-        const auto& networks = list_.ruleset.networks;
-        for (std::size_t i = 0; i < networks.size(); ++i) {
-            const AddressRange& other = networks[i].subnet;
-            const bool overlaps = i != placeInRuleset && (other.contains(lines_->subnet) ||
-                                                          lines_->subnet.contains(other));
-            overlaps_ = overlaps_ || overlaps;
-            if (!overlaps || i > placeInRuleset) {
-                continue;
+        const std::vector<std::size_t> others = overlaps_.of(placeInRuleset);
+        isOverlapped_ = !others.empty();
+        for (const std::size_t i : others) {
+            if (i > placeInRuleset) {
+                break;
             }
+            const AddressRange& other = list_.ruleset.networks[i].subnet;
             const std::string name = nameOf(list_.places[i]);
             if (other.contains(lines_->subnet)) {
                 add("covered",
@@ -239,7 +287,7 @@ private:
     /// Whether the rule is about anybody but machines of its own network, whose packets to each
     /// other never reach pf.
     void lookAtOwnSubnet(const FirewallRule& rule, std::size_t number, const AddressRange& range) {
-        if (!policy_.gatewayIPv4 || overlaps_) {
+        if (!policy_.gatewayIPv4 || isOverlapped_) {
             return;  // who the host is there isn't known, or the bridge isn't the only way
         }
         std::optional<Address> host;
@@ -377,12 +425,13 @@ private:
     }
 
     const EnforcedList& list_;
+    const Overlaps& overlaps_;
     std::size_t place_;
     const ReviewedNetwork& network_;
     const FirewallNetworkPolicy& policy_;
     std::vector<Finding>& findings_;
     const NetworkLines* lines_ = nullptr;
-    bool overlaps_ = false;
+    bool isOverlapped_ = false;
     std::vector<std::size_t> idle_;  ///< the numbers of the idle rules, in order
 };
 
@@ -407,12 +456,14 @@ const char* rawValue(Severity severity) {
 
 std::vector<Finding> lint(const EnforcedList& list) {
     std::vector<Finding> findings;
+    const Overlaps overlaps(list.ruleset);
     std::size_t placeInRuleset = 0;
     bool isIPv6Noted = false;
     for (std::size_t place = 0; place < list.networks.size(); ++place) {
         std::vector<Finding> found;
         const bool isEnforced = list.networks[place].standing == Standing::enforced;
-        Linter(list, place, found).look(isEnforced ? std::optional(placeInRuleset) : std::nullopt);
+        Linter(list, overlaps, place, found)
+            .look(isEnforced ? std::optional(placeInRuleset) : std::nullopt);
         if (isEnforced && !isIPv6Noted && blocksAnything(list.ruleset.networks[placeInRuleset])) {
             isIPv6Noted = true;
             found.insert(

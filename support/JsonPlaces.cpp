@@ -38,13 +38,18 @@ JsonPlace endOf(std::string_view text) {
 std::vector<std::optional<JsonPlace>> findJson(
     std::string_view json, std::span<const std::string> paths) {
     std::unordered_multimap<std::string_view, std::size_t> wanted;
+    std::size_t longest = 0;
     for (std::size_t i = 0; i < paths.size(); ++i) {
         wanted.emplace(paths[i], i);
+        longest = std::max(longest, paths[i].size());
     }
     std::vector<std::optional<JsonPlace>> places(paths.size());
     for (JsonWalk walk(json); !wanted.empty() && walk.next();) {
-        const auto path = walk.path();
-        const auto [first, last] = wanted.equal_range(path);
+        const auto path = walk.pathUpTo(longest);
+        if (!path) {
+            continue;
+        }
+        const auto [first, last] = wanted.equal_range(*path);
         std::for_each(first, last, [&](const auto& found) { places[found.second] = walk.place(); });
         wanted.erase(first, last);
     }
@@ -129,6 +134,11 @@ JsonPlace JsonWalk::place() {
 }
 
 std::string JsonWalk::path() const {
+    return pathUpTo(std::string::npos).value();
+}
+
+std::optional<std::string> JsonWalk::pathUpTo(std::size_t maxLength) const {
+    constexpr std::size_t maxEscapes = 6;  // bytes that stand for one
     std::string path;
     for (const Level& level : levels_) {
         if (!level.isObject) {
@@ -136,10 +146,16 @@ std::string JsonWalk::path() const {
             continue;
         }
         path.append(path.empty() ? "" : ".");
+        if (level.key.size() / maxEscapes > maxLength) {
+            return std::nullopt;
+        }
         if (level.key.find('\\') == std::string_view::npos) {
             path.append(level.key.substr(1, level.key.size() - 2));
         } else {
             path.append(decodeJson<std::string>(level.key));
+        }
+        if (path.size() > maxLength) {
+            return std::nullopt;
         }
     }
     return path;

@@ -45,6 +45,9 @@ public:
     /// The path to the current value, such as "[0].policy.rules[2]"; empty for the whole text.
     std::string path() const;
 
+    /// The same, nothing for one of more bytes. Looks at no more of the keys than it has to.
+    std::optional<std::string> pathUpTo(std::size_t maxLength) const;
+
 private:
     struct Level {
         bool isObject;

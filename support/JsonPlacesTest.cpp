@@ -78,6 +78,17 @@ TEST(JsonPlacesTest, FindsValuesByTheirPaths) {
             JsonPlace{.line = 4, .column = 3}));
 }
 
+TEST(JsonPlacesTest, MakesNoPathThatIsLongerThanAsked) {
+    const std::string json = "{\"" + std::string(100, 'k') + "\": [1], \"\\u006b\": 2}";
+    JsonWalk walk(json);
+    std::vector<std::optional<std::string>> paths;
+    while (walk.next()) {
+        paths.push_back(walk.pathUpTo(1));
+    }
+
+    EXPECT_THAT(paths, ElementsAre("", std::nullopt, std::nullopt, "k"));
+}
+
 TEST(JsonPlacesTest, FindsTheFirstOfEqualKeys) {
     EXPECT_THAT(
         findJson(R"({"a":1,"a":2})", std::vector<std::string>{"a"}),

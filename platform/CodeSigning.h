@@ -67,6 +67,10 @@ public:
     /// Whether somebody whom the system trusts has signed this very code, and it meets the
     /// requirement. False when the text isn't a requirement.
     virtual bool isValid(std::string_view requirement) = 0;
+
+    /// Why the system trusts none of the signature's certificates, in its own words, such as
+    /// "certificate has expired". Nothing if it trusts them or doesn't say why not.
+    virtual std::optional<std::string> chainProblem() { return std::nullopt; }
 };
 
 /// The system's code signatures. Safe from any thread.

@@ -92,7 +92,12 @@ private:
             return true;
         } catch (const HelperClientError& error) {
             if (error.errorCase() == HelperClientError::Case::notAdmitted) {
-                explainRefusal(error.what());
+                try {
+                    explainRefusal(error.what());
+                } catch (const std::exception& obstacle) {
+                    problem(
+                        "helper", std::string(error.what()) + " " + obstacle.what(), howToSign());
+                }
             } else {
                 problem("helper", error.what(), howToStart());
             }
@@ -121,11 +126,17 @@ private:
         const auto information = code ? code->signingInformation() : std::nullopt;
         if (!information) {
             problem("helper", "It doesn't admit this program, which is not signed.", howToSign());
+        } else if (const auto why = code->chainProblem()) {
+            problem(
+                "helper",
+                "It doesn't admit this program, because the system doesn't trust its signer: " +
+                    *why + ".",
+                howToSign());
         } else if (!code->isValid("anchor apple generic")) {
             problem(
                 "helper",
-                "It doesn't admit this program: its signature has expired, isn't of this very "
-                "program, or leads to no root that this system trusts.",
+                "It doesn't admit this program: its signature isn't of this very program, has "
+                "expired, or leads to no root that this system trusts.",
                 howToSign());
         } else {
             problem(
@@ -343,6 +354,13 @@ private:
                     "links",
                     std::string(path) + " leads nowhere.",
                     "sudo tarnvale-helperctl link install, or link remove.");
+            } else if (const auto target = std::filesystem::read_symlink(path, error);
+                       target.filename() != "tarnvale" && target.filename() != "tx") {
+                isFine = false;
+                problem(
+                    "links",
+                    std::string(path) + " leads to something else: " + target.string() + ".",
+                    "If it is in the way, move it and run: sudo tarnvale-helperctl link install.");
             }
         }
         if (isFine) {

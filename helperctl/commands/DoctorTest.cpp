@@ -48,22 +48,26 @@ private:
 struct FakeCode final : platform::Code {
     std::optional<platform::SigningInformation> information;
     bool valid = false;
+    std::optional<std::string> problem;
 
     std::optional<platform::SigningInformation> signingInformation() override {
         return information;
     }
     bool isValid(std::string_view /*requirement*/) override { return valid; }
+    std::optional<std::string> chainProblem() override { return problem; }
 };
 
 struct FakeSigning final : platform::CodeSigning {
     std::optional<platform::SigningInformation> information;
     bool valid = false;
     std::optional<std::string> problem;
+    std::optional<std::string> chainProblem;
 
     std::unique_ptr<platform::Code> self() override {
         auto code = std::make_unique<FakeCode>();
         code->information = information;
         code->valid = valid;
+        code->problem = chainProblem;
         return code;
     }
     std::unique_ptr<platform::Code> guest(const platform::Peer& /*peer*/) override {
@@ -178,7 +182,13 @@ TEST_F(DoctorTest, SaysWhyItIsNotAdmitted) {
 
     signing.information = {.teamIdentifier = "TEAM", .identifier = "an.identifier"};
     EXPECT_THAT(
-        found("helper"), HasSubstr("its signature has expired, isn't of this very program"));
+        found("helper"), HasSubstr("its signature isn't of this very program, has expired"));
+
+    signing.chainProblem = "certificate has expired";
+    EXPECT_THAT(
+        found("helper"),
+        HasSubstr("because the system doesn't trust its signer: certificate has expired. "));
+    signing.chainProblem.reset();
 
     signing.valid = true;
     EXPECT_THAT(
@@ -290,6 +300,11 @@ TEST_F(DoctorTest, NoticesWhatIsInTheWay) {
     fs::create_directories("/usr/local/bin");
     fs::create_symlink("/nowhere", "/usr/local/bin/tarnvale");
     EXPECT_THAT(found("links"), HasSubstr("problem: /usr/local/bin/tarnvale leads nowhere."));
+    fs::remove("/usr/local/bin/tarnvale");
+    fs::create_symlink("/bin/sh", "/usr/local/bin/tarnvale");
+    EXPECT_THAT(
+        found("links"),
+        HasSubstr("problem: /usr/local/bin/tarnvale leads to something else: /bin/sh. "));
     fs::remove("/usr/local/bin/tarnvale");
     test::put("/usr/local/bin/tarnvale", "#!/bin/sh\n");
     EXPECT_THAT(found("links"), HasSubstr("problem: /usr/local/bin/tarnvale is not a link"));

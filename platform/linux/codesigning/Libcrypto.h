@@ -60,6 +60,7 @@ namespace tarnvale::platform {
     SYMBOL(X509_STORE_CTX_free)              \
     SYMBOL(X509_STORE_CTX_get0_chain)        \
     SYMBOL(X509_STORE_CTX_get0_param)        \
+    SYMBOL(X509_STORE_CTX_get_error)         \
     SYMBOL(X509_STORE_CTX_init)              \
     SYMBOL(X509_STORE_CTX_new)               \
     SYMBOL(X509_STORE_add_cert)              \
@@ -76,6 +77,7 @@ namespace tarnvale::platform {
     SYMBOL(X509_get_key_usage)               \
     SYMBOL(X509_get_subject_name)            \
     SYMBOL(X509_verify_cert)                 \
+    SYMBOL(X509_verify_cert_error_string)    \
     SYMBOL(d2i_CMS_ContentInfo)
 
 /// The address of each under its own name, with the type that OpenSSL's headers give it.

@@ -100,6 +100,12 @@ public:
         }
     }
 
+    std::optional<std::string> chainProblem() override {
+        const auto roots = readRoots();
+        return roots && open() ? platform::chainProblem(trailer_->message, roots->pem)
+                               : std::nullopt;
+    }
+
 private:
     /// Where something can't be found out, a peer fails its check. That says nothing about this
     /// program itself: descriptors may have run out, or the roots may come later.

@@ -309,6 +309,22 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
     return trusted;
 }
 
+std::optional<std::string> chainProblem(std::string_view message, const std::string& rootsPem) {
+    const Libcrypto& library = Libcrypto::get();
+    const ErrorQueue errors(library);
+
+    const auto decoded = decode(library, message);
+    const Store store = storeOf(library, rootsPem);
+    const StoreContext context(library.X509_STORE_CTX_new());
+    if (!decoded || !store || !context ||
+        chainVerifies(library, context.get(), store.get(), *decoded)) {
+        return std::nullopt;
+    }
+    const int error = library.X509_STORE_CTX_get_error(context.get());
+    return error == X509_V_OK ? "certificate isn't for code signing"
+                              : library.X509_verify_cert_error_string(error);
+}
+
 std::optional<std::string> sha256(int file, off_t size, const Pace& pace) {
     const Libcrypto& library = Libcrypto::get();
     const ErrorQueue errors(library);

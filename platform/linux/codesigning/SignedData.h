@@ -46,6 +46,11 @@ struct Trusted {
 /// Throws `SharedLibraryError` without libcrypto.
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem);
 
+/// Why the chain isn't one that `verify` takes, in OpenSSL's words, such as "certificate has
+/// expired". Nothing if it is, or if there is no chain. Throws `SharedLibraryError` without
+/// libcrypto.
+std::optional<std::string> chainProblem(std::string_view message, const std::string& rootsPem);
+
 /// Does a small piece of work, when its turn has come.
 using Pace = std::function<void(const std::function<void()>& work)>;
 

@@ -222,6 +222,26 @@ TEST_F(SignedDataTest, TrustsNoExpiredIntermediate) {
         roots));
 }
 
+TEST_F(SignedDataTest, SaysWhyItTrustsNoChain) {
+    EXPECT_EQ(chainProblem(message, roots), std::nullopt);
+    EXPECT_EQ(chainProblem("no message", roots), std::nullopt);
+    EXPECT_EQ(
+        chainProblem(message, Chain::development().root.certificatePem()),
+        "unable to get local issuer certificate");
+
+    auto leaf = test::codeSigningLeaf();
+    leaf.validFrom = -7200;
+    leaf.validUntil = -10;
+    EXPECT_EQ(
+        chainProblem(messageBy(Identity(leaf, &chain.intermediate)), roots),
+        "certificate has expired");
+    leaf = test::codeSigningLeaf();
+    leaf.extendedKeyUsage = std::nullopt;
+    EXPECT_EQ(
+        chainProblem(messageBy(Identity(leaf, &chain.intermediate)), roots),
+        "certificate isn't for code signing");
+}
+
 TEST_F(SignedDataTest, TrustsNoCertificateIssuedByALeaf) {
     const Identity below(test::codeSigningLeaf(), &chain.leaf);
 

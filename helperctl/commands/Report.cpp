@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <optional>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -18,6 +19,7 @@
 #include "core/base/HelperVersion.h"
 #include "helperctl/Answer.h"
 #include "helperctl/LogEntries.h"
+#include "helperctl/StatusPage.h"
 #include "helperctl/StoredNetworks.h"
 #include "helperctl/commands/Doctor.h"
 #include "platform/CodeSigning.h"
@@ -103,6 +105,19 @@ std::string replyOf(const Connect& connect, const Ask& ask) {
     }
 }
 
+/// What `status` prints of these networks.
+std::string statusText(
+    platform::HelperClient& helper,
+    const std::string& ruleset,
+    const std::optional<NetworkFirewall::PolicyStore>& store) {
+    const auto report = helper.firewallReport().result.value_or("");
+    std::ostringstream text;
+    if (const auto firewall = firewallStatus(report, ruleset, store)) {
+        printText(*firewall, text);
+    }
+    return text.str() + "\n" + report;
+}
+
 std::vector<ArchiveFile> gather(const Session& session, bool redact) {
     std::vector<ArchiveFile> files;
     const auto codeSigning = platform::makeCodeSigning();
@@ -117,16 +132,18 @@ std::vector<ArchiveFile> gather(const Session& session, bool redact) {
         std::erase_if(checks, [](const Check& check) { return check.check == "networks"; });
     }
     files.push_back({"doctor.txt", doctorText(checks)});
-    files.push_back({"report.txt", replyOf(session.connect, [](platform::HelperClient& helper) {
-                         return helper.firewallReport().result.value_or("");
+    const auto loaded = loadedRulesetText();
+    const auto ruleset = redact ? rulesetWithoutNames(loaded) : loaded;
+    auto store = readStore();
+    if (store && redact) {
+        store = withoutNames(*std::move(store));
+    }
+    files.push_back({"status.txt", replyOf(session.connect, [&](platform::HelperClient& helper) {
+                         return statusText(helper, ruleset, store);
                      })});
-    const auto ruleset = loadedRulesetText();
-    files.push_back({"firewall.pf.conf", redact ? rulesetWithoutNames(ruleset) : ruleset});
-    if (auto store = readStore()) {
-        files.push_back(
-            {"firewall-policies.json",
-             NetworkFirewall::encodeStore(
-                 redact ? withoutNames(*std::move(store)) : *std::move(store))});
+    files.push_back({"firewall.pf.conf", ruleset});
+    if (store) {
+        files.push_back({"firewall-policies.json", NetworkFirewall::encodeStore(*store)});
     }
     if (!redact) {
         files.push_back({"tarnvale-adminhelper.log", support::readFile(logPath).value_or("")});

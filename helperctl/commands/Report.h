@@ -30,7 +30,7 @@ int report(const Session& session);
 inline constexpr std::string_view reportHelp =
     R"(Writes a tar archive for support into a new file, which only its owner may read,
 and prints what is in it: this program's version and the helper's, what "doctor"
-finds, the helper's report, the ruleset that was loaded last, what is stored,
+finds, what "status" prints, the ruleset that was loaded last, what is stored,
 and the log. It holds addresses and user IDs; look at it before you send it.
 
   --redact   without the networks' names: they are replaced in what is stored

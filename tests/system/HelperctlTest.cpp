@@ -428,13 +428,14 @@ TEST_F(HelperctlTest, WritesAReport) {
         ctl({"report", "/tmp/report.tar"}),
         Prints(
             0,
-            "version.txt\ndoctor.txt\nreport.txt\nfirewall.pf.conf\nfirewall-policies.json\n"
+            "version.txt\ndoctor.txt\nstatus.txt\nfirewall.pf.conf\nfirewall-policies.json\n"
             "tarnvale-adminhelper.log\n"));
     const auto all = run({"/bin/tar", "-xOf", "/tmp/report.tar"});
     EXPECT_EQ(all.status, 0) << all.error;
     for (const auto& part :
          {"tarnvale-helperctl " + helperVersion() + "\nhelper " + helperVersion() + "\n",
           std::string("\nok\tpf: It is on.\n"),
+          std::string("\nLab, 192.168.64.0/24, of root (uid 0)\n"),
           std::string("== pf status ==\n"),
           contentOf(rulesetPath),
           contentOf(storePath),

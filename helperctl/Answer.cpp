@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "support/JsonWriter.h"
+#include "support/Text.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -19,22 +20,22 @@ void printProblems(const Answer& answer, std::ostream& output) {
     if (answer.refused && !answer.refused->empty()) {
         printHeading("Not enforced", output);
         for (const auto& network : *answer.refused) {
-            output << "• " << network.name << ": " << network.problem << '\n';
+            output << "• " << printable(network.name) << ": " << printable(network.problem) << '\n';
         }
     }
     if (answer.skippedRules && !answer.skippedRules->empty()) {
         printHeading("Rules skipped", output);
         for (const auto& network : *answer.skippedRules) {
-            output << "• " << network.name << '\n';
+            output << "• " << printable(network.name) << '\n';
             for (const auto& rule : network.rules) {
-                output << "  rule " << rule.number << ": " << rule.problem << '\n';
+                output << "  rule " << rule.number << ": " << printable(rule.problem) << '\n';
             }
         }
     }
     if (answer.droppedClaims && !answer.droppedClaims->empty()) {
         printHeading("Left out", output);
         for (const auto& claim : *answer.droppedClaims) {
-            output << "• " << claim << '\n';
+            output << "• " << printable(claim) << '\n';
         }
     }
 }
@@ -62,7 +63,9 @@ void printText(const Answer& answer, std::ostream& output, std::ostream& errors)
         printText(*answer.explanation, output);
     }
     if (answer.error) {
-        errors << *answer.error << '\n';
+        for (const auto line : support::split(*answer.error, '\n')) {
+            errors << printable(line) << '\n';
+        }
     }
 }
 

@@ -28,7 +28,7 @@ using Standing = ReviewedNetwork::Standing;
 /// How many rules a sentence names.
 constexpr std::size_t maxNamed = 5;
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
     std::string quoted = "\"";
     support::appendOnOneLine(quoted, text);
     return quoted + "\"";
@@ -137,7 +137,7 @@ private:
     }
 
     std::string nameOf(std::size_t place) const {
-        return quoted(list_.networks[place].policy.name);
+        return inQuotes(list_.networks[place].policy.name);
     }
 
     void lookAtStanding() {
@@ -218,7 +218,7 @@ private:
                 policy_.dnsProxyEnabled ? Severity::warning : Severity::note,
                 0,
                 "gatewayIPv4",
-                "The gateway " + quoted(*network_.writtenGateway) +
+                "The gateway " + inQuotes(*network_.writtenGateway) +
                     " is dropped: it isn't the address of a host in " + text(lines_->subnet) + "." +
                     consequence);
         } else if (policy_.dnsProxyEnabled) {
@@ -262,7 +262,7 @@ private:
                 Severity::warning,
                 number,
                 "ports",
-                "icmp has no ports: " + quoted(rule.ports) + " is ignored.");
+                "icmp has no ports: " + inQuotes(rule.ports) + " is ignored.");
         }
     }
 

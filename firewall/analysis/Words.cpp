@@ -16,7 +16,7 @@ namespace {
 
 using NetworkFirewall::FirewallRule;
 
-std::string quoted(const std::string& text) {
+std::string inQuotes(const std::string& text) {
     std::string quoted = "\"";
     support::appendOnOneLine(quoted, text);
     return quoted + "\"";
@@ -26,7 +26,7 @@ std::string quoted(const std::string& text) {
 std::string portWords(const FirewallRule& rule) {
     const auto ports = NetworkFirewall::portsOf(rule);
     if (!ports) {
-        return quoted(rule.ports);
+        return inQuotes(rule.ports);
     }
     return ports->first == 0
                ? std::string()
@@ -55,7 +55,7 @@ std::string portWords(std::span<const PortRange> ports) {
 std::string remoteWords(const FirewallRule& rule) {
     const auto remote = NetworkFirewall::parseRemote(rule.remoteCIDR);
     if (!remote) {
-        return quoted(rule.remoteCIDR);
+        return inQuotes(rule.remoteCIDR);
     }
     std::string text;
     if (remote->network) {

@@ -309,8 +309,14 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
 }
 
 TEST(ArgumentsTest, HelpFitsATerminal) {
-    for (const auto line : support::split(helpText, '\n')) {
-        EXPECT_LE(line.size(), 80U) << line;
+    std::vector<std::string> pages{std::string(helpText)};
+    for (const auto& form : commandForms()) {
+        pages.push_back(helpFor(form));
+    }
+    for (const auto& page : pages) {
+        for (const auto line : support::split(page, '\n')) {
+            EXPECT_LE(columnsOf(line), pageWidth) << line;
+        }
     }
 }
 

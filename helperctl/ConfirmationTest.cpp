@@ -138,26 +138,10 @@ TEST(FileToPutBackTest, IsRefusedWhereAnApplyWouldNotBringBackEverything) {
         CantBePutBack("can't enforce all of it"));
 }
 
-/// Replies the same to everything.
-class ReplyingHelper final : public test::FakeHelper {
-public:
-    ReplyingHelper(ResultReply reply, std::vector<std::string>& calls)
-        : reply_(std::move(reply)), calls_(calls) {}
-
-private:
-    ResultReply asked(std::string call) override {
-        calls_.push_back(std::move(call));
-        return reply_;
-    }
-
-    ResultReply reply_;
-    std::vector<std::string>& calls_;
-};
-
 TEST(PutBackTest, AppliesWhatWasBefore) {
     std::vector<std::string> calls;
     const auto replying = [&](const ResultReply& reply) {
-        return [&calls, reply] { return std::make_unique<ReplyingHelper>(reply, calls); };
+        return [&calls, reply] { return std::make_unique<test::ReplyingHelper>(reply, calls); };
     };
 
     EXPECT_EQ(

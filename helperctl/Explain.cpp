@@ -176,8 +176,7 @@ void noteTheWay(std::vector<std::string>& notes, const Verdict& verdict) {
         case Way::throughHost:
             if (verdict.crossings.at(0).network && verdict.crossings.at(1).network) {
                 notes.emplace_back(
-                    "Between two networks a packet crosses pf twice: \"in\" at the first, \"out\" "
-                    "at "
+                    R"(Between two networks a packet crosses pf twice: "in" at the first, "out" at )"
                     "the second. Both have to pass it.");
             }
             break;

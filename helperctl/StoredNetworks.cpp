@@ -26,14 +26,18 @@ std::string pathOf(std::string_view name) {
 
 }  // namespace
 
+std::string storePath() {
+    return pathOf(NetworkFirewall::storeFileName);
+}
+
 std::optional<NetworkFirewall::PolicyStore> readStore() {
-    const auto data = support::readFile(pathOf(NetworkFirewall::storeFileName));
+    const auto data = support::readFile(storePath());
     return data ? NetworkFirewall::decodeStore(*data) : std::nullopt;
 }
 
 NetworkFirewall::PolicyStore requireStore() {
     auto store = readStore();
-    if (!store && ::access(pathOf(NetworkFirewall::storeFileName).c_str(), F_OK) == 0) {
+    if (!store && ::access(storePath().c_str(), F_OK) == 0) {
         throw std::runtime_error("What is stored can't be read.");
     }
     return std::move(store).value_or(NetworkFirewall::PolicyStore{});
@@ -44,7 +48,7 @@ std::string loadedRulesetText() {
 }
 
 void explainWhatIsMissing(Answer& answer, std::span<const NetworkFirewall::HostAddress> hosts) {
-    const auto path = pathOf(NetworkFirewall::storeFileName);
+    const auto path = storePath();
     const auto data = support::readFile(path);
     if (!data) {
         if (::access(path.c_str(), F_OK) == 0 && answer.report &&

@@ -23,6 +23,9 @@ std::optional<NetworkFirewall::PolicyStore> readStore();
 /// can't be read.
 NetworkFirewall::PolicyStore requireStore();
 
+/// Where the store is.
+std::string storePath();
+
 /// The text of the ruleset that was loaded last; empty if it can't be read.
 std::string loadedRulesetText();
 

@@ -22,22 +22,6 @@ using testing::IsEmpty;
 
 const char* const path = "/tmp/policy.json";
 
-/// A helper that says this to everything.
-class ReplyingHelper final : public test::FakeHelper {
-public:
-    ReplyingHelper(ResultReply reply, std::vector<std::string>& calls)
-        : reply_(std::move(reply)), calls_(calls) {}
-
-private:
-    ResultReply asked(std::string call) override {
-        calls_.push_back(std::move(call));
-        return reply_;
-    }
-
-    ResultReply reply_;
-    std::vector<std::string>& calls_;
-};
-
 class ApplyTest : public testing::Test {
 protected:
     ResultReply reply{.result = "the summary", .error = {}};
@@ -50,7 +34,7 @@ protected:
         arguments.file = path;
         arguments.strict = strict;
         return helperctl::apply(
-            arguments, [this] { return std::make_unique<ReplyingHelper>(reply, calls); });
+            arguments, [this] { return std::make_unique<test::ReplyingHelper>(reply, calls); });
     }
 
     /// Rule 2 can't be written.

@@ -12,7 +12,6 @@
 
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
-#include "support/Text.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/JsonSchema.h"
 #include "tests/support/PolicyText.h"
@@ -215,12 +214,6 @@ TEST(DiffTest, PrintsJsonOfItsSchema) {
         const auto json = printed("lab", other, Format::json);
 
         EXPECT_EQ(test::judgedBySchema("helperctl", json.output), "yes") << json.output;
-    }
-}
-
-TEST(DiffTest, ItsHelpFitsATerminal) {
-    for (const auto line : support::split(diffHelp, '\n')) {
-        EXPECT_LE(line.size(), 80U) << line;
     }
 }
 

@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/base/AppSupport.h"
 #include "core/base/HelperVersion.h"
 #include "firewall/analysis/Listing.h"
 #include "firewall/policy/AnchorText.h"
@@ -302,10 +301,6 @@ private:
         }
     }
 
-    static std::string storePath() {
-        return std::string(appSupportDirectory) + "/firewall-policies.json";
-    }
-
     void checkStore() { checkFile("store", storePath(), 0600); }
     void checkLog() { checkFile("log", logPath, 0644); }
 
@@ -489,8 +484,8 @@ private:
     /// It may keep bootpd, which gives machines their addresses, from being asked.
     void checkApplicationFirewall(const std::string& firewall) {
         constexpr const char* bootpd = "/usr/libexec/bootpd";
-        const auto answer = [&](std::vector<std::string> question) {
-            return platform::runCommand(firewall, std::move(question)).standardOutput;
+        const auto answer = [&](const std::vector<std::string>& question) {
+            return platform::runCommand(firewall, question).standardOutput;
         };
         const auto blocked = isBlocked(
             answer({"--getglobalstate"}),

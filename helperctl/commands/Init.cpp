@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "firewall/analysis/Lines.h"
 #include "firewall/policy/Addresses.h"
 #include "firewall/policy/Problems.h"
 #include "helperctl/Answer.h"
@@ -21,7 +22,7 @@ namespace {
 
 using NetworkFirewall::HostAddress;
 
-std::string quoted(const std::string& text) {
+std::string jsonText(const std::string& text) {
     return support::encodeJson(support::repairedUtf8(text), support::JsonForm::compact);
 }
 
@@ -31,17 +32,11 @@ std::string textOf(const support::Uuid& uuid) {
     return text;
 }
 
-/// The network of an IPv4 address.
-NetworkFirewall::CIDR networkOf(const HostAddress& host) {
+/// The network of an IPv4 address, such as "192.168.64.0/24".
+std::string networkOf(const HostAddress& host) {
     NetworkFirewall::CIDR network{.address = {}, .prefixLength = host.prefixLength};
-    for (std::size_t i = 0; i < network.address.size(); ++i) {
-        const int bits = std::clamp(host.prefixLength - static_cast<int>(8 * i), 0, 8);
-        network.address[i] = static_cast<std::uint8_t>(host.bytes[i] & (0xFF00U >> bits));
-    }
-    return network;
-}
-
-std::string textOf(const NetworkFirewall::CIDR& network) {
+    std::ranges::copy(host.bytes, network.address.begin());
+    network.address = FirewallAnalysis::addressBytes(FirewallAnalysis::rangeOf(network).first);
     std::string text;
     append(text, network);
     return text;
@@ -56,7 +51,7 @@ public:
         text_ += "  {\n    \"comment\": \"The name is for people, the networkID for Tarnvale.\",\n";
         member(4, "networkID", textOf(newUuid_()));
         member(4, "name", "Network of " + gateway.interface);
-        member(4, "subnetCIDR", textOf(networkOf(gateway)));
+        member(4, "subnetCIDR", networkOf(gateway));
         member(4, "gatewayIPv4", NetworkFirewall::dottedQuad(gateway.bytes));
         text_ += "    \"dnsProxyEnabled\": true,\n    \"policy\": {\n";
         member(
@@ -98,7 +93,7 @@ private:
     void member(
         std::size_t indent, const char* key, const std::string& value, bool isLast = false) {
         text_.append(indent, ' ').append("\"").append(key).append("\": ");
-        text_.append(quoted(value)).append(isLast ? "\n" : ",\n");
+        text_.append(jsonText(value)).append(isLast ? "\n" : ",\n");
     }
 
     void addRule(
@@ -149,7 +144,7 @@ std::string startingPolicy(
         if (host.bytes.size() != NetworkFirewall::IPv4Address{}.size()) {
             continue;
         }
-        const auto network = textOf(networkOf(host));
+        const auto network = networkOf(host);
         if (NetworkFirewall::isOfOwnNetwork(host)) {
             if (host.bytes.front() != 127) {
                 ownNetworks.insert(network);

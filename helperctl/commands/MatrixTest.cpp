@@ -9,7 +9,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/Text.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/JsonSchema.h"
 #include "tests/support/PolicyText.h"
@@ -102,12 +101,6 @@ TEST(MatrixTest, WritesThePictureWhereItIsToldTo) {
         [&] { printed(arguments); },
         ThrowsMessage<std::runtime_error>(
             "Could not write \"/no/such/folder\": No such file or directory."));
-}
-
-TEST(MatrixTest, ItsHelpFitsATerminal) {
-    for (const auto line : support::split(matrixHelp, '\n')) {
-        EXPECT_LE(line.size(), 80U) << line;
-    }
 }
 
 }  // namespace

@@ -193,10 +193,8 @@ int report(const Session& session) {
     write(
         session.arguments.file,
         tarOf(files, std::chrono::duration_cast<std::chrono::seconds>(now).count()));
-    std::vector<std::string> names;
-    for (const auto& file : files) {
-        names.push_back(file.name);
-    }
+    std::vector<std::string> names(files.size());
+    std::ranges::transform(files, names.begin(), &ArchiveFile::name);
     if (session.console.wantsJson()) {
         session.console.writeResult("archive", names);
     } else {

@@ -9,6 +9,8 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "core/protocol/TarnvaleAdminHelperProtocol.h"
 
@@ -45,6 +47,22 @@ private:
     /// Gets a call and its arguments, such as "createVLAN Lab|7|en0". Returns the reply; a method
     /// takes from it what it has.
     virtual ResultReply asked(std::string call) = 0;
+};
+
+/// Replies the same to everything, and notes the calls.
+class ReplyingHelper final : public FakeHelper {
+public:
+    ReplyingHelper(ResultReply reply, std::vector<std::string>& calls)
+        : reply_(std::move(reply)), calls_(calls) {}
+
+private:
+    ResultReply asked(std::string call) override {
+        calls_.push_back(std::move(call));
+        return reply_;
+    }
+
+    ResultReply reply_;
+    std::vector<std::string>& calls_;
 };
 
 }  // namespace tarnvale::test

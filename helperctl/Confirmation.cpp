@@ -24,7 +24,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using NetworkFirewall::PolicyStore;
 
-constexpr std::array interruptions{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+/// SIGPIPE comes when what reads the output has gone, as it does with a lost connection.
+constexpr std::array interruptions{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE};
+
+/// A stopped process puts nothing back.
+constexpr std::array stops{SIGTSTP, SIGTTIN, SIGTTOU};
 
 volatile std::sig_atomic_t isInterrupted = 0;
 
@@ -77,6 +81,10 @@ void noteInterruptions() {
     for (const int signal : interruptions) {
         ::sigaction(signal, &action, nullptr);
     }
+    action.sa_handler = SIG_IGN;
+    for (const int signal : stops) {
+        ::sigaction(signal, &action, nullptr);
+    }
 }
 
 bool isConfirmed(int descriptor, std::int64_t seconds) {
@@ -108,18 +116,24 @@ bool isConfirmed(int descriptor, std::int64_t seconds) {
 }
 
 Outcome putBack(const std::optional<std::string>& earlier, const Connect& connect) {
-    const auto helper = connect();
-    if (!earlier) {
-        auto error = helper->removeFirewall();
-        return error ? failure("Could not put back what was before: " + *std::move(error))
-                     : failure("Not confirmed: as before, nothing is enforced for this user.");
+    const auto stillInForce = [](const std::string& why) {
+        return failure("Not confirmed, but what was before couldn't be put back: " + why);
+    };
+    try {
+        const auto helper = connect();
+        if (!earlier) {
+            const auto error = helper->removeFirewall();
+            return error ? stillInForce(*error)
+                         : failure("Not confirmed: as before, nothing is enforced for this user.");
+        }
+        const auto reply = helper->applyFirewallWithPolicyData(*earlier);
+        return reply.error ? stillInForce(*reply.error)
+                           : failure(
+                                 "Not confirmed. What was before is in force again: " +
+                                 reply.result.value_or("") + ".");
+    } catch (const platform::HelperClientError& error) {
+        return stillInForce(error.what());
     }
-    auto reply = helper->applyFirewallWithPolicyData(*earlier);
-    return reply.error
-               ? failure("Not confirmed. What was before was put back: " + *std::move(reply.error))
-               : failure(
-                     "Not confirmed. What was before is in force again: " +
-                     reply.result.value_or("") + ".");
 }
 
 }  // namespace tarnvale::helperctl

@@ -25,15 +25,16 @@ std::optional<std::string> fileToPutBack(
     std::string_view ownerKey,
     std::span<const NetworkFirewall::HostAddress> hosts);
 
-/// From now on, signals that would end the process only keep it from being confirmed. They must not
-/// leave the new networks in force, nor interrupt putting the earlier ones back.
+/// From now on, signals that would end the process only keep it from being confirmed, and those
+/// that would stop it do nothing. They must not leave the new networks in force, nor interrupt
+/// putting the earlier ones back.
 void noteInterruptions();
 
 /// Waits until a line "yes" comes from the descriptor. Returns false when the time is over, at
 /// another line, at the end of the input, and after an interruption.
 bool isConfirmed(int descriptor, std::int64_t seconds);
 
-/// Has the helper enforce the earlier networks again, or none.
+/// Has the helper enforce the earlier networks again, or none. Reports any failure in the outcome.
 Outcome putBack(const std::optional<std::string>& earlier, const Connect& connect);
 
 }  // namespace tarnvale::helperctl

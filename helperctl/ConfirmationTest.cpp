@@ -71,7 +71,7 @@ TEST_F(ConfirmationTest, WaitsNoLonger) {
 }
 
 TEST_F(ConfirmationTest, TakesAnInterruptionForANo) {
-    for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT}) {
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGPIPE}) {
         EXPECT_EXIT(
             {
                 noteInterruptions();
@@ -87,6 +87,20 @@ TEST_F(ConfirmationTest, TakesAnInterruptionForANo) {
             testing::ExitedWithCode(0),
             "");
     }
+}
+
+TEST_F(ConfirmationTest, IsNotStopped) {
+    type("yes\n");
+    EXPECT_EXIT(
+        {
+            noteInterruptions();
+            for (const int signal : {SIGTSTP, SIGTTIN, SIGTTOU}) {
+                ::raise(signal);
+            }
+            ::_exit(isConfirmed(input.get(), 60) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0),
+        "");
 }
 
 NetworkFirewall::PolicyStore storeOf(const std::vector<test::OwnerText>& owners) {
@@ -153,7 +167,15 @@ TEST(PutBackTest, AppliesWhatWasBefore) {
     EXPECT_THAT(calls, ElementsAre("applyFirewall [1]", "removeFirewall"));
     EXPECT_EQ(
         putBack(std::nullopt, replying({.result = {}, .error = "No."})),
-        failure("Could not put back what was before: No."));
+        failure("Not confirmed, but what was before couldn't be put back: No."));
+    EXPECT_EQ(
+        putBack(
+            "[1]",
+            []() -> std::unique_ptr<platform::HelperClient> {
+                throw platform::HelperClientError::notReachable("Connection refused");
+            }),
+        failure("Not confirmed, but what was before couldn't be put back: Could not reach the "
+                "helper: Connection refused."));
 }
 
 }  // namespace

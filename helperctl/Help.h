@@ -66,10 +66,10 @@ COMMANDS
   shutdown                     end the helper; the next request starts it again
 
   FILE holds a JSON array of networks, 64 MiB at most; "-" is standard input. It
-  is sent as it is: the helper judges it. The first group from "validate" on
-  asks no helper, it judges FILE by the helper's own rules: what would come of
-  it on this machine if no other user had networks. "help COMMAND" says more
-  about each.
+  is sent as it is: the helper judges it. From "validate" on, the first group
+  asks the helper only with --live. It judges FILE by the helper's own rules, as
+  if no other user had networks; only "diff FILE" looks at what all have stored.
+  "help COMMAND" says more about each.
 
 OPTIONS
   --format text    results as text on standard output, problems on standard

@@ -2,6 +2,7 @@
 
 #include "helperctl/MacTools.h"
 
+#include <algorithm>
 #include <string>
 
 #include "support/Text.h"
@@ -36,13 +37,11 @@ std::optional<bool> isBlocked(
 
 bool isTurnedOff(std::string_view disabledServices, std::string_view service) {
     const auto name = "\"" + std::string(service) + "\"";
-    for (const auto line : support::split(disabledServices, '\n')) {
-        // Up to macOS 12, it is "true" in place of "disabled".
-        if (has(line, name) && (line.ends_with("=> disabled") || line.ends_with("=> true"))) {
-            return true;
-        }
-    }
-    return false;
+    const auto lines = support::split(disabledServices, '\n');
+    return std::ranges::any_of(lines, [&](std::string_view line) {
+        // Older systems say "true" in place of "disabled".
+        return has(line, name) && (line.ends_with("=> disabled") || line.ends_with("=> true"));
+    });
 }
 
 }  // namespace tarnvale::helperctl

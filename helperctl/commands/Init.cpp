@@ -35,7 +35,7 @@ std::string textOf(const support::Uuid& uuid) {
 /// The network of an IPv4 address, such as "192.168.64.0/24".
 std::string networkOf(const HostAddress& host) {
     NetworkFirewall::CIDR network{.address = {}, .prefixLength = host.prefixLength};
-    std::ranges::copy(host.bytes, network.address.begin());
+    std::copy_n(host.bytes.begin(), network.address.size(), network.address.begin());
     network.address = FirewallAnalysis::addressBytes(FirewallAnalysis::rangeOf(network).first);
     std::string text;
     append(text, network);

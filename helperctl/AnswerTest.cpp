@@ -131,7 +131,7 @@ TEST(AnswerTest, PrintsAPreviewAsOneObject) {
 }
 
 TEST(AnswerTest, LetsNoNameReachTheTerminalAsMoreThanText) {
-    auto answer = failure("No \033[2J\nnor \u202E.").answer;
+    auto answer = failure("No \033[2J\nnor \u202E\u202C.").answer;
     answer.refused.emplace().push_back({.networkID = {}, .name = "\033c", .problem = "\b"});
     answer.skippedRules.emplace().push_back(
         {.networkID = {}, .name = "\033c", .rules = {{.number = 1, .problem = "\a"}}});
@@ -143,7 +143,7 @@ TEST(AnswerTest, LetsNoNameReachTheTerminalAsMoreThanText) {
             "\nNot enforced:\n• \\u001bc: \\u0008\n"
             "\nRules skipped:\n• \\u001bc\n  rule 1: \\u0007\n"
             "\nLeft out:\n• \\u000d\n",
-            "No \\u001b[2J\nnor \\u202e.\n"}));
+            "No \\u001b[2J\nnor \\u202e\\u202c.\n"}));
 }
 
 TEST(AnswerTest, ShowsNoHeadingOverNothing) {

@@ -29,9 +29,8 @@ TEST(ConsoleTest, LetsNoTextReachTheTerminalAsACommand) {
     EXPECT_EQ(printable("\033[2J\a\n\r\t\x7F"), "\\u001b[2J\\u0007\\u000a\\u000d\\u0009\\u007f");
     EXPECT_EQ(printable("\u009B1m\u0085"), "\\u009b1m\\u0085");
     EXPECT_EQ(
-        printable("a\xE2\x80\xAE"
-                  "b\xE2\x81\xA6\xE2\x81\xA9\xE2\x80\x8F\xE2\x80\xA8"),
-        "a\\u202eb\\u2066\\u2069\\u200f\\u2028");
+        printable("a\u202Eb\u202C\u2066\u2069\u200F\u2028"),
+        "a\\u202eb\\u202c\\u2066\\u2069\\u200f\\u2028");
     EXPECT_EQ(printable("\xFF\xC2"), "\uFFFD\uFFFD");
     EXPECT_EQ(printable(std::string(1, '\0')), "\\u0000");
 }

@@ -79,7 +79,7 @@ TEST(JsonPlacesTest, FindsValuesByTheirPaths) {
 }
 
 TEST(JsonPlacesTest, MakesNoPathThatIsLongerThanAsked) {
-    const std::string json = "{\"" + std::string(100, 'k') + "\": [1], \"\\u006b\": 2}";
+    const std::string json = "{\"" + std::string(100, 'k') + R"(": [1], "\u006b": 2})";
     JsonWalk walk(json);
     std::vector<std::optional<std::string>> paths;
     while (walk.next()) {

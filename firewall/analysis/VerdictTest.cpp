@@ -79,6 +79,7 @@ TEST(VerdictTest, NamesTheLineAtEachCrossing) {
         {"tcp 192.168.64.2 -> 192.168.64.1:53", "in 0/3 passes"},
         {"tcp 192.168.64.2 -> 192.168.64.3:80", ""},
         {"tcp 203.0.113.10 -> 192.168.64.2:22", "in passes, out 0/4 passes"},
+        {"tcp 203.0.113.10 -> 198.51.100.7:22", "in passes, out passes"},
         {"tcp 203.0.113.10 -> 192.168.64.2:80", "in passes, out 0/7 blocks"},
         {"tcp 192.168.64.1 -> 192.168.64.2:80", "out 0/7 blocks"},
         {"tcp 192.168.64.2 -> 192.168.65.2:22", "in 0/6 passes, out 1/5 blocks"},
@@ -90,6 +91,7 @@ TEST(VerdictTest, NamesTheLineAtEachCrossing) {
         {"udp 192.168.65.1:67 -> 192.168.65.2:68", "out 1/1 passes"},
         {"udp 192.168.64.2 -> 192.168.64.255:9", "in 0/6 passes"},
         {"udp 192.168.65.2 -> 224.0.0.251:5353", "in 1/4 blocks"},
+        {"udp 192.168.65.2 -> 239.255.255.250:1900", "in 1/4 blocks"},
         {"udp 0.0.0.0:68 -> 255.255.255.255:67", "in passes"},
         {"47 192.168.65.2 -> 203.0.113.10", "in 1/4 blocks, out passes"},
         {"tcp fd00::2 -> [2001:db8::1]:443", ""}};

@@ -20,22 +20,26 @@ void printProblems(const Answer& answer, std::ostream& output) {
     if (answer.refused && !answer.refused->empty()) {
         printHeading("Not enforced", output);
         for (const auto& network : *answer.refused) {
-            output << "• " << printable(network.name) << ": " << printable(network.problem) << '\n';
+            writeWrapped(
+                output, "• " + printable(network.name) + ": " + printable(network.problem), 0);
         }
     }
     if (answer.skippedRules && !answer.skippedRules->empty()) {
         printHeading("Rules skipped", output);
         for (const auto& network : *answer.skippedRules) {
-            output << "• " << printable(network.name) << '\n';
+            writeWrapped(output, "• " + printable(network.name), 0);
             for (const auto& rule : network.rules) {
-                output << "  rule " << rule.number << ": " << printable(rule.problem) << '\n';
+                writeWrapped(
+                    output,
+                    "rule " + std::to_string(rule.number) + ": " + printable(rule.problem),
+                    2);
             }
         }
     }
     if (answer.droppedClaims && !answer.droppedClaims->empty()) {
         printHeading("Left out", output);
         for (const auto& claim : *answer.droppedClaims) {
-            output << "• " << printable(claim) << '\n';
+            writeWrapped(output, "• " + printable(claim), 0);
         }
     }
 }

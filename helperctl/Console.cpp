@@ -2,6 +2,7 @@
 
 #include "helperctl/Console.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <ostream>
@@ -39,6 +40,75 @@ bool isHarmful(unsigned code) {
                               (code >= 0x202A && code <= 0x202E) ||
                               (code >= 0x2066 && code <= 0x2069);
     return isControl || breaksLine || turnsWriting;
+}
+
+struct CodeRange {
+    unsigned first;
+    unsigned last;
+};
+
+/// Marks that stand over or under the character before, and what joins or chooses characters.
+constexpr std::array withoutWidth{
+    CodeRange{0x0300, 0x036F},
+    CodeRange{0x1AB0, 0x1AFF},
+    CodeRange{0x1DC0, 0x1DFF},
+    CodeRange{0x200B, 0x200D},
+    CodeRange{0x20D0, 0x20FF},
+    CodeRange{0xFE00, 0xFE0F},
+    CodeRange{0xFE20, 0xFE2F}};
+
+/// East Asian scripts and emoji.
+constexpr std::array wide{
+    CodeRange{0x1100, 0x115F},
+    CodeRange{0x2E80, 0x303E},
+    CodeRange{0x3041, 0xA4CF},
+    CodeRange{0xAC00, 0xD7A3},
+    CodeRange{0xF900, 0xFAFF},
+    CodeRange{0xFE30, 0xFE6F},
+    CodeRange{0xFF00, 0xFF60},
+    CodeRange{0xFFE0, 0xFFE6},
+    CodeRange{0x1F300, 0x1F64F},
+    CodeRange{0x1F680, 0x1F6FF},
+    CodeRange{0x1F900, 0x1FAFF},
+    CodeRange{0x20000, 0x3FFFD}};
+
+template <std::size_t count>
+bool isIn(const std::array<CodeRange, count>& ranges, unsigned code) {
+    return std::ranges::any_of(
+        ranges, [&](const CodeRange& range) { return range.first <= code && code <= range.last; });
+}
+
+/// Takes the first character off a text. A byte that begins none counts as one.
+std::string_view takeCharacter(std::string_view& text) {
+    const auto length = std::max<std::size_t>(1, support::characterLength(text));
+    const auto character = text.substr(0, length);
+    text.remove_prefix(length);
+    return character;
+}
+
+std::size_t columnsOfCharacter(std::string_view character) {
+    const unsigned code = codePoint(character);
+    if (isIn(withoutWidth, code)) {
+        return 0;
+    }
+    return isIn(wide, code) ? 2 : 1;
+}
+
+/// Takes as many characters off the text as fit, at least one.
+std::string_view takeColumns(std::string_view& text, std::size_t columns) {
+    auto rest = text;
+    std::size_t used = columnsOfCharacter(takeCharacter(rest));
+    while (!rest.empty()) {
+        auto next = rest;
+        used += columnsOfCharacter(takeCharacter(next));
+        if (used > columns) {
+            break;
+        }
+        rest = next;
+    }
+    const auto taken = text.substr(0, text.size() - rest.size());
+    text = rest;
+    return taken;
 }
 
 }  // namespace
@@ -86,26 +156,54 @@ std::string printable(std::string_view text) {
 
 std::size_t columnsOf(std::string_view text) {
     std::size_t columns = 0;
-    for (const char c : text) {
-        columns += (static_cast<unsigned char>(c) & 0xC0U) != 0x80 ? 1 : 0;
+    while (!text.empty()) {
+        columns += columnsOfCharacter(takeCharacter(text));
     }
     return columns;
 }
 
-std::vector<std::string> wrapped(std::string_view text, std::size_t indent) {
+std::string fitted(std::string_view text, std::size_t columns) {
+    if (columnsOf(text) <= columns) {
+        return std::string(text);
+    }
+    return std::string(takeColumns(text, columns - 1)) + "…";
+}
+
+std::vector<std::string> wrapped(std::string_view text, std::size_t indent, std::size_t width) {
+    const std::size_t columns = width - indent;
     std::vector<std::string> lines;
     for (const auto paragraph : support::split(text, '\n')) {
         std::string line;
-        for (const auto word : support::split(paragraph, ' ')) {
-            const bool fits = indent + columnsOf(line) + 1 + columnsOf(word) <= pageWidth;
-            if (!line.empty() && !fits) {
+        std::size_t used = 0;
+        for (auto word : support::split(paragraph, ' ')) {
+            std::size_t own = columnsOf(word);
+            if (!line.empty() && used + 1 + own > columns) {
                 lines.push_back(std::exchange(line, {}));
+                used = 0;
             }
+            for (; own > columns; own = columnsOf(word)) {
+                lines.emplace_back(takeColumns(word, columns));
+            }
+            used += own + (line.empty() ? 0 : 1);
             line.append(line.empty() ? "" : " ").append(word);
         }
         lines.push_back(std::move(line));
     }
     return lines;
+}
+
+void writeWrapped(std::ostream& stream, std::string_view text, std::size_t indent) {
+    constexpr std::size_t further = 2;
+    const auto whole = wrapped(text, indent);
+    if (whole.size() == 1) {
+        stream << std::string(indent, ' ') << whole.front() << '\n';
+        return;
+    }
+    bool isFirst = true;
+    for (const auto& line : wrapped(text, indent + further)) {
+        stream << std::string(isFirst ? indent : indent + further, ' ') << line << '\n';
+        isFirst = false;
+    }
 }
 
 std::string counted(std::size_t count, std::string_view noun) {

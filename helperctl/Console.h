@@ -58,12 +58,21 @@ bool wantsColour(int descriptor);
 /// direction of writing, are written as `\u001b`. Texts that users made up go through this.
 std::string printable(std::string_view text);
 
-/// How many columns the text takes, with one for each code point.
+/// How many columns the text takes on a terminal: none for marks over other characters, two for
+/// wide ones such as Chinese.
 std::size_t columnsOf(std::string_view text);
 
+/// As much of the text as fits into so many columns, ending in "…" if that isn't all.
+std::string fitted(std::string_view text, std::size_t columns);
+
 /// The text's lines, broken at spaces so that each fits into the width behind `indent` spaces. A
-/// word that is too long for a line has one to itself.
-std::vector<std::string> wrapped(std::string_view text, std::size_t indent);
+/// word that is too long for any line is broken, too.
+std::vector<std::string> wrapped(
+    std::string_view text, std::size_t indent, std::size_t width = pageWidth);
+
+/// Writes the text behind `indent` spaces, broken into lines that fit; further ones are two columns
+/// further in.
+void writeWrapped(std::ostream& stream, std::string_view text, std::size_t indent);
 
 /// "1 rule", "2 rules".
 std::string counted(std::size_t count, std::string_view noun);

@@ -39,13 +39,39 @@ TEST(ConsoleTest, BreaksLinesThatAreTooLong) {
     const std::string word(38, 'w');
     EXPECT_THAT(wrapped(word + " " + word + " end", 3), ElementsAre(word + " " + word, "end"));
     EXPECT_THAT(wrapped(word + " " + word + " end", 4), ElementsAre(word, word + " end"));
-    EXPECT_THAT(wrapped(std::string(90, 'x') + " y", 0), ElementsAre(std::string(90, 'x'), "y"));
+    EXPECT_THAT(
+        wrapped("a " + std::string(90, 'x') + " y", 0),
+        ElementsAre("a", std::string(80, 'x'), std::string(10, 'x') + " y"));
+    EXPECT_THAT(
+        wrapped("研究室のネットワーク", 0, 7), ElementsAre("研究室", "のネッ", "トワー", "ク"));
     EXPECT_THAT(wrapped("a\n\nb", 0), ElementsAre("a", "", "b"));
     EXPECT_THAT(wrapped("", 0), ElementsAre(""));
 }
 
-TEST(ConsoleTest, CountsCodePoints) {
+TEST(ConsoleTest, WritesFurtherLinesFurtherIn) {
+    const std::string word(38, 'w');
+    std::ostringstream stream;
+    writeWrapped(stream, word + " " + word, 2);
+    writeWrapped(stream, word + " " + word + " end", 2);
+
+    EXPECT_EQ(stream.str(), "  " + word + " " + word + "\n  " + word + "\n    " + word + " end\n");
+}
+
+TEST(ConsoleTest, CutsOffWhatDoesNotFit) {
+    EXPECT_EQ(fitted("Büro", 4), "Büro");
+    EXPECT_EQ(fitted("Büros", 4), "Bür…");
+    EXPECT_EQ(fitted("研究室", 5), "研究…");
+    EXPECT_EQ(fitted("研究室", 4), "研…");
+}
+
+TEST(ConsoleTest, CountsColumns) {
     EXPECT_EQ(columnsOf("Büro€"), 5U);
+    EXPECT_EQ(columnsOf("Bu\u0308ro"), 4U);
+    EXPECT_EQ(columnsOf("研究室😀"), 8U);
+    EXPECT_EQ(columnsOf("\xFF\xFF"), 2U);
+}
+
+TEST(ConsoleTest, CountsThings) {
     EXPECT_EQ(counted(0, "rule"), "0 rules");
     EXPECT_EQ(counted(1, "rule"), "1 rule");
     EXPECT_EQ(counted(2, "rule"), "2 rules");

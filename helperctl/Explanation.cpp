@@ -3,6 +3,7 @@
 #include "helperctl/Explanation.h"
 
 #include <ostream>
+#include <string>
 
 #include "helperctl/Console.h"
 
@@ -10,21 +11,23 @@ namespace tarnvale::helperctl {
 namespace {
 
 void printCrossing(const ExplainedCrossing& crossing, std::ostream& output) {
-    output << '\n'
-           << (crossing.direction == "in" ? "in from " : "out to ") << crossing.network << ": "
-           << (crossing.passes ? "passed" : "blocked");
+    std::string text = crossing.direction == "in" ? "in from " : "out to ";
+    text.append(crossing.network).append(crossing.passes ? ": passed" : ": blocked");
     if (crossing.decides) {
-        output << " by " << crossing.decides->words;
+        text.append(" by ").append(crossing.decides->words);
         if (crossing.decides->path) {
-            output << ", " << *crossing.decides->path;
+            text.append(", ").append(*crossing.decides->path);
         }
-        output << "\n    " << crossing.decides->line;
     }
     output << '\n';
+    writeWrapped(output, text, 0);
+    if (crossing.decides) {
+        output << "    " << crossing.decides->line << '\n';
+    }
     if (!crossing.before.empty()) {
         output << "  looked at before:\n";
         for (const auto& line : crossing.before) {
-            output << "    " << line.words << ": " << line.why.value_or("") << '\n';
+            writeWrapped(output, line.words + ": " + line.why.value_or(""), 4);
         }
     }
 }
@@ -32,7 +35,7 @@ void printCrossing(const ExplainedCrossing& crossing, std::ostream& output) {
 }  // namespace
 
 void printText(const Explanation& explanation, std::ostream& output) {
-    output << explanation.sentence << '\n';
+    writeWrapped(output, explanation.sentence, 0);
     for (const auto& crossing : explanation.crossings) {
         printCrossing(crossing, output);
     }

@@ -215,24 +215,25 @@ std::string rate(std::int64_t now, std::int64_t before, double seconds) {
 
 void printLine(
     const LineStatus& line, const LineStatus* before, double seconds, std::ostream& out) {
-    out << "    " << printable(line.words) << ": "
-        << counted(static_cast<std::size_t>(line.packets), "packet");
+    std::string text =
+        printable(line.words) + ": " + counted(static_cast<std::size_t>(line.packets), "packet");
     if (before != nullptr) {
-        out << ", " << rate(line.packets, before->packets, seconds);
+        text += ", " + rate(line.packets, before->packets, seconds);
     }
     if (line.states > 0) {
-        out << ", " << counted(static_cast<std::size_t>(line.states), "state");
+        text += ", " + counted(static_cast<std::size_t>(line.states), "state");
     }
-    out << '\n';
+    writeWrapped(out, text, 4);
 }
 
 void printNetwork(
     const NetworkStatus& network, const NetworkStatus* before, double seconds, std::ostream& out) {
-    out << '\n' << (network.name ? printable(*network.name) + ", " : "") << network.subnet;
-    if (network.owner) {
-        out << ", " << printable(ownerWords(*network.owner));
-    }
     out << '\n';
+    writeWrapped(
+        out,
+        (network.name ? printable(*network.name) + ", " : "") + network.subnet +
+            (network.owner ? ", " + printable(ownerWords(*network.owner)) : ""),
+        0);
     const bool isComparable = before != nullptr && before->lines.size() == network.lines.size();
     for (const auto& [direction, heading] :
          {std::pair{"in", "  from the machines\n"}, std::pair{"out", "  to the machines\n"}}) {

@@ -262,11 +262,7 @@ void printPart(const char* heading, const Lines& lines, const Console& console) 
     }
     console.output << console.inked(Ink::bold, heading) << '\n';
     for (const std::string& line : lines) {
-        bool isFirst = true;
-        for (const auto& piece : wrapped(printable(line), 4)) {
-            console.output << (isFirst ? "  " : "    ") << piece << '\n';
-            isFirst = false;
-        }
+        writeWrapped(console.output, printable(line), 2);
     }
 }
 

@@ -16,6 +16,7 @@
 
 #include "helperctl/Answer.h"
 #include "helperctl/PolicyFile.h"
+#include "helperctl/commands/MatrixPicture.h"
 #include "platform/HostAddresses.h"
 #include "support/Text.h"
 
@@ -24,9 +25,6 @@ namespace {
 
 using FirewallAnalysis::Party;
 using FirewallAnalysis::RuleOfNetwork;
-
-constexpr const char* everything = "everything";
-constexpr const char* nothing = "nothing";
 
 std::string nameOf(const Party& party, const NamedRuleset& rules) {
     switch (party.sort) {
@@ -96,11 +94,13 @@ std::string padded(const std::string& text, std::size_t width) {
 
 /// Prints texts side by side, each broken into lines of its own column.
 void printRow(const std::vector<std::string>& texts, const Console& console) {
+    constexpr std::size_t indent = 2;
     constexpr std::size_t columnWidth = 26;
+    constexpr std::size_t gap = 2;
     std::vector<std::vector<std::string>> columns;
     std::size_t height = 0;
     for (const auto& text : texts) {
-        columns.push_back(wrapped(text, pageWidth - columnWidth + 2));
+        columns.push_back(wrapped(text, 0, columnWidth - gap));
         height = std::max(height, columns.back().size());
     }
     for (std::size_t row = 0; row < height; ++row) {
@@ -108,7 +108,8 @@ void printRow(const std::vector<std::string>& texts, const Console& console) {
         for (const auto& column : columns) {
             line += padded(row < column.size() ? column[row] : "", columnWidth);
         }
-        console.output << "  " << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
+        console.output << std::string(indent, ' ') << line.substr(0, line.find_last_not_of(' ') + 1)
+                       << '\n';
     }
 }
 
@@ -119,11 +120,11 @@ void print(const Matrix& matrix, const Console& console) {
         if (members[network].party.sort != Party::Sort::network) {
             continue;
         }
-        console.output << (isFirst ? "" : "\n")
-                       << console.inked(
-                              Ink::bold,
-                              members[network].name + ", " + text(members[network].party.prefix))
-                       << '\n';
+        console.output << (isFirst ? "" : "\n");
+        for (const auto& line :
+             wrapped(members[network].name + ", " + text(members[network].party.prefix), 0)) {
+            console.output << console.inked(Ink::bold, line) << '\n';
+        }
         isFirst = false;
         printRow({"with", "from its machines", "to its machines"}, console);
         for (std::size_t other = 0; other < members.size(); ++other) {
@@ -138,131 +139,6 @@ void print(const Matrix& matrix, const Console& console) {
         console.output << "No network is enforced: everything passes.\n";
     }
 }
-
-std::string escaped(std::string_view text) {
-    std::string result;
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                result += "&amp;";
-                break;
-            case '<':
-                result += "&lt;";
-                break;
-            case '>':
-                result += "&gt;";
-                break;
-            case '"':
-                result += "&quot;";
-                break;
-            default:
-                result += c;
-        }
-    }
-    return result;
-}
-
-std::string idOf(const RuleOfNetwork& rule) {
-    return "n" + std::to_string(rule.network) + "-r" + std::to_string(rule.number);
-}
-
-/// The first columns of a text that is too long for its box.
-std::string fitted(const std::string& text, std::size_t columns) {
-    if (columnsOf(text) <= columns) {
-        return text;
-    }
-    std::size_t end = 0;
-    for (std::size_t column = 0; column + 1 < columns; ++column) {
-        end +=
-            std::max<std::size_t>(1, support::characterLength(std::string_view(text).substr(end)));
-    }
-    return text.substr(0, end) + "…";
-}
-
-/// Draws the picture.
-class Drawing {
-public:
-    explicit Drawing(const Matrix& matrix) : matrix_(matrix), count_(matrix.members().size()) {}
-
-    std::string draw() {
-        const std::size_t width = labelWidth + count_ * cellWidth + margin;
-        const std::size_t legend = headHeight + count_ * cellHeight + 2 * lineHeight;
-        const std::size_t height = legend + (matrix_.rules().size() + 1) * lineHeight;
-        svg_ = R"(<svg xmlns="http://www.w3.org/2000/svg" width=")" + std::to_string(width) +
-               R"(" height=")" + std::to_string(height) + R"(" viewBox="0 0 )" +
-               std::to_string(width) + " " + std::to_string(height) +
-               R"(" font-family="sans-serif" font-size="12">)" + "\n" +
-               "<style>.rule:target{font-weight:bold}a{fill:#0645ad}</style>\n" +
-               R"(<rect width="100%" height="100%" fill="#ffffff"/>)" + "\n";
-        write(margin, lineHeight + 4, "From (row) to (column)", "");
-        for (std::size_t i = 0; i < count_; ++i) {
-            const std::string& name = matrix_.members()[i].name;
-            write(labelWidth + i * cellWidth + 6, headHeight - 8, fitted(name, 20), name);
-            write(margin, headHeight + i * cellHeight + 24, fitted(name, 22), name);
-            for (std::size_t to = 0; to < count_; ++to) {
-                drawCell(i, to);
-            }
-        }
-        std::size_t y = legend;
-        for (const Matrix::Rule& rule : matrix_.rules()) {
-            svg_ += R"(<text class="rule" id=")" + idOf(rule.which) + R"(" x=")" +
-                    std::to_string(margin) + R"(" y=")" + std::to_string(y) + R"(">)" +
-                    escaped(rule.network + ", " + rule.words) + "</text>\n";
-            y += lineHeight;
-        }
-        return svg_ + "</svg>\n";
-    }
-
-private:
-    static constexpr std::size_t margin = 12;
-    static constexpr std::size_t labelWidth = 170;
-    static constexpr std::size_t headHeight = 56;
-    static constexpr std::size_t cellWidth = 140;
-    static constexpr std::size_t cellHeight = 40;
-    static constexpr std::size_t lineHeight = 18;
-
-    void write(std::size_t x, std::size_t y, const std::string& text, const std::string& title) {
-        svg_ += "<text x=\"" + std::to_string(x) + "\" y=\"" + std::to_string(y) + "\">" +
-                (title.empty() ? "" : "<title>" + escaped(title) + "</title>") + escaped(text) +
-                "</text>\n";
-    }
-
-    void drawCell(std::size_t from, std::size_t to) {
-        const auto& cell = matrix_.cell(from, to);
-        const std::size_t x = labelWidth + to * cellWidth;
-        const std::size_t y = headHeight + from * cellHeight;
-        const char* const fill = !cell                        ? "#f2f2f2"
-                                 : cell->passes == everything ? "#cdebc9"
-                                 : cell->passes == nothing    ? "#f6cfcb"
-                                                              : "#fbe8b4";
-        svg_ += "<rect x=\"" + std::to_string(x) + "\" y=\"" + std::to_string(y) + "\" width=\"" +
-                std::to_string(cellWidth) + "\" height=\"" + std::to_string(cellHeight) +
-                "\" fill=\"" + fill + "\" stroke=\"#ffffff\"/>\n";
-        if (!cell) {
-            return;
-        }
-        const std::string title = matrix_.members()[from].name + " to " +
-                                  matrix_.members()[to].name + ": " + cell->passes;
-        write(x + 6, y + 16, fitted(cell->passes, 21), title);
-        if (cell->rules.empty()) {
-            return;
-        }
-        constexpr std::size_t maxLinks = 5;
-        svg_ += R"(<text font-size="10" x=")" + std::to_string(x + 6) + "\" y=\"" +
-                std::to_string(y + 32) + "\">rules";
-        for (std::size_t i = 0; i < std::min(maxLinks, cell->rules.size()); ++i) {
-            const RuleOfNetwork& rule = cell->rules[i];
-            svg_ += " <a href=\"#" + idOf(rule) + "\"><title>" +
-                    escaped(shortNameOf(rule, matrix_)) + "</title>" + std::to_string(rule.number) +
-                    "</a>";
-        }
-        svg_ += cell->rules.size() > maxLinks ? " …</text>\n" : "</text>\n";
-    }
-
-    const Matrix& matrix_;
-    std::size_t count_;
-    std::string svg_;
-};
 
 void writeFile(const std::string& path, const std::string& content) {
     errno = 0;
@@ -304,10 +180,6 @@ Matrix::Matrix(const NamedRuleset& rules) {
     }
 }
 
-std::string svgOf(const Matrix& matrix) {
-    return Drawing(matrix).draw();
-}
-
 int matrix(const Session& session) {
     const auto& arguments = session.arguments;
     const auto hosts = NetworkFirewall::hostAddresses();
@@ -319,6 +191,8 @@ int matrix(const Session& session) {
     }
     if (session.console.wantsJson()) {
         session.console.writeResult("matrix", recordsOf(found));
+    } else if (!arguments.svg && rules.isOff()) {
+        session.console.writeLine("pf is off: everything passes.");
     } else if (!arguments.svg) {
         print(found, session.console);
     }

@@ -19,6 +19,10 @@ namespace tarnvale::helperctl {
 /// Who reaches whom under some rules.
 class Matrix {
 public:
+    /// How a cell says that all or none of it passes.
+    static constexpr std::string_view everything = "everything";
+    static constexpr std::string_view nothing = "nothing";
+
     explicit Matrix(const NamedRuleset& rules);
 
     struct Member {
@@ -50,9 +54,6 @@ private:
     std::vector<std::optional<Cell>> cells_;
     std::vector<Rule> rules_;
 };
-
-/// A picture of it, whose cells link to the rules below.
-std::string svgOf(const Matrix& matrix);
 
 int matrix(const Session& session);
 

@@ -5,13 +5,16 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "helperctl/commands/MatrixPicture.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/JsonSchema.h"
 #include "tests/support/PolicyText.h"
+#include "tests/support/Program.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -87,6 +90,67 @@ TEST(MatrixTest, DrawsAPictureWithLinksToRules) {
     EXPECT_THAT(svg, HasSubstr(R"(<text class="rule" id="n0-r1")"));
     EXPECT_THAT(svg, HasSubstr("&lt;b&gt;&quot;&amp;, rule 1 (allow tcp 22 from 10.0.0.0/8)"));
     EXPECT_THAT(svg, Not(HasSubstr("<b>")));
+}
+
+/// Networks with names of every kind, under rules of every kind.
+std::string trickyPolicies() {
+    std::vector<test::NetworkText> networks;
+    for (const char* const name :
+         {"Lab",
+          "Büro München – Entwicklungsabteilung, zweiter Stock, Raum 204",
+          "WWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWWW",
+          "研究室のネットワーク東京本社第二",
+          R"(<b>\"&' x)",
+          "",
+          "😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀😀"}) {
+        networks.push_back(
+            {.number = 64 + static_cast<int>(networks.size()),
+             .name = name,
+             .rules = {
+                 {.ports = "22"},
+                 {.remoteCIDR = "198.51.100.0/24", .ports = "8000-8080", .proto = "any"},
+                 {.remoteCIDR = "203.0.113.0/24", .ports = "", .proto = "icmp"},
+                 {.ports = "25", .direction = "outbound", .action = "deny"},
+                 {.ports = "53", .direction = "outbound", .action = "deny", .proto = "udp"},
+                 {.remoteCIDR = "10.0.0.0/8",
+                  .ports = "",
+                  .direction = "outbound",
+                  .action = "deny",
+                  .proto = "any"}}});
+    }
+    return test::policyText(networks);
+}
+
+std::string svgOf(const std::string& policy) {
+    return svgOf(Matrix(NamedRuleset::ofFile(policy, {})));
+}
+
+/// What tests/support/check-picture says.
+std::string checked(const std::string& svg, const std::vector<std::string>& arguments = {}) {
+    std::vector<std::string> command{
+        "/usr/bin/python3", TARNVALE_SOURCE_DIR "/tests/support/check-picture"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const auto finished = test::run(command, svg);
+    return finished.error + finished.output;
+}
+
+TEST(MatrixTest, KeepsEveryTextOfThePictureInItsPlace) {
+    EXPECT_EQ(checked(svgOf(test::contentOf(pathOf("web-server")))), "");
+    EXPECT_EQ(checked(svgOf(std::string("[]"))), "");
+    EXPECT_EQ(checked(svgOf(trickyPolicies())), "");
+}
+
+TEST(MatrixTest, DrawsWhatRenderersUnderstand) {
+    if (test::run({"/bin/sh", "-c", "command -v rsvg-convert"}).status != 0) {
+        GTEST_SKIP() << "Nothing here draws SVG: Debian's librsvg2-bin does.";
+    }
+
+    const auto colours = checked(svgOf(trickyPolicies()), {"render"});
+
+    for (const char* const colour :
+         {"#ffffff\n", "#cdebc9\n", "#fbe8b4\n", "#f6cfcb\n", "#f0f0f0\n", "#000000\n"}) {
+        EXPECT_THAT(colours, HasSubstr(colour));
+    }
 }
 
 TEST(MatrixTest, WritesThePictureWhereItIsToldTo) {

@@ -24,8 +24,8 @@ std::string joined(const std::vector<Part>& parts, std::string (*textOf)(const P
 std::string ruleText(const RuleText& rule) {
     return R"({"id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F","enabled":)" +
            std::string(word(rule.enabled)) + R"(,"direction":")" + rule.direction +
-           R"(","action":")" + rule.action + R"(","proto":"tcp","remoteCIDR":")" + rule.remoteCIDR +
-           R"(","ports":")" + rule.ports + R"("})";
+           R"(","action":")" + rule.action + R"(","proto":")" + rule.proto + R"(","remoteCIDR":")" +
+           rule.remoteCIDR + R"(","ports":")" + rule.ports + R"("})";
 }
 
 std::string networkText(const NetworkText& network) {

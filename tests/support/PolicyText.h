@@ -17,6 +17,7 @@ struct RuleText {
     bool enabled = true;
     std::string direction = "inbound";
     std::string action = "allow";
+    std::string proto = "tcp";
 };
 
 /// A network whose firewall lets everything out and, but for the rules, nothing in. It has no DNS

@@ -27,6 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using testing::AllOf;
 using testing::Contains;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -172,6 +173,40 @@ TEST_F(HelperctlTest, ExplainsTheRulesInForce) {
     EXPECT_EQ(
         judgedBySchema("helperctl", ctl({"explain", "--live", packet, "--format", "json"}).output),
         "yes");
+}
+
+TEST_F(HelperctlTest, ShowsWhoReachesWhomUnderTheRulesInForce) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    const std::string picture = "/tmp/matrix.svg";
+
+    EXPECT_EQ(ctl({"matrix", "--live"}).output, "pf is off: everything passes.\n");
+
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+    const auto inForce = ctl({"matrix", "--live"});
+    EXPECT_THAT(inForce, Prints(0, ctl({"matrix", labPath}).output));
+    EXPECT_THAT(inForce.output, HasSubstr("  10.0.0.0/8                nothing        "));
+    // No interface here has the gateway's address, and only root can read that the lines for DNS
+    // are no rule: others don't learn who the host is.
+    EXPECT_THAT(
+        ctlAs(501, {"matrix", "--live"}),
+        Prints(
+            0,
+            "Lab, 192.168.64.0/24\n"
+            "  with                      from its machines         to its machines\n"
+            "  anywhere else             everything                tcp 22\n"
+            "  10.0.0.0/8                nothing                   tcp 22\n"));
+
+    EXPECT_THAT(ctl({"matrix", "--live", "--svg", picture}), Prints(0, ""));
+    EXPECT_THAT(
+        contentOf(picture),
+        AllOf(
+            HasSubstr("<a href=\"#n0-r2\"><title>Lab, rule 2 (deny 10.0.0.0/8)</title>[2]</a>"),
+            HasSubstr("[2] Lab, rule 2 (deny 10.0.0.0/8)</tspan>")));
+
+    ASSERT_EQ(ctl({"remove"}).status, 0);
+    EXPECT_THAT(
+        ctl({"matrix", "--live"}), Prints(0, "No network is enforced: everything passes.\n"));
 }
 
 TEST_F(HelperctlTest, SendsTheFileAsItIs) {

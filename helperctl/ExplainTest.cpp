@@ -240,8 +240,8 @@ TEST(ExplainTest, SaysThatNothingIsFilteredWherePfIsOff) {
 TEST(ExplainTest, SaysThatARulesetCantBeRead) {
     EXPECT_THAT(
         [] { NamedRuleset::ofReport(report("", "pfctl: Permission denied"), {}); },
-        ThrowsMessage<std::runtime_error>(
-            "The rules in force can't be told, because pfctl says: pfctl: Permission denied"));
+        ThrowsMessage<std::runtime_error>("It is unknown which rules are in force, because pfctl "
+                                          "says: pfctl: Permission denied"));
     EXPECT_THAT(
         [] { NamedRuleset::ofReport("something", {}); },
         ThrowsMessage<std::runtime_error>("The helper's report isn't of the known form."));

@@ -43,7 +43,7 @@ COMMANDS
                                are cut
   diff FILE                    the same from what is stored to what it would be
                                once FILE is applied; only for root
-  preview FILE                 print what applying FILE would come to
+  preview FILE                 print what applying FILE would result in
   explain FILE PACKET          print what would become of PACKET if FILE were
                                applied, by which line, and what else was looked
                                at before
@@ -149,9 +149,9 @@ necessary. "tarnvale-helperctl --version" prints that of this program.
 )";
 
 inline constexpr std::string_view previewHelp =
-    R"(Prints what applying the file would come to on this machine if no other user had
-networks: the summary, the networks that would be refused, the rules that would
-be skipped, and the ruleset. Asks no helper.
+    R"(Prints what applying the file would result in on this machine if no other user
+had networks: the summary, the networks that would be refused, the rules that
+would be skipped, and the ruleset. Asks no helper.
 
 Exit status 1: a network would be refused.
 )";

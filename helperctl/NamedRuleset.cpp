@@ -108,7 +108,8 @@ NamedRuleset NamedRuleset::ofReport(
     }
     if (!status->others.empty()) {
         throw std::runtime_error(
-            "The rules in force can't be told, because pfctl says: " + status->others.front());
+            "It is unknown which rules are in force, because pfctl says: " +
+            status->others.front());
     }
     NamedRuleset named;
     named.list_.ruleset = FirewallAnalysis::enforcedList({}, hosts).ruleset;

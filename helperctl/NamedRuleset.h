@@ -22,12 +22,12 @@ namespace tarnvale::helperctl {
 
 class NamedRuleset {
 public:
-    /// What an applied file comes to. Throws `HelperFirewall::HelperError` for data that is not a
+    /// What applying a file results in. Throws `HelperFirewall::HelperError` for data that is not a
     /// policy.
     static NamedRuleset ofFile(
         std::string_view policyData, std::span<const NetworkFirewall::HostAddress> hosts);
 
-    /// What an applied list comes to.
+    /// What applying a list results in.
     static NamedRuleset ofList(
         std::vector<NetworkFirewall::FirewallNetworkPolicy> list,
         std::span<const NetworkFirewall::HostAddress> hosts);

@@ -292,13 +292,16 @@ void printText(
     std::ostream& output,
     const FirewallStatus* before,
     double seconds) {
-    output << (!status.enabled   ? "Whether pf is on can't be told."
+    output << (!status.enabled   ? "It is unknown whether pf is on."
                : *status.enabled ? "pf is on."
                                  : "pf is off: nothing is enforced.")
-           << " The helper enforces " << counted(status.networks.size(), "network") << ".\n";
+           << (status.enabled == false && !status.networks.empty() ? " Rules are loaded for "
+                                                                   : " The helper enforces ")
+           << counted(status.networks.size(), "network") << ".\n";
     if (!status.networks.empty()) {
-        output << "The counters start at zero whenever the rules are loaded: at each apply and\n"
-                  "removal, and when the helper starts, which ends after two idle minutes.\n";
+        output
+            << "The counters start at zero whenever the rules are loaded: at each apply, at each\n"
+               "removal, and at each start of the helper, which ends after two idle minutes.\n";
     }
     for (std::size_t i = 0; i < status.networks.size(); ++i) {
         const auto& network = status.networks[i];

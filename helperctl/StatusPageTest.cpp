@@ -110,8 +110,8 @@ TEST(StatusPageTest, SaysWhatEachRuleHasDecided) {
     EXPECT_EQ(
         page(*status),
         "pf is on. The helper enforces 1 network.\n"
-        "The counters start at zero whenever the rules are loaded: at each apply and\n"
-        "removal, and when the helper starts, which ends after two idle minutes.\n"
+        "The counters start at zero whenever the rules are loaded: at each apply, at each\n"
+        "removal, and at each start of the helper, which ends after two idle minutes.\n"
         "\n"
         "Lab\\u001b[2J, 192.168.64.0/24, of root (uid 0)\n"
         "  from the machines\n"
@@ -167,9 +167,14 @@ TEST(StatusPageTest, SaysWhetherPfIsOn) {
     EXPECT_EQ(
         page(firewallStatus("== pf status ==\nStatus: Disabled" + end + empty, "", {}).value()),
         "pf is off: nothing is enforced. The helper enforces 0 networks.\n");
+    auto off = firewallStatus(report(), ruleset, store()).value();
+    off.enabled = false;
+    EXPECT_THAT(
+        page(off),
+        testing::StartsWith("pf is off: nothing is enforced. Rules are loaded for 1 network.\n"));
     const auto unknown =
         firewallStatus("== pf status ==\n" + end + "pfctl: Permission denied", "", {}).value();
-    EXPECT_EQ(page(unknown), "Whether pf is on can't be told. The helper enforces 0 networks.\n");
+    EXPECT_EQ(page(unknown), "It is unknown whether pf is on. The helper enforces 0 networks.\n");
     EXPECT_THAT(unknown.others, ElementsAre("pfctl: Permission denied"));
     EXPECT_EQ(firewallStatus("the result", "", {}), std::nullopt);
 }

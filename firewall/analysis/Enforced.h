@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What an applied list would come to on one machine: which of its networks are enforced, and in
+// What applying a list results in on one machine: which of its networks are enforced, and in
 // which order the anchor has them. The helper's own review decides.
 
 #pragma once

@@ -14,7 +14,7 @@
 
 namespace tarnvale::FirewallAnalysis {
 
-/// Why a text is no packet; what() is a whole sentence.
+/// Why a text isn't a packet; what() is a whole sentence.
 class PacketError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -440,7 +440,7 @@ private:
         if (listsRules_ || std::filesystem::exists("/sys/module/nf_tables")) {
             ok("nf_tables", "The kernel has it.");
         } else {
-            unknown("nf_tables", "It is not loaded; the first load of rules loads it.");
+            unknown("nf_tables", "Only root can ask the kernel for it.");
         }
         if (std::filesystem::exists("/proc/sys/net/netfilter/nf_conntrack_max")) {
             ok("conntrack", "The kernel tracks connections.");

@@ -14,17 +14,11 @@
 #include "firewall/policy/Addresses.h"
 #include "firewall/policy/Problems.h"
 #include "helperctl/Answer.h"
-#include "support/JsonWriter.h"
-#include "support/Text.h"
 
 namespace tarnvale::helperctl {
 namespace {
 
 using NetworkFirewall::HostAddress;
-
-std::string jsonText(const std::string& text) {
-    return support::encodeJson(support::repairedUtf8(text), support::JsonForm::compact);
-}
 
 std::string textOf(const support::Uuid& uuid) {
     std::string text;
@@ -90,10 +84,11 @@ public:
     std::string take() { return text_.empty() ? text_ : text_ + "\n]"; }
 
 private:
+    /// No value has a character that JSON escapes: they are ours, or a bridge's name.
     void member(
         std::size_t indent, const char* key, const std::string& value, bool isLast = false) {
-        text_.append(indent, ' ').append("\"").append(key).append("\": ");
-        text_.append(jsonText(value)).append(isLast ? "\n" : ",\n");
+        text_.append(indent, ' ').append("\"").append(key).append("\": \"").append(value);
+        text_.append(isLast ? "\"\n" : "\",\n");
     }
 
     void addRule(

@@ -75,7 +75,7 @@ TEST(InitTest, ExplainsItself) {
         "    \"comment\": \"The name is for people, the networkID for Tarnvale.\",\n"
         "    \"networkID\": \"00000000-0000-0000-0000-000000000001\",\n"
         "    \"name\": \"Network of bridge100\",\n"
-        "    \"subnetCIDR\": \"192.168.64.0\\/24\",\n"
+        "    \"subnetCIDR\": \"192.168.64.0/24\",\n"
         "    \"gatewayIPv4\": \"192.168.64.1\",\n"
         "    \"dnsProxyEnabled\": true,\n"
         "    \"policy\": {\n"

@@ -770,7 +770,7 @@ TEST(HelperctlAloneTest, PrintsAPolicyToStartFrom) {
     ASSERT_EQ(run({"/sbin/ip", "address", "add", "192.168.66.1/24", "dev", "bridge100"}).status, 0);
     const auto policy = runUnsigned({"init"});
     EXPECT_EQ(policy.status, 0) << policy.error;
-    EXPECT_THAT(policy.output, HasSubstr("\"subnetCIDR\": \"192.168.66.0\\/24\",\n"));
+    EXPECT_THAT(policy.output, HasSubstr("\"subnetCIDR\": \"192.168.66.0/24\",\n"));
     EXPECT_EQ(run({unsignedProgram, "validate", "-"}, policy.output).status, 0);
 }
 

@@ -125,6 +125,7 @@ TEST(DifferencesTest, JoinAndPartRegionsAsFacesDo) {
     EXPECT_EQ(regions({true, false, true, true, true, true}), "anywhere");
     EXPECT_EQ(regions({false, false, true, true, true, false}), "10.0.0.0/8");
     EXPECT_EQ(regions({true, false, true, false, true, true}), "anywhere but 10.1.0.0/16");
+    EXPECT_EQ(regions({true, false, false, false, true, true}), "anywhere but 10.0.0.0/9");
     EXPECT_EQ(regions({true, false, false, false, false, true}), "anywhere but 10.0.0.0/8");
     EXPECT_EQ(
         regions({true, false, false, true, false, false}),

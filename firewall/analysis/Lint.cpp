@@ -12,6 +12,7 @@
 
 #include "firewall/analysis/Effects.h"
 #include "firewall/analysis/Faces.h"
+#include "firewall/analysis/NetworkReach.h"
 #include "firewall/analysis/Words.h"
 #include "firewall/policy/Problems.h"
 #include "support/Text.h"
@@ -435,6 +436,49 @@ private:
     std::vector<std::size_t> idle_;  ///< the numbers of the idle rules, in order
 };
 
+/// Notes which networks' machines others may open connections to. Of networks that overlap, it says
+/// nothing.
+void lookAtReach(
+    const EnforcedList& list, const Overlaps& overlaps, std::vector<Finding>& findings) {
+    const NetworkReach reach(list.ruleset);
+    std::vector<std::size_t> apart;
+    std::vector<std::size_t> senders;
+    for (std::size_t network = 0; network < list.places.size(); ++network) {
+        if (overlaps.of(network).empty()) {
+            apart.push_back(network);
+        }
+    }
+    std::ranges::copy_if(
+        apart, std::back_inserter(senders), [&](std::size_t i) { return reach.mayReach(i); });
+    for (const std::size_t to : apart) {
+        std::vector<std::string> names;
+        for (const std::size_t from : senders) {
+            if (names.size() > maxNamed || !reach.mayBeReached(to)) {
+                break;
+            }
+            if (from != to && reach.reaches(from, to)) {
+                names.push_back(inQuotes(list.networks[list.places[from]].policy.name));
+            }
+        }
+        if (names.size() > maxNamed) {
+            names.resize(maxNamed - 1);
+            names.emplace_back("others");
+        }
+        if (!names.empty()) {
+            findings.push_back(
+                {.code = "reachable",
+                 .severity = Severity::note,
+                 .network = list.places[to],
+                 .ruleNumber = 0,
+                 .member = "policy",
+                 .message = "Machines of " + joined(names) +
+                            " may open connections to its machines: the rules of both sides pass "
+                            "some. They do so even where macOS itself keeps networks apart, whose "
+                            "rules come later."});
+        }
+    }
+}
+
 /// Whether some line of the network blocks.
 bool blocksAnything(const NetworkLines& network) {
     return std::ranges::any_of(network.lines, [](const Line& line) { return !line.passes; });
@@ -482,6 +526,11 @@ std::vector<Finding> lint(const EnforcedList& list) {
             std::make_move_iterator(found.begin()),
             std::make_move_iterator(found.end()));
     }
+    lookAtReach(list, overlaps, findings);
+    const auto order = [](const Finding& finding) {
+        return std::pair(finding.network, finding.ruleNumber);
+    };
+    std::ranges::stable_sort(findings, {}, order);
     return findings;
 }
 

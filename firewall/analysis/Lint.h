@@ -46,6 +46,7 @@ inline constexpr std::array findingCodes{
     "own-subnet",
     "ports-ignored",
     "host-bits",
+    "reachable",
     "ipv6"};
 
 /// The findings, ordered by network and rule.

@@ -228,9 +228,39 @@ TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
     EXPECT_THAT(found({unknown}), IsEmpty());
 }
 
+TEST(LintTest, SaysWhichNetworksMayReachEachOther) {
+    const auto made = [](const char* name, int number, Action inbound) {
+        auto network = lab();
+        network.name = name;
+        network.subnetCIDR = "192.168." + std::to_string(number) + ".0/24";
+        network.gatewayIPv4 = "192.168." + std::to_string(number) + ".1";
+        network.policy.defaultInbound = inbound;
+        return network;
+    };
+    const auto note = [](const char* place, const std::string& names) {
+        return "note [" + std::string(place) + "] policy (reachable): Machines of " + names +
+               " may open connections to its machines: the rules of both sides pass some. They do "
+               "so even where macOS itself keeps networks apart, whose rules come later.";
+    };
+
+    const auto open = made("Lab", 64, Action::allow);
+    auto closed = made("Office", 65, Action::deny);
+    EXPECT_THAT(found({open, closed}), ElementsAre(note("0", "\"Office\"")));
+    closed.policy.rules = {outbound(Action::deny, Proto::any, "192.168.64.0/24")};
+    EXPECT_THAT(found({open, closed}), IsEmpty());
+    std::vector<FirewallNetworkPolicy> many{open};
+    for (int i = 0; i < 6; ++i) {
+        many.push_back(made("Office", 70 + i, Action::deny));
+    }
+    EXPECT_THAT(
+        found(many),
+        ElementsAre(note("0", "\"Office\", \"Office\", \"Office\", \"Office\" and others")));
+}
+
 TEST(LintTest, SaysOnceThatIPv6MeetsNoRule) {
     auto deny = lab();
     deny.policy.defaultInbound = Action::deny;
+    deny.policy.defaultOutbound = Action::deny;
     auto second = deny;
     second.subnetCIDR = "192.168.65.0/24";
     second.gatewayIPv4 = "192.168.65.1";

@@ -115,6 +115,25 @@ TEST(ListingTest, ReadsEveryLineThatAPolicyGives) {
     EXPECT_GT(lines, 1'000U);
 }
 
+TEST(ListingTest, TellsLinesApartByAllThatTheyDo) {
+    const auto line = [](const char* text) { return readListedLine(text).value().line; };
+    const Line web =
+        line("pass in quick inet proto tcp from 192.168.64.0/24 to 10.0.0.0/8 port = 80");
+
+    Line sameOfARule = web;
+    sameOfARule.ruleNumber = 7;
+    EXPECT_TRUE(sameEffect(web, sameOfARule));
+    for (const char* const other :
+         {"block drop in quick inet proto tcp from 192.168.64.0/24 to 10.0.0.0/8 port = 80",
+          "pass out quick inet proto tcp from 10.0.0.0/8 to 192.168.64.0/24 port = 80",
+          "pass in quick inet proto udp from 192.168.64.0/24 to 10.0.0.0/8 port = 80",
+          "pass in quick inet proto tcp from 192.168.64.0/24 to 10.0.0.0/9 port = 80",
+          "pass in quick inet proto tcp from 192.168.64.0/24 to 10.0.0.0/8 port 80:81",
+          "pass in quick inet proto tcp from 192.168.64.0/24 to 10.0.0.0/8"}) {
+        EXPECT_FALSE(sameEffect(web, line(other))) << other;
+    }
+}
+
 TEST(ListingTest, ReadsAReport) {
     const auto listing = readReport(
         "== pf status ==\n"

@@ -101,12 +101,32 @@ bool holds(const Passage& passage, Kind kind, std::uint16_t port) {
         [&](const PortRange& range) { return range.contains(port); });
 }
 
+/// Each party's member is an address that no narrower one has.
+void expectOwnMembers(const std::vector<Party>& all) {
+    for (const Party& party : all) {
+        EXPECT_TRUE(party.prefix.contains(party.member));
+        for (const Party& other : all) {
+            EXPECT_FALSE(
+                other.sort != Party::Sort::host && party.sort != Party::Sort::host &&
+                other.prefix != party.prefix && party.prefix.contains(other.prefix) &&
+                other.prefix.contains(party.member));
+        }
+    }
+}
+
 TEST(ReachTest, AgreesWithTheVerdictOnAnyPacket) {
     test::RandomPolicies random(8);
     std::size_t compared = 0;
     for (int i = 0; i < 250; ++i) {
-        const Ruleset ruleset = enforcedList(random.networks(5), {}).ruleset;
+        auto networks = random.networks(5);
+        for (FirewallNetworkPolicy& network : networks) {
+            network.policy.rules.push_back(random.rule());
+            network.policy.rules.back().remoteCIDR =
+                random.oneOf<std::string>({"10.0.0.0/8", "10.0.0.0/9", "10.0.0.0/30", "0.0.0.0/5"});
+        }
+        const Ruleset ruleset = enforcedList(networks, {}).ruleset;
         const auto all = parties(ruleset);
+        expectOwnMembers(all);
         for (const Party& from : all) {
             for (const Party& to : all) {
                 const auto found = reach(ruleset, from, to);

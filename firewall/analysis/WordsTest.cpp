@@ -51,6 +51,19 @@ TEST(WordsTest, SayWhatARuleSays) {
     }
 }
 
+TEST(WordsTest, SayPortsByThoseThatAreMissing) {
+    const auto ofTcp = [](std::vector<PortRange> ports) {
+        return words(Kinds{Kind::tcp}, ports, FirewallAnalysis::Direction::in);
+    };
+
+    EXPECT_EQ(ofTcp({{}}), "tcp");
+    EXPECT_EQ(ofTcp({{.first = 0, .last = 21}}), "tcp 0-21");
+    EXPECT_EQ(ofTcp({{.first = 23, .last = 65535}}), "tcp 23-65535");
+    EXPECT_EQ(
+        ofTcp({{.first = 0, .last = 21}, {.first = 23, .last = 24}, {.first = 30, .last = 65535}}),
+        "tcp (all ports but 22 and 25-29)");
+}
+
 TEST(WordsTest, SayPorts) {
     EXPECT_EQ(words(PortRange{.first = 22, .last = 22}), "22");
     EXPECT_EQ(words(PortRange{.first = 22, .last = 23}), "22-23");

@@ -58,6 +58,9 @@ warnings: something does less than it says
 notes
   off, disabled    of a network or a rule: it isn't enforced
   host-bits        10.0.0.7/8 means all of 10.0.0.0/8
+  reachable        machines of other networks may open connections to it; the
+                   rules come before those by which newer versions of macOS
+                   keep virtual networks apart
   ipv6             no rule is about IPv6
 
 Exit status 1: there is an error or a warning.

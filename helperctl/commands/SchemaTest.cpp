@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "firewall/policy/PolicyJson.h"
@@ -33,7 +34,7 @@ public:
     explicit Documents(std::uint32_t seed) : random_(seed) {}
 
     std::string next() {
-        return maybe("[" + several([this] { return network(); }) + "]", "{}");
+        return maybe("[" + several([this] { return maybe(network(), "null"); }) + "]", "{}");
     }
 
 private:
@@ -128,7 +129,7 @@ private:
             {member("enabled", boolean()),
              member("defaultInbound", word({"allow", "deny"})),
              member("defaultOutbound", word({"allow", "deny"})),
-             member("rules", "[" + several([this] { return rule(); }) + "]")});
+             member("rules", "[" + several([this] { return maybe(rule(), "null"); }) + "]")});
     }
 
     std::string network() {
@@ -184,6 +185,7 @@ TEST(SchemaTest, TakesWhatTheHelperReads) {
     }
     EXPECT_GT(accepted, 2'000U);
     EXPECT_LT(accepted, 8'000U);
+    EXPECT_THAT(test::untriedConstraints("policy", documents), testing::IsEmpty());
 }
 
 }  // namespace

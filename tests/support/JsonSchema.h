@@ -16,7 +16,12 @@ namespace tarnvale::test {
 std::vector<std::string> judgedBySchema(
     std::string_view schema, const std::vector<std::string>& documents);
 
-/// The same for one document, which may end in a line feed.
+/// The constraints of the schema of which none of the documents shows what for: without one, the
+/// schema would judge each document as it does. By their paths in the schema.
+std::vector<std::string> untriedConstraints(
+    std::string_view schema, const std::vector<std::string>& documents);
+
+/// `judgedBySchema` for one document, which may end in a line feed.
 std::string judgedBySchema(std::string_view schema, std::string_view document);
 
 }  // namespace tarnvale::test

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,32 @@ TEST(ReachTest, SaysWhoReachesWhom) {
     EXPECT_THAT(
         reach(ruleset, all[0], *office)->rules,
         ElementsAre(RuleOfNetwork{.network = 0, .number = 2}));
+}
+
+TEST(ReachTest, KnowsTheHostByItsAddressInEachNetwork) {
+    FirewallNetworkPolicy lab;
+    lab.subnetCIDR = "192.168.64.0/24";
+    lab.gatewayIPv4 = "192.168.64.1";
+    lab.policy.enabled = true;
+    lab.policy.rules.resize(1);
+    lab.policy.rules[0].direction = NetworkFirewall::FirewallRule::Direction::outbound;
+    lab.policy.rules[0].action = NetworkFirewall::FirewallRule::Action::deny;
+    lab.policy.rules[0].enabled = true;
+    lab.policy.rules[0].remoteCIDR = "192.168.64.1";
+    lab.policy.rules[0].ports = "";
+    FirewallNetworkPolicy other;
+    other.subnetCIDR = "192.168.65.0/24";
+    other.gatewayIPv4 = "192.168.65.1";
+    other.policy.enabled = true;
+    const Ruleset ruleset = enforcedList({lab, other}, {}).ruleset;
+
+    const auto all = parties(ruleset);
+
+    std::vector<std::string> names;
+    std::ranges::transform(all, std::back_inserter(names), nameOf);
+    EXPECT_THAT(names, ElementsAre("network 0", "network 1", "host", "elsewhere"));
+    EXPECT_EQ(words(reach(ruleset, all[0], all[2])->passage), "nothing");
+    EXPECT_EQ(words(reach(ruleset, all[1], all[2])->passage), "everything");
 }
 
 TEST(ReachTest, SaysTheShorterOfWhatPassesAndWhatDoesNot) {

@@ -2,6 +2,7 @@
 //
 // tarnvale-helperctl as it is shipped, signed or not, and the helper that it asks.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "support/Text.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/JsonSchema.h"
 #include "tests/support/PolicyText.h"
@@ -27,6 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using testing::AllOf;
 using testing::Contains;
 using testing::EndsWith;
@@ -207,6 +210,118 @@ TEST_F(HelperctlTest, ShowsWhoReachesWhomUnderTheRulesInForce) {
     ASSERT_EQ(ctl({"remove"}).status, 0);
     EXPECT_THAT(
         ctl({"matrix", "--live"}), Prints(0, "No network is enforced: everything passes.\n"));
+}
+
+/// Networks with names of which one is longer than a line, under rules that lint has something to
+/// say about.
+std::string policyWithLongNames() {
+    std::vector<NetworkText> networks;
+    for (const std::string& name :
+         {std::string("Development department, second floor, room 204, behind the kitchen"),
+          std::string(200, 'W')}) {
+        networks.push_back(
+            {.number = 64 + static_cast<int>(networks.size()),
+             .name = name,
+             .rules = {
+                 {.ports = "22"},
+                 {.remoteCIDR = "198.51.100.0/24", .ports = "8000-8080", .proto = "any"},
+                 {.remoteCIDR = "198.51.100.0/25", .ports = "8000", .proto = "any"},
+                 {.ports = "67", .direction = "outbound", .action = "deny", .proto = "udp"},
+                 {.remoteCIDR = "10.0.0", .direction = "outbound", .action = "deny"}}});
+    }
+    return policyText(networks);
+}
+
+/// Lines that quote what others wrote: pf's, and those that begin with a place in a file.
+bool isQuoted(std::string_view line) {
+    line.remove_prefix(std::min(line.find_first_not_of(" +-"), line.size()));
+    return line.starts_with("pass ") || line.starts_with("block ") || line.starts_with("/tmp/");
+}
+
+TEST_F(HelperctlTest, PrintsLinesOfAtMost80Columns) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    const std::string named = "/tmp/named.json";
+    put(named, policyWithLongNames());
+    ASSERT_EQ(ctl({"apply", named}).status, 0);
+    const std::string packet = "tcp 192.168.64.2 -> 192.168.65.2:443";
+
+    for (const Words& words : std::vector<Words>{
+             {"validate", named},
+             {"lint", named},
+             {"matrix", named},
+             {"matrix", "--live"},
+             {"diff", labPath, named},
+             {"diff", labPath},
+             {"explain", named, packet},
+             {"explain", named, "udp 192.168.65.2:68 -> 255.255.255.255:67"},
+             {"explain", "--live", packet},
+             {"status"},
+             {"doctor"},
+             {"help"},
+             {"help", "apply"},
+             {"no-such-command"},
+             {"apply", "/no/such/file"}}) {
+        const auto finished = ctl(words);
+        for (const std::string_view text : {finished.output, finished.error}) {
+            // What the helper reports comes as it is.
+            for (const auto line : support::split(text.substr(0, text.find("\n== pf")), '\n')) {
+                EXPECT_TRUE(line.size() <= 80 || isQuoted(line)) << words[0] << ": " << line;
+            }
+        }
+    }
+}
+
+TEST_F(HelperctlTest, PaintsTerminalsOnlyAndOnlyWhereColourIsWanted) {
+    const Service service;
+    const std::string named = "/tmp/named.json";
+    put(named, policyWithLongNames());
+    const std::string inTerminal =
+        "/usr/bin/python3 -c 'import pty, sys; pty.spawn(sys.argv[1:])' \"$0\" ";
+
+    for (const std::string& words :
+         {"matrix "s + named,
+          "lint " + named,
+          "validate " + named,
+          "diff "s + labPath + " " + named,
+          "doctor"s,
+          "log"s}) {
+        constexpr const char* escape = "\033";
+        EXPECT_THAT(shell("TERM=xterm " + inTerminal + words).output, HasSubstr(escape)) << words;
+        EXPECT_THAT(
+            shell("NO_COLOR=1 TERM=xterm " + inTerminal + words).output, Not(HasSubstr(escape)))
+            << words;
+        EXPECT_THAT(shell("TERM=dumb " + inTerminal + words).output, Not(HasSubstr(escape)))
+            << words;
+        EXPECT_THAT(shell("TERM=xterm \"$0\" " + words).output, Not(HasSubstr(escape))) << words;
+    }
+}
+
+TEST_F(HelperctlTest, PrintsResultsApartFromTalk) {
+    const std::string faulty = "/tmp/faulty.json";
+    put(faulty, policyWithLongNames());
+
+    const auto linted = runUnsigned({"lint", faulty});
+    EXPECT_THAT(linted.output, StartsWith(faulty + ":1:"));
+    EXPECT_EQ(linted.error, "2 errors, 4 warnings, 3 notes.\n");
+    const auto valid = runUnsigned({"validate", labPath});
+    EXPECT_EQ(valid.output, "");
+    EXPECT_EQ(valid.error, "No problem: 1 network, 2 rules.\n");
+    EXPECT_EQ(runUnsigned({"matrix", faulty}).error, "");
+    EXPECT_EQ(runUnsigned({"diff", faulty, labPath}).error, "");
+    EXPECT_EQ(runUnsigned({"schema"}).error, "");
+    EXPECT_EQ(runUnsigned({"help"}).error, "");
+    EXPECT_EQ(runUnsigned({"--version"}).error, "");
+    for (const Words& words : std::vector<Words>{
+             {"lint", "/no/such/file"},
+             {"matrix", "/no/such/file"},
+             {"explain", labPath, "tcp"},
+             {"explain", "--live", "icmp 192.168.64.2 -> 10.1.2.3"},
+             {"stauts"}}) {
+        const auto failed = runUnsigned(words);
+        EXPECT_EQ(failed.output, "") << words[0];
+        EXPECT_NE(failed.error, "") << words[0];
+    }
 }
 
 TEST_F(HelperctlTest, SendsTheFileAsItIs) {

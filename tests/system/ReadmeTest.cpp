@@ -2,6 +2,7 @@
 //
 // What newcomers try first: the README's walk through a request, typed as it says, and the demo.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -63,6 +64,41 @@ std::vector<std::string> walkBlocks() {
         inBlock = line.starts_with(indent);
     }
     return blocks;
+}
+
+/// A command that the README shows, and what it prints there.
+struct ShownCommand {
+    std::string command;
+    std::string output;
+};
+
+/// The commands behind "$" in indented blocks.
+std::vector<ShownCommand> shownCommands() {
+    constexpr std::string_view indent = "    ";
+    constexpr std::string_view prompt = "    $ ";
+    const std::string readme = contentOf(std::string(sourceFolder) + "README.md");
+    std::vector<ShownCommand> commands;
+    bool isOutput = false;
+    for (const auto line : support::split(readme, '\n')) {
+        if (line.starts_with(prompt)) {
+            commands.push_back({.command = std::string(line.substr(prompt.size())), .output = {}});
+            isOutput = true;
+        } else if (isOutput && (line.empty() || line.starts_with(indent))) {
+            commands.back().output +=
+                std::string(line.substr(std::min(indent.size(), line.size()))) + "\n";
+        } else {
+            isOutput = false;
+        }
+    }
+    for (auto& [command, output] : commands) {
+        output.erase(output.find_last_not_of('\n') + 2);
+    }
+    return commands;
+}
+
+/// The text with another in one place.
+std::string replaced(std::string text, std::string_view from, std::string_view to) {
+    return text.replace(text.find(from), from.size(), to);
 }
 
 /// The number of the first process of that program; nothing when none runs.
@@ -191,6 +227,33 @@ TEST_F(ReadmeTest, TheWalkThroughARequestGoesAsItSays) {
                                        : "Only an administrator of this Mac can make this change "
                                          "through Tarnvale's helper.\n"));
     EXPECT_THAT(walked.output, isTheWalks());
+}
+
+TEST_F(ReadmeTest, TheToolPrintsWhatTheReadmeShows) {
+    layOutTheWalk();
+    const auto lab = contentOf(std::string(sourceFolder) + "examples/lab.json");
+    put(fs::path(walkFolder) / "lab.json",
+        replaced(replaced(lab, "\"tcp\"", "\"TCP\""), "10.0.0.0/8", "10.0.0/8"));
+
+    std::vector<std::string> seen;
+    for (const auto& [command, output] : shownCommands()) {
+        const auto printed = paste({"/bin/sh"}, command).output;
+        const std::string name = command.substr(0, command.find(' ', command.find(' ') + 1));
+        seen.push_back(name);
+        if (name == "build/bin/tarnvale-helperctl doctor") {
+            EXPECT_THAT(printed, HasSubstr(output));  // the first of its problems
+        } else {
+            EXPECT_EQ(printed, output) << command;
+        }
+    }
+
+    EXPECT_THAT(
+        seen,
+        testing::ElementsAre(
+            "build/bin/tarnvale-helperctl explain",
+            "build/bin/tarnvale-helperctl matrix",
+            "build/bin/tarnvale-helperctl validate",
+            "build/bin/tarnvale-helperctl doctor"));
 }
 
 TEST_F(ReadmeTest, AnOrdinaryUserCanWalkToo) {

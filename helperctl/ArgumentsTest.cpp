@@ -250,9 +250,6 @@ TEST(ArgumentsTest, HelpsWithEachCommand) {
             EXPECT_TRUE(form.help.ends_with(".\n")) << form.words;
             EXPECT_THAT(std::string(helpText), HasSubstr(form.words)) << form.words;
         }
-        for (const auto line : support::split(helpFor(form), '\n')) {
-            EXPECT_LE(columnsOf(line), pageWidth) << line;
-        }
         for (const auto& option : form.options) {
             EXPECT_THAT(std::string(form.help), HasSubstr(option.name)) << form.words;
         }

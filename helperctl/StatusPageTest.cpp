@@ -180,8 +180,8 @@ TEST(StatusPageTest, SaysWhetherPfIsOn) {
 }
 
 TEST(StatusPageTest, FitsATerminal) {
-    const auto status = firewallStatus(report(), ruleset, store()).value();
-    for (const auto line : support::split(page(status), '\n')) {
+    const auto text = page(firewallStatus(report(), ruleset, store()).value());
+    for (const auto line : support::split(text, '\n')) {
         EXPECT_LE(columnsOf(line), pageWidth) << line;
     }
 }

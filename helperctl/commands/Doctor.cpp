@@ -185,10 +185,17 @@ private:
             unknown("main ruleset", "pfctl doesn't list it.");
             return;
         }
+        constexpr std::string_view anchor = "anchor \"com.apple/*\"";
         std::string quick;
         for (const auto line : support::split(listing.standardOutput, '\n')) {
-            if (line.starts_with("anchor \"com.apple/*\"")) {
-                if (quick.empty()) {
+            if (line.starts_with(anchor)) {
+                const auto condition = support::trimWhitespace(line.substr(anchor.size()));
+                if (!condition.empty() && condition != "all") {
+                    problem(
+                        "main ruleset",
+                        "It leads only some packets to the helper's anchor: " + std::string(line),
+                        "Load the system's own rules again: sudo pfctl -f /etc/pf.conf.");
+                } else if (quick.empty()) {
                     ok("main ruleset", "It leads to the helper's anchor.");
                 } else {
                     problem(

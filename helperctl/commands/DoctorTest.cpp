@@ -228,6 +228,13 @@ TEST_F(DoctorTest, NoticesThatTheMainRulesetWasReplaced) {
         found("main ruleset"),
         HasSubstr("problem: A line before the helper's anchor decides first: pass quick on lo0"));
 
+    test::ScriptedPfctl narrowed;
+    narrowed.answer("-sr", R"(printf 'anchor "com.apple/*" on en0 all\n')");
+    EXPECT_THAT(
+        found("main ruleset"),
+        HasSubstr("problem: It leads only some packets to the helper's anchor: anchor "
+                  "\"com.apple/*\" on en0 all"));
+
     test::ScriptedPfctl linux;
     linux.answer("-sr", "echo 'pfctl: an anchor is needed' >&2; exit 1");
     EXPECT_EQ(found("main ruleset"), "nothing");

@@ -46,6 +46,13 @@ void tidy(PortRanges& ranges) {
     ranges = std::move(joined);
 }
 
+/// Whether a prefix has addresses of any of some disjoint subnets, which are in order.
+bool meetsAny(const std::vector<AddressRange>& subnets, const AddressRange& prefix) {
+    const auto next = std::ranges::upper_bound(subnets, prefix.first, {}, &AddressRange::first);
+    return (next != subnets.end() && next->first <= prefix.last) ||
+           (next != subnets.begin() && (next - 1)->contains(prefix.first));
+}
+
 std::size_t placeOf(Direction direction) {
     return static_cast<std::size_t>(direction);
 }
@@ -53,12 +60,18 @@ std::size_t placeOf(Direction direction) {
 }  // namespace
 
 NetworkReach::NetworkReach(const Ruleset& ruleset) : ruleset_(ruleset) {
+    std::vector<AddressRange> subnets;
+    for (const NetworkLines& network : ruleset.networks) {
+        subnets.push_back(network.subnet);
+    }
+    std::ranges::sort(subnets, {}, &AddressRange::first);
     ends_.resize(ruleset.networks.size());
     for (std::size_t network = 0; network < ends_.size(); ++network) {
         const NetworkLines& own = ruleset.networks[network];
         for (const Line& line : own.lines) {
             End& end = ends_[network].at(placeOf(line.direction));
-            if (line.origin == Line::Origin::dhcp || own.subnet.contains(line.remote)) {
+            if (line.origin == Line::Origin::dhcp || own.subnet.contains(line.remote) ||
+                !meetsAny(subnets, line.remote)) {
                 continue;
             }
             end.passes = end.passes || line.passes;

@@ -16,11 +16,11 @@ namespace tarnvale::FirewallAnalysis {
 
 class NetworkReach {
 public:
-    /// The ruleset must outlive it.
+    /// The ruleset must outlive it. Of networks whose subnets overlap another's, it knows nothing.
     explicit NetworkReach(const Ruleset& ruleset);
 
     /// Whether some packet from a machine of one network to one of the other passes the lines of
-    /// both. DHCP isn't looked at. Their subnets must not overlap.
+    /// both. DHCP isn't looked at.
     bool reaches(std::size_t from, std::size_t to) const;
 
     /// False if no other network's machines reach it, whoever they are.
@@ -33,7 +33,7 @@ private:
     /// Of one network, the lines of one direction.
     struct End {
         Passage usual;                      ///< with remotes that no prefix tells apart
-        std::vector<AddressRange> unusual;  ///< the prefixes of the other lines
+        std::vector<AddressRange> unusual;  ///< the prefixes of others, with machines in them
         bool passes = false;                ///< whether a line passes anything
     };
 

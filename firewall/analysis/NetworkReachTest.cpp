@@ -30,10 +30,11 @@ FirewallRule crowdedRule(test::RandomPolicies& random) {
          "192.168.64.8/29",
          "192.168.64.16/29",
          "192.168.64.8/30",
+         "192.168.64.12/30",
          "192.168.64.9",
          "192.168.64.10",
          "192.168.64.23"});
-    rule.ports = random.oneOf<std::string>({"", "22", "22-23", "23"});
+    rule.ports = random.oneOf<std::string>({"", "21", "22", "22-23", "23"});
     return rule;
 }
 
@@ -100,6 +101,50 @@ TEST(NetworkReachTest, AgreesWithEveryPacketOfASmallUniverse) {
     }
     EXPECT_GT(reaching, compared / 4);
     EXPECT_LT(reaching, compared / 4 * 3);
+}
+
+FirewallRule outbound(FirewallRule::Action action, const char* remote, const char* ports) {
+    return {
+        .id = {},
+        .enabled = true,
+        .direction = FirewallRule::Direction::outbound,
+        .action = action,
+        .proto = FirewallRule::Proto::tcp,
+        .remoteCIDR = remote,
+        .ports = ports};
+}
+
+/// Whether machines of 192.168.64.0/24 reach 192.168.65.0/24, whose machines take tcp 22.
+bool reachesTheOther(const std::vector<FirewallRule>& rules) {
+    std::vector<FirewallNetworkPolicy> networks(2);
+    for (FirewallNetworkPolicy& network : networks) {
+        network.policy.enabled = true;
+        network.policy.defaultInbound = FirewallRule::Action::deny;
+        network.policy.defaultOutbound = FirewallRule::Action::deny;
+    }
+    networks[0].subnetCIDR = "192.168.64.0/24";
+    networks[0].policy.rules = rules;
+    networks[1].subnetCIDR = "192.168.65.0/24";
+    networks[1].policy.rules = {outbound(FirewallRule::Action::allow, "any", "22")};
+    networks[1].policy.rules[0].direction = FirewallRule::Direction::inbound;
+    const Ruleset ruleset = enforcedList(networks, {}).ruleset;
+    return NetworkReach(ruleset).reaches(0, 1);
+}
+
+TEST(NetworkReachTest, LooksAtWhatNarrowerPrefixesLeave) {
+    constexpr auto allow = FirewallRule::Action::allow;
+    constexpr auto deny = FirewallRule::Action::deny;
+
+    EXPECT_TRUE(reachesTheOther({outbound(allow, "192.168.65.0/24", "")}));
+    EXPECT_TRUE(reachesTheOther(
+        {outbound(deny, "192.168.65.0/25", ""), outbound(allow, "192.168.65.0/24", "")}));
+    EXPECT_FALSE(reachesTheOther(
+        {outbound(deny, "192.168.65.0/25", ""),
+         outbound(deny, "192.168.65.128/25", ""),
+         outbound(allow, "192.168.65.0/24", "")}));
+    // The ports of one part come behind those of the next.
+    EXPECT_TRUE(reachesTheOther(
+        {outbound(allow, "192.168.65.0/25", "80"), outbound(allow, "192.168.65.128/25", "22")}));
 }
 
 TEST(NetworkReachTest, KnowsWhoIsOutOfReachAtOnce) {

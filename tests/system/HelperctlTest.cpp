@@ -276,8 +276,12 @@ TEST_F(HelperctlTest, PaintsTerminalsOnlyAndOnlyWhereColourIsWanted) {
     const Service service;
     const std::string named = "/tmp/named.json";
     put(named, policyWithLongNames());
+    const std::string plain = "\"$0\" ";
     const std::string inTerminal =
-        "/usr/bin/python3 -c 'import pty, sys; pty.spawn(sys.argv[1:])' \"$0\" ";
+        "/usr/bin/python3 -c 'import pty, sys; pty.spawn(sys.argv[1:])' " + plain;
+    const auto printed = [&](std::string line, const std::string& words) {
+        return shell(line.append(words)).output;
+    };
 
     for (const std::string& words :
          {"matrix "s + named,
@@ -286,14 +290,11 @@ TEST_F(HelperctlTest, PaintsTerminalsOnlyAndOnlyWhereColourIsWanted) {
           "diff "s + labPath + " " + named,
           "doctor"s,
           "log"s}) {
-        constexpr const char* escape = "\033";
-        EXPECT_THAT(shell("TERM=xterm " + inTerminal + words).output, HasSubstr(escape)) << words;
-        EXPECT_THAT(
-            shell("NO_COLOR=1 TERM=xterm " + inTerminal + words).output, Not(HasSubstr(escape)))
-            << words;
-        EXPECT_THAT(shell("TERM=dumb " + inTerminal + words).output, Not(HasSubstr(escape)))
-            << words;
-        EXPECT_THAT(shell("TERM=xterm \"$0\" " + words).output, Not(HasSubstr(escape))) << words;
+        const auto hasColour = HasSubstr("\033");
+        EXPECT_THAT(printed("TERM=xterm " + inTerminal, words), hasColour) << words;
+        EXPECT_THAT(printed("NO_COLOR=1 TERM=xterm " + inTerminal, words), Not(hasColour)) << words;
+        EXPECT_THAT(printed("TERM=dumb " + inTerminal, words), Not(hasColour)) << words;
+        EXPECT_THAT(printed("TERM=xterm " + plain, words), Not(hasColour)) << words;
     }
 }
 

@@ -20,26 +20,22 @@ void printProblems(const Answer& answer, std::ostream& output) {
     if (answer.refused && !answer.refused->empty()) {
         printHeading("Not enforced", output);
         for (const auto& network : *answer.refused) {
-            writeWrapped(
-                output, "• " + printable(network.name) + ": " + printable(network.problem), 0);
+            output << "• " << printable(network.name) << ": " << printable(network.problem) << '\n';
         }
     }
     if (answer.skippedRules && !answer.skippedRules->empty()) {
         printHeading("Rules skipped", output);
         for (const auto& network : *answer.skippedRules) {
-            writeWrapped(output, "• " + printable(network.name), 0);
+            output << "• " << printable(network.name) << '\n';
             for (const auto& rule : network.rules) {
-                writeWrapped(
-                    output,
-                    "rule " + std::to_string(rule.number) + ": " + printable(rule.problem),
-                    2);
+                output << "  rule " << rule.number << ": " << printable(rule.problem) << '\n';
             }
         }
     }
     if (answer.droppedClaims && !answer.droppedClaims->empty()) {
         printHeading("Left out", output);
         for (const auto& claim : *answer.droppedClaims) {
-            writeWrapped(output, "• " + printable(claim), 0);
+            output << "• " << printable(claim) << '\n';
         }
     }
 }

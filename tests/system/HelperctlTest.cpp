@@ -370,15 +370,8 @@ TEST_F(HelperctlTest, SaysWhichNetworksAreRefused) {
     EXPECT_THAT(
         preview.output,
         StartsWith(
-            "None of your networks has an enabled firewall.\n"
-            "\n"
-            "Not enforced:\n"
-            "• Lab: the subnet \"10.0.0.0/24\" isn't one macOS gives a virtual network (a /24\n"
-            "  such as 192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be keyed\n"
-            "  on it.\n"
-            "\n"
-            "Ruleset:\n"
-            "# Tarnvale network firewall — generated "));
+            "None of your networks has an enabled firewall.\n\nNot enforced:\n• Lab: " + problem +
+            "\n\nRuleset:\n# Tarnvale network firewall — generated "));
 }
 
 TEST_F(HelperctlTest, SaysWhichRulesAreSkipped) {
@@ -423,15 +416,9 @@ TEST_F(HelperctlTest, SaysWhyStoredNetworksAreNotEnforced) {
     EXPECT_THAT(
         status.output,
         HasSubstr(
-            "\n"
-            "\n"
-            "Not enforced:\n"
-            "• Lab: the subnet \"10.0.0.0/24\" isn't one macOS gives a virtual network (a /24\n"
-            "  such as 192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be keyed\n"
-            "  on it.\n"
-            "\n"
-            "Left out:\n"
-            "• "));
+            "\n\nNot enforced:\n• Lab: the subnet \"10.0.0.0/24\" isn't one macOS gives a virtual "
+            "network (a /24 such as 192.168.64.0/24, inside 192.168.0.0/16), so its rules can't be "
+            "keyed on it.\n\nLeft out:\n• "));
     EXPECT_THAT(
         ctl({"status", "--format", "json"}).output,
         HasSubstr(R"(,"refused":[{"name":"Lab","networkID":"00000000-0000-0000-0000-000000000064",)"

@@ -5,13 +5,11 @@
 // at the socket and in the log.
 
 #include <array>
-#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,6 +20,7 @@
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
+#include "tests/support/Disturbance.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Service.h"
@@ -206,27 +205,6 @@ TEST_F(ServiceAdmissionTest, ADeveloperIDSignedHelperServesOnlyItsLike) {
     expectRejected(clientProgram);
     expectRejected(lab.signedClient(applicationIdentifier, Chain::developerID()));
 }
-
-/// Changes a file again and again while it exists, and nothing in what it holds.
-class Disturbance {
-public:
-    explicit Disturbance(const std::string& path)
-        : thread_([this, path] {
-              while (!isOver_) {
-                  ::chmod(path.c_str(), 0755);
-              }
-          }) {}
-    Disturbance(const Disturbance&) = delete;
-    Disturbance& operator=(const Disturbance&) = delete;
-    ~Disturbance() {
-        isOver_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> isOver_ = false;
-    std::thread thread_;
-};
 
 TEST_F(ServiceAdmissionTest, ADisturbedDeveloperIDSignedHelperServesOnlyItsLike) {
     ServiceLab::trust({&lab.development, &lab.developerID});

@@ -4,7 +4,6 @@
 
 #include "platform/CodeSigning.h"
 
-#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -24,6 +23,7 @@
 
 #include "platform/linux/PeerProcess.h"
 #include "platform/linux/codesigning/RootsNotice.h"
+#include "tests/support/Disturbance.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/SigningLab.h"
 #include "tests/support/SkipReasons.h"
@@ -34,6 +34,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::Chain;
+using test::Disturbance;
 using test::SocketPeer;
 using testing::Eq;
 using testing::Optional;
@@ -317,31 +318,6 @@ TEST_F(CodeSigningTest, ChecksAFileAgainThatChangesDuringTheCheck) {
     }
 }
 
-/// Changes the client's file again and again while it exists.
-class Disturbance {
-public:
-    Disturbance() {
-        while (changes_ < 3) {
-            std::this_thread::yield();
-        }
-    }
-    Disturbance(const Disturbance&) = delete;
-    Disturbance& operator=(const Disturbance&) = delete;
-    ~Disturbance() {
-        isOver_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> isOver_ = false;
-    std::atomic<int> changes_ = 0;
-    std::thread thread_{[this] {
-        while (!isOver_) {
-            ::chmod(clientPath, ++changes_ % 2 == 0 ? 0755 : 0700);
-        }
-    }};
-};
-
 TEST_F(CodeSigningTest, SaysSoWhenAFileNeverStopsChanging) {
     writeProgram(
         clientPath, test::signedProgram(program + std::string(8 << 20, '\0'), identifier, chain));
@@ -349,7 +325,7 @@ TEST_F(CodeSigningTest, SaysSoWhenAFileNeverStopsChanging) {
     const auto process = PeerProcess::ofSocket(client.socket());
     {
         // How often the file changes depends on what else this machine does.
-        const Disturbance disturbance;
+        const Disturbance disturbance(clientPath);
         bool isDisturbed = false;
         for (int i = 0; i < 500 && !isDisturbed; ++i) {
             try {
@@ -366,7 +342,7 @@ TEST_F(CodeSigningTest, SaysSoWhenAFileNeverStopsChanging) {
     fs::rename("/tmp/forged", clientPath);
     const SocketPeer forger({clientPath, "1000"});
     const auto forged = PeerProcess::ofSocket(forger.socket());
-    const Disturbance disturbance;
+    const Disturbance disturbance(clientPath);
     EXPECT_FALSE(signing->guest(forged->peer())->isValid(anchored)) << "that is certain";
 }
 

@@ -14,6 +14,7 @@
 
 #include "firewall/analysis/Enforced.h"
 #include "firewall/analysis/Words.h"
+#include "tests/support/FirewallRule.h"
 #include "tests/support/PacketSamples.h"
 #include "tests/support/RandomPolicies.h"
 
@@ -24,19 +25,9 @@ using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::FirewallRule;
 using Action = FirewallRule::Action;
 using Proto = FirewallRule::Proto;
+using test::rule;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-FirewallRule rule(Action action, Proto proto, std::string remote, std::string ports = "") {
-    return {
-        .id = {},
-        .enabled = true,
-        .direction = FirewallRule::Direction::outbound,
-        .action = action,
-        .proto = proto,
-        .remoteCIDR = std::move(remote),
-        .ports = std::move(ports)};
-}
 
 NetworkLines network(std::vector<FirewallRule> rules, Action defaultOutbound = Action::allow) {
     FirewallNetworkPolicy made;

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "firewall/policy/AnchorText.h"
+#include "tests/support/FirewallRule.h"
 #include "tests/support/PacketSamples.h"
 #include "tests/support/RandomPolicies.h"
 
@@ -25,26 +26,16 @@ using Action = FirewallRule::Action;
 using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
 using Reason = IdleRule::Reason;
+using test::rule;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-FirewallRule outbound(Action action, Proto proto, std::string remote, std::string ports = "") {
-    return {
-        .id = {},
-        .enabled = true,
-        .direction = Direction::outbound,
-        .action = action,
-        .proto = proto,
-        .remoteCIDR = std::move(remote),
-        .ports = std::move(ports)};
-}
-
 FirewallRule allow(Proto proto, std::string remote, std::string ports = "") {
-    return outbound(Action::allow, proto, std::move(remote), std::move(ports));
+    return rule(Action::allow, proto, std::move(remote), std::move(ports));
 }
 
 FirewallRule deny(Proto proto, std::string remote, std::string ports = "") {
-    return outbound(Action::deny, proto, std::move(remote), std::move(ports));
+    return rule(Action::deny, proto, std::move(remote), std::move(ports));
 }
 
 /// Everything goes out but for the rules. Lines 0 and 1 are DHCP's; rules come from line 2 on.
@@ -273,7 +264,7 @@ private:
 
 /// Rules of a universe so small that they meet all the time.
 FirewallRule crowdedRule(test::RandomPolicies& random) {
-    return outbound(
+    return rule(
         random.chance(2) ? Action::allow : Action::deny,
         FirewallRule::allProtos.at(random.below(4)),
         random.oneOf<std::string>(

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/FirewallRule.h"
 #include "tests/support/RandomPolicies.h"
 
 namespace tarnvale::FirewallAnalysis {
@@ -21,20 +22,10 @@ using NetworkFirewall::HostAddress;
 using Action = FirewallRule::Action;
 using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
+using test::rule;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-FirewallRule outbound(Action action, Proto proto, std::string remote, std::string ports = "") {
-    return {
-        .id = {},
-        .enabled = true,
-        .direction = Direction::outbound,
-        .action = action,
-        .proto = proto,
-        .remoteCIDR = std::move(remote),
-        .ports = std::move(ports)};
-}
 
 /// Lab, where everything passes but for the rules.
 FirewallNetworkPolicy lab(std::vector<FirewallRule> rules = {}) {
@@ -68,9 +59,8 @@ std::vector<std::string> found(
 TEST(LintTest, FindsNothingWhereThereIsNothing) {
     EXPECT_THAT(found({}), IsEmpty());
     EXPECT_THAT(found({lab()}), IsEmpty());
-    EXPECT_THAT(found({lab({outbound(Action::deny, Proto::any, "10.0.0.0/8")})}), IsEmpty());
-    EXPECT_THAT(
-        found({lab({outbound(Action::deny, Proto::tcp, "192.168.64.1", "22")})}), IsEmpty());
+    EXPECT_THAT(found({lab({rule(Action::deny, Proto::any, "10.0.0.0/8")})}), IsEmpty());
+    EXPECT_THAT(found({lab({rule(Action::deny, Proto::tcp, "192.168.64.1", "22")})}), IsEmpty());
 }
 
 TEST(LintTest, SaysWhyANetworkIsNotEnforced) {
@@ -138,15 +128,15 @@ TEST(LintTest, LooksAtSubnetAndGateway) {
 }
 
 TEST(LintTest, FindsRulesThatAreNotWritten) {
-    auto disabled = outbound(Action::deny, Proto::any, "nowhere");
+    auto disabled = rule(Action::deny, Proto::any, "nowhere");
     disabled.enabled = false;
 
     EXPECT_THAT(
         found({lab(
             {disabled,
-             outbound(Action::deny, Proto::any, "10.0.0/8"),
-             outbound(Action::deny, Proto::tcp, "any", "0"),
-             outbound(Action::deny, Proto::icmp, "any", "x")})}),
+             rule(Action::deny, Proto::any, "10.0.0/8"),
+             rule(Action::deny, Proto::tcp, "any", "0"),
+             rule(Action::deny, Proto::icmp, "any", "x")})}),
         ElementsAre(
             "note [0] rule 1 enabled (disabled): It is off: nothing is enforced.",
             "error [0] rule 2 remoteCIDR (faulty): It is left out: \"10.0.0/8\" isn't an IPv4 "
@@ -159,10 +149,10 @@ TEST(LintTest, FindsRulesThatAreNotWritten) {
 TEST(LintTest, FindsRulesThatDoNothing) {
     EXPECT_THAT(
         found({lab(
-            {outbound(Action::deny, Proto::any, "10.0.0.7/8"),
-             outbound(Action::allow, Proto::tcp, "10.1.0.0/16", "22"),
-             outbound(Action::allow, Proto::tcp, "11.0.0.0/8"),
-             outbound(Action::deny, Proto::udp, "192.168.64.1", "53")})}),
+            {rule(Action::deny, Proto::any, "10.0.0.7/8"),
+             rule(Action::allow, Proto::tcp, "10.1.0.0/16", "22"),
+             rule(Action::allow, Proto::tcp, "11.0.0.0/8"),
+             rule(Action::deny, Proto::udp, "192.168.64.1", "53")})}),
         ElementsAre(
             "note [0] rule 1 remoteCIDR (host-bits): 10.0.0.7/8 means all of 10.0.0.0/8.",
             "warning [0] rule 2 (shadowed): It never decides: rule 1 (deny 10.0.0.7/8) comes first "
@@ -174,37 +164,37 @@ TEST(LintTest, FindsRulesThatDoNothing) {
             "of its packets."));
     EXPECT_THAT(
         found({lab(
-            {outbound(Action::deny, Proto::any, "10.0.0.0/9"),
-             outbound(Action::deny, Proto::any, "10.128.0.0/9"),
-             outbound(Action::allow, Proto::tcp, "10.0.0.0/8")})}),
+            {rule(Action::deny, Proto::any, "10.0.0.0/9"),
+             rule(Action::deny, Proto::any, "10.128.0.0/9"),
+             rule(Action::allow, Proto::tcp, "10.0.0.0/8")})}),
         ElementsAre("warning [0] rule 3 (shadowed): It never decides: rule 1 (deny 10.0.0.0/9) and "
                     "rule 2 (deny 10.128.0.0/9) come first and take all of its packets."));
 }
 
 TEST(LintTest, FindsWhatDhcpAndDnsOvertake) {
     EXPECT_THAT(
-        found({lab({outbound(Action::deny, Proto::any, "any", "53")})}),
+        found({lab({rule(Action::deny, Proto::any, "any", "53")})}),
         ElementsAre("warning [0] rule 1 ports (overtaken): DNS to 192.168.64.1 passes in spite of "
                     "it: its lines come first."));
     EXPECT_THAT(
-        found({lab({outbound(Action::deny, Proto::udp, "10.0.0.0/8", "60-70")})}),
+        found({lab({rule(Action::deny, Proto::udp, "10.0.0.0/8", "60-70")})}),
         ElementsAre("warning [0] rule 1 ports (overtaken): DHCP passes in spite of it: its lines "
                     "come first."));
     EXPECT_THAT(
-        found({lab({outbound(Action::deny, Proto::any, "any")})}),
+        found({lab({rule(Action::deny, Proto::any, "any")})}),
         ElementsAre(
             "note [0] rule 1 (overtaken): DHCP passes in spite of it: its lines come first.",
             "note [0] rule 1 (overtaken): DNS to 192.168.64.1 passes in spite of it: its lines "
             "come first."));
-    auto inbound = outbound(Action::deny, Proto::udp, "any", "67");
+    auto inbound = rule(Action::deny, Proto::udp, "any", "67");
     inbound.direction = Direction::inbound;
     EXPECT_THAT(found({lab({inbound})}), IsEmpty());
 }
 
 TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
-    const auto rule = outbound(Action::deny, Proto::tcp, "192.168.64.128/26", "22");
+    const auto insider = rule(Action::deny, Proto::tcp, "192.168.64.128/26", "22");
     const auto about = [&](const char* remote) {
-        auto changed = rule;
+        auto changed = insider;
         changed.remoteCIDR = remote;
         return found({lab({changed})});
     };
@@ -222,7 +212,7 @@ TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
     EXPECT_THAT(about("192.168.64.192/26"), IsEmpty());
     EXPECT_THAT(about("192.168.64.0/23"), IsEmpty());
     // Nobody knows the host's address.
-    auto unknown = lab({rule});
+    auto unknown = lab({insider});
     unknown.gatewayIPv4.reset();
     unknown.dnsProxyEnabled = false;
     EXPECT_THAT(found({unknown}), IsEmpty());
@@ -246,7 +236,7 @@ TEST(LintTest, SaysWhichNetworksMayReachEachOther) {
     const auto open = made("Lab", 64, Action::allow);
     auto closed = made("Office", 65, Action::deny);
     EXPECT_THAT(found({open, closed}), ElementsAre(note("0", "\"Office\"")));
-    closed.policy.rules = {outbound(Action::deny, Proto::any, "192.168.64.0/24")};
+    closed.policy.rules = {rule(Action::deny, Proto::any, "192.168.64.0/24")};
     EXPECT_THAT(found({open, closed}), IsEmpty());
     std::vector<FirewallNetworkPolicy> many{open};
     for (int i = 0; i < 6; ++i) {

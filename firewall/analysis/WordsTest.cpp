@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/FirewallRule.h"
+
 namespace tarnvale::FirewallAnalysis {
 namespace {
 
@@ -15,18 +17,7 @@ using NetworkFirewall::FirewallRule;
 using Action = FirewallRule::Action;
 using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
-
-FirewallRule rule(
-    Action action, Proto proto, std::string remote, std::string ports, Direction direction) {
-    return {
-        .id = {},
-        .enabled = true,
-        .direction = direction,
-        .action = action,
-        .proto = proto,
-        .remoteCIDR = std::move(remote),
-        .ports = std::move(ports)};
-}
+using test::rule;
 
 TEST(WordsTest, SayWhatARuleSays) {
     constexpr auto in = Direction::inbound;

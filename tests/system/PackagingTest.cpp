@@ -117,6 +117,8 @@ TEST_F(PackagingTest, InstallingPutsEachFileWhereItIsLookedFor) {
             Pair("/usr/bin/tarnvale-helperctl", 0755),
             Pair("/usr/lib/systemd/system/tarnvale-adminhelper.service", 0644),
             Pair("/usr/lib/systemd/system/tarnvale-adminhelper.socket", 0644),
+            Pair("/usr/share/tarnvale/helperctl.schema.json", 0644),
+            Pair("/usr/share/tarnvale/policy.schema.json", 0644),
             Pair(documents + "LICENSE", 0644),
             Pair(documents + "README.md", 0644),
             Pair(documents + "SECURITY.md", 0644),

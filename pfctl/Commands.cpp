@@ -187,8 +187,7 @@ int showInfo() {
     requireRoot();
     netlink::Socket socket(NETLINK_NETFILTER);
     std::uint64_t states = 0;
-    Conntrack(socket).forEach(
-        [&states](const Connection& connection) { states += connection.hasState() ? 1 : 0; });
+    Conntrack(socket).forEachState([&states](const Connection&) { ++states; });
     std::optional<std::uint64_t> enabledFor;
     if (const auto enabled = readEnabled()) {
         enabledFor = uptime() - std::min(uptime(), enabled->since);
@@ -207,7 +206,7 @@ std::vector<std::uint64_t> statesByRule(netlink::Socket& socket, const std::vect
             ++states[*line];
         }
     };
-    Conntrack(socket).forEach([&](const Connection& connection) {
+    Conntrack(socket).forEachState([&](const Connection& connection) {
         if ((connection.mark & initiatorPassesIn) != 0) {
             credit(dispatch.in, Direction::in, connection.entering);
         }

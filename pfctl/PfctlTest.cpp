@@ -369,6 +369,20 @@ TEST_F(PfctlTest, ReadsNoLongListOfConnectionsAsText) {
     EXPECT_THAT(callsOfAKill(), Not(Contains(SYS_openat)));
 }
 
+TEST_F(PfctlTest, LooksThroughNoConnectionsWhereThereAreNone) {
+    const std::vector others{Subnet{.address = 0x0A000000, .prefixLength = 8}};
+
+    const auto calls = test::systemCallsOf([&others] {
+        netlink::Socket socket(NETLINK_NETFILTER);
+        test::beginKilling();
+        Conntrack(socket).kill(others);
+        Conntrack(socket).forEachState([](const Connection&) {});
+    });
+
+    EXPECT_THAT(calls, Not(Contains(SYS_openat)));
+    EXPECT_EQ(std::ranges::count(calls, SYS_sendmsg), 2) << "how many there are, twice";
+}
+
 /// The ends of a flow of datagrams.
 struct Ends {
     std::uint32_t from = 0;

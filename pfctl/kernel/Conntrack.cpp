@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <optional>
-#include <string>
+#include <limits>
 
 #include <fcntl.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
@@ -17,6 +16,7 @@
 #include "netlink/Messages.h"
 #include "pfctl/kernel/MarkBits.h"
 #include "pfctl/kernel/Netfilter.h"
+#include "support/Decimal.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::pfctl {
@@ -98,35 +98,52 @@ std::optional<std::string> connectionList() {
     }
 }
 
-/// Takes the text up to the next " src=" and the address after it off the front of the text.
-std::optional<std::uint32_t> takeSource(std::string_view& text) {
-    constexpr std::string_view label = " src=";
+/// Takes the text up to the next such label and the word after it off the front of the text.
+std::optional<std::string_view> takeWordAfter(std::string_view label, std::string_view& text) {
     const std::size_t at = text.find(label);
     if (at == std::string_view::npos) {
         return std::nullopt;
     }
     text.remove_prefix(at + label.size());
-    return parseAddress(text.substr(0, text.find(' ')));
+    return text.substr(0, text.find(' '));
+}
+
+std::optional<std::uint32_t> takeSource(std::string_view& text) {
+    const auto word = takeWordAfter(" src=", text);
+    return word ? parseAddress(*word) : std::nullopt;
+}
+
+/// Whether the predicate holds for a line of the list that is about IPv4.
+template <typename Predicate>
+bool anyLine(std::string_view list, Predicate predicate) {
+    while (!list.empty()) {
+        const std::size_t end = std::min(list.find('\n'), list.size());
+        const std::string_view line = list.substr(0, end);
+        list.remove_prefix(std::min(end + 1, list.size()));
+        if (!line.starts_with("ipv6 ") && predicate(line)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
 
 bool Conntrack::mayName(std::string_view list, std::span<const Subnet> hosts) {
-    while (!list.empty()) {
-        const std::size_t end = std::min(list.find('\n'), list.size());
-        std::string_view line = list.substr(0, end);
-        list.remove_prefix(std::min(end + 1, list.size()));
-        if (line.starts_with("ipv6 ")) {
-            continue;
-        }
+    return anyLine(list, [hosts](std::string_view line) {
         const auto initiator = takeSource(line);
         const auto responder = takeSource(line);
         const bool concerned = !initiator || !responder || hosts[0].contains(*initiator);
-        if (concerned && (hosts.size() < 2 || !responder || hosts[1].contains(*responder))) {
-            return true;
-        }
-    }
-    return false;
+        return concerned && (hosts.size() < 2 || !responder || hosts[1].contains(*responder));
+    });
+}
+
+bool Conntrack::mayHoldState(std::string_view list) {
+    return anyLine(list, [](std::string_view line) {
+        const auto word = takeWordAfter(" mark=", line);
+        const auto mark = word ? support::parseNumber<std::uint32_t>(*word) : std::nullopt;
+        return !mark || Connection{.entering = {}, .leaving = {}, .mark = *mark}.hasState();
+    });
 }
 
 bool Connection::hasState() const {
@@ -144,12 +161,20 @@ void Conntrack::forEach(const std::function<void(const Connection&)>& take) {
     });
 }
 
-std::size_t Conntrack::kill(std::span<const Subnet> hosts) {
-    if (count() <= maxReadAsText) {
-        const auto list = connectionList();
-        if (list && !mayName(*list, hosts)) {
-            return 0;
+void Conntrack::forEachState(const std::function<void(const Connection&)>& take) {
+    if (const auto list = shortList(); list && !mayHoldState(*list)) {
+        return;
+    }
+    forEach([&take](const Connection& connection) {
+        if (connection.hasState()) {
+            take(connection);
         }
+    });
+}
+
+std::size_t Conntrack::kill(std::span<const Subnet> hosts) {
+    if (const auto list = shortList(); list && !mayName(*list, hosts)) {
+        return 0;
     }
     std::vector<std::vector<std::uint8_t>> entries;
     std::size_t states = 0;
@@ -167,14 +192,23 @@ std::size_t Conntrack::kill(std::span<const Subnet> hosts) {
     return states;
 }
 
+/// The connections as text where that is quicker than netlink, else nothing.
+std::optional<std::string> Conntrack::shortList() {
+    const std::uint64_t entries = count();
+    if (entries == 0) {
+        return std::string();  // the kernel would look for them in each slot of its table
+    }
+    return entries <= maxReadAsText ? connectionList() : std::nullopt;
+}
+
 /// How many connections there are, those of all families together.
 std::uint64_t Conntrack::count() {
-    std::uint64_t entries = 0;
+    auto entries = std::numeric_limits<std::uint64_t>::max();  // as good as any for "unknown"
     MessageWriter request;
     beginConntrack(request, IPCTNL_MSG_CT_GET_STATS);
     socket_.get(request, [&entries](const Message& message) {
         entries = netlink::bigEndian(attribute(attributesOf(message), CTA_STATS_GLOBAL_ENTRIES))
-                      .value_or(0);
+                      .value_or(entries);
     });
     return entries;
 }

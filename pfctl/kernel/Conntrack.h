@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -39,6 +41,9 @@ public:
     /// Calls `take` for every IPv4 connection.
     void forEach(const std::function<void(const Connection&)>& take);
 
+    /// Calls `take` for every IPv4 connection that has a state.
+    void forEachState(const std::function<void(const Connection&)>& take);
+
     /// Forgets the connections whose initiator is in the first subnet and, if a second is given,
     /// whose responder is in that one. Returns how many of them had a state.
     std::size_t kill(std::span<const Subnet> hosts);
@@ -47,7 +52,11 @@ public:
     /// forgets. A line that makes no sense counts as one.
     static bool mayName(std::string_view list, std::span<const Subnet> hosts);
 
+    /// Whether the text may hold a connection that has a state, in the same sense.
+    static bool mayHoldState(std::string_view list);
+
 private:
+    std::optional<std::string> shortList();
     std::uint64_t count();
     void forget(std::span<const std::vector<std::uint8_t>> entries);
 

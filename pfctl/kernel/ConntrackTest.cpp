@@ -58,6 +58,27 @@ TEST(ConntrackTest, TakesWhatItDoesNotUnderstandForAConnection) {
     EXPECT_TRUE(mayName("ipv4 2 udp 17 src=10.1.0.2 src=10.1", {Subnet(), lab}));
 }
 
+TEST(ConntrackTest, FindsAStateInTheList) {
+    EXPECT_TRUE(Conntrack::mayHoldState(std::string(foreign) + std::string(outward)));
+    EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark=4294967295 use=2\n"));
+    EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 use=2 mark=536870912\n"));
+}
+
+TEST(ConntrackTest, FindsNoStateInAListOfConnectionsThatNoRulePassed) {
+    EXPECT_FALSE(Conntrack::mayHoldState(""));
+    EXPECT_FALSE(Conntrack::mayHoldState(std::string(inward) + std::string(foreign)));
+    EXPECT_FALSE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark=268435455 use=2\n"));
+    EXPECT_FALSE(Conntrack::mayHoldState("ipv6 10 udp 17 mark=268435456 use=2\n"));
+}
+
+TEST(ConntrackTest, TakesAMarkThatItDoesNotUnderstandForAState) {
+    EXPECT_TRUE(Conntrack::mayHoldState("nonsense\n"));
+    EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 use=2\n"));
+    EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark= use=2\n"));
+    EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark=0x0 use=2\n"));
+    EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark=4294967296 use=2\n"));
+}
+
 TEST(ConntrackTest, KnowsAStateByItsMark) {
     EXPECT_FALSE(Connection().hasState());
     EXPECT_FALSE((Connection{.entering = {}, .leaving = {}, .mark = 0x0FFFFFFF}).hasState());

@@ -10,4 +10,8 @@ namespace tarnvale::platform {
 /// is a second thread. Defined once in platform/macos and once in platform/linux.
 void prepareServiceProcess();
 
+/// Tells whoever started this process, if that is asked for, that the stored policies are in force
+/// and clients can connect. Called once. Defined once in platform/macos and once in platform/linux.
+void reportServing();
+
 }  // namespace tarnvale::platform

@@ -11,6 +11,7 @@
 
 #include "core/base/HelperLog.h"
 #include "core/base/HelperVersion.h"
+#include "platform/ServiceProcess.h"
 
 namespace tarnvale {
 
@@ -45,6 +46,7 @@ void HelperListener::start(TarnvaleAdminHelperProtocol& exported) {
     });
     helperLog(
         "Helper " + helperVersionString() + " listening on com.brackwen.tarnvale.adminhelper.");
+    platform::reportServing();
     loop_.run();
     std::abort();  // g++ ignores [[noreturn]] on a virtual function
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
 #include <systemd/sd-login.h>
 
 #include "platform/linux/SharedLibrary.h"
@@ -49,6 +50,7 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_set_trusted)               \
     SYMBOL(sd_bus_start)                     \
     SYMBOL(sd_bus_wait)                      \
+    SYMBOL(sd_notify)                        \
     SYMBOL(sd_seat_get_active)               \
     SYMBOL(sd_session_get_class)             \
     SYMBOL(sd_session_get_state)             \

@@ -2,8 +2,11 @@
 
 #include "platform/ServiceProcess.h"
 
+#include <cstdlib>
+
 #include <malloc.h>
 
+#include "platform/linux/LibSystemd.h"
 #include "platform/linux/PeriodicInterrupt.h"
 
 namespace tarnvale::platform {
@@ -15,6 +18,15 @@ void prepareServiceProcess() {
     // request to keep as much memory for the next.
     constexpr int defaultTrimThreshold = 131072;  // bytes
     ::mallopt(M_TRIM_THRESHOLD, defaultTrimThreshold);
+}
+
+void reportServing() {
+    // Loads the library only for systemd, whose clients will need it soon. A report that is lost
+    // makes systemd start the helper again. Children may inherit the variable: systemd takes the
+    // report from this process alone.
+    if (std::getenv("NOTIFY_SOCKET") != nullptr) {
+        LibSystemd::get().sd_notify(0, "READY=1");
+    }
 }
 
 }  // namespace tarnvale::platform

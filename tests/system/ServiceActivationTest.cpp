@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// Where the service's socket comes from: systemd passes it, or the helper makes it.
+// Where the service's socket comes from: systemd passes it, or the helper makes it. And when systemd
+// learns that the service has started.
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -17,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/linux/dbus/ListeningSocket.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/ScriptedPfctl.h"
@@ -53,6 +57,25 @@ bool hasCaller(const UniqueFd& listening) {
     pollfd waited{.fd = listening.get(), .events = POLLIN, .revents = 0};
     constexpr int callerTimeout = 30'000;  // milliseconds
     return ::poll(&waited, 1, callerTimeout) == 1;
+}
+
+/// The socket on which systemd waits for a service's reports.
+UniqueFd reportsAt(const std::string& path) {
+    UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = platform::addressOf(path);
+    EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return fd;
+}
+
+/// Waits for a report.
+std::string nextReport(const UniqueFd& reports) {
+    std::string report(1000, 0);
+    if (!hasCaller(reports)) {
+        return "none";
+    }
+    report.resize(static_cast<std::size_t>(
+        std::max<ssize_t>(::recv(reports.get(), report.data(), report.size(), 0), 0)));
+    return report;
 }
 
 /// The end of a helper that must not serve.
@@ -129,6 +152,39 @@ TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForc
         log.insert(log.end(), once.begin(), once.end());
     }
     EXPECT_THAT(logMessages(), testing::ElementsAreArray(log));
+}
+
+TEST_F(ServiceActivationTest, TellsSystemdOnceThatTheRulesAreInForceAndItListens) {
+    put(storePath, store());
+    ScriptedPfctl pfctl;
+    pfctl.answer(
+        ScriptedPfctl::load, "touch /run/loading; while [ ! -e /run/go ]; do sleep 0.01; done");
+    pfctl.answer("-E", "sleep 0.1; touch /run/enforced");
+    const UniqueFd reports = reportsAt("/run/reports");
+    Program helper({helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/reports"}});
+    while (!exists("/run/loading")) {
+        ASSERT_TRUE(helper.running());
+    }
+
+    char early = 0;
+    EXPECT_EQ(::recv(reports.get(), &early, sizeof early, MSG_DONTWAIT), -1);
+    put("/run/go", "");
+    EXPECT_EQ(nextReport(reports), "READY=1");
+
+    EXPECT_TRUE(exists("/run/enforced"));
+    EXPECT_THAT(logMessages(), testing::Contains(listeningMessage()));
+    ServiceClient client(lab.client);
+    EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
+    EXPECT_EQ(::recv(reports.get(), &early, sizeof early, MSG_DONTWAIT), -1);
+}
+
+TEST_F(ServiceActivationTest, ServesAlthoughNobodyTakesItsReport) {
+    Program helper({helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/nobody"}});
+    awaitMessage(listeningMessage(), &helper);
+
+    ServiceClient client(lab.client);
+
+    EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
 }
 
 TEST_F(ServiceActivationTest, PassesNothingOfItOn) {

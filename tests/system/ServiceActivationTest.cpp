@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Where the service's socket comes from: systemd passes it, or the helper makes it. And when systemd
-// learns that the service has started.
+// Where the service's socket comes from: systemd passes it, or the helper makes it. And when
+// systemd learns that the service has started.
 
 #include <algorithm>
 #include <chrono>

@@ -3,6 +3,7 @@
 #include "helperctl/Arguments.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <span>
 #include <stdexcept>
@@ -31,14 +32,6 @@ public:
 private:
     std::string hint_;
 };
-
-/// What every command takes besides its own options.
-const std::vector<Option>& optionsOfAll() {
-    static const auto& options = *new std::vector<Option>{
-        {.name = "--user", .value = "NAME", .target = &Arguments::user},
-        {.name = "--format", .value = "FORMAT", .target = &Arguments::format}};
-    return options;
-}
 
 std::string listed(std::span<const std::string_view> words) {
     std::string list;
@@ -140,12 +133,10 @@ private:
         const auto isIt = [&](const Option& option) {
             return option.name == name || (!option.shortName.empty() && option.shortName == name);
         };
-        for (const auto* const options : {&optionsOfAll(), form_ ? &form_->options : nullptr}) {
-            if (options != nullptr) {
-                if (const auto found = std::ranges::find_if(*options, isIt);
-                    found != options->end()) {
-                    return &*found;
-                }
+        for (const auto options :
+             {commonOptions(), form_ ? std::span(form_->options) : std::span<const Option>()}) {
+            if (const auto found = std::ranges::find_if(options, isIt); found != options.end()) {
+                return &*found;
             }
         }
         return nullptr;
@@ -202,6 +193,8 @@ private:
                         throw UsageError("--format: it is text or json");
                     }
                     value = text == "json" ? Format::json : Format::text;
+                } else if constexpr (std::is_same_v<Value, Shell>) {
+                    value = shellOf(name, text);
                 } else if constexpr (std::is_constructible_v<Value, std::string>) {
                     value = std::string(text);
                 } else {
@@ -214,6 +207,19 @@ private:
                 }
             },
             target);
+    }
+
+    static Shell shellOf(std::string_view name, std::string_view text) {
+        constexpr std::array shells{
+            std::pair{"bash", Shell::bash},
+            std::pair{"zsh", Shell::zsh},
+            std::pair{"fish", Shell::fish}};
+        for (const auto& [word, shell] : shells) {
+            if (text == word) {
+                return shell;
+            }
+        }
+        throw UsageError(std::string(name) + ": it is bash, zsh or fish");
     }
 
     void fillOperands() {

@@ -19,6 +19,7 @@ enum class Command {
     init,
     exportNetworks,
     schema,
+    completion,
     log,
     preview,
     explain,
@@ -41,6 +42,8 @@ enum class Command {
 
 enum class Format { text, json };
 
+enum class Shell { bash, zsh, fish };
+
 struct Arguments {
     Command command = Command::version;
     Format format = Format::text;
@@ -60,8 +63,9 @@ struct Arguments {
     std::string name;                ///< for `createVLAN` the display name
     std::int64_t tag = 0;
     std::string parentBSD;
-    std::string bsdName;  ///< for `deleteVLAN`
-    std::string topic;    ///< for `help`: the command, if any
+    std::string bsdName;        ///< for `deleteVLAN`
+    Shell shell = Shell::bash;  ///< for `completion`
+    std::string topic;          ///< for `help`: the command, if any
     std::string subtopic;
 };
 

@@ -70,6 +70,7 @@ TEST(ArgumentsTest, KnowsEveryCommand) {
         {{"init"}, Command::init},
         {{"export"}, Command::exportNetworks},
         {{"schema"}, Command::schema},
+        {{"completion", "fish"}, Command::completion},
         {{"log"}, Command::log},
         {{"apply", "a.json"}, Command::apply},
         {{"remove"}, Command::remove},
@@ -108,6 +109,9 @@ TEST(ArgumentsTest, TakesWhatTheCommandIsAbout) {
     EXPECT_TRUE(arguments({"apply", "-", "--strict"}).strict);
     EXPECT_TRUE(arguments({"apply", "--strict", "-"}).strict);
     EXPECT_EQ(arguments({"vlan", "delete", "vlan0"}).bsdName, "vlan0");
+    EXPECT_EQ(arguments({"completion", "bash"}).shell, Shell::bash);
+    EXPECT_EQ(arguments({"completion", "zsh"}).shell, Shell::zsh);
+    EXPECT_EQ(arguments({"completion", "fish"}).shell, Shell::fish);
     EXPECT_EQ(arguments({"explain", "a.json", "icmp 1.1.1.1 -> 2.2.2.2"}).file, "a.json");
     EXPECT_EQ(
         arguments({"explain", "icmp", "1.1.1.1", "to", "2.2.2.2", "--live"}).packet,
@@ -183,6 +187,8 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"preview"}, "FILE is required"},
         {{"explain", "a.json"}, "PACKET is required"},
         {{"explain", "--live"}, "PACKET is required"},
+        {{"completion"}, "SHELL is required"},
+        {{"completion", "tcsh"}, "SHELL: it is bash, zsh or fish"},
         {{"vlan", "create", "a", "7"}, "PARENT is required"},
         {{"vlan", "create", "a", "x", "b"}, "TAG: \"x\" is no number"},
         {{"vlan", "create", "a", "9223372036854775808", "b"},
@@ -278,6 +284,7 @@ TEST(ArgumentsTest, HelpsWithWhatThereIs) {
           "  init  ",
           "  export  ",
           "  schema  ",
+          "  completion SHELL  ",
           "  log [-f]  ",
           "  validate FILE  ",
           "  preview FILE  ",

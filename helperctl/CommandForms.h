@@ -22,16 +22,22 @@ namespace tarnvale::helperctl {
 using Target = std::variant<
     bool Arguments::*,
     Format Arguments::*,
+    Shell Arguments::*,
     std::string Arguments::*,
     std::optional<std::string> Arguments::*,
     std::int64_t Arguments::*,
     std::optional<std::int64_t> Arguments::*>;
 
+/// What a word may be, for shells to complete it.
+enum class WordKind { text, file, user, command };
+
 struct Operand {
     std::string_view name;  ///< as the help has it, such as "FILE"
     Target target;
-    bool isOptional = false;  ///< left out if there are words for the others only
-    bool takesRest = false;   ///< the last one: all words that are left, joined by spaces
+    WordKind kind = WordKind::text;
+    std::vector<std::string_view> words{};  ///< if nothing else may stand there
+    bool isOptional = false;                ///< left out if there are words for the others only
+    bool takesRest = false;  ///< the last one: all words that are left, joined by spaces
     bool Arguments::*absentWith = nullptr;  ///< the option in whose place it stands, if any
 };
 
@@ -39,7 +45,10 @@ struct Option {
     std::string_view name;   ///< such as "--strict"
     std::string_view value;  ///< the name of its value; empty for one that takes none
     Target target;
+    std::string_view summary{};    ///< what it does, in a few words
     std::string_view shortName{};  ///< such as "-f"
+    WordKind kind = WordKind::text;
+    std::vector<std::string_view> words{};  ///< if its value is one of these
 };
 
 enum class Access {
@@ -50,7 +59,8 @@ enum class Access {
 
 struct CommandForm {
     Command command = Command::help;
-    std::string_view words;  ///< such as "vlan create"
+    std::string_view words;      ///< such as "vlan create"
+    std::string_view summary{};  ///< what it does, in a few words
     std::vector<Operand> operands{};
     std::vector<Option> options{};
     Access access = Access::everybody;
@@ -65,6 +75,9 @@ struct CommandForm {
 std::span<const CommandForm> commandForms();
 
 const CommandForm& formOf(Command command);
+
+/// What every command takes besides its own options.
+std::span<const Option> commonOptions();
 
 /// The command line, such as "vlan create NAME TAG PARENT".
 std::string synopsis(const CommandForm& form);

@@ -54,6 +54,8 @@ COMMANDS
   export                       print root's stored networks as a FILE, or with
                                --user that user's; only for root
   schema                       print the JSON Schema of FILE
+  completion SHELL             print what completes this program's command lines
+                               in bash, zsh or fish
 
   apply [--strict] FILE        enforce these networks and no others of this
                                user; print which rules are skipped, and why
@@ -91,7 +93,7 @@ WHO MAY
 JSON
   docs/helperctl.schema.json describes the objects. A member that a command has
   nothing to say for is left out. What export, init and schema print is JSON of
-  its own, a file, in either format.
+  its own, a file, in either format; what completion prints is a script.
 
   formatVersion  every command: 1. Members may be added to a version, but none
                  changes its meaning or goes

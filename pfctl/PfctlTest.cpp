@@ -289,6 +289,44 @@ TEST_F(PfctlTest, CountsBothHalvesOfALineWithoutAProtocolAsOne) {
         "  [ Evaluations: 1         Packets: 1         Bytes: 29          States: 0     ]\n");
 }
 
+TEST_F(PfctlTest, BeginsCountersAtZeroAlsoWhereALoadChangesNothing) {
+    const std::string first = "block drop in quick from 127.0.0.1/32 to any\n";
+    const std::string second = "pass in quick from 127.0.0.2/32 to 127.0.0.3/32 keep state\n";
+    pfctl({"-E"});
+    load(first + second);
+    const std::string zero = counters();
+    const auto handle = tables().at(0).handle;
+    for (const std::string other : {"", "block drop in quick from 127.0.0.2/32 to any\n"}) {
+        EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+        EXPECT_TRUE(Datagrams::exchange("127.0.0.2", "127.0.0.4", 5000));
+        EXPECT_NE(counters(), zero) << "also packets that no line decided on count";
+        pfctl({"-k", "127.0.0.0/8"});
+
+        load(first + second);
+
+        EXPECT_EQ(counters(), zero);
+        EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+        load(first + second + other);
+        EXPECT_THAT(counters(), StartsWith(zero));
+        load(first + second);
+    }
+    EXPECT_EQ(tables().at(0).handle, handle) << "all these were changes of one table";
+}
+
+TEST_F(PfctlTest, EnforcesTheLinesThatALoadChanges) {
+    const std::string other = "block drop in quick from 127.0.0.9/32 to any\n";
+    pfctl({"-E"});
+    load(other + "pass in quick from 127.0.0.1/32 to any keep state\n");
+    const auto handle = tables().at(0).handle;
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+
+    load(other + std::string(denyFirst));
+
+    EXPECT_EQ(tables().at(0).handle, handle);
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.9", "127.0.0.2", 5001));
+}
+
 TEST_F(PfctlTest, JudgesNestedNetworksInTheOrderOfTheLines) {
     load(
         "pass in quick proto udp from 127.0.0.0/24 to any port 5000 keep state\n"

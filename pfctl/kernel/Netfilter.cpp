@@ -53,8 +53,11 @@ void beginConntrack(netlink::MessageWriter& messages, int message, unsigned flag
     begin(messages, NFNL_SUBSYS_CTNETLINK, message, flags);
 }
 
-void beginBatch(netlink::MessageWriter& messages) {
+void beginBatch(netlink::MessageWriter& messages, std::uint32_t generation) {
     putBatchEnd(messages, NFNL_MSG_BATCH_BEGIN);
+    if (generation != 0) {
+        messages.putBigEndian(NFNL_BATCH_GENID, generation);
+    }
 }
 
 void endBatch(netlink::MessageWriter& messages) {

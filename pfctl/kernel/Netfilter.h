@@ -18,8 +18,9 @@ namespace tarnvale::pfctl {
 void beginNftables(netlink::MessageWriter& messages, int message, unsigned flags = 0);
 void beginConntrack(netlink::MessageWriter& messages, int message, unsigned flags = 0);
 
-/// What stands between these two, nftables does wholly or not at all.
-void beginBatch(netlink::MessageWriter& messages);
+/// What stands between these two, nftables does wholly or not at all. With a generation, the number
+/// of transactions so far, it does so only if there has been none since, else `ERESTART`.
+void beginBatch(netlink::MessageWriter& messages, std::uint32_t generation = 0);
 void endBatch(netlink::MessageWriter& messages);
 
 /// Waits until every packet that is on its way through chains has left them. The kernel looks up

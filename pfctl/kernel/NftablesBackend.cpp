@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <system_error>
 #include <utility>
 
 #include <linux/netfilter.h>
@@ -93,7 +94,17 @@ std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
         result.back().packets += rule.packets;
         result.back().bytes += rule.bytes;
     }
+    std::uint64_t index = 0;
+    for (CountedRule& rule : result) {
+        rule.index = index++;
+    }
     return result;
+}
+
+/// The number after so many more transactions. The kernel leaves out zero.
+std::uint32_t generationAfter(std::uint32_t generation, std::uint32_t transactions) {
+    const std::uint32_t sum = generation + transactions;
+    return sum < generation ? sum + 1 : sum;
 }
 
 }  // namespace
@@ -168,8 +179,45 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
     requireReplaceable(anchor);
     // There are two only when a load was killed; the newer one makes room then.
     const auto old = tables(anchor);
+    if (old.size() == 1 && change(old.front(), table)) {
+        return;
+    }
     const auto names = namesOf(anchor);
     table.name = old.empty() || old.front().name == names[1] ? names[0] : names[1];
+    replace(old, table);
+}
+
+/// Gives the table the new rules if that takes only other blocks; false when it hasn't.
+bool NftablesBackend::change(const AnchorTable& old, RulesetTable& table) {
+    const auto before = old.dormant == table.dormant ? record(old.name) : std::nullopt;
+    if (!before || before->load.generation != generation()) {
+        return false;
+    }
+    table.name = old.name;
+    table.key = before->load.key;
+    table.generation = generationAfter(before->load.generation, 1);
+    MessageWriter transaction;
+    const auto written = writeChange(transaction, table, *before);
+    if (!written) {
+        return false;
+    }
+    try {
+        socket_.request(transaction);
+    } catch (const std::system_error&) {
+        // Somebody else was faster, or the kernel has another objection. A replacement has none of
+        // these, or says what is wrong.
+        return false;
+    }
+    if (*written > 0 && !table.dormant) {
+        awaitPacketsUnderWay();
+    }
+    return true;
+}
+
+/// Puts the new rules into force beside the old ones, then removes these.
+void NftablesBackend::replace(std::span<const AnchorTable> old, RulesetTable& table) {
+    table.key = newFingerprintKey();
+    table.generation = generationAfter(generation(), old.empty() ? 1 : 2);
     MessageWriter transaction;
     writeReplacement(transaction, table);
     socket_.request(transaction);
@@ -213,6 +261,48 @@ void NftablesBackend::remove(std::span<const std::string> tables) {
     MessageWriter transaction;
     writeRemoval(transaction, tables);
     socket_.request(transaction);
+}
+
+/// What the table says of its rules; nothing when it has not been loaded by us.
+std::optional<TableRecord> NftablesBackend::record(const std::string& table) {
+    std::optional<LoadRecord> load;
+    TableRecord result;
+    MessageWriter request;
+    beginNftables(request, NFT_MSG_GETOBJ, NLM_F_DUMP);
+    request.putText(NFTA_OBJ_TABLE, table);
+    request.putBigEndian(NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
+    const bool complete = socket_.dump(request, [&](const Message& message) {
+        const Bytes attributes = attributesOf(message);
+        const Bytes userData = attribute(attributes, NFTA_OBJ_USERDATA);
+        if (const auto lines = blockFromUserData(userData)) {
+            const Bytes data = attribute(attributes, NFTA_OBJ_DATA);
+            const auto packets = bigEndian(attribute(data, NFTA_COUNTER_PACKETS));
+            result.blocks.emplace(
+                textOf(attribute(attributes, NFTA_OBJ_NAME)),
+                TableRecord::BlockRecord{.lines = *lines, .hasCounted = packets != 0U});
+        } else if (const auto found = loadFromUserData(userData)) {
+            load = found;
+        }
+    });
+    if (!complete || !load) {
+        return std::nullopt;
+    }
+    result.load = *load;
+    return result;
+}
+
+/// The load that the table's rules come from, if the table says so.
+std::optional<LoadRecord> NftablesBackend::loadOf(const std::string& table) {
+    std::optional<LoadRecord> load;
+    MessageWriter request;
+    beginNftables(request, NFT_MSG_GETOBJ);
+    request.putText(NFTA_OBJ_TABLE, table);
+    request.putText(NFTA_OBJ_NAME, loadCounter);
+    request.putBigEndian(NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
+    socket_.get(request, [&load](const Message& message) {
+        load = loadFromUserData(attribute(attributesOf(message), NFTA_OBJ_USERDATA));
+    });
+    return load;
 }
 
 std::uint32_t NftablesBackend::generation() {
@@ -281,6 +371,7 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
             return std::nullopt;
         }
         const AnchorTable& newest = found.back();
+        const auto load = loadOf(newest.name);
         const auto names = chains(newest.name);
         bool complete = names.has_value();
         std::vector<CountedRule> rules;
@@ -294,7 +385,8 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
             throw PfctlError{
                 "the rules of " + anchor + " were loaded by another program; nft lists them"};
         }
-        return AnchorContent{.loader = newest.loader, .rules = merged(std::move(rules))};
+        return AnchorContent{
+            .loader = load ? load->loader : newest.loader, .rules = merged(std::move(rules))};
     }
     throw keepsChanging();
 }

@@ -10,6 +10,10 @@
 //
 // While both are there the new rules decide. Of chains of equal priority the kernel asks the newest
 // first, and the old ones let a packet pass to which the new ones gave a state.
+//
+// Where only lines of known networks differ, a load changes the blocks of these in their table
+// instead (TableWriter.h). What the table says of itself holds as long as nobody has made another
+// transaction, so the number of those is part of it.
 
 #pragma once
 
@@ -72,6 +76,10 @@ private:
         bool belongsToAProcess = false;
     };
 
+    bool change(const AnchorTable& old, RulesetTable& table);
+    void replace(std::span<const AnchorTable> old, RulesetTable& table);
+    std::optional<TableRecord> record(const std::string& table);
+    std::optional<LoadRecord> loadOf(const std::string& table);
     std::vector<NamedTable> namedTables(const std::string& anchor);
     static void requireUnowned(const NamedTable& table);
     void requireReplaceable(const std::string& anchor);

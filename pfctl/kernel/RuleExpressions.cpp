@@ -182,6 +182,13 @@ void RuleExpressions::count() {
     expression("counter", [] {});
 }
 
+void RuleExpressions::countWith(const std::string& counter) {
+    expression("objref", [&] {
+        messages_.putBigEndian(NFTA_OBJREF_IMM_TYPE, NFT_OBJECT_COUNTER);
+        messages_.putText(NFTA_OBJREF_IMM_NAME, counter);
+    });
+}
+
 void RuleExpressions::decide(int verdict, const std::string& chain) {
     expression("immediate", [&] {
         messages_.putBigEndian(NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);

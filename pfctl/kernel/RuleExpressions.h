@@ -49,6 +49,9 @@ public:
     /// Sets these bits of the connection's mark and clears those.
     void markConnection(std::uint32_t set, std::uint32_t cleared = 0);
     void count();
+
+    /// Counts with the table's counter of that name.
+    void countWith(const std::string& counter);
     void decide(int verdict, const std::string& chain = {});
 
     /// Decides by what the map says for the address under the mask.

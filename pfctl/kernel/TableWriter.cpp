@@ -2,6 +2,7 @@
 
 #include "pfctl/kernel/TableWriter.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <optional>
@@ -26,6 +27,10 @@ using netlink::MessageWriter;
 
 constexpr std::uint32_t ipv4AddressType = 7;  ///< what nft calls ipv4_addr
 constexpr std::size_t maxElementBytes = 30000;
+
+/// To be raised with every change to what is written for the same ruleset: what an older pfctl has
+/// loaded is no start for a change.
+constexpr std::uint32_t formOfTables = 1;
 
 /// Where on the way of packets a chain begins.
 struct Hook {
@@ -108,6 +113,106 @@ void writeRule(
     });
 }
 
+/// Numbers that order the lines: in the upper half that of a run of lines about one subnet, in the
+/// lower half that of a line within its run. So a line more or less leaves the numbers of other
+/// networks as they are.
+class LineNumbers {
+public:
+    explicit LineNumbers(std::span<const Rule> rules) {
+        for (std::uint32_t line = 0; line < rules.size(); ++line) {
+            if (line == 0 || rules[line].keySide().subnet != rules[line - 1].keySide().subnet) {
+                runs_.push_back(line);
+            }
+        }
+    }
+
+    std::uint64_t of(std::uint32_t line) const {
+        const auto run = std::ranges::upper_bound(runs_, line) - runs_.begin() - 1;
+        const auto number = static_cast<std::uint64_t>(run);
+        return number << 32U | (line - runs_[number]);
+    }
+
+private:
+    std::vector<std::uint32_t> runs_;  ///< the first line of each
+};
+
+void addToShape(Fingerprinter& shape, const DirectionPlan& plan) {
+    shape.addNumber(static_cast<std::uint32_t>(plan.steps.size()));
+    for (const Step& step : plan.steps) {
+        const auto* const map = std::get_if<AddressMap>(&step);
+        if (map == nullptr) {
+            shape.addNumber(0);
+            continue;
+        }
+        shape.addNumber(static_cast<std::uint32_t>(map->blocks.size()));
+        for (const auto& path : map->paths) {
+            shape.addNumber(static_cast<std::uint32_t>(path.size()));
+            std::ranges::for_each(path, [&shape](auto block) { shape.addNumber(block); });
+        }
+        shape.addNumber(static_cast<std::uint32_t>(map->intervals.size()));
+        for (const Interval& interval : map->intervals) {
+            shape.addNumber(interval.first);
+            shape.addNumber(interval.last);
+            shape.addNumber(interval.path);
+        }
+    }
+}
+
+/// Of everything that depends on the plan alone.
+Fingerprint shapeOf(const Dispatch& dispatch, const FingerprintKey& key) {
+    Fingerprinter shape(key);
+    shape.addNumber(formOfTables);
+    addToShape(shape, dispatch.in);
+    addToShape(shape, dispatch.out);
+    return shape.finish();
+}
+
+/// Whether every packet comes to one block at most.
+bool leadsToOneBlock(const DirectionPlan& plan) {
+    return plan.steps.size() <= 1 && std::ranges::all_of(plan.steps, [](const Step& step) {
+               const auto* const map = std::get_if<AddressMap>(&step);
+               return map == nullptr || std::ranges::all_of(map->paths, [](const auto& path) {
+                          return path.size() == 1;
+                      });
+           });
+}
+
+/// Begins a message about a counter that the table has by name.
+void beginCounter(
+    MessageWriter& messages,
+    const std::string& table,
+    const std::string& name,
+    int message,
+    unsigned flags = 0) {
+    beginNftables(messages, message, flags);
+    messages.putText(NFTA_OBJ_TABLE, table);
+    messages.putText(NFTA_OBJ_NAME, name);
+    messages.putBigEndian(NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
+}
+
+void writeCounter(
+    MessageWriter& messages,
+    const std::string& table,
+    const std::string& name,
+    netlink::Bytes userData) {
+    beginCounter(messages, table, name, NFT_MSG_NEWOBJ, NLM_F_CREATE);
+    messages.nest(NFTA_OBJ_DATA, [] {});
+    messages.put(NFTA_OBJ_USERDATA, userData);
+}
+
+void writeLoadCounter(
+    MessageWriter& messages, const RulesetTable& table, const Fingerprint& shape) {
+    writeCounter(
+        messages,
+        table.name,
+        loadCounter,
+        loadUserData(
+            {.loader = table.loader,
+             .generation = table.generation,
+             .key = table.key,
+             .shape = shape}));
+}
+
 /// Where another program has the kernel watch a connection for those that it announces, these get
 /// its mark, and with it our bits. No line has passed them, so they begin without a state. Their
 /// first packet comes to this chain before it comes to those of any ruleset.
@@ -130,9 +235,10 @@ public:
     DirectionWriter(
         MessageWriter& messages,
         const RulesetTable& table,
+        const LineNumbers& numbers,
         const Side& side,
         const DirectionPlan& plan)
-        : messages_(messages), table_(table), side_(side), plan_(plan) {}
+        : messages_(messages), table_(table), numbers_(numbers), side_(side), plan_(plan) {}
 
     void write() {
         pfctl::writeChain(messages_, table_.name, side_.name, side_.hook);
@@ -146,6 +252,35 @@ public:
         }
         writePassChain();
         writeBaseChain();
+    }
+
+    /// Writes again the blocks that the record doesn't name as they are to be; returns how many.
+    std::size_t change(const TableRecord& before) {
+        std::size_t written = 0;
+        const auto visit = [&](const Block& block) {
+            const std::string chain = blockChain(blocks_);
+            ++blocks_;
+            const Fingerprint lines = fingerprintOf(block);
+            const auto known = before.blocks.find(chain);
+            if (known != before.blocks.end() && known->second.lines == lines &&
+                !known->second.hasCounted) {
+                return;
+            }
+            beginNftables(messages_, NFT_MSG_DELRULE);
+            messages_.putText(NFTA_RULE_TABLE, table_.name);
+            messages_.putText(NFTA_RULE_CHAIN, chain);
+            beginCounter(messages_, table_.name, chain, NFT_MSG_DELOBJ);
+            fillBlock(chain, block, lines);
+            ++written;
+        };
+        for (const Step& step : plan_.steps) {
+            if (const auto* block = std::get_if<Block>(&step)) {
+                visit(*block);
+            } else {
+                std::ranges::for_each(std::get<AddressMap>(step).blocks, visit);
+            }
+        }
+        return written;
     }
 
 private:
@@ -167,11 +302,30 @@ private:
         pfctl::writeRule(messages_, table_.name, chain, expressions);
     }
 
+    NumberedRule numbered(std::uint32_t line) const {
+        return {.index = numbers_.of(line), .rule = table_.rules[line]};
+    }
+
+    Fingerprint fingerprintOf(const Block& block) const {
+        Fingerprinter lines(table_.key);
+        for (auto position = block.begin; position < block.end; ++position) {
+            lines.add(lineUserData(numbered(plan_.lines[position])));
+        }
+        return lines.finish();
+    }
+
     /// Writes the rules of a block into a chain of their own.
     void writeBlock(const Block& block) {
         const std::string chain = blockChain(blocks_);
         ++blocks_;
         writeChain(chain);
+        fillBlock(chain, block, fingerprintOf(block));
+    }
+
+    /// Writes the counter of a block and its rules.
+    void fillBlock(const std::string& chain, const Block& block, const Fingerprint& lines) {
+        writeCounter(messages_, table_.name, chain, blockUserData(lines));
+        writeRule(chain, [&chain](RuleExpressions& rule) { rule.countWith(chain); });
         for (auto position = block.begin; position < block.end; ++position) {
             writeLine(chain, plan_.lines[position]);
         }
@@ -196,7 +350,7 @@ private:
                     rule.decide(NF_DROP);
                 }
             });
-            messages_.put(NFTA_RULE_USERDATA, lineUserData({.index = index, .rule = line}));
+            messages_.put(NFTA_RULE_USERDATA, lineUserData(numbered(index)));
         };
         const auto tcpThatOpens = [](RuleExpressions& rule) {
             rule.protocolIs(Protocol::tcp);
@@ -358,6 +512,7 @@ private:
 
     MessageWriter& messages_;
     const RulesetTable& table_;
+    const LineNumbers& numbers_;
     const Side& side_;
     const DirectionPlan& plan_;
     std::size_t blocks_ = 0;
@@ -370,24 +525,41 @@ void putTable(MessageWriter& messages, const std::string& name, int message, uns
     messages.putText(NFTA_TABLE_NAME, name);
 }
 
-}  // namespace
+constexpr std::int32_t destinationNat = -100;
+constexpr std::int32_t sourceNat = 100;
 
-void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
-    constexpr std::int32_t destinationNat = -100;
-    constexpr std::int32_t sourceNat = 100;
-    const Side in{
-        .direction = Direction::in,
-        .name = "in",
-        .hook = {.number = NF_INET_PRE_ROUTING, .priority = destinationNat + 10},
-        .initiatorPasses = initiatorPassesIn,
-        .responderPasses = initiatorPassesOut};
-    const Side out{
-        .direction = Direction::out,
+Side sideOf(Direction direction) {
+    if (direction == Direction::in) {
+        return {
+            .direction = direction,
+            .name = "in",
+            .hook = {.number = NF_INET_PRE_ROUTING, .priority = destinationNat + 10},
+            .initiatorPasses = initiatorPassesIn,
+            .responderPasses = initiatorPassesOut};
+    }
+    return {
+        .direction = direction,
         .name = "out",
         .hook = {.number = NF_INET_POST_ROUTING, .priority = sourceNat + 10},
         .initiatorPasses = initiatorPassesOut,
         .responderPasses = initiatorPassesIn};
+}
+
+/// Ends a transaction that has written a ruleset. The kernel answers message by message, even if
+/// others fail. So only the last message, which changes nothing, asks for an acknowledgement: any
+/// error comes before it.
+void endRuleset(MessageWriter& messages, const RulesetTable& table) {
+    putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_ACK);
+    endBatch(messages);
+}
+
+}  // namespace
+
+void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
+    const Side in = sideOf(Direction::in);
+    const Side out = sideOf(Direction::out);
     const Dispatch dispatch = planDispatch(table.rules);
+    const LineNumbers numbers(table.rules);
 
     beginBatch(messages);
     // What is removed must exist, so a table is added first: no change if there is one.
@@ -396,14 +568,32 @@ void writeReplacement(MessageWriter& messages, const RulesetTable& table) {
     putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_CREATE);
     messages.putBigEndian(NFTA_TABLE_FLAGS, table.dormant ? NFT_TABLE_F_DORMANT : 0);
     messages.put(NFTA_TABLE_USERDATA, loaderUserData(table.loader));
-    DirectionWriter(messages, table, in, dispatch.in).write();
-    DirectionWriter(messages, table, out, dispatch.out).write();
+    writeLoadCounter(messages, table, shapeOf(dispatch, table.key));
+    DirectionWriter(messages, table, numbers, in, dispatch.in).write();
+    DirectionWriter(messages, table, numbers, out, dispatch.out).write();
     writeDisinheritance(messages, table.name, "came", NF_INET_PRE_ROUTING, in.hook.priority - 1);
     writeDisinheritance(messages, table.name, "sent", NF_INET_LOCAL_OUT, in.hook.priority - 1);
-    // The kernel answers message by message, even if others fail. So only the last message, which
-    // changes nothing, asks for an acknowledgement: any error comes before it.
-    putTable(messages, table.name, NFT_MSG_NEWTABLE, NLM_F_ACK);
-    endBatch(messages);
+    endRuleset(messages, table);
+}
+
+std::optional<std::size_t> writeChange(
+    MessageWriter& messages, const RulesetTable& table, const TableRecord& before) {
+    const Dispatch dispatch = planDispatch(table.rules);
+    const Fingerprint shape = shapeOf(dispatch, table.key);
+    if (shape != before.load.shape || !leadsToOneBlock(dispatch.in) ||
+        !leadsToOneBlock(dispatch.out)) {
+        return std::nullopt;
+    }
+    const Side in = sideOf(Direction::in);
+    const Side out = sideOf(Direction::out);
+    const LineNumbers numbers(table.rules);
+    beginBatch(messages, before.load.generation);
+    std::size_t written = DirectionWriter(messages, table, numbers, in, dispatch.in).change(before);
+    written += DirectionWriter(messages, table, numbers, out, dispatch.out).change(before);
+    beginCounter(messages, table.name, loadCounter, NFT_MSG_DELOBJ);
+    writeLoadCounter(messages, table, shape);
+    endRuleset(messages, table);
+    return written;
 }
 
 void writeRemoval(MessageWriter& messages, std::span<const std::string> tables) {

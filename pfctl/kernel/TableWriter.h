@@ -7,22 +7,36 @@
 //                     passes packets of flows that have a state, then goes through the steps of the
 //                     dispatch: "jump in.N", or for each size of subnet that a map has,
 //                     "ip saddr & MASK vmap @in.map.N"
-//     chain in.N      the rules of one block, and at its end a counter of the packets that none of
-//                     them matched
+//     chain in.N      counts its packets with the table's counter of the same name, then has the
+//                     rules of one block, and at its end a counter of the packets that none of them
+//                     matched
 //     chain in.path.N the blocks for the addresses of a subnet that lies inside another
 //     chain in.pass   gives the flow its state and accepts
 //
 // and the same for "out", on the hook postrouting after source translation. Before them, the chains
 // "came", on the hook prerouting, and "sent", on the hook output, take from an expected connection
-// the state that it has inherited. Each rule carries its line as user data (UserData.h).
+// the state that it has inherited. Each rule carries its line as user data (UserData.h), the
+// counter of a block the fingerprint of its lines, and a counter "loaded" the load that all this
+// comes from.
+//
+// By these a load finds the blocks that it has to write again: those with other lines than before,
+// and those that packets came to, because the counters of a ruleset begin at zero. All others stay
+// as they are. A packet that meets a transaction meets each chain either as it was or as it will
+// be. So it meets one of the rulesets whole if it comes to one block at most, and only such a
+// ruleset is changed in this way.
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 
 #include "netlink/Messages.h"
+#include "pfctl/kernel/Fingerprint.h"
+#include "pfctl/kernel/UserData.h"
 #include "pfctl/language/CountedRule.h"
 #include "pfctl/language/Rule.h"
 
@@ -32,12 +46,33 @@ struct RulesetTable {
     std::string name;
     std::span<const Rule> rules;
     Loader loader;
-    bool dormant = false;  ///< loaded, but not enforced
+    bool dormant = false;          ///< loaded, but not enforced
+    std::uint32_t generation = 0;  ///< the kernel's when the load is done
+    FingerprintKey key{};
+};
+
+/// The counter that carries the load.
+inline constexpr const char* loadCounter = "loaded";
+
+/// What a table says of its rules.
+struct TableRecord {
+    struct BlockRecord {
+        Fingerprint lines{};
+        bool hasCounted = false;
+    };
+
+    LoadRecord load;
+    std::unordered_map<std::string, BlockRecord> blocks;  ///< by their chains
 };
 
 /// A transaction that replaces the table of that name, whether there is one or not. In each of the
-/// three transactions the last message before the end asks for an acknowledgement.
+/// four transactions the last message before the end asks for an acknowledgement.
 void writeReplacement(netlink::MessageWriter& messages, const RulesetTable& table);
+
+/// A transaction that gives the table these rules, if it holds what the record says. Returns how
+/// many blocks it writes; nothing when it can't be done with blocks alone.
+std::optional<std::size_t> writeChange(
+    netlink::MessageWriter& messages, const RulesetTable& table, const TableRecord& before);
 
 /// A transaction that removes tables, which must exist.
 void writeRemoval(netlink::MessageWriter& messages, std::span<const std::string> tables);

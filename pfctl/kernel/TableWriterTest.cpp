@@ -95,6 +95,41 @@ TEST(TableWriterTest, AsksForOneAnswerWithTheLastMessage) {
     }
 }
 
+TEST(TableWriterTest, WritesTheFormThatItsNumberStandsFor) {
+    MessageWriter messages;
+    const auto rules = parseRuleset(
+                           "pass in quick proto tcp from 10.0.0.0/24 to 1.0.0.0/9 port 1:2\n"
+                           "block drop in quick proto udp from 10.0.0.0/24 port 3 to any\n"
+                           "pass out quick from any to 10.0.1.0/26 keep state\n"
+                           "block drop out quick proto icmp from any to any\n")
+                           .rules;
+    writeReplacement(messages, {.name = "anchor", .rules = rules, .loader = {}});
+    Fingerprinter form({});
+    for (const iovec& piece : messages.pieces()) {
+        form.add(Bytes(static_cast<const std::uint8_t*>(piece.iov_base), piece.iov_len));
+    }
+
+    constexpr Fingerprint expected{
+        0x89,
+        0x65,
+        0x0E,
+        0x4A,
+        0xDA,
+        0x63,
+        0xCB,
+        0x83,
+        0x04,
+        0xF3,
+        0x80,
+        0xEA,
+        0x95,
+        0xA3,
+        0x65,
+        0xEC};
+    EXPECT_EQ(form.finish(), expected)
+        << "where other bytes are written than before, formOfTables is another number, too";
+}
+
 TEST(TableWriterTest, CarriesTheLoaderAndEveryLine) {
     const auto messages = replacementOf(twoLines);
 
@@ -105,7 +140,7 @@ TEST(TableWriterTest, CarriesTheLoaderAndEveryLine) {
     EXPECT_EQ(
         bigEndian(attribute(table.attributes, NFTA_TABLE_FLAGS)),
         std::uint64_t{NFT_TABLE_F_DORMANT});
-    std::vector<std::uint32_t> lines;
+    std::vector<std::uint64_t> lines;
     for (const Sent& rule : ofType(messages, NFT_MSG_NEWRULE)) {
         if (const auto line = ruleFromUserData(attribute(rule.attributes, NFTA_RULE_USERDATA))) {
             EXPECT_EQ(line->rule, parseRuleset(twoLines).rules.at(line->index));

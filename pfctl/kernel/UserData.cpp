@@ -18,6 +18,8 @@ using netlink::Bytes;
 // its comment, and skips types that it does not know.
 constexpr std::uint8_t commentType = 0;
 constexpr std::uint8_t lineType = 0xF0;
+constexpr std::uint8_t loadType = 0xF1;
+constexpr std::uint8_t blockType = 0xF2;
 constexpr std::string_view tableComment = "pf anchor, form 1, loaded by ";
 
 class Packer {
@@ -95,6 +97,35 @@ std::optional<std::uint32_t> takeNumbered(std::string_view& text, std::string_vi
     return support::takeNumber<std::uint32_t>(text);
 }
 
+/// The number, its greatest byte first.
+template <typename Number>
+std::array<std::uint8_t, sizeof(Number)> bigEndianBytes(Number number) {
+    std::array<std::uint8_t, sizeof number> bytes{};
+    for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) {
+        *byte = static_cast<std::uint8_t>(number & 0xFFU);
+        number >>= 8U;
+    }
+    return bytes;
+}
+
+/// Takes that many bytes off the front, which has them.
+Bytes takeBytes(Bytes& bytes, std::size_t count) {
+    const Bytes taken = bytes.first(count);
+    bytes = bytes.subspan(count);
+    return taken;
+}
+
+std::uint32_t takeNumber(Bytes& bytes) {
+    const auto number = netlink::bigEndian(takeBytes(bytes, sizeof(std::uint32_t)));
+    return static_cast<std::uint32_t>(number.value_or(0));
+}
+
+Fingerprint takeFingerprint(Bytes& bytes) {
+    Fingerprint fingerprint{};
+    std::ranges::copy(takeBytes(bytes, fingerprint.size()), fingerprint.begin());
+    return fingerprint;
+}
+
 }  // namespace
 
 PackedRule packed(const Rule& rule) {
@@ -153,11 +184,7 @@ std::optional<Loader> loaderFromUserData(Bytes userData) {
 }
 
 LineUserData lineUserData(const NumberedRule& line) {
-    const std::array<std::uint8_t, sizeof line.index> number{
-        static_cast<std::uint8_t>(line.index >> 24U),
-        static_cast<std::uint8_t>(line.index >> 16U & 0xFFU),
-        static_cast<std::uint8_t>(line.index >> 8U & 0xFFU),
-        static_cast<std::uint8_t>(line.index & 0xFFU)};
+    const auto number = bigEndianBytes(line.index);
     const PackedRule rule = packed(line.rule);
     LineUserData data{lineType, static_cast<std::uint8_t>(number.size() + rule.size())};
     std::ranges::copy(rule, std::ranges::copy(number, data.begin() + 2).out);
@@ -166,15 +193,56 @@ LineUserData lineUserData(const NumberedRule& line) {
 
 std::optional<NumberedRule> ruleFromUserData(Bytes userData) {
     const Bytes value = userDataValue(userData, lineType);
-    if (value.size() < sizeof(std::uint32_t)) {
+    if (value.size() < PackedRule().size()) {
         return std::nullopt;
     }
-    const auto index = netlink::bigEndian(value.first(sizeof(std::uint32_t)));
-    const auto rule = unpackedRule(value.subspan(sizeof(std::uint32_t)));
+    // An older pfctl, whose rules may be in force when this one takes its place, wrote the number
+    // in fewer bytes.
+    const std::size_t numberSize = value.size() - PackedRule().size();
+    const auto index = netlink::bigEndian(value.first(numberSize));
+    const auto rule = unpackedRule(value.subspan(numberSize));
     if (!index || !rule) {
         return std::nullopt;
     }
-    return NumberedRule{.index = static_cast<std::uint32_t>(*index), .rule = *rule};
+    return NumberedRule{.index = *index, .rule = *rule};
+}
+
+LoadUserData loadUserData(const LoadRecord& load) {
+    LoadUserData data{loadType, static_cast<std::uint8_t>(LoadUserData().size() - 2)};
+    auto next = data.begin() + 2;
+    for (const auto number : {load.loader.uid, load.loader.pid, load.generation}) {
+        next = std::ranges::copy(bigEndianBytes(number), next).out;
+    }
+    std::ranges::copy(load.shape, std::ranges::copy(load.key, next).out);
+    return data;
+}
+
+std::optional<LoadRecord> loadFromUserData(Bytes userData) {
+    LoadRecord load;
+    Bytes value = userDataValue(userData, loadType);
+    if (value.size() != LoadUserData().size() - 2) {
+        return std::nullopt;
+    }
+    load.loader.uid = takeNumber(value);
+    load.loader.pid = takeNumber(value);
+    load.generation = takeNumber(value);
+    load.key = takeFingerprint(value);
+    load.shape = takeFingerprint(value);
+    return load;
+}
+
+BlockUserData blockUserData(const Fingerprint& lines) {
+    BlockUserData data{blockType, static_cast<std::uint8_t>(lines.size())};
+    std::ranges::copy(lines, data.begin() + 2);
+    return data;
+}
+
+std::optional<Fingerprint> blockFromUserData(Bytes userData) {
+    Bytes value = userDataValue(userData, blockType);
+    if (value.size() != Fingerprint().size()) {
+        return std::nullopt;
+    }
+    return takeFingerprint(value);
 }
 
 }  // namespace tarnvale::pfctl

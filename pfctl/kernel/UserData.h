@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// What the kernel keeps for us beside the rules. A table carries who loaded it, an nftables rule
-// the line of the ruleset that it is part of, so the tables themselves say which ruleset they hold.
+// What the kernel keeps for us beside the rules. A table carries who made it, an nftables rule the
+// line of the ruleset that it is part of, so the tables themselves say which ruleset they hold. By
+// what its counters carry, the next load knows what it need not write again.
 
 #pragma once
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "netlink/Messages.h"
+#include "pfctl/kernel/Fingerprint.h"
 #include "pfctl/language/CountedRule.h"
 #include "pfctl/language/Rule.h"
 
@@ -33,16 +35,44 @@ std::optional<Loader> loaderFromUserData(netlink::Bytes userData);
 
 /// A line of the ruleset, as its rules carry it.
 struct NumberedRule {
-    std::uint32_t index = 0;
+    std::uint64_t index = 0;  ///< the greater, the later in the ruleset
     Rule rule;
 };
 
 /// The kind of value, its length, the line's number, the rule.
-using LineUserData = std::array<std::uint8_t, 2 + sizeof(std::uint32_t) + PackedRule().size()>;
+using LineUserData = std::array<std::uint8_t, 2 + sizeof(std::uint64_t) + PackedRule().size()>;
 
 LineUserData lineUserData(const NumberedRule& line);
 
 /// Nothing when the user data is not that of a line.
 std::optional<NumberedRule> ruleFromUserData(netlink::Bytes userData);
+
+/// The load that a table's rules come from.
+struct LoadRecord {
+    Loader loader;
+    std::uint32_t generation = 0;  ///< the kernel's when the load was done
+    FingerprintKey key{};          ///< of the fingerprints in the table
+    Fingerprint shape{};           ///< of everything but the lines
+
+    bool operator==(const LoadRecord&) const = default;
+};
+
+/// The kind of value, its length, and the record's members.
+using LoadUserData = std::array<
+    std::uint8_t,
+    2 + 3 * sizeof(std::uint32_t) + FingerprintKey().size() + Fingerprint().size()>;
+
+LoadUserData loadUserData(const LoadRecord& load);
+
+/// Nothing when the user data is not that of a load.
+std::optional<LoadRecord> loadFromUserData(netlink::Bytes userData);
+
+/// The kind of value, its length, and the fingerprint of a block's lines.
+using BlockUserData = std::array<std::uint8_t, 2 + Fingerprint().size()>;
+
+BlockUserData blockUserData(const Fingerprint& lines);
+
+/// Nothing when the user data is not that of a block.
+std::optional<Fingerprint> blockFromUserData(netlink::Bytes userData);
 
 }  // namespace tarnvale::pfctl

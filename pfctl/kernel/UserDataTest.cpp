@@ -76,6 +76,41 @@ TEST(UserDataTest, KnowsItsOwnTablesByTheirUserData) {
     EXPECT_EQ(loaderFromUserData(std::array<std::uint8_t, 3>{0, 200, 'p'}), std::nullopt);
 }
 
+TEST(UserDataTest, GivesALineBackFromItsUserDataAndFromThatOfAnOlderForm) {
+    const NumberedRule line{.index = 0x0000000500000007, .rule = fullRule};
+    const auto data = lineUserData(line);
+    std::vector<std::uint8_t> older{0xF0, static_cast<std::uint8_t>(data.size() - 6)};
+    older.insert(older.end(), data.begin() + 6, data.end());
+
+    ASSERT_TRUE(ruleFromUserData(data) && ruleFromUserData(older));
+    EXPECT_EQ(ruleFromUserData(data)->index, line.index);
+    EXPECT_EQ(ruleFromUserData(data)->rule, fullRule);
+    EXPECT_EQ(ruleFromUserData(older)->index, 7U);
+    EXPECT_EQ(ruleFromUserData(older)->rule, fullRule);
+}
+
+TEST(UserDataTest, GivesALoadBackFromItsUserData) {
+    const LoadRecord load{
+        .loader = {.uid = 4294967295, .pid = 68},
+        .generation = 0x01020304,
+        .key = {1, 2, 3},
+        .shape = {4, 5, 6}};
+    const auto data = loadUserData(load);
+
+    EXPECT_EQ(loadFromUserData(data), load);
+    EXPECT_EQ(loadFromUserData(std::span(data).first(data.size() - 1)), std::nullopt);
+    EXPECT_EQ(loadFromUserData(blockUserData({})), std::nullopt);
+    EXPECT_EQ(loadFromUserData({}), std::nullopt);
+}
+
+TEST(UserDataTest, GivesTheFingerprintOfABlockBack) {
+    const Fingerprint lines{1, 2, 3, 4};
+
+    EXPECT_EQ(blockFromUserData(blockUserData(lines)), lines);
+    EXPECT_EQ(blockFromUserData(loadUserData({})), std::nullopt);
+    EXPECT_EQ(blockFromUserData({}), std::nullopt);
+}
+
 TEST(UserDataTest, TakesNoOtherUserDataForALine) {
     EXPECT_EQ(ruleFromUserData({}), std::nullopt);
     EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 2>{0xF0, 0}), std::nullopt);

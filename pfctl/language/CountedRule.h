@@ -20,7 +20,7 @@ struct Loader {
 
 /// A line with the packets that it decided on. Those that passed by a state count nowhere.
 struct CountedRule {
-    std::uint32_t index = 0;
+    std::uint64_t index = 0;  ///< the greater, the later in the ruleset
     Rule rule;
     std::uint64_t evaluations = 0;  ///< packets that came to this line
     std::uint64_t packets = 0;

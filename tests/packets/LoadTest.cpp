@@ -39,7 +39,11 @@ std::vector<std::pair<std::string, int>> countedLines() {
     return lines;
 }
 
-class LoadTest : public PacketTest {};
+class LoadTest : public PacketTest {
+protected:
+    /// Loads the two rulesets in turns while packets come that both drop, and such that both pass.
+    void expectNothingThroughWhileLoading(const std::string& one, const std::string& two);
+};
 
 TEST_F(LoadTest, EnforcesNothingBeforePfIsEnabled) {
     const Exchange exchange{.from = outside, .to = vm1, .port = 22};
@@ -214,12 +218,10 @@ TEST_F(LoadTest, KeepsCountersWhenPfIsEnabledAndResetsThemByALoad) {
     EXPECT_THAT(countedLines(), ElementsAre(Pair(line, 0)));
 }
 
-TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
+void LoadTest::expectNothingThroughWhileLoading(const std::string& one, const std::string& two) {
     constexpr int reloads = 200;
-    std::ofstream("/tmp/one.conf") << network(subnet64, Default::deny, Default::deny)
-                                   << network("192.168.65.0/24", Default::allow, Default::deny);
-    std::ofstream("/tmp/two.conf") << "block drop in quick from 192.168.64.0/24 to any\n"
-                                   << network("192.168.64.0/20", Default::allow, Default::allow);
+    std::ofstream("/tmp/one.conf") << one;
+    std::ofstream("/tmp/two.conf") << two;
     ASSERT_EQ(pfctl({"-a", anchor, "-f", "/tmp/one.conf"}).status, 0);
     ASSERT_EQ(pfctl({"-E"}).status, 0);
     Question longLived = lab->established({.from = vm3, .to = outside, .port = 22});
@@ -258,6 +260,22 @@ TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
     const Finished finished = reloading.finish();
     EXPECT_EQ(finished.status, 0) << finished.error;
     EXPECT_EQ(lab->arrivals(99), 0U);
+}
+
+TEST_F(LoadTest, LetsNothingThroughWhileRulesAreReplaced) {
+    expectNothingThroughWhileLoading(
+        network(subnet64, Default::deny, Default::deny) +
+            network("192.168.65.0/24", Default::allow, Default::deny),
+        "block drop in quick from 192.168.64.0/24 to any\n" +
+            network("192.168.64.0/20", Default::allow, Default::allow));
+}
+
+TEST_F(LoadTest, LetsNothingThroughWhileLinesOfANetworkAreChanged) {
+    const std::string other = network("192.168.65.0/24", Default::allow, Default::deny);
+    expectNothingThroughWhileLoading(
+        network(subnet64, Default::deny, Default::deny) + other,
+        "block drop in quick from 192.168.64.0/24 to 203.0.113.0/24\n" +
+            network(subnet64, Default::deny, Default::deny) + other);
 }
 
 TEST_F(LoadTest, LetsNothingThroughThatHasBegunItsWayPastOtherRules) {

@@ -1,0 +1,421 @@
+// SPDX-License-Identifier: MIT
+//
+// A load that changes the anchor's table leaves what a load from nothing would, and writes again no
+// more than differs. The kernel is this machine's, in the private root's own network.
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
+#include <random>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netlink.h>
+#include <unistd.h>
+
+#include "netlink/Socket.h"
+#include "pfctl/kernel/Netfilter.h"
+#include "pfctl/kernel/NftablesBackend.h"
+#include "pfctl/kernel/TableWriter.h"
+#include "pfctl/language/RulesetParser.h"
+#include "tests/support/KillEverywhere.h"
+#include "tests/support/Program.h"
+#include "tests/support/SkipReasons.h"
+
+namespace tarnvale::pfctl {
+namespace {
+
+using testing::AnyOf;
+using testing::SizeIs;
+
+constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
+
+std::string network(unsigned number, std::initializer_list<std::string> lines = {}) {
+    const std::string subnet = "10.0." + std::to_string(number) + ".0/24";
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text + "pass in quick from " + subnet + " to any keep state\n" +
+           "block drop out quick from any to " + subnet + "\n";
+}
+
+/// The attributes of an object, without those by which the kernel tells it from its predecessor.
+std::string contentOf(netlink::Bytes attributes, std::initializer_list<std::uint16_t> without) {
+    std::string content;
+    for (netlink::AttributeReader reader(attributes); reader.next();) {
+        if (std::ranges::find(without, reader.type()) == without.end()) {
+            const netlink::Bytes whole = reader.whole();
+            content.append(whole.begin(), whole.end());
+        }
+    }
+    return content;
+}
+
+class ChangeTest : public testing::Test {
+protected:
+    void SetUp() override {
+        TARNVALE_NEEDS(interfaces);
+        try {
+            backend.tables();
+        } catch (const std::system_error& error) {
+            GTEST_SKIP() << "this kernel gives no nftables: " << error.what();
+        }
+    }
+
+    void load(const std::string& text, const std::string& into = anchor, bool dormant = true) {
+        const auto ruleset = parseRuleset(text);
+        ASSERT_THAT(ruleset.mistakes, SizeIs(0)) << text;
+        backend.load(
+            into,
+            {.name = {},
+             .rules = ruleset.rules,
+             .loader = {.uid = 7, .pid = ++pid},
+             .dormant = dormant});
+    }
+
+    std::string tableName(const std::string& of = anchor) {
+        const auto tables = backend.tables(of);
+        EXPECT_THAT(tables, SizeIs(1));
+        return tables.empty() ? "" : tables.front().name;
+    }
+
+    /// By these the kernel tells a table from one of the same name before it.
+    std::uint64_t tableHandle() {
+        const auto tables = backend.tables(anchor);
+        return tables.size() == 1 ? tables.front().handle : 0;
+    }
+
+    void dump(
+        int message,
+        const std::function<void(netlink::MessageWriter&)>& filter,
+        const std::function<void(netlink::Bytes)>& take) {
+        netlink::MessageWriter request;
+        beginNftables(request, message, NLM_F_DUMP);
+        filter(request);
+        EXPECT_TRUE(socket.dump(
+            request, [&take](const netlink::Message& answer) { take(attributesOf(answer)); }));
+    }
+
+    /// All that the anchor's table holds, rules in their order and the rest sorted. Left out are
+    /// the names of the table, handles, and what is different in each load: fingerprints and
+    /// loaders.
+    std::vector<std::string> kernelsView(const std::string& of) {
+        const std::string table = tableName(of);
+        std::vector<std::string> view;
+        std::vector<std::string> sets;
+        const auto ofTable = [&](netlink::Bytes attributes) {
+            return netlink::textOf(netlink::attribute(attributes, NFTA_SET_TABLE)) == table;
+        };
+        const auto everything = [](netlink::MessageWriter&) {};
+        dump(NFT_MSG_GETCHAIN, everything, [&](netlink::Bytes chain) {
+            if (ofTable(chain)) {
+                view.push_back(contentOf(chain, {NFTA_CHAIN_TABLE, NFTA_CHAIN_HANDLE}));
+            }
+        });
+        dump(NFT_MSG_GETSET, everything, [&](netlink::Bytes set) {
+            if (ofTable(set)) {
+                sets.emplace_back(netlink::textOf(netlink::attribute(set, NFTA_SET_NAME)));
+                view.push_back(contentOf(set, {NFTA_SET_TABLE, NFTA_SET_HANDLE}));
+            }
+        });
+        for (const std::string& set : sets) {
+            const auto inSet = [&](netlink::MessageWriter& request) {
+                request.putText(NFTA_SET_ELEM_LIST_TABLE, table);
+                request.putText(NFTA_SET_ELEM_LIST_SET, set);
+            };
+            dump(NFT_MSG_GETSETELEM, inSet, [&](netlink::Bytes elements) {
+                netlink::AttributeReader reader(
+                    netlink::attribute(elements, NFTA_SET_ELEM_LIST_ELEMENTS));
+                while (reader.next()) {
+                    view.push_back(set + contentOf(reader.value(), {}));
+                }
+            });
+        }
+        const auto inTable = [&](netlink::MessageWriter& request) {
+            request.putText(NFTA_OBJ_TABLE, table);
+        };
+        dump(NFT_MSG_GETOBJ, inTable, [&](netlink::Bytes object) {
+            view.push_back(contentOf(object, {NFTA_OBJ_TABLE, NFTA_OBJ_HANDLE, NFTA_OBJ_USERDATA}));
+        });
+        std::ranges::sort(view);
+        dump(NFT_MSG_GETRULE, inTable, [&](netlink::Bytes rule) {
+            view.push_back(
+                contentOf(rule, {NFTA_RULE_TABLE, NFTA_RULE_HANDLE, NFTA_RULE_POSITION}));
+        });
+        return view;
+    }
+
+    /// The handles of a chain's rules, which the kernel gives only once.
+    std::vector<std::uint64_t> rulesOf(const std::string& chain) {
+        std::vector<std::uint64_t> handles;
+        const std::string table = tableName();
+        const auto inChain = [&](netlink::MessageWriter& request) {
+            request.putText(NFTA_RULE_TABLE, table);
+            request.putText(NFTA_RULE_CHAIN, chain);
+        };
+        dump(NFT_MSG_GETRULE, inChain, [&](netlink::Bytes rule) {
+            handles.push_back(
+                netlink::bigEndian(netlink::attribute(rule, NFTA_RULE_HANDLE)).value_or(0));
+        });
+        return handles;
+    }
+
+    /// A transaction of somebody else's, who empties a chain of ours.
+    void emptyChain(const std::string& chain) {
+        netlink::MessageWriter transaction;
+        beginBatch(transaction);
+        beginNftables(transaction, NFT_MSG_DELRULE, NLM_F_ACK);
+        transaction.putText(NFTA_RULE_TABLE, tableName());
+        transaction.putText(NFTA_RULE_CHAIN, chain);
+        endBatch(transaction);
+        socket.request(transaction);
+    }
+
+    netlink::Socket socket{NETLINK_NETFILTER};
+    NftablesBackend backend{socket};
+    std::uint32_t pid = 0;
+};
+
+TEST_F(ChangeTest, WritesAgainOnlyTheNetworkThatDiffers) {
+    load(network(1) + network(2) + network(3));
+    const auto table = tableHandle();
+    const auto first = rulesOf("in.0");
+    const auto second = rulesOf("in.1");
+    const auto third = rulesOf("in.2");
+
+    load(
+        network(1) + network(2, {"block drop in quick from 10.0.2.0/24 to 1.2.3.4/32"}) +
+        network(3));
+
+    EXPECT_EQ(tableHandle(), table);
+    EXPECT_EQ(rulesOf("in.0"), first);
+    EXPECT_THAT(rulesOf("in.1"), SizeIs(second.size() + 1));
+    EXPECT_EQ(rulesOf("in.2"), third);
+    EXPECT_THAT(backend.content(anchor)->rules, SizeIs(7));
+}
+
+TEST_F(ChangeTest, WritesNothingAgainWhenNothingDiffers) {
+    load(network(1) + network(2));
+    const auto first = rulesOf("in.0");
+    const auto second = rulesOf("out.1");
+
+    for (int i = 0; i < 3; ++i) {
+        load(network(1) + network(2));
+        EXPECT_EQ(rulesOf("in.0"), first);
+        EXPECT_EQ(rulesOf("out.1"), second);
+        EXPECT_EQ(backend.content(anchor)->loader, (Loader{.uid = 7, .pid = pid}));
+    }
+}
+
+TEST_F(ChangeTest, ReplacesTheTableForOtherNetworks) {
+    const std::string two = network(1) + network(2);
+    for (const std::string& other :
+         {network(1),
+          network(1) + network(3),
+          network(2) + network(1),
+          two + network(3),
+          two + "block drop in quick from 10.0.0.0/8 to any\n",
+          two + "block drop out quick from any to any\n"}) {
+        load(two);
+        load(two);
+        const auto table = tableHandle();
+
+        load(other);
+
+        EXPECT_NE(tableHandle(), table) << other;
+        load(other, "new");
+        EXPECT_EQ(kernelsView(anchor), kernelsView("new")) << other;
+        backend.flush("new");
+    }
+}
+
+TEST_F(ChangeTest, ReplacesTheTableWhereAPacketCanComeToSeveralBlocks) {
+    const std::string wide = "block drop in quick from 10.0.0.0/8 to any\n";
+    for (const std::string& tail : {wide, std::string("block drop in quick from any to any\n")}) {
+        load(network(1) + tail);
+        const auto table = tableHandle();
+
+        load(network(1, {"block drop in quick from 10.0.1.0/24 to 1.2.3.4/32"}) + tail);
+
+        EXPECT_NE(tableHandle(), table);
+    }
+}
+
+TEST_F(ChangeTest, TrustsNoTableThatSomebodyElseMayHaveChanged) {
+    load(network(1) + network(2));
+    const auto rules = rulesOf("in.1").size();
+    emptyChain("in.1");
+
+    load(network(1) + network(2));
+
+    EXPECT_THAT(rulesOf("in.1"), SizeIs(rules));
+    EXPECT_THAT(backend.content(anchor)->rules, SizeIs(4));
+}
+
+TEST_F(ChangeTest, ReplacesATableOfAnOlderForm) {
+    const auto ruleset = parseRuleset(network(1));
+    load(network(1));
+    backend.flush(anchor);
+    netlink::MessageWriter transaction;
+    writeReplacement(transaction, {.name = anchor, .rules = ruleset.rules, .loader = {}});
+    beginBatch(transaction);
+    beginNftables(transaction, NFT_MSG_DELOBJ);
+    transaction.putText(NFTA_OBJ_TABLE, anchor);
+    transaction.putText(NFTA_OBJ_NAME, loadCounter);
+    transaction.putBigEndian(NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
+    endBatch(transaction);
+    socket.request(transaction);
+    ASSERT_EQ(backend.content(anchor)->loader, Loader());
+    const auto table = tableHandle();
+
+    load(network(1));
+
+    EXPECT_NE(tableHandle(), table);
+    EXPECT_EQ(backend.content(anchor)->loader, (Loader{.uid = 7, .pid = pid}));
+}
+
+TEST_F(ChangeTest, ChangesNothingOnceAnotherTransactionCameFirst) {
+    load(network(1));
+    const auto before = kernelsView(anchor);
+    const auto ruleset = parseRuleset(network(1));
+    netlink::MessageWriter transaction;
+    beginBatch(transaction, 1);
+    beginNftables(transaction, NFT_MSG_DELTABLE, NLM_F_ACK);
+    transaction.putText(NFTA_TABLE_NAME, tableName());
+    endBatch(transaction);
+
+    try {
+        socket.request(transaction);
+        ADD_FAILURE() << "the kernel took a transaction for another generation";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), ERESTART);
+    }
+
+    EXPECT_EQ(kernelsView(anchor), before);
+}
+
+TEST_F(ChangeTest, PutsTablesIntoForceByAReplacement) {
+    load(network(1));
+    const auto table = tableHandle();
+
+    load(network(1), anchor, false);
+
+    EXPECT_NE(tableHandle(), table);
+    EXPECT_FALSE(backend.tables(anchor).at(0).dormant);
+}
+
+/// Makes rulesets of a few networks, mostly the same, with few lines, often the same.
+class Rulesets {
+public:
+    explicit Rulesets(unsigned seed) : random_(seed) {}  // NOLINT(cert-msc51-cpp): to be repeated
+
+    std::string next() {
+        if (networks_.empty() || oneIn(6)) {
+            networks_.clear();
+            for (unsigned number = 0; number < 5; ++number) {
+                if (!oneIn(3)) {
+                    networks_.emplace_back(number, std::vector<std::string>());
+                }
+            }
+        }
+        std::string text = oneIn(8) ? "block drop in quick proto udp from any to any port 9\n" : "";
+        for (auto& [number, lines] : networks_) {
+            const std::string subnet = "10.0." + std::to_string(number) + ".0/24";
+            if (oneIn(3)) {
+                change(lines, subnet);
+            }
+            for (const std::string& line : lines) {
+                text += line;
+            }
+            text += "block drop in quick from " + subnet + " to any\n";
+        }
+        return text + (oneIn(8) ? "pass in quick from 10.0.0.0/16 to any\n" : "");
+    }
+
+private:
+    bool oneIn(unsigned count) { return random_() % count == 0; }
+
+    void change(std::vector<std::string>& lines, const std::string& subnet) {
+        if (!lines.empty() && oneIn(2)) {
+            lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(random_() % lines.size()));
+            return;
+        }
+        const std::string remote = "172.16." + std::to_string(random_() % 4) + ".0/24";
+        const std::string action = oneIn(2) ? "pass " : "block drop ";
+        const std::string protocol = oneIn(2) ? " proto tcp" : "";
+        const std::string line =
+            oneIn(2) ? "in quick" + protocol + " from " + subnet + " to " + remote + "\n"
+                     : "out quick" + protocol + " from " + remote + " to " + subnet + "\n";
+        const auto place =
+            lines.begin() + static_cast<std::ptrdiff_t>(random_() % (lines.size() + 1));
+        lines.insert(place, action + line);
+    }
+
+    std::minstd_rand random_;
+    std::vector<std::pair<unsigned, std::vector<std::string>>> networks_;
+};
+
+TEST_F(ChangeTest, LeavesWhatALoadFromNothingLeaves) {
+    Rulesets rulesets(20);
+    int changes = 0;
+    for (int round = 0; round < 400; ++round) {
+        load(rulesets.next());
+        const auto table = backend.tables(anchor);
+        const std::string text = rulesets.next();
+        load(text);
+        const auto now = backend.tables(anchor);
+        changes += !table.empty() && !now.empty() && table[0].handle == now[0].handle ? 1 : 0;
+        if (now.empty()) {
+            continue;
+        }
+
+        load(text, "new");
+        ASSERT_EQ(kernelsView(anchor), kernelsView("new")) << text;
+        backend.flush("new");
+    }
+    EXPECT_GE(changes, 100);
+}
+
+TEST_F(ChangeTest, IsDoneWhollyOrNotAtAllWheneverItIsKilled) {
+    constexpr const char* path = "/tmp/changed.conf";
+    const std::string before = network(1) + network(2);
+    const std::string after = network(1, {"pass in quick from 10.0.1.0/24 to 1.2.3.4/32"}) +
+                              network(2, {"pass in quick from 10.0.2.0/24 to 1.2.3.4/32"});
+    std::ofstream(path) << after << std::flush;
+    load(before);
+    const auto oldView = kernelsView(anchor);
+    load(after);
+    const auto newView = kernelsView(anchor);
+    bool wasOld = false;
+    bool wasNew = false;
+
+    const int deaths = test::killAtEverySystemCall(
+        [&] { load(before); },
+        [&] {
+            test::beginKilling();
+            ::execl(TARNVALE_BIN_DIR "/pfctl", "pfctl", "-a", anchor, "-f", path, nullptr);
+        },
+        [&] {
+            const auto view = kernelsView(anchor);
+            EXPECT_THAT(view, AnyOf(oldView, newView));
+            wasOld = wasOld || view == oldView;
+            wasNew = wasNew || view == newView;
+        });
+
+    EXPECT_GE(deaths, 30);
+    EXPECT_TRUE(wasOld && wasNew);
+    EXPECT_EQ(kernelsView(anchor), newView) << "the one that lives to the end";
+}
+
+}  // namespace
+}  // namespace tarnvale::pfctl

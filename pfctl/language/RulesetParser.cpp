@@ -144,10 +144,18 @@ public:
     bool atEnd() const { return word_.empty(); }
 
 private:
+    static bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
     void advance() {
-        constexpr std::string_view blanks = " \t";
-        wordBegin_ = std::min(line_.find_first_not_of(blanks, wordEnd_), line_.size());
-        wordEnd_ = std::min(line_.find_first_of(blanks, wordBegin_), line_.size());
+        // The searches of string_view call the C library for each character.
+        wordBegin_ = wordEnd_;
+        while (wordBegin_ < line_.size() && isBlank(line_[wordBegin_])) {
+            ++wordBegin_;
+        }
+        wordEnd_ = wordBegin_;
+        while (wordEnd_ < line_.size() && !isBlank(line_[wordEnd_])) {
+            ++wordEnd_;
+        }
         word_ = line_.substr(wordBegin_, wordEnd_ - wordBegin_);
     }
 

@@ -5,9 +5,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <functional>
-#include <initializer_list>
+#include <iterator>
 #include <map>
-#include <numeric>
 #include <ostream>
 #include <set>
 #include <span>
@@ -48,9 +47,9 @@ Place placeOf(std::string_view command, std::size_t operands) {
 
 std::vector<Choice> choicesOf(const std::vector<std::string_view>& words) {
     std::vector<Choice> choices;
-    for (const auto word : words) {
-        choices.push_back({.word = std::string(word), .summary = {}});
-    }
+    std::ranges::transform(words, std::back_inserter(choices), [](std::string_view word) {
+        return Choice{.word = std::string(word), .summary = {}};
+    });
     return choices;
 }
 
@@ -68,13 +67,15 @@ void addCommands(std::map<Place, Content>& places, const std::string& before) {
             continue;
         }
         const std::string second(form.words.substr(space + 1));
-        if (const auto group = std::ranges::find(choices, first, &Choice::word);
-            group == choices.end()) {
+        if (const auto known = std::ranges::find(choices, first, &Choice::word);
+            known == choices.end()) {
             choices.push_back({.word = first, .summary = second});
         } else {
-            group->summary.append(", ").append(second);
+            known->summary.append(", ").append(second);
         }
-        places[placeOf(before.empty() ? first : before + " " + first, 0)].choices.push_back(
+        auto group = before;
+        group.append(before.empty() ? "" : " ").append(first);
+        places[placeOf(group, 0)].choices.push_back(
             {.word = second, .summary = std::string(form.summary)});
     }
 }
@@ -129,8 +130,8 @@ std::vector<Choice> optionChoices(std::span<const Option> options) {
     return choices;
 }
 
-const Choice helpOption{.word = "--help", .summary = "print the help"};
-const Choice versionOption{.word = "--version", .summary = "print the version of this program"};
+constexpr std::string_view helpSummary = "print the help";
+constexpr std::string_view versionSummary = "print the version of this program";
 
 /// Every option that takes a value, once.
 std::vector<Option> optionsWithValues() {
@@ -147,9 +148,8 @@ std::vector<Option> optionsWithValues() {
         add(form.options);
     }
     std::vector<Option> all;
-    for (const auto& [name, option] : options) {
-        all.push_back(option);
-    }
+    std::ranges::transform(
+        options, std::back_inserter(all), [](const auto& named) { return named.second; });
     return all;
 }
 
@@ -180,9 +180,7 @@ std::string joined(const std::vector<std::string>& parts, std::string_view separ
 template <class Range, class Function>
 std::string joinedAs(const Range& range, std::string_view separator, const Function& function) {
     std::vector<std::string> parts;
-    for (const auto& each : range) {
-        parts.push_back(std::invoke(function, each));
-    }
+    std::ranges::transform(range, std::back_inserter(parts), function);
     return joined(parts, separator);
 }
 
@@ -284,7 +282,9 @@ std::string placeCases(
 }
 
 std::string optionCases(const std::function<std::string(const std::vector<Choice>&)>& answer) {
-    std::string cases = "            '') " + answer({versionOption}) + " ;;\n";
+    std::string cases = "            '') " +
+                        answer({{.word = "--version", .summary = std::string(versionSummary)}}) +
+                        " ;;\n";
     for (const auto& form : commandForms()) {
         if (!form.options.empty()) {
             cases.append("            ")
@@ -314,7 +314,7 @@ std::string valueCases(
 
 std::vector<Choice> optionsOfAll() {
     auto choices = optionChoices(commonOptions());
-    choices.push_back(helpOption);
+    choices.push_back({.word = "--help", .summary = std::string(helpSummary)});
     return choices;
 }
 
@@ -459,6 +459,31 @@ std::string fishOption(const Option& option, const std::string& condition) {
     return line.append(" -d ").append(quotedForFish(option.summary)).append("\n");
 }
 
+/// The lines that offer what may come in each place.
+std::string fishOffers(const std::map<Place, Content>& places) {
+    // Where the same may come, as behind "help" and without it, one line says so.
+    std::map<std::string, std::string> placesOf;
+    for (const auto& [place, content] : places) {
+        if (content.kind == WordKind::file) {
+            placesOf[" -F"].append(" \"").append(place).append("\"");
+        }
+        for (const auto& [word, summary] : content.choices) {
+            auto offer = " -a " + word;
+            offer.append(summary.empty() ? "" : " -d " + quotedForFish(summary));
+            placesOf[offer].append(" \"").append(place).append("\"");
+        }
+    }
+    std::string lines;
+    for (const auto& [offer, alike] : placesOf) {
+        lines.append("complete -c tarnvale-helperctl -n '__tarnvale_helperctl_at")
+            .append(alike)
+            .append("'")
+            .append(offer)
+            .append("\n");
+    }
+    return lines;
+}
+
 std::string fishScript() {
     const auto places = allPlaces();
     std::string script =
@@ -527,9 +552,9 @@ complete -c tarnvale-helperctl -f
         script += fishOption(option, "");
     }
     script.append("complete -c tarnvale-helperctl -s h -l help -d ")
-        .append(quotedForFish(helpOption.summary))
+        .append(quotedForFish(helpSummary))
         .append("\ncomplete -c tarnvale-helperctl -n '__tarnvale_helperctl_in \"\"' -l version -d ")
-        .append(quotedForFish(versionOption.summary))
+        .append(quotedForFish(versionSummary))
         .append("\n");
     for (const auto& form : commandForms()) {
         for (const auto& option : form.options) {
@@ -537,25 +562,7 @@ complete -c tarnvale-helperctl -f
                 option, " -n '__tarnvale_helperctl_in \"" + std::string(form.words) + "\"'");
         }
     }
-    // Where the same may come, as behind "help" and without it, one line says so.
-    std::map<std::string, std::string> placesOf;
-    for (const auto& [place, content] : places) {
-        if (content.kind == WordKind::file) {
-            placesOf[" -F"].append(" \"").append(place).append("\"");
-        }
-        for (const auto& [word, summary] : content.choices) {
-            const auto said = summary.empty() ? "" : " -d " + quotedForFish(summary);
-            placesOf[" -a " + word + said].append(" \"").append(place).append("\"");
-        }
-    }
-    for (const auto& [offer, alike] : placesOf) {
-        script.append("complete -c tarnvale-helperctl -n '__tarnvale_helperctl_at")
-            .append(alike)
-            .append("'")
-            .append(offer)
-            .append("\n");
-    }
-    return script;
+    return script + fishOffers(places);
 }
 
 std::string scriptFor(Shell shell) {

@@ -26,7 +26,6 @@
 namespace tarnvale::helperctl {
 namespace {
 
-using testing::IsEmpty;
 using testing::UnorderedElementsAreArray;
 using Words = std::vector<std::string>;
 
@@ -170,7 +169,7 @@ protected:
 };
 
 /// Without the option before the value, which fish repeats.
-std::string value(std::string word) {
+std::string value(const std::string& word) {
     return word.substr(word.find('=') + 1);
 }
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // scripts/release in a repository of its own: what it changes, what it refuses, and what it offers
-// in the end. Building packages and the bill of materials is left to programs that only pretend to.
+// in the end. Building packages is left to a program that only pretends to, and so is
+// the bill of materials where reuse is not installed.
 
 #include <filesystem>
 #include <string>
@@ -17,8 +18,10 @@ namespace tarnvale::test {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* repository = "/tmp/release/sources";
@@ -55,7 +58,12 @@ protected:
             file("scripts/build-debs"),
             "rm -rf \"$1\"\nmkdir -p \"$1\"\nscripts/version "
             ">\"$1/helper_$(scripts/version).deb\"\n");
-        putProgram("/tmp/release/bin/reuse", "echo \"DocumentName: sources, by $*\"\n");
+        if (!exists("/usr/bin/reuse")) {
+            putProgram(
+                "/tmp/release/bin/reuse",
+                "[ \"$*\" = spdx ]\nprintf '%s\\n' 'SPDXVersion: SPDX-2.1' 'DocumentName: sources' "
+                "'Creator: Person: Anonymous ()' 'Creator: Organization: Anonymous ()'\n");
+        }
         put("/tmp/release/.gitconfig",
             "[user]\n  name = Ada\n  email = ada@example.org\n[init]\n  defaultBranch = main\n");
         inRepository("git init --quiet && git add . && git commit --quiet --message Begin");
@@ -147,7 +155,11 @@ TEST_F(ReleaseTest, OffersPackagesArchiveBillAndSums) {
         "helper_98.7.6.deb\n3\n");
     EXPECT_THAT(
         contentOf(file("build/dist/TarnvaleAdminHelper-98.7.6.spdx")),
-        StartsWith("DocumentName: TarnvaleAdminHelper-98.7.6\n"));
+        AllOf(
+            StartsWith("SPDXVersion: SPDX-2."),
+            HasSubstr("\nDocumentName: TarnvaleAdminHelper-98.7.6\n"),
+            HasSubstr("\nCreator: Organization: The TarnvaleAdminHelper developers ()\n"),
+            Not(HasSubstr("Anonymous"))));
     EXPECT_EQ(contentOf(file("build/dist/helper_98.7.6.deb")), "98.7.6\n");
     EXPECT_EQ(
         inRepository("tar -xOf build/dist/*.tar.gz TarnvaleAdminHelper-98.7.6/CHANGELOG.md").output,

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // What pfctl costs, each figure beside its floor in the same run: a load beside the same netlink
-// messages sent by themselves, a command that changes nothing beside a program that does nothing,
+// messages sent by themselves, one that changes a single network beside one that changes all, a
+// command that changes nothing beside a program that does nothing, a listing beside that of nft,
 // and a packet of a new flow beside one that the kernel only tracks. It runs in network and mount
 // namespaces of its own, as root.
 
@@ -19,6 +20,7 @@
 #include <random>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -49,6 +51,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* pfctlPath = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* emptyPath = TARNVALE_BIN_DIR "/empty_program";
+constexpr const char* nftPath = "/usr/sbin/nft";
 constexpr const char* rulesetPath = "/run/bench.pf.conf";
 
 void require(bool condition, const char* step) {
@@ -104,7 +107,7 @@ void compare(
     };
     const double time = median(times);
     const double least = median(floors);
-    std::printf("%-44s %12.2f us %12.2f us %8.2fx\n", name.c_str(), time, least, time / least);
+    std::printf("%-46s %12.2f us %12.2f us %8.2fx\n", name.c_str(), time, least, time / least);
     std::fflush(stdout);
 }
 
@@ -120,9 +123,9 @@ std::string subnetOf(unsigned network) {
 
 /// A ruleset as the helper writes it: both defaults allow, and the user's rules are of all kinds,
 /// none of which concerns the packets that are sent here.
-std::string rulesetOf(unsigned networks, unsigned rules) {
+std::string rulesetOf(unsigned networks, unsigned rules, unsigned first = 0) {
     std::string text;
-    for (unsigned network = 0; network < networks; ++network) {
+    for (unsigned network = first; network < first + networks; ++network) {
         const std::string subnet = subnetOf(network);
         text += "# --- Network " + std::to_string(network) + " (" + subnet + ") ---\n";
         text += "pass in quick proto udp from " + subnet + " port 68 to any port 67 keep state\n";
@@ -152,25 +155,63 @@ void writeRuleset(const std::string& text) {
     std::ofstream(rulesetPath, std::ios::binary | std::ios::trunc) << text;
 }
 
+void load() {
+    runProgram({pfctlPath, "-a", "bench", "-f", rulesetPath});
+}
+
+/// The time to load the texts in turns.
+class Loads {
+public:
+    explicit Loads(std::array<std::string, 2> texts) : texts_(std::move(texts)) {
+        next();
+        next();
+    }
+
+    double operator()() { return next(); }
+
+private:
+    double next() {
+        writeRuleset(texts_.at(next_));
+        next_ ^= 1U;
+        return microseconds(load);
+    }
+
+    std::array<std::string, 2> texts_;
+    std::size_t next_ = 0;
+};
+
+/// The text with other lines at that place of each network, or of the first network only.
+std::string changed(std::string text, bool everywhere) {
+    const std::string before = "172.16.3.0/24";
+    const std::string after = "172.17.3.0/24";
+    std::size_t at = text.find(before);
+    while (at != std::string::npos) {
+        text.replace(at, before.size(), after);
+        at = everywhere ? text.find(before, at) : std::string::npos;
+    }
+    return text;
+}
+
 void benchLoad(unsigned networks, unsigned rules, int rounds) {
     const std::string text = rulesetOf(networks, rules);
-    writeRuleset(text);
     const auto ruleset = parseRuleset(text);
+    // With other networks each time, so that all rules are loaded.
+    Loads loads({rulesetOf(networks, rules, 1), text});
     const std::array<std::string, 2> tables{"floor", "floor/"};
-    std::array<netlink::MessageWriter, 2> loads;
+    std::array<netlink::MessageWriter, 2> replacements;
     std::array<netlink::MessageWriter, 2> removals;
     for (std::size_t i = 0; i < tables.size(); ++i) {
         writeReplacement(
-            loads.at(i),
+            replacements.at(i),
             {.name = tables.at(i), .rules = ruleset.rules, .loader = {}, .dormant = false});
         writeRemoval(removals.at(i), {&tables.at(i), 1});
     }
     std::size_t next = 0;
-    netlink::Socket(NETLINK_NETFILTER).request(loads[1]);
+    netlink::Socket(NETLINK_NETFILTER).request(replacements[1]);
     // Closing the socket belongs to it: the kernel then waits for the old ruleset's last reader.
     const auto sendByItself = [&] {
         netlink::Socket socket(NETLINK_NETFILTER);
-        socket.request(loads.at(next));
+        socket.request(replacements.at(next));
         next ^= 1U;
         awaitPacketsUnderWay();
         socket.request(removals.at(next));
@@ -178,11 +219,55 @@ void benchLoad(unsigned networks, unsigned rules, int rounds) {
     compare(
         "pfctl -f, " + std::to_string(networks) + " x " + std::to_string(rules),
         rounds,
-        [] {
-            return microseconds([] { runProgram({pfctlPath, "-a", "bench", "-f", rulesetPath}); });
-        },
+        [&loads] { return loads(); },
         [&sendByItself] { return microseconds(sendByItself); });
     netlink::Socket(NETLINK_NETFILTER).request(removals.at(next ^ 1U));
+}
+
+/// What the load of a list costs of which most is loaded already.
+void benchChange(unsigned networks, unsigned rules, int rounds) {
+    const std::string size = std::to_string(networks) + " x " + std::to_string(rules);
+    const std::string text = rulesetOf(networks, rules);
+    Loads all({text, changed(text, true)});
+    const auto compareWithAll = [&](const std::string& name, const std::string& other) {
+        compare(
+            name + size + ", over all",
+            rounds,
+            [&] {
+                Loads some({text, other});
+                return some();
+            },
+            [&all] {
+                all();
+                return all();
+            });
+    };
+    compareWithAll("pfctl -f, one network of ", changed(text, false));
+    compareWithAll("pfctl -f, nothing of ", text);
+    compare(
+        "pfctl -f, every network of " + size + ", over others",
+        rounds,
+        [&all] {
+            all();
+            return all();
+        },
+        [others = Loads({text, rulesetOf(networks, rules, 1)})]() mutable { return others(); });
+}
+
+void benchListing(unsigned networks, unsigned rules, int rounds) {
+    // The first load of an anchor makes a table of its name.
+    runProgram({pfctlPath, "-a", "bench", "-F", "rules"});
+    writeRuleset(rulesetOf(networks, rules));
+    load();
+    compare(
+        "pfctl -v -sr, " + std::to_string(networks) + " x " + std::to_string(rules) + ", over nft",
+        rounds,
+        [] { return microseconds([] {
+                 runProgram({pfctlPath, "-a", "bench", "-v", "-sr"});
+             }); },
+        [] { return microseconds([] {
+                 runProgram({nftPath, "list", "table", "ip", "bench"});
+             }); });
 }
 
 void benchCommand(const std::string& name, const std::vector<std::string>& arguments) {
@@ -271,7 +356,7 @@ void benchPackets(unsigned networks, unsigned rules) {
     const auto sendUnder = [&flows](const std::string& text) {
         return [&flows, text] {
             writeRuleset(text);
-            runProgram({pfctlPath, "-a", "bench", "-f", rulesetPath});
+            load();
             flows.send(packets / 4);
             return flows.send(packets);
         };
@@ -288,13 +373,16 @@ void run() {
     enterNamespaces();
     // Every address of the networks is one of this host's.
     runProgram({"/bin/sh", "-c", "ip route add local 10.0.0.0/8 dev lo"});
-    std::printf("%-44s %15s %15s %9s\n", "", "pfctl", "floor", "ratio");
+    std::printf("%-46s %15s %15s %9s\n", "", "pfctl", "floor", "ratio");
     benchLoad(10, 20, 100);
     benchLoad(1000, 20, 15);
+    benchChange(1000, 20, 7);
     runProgram({pfctlPath, "-E"});
     benchCommand("pfctl -E", {"-E"});
     benchCommand("pfctl -k, nothing to kill", {"-k", "10.0.0.0/24"});
     benchCommand("pfctl -F rules, nothing to flush", {"-a", "none", "-F", "rules"});
+    benchListing(1, 20, 100);
+    benchListing(1000, 20, 5);
     benchPackets(10, 20);
     benchPackets(1000, 20);
 }

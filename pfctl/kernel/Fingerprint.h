@@ -33,7 +33,7 @@ private:
     void rounds(int count);
     void compress(std::uint64_t word);
 
-    std::array<std::uint64_t, 4> state_;
+    std::array<std::uint64_t, 4> state_{};
     std::uint64_t word_ = 0;  ///< the bytes that do not make a whole word yet
     std::size_t length_ = 0;
 };

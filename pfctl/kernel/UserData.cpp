@@ -209,7 +209,7 @@ std::optional<NumberedRule> ruleFromUserData(Bytes userData) {
 
 LoadUserData loadUserData(const LoadRecord& load) {
     LoadUserData data{loadType, static_cast<std::uint8_t>(LoadUserData().size() - 2)};
-    auto next = data.begin() + 2;
+    auto* next = data.begin() + 2;
     for (const auto number : {load.loader.uid, load.loader.pid, load.generation}) {
         next = std::ranges::copy(bigEndianBytes(number), next).out;
     }

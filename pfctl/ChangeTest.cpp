@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netlink.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "netlink/Socket.h"
@@ -35,6 +36,8 @@ namespace tarnvale::pfctl {
 namespace {
 
 using testing::AnyOf;
+using testing::Contains;
+using testing::Not;
 using testing::SizeIs;
 
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
@@ -312,6 +315,24 @@ TEST_F(ChangeTest, PutsTablesIntoForceByAReplacement) {
 
     EXPECT_NE(tableHandle(), table);
     EXPECT_FALSE(backend.tables(anchor).at(0).dormant);
+}
+
+TEST_F(ChangeTest, WaitsForPacketsThatMeetTheOldLines) {
+    const auto callsOf = [](const std::string& text) {
+        const auto rules = parseRuleset(text).rules;
+        return test::systemCallsOf([&] {
+            netlink::Socket own(NETLINK_NETFILTER);
+            test::beginKilling();
+            NftablesBackend(own).load(
+                anchor, {.name = {}, .rules = rules, .loader = {}, .dormant = false});
+        });
+    };
+    load(network(1), anchor, false);
+
+    EXPECT_THAT(callsOf(network(1)), Not(Contains(SYS_membarrier)));
+    EXPECT_THAT(
+        callsOf(network(1, {"block drop in quick from 10.0.1.0/24 to 1.2.3.4/32"})),
+        Contains(SYS_membarrier));
 }
 
 /// Makes rulesets of a few networks, mostly the same, with few lines, often the same.

@@ -265,7 +265,6 @@ void NftablesBackend::remove(std::span<const std::string> tables) {
 
 /// What the table says of its rules; nothing when it has not been loaded by us.
 std::optional<TableRecord> NftablesBackend::record(const std::string& table) {
-    std::optional<LoadRecord> load;
     TableRecord result;
     MessageWriter request;
     beginNftables(request, NFT_MSG_GETOBJ, NLM_F_DUMP);
@@ -281,28 +280,15 @@ std::optional<TableRecord> NftablesBackend::record(const std::string& table) {
                 textOf(attribute(attributes, NFTA_OBJ_NAME)),
                 TableRecord::BlockRecord{.lines = *lines, .hasCounted = packets != 0U});
         } else if (const auto found = loadFromUserData(userData)) {
-            load = found;
+            // The kernel lists them in the order in which they were made.
+            result.load = *found;
+            result.loadCounters.emplace_back(textOf(attribute(attributes, NFTA_OBJ_NAME)));
         }
     });
-    if (!complete || !load) {
+    if (!complete || result.loadCounters.empty()) {
         return std::nullopt;
     }
-    result.load = *load;
     return result;
-}
-
-/// The load that the table's rules come from, if the table says so.
-std::optional<LoadRecord> NftablesBackend::loadOf(const std::string& table) {
-    std::optional<LoadRecord> load;
-    MessageWriter request;
-    beginNftables(request, NFT_MSG_GETOBJ);
-    request.putText(NFTA_OBJ_TABLE, table);
-    request.putText(NFTA_OBJ_NAME, loadCounter);
-    request.putBigEndian(NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
-    socket_.get(request, [&load](const Message& message) {
-        load = loadFromUserData(attribute(attributesOf(message), NFTA_OBJ_USERDATA));
-    });
-    return load;
 }
 
 std::uint32_t NftablesBackend::generation() {
@@ -371,7 +357,7 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
             return std::nullopt;
         }
         const AnchorTable& newest = found.back();
-        const auto load = loadOf(newest.name);
+        const auto known = record(newest.name);
         const auto names = chains(newest.name);
         bool complete = names.has_value();
         std::vector<CountedRule> rules;
@@ -386,7 +372,8 @@ std::optional<AnchorContent> NftablesBackend::content(const std::string& anchor)
                 "the rules of " + anchor + " were loaded by another program; nft lists them"};
         }
         return AnchorContent{
-            .loader = load ? load->loader : newest.loader, .rules = merged(std::move(rules))};
+            .loader = known ? known->load.loader : newest.loader,
+            .rules = merged(std::move(rules))};
     }
     throw keepsChanging();
 }

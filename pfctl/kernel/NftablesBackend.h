@@ -79,7 +79,6 @@ private:
     bool change(const AnchorTable& old, RulesetTable& table);
     void replace(std::span<const AnchorTable> old, RulesetTable& table);
     std::optional<TableRecord> record(const std::string& table);
-    std::optional<LoadRecord> loadOf(const std::string& table);
     std::vector<NamedTable> namedTables(const std::string& anchor);
     static void requireUnowned(const NamedTable& table);
     void requireReplaceable(const std::string& anchor);

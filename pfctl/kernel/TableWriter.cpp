@@ -28,6 +28,9 @@ using netlink::MessageWriter;
 constexpr std::uint32_t ipv4AddressType = 7;  ///< what nft calls ipv4_addr
 constexpr std::size_t maxElementBytes = 30000;
 
+/// How many loads that changed nothing leave theirs.
+constexpr std::size_t maxLoadCounters = 16;
+
 /// To be raised with every change to what is written for the same ruleset: what an older pfctl has
 /// loaded is no start for a change.
 constexpr std::uint32_t formOfTables = 1;
@@ -205,7 +208,7 @@ void writeLoadCounter(
     writeCounter(
         messages,
         table.name,
-        loadCounter,
+        "loaded." + std::to_string(table.generation),
         loadUserData(
             {.loader = table.loader,
              .generation = table.generation,
@@ -590,7 +593,12 @@ std::optional<std::size_t> writeChange(
     beginBatch(messages, before.load.generation);
     std::size_t written = DirectionWriter(messages, table, numbers, in, dispatch.in).change(before);
     written += DirectionWriter(messages, table, numbers, out, dispatch.out).change(before);
-    beginCounter(messages, table.name, loadCounter, NFT_MSG_DELOBJ);
+    // Removing anything costs a wait for packets under way, even if they know nothing of it.
+    if (written > 0 || before.loadCounters.size() >= maxLoadCounters) {
+        for (const std::string& counter : before.loadCounters) {
+            beginCounter(messages, table.name, counter, NFT_MSG_DELOBJ);
+        }
+    }
     writeLoadCounter(messages, table, shape);
     endRuleset(messages, table);
     return written;

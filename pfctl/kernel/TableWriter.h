@@ -16,8 +16,8 @@
 // and the same for "out", on the hook postrouting after source translation. Before them, the chains
 // "came", on the hook prerouting, and "sent", on the hook output, take from an expected connection
 // the state that it has inherited. Each rule carries its line as user data (UserData.h), the
-// counter of a block the fingerprint of its lines, and a counter "loaded" the load that all this
-// comes from.
+// counter of a block the fingerprint of its lines, and a counter "loaded.GENERATION" the load that
+// all this comes from.
 //
 // By these a load finds the blocks that it has to write again: those with other lines than before,
 // and those that packets came to, because the counters of a ruleset begin at zero. All others stay
@@ -33,6 +33,7 @@
 #include <span>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "netlink/Messages.h"
 #include "pfctl/kernel/Fingerprint.h"
@@ -51,9 +52,6 @@ struct RulesetTable {
     FingerprintKey key{};
 };
 
-/// The counter that carries the load.
-inline constexpr const char* loadCounter = "loaded";
-
 /// What a table says of its rules.
 struct TableRecord {
     struct BlockRecord {
@@ -62,6 +60,7 @@ struct TableRecord {
     };
 
     LoadRecord load;
+    std::vector<std::string> loadCounters;                ///< the last one carries the load
     std::unordered_map<std::string, BlockRecord> blocks;  ///< by their chains
 };
 

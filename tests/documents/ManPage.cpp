@@ -32,9 +32,7 @@ std::string rendered(std::string_view line, const std::string& name) {
             add("]");
         } else if (word == "Fl" || std::ranges::find(plain, word) != plain.end()) {
             macro = word;
-        } else if (word == "|" || word == ",") {
-            add(word);
-        } else if (macro == "Fl") {
+        } else if (macro == "Fl" && word != "|" && word != ",") {
             add("-" + std::string(word));
         } else {
             add(word);

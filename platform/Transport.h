@@ -31,7 +31,8 @@ public:
 
     /// Has the peer checked against this requirement before every message is read; if it fails, the
     /// message isn't read. On Linux the connection then ends; on macOS that is the system's affair.
-    /// False when the requirement itself isn't well-formed.
+    /// False when the requirement itself isn't well-formed. On Linux the first check is made here;
+    /// throws what `Code` throws if it comes to no end.
     virtual bool setCodeSigningRequirement(const std::string& requirement) = 0;
 
     /// The handler is called once, on the connection's queue, when the admitted connection has

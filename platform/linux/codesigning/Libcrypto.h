@@ -9,6 +9,7 @@
 #include <memory>
 
 #include <openssl/cms.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -38,6 +39,7 @@ namespace tarnvale::platform {
     SYMBOL(CMS_get1_certs)                   \
     SYMBOL(CMS_verify)                       \
     SYMBOL(CRYPTO_free)                      \
+    SYMBOL(CRYPTO_set_mem_functions)         \
     SYMBOL(ERR_clear_error)                  \
     SYMBOL(ERR_peek_last_error)              \
     SYMBOL(EVP_DigestFinal_ex)               \
@@ -85,8 +87,24 @@ struct Libcrypto {
     TARNVALE_LIBCRYPTO_SYMBOLS(TARNVALE_DECLARE_SYMBOL)
 
     /// The library, loaded and set up once for the process; a failed attempt is repeated on the
-    /// next call. Safe from any thread. Throws `SharedLibraryError`.
+    /// next call. Safe from any thread. Throws `SharedLibraryError` and `LibcryptoUnusable`.
     static const Libcrypto& get();
+
+    /// Notes that a signature has been verified: the library has set up all that this takes.
+    static void noteSuccess() noexcept;
+};
+
+/// Notices when the library asks in vain for memory in this thread. A failure may be due to that.
+class LibcryptoShortage {
+public:
+    LibcryptoShortage() noexcept;
+
+    /// Throws `std::bad_alloc` if there was one, or `LibcryptoUnusable` if the library may have
+    /// been setting itself up.
+    void throwIfAny() const;
+
+private:
+    unsigned before_;
 };
 
 /// Gives an object back to the library, which must have been loaded.

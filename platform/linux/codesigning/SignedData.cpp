@@ -266,23 +266,9 @@ std::string hex(const std::array<unsigned char, EVP_MAX_MD_SIZE>& bytes, std::si
     return text;
 }
 
-}  // namespace
-
-std::optional<Claims> readClaims(std::string_view message) {
-    const auto outline = readOutline(message);
-    auto content = outline ? parseSignedContent(outline->content) : std::nullopt;
-    if (!content) {
-        return std::nullopt;
-    }
-    return Claims{
-        .content = std::move(*content),
-        .teamIdentifier = organizationalUnitOf(outline->signerSubject)};
-}
-
-std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
-    const Libcrypto& library = Libcrypto::get();
+std::optional<Trusted> trustedIn(
+    const Libcrypto& library, std::string_view message, const std::string& rootsPem) {
     const ErrorQueue errors(library);
-
     auto decoded = decode(library, message);
     const Store store = storeOf(library, rootsPem);
     const StoreContext context(library.X509_STORE_CTX_new());
@@ -309,24 +295,8 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
     return trusted;
 }
 
-std::optional<std::string> chainProblem(std::string_view message, const std::string& rootsPem) {
-    const Libcrypto& library = Libcrypto::get();
-    const ErrorQueue errors(library);
-
-    const auto decoded = decode(library, message);
-    const Store store = storeOf(library, rootsPem);
-    const StoreContext context(library.X509_STORE_CTX_new());
-    if (!decoded || !store || !context ||
-        chainVerifies(library, context.get(), store.get(), *decoded)) {
-        return std::nullopt;
-    }
-    const int error = library.X509_STORE_CTX_get_error(context.get());
-    return error == X509_V_OK ? "certificate isn't for code signing"
-                              : library.X509_verify_cert_error_string(error);
-}
-
-std::optional<std::string> sha256(int file, off_t size, const Pace& pace) {
-    const Libcrypto& library = Libcrypto::get();
+std::optional<std::string> digestOf(
+    const Libcrypto& library, int file, off_t size, const Pace& pace) {
     const ErrorQueue errors(library);
     const DigestContext context(library.EVP_MD_CTX_new());
     if (!context || library.EVP_DigestInit_ex(context.get(), library.EVP_sha256(), nullptr) != 1) {
@@ -357,6 +327,59 @@ std::optional<std::string> sha256(int file, off_t size, const Pace& pace) {
         return std::nullopt;
     }
     return hex(digest, length);
+}
+
+/// The result of a check. Throws if the library had too little memory for it: whatever it then says
+/// says nothing.
+template <typename Check>
+auto conclusive(const Check& check) {
+    const LibcryptoShortage shortage;
+    auto result = check();
+    shortage.throwIfAny();
+    return result;
+}
+
+}  // namespace
+
+std::optional<Claims> readClaims(std::string_view message) {
+    const auto outline = readOutline(message);
+    auto content = outline ? parseSignedContent(outline->content) : std::nullopt;
+    if (!content) {
+        return std::nullopt;
+    }
+    return Claims{
+        .content = std::move(*content),
+        .teamIdentifier = organizationalUnitOf(outline->signerSubject)};
+}
+
+std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
+    const Libcrypto& library = Libcrypto::get();
+    auto trusted = conclusive([&] { return trustedIn(library, message, rootsPem); });
+    if (trusted) {
+        Libcrypto::noteSuccess();
+    }
+    return trusted;
+}
+
+std::optional<std::string> chainProblem(std::string_view message, const std::string& rootsPem) {
+    const Libcrypto& library = Libcrypto::get();
+    const ErrorQueue errors(library);
+
+    const auto decoded = decode(library, message);
+    const Store store = storeOf(library, rootsPem);
+    const StoreContext context(library.X509_STORE_CTX_new());
+    if (!decoded || !store || !context ||
+        chainVerifies(library, context.get(), store.get(), *decoded)) {
+        return std::nullopt;
+    }
+    const int error = library.X509_STORE_CTX_get_error(context.get());
+    return error == X509_V_OK ? "certificate isn't for code signing"
+                              : library.X509_verify_cert_error_string(error);
+}
+
+std::optional<std::string> sha256(int file, off_t size, const Pace& pace) {
+    const Libcrypto& library = Libcrypto::get();
+    return conclusive([&] { return digestOf(library, file, size, pace); });
 }
 
 }  // namespace tarnvale::platform

@@ -43,7 +43,8 @@ struct Trusted {
 
 /// Nothing unless the chain from the signer's certificate to one of the roots verifies, all of its
 /// certificates are valid now, the signer's is for code signing, and its key made the signature.
-/// Throws `SharedLibraryError` without libcrypto.
+/// Throws `SharedLibraryError` without libcrypto; `std::bad_alloc` or `LibcryptoUnusable` if it had
+/// too little memory to tell.
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem);
 
 /// Why the chain isn't one that `verify` takes, in OpenSSL's words, such as "certificate has
@@ -56,7 +57,7 @@ using Pace = std::function<void(const std::function<void()>& work)>;
 
 /// SHA-256 of the file's first `size` bytes, in lower-case hex; nothing when they cannot be read.
 /// Reads at any time, which can take as long as the file system likes, and computes at this pace.
-/// Throws `SharedLibraryError` without libcrypto, and what `pace` throws.
+/// Throws as `verify` does, and what `pace` throws.
 std::optional<std::string> sha256(
     int file, off_t size, const Pace& pace = [](const auto& work) { work(); });
 

@@ -61,6 +61,7 @@ private:
     std::optional<PeerProcess> process_;  ///< nothing if we have no descriptor left for it
     Peer peer_;
     std::string requirement_;
+    bool isTrusted_ = false;  ///< the requirement held when it was set
     std::function<void()> invalidationHandler_;
 };
 

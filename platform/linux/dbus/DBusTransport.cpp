@@ -9,10 +9,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <list>
 #include <memory>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -26,12 +28,14 @@
 #include "platform/Transport.h"
 #include "platform/linux/LibSystemd.h"
 #include "platform/linux/PeriodicInterrupt.h"
+#include "platform/linux/codesigning/LibcryptoUnusable.h"
 #include "platform/linux/codesigning/RootsNotice.h"
 #include "platform/linux/dbus/ConnectionPlaces.h"
 #include "platform/linux/dbus/DBusConnection.h"
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "platform/linux/dbus/LocalAccounts.h"
 #include "support/Mutex.h"
+#include "support/SystemCalls.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -76,6 +80,16 @@ bool hasHungUp(int socket) {
 bool hasUnreadBytes(int socket) {
     int unread = 0;
     return ::ioctl(socket, SIOCINQ, &unread) != 0 || unread > 0;
+}
+
+/// Ends a process that could admit nobody as long as it lives; its successor starts whole. It is
+/// serving nobody, because nobody has been admitted.
+[[noreturn]] void endProcess(std::string_view why) noexcept {
+    for (const std::string_view part :
+         {std::string_view("TarnvaleAdminHelper: "), why, std::string_view("\n")}) {
+        static_cast<void>(support::writeAll(STDERR_FILENO, part));
+    }
+    ::_exit(EXIT_FAILURE);
 }
 
 /// Closes the socket. What was passed along comes with bytes, and may hold up closing it.
@@ -244,6 +258,8 @@ private:
                 setNiceness(usualNiceness_);
                 try {
                     position->connection.run(delegate, exported, shared_);
+                } catch (const LibcryptoUnusable& unusable) {
+                    endProcess(unusable.what());
                 } catch (...) {
                     // Out of memory, or of time: this fails the connection alone.
                 }

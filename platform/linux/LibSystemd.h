@@ -42,6 +42,7 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_new)                       \
     SYMBOL(sd_bus_object_vtable_format)      \
     SYMBOL(sd_bus_process)                   \
+    SYMBOL(sd_bus_reply_method_errno)        \
     SYMBOL(sd_bus_reply_method_errorf)       \
     SYMBOL(sd_bus_send)                      \
     SYMBOL(sd_bus_set_anonymous)             \

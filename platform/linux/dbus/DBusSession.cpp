@@ -188,7 +188,8 @@ bool DBusSession::receiveHeader() {
     return true;
 }
 
-/// sd-bus passes over a message in which not everything is right.
+/// sd-bus passes over a message in which not everything is right. False when the connection has to
+/// end, also because a call that waits for a reply gets none.
 bool DBusSession::handOnMessage(std::size_t size) {
     const bool isKept = size <= BytesInFlight::maxUncounted;
     object_.call.clear();
@@ -209,7 +210,7 @@ bool DBusSession::handOnMessage(std::size_t size) {
     }
     while (!hasMessage_ && process()) {
     }
-    return true;
+    return !object_.isUnanswered;
 }
 
 bool DBusSession::letReplyLeave() {
@@ -344,15 +345,15 @@ bool DBusSession::mayRead() const {
 /// Stands between a message that has been read and its handler.
 int DBusSession::passGate(
     sd_bus_message* message, void* session, sd_bus_error* /*error*/) noexcept {
-    constexpr int isTakenCareOf = 1;
     constexpr int goesToItsHandler = 0;
-    static_cast<DBusSession*>(session)->hasMessage_ = true;
+    auto& self = *static_cast<DBusSession*>(session);
+    self.hasMessage_ = true;
     const char* const path = systemd().sd_bus_message_get_path(message);
     if (path != nullptr && std::strlen(path) > maxPathLength) {
         // A message that asks for no reply gets none.
-        systemd().sd_bus_reply_method_errorf(
+        const int result = systemd().sd_bus_reply_method_errorf(
             message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object.");
-        return isTakenCareOf;
+        return answered(message, self.object_, result);
     }
     return goesToItsHandler;
 }

@@ -88,11 +88,10 @@ std::string_view bytesIn(sd_bus_message* call, std::string& collected) {
 
 using Handler = int (*)(sd_bus_message* call, ProtocolObject& object);
 
-/// Calls a handler from C. No exception leaves; each failure becomes an error reply.
-template <Handler handler>
-int entry(sd_bus_message* call, void* object, sd_bus_error* /*error*/) noexcept {
+/// The handler's result, or why it has none, as a negative errno.
+int resultOf(Handler handler, sd_bus_message* call, ProtocolObject& object) noexcept {
     try {
-        return handler(call, *static_cast<ProtocolObject*>(object));
+        return handler(call, object);
     } catch (const std::system_error& failure) {
         return -failure.code().value();
     } catch (const std::bad_alloc&) {
@@ -100,6 +99,13 @@ int entry(sd_bus_message* call, void* object, sd_bus_error* /*error*/) noexcept 
     } catch (...) {
         return -EIO;
     }
+}
+
+/// Calls a handler from C. No exception leaves; each failure becomes an error reply.
+template <Handler handler>
+int entry(sd_bus_message* call, void* userdata, sd_bus_error* /*error*/) noexcept {
+    auto& object = *static_cast<ProtocolObject*>(userdata);
+    return answered(call, object, resultOf(handler, call, object));
 }
 
 int helperVersion(sd_bus_message* call, ProtocolObject& object) {
@@ -257,7 +263,8 @@ int callMethod(
 
 /// D-Bus lets a call leave out the interface where the object has one method of that name; sd-bus
 /// does not find it then.
-int findMethod(sd_bus_message* call, void* object, sd_bus_error* error) noexcept {
+int findMethod(sd_bus_message* call, void* userdata, sd_bus_error* error) noexcept {
+    auto& object = *static_cast<ProtocolObject*>(userdata);
     constexpr int goesToItsHandler = 0;
     if (systemd().sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0 ||
         systemd().sd_bus_message_get_interface(call) != nullptr) {
@@ -265,13 +272,22 @@ int findMethod(sd_bus_message* call, void* object, sd_bus_error* error) noexcept
     }
     const std::string_view path = systemd().sd_bus_message_get_path(call);
     if (path == wire::objectPath) {
-        return callMethod(call, protocolTable(), object, error);
+        return answered(call, object, callMethod(call, protocolTable(), &object, error));
     }
-    return path == wire::driverPath ? callMethod(call, driverTable(), object, error)
-                                    : goesToItsHandler;
+    return path == wire::driverPath
+               ? answered(call, object, callMethod(call, driverTable(), &object, error))
+               : goesToItsHandler;
 }
 
 }  // namespace
+
+int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept {
+    constexpr int isTakenCareOf = 1;
+    if (result < 0 && systemd().sd_bus_reply_method_errno(call, result, nullptr) < 0) {
+        object.isUnanswered = true;
+    }
+    return isTakenCareOf;
+}
 
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
     checkBus(systemd().sd_bus_add_object_vtable(

@@ -24,7 +24,12 @@ struct ProtocolObject {
     /// Waits for so much room. Throws when the peer goes away meanwhile.
     std::function<void(std::size_t size)> awaitRoom;
     std::string call = {};  ///< all bytes of the call that is being carried out, unless it is large
+    bool isUnanswered = false;  ///< not even an error could be sent in reply to a call
 };
+
+/// Replies with the error if `result`, of somebody who was to reply to the call, is a negative
+/// errno. Returns what tells sd-bus that the call needs no other handler.
+int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept;
 
 /// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.
 /// `object` must outlive the bus. A filter that is added later sees each message first. Throws

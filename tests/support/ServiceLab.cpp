@@ -47,7 +47,8 @@ std::vector<std::string> sanitizerOptions() {
 }
 
 Program startHelper(const RunningHelper::Start& start) {
-    Surroundings surroundings{.environment = sanitizerOptions(), .descriptors = {}};
+    Surroundings surroundings{
+        .environment = with(sanitizerOptions(), start.environment), .descriptors = {}};
     if (start.listeningSocket < 0) {
         return Program({start.program}, {}, surroundings);
     }

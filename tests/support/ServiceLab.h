@@ -89,6 +89,7 @@ public:
         std::string program = helperProgram;
         /// Passed to it as systemd passes a socket; without one it makes its own.
         int listeningSocket = -1;
+        std::vector<std::string> environment{};  ///< "NAME=value", besides the test's own
     };
 
     /// Starts it and waits until it listens. Throws `std::runtime_error` when it ends instead.

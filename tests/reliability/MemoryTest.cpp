@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+//
+// The service while it can have no memory: a sample of what `scripts/reliability memory` sweeps.
+
+#include <algorithm>
+#include <stdexcept>
+#include <string_view>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/reliability/Paths.h"
+#include "tests/reliability/Sweep.h"
+
+namespace tarnvale::test {
+namespace {
+
+using testing::Gt;
+using testing::IsEmpty;
+
+template <typename Named>
+const Named& named(std::string_view name, const std::vector<Named>& all) {
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&](const Named& one) { return one.name == name; });
+    if (found == all.end()) {
+        throw std::invalid_argument("no such name");
+    }
+    return *found;
+}
+
+Outcome sweep(const char* path, const char* shortage, const Points& points) {
+    return MemorySweep().run(named(path, allPaths()), named(shortage, allShortages()), points);
+}
+
+TEST(MemoryTest, AFirstCheckWithoutMemoryLocksNobodyOut) {
+    const auto outcome = sweep("first-connection", "once", {.first = 20, .last = 260, .step = 5});
+
+    EXPECT_THAT(outcome.violations, IsEmpty());
+    EXPECT_THAT(outcome.restarts, Gt(0U)) << "the library's own set-up lies elsewhere by now";
+}
+
+TEST(MemoryTest, ARequestGetsItsReplyOrTheEndOfItsConnection) {
+    EXPECT_THAT(sweep("apply-new", "five", {.step = 3}).violations, IsEmpty());
+}
+
+TEST(MemoryTest, AHelperThatHadNoneForAMomentServes) {
+    EXPECT_THAT(sweep("apply-changed", "moment", {.step = 9}).violations, IsEmpty());
+    EXPECT_THAT(sweep("remove-last", "moment", {.step = 9}).violations, IsEmpty());
+    EXPECT_THAT(sweep("report", "moment", {.step = 9}).violations, IsEmpty());
+}
+
+}  // namespace
+}  // namespace tarnvale::test

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+//
+// The roads through the service that change something, for whoever disturbs them on their way: what
+// a client asks for, and which states of the machine it may leave.
+
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/ServiceLab.h"
+
+namespace tarnvale::test {
+
+/// What the requests change, in a form that two runs of one request leave equal.
+using MachineState = std::map<std::string, std::string>;
+
+/// The state that the machine is in now. Whatever is half made has a value of its own.
+MachineState machineState();
+
+/// One road.
+struct Path {
+    const char* name;
+    /// Brings the machine to where the road begins, by undisturbed requests.
+    std::function<void(ServiceClient& client)> prepare;
+    std::string method;
+    std::string types{};
+    Texts arguments{};
+    bool isFirstRequest = false;  ///< of a helper that has served nobody, on a new connection
+    bool isBestEffort = false;    ///< it may succeed although a step of it has failed
+};
+
+const std::vector<Path>& allPaths();
+
+/// A request that changes nothing.
+const Path& versionRequest();
+
+/// Makes the call. Nothing when the reply takes longer than any may; the client has been killed
+/// then.
+std::optional<Texts> callInTime(
+    ServiceClient& client, const Path& path, std::chrono::seconds limit);
+
+/// Whether the reply says that everything was done.
+bool isSuccess(const Texts& reply);
+
+}  // namespace tarnvale::test

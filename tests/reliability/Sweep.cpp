@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: MIT
+
+#include "tests/reliability/Sweep.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "tests/support/HelperFiles.h"
+
+namespace tarnvale::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Longer than any request takes, however busy the machine.
+constexpr auto replyLimit = 20s;
+constexpr auto endLimit = 2s;
+constexpr int signalled = 128;
+
+bool isOneOf(const std::string& value, const std::string& key, const MachineState& state) {
+    const auto found = state.find(key);
+    return found != state.end() && found->second == value;
+}
+
+}  // namespace
+
+const std::vector<Shortage>& allShortages() {
+    static const std::vector<Shortage> shortages = {
+        {.name = "once", .count = 1},
+        {.name = "three", .count = 3},
+        {.name = "five", .count = 5},
+        {.name = "moment",
+         .count = std::numeric_limits<std::uint64_t>::max(),
+         .within = std::chrono::milliseconds(300)},
+        {.name = "lasting",
+         .count = std::numeric_limits<std::uint64_t>::max(),
+         .within = std::chrono::seconds(3)}};
+    return shortages;
+}
+
+Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Points& points) {
+    outcome_ = {};
+    target_ = targetOf(path);
+    for (auto number = points.first; number <= points.last; number += points.step) {
+        where_ = std::string(path.name) + " " + shortage.name + " " + std::to_string(number);
+        ++outcome_.points;
+        if (!disturb(path, shortage, number)) {
+            break;
+        }
+    }
+    return std::exchange(outcome_, {});
+}
+
+void MemorySweep::start() {
+    client_.reset();
+    helper_.reset();
+    helper_ = std::make_unique<RunningHelper>(
+        RunningHelper::Start{.program = helperPath_, .environment = faults_.environment()});
+}
+
+/// Whether a client that comes now is served.
+bool MemorySweep::serves() {
+    ServiceClient client(lab_.client);
+    const auto reply = callInTime(client, versionRequest(), replyLimit);
+    return reply && isSuccess(*reply);
+}
+
+/// Undisturbed. Leaves a client that is connected, or, for a first request, only there.
+void MemorySweep::toBeginningOf(const Path& path) {
+    if (path.isFirstRequest) {
+        std::filesystem::remove(storePath);
+        start();
+        client_ = std::make_unique<ServiceClient>(lab_.client);
+        return;
+    }
+    if (!helper_ || !helper_->running()) {
+        start();
+    }
+    if (!client_) {
+        client_ = std::make_unique<ServiceClient>(lab_.client);
+    }
+    path.prepare(*client_);
+    const auto reply = callInTime(*client_, versionRequest(), replyLimit);
+    if (!reply || !isSuccess(*reply)) {
+        throw std::runtime_error(where_ + ": not served undisturbed");
+    }
+}
+
+/// What the path leads to where nothing fails.
+MachineState MemorySweep::targetOf(const Path& path) {
+    toBeginningOf(path);
+    const auto reply = callInTime(*client_, path, replyLimit);
+    if (!reply || !isSuccess(*reply)) {
+        throw std::runtime_error(std::string(path.name) + " fails undisturbed");
+    }
+    return machineState();
+}
+
+/// False when the path has no such point.
+bool MemorySweep::disturb(const Path& path, const Shortage& shortage, std::uint64_t number) {
+    toBeginningOf(path);
+    before_ = machineState();
+
+    faults_.begin({.first = number, .count = shortage.count, .within = shortage.within});
+    const auto reply = callInTime(*client_, path, replyLimit);
+    faults_.end();
+    const bool wasDisturbed = faults_.failed() > 0;
+
+    judgeReply(reply, path);
+    judgeHelper(path);
+    judgeMachine(reply, path);
+    return wasDisturbed;
+}
+
+void MemorySweep::judgeReply(const std::optional<Texts>& reply, const Path& /*path*/) {
+    if (!reply) {
+        report("neither a reply nor the end of the connection");
+    }
+    if (!reply || reply->front() == "closed") {
+        client_.reset();
+    }
+}
+
+/// Everything is as it was or as it was to be, and a success means the latter.
+void MemorySweep::judgeMachine(const std::optional<Texts>& reply, const Path& path) {
+    const auto after = machineState();
+    for (const auto& [key, value] : after) {
+        if (!isOneOf(value, key, before_) && !isOneOf(value, key, target_)) {
+            report(key + " is neither the old nor the new: " + value);
+        }
+    }
+    if (reply && isSuccess(*reply) && !path.isBestEffort && after != target_) {
+        report("success, but not everything was done");
+    }
+}
+
+/// It serves whoever comes next. One that nobody has been served by may end itself instead; then
+/// its successor does.
+void MemorySweep::judgeHelper(const Path& path) {
+    if (!hasEndedItself(0ms) && serves()) {
+        return;
+    }
+    if (!hasEndedItself(endLimit)) {
+        report("it lives, but serves nobody");
+        start();
+        return;
+    }
+    const auto end = helper_->program().finish();
+    if (end.status == 0 || end.status >= signalled || !path.isFirstRequest) {
+        report("it ended with status " + std::to_string(end.status) + ": " + end.error);
+    }
+    ++outcome_.restarts;
+    start();
+    if (!serves()) {
+        report("its successor serves nobody");
+    }
+}
+
+bool MemorySweep::hasEndedItself(std::chrono::milliseconds limit) {
+    return helper_->program().endsWithin(limit);
+}
+
+void MemorySweep::report(const std::string& what) {
+    outcome_.violations.push_back(where_ + ": " + what);
+}
+
+}  // namespace tarnvale::test

@@ -214,9 +214,8 @@ TEST(PfctlPageTest, HasTheCommandLines) {
             continue;
         }
         usage.emplace_back(line.substr(7));
-        const auto words = support::split(usage.back(), ' ');
-        for (std::size_t i = 0; i < words.size(); ++i) {
-            std::string option(words[i].substr(words[i].find_first_not_of('[')));
+        for (const auto word : support::split(usage.back(), ' ')) {
+            const std::string option(word.substr(word.find_first_not_of('[')));
             if (option.starts_with('-')) {
                 options.insert(option.substr(0, 2));
             }

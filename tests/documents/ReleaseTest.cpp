@@ -239,7 +239,7 @@ TEST(ChangelogTest, HasTheVersionOfTheSourcesAsItsNewest) {
         testing::MatchesRegex(
             "Changelog\n\\[Unreleased\\]\n(Added\n|Changed\n|Deprecated\n|Removed\n|Fixed\n|"
             "Security\n|\\[[0-9.]+\\] - [0-9]{4}-[0-9]{2}-[0-9]{2}\n)*"));
-    const auto versions = run({"/bin/sed", "-n", "s/^## .\\([0-9.]*\\). - .*/\\1/p"}, log).output;
+    const auto versions = run({"/bin/sed", "-n", R"(s/^## .\([0-9.]*\). - .*/\1/p)"}, log).output;
     EXPECT_EQ(
         run({"/usr/bin/sort", "--version-sort", "--reverse", "--unique"}, versions).output,
         versions);

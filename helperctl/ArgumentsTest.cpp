@@ -262,6 +262,30 @@ TEST(ArgumentsTest, HelpsWithEachCommand) {
     }
 }
 
+/// The text with one space wherever it has some, or a line feed.
+std::string unfolded(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        const char printed = c == '\n' ? ' ' : c;
+        if (printed != ' ' || !out.ends_with(' ')) {
+            out += printed;
+        }
+    }
+    return out;
+}
+
+TEST(ArgumentsTest, HelpSaysWhatTheSummariesSay) {
+    for (const auto& form : commandForms()) {
+        if (form.words.empty() || form.command == Command::help) {
+            continue;
+        }
+        // "link install, link remove" share a line, which has no verb.
+        const auto verb =
+            form.words.find(' ') == std::string_view::npos ? 0 : form.summary.find(' ') + 1;
+        EXPECT_THAT(unfolded(helpText), HasSubstr(form.summary.substr(verb))) << form.words;
+    }
+}
+
 TEST(ArgumentsTest, FindsTheNearestWord) {
     const std::vector<std::string_view> words{"status", "apply", "log", "remove"};
     EXPECT_EQ(nearestWord("stauts", words), "status");

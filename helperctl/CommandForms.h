@@ -29,7 +29,7 @@ using Target = std::variant<
     std::optional<std::int64_t> Arguments::*>;
 
 /// What a word may be, for shells to complete it.
-enum class WordKind { text, file, user, command };
+enum class WordKind { text, file, user, interface, command };
 
 struct Operand {
     std::string_view name;  ///< as the help has it, such as "FILE"

@@ -321,9 +321,16 @@ std::vector<Choice> optionsOfAll() {
 std::string bashScript() {
     const auto places = allPlaces();
     const auto content = [](WordKind kind, const std::vector<Choice>& choices) -> std::string {
-        return kind == WordKind::file   ? "wanted=(-f)"
-               : kind == WordKind::user ? "wanted=(-u)"
-                                        : "wanted=(-W " + quoted(words(choices)) + ")";
+        switch (kind) {
+            case WordKind::file:
+                return "wanted=(-f)";
+            case WordKind::user:
+                return "wanted=(-u)";
+            case WordKind::interface:
+                return R"script(wanted=(-W "$(ls /sys/class/net 2>/dev/null || ifconfig -l)"))script";
+            default:
+                return "wanted=(-W " + quoted(words(choices)) + ")";
+        }
     };
     std::string script =
         R"(# Completes command lines of tarnvale-helperctl in bash; "tarnvale-helperctl completion bash" prints this.
@@ -387,9 +394,16 @@ std::string zshScript() {
                ")";
     };
     const auto content = [&](WordKind kind, const std::vector<Choice>& choices) -> std::string {
-        return kind == WordKind::file   ? "_files && return"
-               : kind == WordKind::user ? "_users && return"
-                                        : "choices=" + described(choices);
+        switch (kind) {
+            case WordKind::file:
+                return "_files && return";
+            case WordKind::user:
+                return "_users && return";
+            case WordKind::interface:
+                return R"script(choices=(${=$(ls /sys/class/net 2>/dev/null || ifconfig -l)}))script";
+            default:
+                return "choices=" + described(choices);
+        }
     };
     std::string script =
         R"(#compdef tarnvale-helperctl
@@ -464,6 +478,9 @@ std::string fishOffers(const std::map<Place, Content>& places) {
     // Where the same may come, as behind "help" and without it, one line says so.
     std::map<std::string, std::string> placesOf;
     for (const auto& [place, content] : places) {
+        if (content.kind == WordKind::interface) {
+            placesOf[" -a '(__fish_print_interfaces)'"].append(" \"").append(place).append("\"");
+        }
         if (content.kind == WordKind::file) {
             placesOf[" -F"].append(" \"").append(place).append("\"");
         }

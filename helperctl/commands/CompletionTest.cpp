@@ -183,6 +183,8 @@ TEST_P(CompletionTest, OffersWhatMayCome) {
         {"v", {"version", "validate", "vlan"}},
         {"vlan ", {"create", "delete"}},
         {"vlan create ", {}},
+        {"vlan create lab 7 lo", {"lo"}},
+        {"vlan delete lo", {"lo"}},
         {"resolver o", {"on", "off"}},
         {"help vl", {"vlan"}},
         {"help vlan c", {"create"}},

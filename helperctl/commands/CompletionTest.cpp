@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
-#include <optional>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -111,6 +111,10 @@ struct ShellCase {
     const char* name;
     Shell shell;
     std::string_view driver;
+
+    friend std::ostream& operator<<(std::ostream& out, const ShellCase& each) {
+        return out << each.name;
+    }
 };
 
 class CompletionTest : public testing::TestWithParam<ShellCase> {

@@ -3,11 +3,13 @@
 #include "support/Files.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <memory>
 #include <random>
+#include <thread>
 #include <utility>
 
 #include <dirent.h>
@@ -26,6 +28,8 @@ using Operation = FileError::Operation;
 
 constexpr std::size_t randomDigits = 16;
 constexpr std::string_view hexDigits = "0123456789abcdef";
+constexpr int maxAttempts = 6;
+constexpr std::chrono::milliseconds attemptPeriod{20};
 constexpr std::time_t leftoverAge = 3600;  // seconds, far more than a write takes
 
 struct SplitPath {
@@ -120,6 +124,7 @@ std::string problem(Operation operation, std::string_view path, int errorNumber)
                                      " couldn’t be removed because you don’t have permission to "
                                      "access it."
                                : file + " couldn’t be removed.";
+        case Operation::open:
         case Operation::launch:
             if (errorNumber == ENOENT) {
                 return "The file " + file + " doesn’t exist.";
@@ -244,17 +249,17 @@ void replaceFile(const std::string& path, std::string_view bytes, const Attribut
     removeLeftovers(folder, name);
 }
 
-}  // namespace
-
-FileError::FileError(Operation operation, std::string_view path, int errorNumber)
-    : std::runtime_error(problem(operation, path, errorNumber)), errorNumber_(errorNumber) {}
-
-std::optional<std::string> readFile(const std::string& path) {
+/// Reads the whole file. Returns 0, or -1 and leaves the errno.
+int readInto(std::optional<std::string>& content, const std::string& path) {
     // Non-blocking, so that a FIFO in the file's place can't hold us up.
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat info {};
-    if (!file || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        return std::nullopt;
+    if (!file || ::fstat(file.get(), &info) != 0) {
+        return -1;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        errno = EINVAL;
+        return -1;
     }
     // One byte more than the file has, so that reading reaches its end without a larger buffer.
     std::string bytes(static_cast<std::size_t>(info.st_size) + 1, '\0');
@@ -263,16 +268,68 @@ std::optional<std::string> readFile(const std::string& path) {
         const auto got = uninterrupted(
             [&] { return ::read(file.get(), bytes.data() + filled, bytes.size() - filled); });
         if (got < 0) {
-            return std::nullopt;
+            return -1;
         }
         filled += static_cast<std::size_t>(got);
         if (got == 0) {
             bytes.resize(filled);
-            return bytes;
+            content = std::move(bytes);
+            return 0;
         }
         if (filled == bytes.size()) {
             bytes.resize(2 * filled);  // the file has grown
         }
+    }
+}
+
+}  // namespace
+
+FileError::FileError(Operation operation, std::string_view path, int errorNumber)
+    : std::runtime_error(problem(operation, path, errorNumber)), errorNumber_(errorNumber) {}
+
+bool mayPass(int errorNumber) {
+    switch (errorNumber) {
+        case EINTR:
+        case EIO:
+        case EMFILE:
+        case ENFILE:
+        case ENOLCK:
+        case ENOMEM:
+            return true;
+        default:
+            return false;
+    }
+}
+
+int persistently(const std::function<int()>& call) {
+    for (int attempt = 1;; ++attempt) {
+        const int result = call();
+        const int error = errno;
+        if (result >= 0 || !mayPass(error) || attempt == maxAttempts) {
+            errno = error;
+            return result;
+        }
+        std::this_thread::sleep_for(attemptPeriod);
+    }
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+    std::optional<std::string> bytes;
+    persistently([&] { return readInto(bytes, path); });
+    return bytes;
+}
+
+bool isFileThere(const std::string& path) {
+    struct stat info {};
+    return ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+void keepUnreadable(const std::string& path) {
+    const auto kept = path + ".unreadable";
+    ::unlink(kept.c_str());
+    // A second name, so that at each instant one of the two leads to the file.
+    if (::link(path.c_str(), kept.c_str()) != 0) {
+        throw FileError(Operation::write, kept, errno);
     }
 }
 

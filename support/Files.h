@@ -9,6 +9,7 @@
 
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -25,6 +26,7 @@ public:
         write,      ///< creating a file or folder, writing one, setting its mode
         writeInto,  ///< writing a file whose folder may be missing
         remove,     ///< deleting a file
+        open,       ///< opening a file that is there
         launch,     ///< starting a program
     };
 
@@ -37,8 +39,25 @@ private:
     int errorNumber_;
 };
 
-/// All bytes of the regular file at `path`, following links. Nothing if it can't be read.
+/// Whether the error, an errno, may be gone at the next attempt: it is the machine's, not the
+/// file's.
+bool mayPass(int errorNumber);
+
+/// The result of the call, which is less than 0 after a failure. While the error may pass, the call
+/// is made again, some times in a tenth of a second. Leaves the errno.
+int persistently(const std::function<int()>& call);
+
+/// All bytes of the regular file at `path`, following links. Nothing if it can't be read, and not
+/// only for a moment.
 std::optional<std::string> readFile(const std::string& path);
+
+/// Whether the next write of `path` replaces a file. It replaces a link, but not what the link
+/// leads to.
+bool isFileThere(const std::string& path);
+
+/// Keeps the file, which nobody can read, beside the next one: gives it the second name
+/// "<path>.unreadable", in place of an older one. Throws `FileError`.
+void keepUnreadable(const std::string& path);
 
 /// Makes `bytes` the content of the file at `path`, atomically and durably. Whatever the umask and
 /// the mode of an older file are, the new file appears with exactly `mode`; where the mode can't be

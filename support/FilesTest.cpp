@@ -7,14 +7,17 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,6 +32,7 @@ namespace tarnvale::support {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using test::contentOf;
 using test::exists;
 using test::modeOf;
@@ -282,6 +286,86 @@ TEST_F(FilesTest, ReadsThroughALink) {
     fs::create_symlink("/tmp/elsewhere", path);
 
     EXPECT_EQ(readFile(path), "text");
+}
+
+/// Lets the process open nothing more for a moment, or for as long as this lives.
+class NoDescriptors {
+public:
+    explicit NoDescriptors(std::optional<std::chrono::milliseconds> moment = std::nullopt) {
+        ::getrlimit(RLIMIT_NOFILE, &usual_);
+        setLimit(0);
+        if (moment) {
+            end_ = std::thread([this, moment = *moment] {
+                std::this_thread::sleep_for(moment);
+                setLimit(usual_.rlim_cur);
+            });
+        }
+    }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+    ~NoDescriptors() {
+        if (end_.joinable()) {
+            end_.join();
+        }
+        setLimit(usual_.rlim_cur);
+    }
+
+private:
+    void setLimit(rlim_t limit) const {
+        const rlimit changed{.rlim_cur = limit, .rlim_max = usual_.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &changed), 0);
+    }
+
+    rlimit usual_{};
+    std::thread end_;
+};
+
+TEST_F(FilesTest, ReadsAFileAlthoughThereIsNoDescriptorForAMoment) {
+    put(path, "text");
+
+    const NoDescriptors none(30ms);
+
+    EXPECT_EQ(readFile(path), "text");
+}
+
+TEST_F(FilesTest, GivesUpAFileThatItCannotReadForLonger) {
+    put(path, "text");
+
+    const NoDescriptors none;
+
+    EXPECT_EQ(readFile(path), std::nullopt);
+}
+
+TEST_F(FilesTest, TriesAgainOnlyWhatMayPass) {
+    int attempts = 0;
+    const auto failing = [&](int error) {
+        attempts = 0;
+        const int result = persistently([&] {
+            ++attempts;
+            errno = attempts < 3 ? error : 0;
+            return attempts < 3 ? -1 : 7;
+        });
+        return std::pair(result, attempts);
+    };
+
+    for (const int error : {EINTR, EIO, EMFILE, ENFILE, ENOMEM}) {
+        EXPECT_EQ(failing(error), std::pair(7, 3)) << error;
+    }
+    for (const int error : {ENOENT, EACCES, ELOOP, EISDIR}) {
+        EXPECT_EQ(failing(error), std::pair(-1, 1)) << error;
+        EXPECT_EQ(errno, error);
+    }
+}
+
+TEST_F(FilesTest, KeepsAnUnreadableFileInPlaceOfAnOlderOne) {
+    for (const std::string content : {"first", "second"}) {
+        put(path, content);
+
+        keepUnreadable(path);
+
+        EXPECT_EQ(contentOf(path + ".unreadable"), content);
+        EXPECT_EQ(contentOf(path), content);
+    }
 }
 
 TEST_F(FilesTest, ReadsNothingButRegularFiles) {

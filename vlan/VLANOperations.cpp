@@ -62,14 +62,14 @@ void recordCreation(const Record& created, Session& session) {
         }
     }
 
-    auto records = loadRecords();
+    auto [records, isUnreadable] = readRecordFile();
     std::erase_if(records, [&](const Record& record) {
         return !existing.contains(record.bsdName) || record.bsdName == created.bsdName;
     });
     if (!created.bsdName.empty()) {
         records.push_back(created);
     }
-    saveRecords(records);
+    saveRecords(records, isUnreadable);
 }
 
 }  // namespace

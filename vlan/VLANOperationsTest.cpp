@@ -261,12 +261,21 @@ TEST_F(VLANCreateTest, KeepsNoOlderRecordWhereTheSystemHasNoListOfVLANs) {
 }
 
 TEST_F(VLANCreateTest, StartsADamagedRecordAnew) {
-    test::put(vlanRecordPath, R"([{"bsdName":"vlan1","tag":"1","parentBSD":"en0"}])");
+    const std::string damaged = R"([{"bsdName":"vlan1","tag":"1","parentBSD":"en0"}])";
+    test::put(vlanRecordPath, damaged);
     preferences.add({.bsdName = "vlan1", .tag = 1, .parent = "en0"});
 
     createVLAN();
 
     EXPECT_EQ(recorded(), R"([{"bsdName":"vlan0","parentBSD":"en0","tag":5}])");
+    EXPECT_EQ(test::contentOf(vlanRecordPath + ".unreadable"), damaged);
+}
+
+TEST_F(VLANCreateTest, KeepsNoRecordBesideThatCanBeRead) {
+    createVLAN();
+    createVLAN();
+
+    EXPECT_FALSE(test::exists(vlanRecordPath + ".unreadable"));
 }
 
 TEST_F(VLANCreateTest, SucceedsWhenItCannotBeRecorded) {

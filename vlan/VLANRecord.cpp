@@ -24,21 +24,27 @@ std::string recordPath() {
 }  // namespace
 
 std::vector<Record> loadRecords() {
-    const auto bytes = support::readFile(recordPath());
-    if (!bytes) {
-        return {};
-    }
-    try {
-        return support::decodeJson<std::vector<Record>>(*bytes);
-    } catch (const std::exception&) {
-        return {};
-    }
+    return readRecordFile().records;
 }
 
-void saveRecords(const std::vector<Record>& records) {
+RecordFile readRecordFile() {
+    if (const auto bytes = support::readFile(recordPath())) {
+        try {
+            return {.records = support::decodeJson<std::vector<Record>>(*bytes)};
+        } catch (const support::JsonError&) {
+            // Whatever it says, it says nothing of a VLAN.
+        }
+    }
+    return {.records = {}, .isUnreadable = support::isFileThere(recordPath())};
+}
+
+void saveRecords(const std::vector<Record>& records, bool isUnreadable) {
     try {
         support::makeFolders(appSupportDirectory);
         const auto bytes = support::encodeJson(records, support::JsonForm::compact);
+        if (isUnreadable) {
+            support::keepUnreadable(recordPath());
+        }
         support::writeFileAtomically(recordPath(), bytes, recordMode);
         support::setMode(recordPath(), recordMode);
     } catch (const std::exception& error) {

@@ -35,8 +35,16 @@ constexpr auto jsonMembers(std::type_identity<Record> /*of*/) {
 /// none.
 std::vector<Record> loadRecords();
 
-/// Writes the records to "vlans.json", which only root can read. Logs a failure instead of
-/// throwing: the change to the system has been made and stands.
-void saveRecords(const std::vector<Record>& records);
+/// What "vlans.json" holds, for whoever is about to write it.
+struct RecordFile {
+    std::vector<Record> records;
+    bool isUnreadable = false;  ///< there is a file, but nobody can tell what it holds
+};
+RecordFile readRecordFile();
+
+/// Writes the records to "vlans.json", which only root can read. If the old file `isUnreadable`,
+/// keeps it as "vlans.json.unreadable". Logs a failure instead of throwing: the change to the
+/// system has been made and stands.
+void saveRecords(const std::vector<Record>& records, bool isUnreadable = false);
 
 }  // namespace tarnvale::HelperVLAN

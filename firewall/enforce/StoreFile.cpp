@@ -49,26 +49,22 @@ void narrowMode(const UniqueFd& file) {
     }
 }
 
-/// Whether the lock has been taken. Says in the log that it waits, if that takes long.
-bool takeLock(const UniqueFd& file) {
+/// Says in the log that it waits, if that takes long. Throws `FileError`.
+void takeLock(const UniqueFd& file) {
     const auto whenItTakesLong = std::chrono::steady_clock::now() + unmentionedWait;
     while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EINTR && errno != EWOULDBLOCK) {
-            return false;
+            throw FileError(FileError::Operation::open, storePath(), errno);
         }
         if (std::chrono::steady_clock::now() >= whenItTakesLong) {
             helperLog("Waiting for another process, which has locked " + storePath() + ".");
-            return uninterrupted([&] { return ::flock(file.get(), LOCK_EX); }) == 0;
+            if (uninterrupted([&] { return ::flock(file.get(), LOCK_EX); }) != 0) {
+                throw FileError(FileError::Operation::open, storePath(), errno);
+            }
+            return;
         }
         std::this_thread::sleep_for(lockPeriod);
     }
-    return true;
-}
-
-/// Whether the next save replaces a file. It replaces a link, but not what the link leads to.
-bool isFileThere() {
-    struct stat info {};
-    return ::lstat(storePath().c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 }  // namespace
@@ -86,14 +82,16 @@ const std::string& storePath() {
 
 UniqueFd lockStore() {
     while (true) {
-        UniqueFd file(::open(storePath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        UniqueFd file(support::persistently(
+            [] { return ::open(storePath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+        if (!file && support::mayPass(errno)) {
+            throw FileError(FileError::Operation::open, storePath(), errno);
+        }
         if (!file) {
             return file;
         }
         narrowMode(file);
-        if (!takeLock(file)) {
-            return {};
-        }
+        takeLock(file);
         // Whoever held the lock before us may have replaced or removed the file.
         if (isStore(file)) {
             return file;
@@ -104,23 +102,18 @@ UniqueFd lockStore() {
 LoadedStore loadStore() {
     const auto data = support::readFile(storePath());
     if (!data) {
-        return {.store = {}, .isUnreadable = isFileThere()};
+        return {.store = {}, .isUnreadable = support::isFileThere(storePath())};
     }
     auto store = NetworkFirewall::decodeStore(*data);
     if (!store) {
         helperLog("Persisted firewall policy could not be decoded; starting from none.");
-        return {.store = {}, .isUnreadable = isFileThere()};
+        return {.store = {}, .isUnreadable = support::isFileThere(storePath())};
     }
     return {.store = *std::move(store)};
 }
 
 void keepUnreadableStore() {
-    const auto kept = storePath() + ".unreadable";
-    ::unlink(kept.c_str());
-    // A second name, so that at each instant one of the two leads to the file.
-    if (::link(storePath().c_str(), kept.c_str()) != 0) {
-        throw FileError(FileError::Operation::write, kept, errno);
-    }
+    support::keepUnreadable(storePath());
 }
 
 void saveStore(const PolicyStore& store) {

@@ -25,8 +25,9 @@ const std::string& storePath();
 /// Keeps other processes' operations out until the descriptor is closed: `--reapply` may run beside
 /// the service. The lock is on the store's file. Only root can open that, so nobody else can hold
 /// the lock: a mode that let others open it is narrowed first. Whoever opened the file before may
-/// still hold it; the log then says what is waited for. If there is no file, two processes have
-/// nothing to share, and the result is empty.
+/// still hold it; the log then says what is waited for. If there is no file, or nothing at its path
+/// that can be opened, two processes have nothing to share, and the result is empty. Throws
+/// `support::FileError` if the lock can't be had for another reason.
 support::UniqueFd lockStore() REQUIRES(firewallLock());
 
 struct LoadedStore {

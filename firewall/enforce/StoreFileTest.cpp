@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -219,6 +220,27 @@ TEST(StoreLockTest, SaysOnceWhatItWaitsFor) {
     EXPECT_THAT(
         logMessages(),
         ElementsAre("Waiting for another process, which has locked " + storePath() + "."));
+}
+
+TEST(StoreLockTest, IsNeverDoneWithoutForWantOfSomething) {
+    put(storePath(), onePolicy());
+    for (const auto& [call, error] :
+         {std::pair<long, int>{SYS_openat, EMFILE},
+          {SYS_openat, ENFILE},
+          {SYS_openat, ENOMEM},
+          {SYS_openat, EIO},
+          {SYS_flock, ENOLCK}}) {
+        std::string failure = "none";
+        std::thread([&, call = call, error = error] {
+            test::refuseCall(call, error);
+            try {
+                lockFile();
+            } catch (const FileError& thrown) {
+                failure = thrown.what();
+            }
+        }).join();
+        EXPECT_EQ(failure, "The file “firewall-policies.json” couldn’t be opened.") << error;
+    }
 }
 
 TEST(StoreLockTest, IsOutOfReachOfOthersOnceItHasBeenTaken) {

@@ -193,6 +193,7 @@ TEST(HelperPageTest, HasTheFilesOfTheHelper) {
         rulesetPath,
         backupPath,
         vlanRecordPath,
+        vlanRecordPath + ".unreadable",
         logPath,
         platform::listeningSocketPath,
         std::string(platform::rootsFolder) + "/" + platform::rootsFile,

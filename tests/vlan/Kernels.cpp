@@ -14,6 +14,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
+#include "tests/support/Qemu.h"
 #include "tests/support/ServiceLab.h"
 #include "tests/vlan/Initramfs.h"
 
@@ -23,7 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* userModeLinux = "/usr/bin/linux.uml";
-constexpr const char* qemu = "/usr/bin/qemu-system-x86_64";
 
 /// Debian's kernel package as scripts/setup unpacks it: boot/vmlinuz-RELEASE, lib/modules/RELEASE.
 constexpr const char* guestKernel = TARNVALE_SOURCE_DIR "/build/guest-kernel";
@@ -119,41 +119,25 @@ Boot bootQemu(const std::string& program, const std::vector<std::string>& argume
     }
     const auto files = guestFiles(program, release);
     constexpr int filesThere = 3;
-    // The first serial line carries the report, the second the console. KVM would save a few
-    // seconds, but some machines offer one in which guests hang.
+    // The first serial line carries the report, the second the console.
     Program machine(
-        endingWithUs(
-            {qemu,
-             "-nodefaults",
-             "-no-user-config",
-             "-display",
-             "none",
-             "-no-reboot",
-             "-machine",
-             "pc,accel=tcg",
-             "-m",
-             "512M",
+        with(
+            qemuCommand(
+                guestKernel + ("/boot/vmlinuz-" + release),
+                "/dev/fd/" + std::to_string(filesThere),
+                commandLine),
+            {"-no-reboot",
              "-serial",
              "file:/dev/fd/1",
              "-chardev",
              "file,id=console,append=on,path=/dev/fd/2",
              "-serial",
-             "chardev:console",
-             "-kernel",
-             guestKernel + ("/boot/vmlinuz-" + release),
-             "-initrd",
-             "/dev/fd/" + std::to_string(filesThere),
-             "-append",
-             commandLine}),
+             "chardev:console"}),
         {},
         {.environment = {}, .descriptors = {{files.get(), filesThere}}});
     auto [status, report, console] = machine.finish();
     std::erase(report, '\r');
     return {report, console};
-}
-
-std::vector<std::string> endingWithUs(const std::vector<std::string>& command) {
-    return with({"/usr/bin/setpriv", "--pdeathsig", "KILL"}, command);
 }
 
 }  // namespace tarnvale::test

@@ -44,7 +44,4 @@ Boot bootUserModeLinux(const std::string& program, const std::vector<std::string
 /// This needs no private root and no privileges.
 Boot bootQemu(const std::string& program, const std::vector<std::string>& arguments);
 
-/// The command, made to end when this process ends, even when this process is killed.
-std::vector<std::string> endingWithUs(const std::vector<std::string>& command);
-
 }  // namespace tarnvale::test

@@ -27,6 +27,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
+#include "tests/support/Qemu.h"
 #include "tests/support/SkipReasons.h"
 #include "tests/vlan/Kernels.h"
 

@@ -56,8 +56,8 @@ protected:
             "] - 2026-11-22\n\nThe first.\n");
         putProgram(
             file("scripts/build-debs"),
-            "rm -rf \"$1\"\nmkdir -p \"$1\"\nscripts/version "
-            ">\"$1/helper_$(scripts/version).deb\"\n");
+            "folder=${!#}\nrm -rf \"$folder\"\nmkdir -p \"$folder\"\n"
+            "echo \"${*:1:$#-1}\" >\"$folder/helper_$(scripts/version).deb\"\n");
         if (!exists("/usr/bin/reuse")) {
             putProgram(
                 "/tmp/release/bin/reuse",
@@ -160,7 +160,7 @@ TEST_F(ReleaseTest, OffersPackagesArchiveBillAndSums) {
             HasSubstr("\nDocumentName: TarnvaleAdminHelper-98.7.6\n"),
             HasSubstr("\nCreator: Organization: The TarnvaleAdminHelper developers ()\n"),
             Not(HasSubstr("Anonymous"))));
-    EXPECT_EQ(contentOf(file("build/dist/helper_98.7.6.deb")), "98.7.6\n");
+    EXPECT_EQ(contentOf(file("build/dist/helper_98.7.6.deb")), "\n");
     EXPECT_EQ(
         inRepository("tar -xOf build/dist/*.tar.gz TarnvaleAdminHelper-98.7.6/CHANGELOG.md").output,
         contentOf(file("CHANGELOG.md")));
@@ -176,6 +176,16 @@ TEST_F(ReleaseTest, MakesTheSameArchiveElsewhereAndLater) {
 
     EXPECT_EQ(again.error, "");
     EXPECT_TRUE(contentOf("/tmp/release/offered/TarnvaleAdminHelper-98.7.6.tar.gz") == archive);
+}
+
+TEST_F(ReleaseTest, HasThePackagesClientSigned) {
+    put("/tmp/release/key", "");
+
+    inRepository("cd .. && sources/scripts/release --sign key chain.pem 98.7.6");
+
+    EXPECT_EQ(
+        contentOf(file("build/dist/helper_98.7.6.deb")),
+        "--sign /tmp/release/key /tmp/release/chain.pem\n");
 }
 
 TEST_F(ReleaseTest, ChangesNothingWhenItIsDry) {
@@ -196,7 +206,8 @@ TEST_F(ReleaseTest, TakesOnlyAGreaterVersion) {
         last(), "release: " + last() + " isn't greater than " + last() + ", the last version");
     expectRefused("0.0.10", "release: 0.0.10 isn't greater than " + last() + ", the last version");
     for (const char* version : {"", "1", "1.2", "v1.2.3", "01.2.3", "1.2.3-rc1", "1.2.3 4.5.6"}) {
-        expectRefused(version, "usage: release [--dry-run] VERSION, such as 1.4.0");
+        expectRefused(
+            version, "usage: release [--dry-run] [--sign KEY CERTIFICATES] VERSION, such as 1.4.0");
     }
     inRepository(
         "sed -i 's/ VERSION [0-9.]* / VERSION 1.9.0 /' CMakeLists.txt && "

@@ -161,7 +161,8 @@ TEST_F(ServiceActivationTest, TellsSystemdOnceThatTheRulesAreInForceAndItListens
         ScriptedPfctl::load, "touch /run/loading; while [ ! -e /run/go ]; do sleep 0.01; done");
     pfctl.answer("-E", "sleep 0.1; touch /run/enforced");
     const UniqueFd reports = reportsAt("/run/reports");
-    Program helper({helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/reports"}});
+    Program helper(
+        {helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/reports"}, .descriptors = {}});
     while (!exists("/run/loading")) {
         ASSERT_TRUE(helper.running());
     }
@@ -179,7 +180,8 @@ TEST_F(ServiceActivationTest, TellsSystemdOnceThatTheRulesAreInForceAndItListens
 }
 
 TEST_F(ServiceActivationTest, ServesAlthoughNobodyTakesItsReport) {
-    Program helper({helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/nobody"}});
+    Program helper(
+        {helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/nobody"}, .descriptors = {}});
     awaitMessage(listeningMessage(), &helper);
 
     ServiceClient client(lab.client);

@@ -213,7 +213,8 @@ bool setAttributes(const UniqueFd& file, const Attributes& attributes) {
     return ::fchown(file.get(), user, group) == 0 && ::fchmod(file.get(), attributes.mode) == 0;
 }
 
-void replaceFile(const std::string& path, std::string_view bytes, const Attributes& attributes) {
+void replaceFile(
+    const std::string& path, const FileContent& content, const Attributes& attributes) {
     const auto [folderPath, name] = splitPath(path);
     const auto folder = openFolder(folderPath);
     if (!folder) {
@@ -235,18 +236,28 @@ void replaceFile(const std::string& path, std::string_view bytes, const Attribut
         throw FileError(Operation::writeInto, path, errno);
     }
 
-    if (!setAttributes(file, attributes) || !writeAll(file.get(), bytes) ||
-        !synchronise(file.get()) ||
-        ::renameat(folder.get(), temporary.c_str(), folder.get(), name.c_str()) != 0) {
-        const int error = errno;
+    const auto require = [&path](bool done) {
+        if (!done) {
+            throw FileError(Operation::write, path, errno);
+        }
+    };
+    try {
+        require(setAttributes(file, attributes));
+        content([&](std::string_view bytes) { require(writeAll(file.get(), bytes)); });
+        require(synchronise(file.get()));
+        require(::renameat(folder.get(), temporary.c_str(), folder.get(), name.c_str()) == 0);
+    } catch (...) {
         ::unlinkat(folder.get(), temporary.c_str(), 0);
-        throw FileError(Operation::write, path, error);
+        throw;
     }
     // The new content is in place. Its name has to survive a power cut too.
-    if (!synchronise(folder.get())) {
-        throw FileError(Operation::write, path, errno);
-    }
+    require(synchronise(folder.get()));
     removeLeftovers(folder, name);
+}
+
+void replaceFile(const std::string& path, std::string_view bytes, const Attributes& attributes) {
+    replaceFile(
+        path, [bytes](const auto& append) { append(bytes); }, attributes);
 }
 
 /// Reads the whole file. Returns 0, or -1 and leaves the errno.
@@ -335,6 +346,10 @@ void keepUnreadable(const std::string& path) {
 
 void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode) {
     replaceFile(path, bytes, {.mode = mode, .owner = std::nullopt});
+}
+
+void writeFileAtomically(const std::string& path, const FileContent& content, mode_t mode) {
+    replaceFile(path, content, {.mode = mode, .owner = std::nullopt});
 }
 
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes) {

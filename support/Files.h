@@ -66,6 +66,12 @@ void keepUnreadable(const std::string& path);
 /// and a power cut may still bring the old one back.
 void writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode);
 
+/// Calls the function with pieces of a file, the first one first.
+using FileContent = std::function<void(const std::function<void(std::string_view)>& append)>;
+
+/// The same for content that is made while it is written. What `content` throws ends the writing.
+void writeFileAtomically(const std::string& path, const FileContent& content, mode_t mode);
+
 /// The same for a file that isn't ours: keeps an existing file's mode, owner and group, or throws.
 /// A new file gets 0644.
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes);

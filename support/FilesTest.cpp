@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -94,6 +95,35 @@ TEST_F(FilesTest, WritesMoreThanOneWriteTakes) {
     writeFileAtomically(path, bytes, forAll);
 
     EXPECT_EQ(contentOf(path), bytes);
+}
+
+TEST_F(FilesTest, WritesContentPieceByPiece) {
+    const auto threePieces = [](const auto& append) {
+        append("one ");
+        append("");
+        append("two");
+    };
+
+    writeFileAtomically(path, threePieces, secret);
+
+    EXPECT_EQ(contentOf(path), "one two");
+    EXPECT_EQ(modeOf(path), secret);
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
+}
+
+TEST_F(FilesTest, KeepsTheOldFileWhenTheContentCannotBeMade) {
+    put(path, "old");
+    const auto breakOff = [](const auto& append) {
+        append("half of ");
+        throw std::runtime_error("no more");
+    };
+
+    EXPECT_THAT(
+        [&] { writeFileAtomically(path, breakOff, secret); },
+        ThrowsMessage<std::runtime_error>("no more"));
+
+    EXPECT_EQ(contentOf(path), "old");
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt"));
 }
 
 TEST_F(FilesTest, GivesTheFileItsModeWhateverTheUmaskAndTheOldMode) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 
+#include <algorithm>
 #include <bit>
 #include <clocale>
 #include <cmath>
@@ -8,6 +9,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -642,6 +644,24 @@ TEST(JsonTest, WritesOneMemberOrElementALineInThePrettyForm) {
     EXPECT_EQ(encodeJson(Anything(), JsonForm::pretty), "{\n\n}");
     EXPECT_EQ(encodeJson(std::vector<Anything>(1), JsonForm::pretty), "[\n  {\n\n  }\n]");
     EXPECT_EQ(encodeJson(true, JsonForm::pretty), "true");
+}
+
+TEST(JsonTest, HandsOverALongTextInPieces) {
+    const std::vector<std::string> values(300'000, "fifteen letters");
+    for (const JsonForm form : {JsonForm::compact, JsonForm::pretty}) {
+        std::string text;
+        std::size_t longest = 0;
+        encodeJson(values, form, [&](std::string_view piece) {
+            longest = std::max(longest, piece.size());
+            text += piece;
+        });
+
+        EXPECT_TRUE(text == encodeJson(values, form));
+        EXPECT_LT(longest, text.size() / 3);
+    }
+    std::string text;
+    encodeJson(true, JsonForm::compact, [&text](std::string_view piece) { text += piece; });
+    EXPECT_EQ(text, "true");
 }
 
 TEST(JsonTest, WritesAbsentOptionalsAsNullWhereThereIsNoKeyToLeaveOut) {

@@ -47,6 +47,10 @@ void JsonWriter::end(char close) {
 }
 
 void JsonWriter::beginElement() {
+    if (take_ != nullptr && text_.size() >= pieceSize) {
+        (*take_)(text_);
+        text_.clear();
+    }
     if (!isEmpty_) {
         text_ += ',';
     }

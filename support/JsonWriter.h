@@ -37,6 +37,10 @@ enum class JsonForm { compact, pretty };
 template <class T>
 std::string encodeJson(const T& value, JsonForm form);
 
+/// The same, handed over in pieces of about a megabyte.
+template <class T>
+void encodeJson(const T& value, JsonForm form, const std::function<void(std::string_view)>& take);
+
 /// The places of a record's members in `jsonMembersOf`, in ascending order of their keys.
 template <JsonRecord T>
 inline constexpr auto sortedJsonMembers = [] {
@@ -57,6 +61,10 @@ inline constexpr auto sortedJsonMembers = [] {
 class JsonWriter {
 public:
     explicit JsonWriter(JsonForm form) : form_(form) {}
+
+    /// Hands the text to `take`, which must outlive it, as soon as there is a piece of it.
+    JsonWriter(JsonForm form, const std::function<void(std::string_view)>& take)
+        : form_(form), take_(&take) {}
 
     void write(bool value);
     void write(std::int64_t value);
@@ -103,7 +111,10 @@ private:
         }
     }
 
+    static constexpr std::size_t pieceSize = std::size_t{1} << 20U;
+
     JsonForm form_;
+    const std::function<void(std::string_view)>* take_ = nullptr;
     std::size_t depth_ = 0;
     bool isEmpty_ = false;  ///< whether the object or array that was opened last is still empty
     std::string text_;
@@ -153,6 +164,13 @@ std::string encodeJson(const T& value, JsonForm form) {
     JsonWriter writer(form);
     writer.write(value);
     return writer.take();
+}
+
+template <class T>
+void encodeJson(const T& value, JsonForm form, const std::function<void(std::string_view)>& take) {
+    JsonWriter writer(form, take);
+    writer.write(value);
+    take(writer.take());
 }
 
 }  // namespace tarnvale::support

@@ -61,6 +61,29 @@ std::vector<std::string> subnetsOf(std::span<const FirewallNetworkPolicy> networ
     return subnets;
 }
 
+/// The user's list, which leaves the store; none if the user has none.
+std::vector<FirewallNetworkPolicy> takeList(PolicyStore& store, const std::string& user) {
+    const auto entry = store.owners.find(user);
+    return entry == store.owners.end() ? std::vector<FirewallNetworkPolicy>()
+                                       : std::exchange(entry->second.policies, {});
+}
+
+/// Makes the list the user's; returns the subnets whose states have to be killed for that.
+std::vector<std::string> replaceList(
+    PolicyStore& store,
+    const std::string& user,
+    std::vector<FirewallNetworkPolicy> list,
+    bool callerIsConsoleUser) {
+    const auto previous = NetworkFirewall::setPolicies(
+        store, user, std::move(list), support::ReferenceDate::now(), callerIsConsoleUser);
+    const auto entry = store.owners.find(user);
+    if (entry == store.owners.end() ||
+        NetworkFirewall::samePolicies(previous, entry->second.policies)) {
+        return {};
+    }
+    return subnetsOf(entry->second.policies);
+}
+
 /// Kills the states of connections with those of the subnets that are enforced. Otherwise pf would
 /// go on passing connections that an older list allowed.
 void resetStates(
@@ -140,25 +163,18 @@ std::string applyFirewall(
 
     const auto storeLock = lockStore();
     const auto hosts = NetworkFirewall::hostAddresses();
-    const auto own = NetworkFirewall::review(std::move(decoded), hosts);
+    auto own = NetworkFirewall::review(std::move(decoded), hosts);
     auto [store, isUnreadable] = loadStore();
-    const auto previous = NetworkFirewall::setPolicies(
-        store,
-        std::to_string(uid),
-        own.enforceable,
-        support::ReferenceDate::now(),
-        callerIsConsoleUser);
-
-    std::vector<std::string> resetSubnets;
-    if (!NetworkFirewall::samePolicies(previous, own.enforceable)) {
-        resetSubnets = subnetsOf(own.enforceable);
-    }
+    // The list is in the store alone until that has been saved; it can be large.
+    const auto resetSubnets =
+        replaceList(store, std::to_string(uid), std::move(own.enforceable), callerIsConsoleUser);
     loadAnchor(reviewAll(store, hosts), resetSubnets);
     if (isUnreadable) {
         keepUnreadableStore();
     }
     saveStore(store);
 
+    own.enforceable = takeList(store, std::to_string(uid));
     auto summary =
         NetworkFirewall::summaryForCaller(own, NetworkFirewall::otherUsersNetworkCount(store, uid));
     if (!own.refused.empty()) {

@@ -118,7 +118,11 @@ void keepUnreadableStore() {
 
 void saveStore(const PolicyStore& store) {
     support::makeFolders(appSupportDirectory);
-    support::writeFileAtomically(storePath(), NetworkFirewall::encodeStore(store), 0600);
+    // In pieces: the text is several times as large as what it is made of.
+    support::writeFileAtomically(
+        storePath(),
+        [&store](const auto& append) { NetworkFirewall::encodeStore(store, append); },
+        0600);
 }
 
 }  // namespace tarnvale::HelperFirewall

@@ -57,6 +57,10 @@ std::string encodeStore(const PolicyStore& store) {
     return support::encodeJson(store, support::JsonForm::pretty);
 }
 
+void encodeStore(const PolicyStore& store, const std::function<void(std::string_view)>& take) {
+    support::encodeJson(store, support::JsonForm::pretty, take);
+}
+
 std::optional<PolicyStore> decodeStore(std::string_view data) {
     try {
         if (!support::JsonReader(data).nextIsArray()) {

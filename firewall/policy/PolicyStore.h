@@ -43,6 +43,9 @@ struct PolicyStore {
 /// `support::JsonError` when a date is not a finite number.
 std::string encodeStore(const PolicyStore& store);
 
+/// The same, handed over in pieces of about a megabyte.
+void encodeStore(const PolicyStore& store, const std::function<void(std::string_view)>& take);
+
 /// Reads that JSON, or the older form: a bare array of networks, which become `legacyOwner`'s. No
 /// result for anything else.
 std::optional<PolicyStore> decodeStore(std::string_view data);

@@ -16,6 +16,7 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_add_filter)                \
     SYMBOL(sd_bus_add_object_vtable)         \
     SYMBOL(sd_bus_call)                      \
+    SYMBOL(sd_bus_close)                     \
     SYMBOL(sd_bus_close_unref)               \
     SYMBOL(sd_bus_error_free)                \
     SYMBOL(sd_bus_get_events)                \

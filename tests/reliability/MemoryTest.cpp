@@ -43,6 +43,11 @@ TEST(MemoryTest, ARequestGetsItsReplyOrTheEndOfItsConnection) {
     EXPECT_THAT(sweep("apply-new", "five", {.step = 3}).violations, IsEmpty());
 }
 
+TEST(MemoryTest, AConnectionThatGetsNoneEndsAlone) {
+    EXPECT_THAT(sweep("connection", "once", {}).violations, IsEmpty());
+    EXPECT_THAT(sweep("connection", "moment", {.first = 20, .last = 60}).violations, IsEmpty());
+}
+
 TEST(MemoryTest, AHelperThatHadNoneForAMomentServes) {
     EXPECT_THAT(sweep("apply-changed", "moment", {.step = 9}).violations, IsEmpty());
     EXPECT_THAT(sweep("remove-last", "moment", {.step = 9}).violations, IsEmpty());

@@ -31,8 +31,9 @@ struct Path {
     std::string method;
     std::string types{};
     Texts arguments{};
-    bool isFirstRequest = false;  ///< of a helper that has served nobody, on a new connection
-    bool isBestEffort = false;    ///< it may succeed although a step of it has failed
+    bool isFirstRequest = false;   ///< of a helper that has served nobody, on a new connection
+    bool isFirstOfClient = false;  ///< on a new connection
+    bool isBestEffort = false;     ///< it may succeed although a step of it has failed
 };
 
 const std::vector<Path>& allPaths();

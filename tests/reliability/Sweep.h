@@ -25,6 +25,7 @@ struct Shortage {
     const char* name;
     std::uint64_t count;
     std::optional<std::chrono::milliseconds> within{};
+    bool outlastsRequest = false;  ///< until `within` is over, others try as well
 };
 
 const std::vector<Shortage>& allShortages();

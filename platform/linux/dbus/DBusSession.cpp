@@ -85,7 +85,12 @@ Bus makeBus(int socket, ProtocolObject& object, UniqueFd& input) {
     checkBus(systemd().sd_bus_set_fd(made, readFrom.get(), writeTo.get()));
     readFrom.release();
     writeTo.release();
-    exportProtocol(made, object);
+    try {
+        exportProtocol(made, object);
+    } catch (...) {
+        abandon(std::move(bus));
+        throw;
+    }
     checkBus(systemd().sd_bus_start(made));
     ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);  // it was 8 MiB
     return bus;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -11,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 
 #include "platform/linux/dbus/MessageBody.h"
 #include "platform/linux/dbus/SdBus.h"
@@ -19,6 +21,9 @@
 
 namespace tarnvale::platform {
 namespace {
+
+constexpr int maxAttempts = 10;
+constexpr std::chrono::milliseconds attemptPeriod{10};
 
 /// Replies with the optional texts, each an array of no element or one. D-Bus can carry them.
 int send(
@@ -279,6 +284,25 @@ int findMethod(sd_bus_message* call, void* userdata, sd_bus_error* error) noexce
                : goesToItsHandler;
 }
 
+/// Makes the object known. Half of it without memory would be worse than none, so it is tried
+/// again.
+void addTable(
+    sd_bus* bus,
+    const char* path,
+    const char* interface,
+    const sd_bus_vtable* table,
+    ProtocolObject& object) {
+    for (int attempt = 1;; ++attempt) {
+        const int result =
+            systemd().sd_bus_add_object_vtable(bus, nullptr, path, interface, table, &object);
+        if (result != -ENOMEM || attempt == maxAttempts) {
+            checkBus(result);
+            return;
+        }
+        std::this_thread::sleep_for(attemptPeriod);
+    }
+}
+
 }  // namespace
 
 int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept {
@@ -290,11 +314,9 @@ int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept 
 }
 
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
-    checkBus(systemd().sd_bus_add_object_vtable(
-        bus, nullptr, wire::objectPath, wire::interfaceName, protocolTable(), &object));
+    addTable(bus, wire::objectPath, wire::interfaceName, protocolTable(), object);
     checkBus(systemd().sd_bus_add_filter(bus, nullptr, findMethod, &object));
-    checkBus(systemd().sd_bus_add_object_vtable(
-        bus, nullptr, wire::driverPath, wire::driverInterface, driverTable(), &object));
+    addTable(bus, wire::driverPath, wire::driverInterface, driverTable(), object);
 }
 
 }  // namespace tarnvale::platform

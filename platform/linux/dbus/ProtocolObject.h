@@ -33,7 +33,7 @@ int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept;
 
 /// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.
 /// `object` must outlive the bus. A filter that is added later sees each message first. Throws
-/// `std::system_error`.
+/// `std::system_error`; the bus can then only be abandoned.
 void exportProtocol(sd_bus* bus, ProtocolObject& object);
 
 }  // namespace tarnvale::platform

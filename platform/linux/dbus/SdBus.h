@@ -20,6 +20,12 @@ struct BusClose {
 };
 using Bus = std::unique_ptr<sd_bus, BusClose>;
 
+/// Closes a bus without freeing it. After adding an object has failed for want of memory,
+/// libsystemd has lost track of a part of the object's path, and would abort the process over that.
+inline void abandon(Bus bus) noexcept {
+    systemd().sd_bus_close(bus.release());
+}
+
 struct MessageUnref {
     void operator()(sd_bus_message* message) const noexcept {
         systemd().sd_bus_message_unref(message);

@@ -11,7 +11,8 @@
 #include <set>
 #include <span>
 #include <string>
-#include <utility>
+#include <string_view>
+#include <variant>
 #include <vector>
 
 #include "helperctl/Answer.h"
@@ -28,13 +29,11 @@ namespace {
 struct Choice {
     std::string word;
     std::string summary;
-
-    bool operator==(const Choice&) const = default;
 };
 
 /// What may come in one place.
 struct Content {
-    WordKind kind = WordKind::text;
+    WordKind kind = WordKind::command;
     std::vector<Choice> choices;
 };
 
@@ -102,15 +101,11 @@ std::map<Place, Content> allPlaces() {
 std::vector<std::string> steps(const std::map<Place, Content>& places) {
     std::vector<std::string> steps;
     for (const auto& [place, content] : places) {
-        const auto command = place.substr(0, place.rfind(' '));
-        const bool namesCommands = std::ranges::none_of(commandForms(), [&](const auto& form) {
-            return form.words == command && !form.operands.empty() &&
-                   form.operands[0].kind != WordKind::command;
-        });
+        if (content.kind != WordKind::command) {
+            continue;
+        }
         for (const auto& choice : content.choices) {
-            if (namesCommands) {
-                steps.push_back(std::string(command).append(" ").append(choice.word));
-            }
+            steps.push_back(place.substr(0, place.rfind(' ') + 1) + choice.word);
         }
     }
     return steps;

@@ -2,6 +2,7 @@
 
 #include "support/Files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -168,6 +169,54 @@ TEST_F(FilesTest, SynchronisesTheFileBeforeTheRenameAndTheFolderAfterIt) {
         }
     }
     EXPECT_THAT(ofInterest, ElementsAre(SYS_write, SYS_fsync, SYS_renameat, SYS_fsync));
+}
+
+bool isMakingFolder(long call) {
+#ifdef SYS_mkdir  // newer architectures have none
+    return call == SYS_mkdir || call == SYS_mkdirat;
+#else
+    return call == SYS_mkdirat;
+#endif
+}
+
+TEST_F(FilesTest, SynchronisesTheFolderAboveEachNewOne) {
+    const auto calls = test::systemCallsOf([this] {
+        test::beginKilling();
+        makeFolders(inFolder("a/b"));
+    });
+
+    std::vector<long> ofInterest;
+    std::copy_if(calls.begin(), calls.end(), std::back_inserter(ofInterest), [](long call) {
+        return isMakingFolder(call) || call == SYS_fsync;
+    });
+    ASSERT_EQ(ofInterest.size(), 4U);
+    EXPECT_EQ(ofInterest[1], SYS_fsync);
+    EXPECT_EQ(ofInterest[3], SYS_fsync);
+}
+
+TEST_F(FilesTest, AFileOfOthersIsRootsAloneUntilItIsWhole) {
+    put(path, "old");
+    fs::permissions(path, fs::perms(forAll));
+    std::set<mode_t> seen;
+
+    // Killed in between, it leaves its temporary file with the mode that it had then.
+    test::killAtEverySystemCall(
+        [] {},
+        [this] {
+            test::beginKilling();
+            replaceFileKeepingAttributes(path, "new");
+        },
+        [&] {
+            for (const auto& name : namesIn(folder)) {
+                if (name.starts_with(".")) {
+                    seen.insert(modeOf(inFolder(name)));
+                    fs::remove(inFolder(name));
+                    break;
+                }
+            }
+        });
+
+    EXPECT_THAT(seen, ElementsAre(secret, forAll));
 }
 
 TEST_F(FilesTest, ADeathAtAnyInstantLeavesTheOldFileOrTheNew) {

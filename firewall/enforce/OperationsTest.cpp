@@ -10,8 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -19,6 +21,7 @@
 #include "firewall/policy/PolicyStore.h"
 #include "support/Files.h"
 #include "support/Timestamp.h"
+#include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/RefusedCall.h"
@@ -79,6 +82,35 @@ TEST_F(OperationsTest, AppliesAUsersFirstList) {
         contentOf(rulesetPath),
         HasSubstr("pass out quick proto tcp from any to 192.168.64.0/24 port 2222 keep state\n"));
     EXPECT_EQ(stored().owners.at("501").policies.at(0).name, "Lab");
+}
+
+/// Whether another process could take the store's lock while the operation waits for pfctl, called
+/// as in `pattern`.
+bool isStoreFreeDuring(
+    ScriptedPfctl& pfctl, const char* pattern, const std::function<void()>& operation) {
+    pfctl.answer(pattern, "touch /run/waits; while [ ! -e /run/looked ]; do sleep 0.01; done");
+    std::thread work(operation);
+    while (!exists("/run/waits")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const support::UniqueFd store(::open(storePath.c_str(), O_RDONLY | O_CLOEXEC));
+    const bool isFree = !store || ::flock(store.get(), LOCK_EX | LOCK_NB) == 0;
+    put("/run/looked", "");
+    work.join();
+    return isFree;
+}
+
+TEST_F(OperationsTest, AnApplyKeepsOtherProcessesOut) {
+    put(storePath, policyText({{64}}));
+
+    EXPECT_FALSE(
+        isStoreFreeDuring(pfctl, load, [] { applyFirewall(policyText({{65}}), 501, elsewhere); }));
+}
+
+TEST_F(OperationsTest, ARemovalKeepsOtherProcessesOut) {
+    put(storePath, policyText({{64}}));
+
+    EXPECT_FALSE(isStoreFreeDuring(pfctl, flush, [] { removeFirewall(501, atConsole); }));
 }
 
 TEST_F(OperationsTest, DatesTheRulesetAtTheLoad) {

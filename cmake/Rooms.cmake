@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # What each folder may know is the table in docs/architecture.md; scripts/check-includes holds the
 # includes to it, this file the libraries: tarnvale_check_rooms() fails if a target links one whose
 # folder its own folder may not know.

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # How this project compiles, and the functions with which its folders say what they hold:
 #
 #   tarnvale_library(NAME SOURCES a.cpp … [DEPENDS lib …])

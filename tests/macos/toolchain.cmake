@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+#
 # Builds for macOS 13 on Linux, for checks only: Zig's compiler and linker, with the declarations
 # beside this file and the linker stubs made from them. The programs are not for use on a Mac.
 #

@@ -29,7 +29,7 @@ FailedAllocations* shared = nullptr;
 template <typename Function>
 class Next {
 public:
-    constexpr explicit Next(const char* name) : name_(name) {}
+    constexpr explicit Next(const char* name) noexcept : name_(name) {}
 
     Function get() {
         Function function = found_.load(std::memory_order_relaxed);
@@ -101,22 +101,24 @@ bool fails(const void* caller) {
 
 }  // namespace
 
+// The parameters have the C library's names.
+
 TARNVALE_EXPORTED void* malloc(std::size_t size) {
     return fails(__builtin_return_address(0)) ? nullptr : nextMalloc.get()(size);
 }
 
-TARNVALE_EXPORTED void* realloc(void* memory, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? nullptr : nextRealloc.get()(memory, size);
+TARNVALE_EXPORTED void* realloc(void* ptr, std::size_t size) {
+    return fails(__builtin_return_address(0)) ? nullptr : nextRealloc.get()(ptr, size);
 }
 
-TARNVALE_EXPORTED void* calloc(std::size_t count, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? nullptr : nextCalloc.get()(count, size);
+TARNVALE_EXPORTED void* calloc(std::size_t nmemb, std::size_t size) {
+    return fails(__builtin_return_address(0)) ? nullptr : nextCalloc.get()(nmemb, size);
 }
 
 TARNVALE_EXPORTED void* aligned_alloc(std::size_t alignment, std::size_t size) {
     return fails(__builtin_return_address(0)) ? nullptr : nextAligned.get()(alignment, size);
 }
 
-TARNVALE_EXPORTED int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? ENOMEM : nextPosix.get()(memory, alignment, size);
+TARNVALE_EXPORTED int posix_memalign(void** memptr, std::size_t alignment, std::size_t size) {
+    return fails(__builtin_return_address(0)) ? ENOMEM : nextPosix.get()(memptr, alignment, size);
 }

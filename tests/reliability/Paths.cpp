@@ -18,8 +18,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::vector<NetworkText> oneNetwork = {{.number = 64}};
-const std::vector<NetworkText> twoNetworks = {{.number = 64}, {.number = 65, .name = "Farm"}};
+std::vector<NetworkText> oneNetwork() {
+    return {{.number = 64}};
+}
+
+std::vector<NetworkText> twoNetworks() {
+    return {{.number = 64}, {.number = 65, .name = "Farm"}};
+}
 
 Texts expectSuccess(Texts reply, const std::string& method) {
     if (!isSuccess(reply)) {
@@ -28,11 +33,11 @@ Texts expectSuccess(Texts reply, const std::string& method) {
     return reply;
 }
 
-void apply(ServiceClient& client, const std::vector<NetworkText>& networks) {
+void applyList(ServiceClient& client, const std::vector<NetworkText>& networks) {
     expectSuccess(client.call("ApplyFirewall", "ay", {policyText(networks)}), "ApplyFirewall");
 }
 
-void remove(ServiceClient& client) {
+void removeList(ServiceClient& client) {
     expectSuccess(client.call("RemoveFirewall"), "RemoveFirewall");
 }
 
@@ -86,7 +91,7 @@ const std::vector<Path>& allPaths() {
          .prepare = [](ServiceClient&) {},
          .method = "ApplyFirewall",
          .types = "ay",
-         .arguments = {policyText(oneNetwork)},
+         .arguments = {policyText(oneNetwork())},
          .isFirstRequest = true},
         versionRequest(),
         {.name = "connection",
@@ -95,22 +100,22 @@ const std::vector<Path>& allPaths() {
          .isFirstOfClient = true},
         {.name = "report", .prepare = [](ServiceClient&) {}, .method = "FirewallReport"},
         {.name = "apply-new",
-         .prepare = [](ServiceClient& client) { remove(client); },
+         .prepare = [](ServiceClient& client) { removeList(client); },
          .method = "ApplyFirewall",
          .types = "ay",
-         .arguments = {policyText(oneNetwork)}},
+         .arguments = {policyText(oneNetwork())}},
         {.name = "apply-changed",
-         .prepare = [](ServiceClient& client) { apply(client, oneNetwork); },
+         .prepare = [](ServiceClient& client) { applyList(client, oneNetwork()); },
          .method = "ApplyFirewall",
          .types = "ay",
-         .arguments = {policyText(twoNetworks)}},
+         .arguments = {policyText(twoNetworks())}},
         {.name = "apply-same",
-         .prepare = [](ServiceClient& client) { apply(client, oneNetwork); },
+         .prepare = [](ServiceClient& client) { applyList(client, oneNetwork()); },
          .method = "ApplyFirewall",
          .types = "ay",
-         .arguments = {policyText(oneNetwork)}},
+         .arguments = {policyText(oneNetwork())}},
         {.name = "remove-last",
-         .prepare = [](ServiceClient& client) { apply(client, oneNetwork); },
+         .prepare = [](ServiceClient& client) { applyList(client, oneNetwork()); },
          .method = "RemoveFirewall",
          .isBestEffort = true},
         {.name = "resolver-on",

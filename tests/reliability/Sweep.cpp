@@ -138,7 +138,7 @@ void MemorySweep::judgeMachine(const std::optional<Texts>& reply, const Path& pa
     std::string undone;
     for (const auto& [key, value] : after) {
         if (!isOneOf(value, key, target_)) {
-            undone += " " + key;
+            undone.append(" ").append(key);
         }
         if (!isOneOf(value, key, before_) && !isOneOf(value, key, target_)) {
             report(key + " is neither the old nor the new: " + value);

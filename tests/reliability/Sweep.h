@@ -22,8 +22,8 @@ namespace tarnvale::test {
 
 /// Which allocations fail, from the point on.
 struct Shortage {
-    const char* name;
-    std::uint64_t count;
+    const char* name = "";
+    std::uint64_t count = 1;
     std::optional<std::chrono::milliseconds> within{};
     bool outlastsRequest = false;  ///< until `within` is over, others try as well
 };

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -27,7 +28,11 @@
 
 namespace {
 
-using namespace tarnvale::test;
+namespace test = tarnvale::test;
+using test::MemorySweep;
+using test::Path;
+using test::Points;
+using test::Shortage;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* all = "all";
@@ -97,8 +102,8 @@ int sweepAll(const Request& request) {
     MemorySweep sweeper;
     bool isClean = true;
     bool isAny = false;
-    for (const auto& shortage : allShortages()) {
-        for (const auto& path : allPaths()) {
+    for (const auto& shortage : test::allShortages()) {
+        for (const auto& path : test::allPaths()) {
             if ((request.path == all || request.path == path.name) &&
                 (request.shortage == all || request.shortage == shortage.name)) {
                 isClean = sweep(sweeper, path, shortage, request.points) && isClean;
@@ -121,9 +126,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        if (!isInPrivateRoot()) {
+        if (!test::isInPrivateRoot()) {
             const std::string program = std::filesystem::read_symlink("/proc/self/exe");
-            if (const auto refusal = enterPrivateRoot()) {
+            if (const auto refusal = test::enterPrivateRoot()) {
                 throw std::runtime_error(*refusal);
             }
             // Started again, it is a program of that root through and through.

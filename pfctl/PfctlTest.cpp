@@ -29,6 +29,7 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -242,6 +243,24 @@ TEST_F(PfctlTest, EnablesWhatAnInterruptedEnableLeftDormant) {
 
     EXPECT_EQ(pfctl({"-E"}).status, 0);
     EXPECT_FALSE(tables().at(0).dormant);
+}
+
+TEST_F(PfctlTest, KeepsOthersOutOfItsRunFolder) {
+    ::umask(0);
+    ASSERT_EQ(pfctl({"-E"}).status, 0);
+
+    struct stat info {};
+    ASSERT_EQ(::stat(runFolder, &info), 0);
+    EXPECT_EQ(info.st_mode & ALLPERMS, 0700U);
+}
+
+TEST_F(PfctlTest, FollowsNoLinkToWhetherItIsEnabled) {
+    ASSERT_EQ(pfctl({"-E"}).status, 0);
+    const std::string enabled = std::string(runFolder) + "/enabled";
+    ASSERT_EQ(::rename(enabled.c_str(), (enabled + ".away").c_str()), 0);
+    ASSERT_EQ(::symlink((enabled + ".away").c_str(), enabled.c_str()), 0);
+
+    EXPECT_THAT(pfctl({"-si"}).output, StartsWith("Status: Disabled "));
 }
 
 TEST_F(PfctlTest, SaysSinceWhenItIsEnabled) {

@@ -153,6 +153,14 @@ TEST_F(HelperTest, DoesNothingElseForAnOrdinaryUser) {
     EXPECT_FALSE(exists(logPath));
 }
 
+TEST_F(HelperTest, GoesByWhoStartedItAndNotByASetUserIDBit) {
+    TARNVALE_NEEDS(owners);
+
+    EXPECT_THAT(
+        test::run({"/usr/bin/setpriv", "--ruid=65534", helperPath, "--status"}),
+        Ended(1, "", mustBeRoot));
+}
+
 TEST_F(HelperTest, KnowsItsArgumentsByTheirExactSpelling) {
     TARNVALE_NEEDS(owners);
     for (const std::string other :

@@ -290,6 +290,20 @@ TEST_F(CodeSigningTest, ChecksAPeerAgainThatRunsAnotherProgram) {
     EXPECT_FALSE(unasked->isValid(anchored)) << "it cannot be looked at any more";
 }
 
+TEST_F(CodeSigningTest, TakesNoSignedProgramForTheOneThatAPeerRanBefore) {
+    const std::string shell = fs::canonical("/bin/dash");
+    const SocketPeer client({shell, "-c", "read line; exec " + std::string(clientPath) + " 1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const auto unsignedCode = signing->guest(process->peer());
+    ASSERT_TRUE(unsignedCode);
+
+    ASSERT_EQ(::send(client.socket(), "go\n", 3, 0), 3);
+    client.waitUntilNotRunning(shell);
+
+    EXPECT_FALSE(unsignedCode->isValid(anchored));
+    EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored));
+}
+
 TEST_F(CodeSigningTest, ChecksAProgramWhoseFileIsNoLongerThere) {
     const SocketPeer client({clientPath, "1000"});
     const auto process = PeerProcess::ofSocket(client.socket());

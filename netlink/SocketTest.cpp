@@ -12,6 +12,7 @@
 
 #include "netlink/Messages.h"
 #include "support/UniqueFd.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::netlink {
 namespace {
@@ -37,6 +38,7 @@ int forgeTo(const sockaddr_nl& address) {
 }
 
 TEST(SocketTest, HearsNobodyButTheKernel) {
+    TARNVALE_NEEDS(interfaces);  // whose right the forger takes
     sockaddr_nl own{};
     socklen_t size = sizeof own;
     support::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));

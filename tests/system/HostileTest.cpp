@@ -410,6 +410,23 @@ TEST_F(HostileTest, AnUrgentByteKeepsNobodyBusy) {
     expectNothingLeft();
 }
 
+TEST_F(HostileTest, AConnectionThatThereIsNoDescriptorForKeepsNobodyBusy) {
+    rlimit usual{};
+    ASSERT_EQ(::prlimit(service->pid(), RLIMIT_NOFILE, nullptr, &usual), 0);
+    const rlimit exhausted{.rlim_cur = 0, .rlim_max = usual.rlim_max};
+    ASSERT_EQ(::prlimit(service->pid(), RLIMIT_NOFILE, &exhausted, nullptr), 0);
+    const auto usedBefore = processorTimeOf(service->pid());
+
+    RawPeer peer = lend();
+    std::this_thread::sleep_for(1s);
+
+    EXPECT_LT(processorTimeOf(service->pid()) - usedBefore, 300ms);
+    ASSERT_EQ(::prlimit(service->pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
+    EXPECT_TRUE(peer.authenticate()) << "it has waited";
+    peer.close();
+    expectNothingLeft();
+}
+
 TEST_F(HostileTest, OneUserHasSixtyFourConnections) {
     std::vector<RawPeer> peers;
     for (int i = 0; i < maxForUser; ++i) {

@@ -13,7 +13,7 @@
 namespace tarnvale::helperctl {
 namespace {
 
-using Outcome = LogEntry::Outcome;
+using LogOutcome = LogEntry::Outcome;
 
 constexpr std::string_view timeForm = "0000-00-00T00:00:00Z";
 constexpr std::string_view requests =
@@ -23,41 +23,42 @@ constexpr std::string_view requests =
 struct Sentence {
     std::string_view start;
     std::string_view operations;
-    Outcome outcome;
+    LogOutcome outcome;
 };
 
 /// How the helper's messages begin. "Refused …" and "… failed: " are made for each request.
 constexpr std::array sentences{
-    Sentence{"Applied firewall. ", "applyFirewall removeFirewall start", Outcome::changed},
-    Sentence{"Removed uid ", "removeFirewall", Outcome::changed},
-    Sentence{"Removed firewall enforcement.", "removeFirewall", Outcome::changed},
-    Sentence{"Boot re-apply: ", "start", Outcome::changed},
-    Sentence{"Boot re-apply left out: ", "start", Outcome::refused},
-    Sentence{"Boot re-apply failed: ", "start", Outcome::failed},
+    Sentence{"Applied firewall. ", "applyFirewall removeFirewall start", LogOutcome::changed},
+    Sentence{"Removed uid ", "removeFirewall", LogOutcome::changed},
+    Sentence{"Removed firewall enforcement.", "removeFirewall", LogOutcome::changed},
+    Sentence{"Boot re-apply: ", "start", LogOutcome::changed},
+    Sentence{"Boot re-apply left out: ", "start", LogOutcome::refused},
+    Sentence{"Boot re-apply failed: ", "start", LogOutcome::failed},
     Sentence{
         "Persisted firewall policy could not be decoded; ",
         "applyFirewall removeFirewall start",
-        Outcome::failed},
+        LogOutcome::failed},
     Sentence{
         "Removed legacy anchor references ",
         "applyFirewall removeFirewall start",
-        Outcome::changed},
-    Sentence{"pf was busy; ", "applyFirewall removeFirewall start", Outcome::note},
-    Sentence{"Waiting for another process, ", "applyFirewall removeFirewall start", Outcome::note},
-    Sentence{"Created VLAN ", "createVLAN", Outcome::changed},
-    Sentence{"Deleted VLAN ", "deleteVLAN", Outcome::changed},
-    Sentence{"Left VLAN ", "deleteVLAN", Outcome::refused},
-    Sentence{"Could not record Tarnvale's VLANs: ", "createVLAN deleteVLAN", Outcome::failed},
-    Sentence{"Linked /", "installCLISymlink", Outcome::changed},
-    Sentence{"Removed /usr/local/bin/", "installCLISymlink removeCLISymlink", Outcome::changed},
-    Sentence{"Left /usr/local/bin/", "installCLISymlink removeCLISymlink", Outcome::refused},
-    Sentence{"Installed /etc/resolver/", "setTarnvaleResolver", Outcome::changed},
-    Sentence{"Removed /etc/resolver/", "setTarnvaleResolver", Outcome::changed},
-    Sentence{"Left /etc/resolver/", "setTarnvaleResolver", Outcome::refused},
-    Sentence{"Helper ", "start", Outcome::note},
-    Sentence{"Idle; exiting. ", "end", Outcome::note},
-    Sentence{"Shutdown requested ", "end", Outcome::note},
-    Sentence{"Rejected XPC client pid=", "admission", Outcome::refused},
+        LogOutcome::changed},
+    Sentence{"pf was busy; ", "applyFirewall removeFirewall start", LogOutcome::note},
+    Sentence{
+        "Waiting for another process, ", "applyFirewall removeFirewall start", LogOutcome::note},
+    Sentence{"Created VLAN ", "createVLAN", LogOutcome::changed},
+    Sentence{"Deleted VLAN ", "deleteVLAN", LogOutcome::changed},
+    Sentence{"Left VLAN ", "deleteVLAN", LogOutcome::refused},
+    Sentence{"Could not record Tarnvale's VLANs: ", "createVLAN deleteVLAN", LogOutcome::failed},
+    Sentence{"Linked /", "installCLISymlink", LogOutcome::changed},
+    Sentence{"Removed /usr/local/bin/", "installCLISymlink removeCLISymlink", LogOutcome::changed},
+    Sentence{"Left /usr/local/bin/", "installCLISymlink removeCLISymlink", LogOutcome::refused},
+    Sentence{"Installed /etc/resolver/", "setTarnvaleResolver", LogOutcome::changed},
+    Sentence{"Removed /etc/resolver/", "setTarnvaleResolver", LogOutcome::changed},
+    Sentence{"Left /etc/resolver/", "setTarnvaleResolver", LogOutcome::refused},
+    Sentence{"Helper ", "start", LogOutcome::note},
+    Sentence{"Idle; exiting. ", "end", LogOutcome::note},
+    Sentence{"Shutdown requested ", "end", LogOutcome::note},
+    Sentence{"Rejected XPC client pid=", "admission", LogOutcome::refused},
 };
 
 /// The dropped claims of a merge, whose message begins with a subnet.
@@ -65,7 +66,7 @@ constexpr std::string_view claimSentence = " is claimed by networks of more than
 
 void classify(LogEntry& entry) {
     const std::string_view message = entry.message.front();
-    const auto take = [&](std::string_view operations, Outcome outcome) {
+    const auto take = [&](std::string_view operations, LogOutcome outcome) {
         entry.operations = operations;
         entry.outcome = outcome;
         entry.isOurs = true;
@@ -78,14 +79,14 @@ void classify(LogEntry& entry) {
     for (const auto request : support::split(requests, ' ')) {
         const std::string name(request);
         if (message.starts_with("Refused " + name + " for uid ")) {
-            return take(request, Outcome::refused);
+            return take(request, LogOutcome::refused);
         }
         if (message.starts_with(name + " failed: ")) {
-            return take(request, Outcome::failed);
+            return take(request, LogOutcome::failed);
         }
     }
     if (message.find(claimSentence) != std::string_view::npos) {
-        take("applyFirewall removeFirewall start", Outcome::refused);
+        take("applyFirewall removeFirewall start", LogOutcome::refused);
     }
 }
 

@@ -20,14 +20,14 @@ namespace {
 /// How a report ends while nothing is enforced.
 constexpr const char* emptyAnchor = "(anchor is empty — nothing enforced)";
 
-std::string pathOf(std::string_view name) {
+std::string storedPath(std::string_view name) {
     return std::string(appSupportDirectory).append("/").append(name);
 }
 
 }  // namespace
 
 std::string storePath() {
-    return pathOf(NetworkFirewall::storeFileName);
+    return storedPath(NetworkFirewall::storeFileName);
 }
 
 std::optional<NetworkFirewall::PolicyStore> readStore() {
@@ -44,7 +44,7 @@ NetworkFirewall::PolicyStore requireStore() {
 }
 
 std::string loadedRulesetText() {
-    return support::readFile(pathOf("firewall.pf.conf")).value_or("");
+    return support::readFile(storedPath("firewall.pf.conf")).value_or("");
 }
 
 void explainWhatIsMissing(Answer& answer, std::span<const NetworkFirewall::HostAddress> hosts) {

@@ -6,16 +6,11 @@
 #include <unordered_map>
 
 #include "support/JsonReader.h"
+#include "support/JsonText.h"
 
 namespace tarnvale::support {
 
 namespace {
-
-constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-
-std::string_view withoutMark(std::string_view text) {
-    return text.starts_with(byteOrderMark) ? text.substr(byteOrderMark.size()) : text;
-}
 
 /// The place behind a text that begins at `start`.
 JsonPlace behind(JsonPlace start, std::string_view text) {
@@ -57,7 +52,9 @@ std::vector<std::optional<JsonPlace>> findJson(
 }
 
 JsonWalk::JsonWalk(std::string_view json)
-    : next_(withoutMark(json).data()), end_(json.data() + json.size()), countedTo_(next_) {}
+    : next_(withoutByteOrderMark(json).data()),
+      end_(json.data() + json.size()),
+      countedTo_(next_) {}
 
 bool JsonWalk::next() {
     if (isAtValue_) {

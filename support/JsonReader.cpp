@@ -14,8 +14,6 @@ namespace tarnvale::support {
 
 namespace {
 
-constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
-
 bool isContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80;
 }
@@ -56,12 +54,7 @@ std::string shortened(std::string_view written) {
 }  // namespace
 
 JsonReader::JsonReader(std::string_view json)
-    : begin_(json.data()), next_(begin_), end_(begin_ + json.size()) {
-    if (json.starts_with(byteOrderMark)) {
-        begin_ += byteOrderMark.size();
-        next_ = begin_;
-    }
-}
+    : begin_(withoutByteOrderMark(json).data()), next_(begin_), end_(json.data() + json.size()) {}
 
 JsonReader::JsonReader(std::string_view json, std::vector<JsonMismatch>& mismatches)
     : JsonReader(json) {

@@ -13,6 +13,12 @@
 
 namespace tarnvale::support {
 
+/// The text behind the mark of UTF-8 that it may begin with.
+inline std::string_view withoutByteOrderMark(std::string_view text) {
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    return text.starts_with(mark) ? text.substr(mark.size()) : text;
+}
+
 /// True for the ASCII that a string holds unescaped.
 inline bool isPlainJson(char c) {
     const auto byte = static_cast<unsigned char>(c);

@@ -38,7 +38,7 @@ private:
 };
 
 /// One side of a line. Without ports, it has all of them.
-struct Side {
+struct LineSide {
     AddressRange addresses;
     std::optional<PortRange> ports;
 };
@@ -57,8 +57,8 @@ std::optional<PortRange> readPorts(Words& words) {
     return PortRange{.first = *first, .last = *last};
 }
 
-std::optional<Side> readSide(Words& words) {
-    Side side;
+std::optional<LineSide> readSide(Words& words) {
+    LineSide side;
     const auto text = words.take();
     if (text != "any") {
         const auto cidr = NetworkFirewall::parseCIDR(text);

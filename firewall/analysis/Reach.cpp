@@ -26,10 +26,6 @@ Address memberOf(std::span<const Face> faces, std::size_t face) {
     return static_cast<Address>(next);
 }
 
-bool isHost(const Ruleset& ruleset, Address address) {
-    return std::ranges::find(ruleset.hostAddresses, address) != ruleset.hostAddresses.end();
-}
-
 /// The host's address as the network's machines see it.
 Address hostAddressFor(const Ruleset& ruleset, const NetworkLines& network, Address otherwise) {
     const auto own = std::ranges::find_if(

@@ -11,10 +11,6 @@ namespace {
 constexpr Address limitedBroadcast = ~Address{0};
 constexpr AddressRange multicast{.first = 0xE0000000, .last = 0xEFFFFFFF};
 
-bool isHost(const Ruleset& ruleset, Address address) {
-    return std::ranges::find(ruleset.hostAddresses, address) != ruleset.hostAddresses.end();
-}
-
 /// Whether all on the link get it, the host too, and nobody sends it on.
 bool isForTheLink(const Ruleset& ruleset, Address source, Address destination) {
     if (destination == limitedBroadcast || multicast.contains(destination)) {
@@ -72,6 +68,10 @@ const Crossing* Verdict::deciding() const {
         }
     }
     return deciding;
+}
+
+bool isHost(const Ruleset& ruleset, Address address) {
+    return std::ranges::find(ruleset.hostAddresses, address) != ruleset.hostAddresses.end();
 }
 
 std::optional<std::size_t> governingNetwork(const Ruleset& ruleset, Address address) {

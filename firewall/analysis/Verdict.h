@@ -51,6 +51,9 @@ struct Verdict {
     const Crossing* deciding() const;
 };
 
+/// Whether this is one of the host's addresses.
+bool isHost(const Ruleset& ruleset, Address address);
+
 /// The first network of the anchor with this address: each network has lines that match everything
 /// of its subnet, so no later one is asked. Nothing if there is none.
 std::optional<std::size_t> governingNetwork(const Ruleset& ruleset, Address address);

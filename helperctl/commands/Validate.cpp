@@ -29,7 +29,7 @@ using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::FirewallRule;
 using support::JsonProblem;
 
-struct Finding {
+struct PathProblem {
     std::string path;
     std::string problem;
 };
@@ -47,7 +47,7 @@ public:
         }
     }
 
-    std::vector<Finding> review(const std::vector<FirewallNetworkPolicy>& networks) {
+    std::vector<PathProblem> review(const std::vector<FirewallNetworkPolicy>& networks) {
         for (std::size_t i = 0; i < networks.size(); ++i) {
             if (networks[i].policy.enabled) {
                 review(networks[i], i);
@@ -106,7 +106,7 @@ private:
     std::span<const NetworkFirewall::HostAddress> hosts_;
     std::set<std::string, std::less<>> faultyPaths_;
     std::map<std::string, std::size_t> subnets_;  ///< with the first network that has each
-    std::vector<Finding> findings_;
+    std::vector<PathProblem> findings_;
 };
 
 bool isJson(std::string_view text) {
@@ -219,7 +219,7 @@ Validation validated(
     }
     const auto findings = Reviewer(hosts, validation.problems).review(networks);
     std::vector<std::string> paths;
-    std::ranges::transform(findings, std::back_inserter(paths), &Finding::path);
+    std::ranges::transform(findings, std::back_inserter(paths), &PathProblem::path);
     const auto places = support::findJson(policyData, paths);
     for (std::size_t i = 0; i < findings.size(); ++i) {
         validation.problems.push_back(

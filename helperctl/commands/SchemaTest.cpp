@@ -6,8 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <utility>
@@ -18,15 +16,11 @@
 
 #include "firewall/policy/PolicyJson.h"
 #include "support/Json.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/JsonSchema.h"
 
 namespace tarnvale::helperctl {
 namespace {
-
-std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// Documents of a policy's shape, with a fault here and there.
 class Documents {
@@ -155,14 +149,14 @@ bool isDecoded(const std::string& document) {
 }
 
 TEST(SchemaTest, IsTheOneInTheDocumentation) {
-    EXPECT_EQ(policySchema, contentOf(TARNVALE_SOURCE_DIR "/docs/policy.schema.json"));
+    EXPECT_EQ(policySchema, test::contentOf(TARNVALE_SOURCE_DIR "/docs/policy.schema.json"));
 }
 
 TEST(SchemaTest, TakesTheExamples) {
     std::size_t count = 0;
     for (const auto& file : std::filesystem::directory_iterator(TARNVALE_SOURCE_DIR "/examples")) {
         if (file.path().extension() == ".json") {
-            auto document = contentOf(file.path());
+            auto document = test::contentOf(file.path());
             std::erase(document, '\n');
             EXPECT_EQ(test::judgedBySchema("policy", document), "yes") << file.path();
             ++count;

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
 #include "tests/support/SocketPeer.h"
 
@@ -43,11 +43,6 @@ constexpr const char* scripts = TARNVALE_SOURCE_DIR "/scripts/";
 Finished runScript(const std::string& name, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {"/bin/bash", scripts + name});
     return run(arguments);
-}
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 class AdmissionTest : public testing::Test {

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 
@@ -17,6 +16,7 @@
 #include "firewall/policy/Review.h"
 #include "platform/HostAddresses.h"
 #include "tests/packets/PacketTest.h"
+#include "tests/support/HelperFiles.h"
 
 namespace tarnvale::test {
 namespace {
@@ -26,8 +26,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 std::string example(const std::string& name) {
-    std::ifstream file(TARNVALE_SOURCE_DIR "/examples/" + name);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return contentOf(TARNVALE_SOURCE_DIR "/examples/" + name);
 }
 
 /// Stores these lists of policies, each for one user, as the helper would have.

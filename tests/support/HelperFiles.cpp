@@ -8,11 +8,11 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <poll.h>
 #include <sys/inotify.h>
@@ -39,7 +39,9 @@ std::string contentOf(const std::string& path) {
     if (!file) {
         throw std::runtime_error("no file " + path);
     }
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::ostringstream content;
+    content << file.rdbuf();
+    return std::move(content).str();
 }
 
 void put(const std::string& path, std::string_view content) {

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +23,7 @@
 #include "platform/linux/PeerProcess.h"
 #include "platform/linux/codesigning/RootsNotice.h"
 #include "tests/support/Disturbance.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/SigningLab.h"
 #include "tests/support/SkipReasons.h"
@@ -43,11 +43,6 @@ constexpr const char* identifier = "com.brackwen.tarnvale";
 constexpr const char* clientPath = "/tmp/client";
 constexpr const char* anchored = "anchor apple generic";
 constexpr const char* rootsPath = "/etc/tarnvale/code-signing-roots.pem";
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 void writeProgram(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
@@ -85,7 +80,7 @@ protected:
     }
 
     const Chain chain = Chain::development();
-    const std::string program = contentOf("/bin/sleep");
+    const std::string program = test::contentOf("/bin/sleep");
     const SigningInformation clientInformation = {
         .teamIdentifier = "K7PD2QM4TZ", .identifier = identifier};
     const std::unique_ptr<CodeSigning> signing = makeCodeSigning();
@@ -272,7 +267,7 @@ TEST_F(CodeSigningTest, SaysNothingOfAPeerWhoseTimeWasOverBeforeItsTurnCame) {
 }
 
 TEST_F(CodeSigningTest, ChecksAPeerAgainThatRunsAnotherProgram) {
-    writeProgram(clientPath, test::signedProgram(contentOf("/bin/dash"), identifier, chain));
+    writeProgram(clientPath, test::signedProgram(test::contentOf("/bin/dash"), identifier, chain));
     const SocketPeer client({clientPath, "-c", "read line; exec /bin/sleep 1000"});
     const auto process = PeerProcess::ofSocket(client.socket());
     const auto before = signing->guest(process->peer());
@@ -352,7 +347,7 @@ TEST_F(CodeSigningTest, SaysSoWhenAFileNeverStopsChanging) {
     }
     EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored));
 
-    writeProgram("/tmp/forged", contentOf(clientPath) + "x");
+    writeProgram("/tmp/forged", test::contentOf(clientPath) + "x");
     fs::rename("/tmp/forged", clientPath);
     const SocketPeer forger({clientPath, "1000"});
     const auto forged = PeerProcess::ofSocket(forger.socket());

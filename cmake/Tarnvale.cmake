@@ -141,7 +141,8 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         add_executable(tarnvale_precompiled EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/Precompiled.cpp")
         target_link_libraries(tarnvale_precompiled PRIVATE tarnvale_options GTest::gmock)
         set_target_properties(tarnvale_precompiled PROPERTIES TARNVALE_FOR_TESTS ON)
-        target_precompile_headers(tarnvale_precompiled PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+        target_precompile_headers(tarnvale_precompiled PRIVATE
+            "${PROJECT_SOURCE_DIR}/tests/support/Precompiled.h")
     endif()
 
     # A test program enters its private root before its first test (tests/support/TestMain.cpp).

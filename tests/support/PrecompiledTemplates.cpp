@@ -1,0 +1,4 @@
+// SPDX-License-Identifier: MIT
+
+#define TARNVALE_EXTERN
+#include "tests/support/Precompiled.h"

@@ -141,7 +141,7 @@ void MemorySweep::judgeMachine(const std::optional<Texts>& reply, const Path& pa
             undone.append(" ").append(key);
         }
         if (!isOneOf(value, key, before_) && !isOneOf(value, key, target_)) {
-            report(key + " is neither the old nor the new: " + value);
+            report(std::string(key).append(" is neither the old nor the new: ").append(value));
         }
     }
     if (reply && isSuccess(*reply) && !path.isBestEffort && !undone.empty()) {

@@ -163,6 +163,7 @@ TEST(MessageShapeTest, IsThatOfTheWholeMessage) {
         EXPECT_FALSE(hasShapeOfSignature(good.substr(0, size))) << size;
     }
     EXPECT_FALSE(hasShapeOfSignature(good + '\0'));
+    EXPECT_FALSE(hasShapeOfSignature(good + std::string("\x05\0", 2))) << "followed by a null";
     EXPECT_FALSE(hasShapeOfSignature(message(1, 1, element('\xA1', element(0x04, "revocations")))));
 }
 

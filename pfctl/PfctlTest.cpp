@@ -309,10 +309,11 @@ TEST_F(PfctlTest, CountsBothHalvesOfALineWithoutAProtocolAsOne) {
 }
 
 TEST_F(PfctlTest, BeginsCountersAtZeroAlsoWhereALoadChangesNothing) {
-    const std::string first = "block drop in quick from 127.0.0.1/32 to any\n";
-    const std::string second = "pass in quick from 127.0.0.2/32 to 127.0.0.3/32 keep state\n";
+    const std::string both =
+        "block drop in quick from 127.0.0.1/32 to any\n"
+        "pass in quick from 127.0.0.2/32 to 127.0.0.3/32 keep state\n";
     pfctl({"-E"});
-    load(first + second);
+    load(both);
     const std::string zero = counters();
     const auto handle = tables().at(0).handle;
     for (const std::string other : {"", "block drop in quick from 127.0.0.2/32 to any\n"}) {
@@ -321,13 +322,13 @@ TEST_F(PfctlTest, BeginsCountersAtZeroAlsoWhereALoadChangesNothing) {
         EXPECT_NE(counters(), zero) << "also packets that no line decided on count";
         pfctl({"-k", "127.0.0.0/8"});
 
-        load(first + second);
+        load(both);
 
         EXPECT_EQ(counters(), zero);
         EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
-        load(first + second + other);
+        load(both + other);
         EXPECT_THAT(counters(), StartsWith(zero));
-        load(first + second);
+        load(both);
     }
     EXPECT_EQ(tables().at(0).handle, handle) << "all these were changes of one table";
 }

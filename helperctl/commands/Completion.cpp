@@ -180,7 +180,7 @@ std::string joinedAs(const Range& range, std::string_view separator, const Funct
 }
 
 /// The text in single quotes, in which the shell takes `escapedQuote` for one.
-std::string quoted(std::string_view text, std::string_view escapedQuote = R"('\'')") {
+std::string inQuotes(std::string_view text, std::string_view escapedQuote = R"('\'')") {
     std::string quoted = "'";
     for (const char c : text) {
         quoted.append(c == '\'' ? escapedQuote : std::string_view(&c, 1));
@@ -189,11 +189,11 @@ std::string quoted(std::string_view text, std::string_view escapedQuote = R"('\'
 }
 
 std::string quotedForFish(std::string_view text) {
-    return quoted(text, R"(\')");
+    return inQuotes(text, R"(\')");
 }
 
 std::string quotedWord(const std::string& word) {
-    return quoted(word);
+    return inQuotes(word);
 }
 
 std::string words(const std::vector<Choice>& choices) {
@@ -263,7 +263,7 @@ std::string placeCases(
     const std::function<std::string(const Content&)>& answer) {
     std::map<std::string, std::vector<std::string>> placesOf;
     for (const auto& [place, content] : places) {
-        placesOf[answer(content)].push_back(quoted(place));
+        placesOf[answer(content)].push_back(inQuotes(place));
     }
     std::string cases;
     for (const auto& [text, alike] : placesOf) {
@@ -283,7 +283,7 @@ std::string optionCases(const std::function<std::string(const std::vector<Choice
     for (const auto& form : commandForms()) {
         if (!form.options.empty()) {
             cases.append("            ")
-                .append(quoted(form.words))
+                .append(inQuotes(form.words))
                 .append(") ")
                 .append(answer(optionChoices(form.options)))
                 .append(" ;;\n");
@@ -324,7 +324,7 @@ std::string bashScript() {
             case WordKind::interface:
                 return R"script(wanted=(-W "$(ls /sys/class/net 2>/dev/null || ifconfig -l)"))script";
             default:
-                return "wanted=(-W " + quoted(words(choices)) + ")";
+                return "wanted=(-W " + inQuotes(words(choices)) + ")";
         }
     };
     std::string script =
@@ -346,12 +346,12 @@ _tarnvale_helperctl() {
         .append(R"(        esac
     elif [[ -z $only_operands && $current == -* ]]; then
         options=)")
-        .append(quoted(words(optionsOfAll())))
+        .append(inQuotes(words(optionsOfAll())))
         .append(R"(
         case $command in
 )")
         .append(optionCases([](const std::vector<Choice>& choices) {
-            return "options+=" + quoted(" " + words(choices));
+            return "options+=" + inQuotes(" " + words(choices));
         }))
         .append(R"(        esac
         wanted=(-W "$options")
@@ -383,7 +383,7 @@ std::string zshScript() {
                    choices,
                    " ",
                    [](const Choice& choice) {
-                       return quoted(
+                       return inQuotes(
                            choice.word + (choice.summary.empty() ? "" : ":" + choice.summary));
                    }) +
                ")";

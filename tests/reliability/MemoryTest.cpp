@@ -29,7 +29,8 @@ const Named& named(std::string_view name, const std::vector<Named>& all) {
 }
 
 Outcome sweep(const char* path, const char* shortage, const Points& points) {
-    return MemorySweep().run(named(path, allPaths()), named(shortage, allShortages()), points);
+    static MemorySweep sweeper;
+    return sweeper.run(named(path, allPaths()), named(shortage, allShortages()), points);
 }
 
 TEST(MemoryTest, AFirstCheckWithoutMemoryLocksNobodyOut) {

@@ -42,6 +42,8 @@ const std::vector<Shortage>& allShortages() {
 }
 
 Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Points& points) {
+    // A younger file could have changed since it was checked, so it is checked at each message.
+    std::this_thread::sleep_until(settlesAt_);
     outcome_ = {};
     target_ = targetOf(path);
     for (auto number = points.first; number <= points.last; number += points.step) {

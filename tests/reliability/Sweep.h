@@ -64,6 +64,9 @@ private:
     void report(const std::string& what);
 
     ServiceLab lab_;
+    /// When the helper remembers its verdict on the client.
+    std::chrono::steady_clock::time_point settlesAt_ =
+        std::chrono::steady_clock::now() + std::chrono::seconds(4);
     std::string helperPath_;
     AllocationFaults faults_{"TarnvaleAdminHelper"};
     std::unique_ptr<RunningHelper> helper_;

@@ -14,8 +14,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Longer than any request takes, however busy the machine.
-constexpr auto replyLimit = 20s;
+/// Longer than any request takes, and less than until the helper next looks at a silent client, which
+/// may end the connection.
+constexpr auto replyLimit = 8s;
 constexpr auto endLimit = 2s;
 constexpr int signalled = 128;
 

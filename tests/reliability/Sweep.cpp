@@ -14,8 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Longer than any request takes, and less than until the helper next looks at a silent client, which
-/// may end the connection.
+/// Longer than any request takes, and less than until the helper next looks at a silent client,
+/// which may end the connection.
 constexpr auto replyLimit = 8s;
 constexpr auto endLimit = 2s;
 constexpr int signalled = 128;

@@ -73,7 +73,6 @@ while IFS= read -r line; do
     zpty -r inner text $'*\1*\2' || exit 1
     text=${text#*$'\1'}
     print -rn -- ${text%$'\2'} | tr -d '\r'
-    zpty -n -w inner $'\C-u'
     echo "##"
 done
 zpty -d inner
@@ -83,15 +82,21 @@ constexpr std::string_view zshInner = R"(
 unset zle_bracketed_paste
 autoload -Uz compinit
 compinit -u -d /tmp/completing/dump
-bindkey '^I' offered
 zle -C offered complete-word offer
 offer() {
-    print -n $'\1'
     _main_complete
-    print -n $'\2'
     compstate[insert]= compstate[list]=
+}
+# Forgets the line itself: what is typed now may meet a terminal that edits lines of its own.
+answer() {
+    print -n $'\1'
+    zle offered
+    print -n $'\2'
+    BUFFER=
     zle -I
 }
+zle -N answer
+bindkey '^I' answer
 zstyle ':completion:*' completer _complete
 compadd() {
     if [[ ${@[1,(i)(-|--)]} == *-(O|A|D)\ * ]]; then
@@ -103,7 +108,6 @@ compadd() {
     ((${#offered} == 0)) || print -rl -- "${(@Q)offered}"
     builtin compadd "$@"
 }
-bindkey '^U' kill-whole-line
 print READY
 )";
 

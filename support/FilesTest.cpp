@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <latch>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -372,13 +373,19 @@ class NoDescriptors {
 public:
     explicit NoDescriptors(std::optional<std::chrono::milliseconds> moment = std::nullopt) {
         ::getrlimit(RLIMIT_NOFILE, &usual_);
-        setLimit(0);
-        if (moment) {
-            end_ = std::thread([this, moment = *moment] {
-                std::this_thread::sleep_for(moment);
-                setLimit(usual_.rlim_cur);
-            });
+        if (!moment) {
+            setLimit(0);
+            return;
         }
+        // A sanitizer takes a descriptor to look at a thread that begins.
+        std::latch begun(1);
+        end_ = std::thread([this, &begun, moment = *moment] {
+            setLimit(0);
+            begun.count_down();
+            std::this_thread::sleep_for(moment);
+            setLimit(usual_.rlim_cur);
+        });
+        begun.wait();
     }
     NoDescriptors(const NoDescriptors&) = delete;
     NoDescriptors& operator=(const NoDescriptors&) = delete;

@@ -13,6 +13,7 @@
 #include "helperctl/Console.h"
 #include "support/JsonWriter.h"
 #include "support/Text.h"
+#include "tests/support/FirewallRule.h"
 #include "tests/support/JsonSchema.h"
 
 namespace tarnvale::helperctl {
@@ -60,22 +61,6 @@ std::string report() {
            counters(0, 0);
 }
 
-FirewallRule rule(
-    FirewallRule::Direction direction,
-    FirewallRule::Action action,
-    const std::string& remote,
-    const std::string& ports,
-    bool enabled = true) {
-    return {
-        .id = {},
-        .enabled = enabled,
-        .direction = direction,
-        .action = action,
-        .proto = FirewallRule::Proto::any,
-        .remoteCIDR = remote,
-        .ports = ports};
-}
-
 /// Lab is root's, stored after somebody else's network with the same subnet.
 PolicyStore store() {
     NetworkFirewall::FirewallNetworkPolicy lab;
@@ -85,11 +70,14 @@ PolicyStore store() {
     lab.dnsProxyEnabled = true;
     lab.policy.enabled = true;
     lab.policy.defaultInbound = FirewallRule::Action::deny;
+    using enum FirewallRule::Action;
     using enum FirewallRule::Direction;
+    using enum FirewallRule::Proto;
     lab.policy.rules = {
-        rule(inbound, FirewallRule::Action::allow, "any", "22", false),
-        rule(inbound, FirewallRule::Action::allow, "any", "80"),
-        rule(outbound, FirewallRule::Action::deny, "10.0.0.7/8", "")};
+        test::rule(allow, any, "any", "22", inbound),
+        test::rule(allow, any, "any", "80", inbound),
+        test::rule(deny, any, "10.0.0.7/8")};
+    lab.policy.rules.front().enabled = false;
     PolicyStore store;
     store.owners["0"] = {.policies = {lab}, .appliedAt = {20}};
     lab.name = "Other";

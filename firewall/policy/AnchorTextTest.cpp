@@ -12,12 +12,14 @@
 #include "firewall/policy/Addresses.h"
 #include "firewall/policy/Review.h"
 #include "support/Text.h"
+#include "tests/support/FirewallRule.h"
 #include "tests/support/RandomPolicies.h"
 #include "tests/support/RulesetGrammar.h"
 
 namespace tarnvale::NetworkFirewall {
 namespace {
 
+using test::rule;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -29,22 +31,6 @@ using Policies = std::vector<FirewallNetworkPolicy>;
 
 constexpr std::string_view subnet = "192.168.64.0/24";
 constexpr std::chrono::system_clock::time_point generatedAt{std::chrono::seconds(1741944413)};
-
-FirewallRule rule(
-    Direction direction,
-    Action action,
-    Proto proto,
-    const std::string& remoteCIDR,
-    const std::string& ports) {
-    return {
-        .id = {},
-        .enabled = true,
-        .direction = direction,
-        .action = action,
-        .proto = proto,
-        .remoteCIDR = remoteCIDR,
-        .ports = ports};
-}
 
 /// An enabled network with everything allowed and no DNS proxy.
 FirewallNetworkPolicy network(
@@ -72,8 +58,8 @@ TEST(AnchorTextTest, WritesTheWholeRuleset) {
     lab.dnsProxyEnabled = true;
     lab.policy.defaultInbound = Action::deny;
     lab.policy.rules = {
-        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "22"),
-        rule(Direction::outbound, Action::deny, Proto::any, "10.0.0.0/8", "")};
+        rule(Action::allow, Proto::tcp, "any", "22", Direction::inbound),
+        rule(Action::deny, Proto::any, "10.0.0.0/8")};
 
     EXPECT_EQ(
         anchorText(std::vector{lab}, generatedAt),
@@ -191,10 +177,10 @@ TEST(AnchorTextTest, PassesDnsOnlyToAGatewayThatRunsTheProxy) {
 TEST(AnchorTextTest, KeepsTheUsersOrderOfRules) {
     FirewallNetworkPolicy lab = network();
     lab.policy.rules = {
-        rule(Direction::outbound, Action::allow, Proto::icmp, "any", ""),
-        rule(Direction::inbound, Action::deny, Proto::any, "10.0.0.0/8", ""),
-        rule(Direction::outbound, Action::deny, Proto::icmp, "any", ""),
-        rule(Direction::inbound, Action::allow, Proto::any, "10.0.0.0/8", "")};
+        rule(Action::allow, Proto::icmp, "any"),
+        rule(Action::deny, Proto::any, "10.0.0.0/8", "", Direction::inbound),
+        rule(Action::deny, Proto::icmp, "any"),
+        rule(Action::allow, Proto::any, "10.0.0.0/8", "", Direction::inbound)};
 
     EXPECT_THAT(
         anchorText(std::vector{lab}, generatedAt),
@@ -209,11 +195,11 @@ TEST(AnchorTextTest, KeepsTheUsersOrderOfRules) {
 TEST(AnchorTextTest, LeavesOutDisabledAndFaultyRules) {
     FirewallNetworkPolicy lab = network();
     lab.policy.rules = {
-        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "22"),
-        rule(Direction::inbound, Action::allow, Proto::tcp, "10.0.0/8", "23"),
-        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "99999"),
-        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "24"),
-        rule(Direction::inbound, Action::allow, Proto::tcp, "any", "25")};
+        rule(Action::allow, Proto::tcp, "any", "22", Direction::inbound),
+        rule(Action::allow, Proto::tcp, "10.0.0/8", "23", Direction::inbound),
+        rule(Action::allow, Proto::tcp, "any", "99999", Direction::inbound),
+        rule(Action::allow, Proto::tcp, "any", "24", Direction::inbound),
+        rule(Action::allow, Proto::tcp, "any", "25", Direction::inbound)};
     lab.policy.rules[3].enabled = false;
 
     EXPECT_THAT(
@@ -232,33 +218,31 @@ TEST(AnchorTextTest, WritesEachKindOfRule) {
     using enum FirewallRule::Direction;
     using enum FirewallRule::Action;
     const std::vector<Case> cases = {
-        {rule(inbound, allow, Proto::tcp, "any", "22"),
+        {rule(allow, Proto::tcp, "any", "22", inbound),
          {"pass out quick proto tcp from any to 192.168.64.0/24 port 22 keep state"}},
-        {rule(inbound, deny, Proto::any, "10.0.0.0/8", ""),
+        {rule(deny, Proto::any, "10.0.0.0/8", "", inbound),
          {"block drop out quick from 10.0.0.0/8 to 192.168.64.0/24"}},
-        {rule(outbound, allow, Proto::any, "any", "8000-8080"),
+        {rule(allow, Proto::any, "any", "8000-8080"),
          {"pass in quick proto tcp from 192.168.64.0/24 to any port 8000:8080 keep state",
           "pass in quick proto udp from 192.168.64.0/24 to any port 8000:8080 keep state"}},
-        {rule(outbound, deny, Proto::udp, "1.1.1.1", "53"),
+        {rule(deny, Proto::udp, "1.1.1.1", "53"),
          {"block drop in quick proto udp from 192.168.64.0/24 to 1.1.1.1/32 port 53"}},
-        {rule(outbound, allow, Proto::icmp, "any", "80"),
+        {rule(allow, Proto::icmp, "any", "80"),
          {"pass in quick proto icmp from 192.168.64.0/24 to any keep state"}},
-        {rule(inbound, deny, Proto::any, "", "443"),
+        {rule(deny, Proto::any, "", "443", inbound),
          {"block drop out quick proto tcp from any to 192.168.64.0/24 port 443",
           "block drop out quick proto udp from any to 192.168.64.0/24 port 443"}},
-        {rule(outbound, allow, Proto::any, "any", ""),
-         {"pass in quick from 192.168.64.0/24 to any keep state"}},
-        {rule(outbound, deny, Proto::any, "any", " \t"),
-         {"block drop in quick from 192.168.64.0/24 to any"}},
-        {rule(inbound, allow, Proto::tcp, "10.0.0.7/8", ""),
+        {rule(allow, Proto::any, "any"), {"pass in quick from 192.168.64.0/24 to any keep state"}},
+        {rule(deny, Proto::any, "any", " \t"), {"block drop in quick from 192.168.64.0/24 to any"}},
+        {rule(allow, Proto::tcp, "10.0.0.7/8", "", inbound),
          {"pass out quick proto tcp from 10.0.0.7/8 to 192.168.64.0/24 keep state"}},
-        {rule(inbound, allow, Proto::udp, "10.0.0.7", "1-65535"),
+        {rule(allow, Proto::udp, "10.0.0.7", "1-65535", inbound),
          {"pass out quick proto udp from 10.0.0.7/32 to 192.168.64.0/24 port 1:65535 keep state"}},
-        {rule(inbound, deny, Proto::icmp, "10.0.0.7", "abc"),
+        {rule(deny, Proto::icmp, "10.0.0.7", "abc", inbound),
          {"block drop out quick proto icmp from 10.0.0.7/32 to 192.168.64.0/24"}},
-        {rule(inbound, allow, Proto::tcp, "10.0.0/8", "22"), {}},
-        {rule(inbound, allow, Proto::any, "any", "99999"), {}},
-        {rule(inbound, allow, Proto::icmp, "nowhere", ""), {}},
+        {rule(allow, Proto::tcp, "10.0.0/8", "22", inbound), {}},
+        {rule(allow, Proto::any, "any", "99999", inbound), {}},
+        {rule(allow, Proto::icmp, "nowhere", "", inbound), {}},
     };
     for (const Case& each : cases) {
         EXPECT_EQ(ruleLines(each.rule, subnet), each.lines);
@@ -266,7 +250,7 @@ TEST(AnchorTextTest, WritesEachKindOfRule) {
 }
 
 TEST(AnchorTextTest, WritesARulesLinesWhetherOrNotItIsEnabled) {
-    FirewallRule off = rule(Direction::inbound, Action::deny, Proto::any, "any", "");
+    FirewallRule off = rule(Action::deny, Proto::any, "any", "", Direction::inbound);
     off.enabled = false;
 
     EXPECT_THAT(

@@ -322,7 +322,9 @@ std::string bashScript() {
             case WordKind::user:
                 return "wanted=(-u)";
             case WordKind::interface:
-                return R"script(wanted=(-W "$(ls /sys/class/net 2>/dev/null || ifconfig -l)"))script";
+                // compgen expands its word list itself. Expanded here already, an interface's name
+                // would be shell text to it, and be run.
+                return R"script(wanted=(-W '$(ls /sys/class/net 2>/dev/null || ifconfig -l)'))script";
             default:
                 return "wanted=(-W " + inQuotes(words(choices)) + ")";
         }
@@ -332,7 +334,7 @@ std::string bashScript() {
 
 _tarnvale_helperctl() {
     local current=${COMP_WORDS[COMP_CWORD]} command='' operands=0 expects='' only_operands=''
-    local options word i
+    local options word i quoted=yes
     local -a wanted=()
 )";
     script
@@ -365,8 +367,10 @@ _tarnvale_helperctl() {
 
     COMPREPLY=()
     ((${#wanted[@]} > 0)) || return
-    [[ ${wanted[0]} != -f ]] || compopt -o filenames 2>/dev/null  # which macOS's bash lacks
+    # readline quotes file names only, and only where compopt, which macOS's bash lacks, says so.
+    [[ ${wanted[0]} == -f ]] && compopt -o filenames 2>/dev/null && quoted=''
     while IFS='' read -r word; do
+        [[ -z $quoted ]] || printf -v word %q "$word"
         COMPREPLY+=("$word")
     done < <(compgen "${wanted[@]}" -- "$current")
 }

@@ -26,6 +26,8 @@
 namespace tarnvale::helperctl {
 namespace {
 
+using testing::Each;
+using testing::IsSupersetOf;
 using testing::UnorderedElementsAreArray;
 using Words = std::vector<std::string>;
 
@@ -42,6 +44,13 @@ std::string scriptFor(Shell shell) {
 /// Reads command lines, and prints what may complete each and then "##".
 constexpr std::string_view bashDriver = R"(
 source /tmp/completing/script
+ls() {
+    command ls "$@"
+    cat /tmp/completing/more-interfaces
+}
+compopt() {
+    true  # the true one works only where a key has asked
+}
 while IFS= read -r line; do
     read -ra COMP_WORDS <<<"${line//=/ = }"  # as readline splits it
     [[ $line != *' ' ]] || COMP_WORDS+=('')
@@ -54,6 +63,11 @@ done
 
 constexpr std::string_view fishDriver = R"(
 source /tmp/completing/script
+functions --copy __fish_print_interfaces true_interfaces
+function __fish_print_interfaces
+    true_interfaces
+    cat /tmp/completing/more-interfaces
+end
 while read -l line
     complete -C "$line" | string replace -r '\t.*' ''
     echo "##"
@@ -108,6 +122,10 @@ compadd() {
     ((${#offered} == 0)) || print -rl -- "${(@Q)offered}"
     builtin compadd "$@"
 }
+ls() {
+    command ls "$@"
+    cat /tmp/completing/more-interfaces
+}
 print READY
 )";
 
@@ -136,6 +154,7 @@ protected:
         test::put("/tmp/completing/functions/_tarnvale-helperctl", script);
         test::put("/tmp/completing/driver", GetParam().driver);
         test::put("/tmp/completing/inner", zshInner);
+        test::put("/tmp/completing/more-interfaces", "");
         test::put("/tmp/completing/files/lab.json", "[]");
         test::put("/tmp/completing/files/lab two.json", "[]");
         test::put("/tmp/completing/files/other", "");
@@ -270,6 +289,19 @@ TEST_P(CompletionTest, KnowsEveryCommandAndOption) {
         }
         EXPECT_THAT(words, UnorderedElementsAreArray(expected[i])) << lines[i];
     }
+}
+
+TEST_P(CompletionTest, RunsNothingThatAnInterfaceIsNamed) {
+    const std::string name = "$(echo>ran)";
+    std::filesystem::remove("/tmp/completing/files/ran");
+    test::put("/tmp/completing/more-interfaces", name + "\n");
+
+    const auto offered = completions({"vlan delete ", "vlan create lab 7 "});
+
+    // fish and zsh quote it once it is in the command line, bash leaves that to the script.
+    const auto shown = GetParam().shell == Shell::bash ? R"(\$\(echo\>ran\))" : name;
+    EXPECT_THAT(offered, Each(IsSupersetOf({"lo", shown.c_str()})));
+    EXPECT_FALSE(test::exists("/tmp/completing/files/ran"));
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: MIT
+//
+// scripts/mutants in a small repository: what it says of defects that are caught, missed,
+// equivalent or unusable, and what it need not find again. Programs that only pretend to build and
+// test stand in for CMake's: a defect is a word in unit/Limit, which a test may or may not look
+// for.
+
+#include <filesystem>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/HelperFiles.h"
+#include "tests/support/Program.h"
+
+namespace tarnvale::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* repository = "/tmp/mutants/sources";
+
+std::string file(const std::string& name) {
+    return std::string(repository) + "/" + name;
+}
+
+void putProgram(const std::string& path, const std::string& script) {
+    put(path, "#!/bin/bash\nset -euo pipefail\n" + script);
+    fs::permissions(path, fs::perms(0755));
+}
+
+/// A defect that makes another word of the limit.
+void putDefect(const std::string& name, const std::string& word, const std::string& header = "") {
+    put(file("tests/mutants/" + name + ".patch"),
+        "It would do harm.\n" + header +
+            "\ndiff --git a/unit/Limit b/unit/Limit\n--- a/unit/Limit\n+++ b/unit/Limit\n"
+            "@@ -1 +1 @@\n-right\n+" +
+            word + "\n");
+}
+
+class MutantsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!exists("/usr/bin/git")) {
+            GTEST_SKIP() << "git is not installed";
+        }
+        fs::remove_all("/tmp/mutants");
+        for (const char* name : {"scripts/mutants", "scripts/planting"}) {
+            const auto copy = fs::path(file(name));
+            fs::create_directories(copy.parent_path());
+            fs::copy_file(fs::path(TARNVALE_SOURCE_DIR) / name, copy);
+        }
+        put(file(".gitignore"), "build/\n");
+        put(file("unit/Limit"), "right\n");
+        fs::create_directories(file("tests/mutants"));
+        fs::create_directories(file("tests/macos/mutants"));
+
+        // They are called as "cmake … -B BUILD …", "ninja -C BUILD …" and "ctest --test-dir FOLDER
+        // …".
+        putProgram(
+            "/tmp/mutants/bin/cmake",
+            "mkdir -p \"$6/unit\"\ntouch \"$6/build.ninja\" \"$6/CTestTestfile.cmake\" "
+            "\"$6/unit/CTestTestfile.cmake\"\n");
+        putProgram(
+            "/tmp/mutants/bin/ninja",
+            "echo \"$*\" >>/tmp/mutants/built\ncd \"$2\"\n"
+            "if grep -q unreadable ../../unit/Limit; then exit 1; fi\n"
+            "cp /tmp/mutants/unit_test unit/unit_test\n");
+        putProgram(
+            "/tmp/mutants/unit_test",
+            "cd /tmp/mutants/sources/build/mutants/tests\n"
+            "! grep -q direct unit/Limit || { echo '[  FAILED  ] LimitTest.IsKept (0 ms)'; exit 1; "
+            "}\n"
+            "echo '[       OK ] LimitTest.IsKept (0 ms)'\n");
+        putProgram(
+            "/tmp/mutants/bin/ctest",
+            "cd /tmp/mutants/sources/build/mutants/tests\n"
+            "case $2 in\n*/unit/) word=related ;;\n*) word='related\\|distant' ;;\nesac\n"
+            "! grep -q \"$word\" unit/Limit || {\n"
+            "printf 'The following tests FAILED:\\n\\t  7 - WholeTest.Works (Failed)\\n'\nexit "
+            "8\n}\n"
+            "echo '100% tests passed, 0 tests failed out of 9'\n");
+        run({"/usr/bin/git", "-C", repository, "init", "--quiet"});
+    }
+
+    static Finished mutants(const std::string& arguments = "") {
+        return run(
+            {"/usr/bin/env",
+             "PATH=/tmp/mutants/bin:/usr/bin:/bin",
+             "/bin/bash",
+             "-c",
+             file("scripts/mutants") + " " + arguments});
+    }
+
+    static constexpr const char* directly =
+        "\nCaught by: unit_test --gtest_filter=LimitTest.IsKept\n";
+};
+
+TEST_F(MutantsTest, NamesTheTestThatCatchesADefect) {
+    putDefect("a-named", "direct", directly);
+    putDefect("b-related", "related");
+    putDefect("c-distant", "distant", directly);
+
+    const auto planted = mutants();
+
+    EXPECT_EQ(planted.error, "");
+    EXPECT_EQ(
+        planted.output,
+        "a-named: caught by LimitTest.IsKept\n"
+        "b-related: caught by WholeTest.Works\n"
+        "c-distant: caught by WholeTest.Works\n"
+        "mutants: 3 of 3 defects caught (0 equivalent)\n");
+    EXPECT_EQ(planted.status, 0);
+    EXPECT_EQ(contentOf(file("unit/Limit")), "right\n");
+    EXPECT_EQ(contentOf(file("build/mutants/tests/unit/Limit")), "right\n");
+}
+
+TEST_F(MutantsTest, FailsForADefectThatIsMissed) {
+    putDefect("caught", "related");
+    putDefect("unseen", "subtle");
+
+    const auto planted = mutants();
+
+    EXPECT_EQ(
+        planted.output,
+        "caught: caught by WholeTest.Works\n"
+        "unseen: missed\n"
+        "mutants: 1 of 2 defects caught; missed: unseen (0 equivalent)\n");
+    EXPECT_EQ(planted.status, 1);
+}
+
+TEST_F(MutantsTest, NeverCountsWhatCannotBePlantedAsCaught) {
+    putDefect("compiles-no-more", "unreadable");
+    putDefect("fits-no-more", "direct");
+    const auto path = file("tests/mutants/fits-no-more.patch");
+    auto patch = contentOf(path);
+    put(path, patch.replace(patch.find("-right"), 6, "-left"));
+
+    const auto planted = mutants();
+
+    EXPECT_EQ(
+        planted.output,
+        "compiles-no-more: error: it can't be compiled\n"
+        "fits-no-more: error: it is not for the sources as they are\n"
+        "mutants: 0 of 0 defects caught (0 equivalent; in error: compiles-no-more fits-no-more)\n");
+    EXPECT_EQ(planted.status, 1);
+}
+
+TEST_F(MutantsTest, NeitherPlantsNorCountsAnEquivalentOne) {
+    putDefect("same", "subtle", "\nEquivalent: nobody can tell.\n");
+
+    const auto planted = mutants();
+
+    EXPECT_EQ(
+        planted.output,
+        "same: equivalent: nobody can tell.\nmutants: 0 of 0 defects caught (1 equivalent)\n");
+    EXPECT_EQ(planted.status, 0);
+}
+
+TEST_F(MutantsTest, TakesNamesAndPatterns) {
+    putDefect("store-lock", "related");
+    putDefect("store-mode", "related");
+    putDefect("vlan-tag", "related");
+    putDefect("vlan-name", "related");
+
+    const auto planted = mutants("'store-*' vlan-tag.patch vlan-tag");
+
+    EXPECT_EQ(
+        planted.output,
+        "store-lock: caught by WholeTest.Works\n"
+        "store-mode: caught by WholeTest.Works\n"
+        "vlan-tag: caught by WholeTest.Works\n"
+        "mutants: 3 of 3 defects caught (0 equivalent)\n");
+
+    const auto refused = mutants("'stone-*'");
+
+    EXPECT_EQ(refused.error, "mutants: there is no defect stone-*\n");
+    EXPECT_EQ(refused.status, 1);
+}
+
+TEST_F(MutantsTest, FindsOnlyWhatHasChangedAgain) {
+    putDefect("caught", "related");
+    putDefect("unseen", "subtle");
+    const auto first = mutants();
+
+    put("/tmp/mutants/built", "");
+    EXPECT_EQ(mutants().output, first.output);
+    EXPECT_EQ(contentOf("/tmp/mutants/built"), "");
+
+    // A new source may hold the test that was missing, but takes none away.
+    put(file("unit/Test"), "looks at more\n");
+    EXPECT_EQ(mutants("caught").status, 0);
+    EXPECT_EQ(contentOf("/tmp/mutants/built"), "");
+    EXPECT_EQ(mutants("unseen").status, 1);
+    EXPECT_NE(contentOf("/tmp/mutants/built"), "");
+}
+
+TEST_F(MutantsTest, TrustsNoCheckThatObjectsToSoundSources) {
+    put(file("unit/Limit"), "related\n");
+    putDefect("any", "direct");
+    const auto path = file("tests/mutants/any.patch");
+    auto patch = contentOf(path);
+    put(path, patch.replace(patch.find("-right"), 6, "-related"));
+
+    const auto refused = mutants();
+
+    EXPECT_THAT(
+        refused.error,
+        HasSubstr("WholeTest.Works (Failed)\n"
+                  "mutants: unit/ objects to the sources as they are\n"));
+    EXPECT_EQ(refused.output, "");
+    EXPECT_EQ(refused.status, 1);
+}
+
+TEST_F(MutantsTest, ChecksQuicklyThatAllStillFit) {
+    putDefect("fits", "direct");
+
+    const auto sound = mutants("--check");
+
+    EXPECT_EQ(sound.error, "");
+    EXPECT_EQ(sound.status, 0);
+    EXPECT_FALSE(exists(file("build")));
+
+    put(file("unit/Limit"), "other\n");
+    put(file("tests/macos/mutants/mute.patch"),
+        "diff --git a/unit/Limit b/unit/Limit\n--- a/unit/Limit\n+++ b/unit/Limit\n"
+        "@@ -1 +1 @@\n-other\n+direct\n");
+
+    const auto refused = mutants("--check");
+
+    EXPECT_THAT(
+        refused.error,
+        AllOf(
+            HasSubstr("mutants: mutants/fits.patch is not for the sources as they are;"),
+            HasSubstr("mutants: macos/mutants/mute.patch does not begin with a sentence"),
+            Not(HasSubstr("mute.patch is not for"))));
+    EXPECT_EQ(refused.status, 1);
+}
+
+}  // namespace
+}  // namespace tarnvale::test

@@ -149,7 +149,7 @@ std::optional<std::string> utf8Of(const Libcrypto& library, const ASN1_STRING* t
         return std::nullopt;
     }
     std::string result(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
-    library.CRYPTO_free(utf8, "", 0);  // a file and line are for memory hooks; nobody sets any
+    library.CRYPTO_free(utf8, "", 0);  // our allocator ignores the file and the line
     return result;
 }
 

@@ -12,11 +12,20 @@
 namespace tarnvale::platform {
 namespace {
 
-std::atomic<bool> hasSucceeded = false;
+/// What is known of the library's own set-up, which it does bit by bit while it is used.
+enum class SetUp { unknown, done, failed };
+
+std::atomic<SetUp> setUp = SetUp::unknown;
 thread_local unsigned shortages = 0;
 
-// The library's allocator. What fails in its own way elsewhere, a missing page of memory, would
-// look like a bad signature here.
+/// Of several threads, the first to know decides for all. Returns what was decided.
+SetUp decide(SetUp known) noexcept {
+    auto before = SetUp::unknown;
+    return setUp.compare_exchange_strong(before, known) ? known : before;
+}
+
+// The library's allocator. The library reports a lack of memory as it reports a bad signature, so
+// the allocator counts how often it had none.
 
 void* noted(void* memory) {
     if (memory == nullptr) {
@@ -55,6 +64,7 @@ Libcrypto load() {
             OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT |
                 OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS,
             nullptr) != 1) {
+        decide(SetUp::failed);
         throw LibcryptoUnusable();
     }
     return symbols;
@@ -67,8 +77,10 @@ const Libcrypto& Libcrypto::get() {
     return symbols;
 }
 
-void Libcrypto::noteSuccess() noexcept {
-    hasSucceeded = true;
+void Libcrypto::noteSuccess() {
+    if (decide(SetUp::done) == SetUp::failed) {
+        throw LibcryptoUnusable();
+    }
 }
 
 LibcryptoShortage::LibcryptoShortage() noexcept : before_(shortages) {}
@@ -77,10 +89,10 @@ void LibcryptoShortage::throwIfAny() const {
     if (shortages == before_) {
         return;
     }
-    if (!hasSucceeded) {
-        throw LibcryptoUnusable();
+    if (decide(SetUp::failed) == SetUp::done) {
+        throw std::bad_alloc();
     }
-    throw std::bad_alloc();
+    throw LibcryptoUnusable();
 }
 
 }  // namespace tarnvale::platform

@@ -91,7 +91,8 @@ struct Libcrypto {
     static const Libcrypto& get();
 
     /// Notes that a signature has been verified: the library has set up all that this takes.
-    static void noteSuccess() noexcept;
+    /// Throws `LibcryptoUnusable` if another thread has found meanwhile that it may not have.
+    static void noteSuccess();
 };
 
 /// Notices when the library asks in vain for memory in this thread. A failure may be due to that.

@@ -4,15 +4,16 @@
 
 #pragma once
 
-#include <stdexcept>
+#include <exception>
 
 namespace tarnvale::platform {
 
-/// OpenSSL's library ran out of memory while it set itself up. It does so once and remembers that
-/// it failed. Thrown only before any signature has been found good.
-class LibcryptoUnusable : public std::runtime_error {
+/// OpenSSL's library could not set itself up, or may not have, as a rule for want of memory. It
+/// does so once and remembers that it failed. Thrown only before any signature has been found good.
+/// Takes no memory, so that nothing else is thrown in its place.
+class LibcryptoUnusable : public std::exception {
 public:
-    LibcryptoUnusable() : std::runtime_error("libcrypto.so.3 had no memory to set itself up.") {}
+    const char* what() const noexcept override { return "libcrypto.so.3 could not be set up."; }
 };
 
 }  // namespace tarnvale::platform

@@ -2,8 +2,6 @@
 
 #include "platform/ServiceProcess.h"
 
-#include <cstdlib>
-
 #include <malloc.h>
 
 #include "platform/linux/LibSystemd.h"
@@ -21,12 +19,10 @@ void prepareServiceProcess() {
 }
 
 void reportServing() {
-    // Loads the library only for systemd, whose clients will need it soon. A report that is lost
-    // makes systemd start the helper again. Children may inherit the variable: systemd takes the
-    // report from this process alone.
-    if (std::getenv("NOTIFY_SOCKET") != nullptr) {
-        LibSystemd::get().sd_notify(0, "READY=1");
-    }
+    // Does nothing where systemd has not asked for it. A report that is lost makes systemd start
+    // the helper again. Children may inherit the request: systemd takes the report from this
+    // process alone.
+    LibSystemd::get().sd_notify(0, "READY=1");
 }
 
 }  // namespace tarnvale::platform

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <latch>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -195,7 +196,7 @@ TEST_F(FilesTest, SynchronisesTheFolderAboveEachNewOne) {
     EXPECT_EQ(ofInterest[3], SYS_fsync);
 }
 
-TEST_F(FilesTest, AFileOfOthersIsRootsAloneUntilItIsWhole) {
+TEST_F(FilesTest, ATemporaryFileOfOthersIsRootsAloneUntilItHasItsOwner) {
     put(path, "old");
     fs::permissions(path, fs::perms(forAll));
     std::set<mode_t> seen;
@@ -409,7 +410,7 @@ private:
 TEST_F(FilesTest, ReadsAFileAlthoughThereIsNoDescriptorForAMoment) {
     put(path, "text");
 
-    const NoDescriptors none(30ms);
+    const NoDescriptors none(10ms);
 
     EXPECT_EQ(readFile(path), "text");
 }
@@ -434,7 +435,7 @@ TEST_F(FilesTest, TriesAgainOnlyWhatMayPass) {
         return std::pair(result, attempts);
     };
 
-    for (const int error : {EINTR, EIO, EMFILE, ENFILE, ENOMEM}) {
+    for (const int error : {EINTR, EIO, EMFILE, ENFILE, ENOLCK, ENOMEM}) {
         EXPECT_EQ(failing(error), std::pair(7, 3)) << error;
     }
     for (const int error : {ENOENT, EACCES, ELOOP, EISDIR}) {

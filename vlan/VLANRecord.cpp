@@ -21,6 +21,15 @@ std::string recordPath() {
     return std::string(appSupportDirectory) + "/vlans.json";
 }
 
+/// As best it can: a VLAN that isn't recorded could never be deleted again.
+void keepUnreadableRecord() {
+    try {
+        support::keepUnreadable(recordPath());
+    } catch (const support::FileError&) {
+        // Something else has the name.
+    }
+}
+
 }  // namespace
 
 std::vector<Record> loadRecords() {
@@ -28,12 +37,12 @@ std::vector<Record> loadRecords() {
 }
 
 RecordFile readRecordFile() {
-    if (const auto bytes = support::readFile(recordPath())) {
-        try {
+    try {
+        if (const auto bytes = support::readFile(recordPath())) {
             return {.records = support::decodeJson<std::vector<Record>>(*bytes)};
-        } catch (const support::JsonError&) {
-            // Whatever it says, it says nothing of a VLAN.
         }
+    } catch (const std::exception&) {
+        // Whatever it says, it says nothing of a VLAN. Or nobody could hold all of it.
     }
     return {.records = {}, .isUnreadable = support::isFileThere(recordPath())};
 }
@@ -43,7 +52,7 @@ void saveRecords(const std::vector<Record>& records, bool isUnreadable) {
         support::makeFolders(appSupportDirectory);
         const auto bytes = support::encodeJson(records, support::JsonForm::compact);
         if (isUnreadable) {
-            support::keepUnreadable(recordPath());
+            keepUnreadableRecord();
         }
         support::writeFileAtomically(recordPath(), bytes, recordMode);
         support::setMode(recordPath(), recordMode);

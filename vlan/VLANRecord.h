@@ -43,8 +43,8 @@ struct RecordFile {
 RecordFile readRecordFile();
 
 /// Writes the records to "vlans.json", which only root can read. If the old file `isUnreadable`,
-/// keeps it as "vlans.json.unreadable". Logs a failure instead of throwing: the change to the
-/// system has been made and stands.
+/// keeps it as "vlans.json.unreadable" where that can be done. Logs a failure instead of throwing:
+/// the change to the system has been made and stands.
 void saveRecords(const std::vector<Record>& records, bool isUnreadable = false);
 
 }  // namespace tarnvale::HelperVLAN

@@ -3,6 +3,7 @@
 #include "vlan/VLANRecord.h"
 
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <set>
 #include <string>
@@ -161,6 +162,26 @@ TEST_F(VLANRecordTest, TakesWhatCannotBeReadForAnEmptyList) {
     ASSERT_EQ(::mkfifo(vlanRecordPath.c_str(), 0600), 0);
     EXPECT_THAT(loadRecords(), IsEmpty());
 
+    EXPECT_THAT(test::logMessages(), IsEmpty());
+}
+
+TEST_F(VLANRecordTest, TakesAFileThatIsTooLongForMemoryForAnEmptyList) {
+    TARNVALE_NEEDS(mounts);
+    const test::SmallDisk disk(supportFolder);
+    test::put(vlanRecordPath, "");
+    fs::resize_file(vlanRecordPath, std::numeric_limits<off_t>::max());
+
+    EXPECT_THAT(loadRecords(), IsEmpty());
+    EXPECT_TRUE(readRecordFile().isUnreadable);
+}
+
+TEST_F(VLANRecordTest, WritesTheRecordAlthoughAnUnreadableOneCannotBeKept) {
+    test::put(vlanRecordPath, "damaged");
+    fs::create_directories(vlanRecordPath + ".unreadable");
+
+    saveRecords({{"vlan0", 5, "en0"}}, true);
+
+    EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
     EXPECT_THAT(test::logMessages(), IsEmpty());
 }
 

@@ -57,7 +57,6 @@ void AllocationFaults::begin(const ChosenAllocations& chosen) {
     end();
     shared_->made = 0;
     shared_->failed = 0;
-    shared_->caller = 0;
     shared_->until = 0;
     if (chosen.within) {
         const auto now = std::chrono::steady_clock::now().time_since_epoch();

@@ -40,8 +40,7 @@ public:
     /// From here on nothing fails.
     void end();
 
-    /// Since `begin`.
-    std::uint64_t made() const { return shared_->made; }
+    /// How many have failed since `begin`.
     std::uint64_t failed() const { return shared_->failed; }
 
 private:

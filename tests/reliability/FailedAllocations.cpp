@@ -79,7 +79,7 @@ std::int64_t monotonicTime() {
 }
 
 /// Counts an allocation. True when it is one of those that fail.
-bool fails(const void* caller) {
+bool fails() {
     if (shared == nullptr) {
         return false;
     }
@@ -92,9 +92,7 @@ bool fails(const void* caller) {
     if (until != 0 && monotonicTime() >= until) {
         return false;
     }
-    if (++shared->failed == 1) {
-        shared->caller = reinterpret_cast<std::uintptr_t>(caller);
-    }
+    ++shared->failed;
     errno = ENOMEM;
     return true;
 }
@@ -104,21 +102,21 @@ bool fails(const void* caller) {
 // The parameters have the C library's names.
 
 TARNVALE_EXPORTED void* malloc(std::size_t size) {
-    return fails(__builtin_return_address(0)) ? nullptr : nextMalloc.get()(size);
+    return fails() ? nullptr : nextMalloc.get()(size);
 }
 
 TARNVALE_EXPORTED void* realloc(void* ptr, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? nullptr : nextRealloc.get()(ptr, size);
+    return fails() ? nullptr : nextRealloc.get()(ptr, size);
 }
 
 TARNVALE_EXPORTED void* calloc(std::size_t nmemb, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? nullptr : nextCalloc.get()(nmemb, size);
+    return fails() ? nullptr : nextCalloc.get()(nmemb, size);
 }
 
 TARNVALE_EXPORTED void* aligned_alloc(std::size_t alignment, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? nullptr : nextAligned.get()(alignment, size);
+    return fails() ? nullptr : nextAligned.get()(alignment, size);
 }
 
 TARNVALE_EXPORTED int posix_memalign(void** memptr, std::size_t alignment, std::size_t size) {
-    return fails(__builtin_return_address(0)) ? ENOMEM : nextPosix.get()(memptr, alignment, size);
+    return fails() ? ENOMEM : nextPosix.get()(memptr, alignment, size);
 }

@@ -24,7 +24,6 @@ struct FailedAllocations {
     std::atomic<std::uint64_t> last;   ///< the number of the last that fails
     std::atomic<std::int64_t> until;   ///< on the monotonic clock, in nanoseconds; 0 for ever
     std::atomic<std::uint64_t> failed;
-    std::atomic<std::uint64_t> caller;  ///< where the first that failed was asked for
 };
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "two programs share them");

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

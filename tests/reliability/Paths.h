@@ -8,7 +8,6 @@
 #include <chrono>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>

@@ -60,8 +60,8 @@ Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Point
 void MemorySweep::start() {
     client_.reset();
     helper_.reset();
-    helper_ = std::make_unique<RunningHelper>(
-        RunningHelper::Start{.program = helperPath_, .environment = faults_.environment()});
+    helper_ =
+        std::make_unique<RunningHelper>(RunningHelper::Start{.environment = faults_.environment()});
 }
 
 /// Whether a client that comes now is served.
@@ -120,13 +120,13 @@ bool MemorySweep::disturb(const Path& path, const Shortage& shortage, std::uint6
     faults_.end();
     const bool wasDisturbed = faults_.failed() > 0;
 
-    judgeReply(reply, path);
+    judgeReply(reply);
     judgeHelper(path);
     judgeMachine(reply, path);
     return wasDisturbed;
 }
 
-void MemorySweep::judgeReply(const std::optional<Texts>& reply, const Path& /*path*/) {
+void MemorySweep::judgeReply(const std::optional<Texts>& reply) {
     if (!reply) {
         report("neither a reply nor the end of the connection");
     }

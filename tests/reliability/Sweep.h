@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -46,8 +45,6 @@ struct Outcome {
 /// In a private root. Everything that it does may throw when the machine gives out.
 class MemorySweep {
 public:
-    explicit MemorySweep(std::string helper = helperProgram) : helperPath_(std::move(helper)) {}
-
     /// Until the path has no further allocation.
     Outcome run(const Path& path, const Shortage& shortage, const Points& points);
 
@@ -57,7 +54,7 @@ private:
     void toBeginningOf(const Path& path);
     MachineState targetOf(const Path& path);
     bool disturb(const Path& path, const Shortage& shortage, std::uint64_t number);
-    void judgeReply(const std::optional<Texts>& reply, const Path& path);
+    void judgeReply(const std::optional<Texts>& reply);
     void judgeMachine(const std::optional<Texts>& reply, const Path& path);
     void judgeHelper(const Path& path);
     bool hasEndedItself(std::chrono::milliseconds limit);
@@ -67,7 +64,6 @@ private:
     /// When the helper remembers its verdict on the client.
     std::chrono::steady_clock::time_point settlesAt_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(4);
-    std::string helperPath_;
     AllocationFaults faults_{"TarnvaleAdminHelper"};
     std::unique_ptr<RunningHelper> helper_;
     std::unique_ptr<ServiceClient> client_;

@@ -5,6 +5,7 @@
 // how many points there were and each violation; status 1 if there was one. It works in a private
 // root.
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -12,10 +13,10 @@
 #include <exception>
 #include <filesystem>
 #include <limits>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <sys/stat.h>
@@ -133,6 +134,7 @@ int main(int argc, char** argv) {
             }
             // Started again, it is a program of that root through and through.
             ::execv(program.c_str(), argv);
+            throw std::system_error(errno, std::generic_category(), program);
         }
         return sweepAll(requestIn({words.begin() + 1, words.end()}));
     } catch (const std::exception& error) {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -163,8 +164,10 @@ TEST_F(ServiceActivationTest, TellsSystemdOnceThatTheRulesAreInForceAndItListens
     const UniqueFd reports = reportsAt("/run/reports");
     Program helper(
         {helperProgram}, {}, {.environment = {"NOTIFY_SOCKET=/run/reports"}, .descriptors = {}});
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!exists("/run/loading")) {
-        ASSERT_TRUE(helper.running());
+        ASSERT_TRUE(helper.running() && std::chrono::steady_clock::now() < end);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
     char early = 0;

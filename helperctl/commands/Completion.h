@@ -14,14 +14,14 @@ namespace tarnvale::helperctl {
 int completion(const Session& session);
 
 inline constexpr std::string_view completionHelp =
-    R"(Prints what completes this program's command lines in a shell: bash, zsh or
+    R"help(Prints what completes this program's command lines in a shell: bash, zsh or
 fish. Packages install it. Elsewhere, have the shell read it as it starts:
 
-  ~/.bashrc                     source <(tarnvale-helperctl completion bash)
+  ~/.bashrc                     eval "$(tarnvale-helperctl completion bash)"
   ~/.zshrc, below compinit      source <(tarnvale-helperctl completion zsh)
   ~/.config/fish/config.fish    tarnvale-helperctl completion fish | source
 
 The result is a script in either format.
-)";
+)help";
 
 }  // namespace tarnvale::helperctl

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // A manual page of docs/man as far as tests compare it with programs: its lists, its references and
-// its synopsis. It reads the macros that our pages use, and throws at another in these places.
+// its synopsis. There it knows the macros that our pages use, and takes another for a word of the
+// text. It throws where a page has no list, or where one doesn't end.
 
 #pragma once
 

@@ -49,8 +49,7 @@ TEST(InstallHooksTest, MakesGitRunTheQuickChecks) {
 
         EXPECT_EQ(installed.error, "");
         EXPECT_EQ(installed.output, "Installed /tmp/hooks/pre-commit.\n");
-        EXPECT_THAT(
-            contentOf(hookPath), EndsWith("\nexec scripts/check format includes shell nolint\n"));
+        EXPECT_THAT(contentOf(hookPath), EndsWith("\nexec scripts/check quick\n"));
         EXPECT_NE(fs::status(hookPath).permissions() & fs::perms::owner_exec, fs::perms::none);
     }
 }
@@ -64,7 +63,7 @@ TEST(InstallHooksTest, LeavesAnotherHookAlone) {
     EXPECT_EQ(
         refused.error,
         "install-hooks: /tmp/hooks/pre-commit is another hook; to have both, add this line to it: "
-        "scripts/check format includes shell nolint\n");
+        "scripts/check quick\n");
     EXPECT_EQ(contentOf(hookPath), "#!/bin/sh\nexit 0\n");
 }
 

@@ -3,7 +3,7 @@
 #include "helperctl/Arguments.h"
 
 #include <algorithm>
-#include <array>
+#include <cstddef>
 #include <iterator>
 #include <span>
 #include <stdexcept>
@@ -117,11 +117,11 @@ private:
             throw UsageError(unexpected(word), nearestOption(name));
         }
         if (option->value.empty()) {
-            fill(option->target, option->name, {});
+            fill(*option, {});
         } else if (equals < word.size()) {
-            fill(option->target, option->name, word.substr(equals + 1));
+            fill(*option, word.substr(equals + 1));
         } else if (next_ + 1 < words.size()) {
-            fill(option->target, option->name, words[++next_]);
+            fill(*option, words[++next_]);
         } else {
             throw UsageError(
                 std::string(option->name) + ": 1 required " + std::string(option->value) +
@@ -181,45 +181,40 @@ private:
         return "The following argument was not expected: " + std::string(word);
     }
 
-    void fill(const Target& target, std::string_view name, std::string_view text) {
+    /// Fills the member of an option or an operand.
+    template <class Slot>
+    void fill(const Slot& slot, std::string_view text) {
         std::visit(
             [&](auto member) {
                 auto& value = arguments_.*member;
                 using Value = std::remove_reference_t<decltype(value)>;
                 if constexpr (std::is_same_v<Value, bool>) {
                     value = true;
-                } else if constexpr (std::is_same_v<Value, Format>) {
-                    if (text != "text" && text != "json") {
-                        throw UsageError("--format: it is text or json");
-                    }
-                    value = text == "json" ? Format::json : Format::text;
-                } else if constexpr (std::is_same_v<Value, Shell>) {
-                    value = shellOf(name, text);
+                } else if constexpr (std::is_enum_v<Value>) {
+                    value = static_cast<Value>(choiceOf(slot.name, slot.words, text));
                 } else if constexpr (std::is_constructible_v<Value, std::string>) {
                     value = std::string(text);
                 } else {
                     const auto number = support::parseDecimal(text);
                     if (!number) {
                         throw UsageError(
-                            std::string(name) + ": \"" + std::string(text) + "\" is no number");
+                            std::string(slot.name) + ": \"" + std::string(text) +
+                            "\" is no number");
                     }
                     value = *number;
                 }
             },
-            target);
+            slot.target);
     }
 
-    static Shell shellOf(std::string_view name, std::string_view text) {
-        constexpr std::array shells{
-            std::pair{"bash", Shell::bash},
-            std::pair{"zsh", Shell::zsh},
-            std::pair{"fish", Shell::fish}};
-        for (const auto& [word, shell] : shells) {
-            if (text == word) {
-                return shell;
-            }
+    /// The place of a word among those that may stand there.
+    static std::ptrdiff_t choiceOf(
+        std::string_view name, std::span<const std::string_view> words, std::string_view text) {
+        const auto choice = std::ranges::find(words, text);
+        if (choice == words.end()) {
+            throw UsageError(std::string(name) + ": it is " + listed(words));
         }
-        throw UsageError(std::string(name) + ": it is bash, zsh or fish");
+        return choice - words.begin();
     }
 
     void fillOperands() {
@@ -243,7 +238,7 @@ private:
             while (operand.takesRest && word != operands_.end()) {
                 text.append(" ").append(*word++);
             }
-            fill(operand.target, operand.name, text);
+            fill(operand, text);
         }
     }
 

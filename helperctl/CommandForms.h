@@ -35,7 +35,8 @@ struct Operand {
     std::string_view name;  ///< as the help has it, such as "FILE"
     Target target;
     WordKind kind = WordKind::text;
-    std::vector<std::string_view> words{};  ///< if nothing else may stand there
+    std::vector<std::string_view> words{};  ///< if only these may stand there, for an enumeration
+                                            ///< in the order of its values
     bool isOptional = false;                ///< left out if there are words for the others only
     bool takesRest = false;  ///< the last one: all words that are left, joined by spaces
     bool Arguments::*absentWith = nullptr;  ///< the option in whose place it stands, if any
@@ -48,7 +49,7 @@ struct Option {
     std::string_view summary{};    ///< what it does, in a few words
     std::string_view shortName{};  ///< such as "-f"
     WordKind kind = WordKind::text;
-    std::vector<std::string_view> words{};  ///< if its value is one of these
+    std::vector<std::string_view> words{};  ///< if its value is one of these, as for an operand
 };
 
 enum class Access {

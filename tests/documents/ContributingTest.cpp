@@ -16,8 +16,8 @@
 
 #include "helperctl/CommandForms.h"
 #include "support/Text.h"
-#include "tests/documents/Spans.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Spans.h"
 
 namespace tarnvale::test {
 namespace {
@@ -82,23 +82,6 @@ TEST(ContributingTest, TheRoadOfARequestHasEveryFileThatRequestsAreIn) {
         files.erase(test);
     }
     EXPECT_THAT(named, IsSupersetOf(files));
-}
-
-TEST(ContributingTest, TheGuideNamesFilesThatThereAre) {
-    const auto paths = pathsOf(guide());
-    EXPECT_GT(paths.size(), 40U);
-    for (const auto& path : paths) {
-        EXPECT_TRUE(fs::exists(fs::path(TARNVALE_SOURCE_DIR) / path)) << path;
-    }
-    for (const auto& block : blocksOf(guide())) {
-        for (const auto line : support::split(block, '\n')) {
-            if (line.starts_with("scripts/")) {
-                EXPECT_TRUE(
-                    fs::exists(fs::path(TARNVALE_SOURCE_DIR) / line.substr(0, line.find(' '))))
-                    << line;
-            }
-        }
-    }
 }
 
 TEST(ContributingTest, TheRoomsAreAllOfThem) {

@@ -14,9 +14,9 @@
 
 #include "helperctl/Arguments.h"
 #include "support/Text.h"
-#include "tests/documents/Spans.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
+#include "tests/support/Spans.h"
 
 namespace tarnvale::test {
 namespace {

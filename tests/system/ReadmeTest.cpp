@@ -24,6 +24,7 @@
 #include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/Spans.h"
 
 namespace tarnvale::test {
 namespace {
@@ -44,26 +45,13 @@ constexpr const char* walkFolder = "/tmp/walk";
 /// The indented blocks of the README's walk: how the sandbox is entered, and what is pasted there.
 /// Empty when the README has no such walk.
 std::vector<std::string> walkBlocks() {
-    constexpr std::string_view indent = "    ";
     const std::string readme = contentOf(std::string(sourceFolder) + "README.md");
     const auto start = readme.find("\n## A request by hand\n");
     const auto stop = readme.find("\nWithout the service,", start);
-    std::vector<std::string> blocks;
-    bool inBlock = false;
     if (start == std::string::npos || stop == std::string::npos) {
-        return blocks;
+        return {};
     }
-    for (const auto line :
-         support::split(std::string_view(readme).substr(start, stop - start), '\n')) {
-        if (line.starts_with(indent)) {
-            if (!inBlock) {
-                blocks.emplace_back();
-            }
-            blocks.back() += std::string(line.substr(indent.size())) + "\n";
-        }
-        inBlock = line.starts_with(indent);
-    }
-    return blocks;
+    return blocksOf(readme.substr(start, stop - start));
 }
 
 /// A command that the README shows, and what it prints there.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-#include "tests/documents/Spans.h"
+#include "tests/support/Spans.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -55,10 +55,13 @@ std::vector<std::string> pathsOf(const std::string& document) {
             return c == '/' || c == '.' || c == '_' || c == '-' || (c >= '0' && c <= '9') ||
                    (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
         });
-        if (isName && !isIdentifier && top != "build" && !top.empty() &&
-            top.find_first_not_of('.') != std::string::npos &&
-            (path.find('/') != std::string::npos ||
-             std::filesystem::exists(std::filesystem::path(TARNVALE_SOURCE_DIR) / path))) {
+        // Without a folder it may be any word, such as a program's name.
+        const bool isFile =
+            path.find('/') != std::string::npos || path.ends_with(".md") ||
+            path.ends_with("CMakeLists.txt") ||
+            std::filesystem::exists(std::filesystem::path(TARNVALE_SOURCE_DIR) / path);
+        if (isName && !isIdentifier && isFile && top != "build" && !top.empty() &&
+            top.find_first_not_of('.') != std::string::npos) {
             paths.push_back(path);
         }
     }

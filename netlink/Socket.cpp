@@ -111,11 +111,18 @@ Bytes Socket::receiveDatagram() {
     return {buffer_.get(), static_cast<std::size_t>(size)};
 }
 
+/// Drops what has been received but not read.
+void Socket::discard() noexcept {
+    ssize_t size = 0;
+    do {
+        size = ::recv(fd_.get(), buffer_.get(), maxDatagram, MSG_DONTWAIT);
+    } while (size > 0 || (size < 0 && (errno == EINTR || errno == ENOBUFS)));
+}
+
 /// Hands on what answers the request with that number until `take` returns false.
 void Socket::receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take) {
-    bool more = true;
-    while (more) {
-        Bytes datagram = receiveDatagram();
+    const auto takeFrom = [&](Bytes datagram) {
+        bool more = true;
         while (more && !datagram.empty()) {
             const auto [header, payload] = takeMessage(datagram);
             // Another number is the late answer to a request that was given up.
@@ -129,6 +136,16 @@ void Socket::receive(std::uint32_t sequence, const std::function<bool(const Answ
                 {.message = {.type = header.nlmsg_type, .payload = payload},
                  .changedMeanwhile = (header.nlmsg_flags & unsigned{NLM_F_DUMP_INTR}) != 0});
         }
+        return more;
+    };
+    try {
+        while (takeFrom(receiveDatagram())) {
+        }
+    } catch (...) {
+        // Of a transaction that fails, the kernel answers several messages. What is left of that
+        // would pass for the answer to the next request.
+        discard();
+        throw;
     }
 }
 

@@ -2,7 +2,8 @@
 //
 // A conversation with the kernel. It answers each request at once, so an answer that does not come
 // within seconds never will. All functions throw `std::system_error` with the kernel's error number
-// when it refuses, and with `EBADMSG` when an answer makes no sense.
+// when it refuses, and with `EBADMSG` when an answer makes no sense. After that the socket can be
+// used again: no later call takes what is left of the answer for its own.
 
 #pragma once
 
@@ -42,6 +43,7 @@ private:
 
     void send(const MessageWriter& messages);
     Bytes receiveDatagram();
+    void discard() noexcept;
     void receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take);
 
     support::UniqueFd fd_;

@@ -2,7 +2,10 @@
 
 #include "netlink/Socket.h"
 
+#include <array>
 #include <cerrno>
+#include <optional>
+#include <system_error>
 
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
@@ -56,6 +59,62 @@ TEST(SocketTest, HearsNobodyButTheKernel) {
     socket.dump(list, [](const Message&) {});
 
     EXPECT_EQ(forgeTo(own), ECONNREFUSED);
+}
+
+/// A conversation with a kernel that is played here.
+class PlayedKernel {
+public:
+    PlayedKernel() {
+        std::array<int, 2> ends{};
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+            throw std::system_error(errno, std::generic_category(), "socketpair");
+        }
+        kernel_ = support::UniqueFd(ends[0]);
+        socket_.emplace(support::UniqueFd(ends[1]));
+    }
+
+    /// Answers a message: with an error, or with 0 for success.
+    void answer(int error) {
+        struct {
+            nlmsghdr header;
+            int verdict;
+        } const message{
+            .header =
+                {.nlmsg_len = sizeof message,
+                 .nlmsg_type = NLMSG_ERROR,
+                 .nlmsg_flags = 0,
+                 .nlmsg_seq = 0,
+                 .nlmsg_pid = 0},
+            .verdict = -error};
+        ASSERT_EQ(::send(kernel_.get(), &message, sizeof message, 0), ssize_t{sizeof message});
+    }
+
+    /// The error number that a request fails with; 0 when it succeeds.
+    int errorOfARequest() {
+        MessageWriter request;
+        request.begin(NLMSG_MIN_TYPE, NLM_F_ACK, nlmsghdr{});
+        try {
+            socket_->request(request);
+            return 0;
+        } catch (const std::system_error& error) {
+            return error.code().value();
+        }
+    }
+
+private:
+    support::UniqueFd kernel_;
+    std::optional<Socket> socket_;
+};
+
+TEST(SocketTest, TakesNoAnswerForThatToTheNextRequest) {
+    PlayedKernel kernel;
+    kernel.answer(EBUSY);
+    kernel.answer(0);
+    kernel.answer(ENOENT);
+    EXPECT_EQ(kernel.errorOfARequest(), EBUSY);
+
+    kernel.answer(EEXIST);
+    EXPECT_EQ(kernel.errorOfARequest(), EEXIST);
 }
 
 }  // namespace

@@ -202,6 +202,32 @@ protected:
         socket.request(transaction);
     }
 
+    /// A transaction of somebody else's, who takes away a chain's counter.
+    void takeAway(const std::string& counter) {
+        emptyChain(counter);
+        netlink::MessageWriter transaction;
+        beginBatch(transaction);
+        beginNftables(transaction, NFT_MSG_DELOBJ, NLM_F_ACK);
+        transaction.putText(NFTA_OBJ_TABLE, tableName());
+        transaction.putText(NFTA_OBJ_NAME, counter);
+        transaction.putBigEndian(NFTA_OBJ_TYPE, NFT_OBJECT_COUNTER);
+        endBatch(transaction);
+        socket.request(transaction);
+    }
+
+    /// The number of transactions so far.
+    std::uint32_t generation() {
+        std::uint32_t number = 0;
+        netlink::MessageWriter request;
+        beginNftables(request, NFT_MSG_GETGEN);
+        socket.get(request, [&number](const netlink::Message& message) {
+            number = static_cast<std::uint32_t>(
+                netlink::bigEndian(netlink::attribute(attributesOf(message), NFTA_GEN_ID))
+                    .value_or(0));
+        });
+        return number;
+    }
+
     netlink::Socket socket{NETLINK_NETFILTER};
     NftablesBackend backend{socket};
     std::uint32_t pid = 0;
@@ -326,6 +352,29 @@ TEST_F(ChangeTest, ChangesNothingOnceAnotherTransactionCameFirst) {
     }
 
     EXPECT_EQ(kernelsView(anchor), before);
+}
+
+TEST_F(ChangeTest, ReplacesATableThatTheKernelDoesNotChange) {
+    const auto ruleset = parseRuleset(network(1));
+    load(network(1));
+    backend.flush(anchor);
+    netlink::MessageWriter transaction;
+    writeReplacement(
+        transaction,
+        {.name = anchor,
+         .rules = ruleset.rules,
+         .loader = {},
+         .dormant = true,
+         .generation = generation() + 3});
+    socket.request(transaction);
+    takeAway("in.0");
+    const auto table = tableHandle();
+
+    load(network(1));
+
+    EXPECT_NE(tableHandle(), table);
+    load(network(1), "new");
+    EXPECT_EQ(kernelsView(anchor), kernelsView("new"));
 }
 
 TEST_F(ChangeTest, PutsTablesIntoForceByAReplacement) {

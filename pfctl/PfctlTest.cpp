@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -406,17 +407,19 @@ TEST_F(PfctlTest, KillsMoreStatesThanOneAnswerHolds) {
         pfctl({"-k", "127.0.0.1"}).error, "killed 250 states from 1 sources and 0 destinations\n");
 }
 
+/// The system calls of a kill that nothing is to be killed by.
+std::vector<long> callsOfAKill() {
+    return test::systemCallsOf([] {
+        netlink::Socket socket(NETLINK_NETFILTER);
+        const std::vector others{Subnet{.address = 0x0A000000, .prefixLength = 8}};
+        test::beginKilling();
+        Conntrack(socket).kill(others);
+    });
+}
+
 TEST_F(PfctlTest, ReadsNoLongListOfConnectionsAsText) {
     load("pass in quick from 127.0.0.0/8 to any keep state\n");
     pfctl({"-E"});
-    const std::vector others{Subnet{.address = 0x0A000000, .prefixLength = 8}};
-    const auto callsOfAKill = [&others] {
-        return test::systemCallsOf([&others] {
-            netlink::Socket socket(NETLINK_NETFILTER);
-            test::beginKilling();
-            Conntrack(socket).kill(others);
-        });
-    };
     std::uint16_t port = 5000;
     while (port < 5000 + Conntrack::maxReadAsText) {
         ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port++));
@@ -425,6 +428,23 @@ TEST_F(PfctlTest, ReadsNoLongListOfConnectionsAsText) {
     EXPECT_THAT(callsOfAKill(), Contains(SYS_openat));
     ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port));
     EXPECT_THAT(callsOfAKill(), Not(Contains(SYS_openat)));
+}
+
+TEST_F(PfctlTest, BelievesNoListOfSeveralPages) {
+    load("pass in quick from 127.0.0.0/8 to any keep state\n");
+    pfctl({"-E"});
+    for (std::uint16_t port = 50000; port < 50000 + Conntrack::maxReadAsText; ++port) {
+        ASSERT_TRUE(Datagrams::exchange("127.100.100.101", "127.100.100.102", port));
+    }
+    std::ifstream list("/proc/net/nf_conntrack");
+    const std::string text(std::istreambuf_iterator<char>(list), {});
+    if (text.size() < static_cast<std::size_t>(::sysconf(_SC_PAGESIZE))) {
+        GTEST_SKIP() << "this kernel's pages are too large";
+    }
+
+    const auto calls = callsOfAKill();
+    EXPECT_THAT(calls, Contains(SYS_openat));
+    EXPECT_EQ(std::ranges::count(calls, SYS_sendmsg), 2) << "how many there are, and which";
 }
 
 TEST_F(PfctlTest, LooksThroughNoConnectionsWhereThereAreNone) {

@@ -17,6 +17,7 @@
 #include "pfctl/kernel/MarkBits.h"
 #include "pfctl/kernel/Netfilter.h"
 #include "support/Decimal.h"
+#include "support/SystemCalls.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::pfctl {
@@ -76,26 +77,27 @@ std::vector<std::uint8_t> identityOf(const Message& message) {
     return identity;
 }
 
-/// The kernel's list of connections as text; nothing if the kernel has no such list. Reading it
-/// avoids the locks that netlink takes for every slot of the table.
+/// The kernel's list of connections as text; nothing if the kernel has no such list, or if it takes
+/// more than one page. The second page begins after as many connections as the first one has: if
+/// one of these has ended meanwhile, another would be left out. Reading the list avoids the locks
+/// that netlink takes for every slot of the table.
 std::optional<std::string> connectionList() {
     const support::UniqueFd file(::open("/proc/net/nf_conntrack", O_RDONLY | O_CLOEXEC));
     if (!file) {
         return std::nullopt;
     }
-    std::string list;
-    std::array<char, std::size_t{1} << 16U> piece{};
-    while (true) {
-        const ssize_t size = ::read(file.get(), piece.data(), piece.size());
-        if (size == 0) {
-            return list;
-        }
-        if (size > 0) {
-            list.append(piece.data(), static_cast<std::size_t>(size));
-        } else if (errno != EINTR) {
-            return std::nullopt;
-        }
+    std::string list(std::size_t{1} << 16U, '\0');
+    const auto readTo = [&file](std::span<char> piece) {
+        return support::uninterrupted(
+            [&] { return ::read(file.get(), piece.data(), piece.size()); });
+    };
+    const ssize_t size = readTo(list);
+    std::array<char, 1> more{};
+    if (size < 0 || readTo(more) != 0) {
+        return std::nullopt;
     }
+    list.resize(static_cast<std::size_t>(size));
+    return list;
 }
 
 /// Takes the text up to the next such label and the word after it off the front of the text.

@@ -32,9 +32,9 @@ struct Connection {
 /// All functions throw `std::system_error`.
 class Conntrack {
 public:
-    /// Until Linux 6.18, each page of /proc/net/nf_conntrack costs a walk over all connections. So
-    /// only this few are read there, where they take a hundredth of netlink's time.
-    static constexpr std::size_t maxReadAsText = 250;
+    /// About as many as fit into one page of /proc/net/nf_conntrack. Where they do, they are read
+    /// there in a tenth of netlink's time.
+    static constexpr std::size_t maxReadAsText = 25;
 
     explicit Conntrack(netlink::Socket& socket) : socket_(socket) {}
 

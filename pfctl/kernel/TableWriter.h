@@ -21,9 +21,10 @@
 //
 // By these a load finds the blocks that it has to write again: those with other lines than before,
 // and those that packets came to, because the counters of a ruleset begin at zero. All others stay
-// as they are. A packet that meets a transaction meets each chain either as it was or as it will
-// be. So it meets one of the rulesets whole if it comes to one block at most, and only such a
-// ruleset is changed in this way.
+// as they are. ("nft reset counters" sets the tables' counters to zero, but not those of the rules,
+// and is no transaction. A load can't see it.) A packet that meets a transaction meets each chain
+// either as it was or as it will be. So it meets one of the rulesets whole if it comes to one block
+// at most, and only such a ruleset is changed in this way.
 
 #pragma once
 

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -20,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::ContainsRegex;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -180,12 +182,66 @@ TEST_F(ReleaseTest, MakesTheSameArchiveElsewhereAndLater) {
 
 TEST_F(ReleaseTest, HasThePackagesClientSigned) {
     put("/tmp/release/key", "");
+    put("/tmp/release/chain.pem", "");
 
     inRepository("cd .. && sources/scripts/release --sign key chain.pem 98.7.6");
 
     EXPECT_EQ(
         contentOf(file("build/dist/helper_98.7.6.deb")),
         "--sign /tmp/release/key /tmp/release/chain.pem\n");
+}
+
+TEST_F(ReleaseTest, LooksForTheSigningFilesFirst) {
+    put("/tmp/release/key", "");
+    for (const std::string dry : {"", "--dry-run "}) {
+        expectRefused(
+            dry + "--sign ../key ../none/chain.pem 98.7.6",
+            "release: /tmp/release/none/chain.pem can't be read");
+        expectRefused(dry + "--sign .. ../key 98.7.6", "release: /tmp/release can't be read");
+    }
+}
+
+TEST_F(ReleaseTest, LeavesNothingBehindWhereItFails) {
+    putProgram(file(".git/hooks/pre-commit"), "echo 'This is not formatted.' >&2\nfalse\n");
+    expectRefused("98.7.6", "This is not formatted.\nrelease: all is as it was");
+    fs::remove(file(".git/hooks/pre-commit"));
+
+    // In the place of the tag is a folder of tags.
+    inRepository("git tag v98.7.6/draft");
+    const auto before = state();
+    const auto refused = inRepository("scripts/release 98.7.6");
+    EXPECT_NE(refused.status, 0);
+    EXPECT_THAT(refused.error, EndsWith("\nrelease: all is as it was\n"));
+    EXPECT_EQ(state(), before);
+
+    inRepository("sed -i 's/^## .Unreleased./&:/' CHANGELOG.md && git commit -qam Explain");
+    expectRefused(
+        "98.7.7", "release: CHANGELOG.md has no heading [Unreleased]\nrelease: all is as it was");
+}
+
+TEST_F(ReleaseTest, SaysHowToTakeItBack) {
+    const auto takenBack = [](const std::string& said) {
+        const std::string_view start = "o take it back:";
+        const auto command = said.substr(said.find(start) + start.size());
+        EXPECT_EQ(inRepository(command + "rm -rf build").error, "");
+        return state();
+    };
+    const auto before = state();
+
+    const auto released = inRepository("scripts/release 98.7.6");
+
+    EXPECT_EQ(released.status, 0);
+    EXPECT_NE(state(), before);
+    EXPECT_EQ(takenBack(released.output), before);
+
+    putProgram(file("scripts/build-debs"), "false\n");
+    inRepository("git commit --quiet --all --message Break");
+    const auto broken = state();
+    const auto failed = inRepository("scripts/release 98.7.6");
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_THAT(failed.error, StartsWith("release: v98.7.6 is made, but not what it offers; "));
+    EXPECT_NE(state(), broken);
+    EXPECT_EQ(takenBack(failed.error), broken);
 }
 
 TEST_F(ReleaseTest, ChangesNothingWhenItIsDry) {
@@ -228,6 +284,9 @@ TEST_F(ReleaseTest, TakesOnlyATreeThatIsReady) {
     inRepository("rm new");
     setChangelog("## [Unreleased]\n\n## [" + last() + "] - 2026-11-22\n\nThe first.\n");
     inRepository("git commit --quiet --all --message Forget");
+    expectRefused("98.7.7", "release: CHANGELOG.md says nothing of what is unreleased");
+    setChangelog("## [Unreleased]\n\n### Added\n\n### Fixed\n\n## [" + last() + "] - 2026-11-22\n");
+    inRepository("git commit --quiet --all --message Prepare");
     expectRefused("98.7.7", "release: CHANGELOG.md says nothing of what is unreleased");
     setChangelog("## [Unreleased]\n\n- Wings.\n\n## [0.0.1] - 2026-11-22\n\nThe first.\n");
     inRepository("git commit --quiet --all --message Mistake");

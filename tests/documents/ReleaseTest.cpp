@@ -19,6 +19,7 @@ namespace tarnvale::test {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using testing::AllOf;
 using testing::ContainsRegex;
 using testing::EndsWith;
@@ -242,6 +243,38 @@ TEST_F(ReleaseTest, SaysHowToTakeItBack) {
     EXPECT_THAT(failed.error, StartsWith("release: v98.7.6 is made, but not what it offers; "));
     EXPECT_NE(state(), broken);
     EXPECT_EQ(takenBack(failed.error), broken);
+}
+
+TEST_F(ReleaseTest, TakesAFolderOnlyFromAnEarlierBuild) {
+    fs::copy_file(
+        TARNVALE_SOURCE_DIR "/scripts/build-debs",
+        file("scripts/build-debs"),
+        fs::copy_options::overwrite_existing);
+    inRepository("git commit --quiet --all --message Build");
+    putProgram(
+        "/tmp/release/bin/dpkg-buildpackage",
+        "touch ../tarnvale-new.deb ../tarnvale-x.buildinfo ../tarnvale-x.changes\n");
+    put("/tmp/release/notes/read-me-later", "");
+    put("/tmp/release/folders/tarnvale-cat/pictures", "");
+    const auto before = state();
+    for (const std::string folder : {".", "..", "scripts", "../notes", "../folders"}) {
+        const auto refused = inRepository("scripts/dist " + folder);
+        EXPECT_EQ(refused.status, 1) << folder;
+        EXPECT_THAT(
+            refused.error,
+            ContainsRegex("^build-debs: /[^\n]+ is of no earlier build; the packages need a folder "
+                          "to themselves\n$"));
+    }
+    EXPECT_EQ(state(), before);
+    EXPECT_TRUE(exists("/tmp/release/notes/read-me-later"));
+
+    for (const char* earlier : {"", "touch ../built/tarnvale-old.deb && "}) {
+        const auto built = inRepository(earlier + "scripts/dist ../built"s);
+        EXPECT_EQ(built.error, "");
+        EXPECT_EQ(
+            inRepository("ls ../built | grep -v ^Tarn").output,
+            "SHA256SUMS\ntarnvale-new.deb\ntarnvale-x.buildinfo\ntarnvale-x.changes\n");
+    }
 }
 
 TEST_F(ReleaseTest, ChangesNothingWhenItIsDry) {

@@ -273,6 +273,9 @@ TEST_F(ChangeTest, ReplacesTheTableForOtherNetworks) {
          {network(1),
           network(1) + network(3),
           network(2) + network(1),
+          "block drop in quick from 10.0.1.0/25 to any\n"
+          "block drop out quick from any to 10.0.1.0/25\n" +
+              network(2),
           two + network(3),
           two + "block drop in quick from 10.0.0.0/8 to any\n",
           two + "block drop out quick from any to any\n"}) {
@@ -290,14 +293,19 @@ TEST_F(ChangeTest, ReplacesTheTableForOtherNetworks) {
 }
 
 TEST_F(ChangeTest, ReplacesTheTableWhereAPacketCanComeToSeveralBlocks) {
-    const std::string wide = "block drop in quick from 10.0.0.0/8 to any\n";
-    for (const std::string& tail : {wide, std::string("block drop in quick from any to any\n")}) {
+    const std::string in = "block drop in quick from 10.0.1.0/24 to 1.2.3.4/32";
+    const std::string out = "block drop out quick from 1.2.3.4/32 to 10.0.1.0/24";
+    for (const auto& [line, tail] :
+         {std::pair(in, "block drop in quick from 10.0.0.0/8 to any\n"),
+          {in, "block drop in quick from any to any\n"},
+          {out, "block drop out quick from any to 10.0.0.0/8\n"},
+          {out, "block drop out quick from any to any\n"}}) {
         load(network(1) + tail);
         const auto table = tableHandle();
 
-        load(network(1, {"block drop in quick from 10.0.1.0/24 to 1.2.3.4/32"}) + tail);
+        load(network(1, {line}) + tail);
 
-        EXPECT_NE(tableHandle(), table);
+        EXPECT_NE(tableHandle(), table) << tail;
     }
 }
 
@@ -400,9 +408,11 @@ TEST_F(ChangeTest, WaitsForPacketsThatMeetTheOldLines) {
     load(network(1), anchor, false);
 
     EXPECT_THAT(callsOf(network(1)), Not(Contains(SYS_membarrier)));
-    EXPECT_THAT(
-        callsOf(network(1, {"block drop in quick from 10.0.1.0/24 to 1.2.3.4/32"})),
-        Contains(SYS_membarrier));
+    const std::string in = "block drop in quick from 10.0.1.0/24 to 1.2.3.4/32";
+    const std::string out = "block drop out quick from 1.2.3.4/32 to 10.0.1.0/24";
+    const std::string otherOut = "block drop out quick from 1.2.3.5/32 to 10.0.1.0/24";
+    EXPECT_THAT(callsOf(network(1, {in, out})), Contains(SYS_membarrier));
+    EXPECT_THAT(callsOf(network(1, {in, otherOut})), Contains(SYS_membarrier));
 }
 
 /// Makes rulesets of a few networks, mostly the same, with few lines, often the same.

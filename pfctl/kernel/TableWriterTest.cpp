@@ -82,8 +82,28 @@ constexpr std::string_view twoLines =
     "pass in quick from 10.0.0.0/24 to any keep state\n"
     "block drop out quick from any to 10.0.0.0/24\n";
 
+/// A change of that table to other lines of its network.
+std::vector<Sent> changeOf(const std::vector<Sent>& replacement, std::uint32_t generation) {
+    TableRecord before;
+    for (const Sent& object : ofType(replacement, NFT_MSG_NEWOBJ)) {
+        const auto userData = attribute(object.attributes, NFTA_OBJ_USERDATA);
+        if (const auto load = loadFromUserData(userData)) {
+            before.load = *load;
+        }
+    }
+    before.load.generation = generation;
+    const auto rules = parseRuleset(
+                           "block drop in quick from 10.0.0.0/24 to any\n"
+                           "block drop out quick from any to 10.0.0.0/24\n")
+                           .rules;
+    MessageWriter messages;
+    EXPECT_EQ(writeChange(messages, {.name = "anchor", .rules = rules, .loader = {}}, before), 2U);
+    return messagesOf(messages);
+}
+
 TEST(TableWriterTest, AsksForOneAnswerWithTheLastMessage) {
     expectOneQuestionAtTheEnd(replacementOf(twoLines));
+    expectOneQuestionAtTheEnd(changeOf(replacementOf(twoLines), 7));
     const std::vector<std::string> tables{"one", "two"};
     const std::vector<std::function<void(MessageWriter&)>> others{
         [&tables](MessageWriter& messages) { writeRemoval(messages, tables); },
@@ -93,6 +113,12 @@ TEST(TableWriterTest, AsksForOneAnswerWithTheLastMessage) {
         write(messages);
         expectOneQuestionAtTheEnd(messagesOf(messages));
     }
+}
+
+TEST(TableWriterTest, HasAChangeDoneOnlyToWhatTheRecordIsAbout) {
+    const auto change = changeOf(replacementOf(twoLines), 0x01020304);
+
+    EXPECT_EQ(bigEndian(attribute(change.front().attributes, NFNL_BATCH_GENID)), 0x01020304U);
 }
 
 TEST(TableWriterTest, WritesTheFormThatItsNumberStandsFor) {

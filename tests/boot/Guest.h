@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// A whole Debian in qemu, as tests/boot/make-machine has made it: systemd is its first process, and
+// A whole Debian in qemu, as scripts/check-boot has made it: systemd is its first process, and
 // it runs the scripts that a test sends it.
 
 #pragma once

@@ -12,9 +12,9 @@ namespace tarnvale::test {
 inline constexpr const char* qemu = "/usr/bin/qemu-system-x86_64";
 
 /// The command of a machine that boots this kernel with these initial files, and ends with this
-/// process. It has processors, memory, a clock and whatever devices the caller adds. qemu plays the
-/// processor too, which needs no privileges. KVM would be quicker, but some machines offer one in
-/// which guests hang.
+/// process. It has a processor, memory, a clock and whatever devices the caller adds. qemu plays
+/// the processor too, which needs no privileges. KVM would be quicker, but some machines offer one
+/// in which guests hang.
 std::vector<std::string> qemuCommand(
     const std::string& kernel, const std::string& initrd, const std::string& commandLine);
 

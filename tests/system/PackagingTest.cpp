@@ -222,6 +222,7 @@ TEST_F(UnderSystemdTest, TheServiceDoesAllItsWorkInItsSandbox) {
             "touch: cannot touch '/boot/x': Read-only file system\n"
             "touch: cannot touch '/var/lib/x': Read-only file system\n"
             "touch: cannot touch '/etc/tarnvale/x': Read-only file system\n"
+            "touch: cannot touch '/usr/local/lib/x': Read-only file system\n"
             "/home:\n"
             "\n"
             "/root:\n"

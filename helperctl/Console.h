@@ -51,7 +51,8 @@ struct Console {
     void writeLine(std::string_view line) const;
 };
 
-/// Whether to use colour on this descriptor: it is a terminal, and the environment has no NO_COLOR.
+/// Whether to use colour on this descriptor: it is a terminal that isn't "dumb", and NO_COLOR is
+/// unset or empty.
 bool wantsColour(int descriptor);
 
 /// The text as UTF-8 that does nothing to a terminal: control characters, and those that change the

@@ -210,8 +210,9 @@ again.
 )";
 
 inline constexpr std::string_view helpHelp =
-    R"(Prints how to use a command, or all of them: "help vlan" tells about both
-commands that begin with this word. Help is text in either format.
+    R"(Prints how to use a command, or without one, how to use this program. "help
+vlan" tells about both commands that begin with this word. Help is text in
+either format.
 )";
 
 }  // namespace tarnvale::helperctl

@@ -33,7 +33,8 @@ enforced.
              put back when the terminal is lost, at another answer, or when the
              helper's reply gets lost. FILE can't be standard input then.
              Refused where putting back couldn't restore everything: while
-             networks of older versions are stored, or others claim a subnet
+             networks of older versions are stored, others claim a subnet, or
+             this machine can't enforce all that is stored
 
 Exit status 1: the helper refused at least one network, or failed; or --strict
 kept the file from being sent; or it wasn't confirmed.

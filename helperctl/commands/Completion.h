@@ -15,7 +15,8 @@ int completion(const Session& session);
 
 inline constexpr std::string_view completionHelp =
     R"help(Prints what completes this program's command lines in a shell: bash, zsh or
-fish. Packages install it. Elsewhere, have the shell read it as it starts:
+fish. Debian's package installs it. Elsewhere, have the shell read it as it
+starts:
 
   ~/.bashrc                     eval "$(tarnvale-helperctl completion bash)"
   ~/.zshrc, below compinit      source <(tarnvale-helperctl completion zsh)

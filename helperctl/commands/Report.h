@@ -34,7 +34,8 @@ finds, what "status" prints, the ruleset that was loaded last, what is stored,
 and the log. It holds addresses and user IDs; look at it before you send it.
 
   --redact   without the networks' names: they are replaced in what is stored
-             and in the ruleset, and the log is left out
+             and in the ruleset, and the log is left out, as is what "doctor"
+             says of networks
 
 Exit status 1: the file exists already, or could not be written.
 )";

@@ -129,7 +129,7 @@ Identity::Identity(const CertificateRequest& request, const Identity* issuer)
         addMarker(made, marker);
     }
     EVP_PKEY* const signing = issuer == nullptr ? key() : issuer->key();
-    require(X509_sign(made, signing, EVP_sha256()) > 0, "sign a certificate");
+    require(X509_sign(made, signing, request.digest()) > 0, "sign a certificate");
 }
 
 std::string Identity::certificatePem() const {

@@ -31,6 +31,7 @@ struct CertificateRequest {
     long validUntil = 3600;
     bool weakKey = false;              ///< RSA of 1024 bits
     EVP_PKEY* (*makeKey)() = nullptr;  ///< where it is neither that nor of P-256
+    const EVP_MD* (*digest)() = EVP_sha256;
 };
 
 /// A certificate and its key.

@@ -58,12 +58,19 @@ Libcrypto load() {
     // Refused where somebody else in this process has used the library before, as tests do.
     static_cast<void>(symbols.CRYPTO_set_mem_functions(allocate, reallocate, release));
     // No configuration file: nothing shall make it load code of somebody else's choice. No handlers
-    // at exit: the service may end while another thread is checking. No texts of errors: nobody
-    // reads them, and they take a while to load.
-    if (symbols.OPENSSL_init_crypto(
+    // at exit: the service may end while another thread is checking. No texts of errors, which
+    // nobody reads, and no ciphers: each takes a while to load. Of the digests only those that a
+    // signature may have.
+    const bool isInitialized =
+        symbols.OPENSSL_init_crypto(
             OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT |
-                OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS,
-            nullptr) != 1) {
+                OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
+                OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
+            nullptr) == 1 &&
+        symbols.EVP_add_digest(symbols.EVP_sha256()) == 1 &&
+        symbols.EVP_add_digest(symbols.EVP_sha384()) == 1 &&
+        symbols.EVP_add_digest(symbols.EVP_sha512()) == 1;
+    if (!isInitialized) {
         decide(SetUp::failed);
         throw LibcryptoUnusable();
     }

@@ -47,7 +47,10 @@ namespace tarnvale::platform {
     SYMBOL(EVP_DigestUpdate)                 \
     SYMBOL(EVP_MD_CTX_free)                  \
     SYMBOL(EVP_MD_CTX_new)                   \
+    SYMBOL(EVP_add_digest)                   \
     SYMBOL(EVP_sha256)                       \
+    SYMBOL(EVP_sha384)                       \
+    SYMBOL(EVP_sha512)                       \
     SYMBOL(OBJ_obj2nid)                      \
     SYMBOL(OBJ_obj2txt)                      \
     SYMBOL(OPENSSL_init_crypto)              \

@@ -2,10 +2,12 @@
 
 #include "platform/linux/codesigning/SignedData.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,7 +15,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <openssl/rsa.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
@@ -420,6 +424,78 @@ TEST(LibcryptoTest, HeedsNoConfigurationOfTheEnvironment) {
     const support::UniqueFd file(::memfd_create("program", MFD_CLOEXEC));
 
     EXPECT_THAT(sha256(file.get(), 0), Optional(SizeIs(64)));
+}
+
+void write(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string read(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+struct Kind {
+    const char* name;
+    EVP_PKEY* (*makeKey)();
+    const char* digestName;
+    const EVP_MD* (*digest)();
+};
+
+const std::vector<Kind>& kinds() {
+    static const std::vector<Kind> all = {
+        {"P-256", [] { return EVP_EC_gen("P-256"); }, "SHA256", EVP_sha256},
+        {"P-384", [] { return EVP_EC_gen("P-384"); }, "SHA384", EVP_sha384},
+        {"P-521", [] { return EVP_EC_gen("P-521"); }, "SHA512", EVP_sha512},
+        {"RSA", [] { return EVP_RSA_gen(2048); }, "SHA256", EVP_sha256}};
+    return all;
+}
+
+std::string messagePath(const Kind& kind) {
+    return std::string("/tmp/message ") + kind.name;
+}
+
+std::string rootPath(const Kind& kind) {
+    return std::string("/tmp/root ") + kind.name;
+}
+
+void makeMessage(const Kind& kind) {
+    const auto identity = [&kind](const char* name, const Identity* issuer) {
+        auto request = test::codeSigningLeaf();
+        request.commonName = name;
+        request.isAuthority = request.commonName != "leaf";
+        request.keyUsage = request.isAuthority ? "keyCertSign" : "digitalSignature";
+        request.makeKey = kind.makeKey;
+        request.digest = kind.digest;
+        return Identity(request, issuer);
+    };
+    const auto root = identity("root", nullptr);
+    const auto intermediate = identity("intermediate", &root);
+    const auto leaf = identity("leaf", &intermediate);
+    write(rootPath(kind), root.certificatePem());
+    write(
+        messagePath(kind),
+        cmsMessage(
+            content(),
+            {.signers = {&leaf},
+             .certificates = {intermediate.certificate()},
+             .digest = kind.digestName}));
+}
+
+/// Another process makes the messages, so that OpenSSL has only what we let it load here.
+TEST(LibcryptoTest, LoadsWhatEveryKindOfSignatureTakes) {
+    const pid_t maker = ::fork();
+    if (maker == 0) {
+        std::for_each(kinds().begin(), kinds().end(), makeMessage);
+        ::_exit(EXIT_SUCCESS);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(maker, &status, 0), maker);
+    ASSERT_EQ(status, 0);
+
+    for (const Kind& kind : kinds()) {
+        EXPECT_TRUE(verify(read(messagePath(kind)), read(rootPath(kind)))) << kind.name;
+    }
 }
 
 TEST(Sha256Test, DigestsTheFirstBytesOfAFile) {

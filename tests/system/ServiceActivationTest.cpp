@@ -155,6 +155,31 @@ TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForc
     EXPECT_THAT(logMessages(), testing::ElementsAreArray(log));
 }
 
+TEST_F(ServiceActivationTest, LoadsWhatAWaitingClientNeedsBesideTheReapply) {
+    put(storePath, store());
+    ScriptedPfctl pfctl;
+    pfctl.answer(ScriptedPfctl::load, "while [ ! -e /run/go ]; do sleep 0.01; done");
+    const UniqueFd listening = listenAt(servicePath);
+    ServiceClient client(lab.client);
+    client.begin("HelperVersion");
+    ASSERT_TRUE(hasCaller(listening));
+    Surroundings surroundings;
+    surroundings.descriptors = {{listening.get(), 3}};
+
+    Program helper(
+        activationCommand(helperProgram, {"LISTEN_PID=$$", "LISTEN_FDS=1"}), {}, surroundings);
+    const std::string maps = "/proc/" + std::to_string(helper.pid()) + "/maps";
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (contentOf(maps).find("libcrypto") == std::string::npos) {
+        ASSERT_TRUE(helper.running() && std::chrono::steady_clock::now() < end);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    EXPECT_THAT(logMessages(), testing::Not(testing::Contains(listeningMessage())));
+    put("/run/go", "");
+    EXPECT_THAT(client.reply(), ElementsAre(helperVersion()));
+}
+
 TEST_F(ServiceActivationTest, TellsSystemdOnceThatTheRulesAreInForceAndItListens) {
     put(storePath, store());
     ScriptedPfctl pfctl;

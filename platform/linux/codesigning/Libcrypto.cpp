@@ -93,13 +93,12 @@ void Libcrypto::noteSuccess() {
 LibcryptoShortage::LibcryptoShortage() noexcept : before_(shortages) {}
 
 void LibcryptoShortage::throwIfAny() const {
-    if (shortages == before_) {
-        return;
-    }
-    if (decide(SetUp::failed) == SetUp::done) {
+    if (shortages != before_ && decide(SetUp::failed) == SetUp::done) {
         throw std::bad_alloc();
     }
-    throw LibcryptoUnusable();
+    if (setUp == SetUp::failed) {
+        throw LibcryptoUnusable();
+    }
 }
 
 }  // namespace tarnvale::platform

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // The functions of OpenSSL's libcrypto that checking code signatures takes. The library is loaded
-// for the first signature: loaded earlier, it would take most of the service's start-up time and
-// more private memory than all the rest of the idle service.
+// for the first signature, or for a client that waits: loaded earlier, it would take more private
+// memory than all the rest of the idle service.
 
 #pragma once
 
@@ -81,6 +81,7 @@ namespace tarnvale::platform {
     SYMBOL(X509_get_extension_flags)         \
     SYMBOL(X509_get_key_usage)               \
     SYMBOL(X509_get_subject_name)            \
+    SYMBOL(X509_self_signed)                 \
     SYMBOL(X509_verify_cert)                 \
     SYMBOL(X509_verify_cert_error_string)    \
     SYMBOL(d2i_CMS_ContentInfo)
@@ -103,8 +104,8 @@ class LibcryptoShortage {
 public:
     LibcryptoShortage() noexcept;
 
-    /// Throws `std::bad_alloc` if there was one, or `LibcryptoUnusable` if the library may have
-    /// been setting itself up.
+    /// Throws `std::bad_alloc` if there was one. Throws `LibcryptoUnusable` if the library may have
+    /// been setting itself up then, or in another thread's shortage.
     void throwIfAny() const;
 
 private:

@@ -60,6 +60,18 @@ TEST(LibcryptoTest, NobodySucceedsWithALibraryThatWasFoundUnusable) {
     EXPECT_THROW(Libcrypto::noteSuccess(), LibcryptoUnusable);
 }
 
+TEST(LibcryptoTest, NobodyTakesForAVerdictWhatALibraryFoundUnusableSays) {
+    std::thread([] {
+        const LibcryptoShortage shortage;
+        runShort();
+        EXPECT_THROW(shortage.throwIfAny(), LibcryptoUnusable);
+    }).join();
+
+    const LibcryptoShortage none;
+
+    EXPECT_THROW(none.throwIfAny(), LibcryptoUnusable);
+}
+
 TEST(LibcryptoTest, AnotherThreadsShortageIsNotOurs) {
     const LibcryptoShortage shortage;
     std::thread(runShort).join();

@@ -188,20 +188,25 @@ std::int64_t expiryOf(const Libcrypto& library, const X509* certificate) {
     return ::timegm(&expiry);
 }
 
+Bio reading(const Libcrypto& library, const std::string& pem) {
+    return Bio(library.BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+}
+
+/// The next certificate of the text; null when there is none or it cannot be read.
+Certificate nextCertificate(const Libcrypto& library, const Bio& text) {
+    // There is nobody to ask for the password of an encrypted part.
+    pem_password_cb* const noPassword = [](char*, int, int, void*) { return -1; };
+    return Certificate(library.PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr));
+}
+
 /// A store with every certificate of the text; null when a part of it cannot be read.
 Store storeOf(const Libcrypto& library, const std::string& pem) {
     Store store(library.X509_STORE_new());
-    const Bio text(library.BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    const auto text = reading(library, pem);
     if (!store || !text) {
         return nullptr;
     }
-    // There is nobody to ask for the password of an encrypted part.
-    pem_password_cb* const noPassword = [](char*, int, int, void*) { return -1; };
-    for (;;) {
-        const Certificate root(library.PEM_read_bio_X509(text.get(), nullptr, noPassword, nullptr));
-        if (!root) {
-            break;
-        }
+    while (const auto root = nextCertificate(library, text)) {
         if (library.X509_STORE_add_cert(store.get(), root.get()) != 1) {
             return nullptr;
         }
@@ -340,6 +345,16 @@ auto conclusive(const Check& check) {
 }
 
 }  // namespace
+
+void prepareToVerify(const std::string& rootsPem) {
+    const Libcrypto& library = Libcrypto::get();
+    conclusive([&] {
+        const ErrorQueue errors(library);
+        const auto text = reading(library, rootsPem);
+        const auto root = text ? nextCertificate(library, text) : nullptr;
+        return root && library.X509_self_signed(root.get(), 1) == 1;
+    });
+}
 
 std::optional<Claims> readClaims(std::string_view message) {
     const auto outline = readOutline(message);

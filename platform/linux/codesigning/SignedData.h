@@ -22,6 +22,10 @@
 
 namespace tarnvale::platform {
 
+/// Does with the first of the roots what `verify` does with a message, so that the library sets
+/// itself up for that. Throws as `verify` does.
+void prepareToVerify(const std::string& rootsPem);
+
 /// What a well-formed message says; nobody vouches for it yet.
 struct Claims {
     SignedContent content;

@@ -29,6 +29,7 @@
 #include "platform/linux/LibSystemd.h"
 #include "platform/linux/PeriodicInterrupt.h"
 #include "platform/linux/codesigning/LibcryptoUnusable.h"
+#include "platform/linux/codesigning/Preparation.h"
 #include "platform/linux/codesigning/RootsNotice.h"
 #include "platform/linux/dbus/ConnectionPlaces.h"
 #include "platform/linux/dbus/DBusConnection.h"
@@ -147,9 +148,16 @@ private:
 
 class DBusTransport final : public Transport {
 public:
-    explicit DBusTransport(CodeSigning& codeSigning) : codeSigning_(codeSigning) {}
+    /// A client that waits already needs what takes longest to set up: that begins at once, beside
+    /// all that comes before clients are served.
+    explicit DBusTransport(CodeSigning& codeSigning) : codeSigning_(codeSigning) {
+        if (hasWaitingClient(passedSockets_)) {
+            prepareMeanwhile();
+        }
+    }
 
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
+        awaitLibcrypto();
         LibSystemd::get();  // if it is missing, that is found out now, not at the first connection
         listening_ = openListeningSocket(passedSockets_);
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
@@ -170,6 +178,33 @@ public:
     }
 
 private:
+    void prepareMeanwhile() {
+        isPreparing_ = true;
+        const auto loaded = [this] {
+            isPreparing_ = false;
+            isPreparing_.notify_one();
+        };
+        try {
+            std::thread([loaded] { prepareToCheckSignatures(loaded); }).detach();
+        } catch (...) {
+            loaded();  // without a thread the first check takes so much longer
+        }
+    }
+
+    /// While libcrypto is being loaded, no other library can be, nor does a thread start. The
+    /// client waits for libcrypto longest.
+    void awaitLibcrypto() noexcept {
+        if (!isPreparing_) {
+            return;
+        }
+        try {
+            accounts_.readIfChanged();  // there is time for it now
+        } catch (...) {
+            // They are read when they are asked.
+        }
+        isPreparing_.wait(true);
+    }
+
     void acceptAll(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
         using namespace std::chrono_literals;
         setNiceness(niceness);
@@ -279,6 +314,7 @@ private:
     ConnectionPlaces places_;
     DBusConnection::Shared shared_;
     OpenConnections open_;
+    std::atomic<bool> isPreparing_ = false;  ///< libcrypto is being loaded
     std::atomic<bool> isAccepting_ = false;
     std::atomic<bool> isRetired_ = false;
 };

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -126,6 +127,11 @@ int takePassedSockets() {
         ::unsetenv(name);
     }
     return pid == ::getpid() ? count.value_or(0) : 0;
+}
+
+bool hasWaitingClient(int passedSockets) {
+    pollfd passed{.fd = firstPassedDescriptor, .events = POLLIN, .revents = 0};
+    return passedSockets == 1 && ::poll(&passed, 1, 0) == 1 && (passed.revents & POLLIN) != 0;
 }
 
 UniqueFd openListeningSocket(int passedSockets) {

@@ -29,6 +29,9 @@ inline sockaddr_un addressOf(std::string_view path) {
 /// meanwhile.
 int takePassedSockets();
 
+/// Whether somebody has connected to the socket that was passed, and waits.
+bool hasWaitingClient(int passedSockets);
+
 /// The listening stream socket: the one that systemd passed to this process, or a new one at
 /// `listeningSocketPath`, to which every user may connect. A socket file that nobody listens on is
 /// replaced; anything else at that path is left alone. Throws `TransportError`.

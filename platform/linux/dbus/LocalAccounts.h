@@ -23,6 +23,9 @@ inline constexpr gid_t administratorsGroup = 80;
 /// For use by one thread.
 class LocalAccounts {
 public:
+    /// Reads the files unless they are known as they are now. Each question does that by itself.
+    void readIfChanged();
+
     /// The user to whom this one is subordinate (/etc/subuid), or else the user himself. Whoever
     /// has subordinate users could otherwise be many. Root's subordinates have one of their own.
     uid_t ownerOf(uid_t user);
@@ -39,7 +42,6 @@ private:
 
     using Users = std::map<std::string, uid_t>;
 
-    void readIfChanged();
     void addMembers(const Users& users);
     void readSubordinates(const Users& users);
 

@@ -322,8 +322,8 @@ std::string bashScript() {
             case WordKind::user:
                 return "wanted=(-u)";
             case WordKind::interface:
-                // compgen expands its word list itself. Expanded here already, an interface's name
-                // would be shell text to it, and be run.
+                // compgen expands the list itself, once. Whatever the script expanded would be
+                // shell text to compgen, and an interface's name would be run.
                 return R"script(wanted=(-W '$(ls /sys/class/net 2>/dev/null || ifconfig -l)'))script";
             default:
                 return "wanted=(-W " + inQuotes(words(choices)) + ")";

@@ -2,6 +2,7 @@
 
 #include "clilinks/PathSafety.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <utility>
@@ -10,9 +11,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "clilinks/CLISymlinkFixture.h"
+#include "tests/support/FakeUsers.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/KillEverywhere.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::HelperCLISymlink {
 namespace {
@@ -36,6 +41,40 @@ TEST_F(PathSafetyTest, MakesUsrLocalAndBin) {
     EXPECT_EQ(linked(), bothLinks());
     EXPECT_EQ(modeOf("/usr/local"), 0755);
     EXPECT_EQ(modeOf("/usr/local/bin"), 0755);
+}
+
+TEST_F(PathSafetyTest, TakesFoldersThatSomebodyElseMakesMeanwhile) {
+    removeUsrLocal();
+    test::FakeUsers users;
+
+    test::watchCalls(
+        SYS_mkdirat,
+        [](const test::WatchedCall&) {
+            fs::create_directories("/usr/local/bin");
+            return 0;
+        },
+        [&] { EXPECT_TRUE(openBinDirectory(users, Create::yes)); });
+}
+
+TEST_F(PathSafetyTest, SynchronisesEachNewFolderAndTheOneAboveIt) {
+    removeUsrLocal();
+
+    const auto calls = test::systemCallsOf([] {
+        test::FakeUsers users;
+        test::beginKilling();
+        openBinDirectory(users, Create::yes);
+    });
+
+    EXPECT_EQ(std::ranges::count(calls, SYS_fsync), 4);
+}
+
+TEST_F(PathSafetyTest, OpensNothingThatAChildInherits) {
+    removeUsrLocal();
+    test::FakeUsers users;
+
+    for (const auto create : {Create::yes, Create::no}) {
+        EXPECT_THAT(test::inheritableFilesOf([&] { openBinDirectory(users, create); }), IsEmpty());
+    }
 }
 
 TEST_F(PathSafetyTest, HasNothingToRemoveWithoutUsrLocal) {

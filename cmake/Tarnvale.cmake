@@ -129,6 +129,8 @@ function(tarnvale_program name)
     endif()
 endfunction()
 
+# Late enough for a sanitizer on a busy machine.
+set(TARNVALE_TEST_TIMEOUT 180 CACHE STRING "Seconds after which a test that hangs is ended")
 if(TARNVALE_TESTS)
     enable_testing()
     find_package(GTest REQUIRED)
@@ -181,8 +183,7 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         elseif(TARNVALE_SANITIZE MATCHES thread)
             return()
         endif()
-        # An end for what hangs, late enough for a sanitizer on a busy machine.
-        set(timeout 180)
+        set(timeout ${TARNVALE_TEST_TIMEOUT})
         if(arg_TIMEOUT)
             set(timeout ${arg_TIMEOUT})
         endif()

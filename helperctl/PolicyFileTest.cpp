@@ -12,10 +12,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -35,6 +37,15 @@ TEST(PolicyFileTest, ReadsAFileAsItIs) {
 
         EXPECT_EQ(readPolicyFile(path), content) << size;
     }
+}
+
+TEST(PolicyFileTest, ReadsOnAfterASignal) {
+    test::put(path, "[1]");
+
+    const int interrupted =
+        test::interruptCalls(SYS_read, [] { EXPECT_EQ(readPolicyFile(path), "[1]"); });
+
+    EXPECT_GT(interrupted, 0);
 }
 
 TEST(PolicyFileTest, ReadsUpToWhatARequestCarries) {

@@ -4,18 +4,22 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <optional>
 #include <system_error>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "netlink/Messages.h"
 #include "support/UniqueFd.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::netlink {
 namespace {
@@ -115,6 +119,34 @@ TEST(SocketTest, TakesNoAnswerForThatToTheNextRequest) {
 
     kernel.answer(EEXIST);
     EXPECT_EQ(kernel.errorOfARequest(), EEXIST);
+}
+
+/// How many interfaces the kernel lists.
+int countLinks(Socket& socket, std::uint32_t sequence) {
+    MessageWriter list(sequence);
+    list.begin(RTM_GETLINK, NLM_F_DUMP, ifinfomsg{});
+    int count = 0;
+    socket.dump(list, [&count](const Message&) { ++count; });
+    return count;
+}
+
+TEST(SocketTest, AsksAndHearsTheKernelDespiteSignals) {
+    Socket socket(NETLINK_ROUTE);
+    std::uint32_t sequence = 0;
+    for (const long call : {SYS_sendmsg, SYS_recvmsg}) {
+        int links = 0;
+
+        const int interrupted =
+            test::interruptCalls(call, [&] { links = countLinks(socket, ++sequence); });
+
+        EXPECT_GT(interrupted, 0) << call;
+        EXPECT_GT(links, 0) << call;
+    }
+}
+
+TEST(SocketTest, IsNothingThatAChildInherits) {
+    EXPECT_THAT(
+        test::inheritableFilesOf([] { const Socket socket(NETLINK_ROUTE); }), testing::IsEmpty());
 }
 
 }  // namespace

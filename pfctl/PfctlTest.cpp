@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -56,6 +57,7 @@
 #include "tests/support/Program.h"
 #include "tests/support/RefusedCall.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -726,6 +728,26 @@ TEST_F(PfctlTest, IsBusyWhileAnotherLoads) {
     EXPECT_EQ(busy.status, 1);
     EXPECT_EQ(busy.error, "pfctl: DIOCXCOMMIT: Resource busy\n");
     EXPECT_EQ(listing(), before);
+}
+
+TEST_F(PfctlTest, WaitsForItsTurnDespiteASignal) {
+    EXPECT_GT(
+        test::interruptCalls(SYS_flock, [] { const RunLock lock(RunLock::WhenTaken::wait); }), 0);
+}
+
+TEST_F(PfctlTest, ReadsARulesetDespiteASignal) {
+    writeFile(rulesetPath, denyFirst);
+    int status = EXIT_FAILURE;
+
+    const int interrupted = test::interruptCalls(SYS_read, [&] {
+        Arguments check;
+        check.command = Command::check;
+        check.file = rulesetPath;
+        status = run(check);
+    });
+
+    EXPECT_GT(interrupted, 0);
+    EXPECT_EQ(status, EXIT_SUCCESS);
 }
 
 TEST_F(PfctlTest, NeedsNoLockForWhatChangesNothing) {

@@ -31,6 +31,7 @@
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/RefusedCall.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::support {
 namespace {
@@ -253,15 +254,96 @@ TEST_F(FilesTest, SweepsAwayWhatKilledWritesLeft) {
     const std::string asLong = ".notes.txt.20261121-backup0";
     for (const auto& name : {leftover, young, others, notOurs, asLong}) {
         put(inFolder(name), "left");
-        if (name != young) {
-            fs::last_write_time(
-                inFolder(name), fs::file_time_type::clock::now() - std::chrono::hours(2));
-        }
+        const std::chrono::seconds age = name == young ? 59min : 2h;
+        fs::last_write_time(inFolder(name), fs::file_time_type::clock::now() - age);
     }
+    const std::string link = ".notes.txt.1111111111111111";
+    fs::create_symlink(inFolder(others), inFolder(link));
 
     writeFileAtomically(path, "new", forAll);
 
-    EXPECT_THAT(namesIn(folder), ElementsAre(asLong, young, notOurs, others, "notes.txt"));
+    EXPECT_THAT(namesIn(folder), ElementsAre(link, asLong, young, notOurs, others, "notes.txt"));
+}
+
+TEST_F(FilesTest, GoesOnWritingAfterASignal) {
+    for (const long call : {SYS_write, SYS_fsync}) {
+        put(path, "old");
+
+        const int interrupted =
+            test::interruptCalls(call, [this] { writeFileAtomically(path, "new", secret); });
+
+        EXPECT_GT(interrupted, 0) << call;
+        EXPECT_EQ(contentOf(path), "new") << call;
+    }
+}
+
+TEST_F(FilesTest, NeverWritesIntoAFileThatHasTheTemporaryName) {
+    std::string theirs;
+
+    test::watchCalls(
+        SYS_openat,
+        [&](const test::WatchedCall& call) {
+            const std::string_view name(reinterpret_cast<const char*>(call.arguments[1]));
+            if (theirs.empty() && name.starts_with(".notes.txt.")) {
+                theirs = inFolder(name);
+                put(theirs, "theirs");
+            }
+            return 0;
+        },
+        [this] { writeFileAtomically(path, "ours", secret); });
+
+    ASSERT_NE(theirs, "");
+    EXPECT_EQ(contentOf(theirs), "theirs");
+    EXPECT_EQ(contentOf(path), "ours");
+}
+
+TEST_F(FilesTest, TellsAFileFromALinkToOne) {
+    put(path, "text");
+    fs::create_symlink(path, inFolder("link"));
+
+    EXPECT_TRUE(isFileThere(path));
+    EXPECT_FALSE(isFileThere(inFolder("link")));
+    EXPECT_FALSE(isFileThere(folder));
+}
+
+TEST_F(FilesTest, KeepsTheBitsAboveThePermissionsOfAFileThatIsNotOurs) {
+    put(path, "old");
+    fs::permissions(path, fs::perms(01640));
+
+    replaceFileKeepingAttributes(path, "new");
+
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms(01640));
+}
+
+TEST_F(FilesTest, LetsNoProgramThatIsStartedMeanwhileInherit) {
+    EXPECT_THAT(
+        test::inheritableFilesOf([this] {
+            makeFolders(inFolder("new"));
+            writeFileAtomically(path, "new", secret);
+            replaceFileKeepingAttributes(path, "newer");
+            readFile(path);
+            removeFile(path);
+        }),
+        IsEmpty());
+}
+
+TEST_F(FilesTest, TakesAFolderThatSomebodyElseMakesMeanwhile) {
+#ifdef SYS_mkdir  // newer architectures have none
+    constexpr long making = SYS_mkdir;
+#else
+    constexpr long making = SYS_mkdirat;
+#endif
+    const auto made = inFolder("made");
+
+    test::watchCalls(
+        making,
+        [&](const test::WatchedCall&) {
+            fs::create_directory(made);
+            return 0;
+        },
+        [&] { makeFolders(made); });
+
+    EXPECT_TRUE(fs::is_directory(made));
 }
 
 TEST_F(FilesTest, AFolderInTheFilesPlaceStaysAndNothingIsLeftBehind) {
@@ -421,6 +503,18 @@ TEST_F(FilesTest, GivesUpAFileThatItCannotReadForLonger) {
     const NoDescriptors none;
 
     EXPECT_EQ(readFile(path), std::nullopt);
+}
+
+TEST_F(FilesTest, TriesSixTimesInAll) {
+    int attempts = 0;
+
+    persistently([&] {
+        ++attempts;
+        errno = ENFILE;
+        return -1;
+    });
+
+    EXPECT_EQ(attempts, 6);
 }
 
 TEST_F(FilesTest, TriesAgainOnlyWhatMayPass) {

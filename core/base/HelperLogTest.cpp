@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale {
 namespace {
@@ -36,6 +38,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::Ge;
+using testing::IsEmpty;
 using testing::Le;
 
 constexpr std::size_t maxLogSize = 524'288;
@@ -116,6 +119,33 @@ TEST_F(HelperLogTest, MakesADeletedLogAnew) {
 
     EXPECT_THAT(logMessages(), ElementsAre("second"));
     EXPECT_EQ(modeOf(logPath), 0644U);
+}
+
+TEST_F(HelperLogTest, KeepsTheLineWhenAnotherProcessMakesTheLogMeanwhile) {
+    test::watchCalls(
+        SYS_openat,
+        [](const test::WatchedCall& call) {
+            if (call.count == 2) {  // the first one has found none
+                put(logPath, "theirs\n");
+            }
+            return 0;
+        },
+        [] { helperLog("ours"); });
+
+    const auto log = contentOf(logPath);
+    EXPECT_EQ(log.substr(0, 7), "theirs\n");
+    EXPECT_THAT(log, EndsWith("Z ours\n"));
+}
+
+TEST_F(HelperLogTest, KeepsTheLineThatASignalInterrupts) {
+    EXPECT_GT(test::interruptCalls(SYS_write, [] { helperLog("line"); }), 0);
+
+    EXPECT_THAT(logMessages(), ElementsAre("line"));
+}
+
+TEST_F(HelperLogTest, LetsNoProgramThatIsStartedMeanwhileInheritTheLog) {
+    EXPECT_THAT(test::inheritableFilesOf([] { helperLog("first"); }), IsEmpty());
+    EXPECT_THAT(test::inheritableFilesOf([] { helperLog("second"); }), IsEmpty());
 }
 
 TEST_F(HelperLogTest, NeverFollowsALink) {

@@ -26,6 +26,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/RefusedCall.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -241,6 +242,25 @@ TEST(StoreLockTest, IsNeverDoneWithoutForWantOfSomething) {
         }).join();
         EXPECT_EQ(failure, "The file “firewall-policies.json” couldn’t be opened.") << error;
     }
+}
+
+TEST(StoreLockTest, IsTakenDespiteASignal) {
+    put(storePath(), onePolicy());
+
+    EXPECT_GT(test::interruptCalls(SYS_flock, [] { EXPECT_TRUE(lockFile()); }), 0);
+}
+
+TEST(StoreLockTest, IsNothingThatAChildInherits) {
+    put(storePath(), onePolicy());
+
+    EXPECT_THAT(test::inheritableFilesOf([] { lockFile(); }), IsEmpty());
+}
+
+TEST(StoreLockTest, WaitsForNobodyWhoWouldWriteToAFifo) {
+    fs::create_directories(supportFolder);
+    ASSERT_EQ(::mkfifo(storePath().c_str(), 0600), 0);
+
+    EXPECT_TRUE(lockFile());
 }
 
 TEST(StoreLockTest, IsOutOfReachOfOthersOnceItHasBeenTaken) {

@@ -16,6 +16,7 @@
 
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -146,6 +147,10 @@ TEST(CommandTest, SurvivesSignalsWhileTheChildRuns) {
     pest.join();
     EXPECT_EQ(
         result, (CommandResult{.status = 5, .standardOutput = "out\n", .standardError = "err\n"}));
+}
+
+TEST(CommandTest, HasNothingThatAnotherChildInherits) {
+    EXPECT_THAT(test::inheritableFilesOf([] { shell("exit 0"); }), testing::IsEmpty());
 }
 
 TEST(CommandTest, InheritsEnvironmentAndFolder) {

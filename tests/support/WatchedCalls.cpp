@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+
+#include "tests/support/WatchedCalls.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <exception>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "support/SystemCalls.h"
+#include "support/UniqueFd.h"
+
+namespace tarnvale::test {
+namespace {
+
+using support::uninterrupted;
+
+/// Has the kernel ask before each such call of this thread. Returns where it asks, or -1.
+int watchThisThread(long number) {
+    const auto watched = static_cast<std::uint32_t>(number);
+    std::array filter{
+        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, watched, 0, 1),
+        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
+        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog installed{.len = filter.size(), .filter = filter.data()};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+        return -1;
+    }
+    return static_cast<int>(::syscall(
+        SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &installed));
+}
+
+/// Answers the kernel until the watched thread has ended. What other threads and processes call
+/// that the watched one has started is none of the operation's.
+void answer(
+    int listener, pid_t watched, const std::function<int(const WatchedCall& call)>& before) {
+    for (int count = 0;;) {
+        pollfd asked{.fd = listener, .events = POLLIN, .revents = 0};
+        uninterrupted([&] { return ::poll(&asked, 1, -1); });
+        if ((asked.revents & POLLIN) == 0) {
+            return;
+        }
+        seccomp_notif question{};
+        if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &question) != 0) {
+            continue;
+        }
+        int error = 0;
+        if (static_cast<pid_t>(question.pid) == watched) {
+            WatchedCall call{.count = ++count, .arguments = {}};
+            std::ranges::copy(question.data.args, call.arguments.begin());
+            error = before(call);
+        }
+        seccomp_notif_resp reply{};
+        reply.id = question.id;
+        reply.error = -error;
+        reply.flags = error == 0 ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0;
+        ::ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &reply);
+    }
+}
+
+}  // namespace
+
+void watchCalls(
+    long number,
+    const std::function<int(const WatchedCall& call)>& before,
+    const std::function<void()>& operation) {
+    constexpr int unknown = -2;
+    std::atomic<int> listener = unknown;
+    pid_t thread = 0;
+    std::exception_ptr thrown;
+    std::thread watched([&] {
+        thread = ::gettid();
+        listener = watchThisThread(number);
+        listener.notify_one();
+        if (listener < 0) {
+            thrown = std::make_exception_ptr(
+                std::system_error(errno, std::generic_category(), "seccomp"));
+            return;
+        }
+        try {
+            operation();
+        } catch (...) {
+            thrown = std::current_exception();
+        }
+    });
+    listener.wait(unknown);
+    const support::UniqueFd asks(listener);
+    if (asks) {
+        answer(asks.get(), thread, before);
+    }
+    watched.join();
+    if (thrown) {
+        std::rethrow_exception(thrown);
+    }
+}
+
+int interruptCalls(long number, const std::function<void()>& operation) {
+    int interrupted = 0;
+    watchCalls(
+        number,
+        [&](const WatchedCall& call) {
+            const bool fails = call.count % 2 == 1;
+            interrupted += fails ? 1 : 0;
+            return fails ? EINTR : 0;
+        },
+        operation);
+    return interrupted;
+}
+
+std::vector<std::string> inheritableFilesOf(const std::function<void()>& operation) {
+    std::vector<std::string> files;
+    watchCalls(
+        SYS_close,
+        [&](const WatchedCall& call) {
+            const auto fd = static_cast<int>(call.arguments[0]);
+            const int flags = ::fcntl(fd, F_GETFD);
+            if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+                std::error_code gone;
+                files.push_back(
+                    std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), gone));
+            }
+            return 0;
+        },
+        operation);
+    return files;
+}
+
+}  // namespace tarnvale::test

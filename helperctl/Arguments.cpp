@@ -74,6 +74,9 @@ private:
         const bool looksLikeOption = word.size() > 1 && word[0] == '-' &&
                                      (word[1] == '-' || support::asciiLower(word)[1] >= 'a');
         if (onlyOperands_ || !looksLikeOption) {
+            if (wantsVersion_) {
+                throw UsageError(unexpected(word));
+            }
             form_ == nullptr ? takeCommand(word) : operands_.push_back(word);
             if (form_ != nullptr && operands_.size() > form_->operands.size() &&
                 (form_->operands.empty() || !form_->operands.back().takesRest)) {

@@ -199,6 +199,7 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"status", "--verbose"}, "The following argument was not expected: --verbose"},
         {{"status", "--format", "xml"}, "--format: it is text or json"},
         {{"--format", "json", "bogus"}, "The following argument was not expected: bogus"},
+        {{"--version", "status"}, "The following argument was not expected: status"},
         {{"status", "--format", "Json"}, "--format: it is text or json"},
         {{"status", "--user"}, "--user: 1 required NAME missing"},
     };

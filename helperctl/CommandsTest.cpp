@@ -23,7 +23,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 using Calls = std::vector<std::string>;
 
-const char* const path = "/tmp/policy.json";
+const char* const policyPath = "/tmp/policy.json";
 
 /// The calls to the helper, and its one reply to everything.
 struct Conversation {
@@ -118,14 +118,14 @@ TEST_F(CommandsTest, LetsNobodyElseReadWhatIsStored) {
     auto comparison = command(Command::diff);
     EXPECT_EQ(refusal(comparison, 501), "Only root may read what users have stored.");
     EXPECT_EQ(refusal(comparison, 0), std::nullopt);
-    comparison.otherFile = path;
+    comparison.otherFile = policyPath;
     EXPECT_EQ(refusal(comparison, 501), std::nullopt);
 }
 
 TEST_F(CommandsTest, AsksForResults) {
-    test::put(path, "[ ]\n");
+    test::put(policyPath, "[ ]\n");
     auto apply = command(Command::apply);
-    apply.file = path;
+    apply.file = policyPath;
     auto create = command(Command::createVLAN);
     create.name = "Büro";
     create.tag = -7;
@@ -177,7 +177,7 @@ TEST_F(CommandsTest, AsksForWhatHasNoResult) {
 }
 
 TEST_F(CommandsTest, PassesOnWhyTheHelperDidNot) {
-    test::put(path, "[]");
+    test::put(policyPath, "[]");
     conversation.error = "It can't be done.";
     for (auto each :
          {Command::status,
@@ -190,7 +190,7 @@ TEST_F(CommandsTest, PassesOnWhyTheHelperDidNot) {
           Command::resolverOn,
           Command::resolverOff}) {
         auto arguments = command(each);
-        arguments.file = path;
+        arguments.file = policyPath;
 
         EXPECT_EQ(run(arguments), failure("It can't be done.", 1));
     }
@@ -248,9 +248,9 @@ TEST_F(CommandsTest, AsksNothingWithoutTheFile) {
 }
 
 TEST_F(CommandsTest, PreviewsWithoutTheHelper) {
-    test::put(path, "[]");
+    test::put(policyPath, "[]");
     auto arguments = command(Command::preview);
-    arguments.file = path;
+    arguments.file = policyPath;
 
     const auto outcome = run(arguments);
 
@@ -259,22 +259,22 @@ TEST_F(CommandsTest, PreviewsWithoutTheHelper) {
     EXPECT_THAT(outcome.answer.ruleset.value(), StartsWith("# Tarnvale network firewall"));
     EXPECT_THAT(conversation.calls, IsEmpty());
 
-    test::put(path, "[\xFF]");
+    test::put(policyPath, "[\xFF]");
     EXPECT_EQ(
         run(arguments),
         failure("Could not read the firewall policy: expected a value, found byte 0xFF at line 1, "
                 "column 2"));
 
-    test::put(path, "[1]");
+    test::put(policyPath, "[1]");
     EXPECT_EQ(
         run(arguments),
         failure("Could not read the firewall policy: expected an object at [0], found 1"));
 }
 
 TEST_F(CommandsTest, ExplainsAPacketWithoutTheHelper) {
-    test::put(path, test::policyText({{}}));
+    test::put(policyPath, test::policyText({{}}));
     auto arguments = command(Command::explain);
-    arguments.file = path;
+    arguments.file = policyPath;
     arguments.packet = "tcp 1.1.1.1 -> 192.168.64.2:22";
 
     const auto outcome = run(arguments);

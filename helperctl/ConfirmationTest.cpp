@@ -103,12 +103,12 @@ TEST_F(ConfirmationTest, IsNotStopped) {
         "");
 }
 
-NetworkFirewall::PolicyStore storeOf(const std::vector<test::OwnerText>& owners) {
+NetworkFirewall::PolicyStore storeWith(const std::vector<test::OwnerText>& owners) {
     return NetworkFirewall::decodeStore(test::storeText(owners)).value();
 }
 
 TEST(FileToPutBackTest, IsWhatTheUserHasStored) {
-    const auto store = storeOf(
+    const auto store = storeWith(
         {{.key = "0", .networks = {{.number = 64}, {.number = 65}}},
          {.key = "501", .networks = {{.number = 66}}}});
 
@@ -131,24 +131,24 @@ TEST(FileToPutBackTest, IsRefusedWhereAnApplyWouldNotBringBackEverything) {
     const test::NetworkText other{.number = 65};
 
     // An apply may adopt these, whoever it is for.
-    EXPECT_THAT(storeOf({{.key = "legacy", .networks = {lab}}}), CantBePutBack("export --user"));
+    EXPECT_THAT(storeWith({{.key = "legacy", .networks = {lab}}}), CantBePutBack("export --user"));
     // The later one holds the subnet until root applies it again.
     EXPECT_THAT(
-        storeOf(
+        storeWith(
             {{.key = "0", .networks = {lab}, .appliedAt = "1"},
              {.key = "501", .networks = {{.name = "Theirs"}}, .appliedAt = "2"}}),
         CantBePutBack("another user has a network"));
     EXPECT_EQ(
         fileToPutBack(
-            storeOf(
+            storeWith(
                 {{.key = "0", .networks = {lab}, .appliedAt = "2"},
                  {.key = "501", .networks = {lab, other}, .appliedAt = "1"}}),
             "0",
             {}),
-        exported(storeOf({{.key = "0", .networks = {lab}}}), "0"));
+        exported(storeWith({{.key = "0", .networks = {lab}}}), "0"));
     // The review would leave it out.
     EXPECT_THAT(
-        storeOf({{.key = "0", .networks = {{.subnetCIDR = "10.0.0.0/24"}}}}),
+        storeWith({{.key = "0", .networks = {{.subnetCIDR = "10.0.0.0/24"}}}}),
         CantBePutBack("can't enforce all of it"));
 }
 

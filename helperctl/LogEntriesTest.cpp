@@ -13,7 +13,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Outcome = LogEntry::Outcome;
 
 LogEntry entry(const std::string& message) {
     return entryOf("2025-03-14T09:26:53Z " + message);
@@ -23,31 +22,35 @@ TEST(LogEntriesTest, KnowsHowTheHelpersMessagesBegin) {
     struct Case {
         const char* message = nullptr;
         const char* operation = nullptr;
-        Outcome outcome = Outcome::note;
+        LogEntry::Outcome outcome = LogEntry::Outcome::note;
     };
     const std::vector<Case> cases{
         {"Applied firewall. Enforcing 1 network for all users: Lab",
          "applyFirewall",
-         Outcome::changed},
+         LogEntry::Outcome::changed},
         {"Removed uid 501's firewall policies; other users' stay in force.",
          "removeFirewall",
-         Outcome::changed},
+         LogEntry::Outcome::changed},
         {"applyFirewall failed: Could not read the firewall policy: no",
          "applyFirewall",
-         Outcome::failed},
-        {"Refused createVLAN for uid 502: not an administrator.", "createVLAN", Outcome::refused},
+         LogEntry::Outcome::failed},
+        {"Refused createVLAN for uid 502: not an administrator.",
+         "createVLAN",
+         LogEntry::Outcome::refused},
         {"Rejected XPC client pid=7 uid=501: not Tarnvale or its service signed by X.",
          "admission",
-         Outcome::refused},
-        {"Boot re-apply failed: no", "start", Outcome::failed},
+         LogEntry::Outcome::refused},
+        {"Boot re-apply failed: no", "start", LogEntry::Outcome::failed},
         {"192.168.64.0/24 is claimed by networks of more than one user; uid 501's \"Lab\" is left "
          "out for the most recently applied one.",
          "applyFirewall",
-         Outcome::refused},
+         LogEntry::Outcome::refused},
         {"Left /etc/resolver/tvx alone: it wasn't installed by Tarnvale.",
          "setTarnvaleResolver",
-         Outcome::refused},
-        {"Helper 7 listening on com.brackwen.tarnvale.adminhelper.", "start", Outcome::note}};
+         LogEntry::Outcome::refused},
+        {"Helper 7 listening on com.brackwen.tarnvale.adminhelper.",
+         "start",
+         LogEntry::Outcome::note}};
     for (const auto& [message, operation, outcome] : cases) {
         const auto made = entry(message);
 
@@ -69,7 +72,7 @@ TEST(LogEntriesTest, MarksWhatBeginsOtherwise) {
           "Refused applyFirewall",
           ""}) {
         EXPECT_FALSE(entry(message).isOurs) << message;
-        EXPECT_EQ(entry(message).outcome, Outcome::note);
+        EXPECT_EQ(entry(message).outcome, LogEntry::Outcome::note);
     }
 }
 

@@ -25,7 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ThrowsMessage;
 
-const char* const path = "/tmp/policy.json";
+const char* const filePath = "/tmp/policy.json";
 
 TEST(PolicyFileTest, ReadsAFileAsItIs) {
     for (const std::size_t size : {0U, 1U, 65535U, 65536U, 65537U, 3000000U}) {
@@ -33,9 +33,9 @@ TEST(PolicyFileTest, ReadsAFileAsItIs) {
         if (size > 0) {
             content[size / 2] = '\0';
         }
-        test::put(path, content);
+        test::put(filePath, content);
 
-        EXPECT_EQ(readPolicyFile(path), content) << size;
+        EXPECT_EQ(readPolicyFile(filePath), content) << size;
     }
 }
 
@@ -49,14 +49,14 @@ TEST(PolicyFileTest, ReadsOnAfterASignal) {
 }
 
 TEST(PolicyFileTest, ReadsUpToWhatARequestCarries) {
-    test::put(path, "");
-    fs::resize_file(path, maxPolicyFileSize);
+    test::put(filePath, "");
+    fs::resize_file(filePath, maxPolicyFileSize);
 
-    EXPECT_EQ(readPolicyFile(path).size(), maxPolicyFileSize);
+    EXPECT_EQ(readPolicyFile(filePath).size(), maxPolicyFileSize);
 
-    fs::resize_file(path, maxPolicyFileSize + 1);
+    fs::resize_file(filePath, maxPolicyFileSize + 1);
     EXPECT_THAT(
-        [] { readPolicyFile(path); },
+        [] { readPolicyFile(filePath); },
         ThrowsMessage<std::runtime_error>(
             "Could not read \"/tmp/policy.json\": it is larger than 64 MiB."));
 }
@@ -84,8 +84,8 @@ TEST(PolicyFileTest, ReadsWhatComesInPieces) {
 }
 
 TEST(PolicyFileTest, ReadsStandardInput) {
-    test::put(path, "[1]");
-    const support::UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    test::put(filePath, "[1]");
+    const support::UniqueFd file(::open(filePath, O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(::dup2(file.get(), STDIN_FILENO), STDIN_FILENO);
 
     EXPECT_EQ(readPolicyFile("-"), "[1]");

@@ -168,7 +168,7 @@ private:
 
 /// What the oracle says of a text.
 struct Verdict {  // NOLINT(bugprone-exception-escape): the oracle's own move may throw
-    bool isJson = false;
+    bool ourReaderTakes = false;
     bool isTooLargeForIt = false;   ///< it has no number for one that is right by the grammar
     bool hasDuplicateKeys = false;  ///< of which it takes the last
     nlohmann::json value;
@@ -191,11 +191,11 @@ Verdict oracle(const std::string& text) {
     try {
         verdict.value = nlohmann::json::parse(text, watch);
         // It takes a NUL for the end.
-        verdict.isJson = text.find('\0') == std::string::npos;
+        verdict.ourReaderTakes = text.find('\0') == std::string::npos;
     } catch (const nlohmann::json::out_of_range&) {
         verdict.isTooLargeForIt = true;
     } catch (const nlohmann::json::parse_error&) {
-        verdict.isJson = false;
+        verdict.ourReaderTakes = false;
     }
     return verdict;
 }
@@ -250,7 +250,7 @@ std::optional<Sample> sample(const nlohmann::json& value) {
     }
 }
 
-bool isJson(const std::string& text) {
+bool ourReaderTakes(const std::string& text) {
     try {
         JsonReader reader(text);
         reader.skip();
@@ -280,13 +280,14 @@ TEST_F(JsonOracleTest, AcceptsTheSameTexts) {
     int refused = 0;
     for (int i = 0; i < 8'000; ++i) {
         const std::string text = author.value(4);
-        ASSERT_TRUE(isJson(text)) << text;
+        ASSERT_TRUE(ourReaderTakes(text)) << text;
 
         const std::string damaged = test::mutated(text, random);
         const Verdict verdict = oracle(damaged);
         if (!verdict.isTooLargeForIt) {
-            ASSERT_EQ(isJson(damaged), verdict.isJson) << testing::PrintToString(damaged);
-            ++(verdict.isJson ? accepted : refused);
+            ASSERT_EQ(ourReaderTakes(damaged), verdict.ourReaderTakes)
+                << testing::PrintToString(damaged);
+            ++(verdict.ourReaderTakes ? accepted : refused);
         }
     }
     EXPECT_GT(accepted, 500);
@@ -304,7 +305,7 @@ TEST_F(JsonOracleTest, ReadsTheSameRecords) {
                 continue;
             }
             try {
-                const auto expected = verdict.isJson ? sample(verdict.value) : std::nullopt;
+                const auto expected = verdict.ourReaderTakes ? sample(verdict.value) : std::nullopt;
                 ASSERT_EQ(ourSample(each), expected) << testing::PrintToString(each);
                 ++(expected ? read : refused);
             } catch (const CannotTell&) {

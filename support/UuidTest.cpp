@@ -16,7 +16,7 @@ namespace {
 using testing::Optional;
 
 constexpr std::string_view upper = "0123ABCD-4567-89EF-FEDC-BA9876543210";
-constexpr Uuid sample{
+constexpr Uuid sampleUuid{
     {0x01,
      0x23,
      0xAB,
@@ -35,16 +35,16 @@ constexpr Uuid sample{
      0x10}};
 
 TEST(UuidTest, ReadsDigitsOfEitherCase) {
-    EXPECT_THAT(Uuid::parse(upper), Optional(sample));
-    EXPECT_THAT(Uuid::parse("0123abcd-4567-89ef-fedc-ba9876543210"), Optional(sample));
-    EXPECT_THAT(Uuid::parse("0123aBcD-4567-89Ef-FeDc-bA9876543210"), Optional(sample));
+    EXPECT_THAT(Uuid::parse(upper), Optional(sampleUuid));
+    EXPECT_THAT(Uuid::parse("0123abcd-4567-89ef-fedc-ba9876543210"), Optional(sampleUuid));
+    EXPECT_THAT(Uuid::parse("0123aBcD-4567-89Ef-FeDc-bA9876543210"), Optional(sampleUuid));
 }
 
 TEST(UuidTest, WritesUpperCase) {
     std::string text = "id ";
-    sample.appendTo(text);
+    sampleUuid.appendTo(text);
 
-    EXPECT_EQ(sample.text(), upper);
+    EXPECT_EQ(sampleUuid.text(), upper);
     EXPECT_EQ(text, "id 0123ABCD-4567-89EF-FEDC-BA9876543210");
 }
 

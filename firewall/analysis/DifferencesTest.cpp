@@ -29,7 +29,7 @@ using test::rule;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-NetworkLines network(std::vector<FirewallRule> rules, Action defaultOutbound = Action::allow) {
+NetworkLines networkWith(std::vector<FirewallRule> rules, Action defaultOutbound = Action::allow) {
     FirewallNetworkPolicy made;
     made.subnetCIDR = "192.168.64.0/24";
     made.policy.enabled = true;
@@ -55,8 +55,8 @@ std::vector<std::string> shown(const NetworkLines* before, const NetworkLines* n
 
 std::vector<std::string> shown(
     const std::vector<FirewallRule>& before, const std::vector<FirewallRule>& now) {
-    const auto old = network(before);
-    const auto young = network(now);
+    const auto old = networkWith(before);
+    const auto young = networkWith(now);
     return shown(&old, &young);
 }
 
@@ -89,7 +89,7 @@ TEST(DifferencesTest, AreSaidInFewWords) {
 }
 
 TEST(DifferencesTest, CompareWithNoLinesAtAll) {
-    const auto closed = network({}, Action::deny);
+    const auto closed = networkWith({}, Action::deny);
 
     EXPECT_THAT(
         shown(nullptr, &closed),

@@ -23,7 +23,6 @@ namespace {
 using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::FirewallRule;
 using Action = FirewallRule::Action;
-using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
 using Reason = IdleRule::Reason;
 using test::rule;

@@ -20,7 +20,6 @@ using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::FirewallRule;
 using NetworkFirewall::HostAddress;
 using Action = FirewallRule::Action;
-using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
 using test::rule;
 using testing::Contains;
@@ -28,7 +27,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// Lab, where everything passes but for the rules.
-FirewallNetworkPolicy lab(std::vector<FirewallRule> rules = {}) {
+FirewallNetworkPolicy labWith(std::vector<FirewallRule> rules = {}) {
     FirewallNetworkPolicy made;
     made.name = "Lab";
     made.subnetCIDR = "192.168.64.0/24";
@@ -58,22 +57,22 @@ std::vector<std::string> found(
 
 TEST(LintTest, FindsNothingWhereThereIsNothing) {
     EXPECT_THAT(found({}), IsEmpty());
-    EXPECT_THAT(found({lab()}), IsEmpty());
-    EXPECT_THAT(found({lab({rule(Action::deny, Proto::any, "10.0.0.0/8")})}), IsEmpty());
-    EXPECT_THAT(found({lab({rule(Action::deny, Proto::tcp, "192.168.64.1", "22")})}), IsEmpty());
+    EXPECT_THAT(found({labWith()}), IsEmpty());
+    EXPECT_THAT(found({labWith({rule(Action::deny, Proto::any, "10.0.0.0/8")})}), IsEmpty());
+    EXPECT_THAT(found({labWith({rule(Action::deny, Proto::tcp, "192.168.64.1", "22")})}), IsEmpty());
 }
 
 TEST(LintTest, SaysWhyANetworkIsNotEnforced) {
-    auto off = lab();
+    auto off = labWith();
     off.policy.enabled = false;
-    auto home = lab();
+    auto home = labWith();
     home.subnetCIDR = "192.168.1.0/24";
-    auto second = lab();
+    auto second = labWith();
     second.subnetCIDR = "192.168.64.7/24";
 
     EXPECT_THAT(
         found(
-            {lab(), off, home, second},
+            {labWith(), off, home, second},
             {{.interface = "en0", .bytes = {192, 168, 1, 7}, .prefixLength = 24}}),
         ElementsAre(
             "note [1] policy (off): Its firewall is off: nothing is enforced.",
@@ -85,28 +84,28 @@ TEST(LintTest, SaysWhyANetworkIsNotEnforced) {
 }
 
 TEST(LintTest, FindsNetworksThatOverlap) {
-    auto large = lab();
+    auto large = labWith();
     large.subnetCIDR = "192.168.64.0/20";
 
     EXPECT_THAT(
-        found({large, lab()}),
+        found({large, labWith()}),
         ElementsAre("error [1] subnetCIDR (covered): None of its rules is ever asked: \"Lab\" has "
                     "all of 192.168.64.0/24 and comes first."));
     EXPECT_THAT(
-        found({lab(), large}),
+        found({labWith(), large}),
         ElementsAre("warning [1] subnetCIDR (covered): Of its addresses, 192.168.64.0/24 are "
                     "\"Lab\"'s, which comes first."));
 }
 
 TEST(LintTest, LooksAtSubnetAndGateway) {
-    auto hostBits = lab();
+    auto hostBits = labWith();
     hostBits.subnetCIDR = "192.168.64.9/24";
     EXPECT_THAT(
         found({hostBits}),
         ElementsAre(
             "note [0] subnetCIDR (host-bits): 192.168.64.9/24 means all of 192.168.64.0/24."));
 
-    auto missing = lab();
+    auto missing = labWith();
     missing.gatewayIPv4.reset();
     EXPECT_THAT(
         found({missing}),
@@ -116,7 +115,7 @@ TEST(LintTest, LooksAtSubnetAndGateway) {
     EXPECT_THAT(found({missing}), IsEmpty());
 
     for (const char* gateway : {"10.0.0.1", "192.168.64.0", "nobody"}) {
-        auto outside = lab();
+        auto outside = labWith();
         outside.gatewayIPv4 = gateway;
         EXPECT_THAT(
             found({outside}),
@@ -132,7 +131,7 @@ TEST(LintTest, FindsRulesThatAreNotWritten) {
     disabled.enabled = false;
 
     EXPECT_THAT(
-        found({lab(
+        found({labWith(
             {disabled,
              rule(Action::deny, Proto::any, "10.0.0/8"),
              rule(Action::deny, Proto::tcp, "any", "0"),
@@ -148,7 +147,7 @@ TEST(LintTest, FindsRulesThatAreNotWritten) {
 
 TEST(LintTest, FindsRulesThatDoNothing) {
     EXPECT_THAT(
-        found({lab(
+        found({labWith(
             {rule(Action::deny, Proto::any, "10.0.0.7/8"),
              rule(Action::allow, Proto::tcp, "10.1.0.0/16", "22"),
              rule(Action::allow, Proto::tcp, "11.0.0.0/8"),
@@ -163,7 +162,7 @@ TEST(LintTest, FindsRulesThatDoNothing) {
             "all "
             "of its packets."));
     EXPECT_THAT(
-        found({lab(
+        found({labWith(
             {rule(Action::deny, Proto::any, "10.0.0.0/9"),
              rule(Action::deny, Proto::any, "10.128.0.0/9"),
              rule(Action::allow, Proto::tcp, "10.0.0.0/8")})}),
@@ -173,22 +172,22 @@ TEST(LintTest, FindsRulesThatDoNothing) {
 
 TEST(LintTest, FindsWhatDhcpAndDnsOvertake) {
     EXPECT_THAT(
-        found({lab({rule(Action::deny, Proto::any, "any", "53")})}),
+        found({labWith({rule(Action::deny, Proto::any, "any", "53")})}),
         ElementsAre("warning [0] rule 1 ports (overtaken): DNS to 192.168.64.1 passes in spite of "
                     "it: its lines come first."));
     EXPECT_THAT(
-        found({lab({rule(Action::deny, Proto::udp, "10.0.0.0/8", "60-70")})}),
+        found({labWith({rule(Action::deny, Proto::udp, "10.0.0.0/8", "60-70")})}),
         ElementsAre("warning [0] rule 1 ports (overtaken): DHCP passes in spite of it: its lines "
                     "come first."));
     EXPECT_THAT(
-        found({lab({rule(Action::deny, Proto::any, "any")})}),
+        found({labWith({rule(Action::deny, Proto::any, "any")})}),
         ElementsAre(
             "note [0] rule 1 (overtaken): DHCP passes in spite of it: its lines come first.",
             "note [0] rule 1 (overtaken): DNS to 192.168.64.1 passes in spite of it: its lines "
             "come first."));
     auto inbound = rule(Action::deny, Proto::udp, "any", "67");
-    inbound.direction = Direction::inbound;
-    EXPECT_THAT(found({lab({inbound})}), IsEmpty());
+    inbound.direction = FirewallRule::Direction::inbound;
+    EXPECT_THAT(found({labWith({inbound})}), IsEmpty());
 }
 
 TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
@@ -196,7 +195,7 @@ TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
     const auto about = [&](const char* remote) {
         auto changed = insider;
         changed.remoteCIDR = remote;
-        return found({lab({changed})});
+        return found({labWith({changed})});
     };
 
     EXPECT_THAT(
@@ -212,7 +211,7 @@ TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
     EXPECT_THAT(about("192.168.64.192/26"), IsEmpty());
     EXPECT_THAT(about("192.168.64.0/23"), IsEmpty());
     // Nobody knows the host's address.
-    auto unknown = lab({insider});
+    auto unknown = labWith({insider});
     unknown.gatewayIPv4.reset();
     unknown.dnsProxyEnabled = false;
     EXPECT_THAT(found({unknown}), IsEmpty());
@@ -220,7 +219,7 @@ TEST(LintTest, FindsRulesAboutTheOwnSubnet) {
 
 TEST(LintTest, SaysWhichNetworksMayReachEachOther) {
     const auto made = [](const char* name, int number, Action inbound) {
-        auto network = lab();
+        auto network = labWith();
         network.name = name;
         network.subnetCIDR = "192.168." + std::to_string(number) + ".0/24";
         network.gatewayIPv4 = "192.168." + std::to_string(number) + ".1";
@@ -248,15 +247,15 @@ TEST(LintTest, SaysWhichNetworksMayReachEachOther) {
 }
 
 TEST(LintTest, SaysOnceThatIPv6MeetsNoRule) {
-    auto deny = lab();
+    auto deny = labWith();
     deny.policy.defaultInbound = Action::deny;
     deny.policy.defaultOutbound = Action::deny;
     auto second = deny;
     second.subnetCIDR = "192.168.65.0/24";
     second.gatewayIPv4 = "192.168.65.1";
 
-    EXPECT_THAT(lint(enforcedList({lab()}, {})), IsEmpty());
-    auto third = lab();
+    EXPECT_THAT(lint(enforcedList({labWith()}, {})), IsEmpty());
+    auto third = labWith();
     third.subnetCIDR = "192.168.66.0/24";
     third.gatewayIPv4 = "192.168.66.1";
     const auto findings = lint(enforcedList({third, deny, second}, {}));

@@ -21,7 +21,7 @@ namespace {
 using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::FirewallRule;
 
-FirewallRule crowdedRule(test::RandomPolicies& random) {
+FirewallRule ruleNearTheNetworks(test::RandomPolicies& random) {
     FirewallRule rule = random.rule();
     rule.remoteCIDR = random.oneOf<std::string>(
         {"any",
@@ -50,7 +50,7 @@ std::vector<FirewallNetworkPolicy> threeNetworks(test::RandomPolicies& random) {
         network.policy.defaultInbound = FirewallRule::allActions.at(random.below(2));
         network.policy.defaultOutbound = FirewallRule::allActions.at(random.below(2));
         for (std::size_t left = random.below(5); left > 0; --left) {
-            network.policy.rules.push_back(crowdedRule(random));
+            network.policy.rules.push_back(ruleNearTheNetworks(random));
         }
     }
     return networks;

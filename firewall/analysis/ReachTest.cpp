@@ -24,7 +24,7 @@ namespace {
 using NetworkFirewall::FirewallNetworkPolicy;
 using testing::ElementsAre;
 
-Ruleset labAndIsolated() {
+Ruleset examples() {
     std::vector<FirewallNetworkPolicy> list;
     for (const char* name : {"lab", "isolated"}) {
         const auto networks = NetworkFirewall::decodePolicies(
@@ -49,7 +49,7 @@ std::string nameOf(const Party& party) {
 }
 
 TEST(ReachTest, SaysWhoReachesWhom) {
-    const Ruleset ruleset = labAndIsolated();
+    const Ruleset ruleset = examples();
     const auto all = parties(ruleset);
     std::vector<std::string> table;
     for (const Party& from : all) {

@@ -15,13 +15,12 @@ namespace {
 
 using NetworkFirewall::FirewallRule;
 using Action = FirewallRule::Action;
-using Direction = FirewallRule::Direction;
 using Proto = FirewallRule::Proto;
 using test::rule;
 
 TEST(WordsTest, SayWhatARuleSays) {
-    constexpr auto in = Direction::inbound;
-    constexpr auto out = Direction::outbound;
+    constexpr auto in = FirewallRule::Direction::inbound;
+    constexpr auto out = FirewallRule::Direction::outbound;
     struct Case {
         FirewallRule rule;
         const char* words = nullptr;

@@ -67,7 +67,7 @@ LoadedStore loadFile() {
     return loadStore();
 }
 
-PolicyStore load() {
+PolicyStore storeInFile() {
     return loadFile().store;
 }
 
@@ -79,7 +79,7 @@ UniqueFd lockFile() {
 TEST(StoreFileTest, LoadsWhatWasSaved) {
     save(someStore());
 
-    EXPECT_EQ(load(), someStore());
+    EXPECT_EQ(storeInFile(), someStore());
     EXPECT_EQ(contentOf(storePath()), NetworkFirewall::encodeStore(someStore()));
     EXPECT_THAT(namesIn(supportFolder), ElementsAre("firewall-policies.json"));
 }
@@ -87,18 +87,18 @@ TEST(StoreFileTest, LoadsWhatWasSaved) {
 TEST(StoreFileTest, LoadsTheFormOfBeforeThereWereUsers) {
     put(storePath(), onePolicy());
 
-    EXPECT_THAT(load().owners, ElementsAre(testing::Key("legacy")));
+    EXPECT_THAT(storeInFile().owners, ElementsAre(testing::Key("legacy")));
 }
 
 TEST(StoreFileTest, AFileThatCantBeReadIsNoStoreAndIsNotMentioned) {
-    EXPECT_EQ(load(), PolicyStore());
+    EXPECT_EQ(storeInFile(), PolicyStore());
 
     fs::create_directories(storePath());
-    EXPECT_EQ(load(), PolicyStore());
+    EXPECT_EQ(storeInFile(), PolicyStore());
 
     fs::remove(storePath());
     ASSERT_EQ(::mkfifo(storePath().c_str(), 0600), 0);
-    EXPECT_EQ(load(), PolicyStore());
+    EXPECT_EQ(storeInFile(), PolicyStore());
 
     EXPECT_THAT(logMessages(), IsEmpty());
 }
@@ -124,7 +124,7 @@ TEST(StoreFileTest, AFileThatCantBeDecodedIsNoStoreAndIsMentioned) {
     for (const std::string damaged : {"", "{}", "[1]", "{\"owners\":", "\xFF"}) {
         put(storePath(), damaged);
 
-        EXPECT_EQ(load(), PolicyStore());
+        EXPECT_EQ(storeInFile(), PolicyStore());
 
         EXPECT_THAT(
             logMessages(),

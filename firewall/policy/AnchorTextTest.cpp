@@ -33,7 +33,7 @@ constexpr std::string_view subnet = "192.168.64.0/24";
 constexpr std::chrono::system_clock::time_point generatedAt{std::chrono::seconds(1741944413)};
 
 /// An enabled network with everything allowed and no DNS proxy.
-FirewallNetworkPolicy network(
+FirewallNetworkPolicy enforcedNetwork(
     const std::string& name = "Lab", const std::string& subnetCIDR = "192.168.64.0/24") {
     FirewallNetworkPolicy made;
     made.name = name;
@@ -53,7 +53,7 @@ constexpr std::string_view heading =
     "\n";
 
 TEST(AnchorTextTest, WritesTheWholeRuleset) {
-    FirewallNetworkPolicy lab = network();
+    FirewallNetworkPolicy lab = enforcedNetwork();
     lab.gatewayIPv4 = "192.168.64.1";
     lab.dnsProxyEnabled = true;
     lab.policy.defaultInbound = Action::deny;
@@ -80,8 +80,8 @@ TEST(AnchorTextTest, WritesTheWholeRuleset) {
 }
 
 TEST(AnchorTextTest, WritesNetworksInTheirOrder) {
-    FirewallNetworkPolicy open = network("Open", " 192.168.65.9/24 ");
-    FirewallNetworkPolicy shut = network("Shut", "192.168.64.16/28");
+    FirewallNetworkPolicy open = enforcedNetwork("Open", " 192.168.65.9/24 ");
+    FirewallNetworkPolicy shut = enforcedNetwork("Shut", "192.168.64.16/28");
     shut.policy.defaultOutbound = Action::deny;
     shut.policy.defaultInbound = Action::deny;
 
@@ -107,16 +107,16 @@ TEST(AnchorTextTest, WritesTheHeadingAloneForNoNetworks) {
 }
 
 TEST(AnchorTextTest, PassesOverNetworksThatAreOffOrHaveNoSubnet) {
-    FirewallNetworkPolicy off = network();
+    FirewallNetworkPolicy off = enforcedNetwork();
     off.policy.enabled = false;
 
     EXPECT_EQ(
         withoutTime(anchorText(
             std::vector{
                 off,
-                network("Office", "10.0.0.0/24"),
-                network("", ""),
-                network("Wide", "192.168.0.0/16")},
+                enforcedNetwork("Office", "10.0.0.0/24"),
+                enforcedNetwork("", ""),
+                enforcedNetwork("Wide", "192.168.0.0/16")},
             generatedAt)),
         heading);
 }
@@ -138,7 +138,8 @@ TEST(AnchorTextTest, DependsOnTheTimeInTheFirstLineOnly) {
 TEST(AnchorTextTest, PutsANetworksNameOnOneLine) {
     const auto commentOf = [](const std::string& name) {
         const std::string text =
-            withoutTime(anchorText(std::vector{network(name)}, generatedAt)).substr(heading.size());
+            withoutTime(anchorText(std::vector{enforcedNetwork(name)}, generatedAt))
+                .substr(heading.size());
         return text.substr(0, text.find("pass in quick"));
     };
     EXPECT_EQ(commentOf("Lab\nTest"), "# --- Lab Test (192.168.64.0/24) ---\n");
@@ -154,7 +155,7 @@ TEST(AnchorTextTest, PutsANetworksNameOnOneLine) {
 
 TEST(AnchorTextTest, PassesDnsOnlyToAGatewayThatRunsTheProxy) {
     const auto text = [](bool dnsProxyEnabled, const std::optional<std::string>& gateway) {
-        FirewallNetworkPolicy lab = network();
+        FirewallNetworkPolicy lab = enforcedNetwork();
         lab.dnsProxyEnabled = dnsProxyEnabled;
         lab.gatewayIPv4 = gateway;
         return anchorText(std::vector{lab}, generatedAt);
@@ -175,7 +176,7 @@ TEST(AnchorTextTest, PassesDnsOnlyToAGatewayThatRunsTheProxy) {
 }
 
 TEST(AnchorTextTest, KeepsTheUsersOrderOfRules) {
-    FirewallNetworkPolicy lab = network();
+    FirewallNetworkPolicy lab = enforcedNetwork();
     lab.policy.rules = {
         rule(Action::allow, Proto::icmp, "any"),
         rule(Action::deny, Proto::any, "10.0.0.0/8", "", Direction::inbound),
@@ -193,7 +194,7 @@ TEST(AnchorTextTest, KeepsTheUsersOrderOfRules) {
 }
 
 TEST(AnchorTextTest, LeavesOutDisabledAndFaultyRules) {
-    FirewallNetworkPolicy lab = network();
+    FirewallNetworkPolicy lab = enforcedNetwork();
     lab.policy.rules = {
         rule(Action::allow, Proto::tcp, "any", "22", Direction::inbound),
         rule(Action::allow, Proto::tcp, "10.0.0/8", "23", Direction::inbound),
@@ -384,7 +385,7 @@ TEST(AnchorTextPropertyTest, WritesWhatAReviewLetsThrough) {
 TEST(AnchorTextTest, WritesANameOfMegabytes) {
     const std::string name(std::size_t{4} << 20, 'n');
 
-    const std::string text = anchorText(std::vector{network(name)}, generatedAt);
+    const std::string text = anchorText(std::vector{enforcedNetwork(name)}, generatedAt);
 
     EXPECT_THAT(text, HasSubstr("# --- " + name + " (192.168.64.0/24) ---\n"));
 }

@@ -14,7 +14,7 @@ namespace {
 using testing::ElementsAre;
 using Proto = FirewallRule::Proto;
 
-FirewallNetworkPolicy network() {
+FirewallNetworkPolicy recordedNetwork() {
     return {
         .networkID = {{1}},
         .name = "Lab",
@@ -32,7 +32,7 @@ FirewallNetworkPolicy network() {
 std::vector<FirewallNetworkPolicy> variants() {
     std::vector<FirewallNetworkPolicy> variants;
     const auto add = [&](const std::function<void(FirewallNetworkPolicy&)>& change) {
-        change(variants.emplace_back(network()));
+        change(variants.emplace_back(recordedNetwork()));
     };
     add([](auto& n) { n.networkID.bytes[15] = 1; });
     add([](auto& n) { n.name = "lab"; });
@@ -77,17 +77,17 @@ TEST(FirewallRecordsTest, OnlyIcmpCarriesNoPorts) {
 }
 
 TEST(FirewallRecordsTest, EqualityGoesFieldByField) {
-    EXPECT_EQ(network(), network());
+    EXPECT_EQ(recordedNetwork(), recordedNetwork());
     for (const FirewallNetworkPolicy& variant : variants()) {
-        EXPECT_NE(variant, network());
+        EXPECT_NE(variant, recordedNetwork());
     }
 }
 
 TEST(FirewallRecordsTest, HashesGoFieldByField) {
     const std::hash<FirewallNetworkPolicy> hash;
-    EXPECT_EQ(hash(network()), hash(network()));
+    EXPECT_EQ(hash(recordedNetwork()), hash(recordedNetwork()));
     for (const FirewallNetworkPolicy& variant : variants()) {
-        EXPECT_NE(hash(variant), hash(network()));
+        EXPECT_NE(hash(variant), hash(recordedNetwork()));
     }
 }
 

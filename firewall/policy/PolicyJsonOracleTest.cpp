@@ -56,7 +56,7 @@ auto word(const json& value, const Cases& cases) {
     throw std::invalid_argument("no such word");
 }
 
-FirewallRule rule(const json& value) {
+FirewallRule ruleOf(const json& value) {
     return {
         .id = uuid(value.at("id")),
         .enabled = flag(value.at("enabled")),
@@ -67,7 +67,7 @@ FirewallRule rule(const json& value) {
         .ports = text(value.at("ports"))};
 }
 
-FirewallNetworkPolicy network(const json& value) {
+FirewallNetworkPolicy networkOf(const json& value) {
     const json& policy = value.at("policy");
     const bool hasGateway = value.contains("gatewayIPv4") && !value["gatewayIPv4"].is_null();
     FirewallNetworkPolicy network{
@@ -82,7 +82,7 @@ FirewallNetworkPolicy network(const json& value) {
             .defaultOutbound = word(policy.at("defaultOutbound"), FirewallRule::allActions),
             .rules = {}}};
     for (const json& item : policy.at("rules").get_ref<const json::array_t&>()) {
-        network.policy.rules.push_back(rule(item));
+        network.policy.rules.push_back(ruleOf(item));
     }
     return network;
 }
@@ -93,7 +93,7 @@ std::optional<std::vector<FirewallNetworkPolicy>> oracle(const std::string& dama
         const json parsed = json::parse(damaged);
         std::vector<FirewallNetworkPolicy> networks;
         for (const json& item : parsed.get_ref<const json::array_t&>()) {
-            networks.push_back(network(item));
+            networks.push_back(networkOf(item));
         }
         return networks;
     } catch (const std::exception&) {

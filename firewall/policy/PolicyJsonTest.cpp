@@ -20,14 +20,14 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-const char* const rule =
+const char* const ruleText =
     R"({"id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F","enabled":true,"direction":"outbound",)"
     R"("action":"deny","proto":"udp","remoteCIDR":" 10.0.0.0\/8","ports":"53 "})";
-std::string network() {
+std::string networkText() {
     return R"({"networkID":"6f1c2e0a-9b7d-4e53-8a21-0c5d9e7f1a2b","name":"Büro \"A\"\n",)"
            R"("subnetCIDR":"192.168.64.0\/24 ","gatewayIPv4":"192.168.64.1","dnsProxyEnabled":true,)"
            R"("policy":{"enabled":true,"defaultInbound":"deny","defaultOutbound":"allow","rules":[)" +
-           std::string(rule) + "]}}";
+           std::string(ruleText) + "]}}";
 }
 
 /// The text with the first occurrence of a part replaced.
@@ -59,9 +59,9 @@ TEST(PolicyJsonTest, ReadsEveryFieldAsItWasSent) {
                  .remoteCIDR = " 10.0.0.0/8",
                  .ports = "53 "}}}};
 
-    EXPECT_THAT(decodePolicies("[" + network() + "]"), ElementsAre(expected));
+    EXPECT_THAT(decodePolicies("[" + networkText() + "]"), ElementsAre(expected));
     EXPECT_THAT(
-        decodePolicies("[" + network() + ",\n" + network() + "]\n"),
+        decodePolicies("[" + networkText() + ",\n" + networkText() + "]\n"),
         ElementsAre(expected, expected));
 }
 
@@ -71,7 +71,7 @@ TEST(PolicyJsonTest, AnEmptyArrayMeansNoNetworks) {
 }
 
 TEST(PolicyJsonTest, WhatItWritesReadsBackEqual) {
-    const auto policies = decodePolicies("[" + network() + "," + network() + "]");
+    const auto policies = decodePolicies("[" + networkText() + "," + networkText() + "]");
 
     EXPECT_EQ(decodePolicies(support::encodeJson(policies, JsonForm::compact)), policies);
     EXPECT_EQ(decodePolicies(support::encodeJson(policies, JsonForm::pretty)), policies);
@@ -79,8 +79,8 @@ TEST(PolicyJsonTest, WhatItWritesReadsBackEqual) {
 
 TEST(PolicyJsonTest, AMissingGatewayIsAbsentAndIsNotWritten) {
     const std::string without =
-        replaced("[" + network() + "]", R"("gatewayIPv4":"192.168.64.1",)", "");
-    const std::string null = replaced("[" + network() + "]", R"("192.168.64.1")", "null");
+        replaced("[" + networkText() + "]", R"("gatewayIPv4":"192.168.64.1",)", "");
+    const std::string null = replaced("[" + networkText() + "]", R"("192.168.64.1")", "null");
 
     EXPECT_EQ(decodePolicies(without).at(0).gatewayIPv4, std::nullopt);
     EXPECT_EQ(decodePolicies(null), decodePolicies(without));
@@ -88,13 +88,13 @@ TEST(PolicyJsonTest, AMissingGatewayIsAbsentAndIsNotWritten) {
         support::encodeJson(decodePolicies(without), JsonForm::compact),
         testing::Not(testing::HasSubstr("gatewayIPv4")));
     expectError(
-        replaced("[" + network() + "]", R"("192.168.64.1")", "1"),
+        replaced("[" + networkText() + "]", R"("192.168.64.1")", "1"),
         "expected a string at [0].gatewayIPv4, found 1");
 }
 
 TEST(PolicyJsonTest, ReadsARuleForIcmpWithoutPorts) {
     const std::string icmp =
-        replaced(replaced("[" + network() + "]", "\"udp\"", "\"icmp\""), "\"53 \"", "\"\"");
+        replaced(replaced("[" + networkText() + "]", "\"udp\"", "\"icmp\""), "\"53 \"", "\"\"");
 
     const auto policies = decodePolicies(icmp);
 
@@ -106,23 +106,24 @@ TEST(PolicyJsonTest, ReadsARuleForIcmpWithoutPorts) {
 TEST(PolicyJsonTest, RefusesOtherWordsForAnEnumeration) {
     for (const std::string word : {R"("ICMP")", R"("gre")", R"("")", R"("udp ")", "17", "null"}) {
         expectError(
-            replaced("[" + network() + "]", "\"udp\"", word),
+            replaced("[" + networkText() + "]", "\"udp\"", word),
             R"(expected "any", "tcp", "udp" or "icmp" at [0].policy.rules[0].proto, found )" +
                 word);
     }
     expectError(
-        replaced("[" + network() + "]", "\"outbound\"", "\"Outbound\""),
+        replaced("[" + networkText() + "]", "\"outbound\"", "\"Outbound\""),
         R"(expected "inbound" or "outbound" at [0].policy.rules[0].direction, found "Outbound")");
     expectError(
-        replaced("[" + network() + "]", R"("action":"deny")", R"("action":"block")"),
+        replaced("[" + networkText() + "]", R"("action":"deny")", R"("action":"block")"),
         R"(expected "allow" or "deny" at [0].policy.rules[0].action, found "block")");
     expectError(
-        replaced("[" + network() + "]", R"("defaultInbound":"deny")", R"("defaultInbound":true)"),
+        replaced(
+            "[" + networkText() + "]", R"("defaultInbound":"deny")", R"("defaultInbound":true)"),
         R"(expected "allow" or "deny" at [0].policy.defaultInbound, found true)");
 }
 
 TEST(PolicyJsonTest, RefusesEveryMissingKey) {
-    const std::string policy = network().substr(network().find(R"(,"policy")"));
+    const std::string policy = networkText().substr(networkText().find(R"(,"policy")"));
     for (const auto& [member, rest, problem] :
          std::vector<std::tuple<std::string, std::string, std::string>>{
              {R"("networkID":"6f1c2e0a-9b7d-4e53-8a21-0c5d9e7f1a2b",)",
@@ -135,7 +136,7 @@ TEST(PolicyJsonTest, RefusesEveryMissingKey) {
              {R"({"enabled":true,)", "{", R"("enabled" at [1].policy)"},
              {R"("defaultInbound":"deny",)", "", R"("defaultInbound" at [1].policy)"},
              {R"("defaultOutbound":"allow",)", "", R"("defaultOutbound" at [1].policy)"},
-             {R"(,"rules":[)" + std::string(rule) + "]", "", R"("rules" at [1].policy)"},
+             {R"(,"rules":[)" + std::string(ruleText) + "]", "", R"("rules" at [1].policy)"},
              {R"("id":"0D9A4C11-3E52-4F7B-9C60-7B1E2A3D4C5F",)",
               "",
               R"("id" at [1].policy.rules[0])"},
@@ -148,7 +149,7 @@ TEST(PolicyJsonTest, RefusesEveryMissingKey) {
              {R"("remoteCIDR":" 10.0.0.0\/8",)", "", R"("remoteCIDR" at [1].policy.rules[0])"},
              {R"(,"ports":"53 ")", "", R"("ports" at [1].policy.rules[0])"}}) {
         expectError(
-            "[" + network() + "," + replaced(network(), member, rest) + "]",
+            "[" + networkText() + "," + replaced(networkText(), member, rest) + "]",
             "missing key " + problem);
     }
 }
@@ -167,30 +168,30 @@ TEST(PolicyJsonTest, RefusesEveryWrongType) {
              {R"("enabled":true,"def)",
               R"("enabled":"true","def)",
               R"(expected true or false at [0].policy.enabled, found "true")"},
-             {"[" + std::string(rule) + "]",
+             {"[" + std::string(ruleText) + "]",
               "{}",
               "expected an array at [0].policy.rules, found an object"},
-             {rule, "[]", "expected an object at [0].policy.rules[0], found an array"},
+             {ruleText, "[]", "expected an object at [0].policy.rules[0], found an array"},
              {R"("53 ")", "53", "expected a string at [0].policy.rules[0].ports, found 53"},
              {R"(" 10.0.0.0\/8")",
               "[]",
               "expected a string at [0].policy.rules[0].remoteCIDR, found an array"}}) {
-        expectError(replaced("[" + network() + "]", value, wrong), problem);
+        expectError(replaced("[" + networkText() + "]", value, wrong), problem);
     }
 }
 
 TEST(PolicyJsonTest, RefusesAnythingButAnArrayOfNetworks) {
     expectError("", "expected a value, found the end at line 1, column 1");
     expectError("null", "expected an array at the top level, found null");
-    expectError(network(), "expected an array at the top level, found an object");
+    expectError(networkText(), "expected an array at the top level, found an object");
     expectError("[null]", "expected an object at [0], found null");
     expectError("[[]]", "expected an object at [0], found an array");
     // The "ü" is two bytes but one column.
-    const std::string column = std::to_string(network().size() + 2);
+    const std::string column = std::to_string(networkText().size() + 2);
     expectError(
-        "[" + network() + ",]", R"(expected a value, found "]" at line 1, column )" + column);
+        "[" + networkText() + ",]", R"(expected a value, found "]" at line 1, column )" + column);
     expectError(
-        "[" + network() + "]]", R"(expected the end, found "]" at line 1, column )" + column);
+        "[" + networkText() + "]]", R"(expected the end, found "]" at line 1, column )" + column);
     EXPECT_THROW(decodePolicies(std::string(100'000, '[')), JsonError);
 }
 

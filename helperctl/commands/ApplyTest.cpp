@@ -20,7 +20,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const char* const path = "/tmp/policy.json";
+const char* const appliedPath = "/tmp/policy.json";
 
 class ApplyTest : public testing::Test {
 protected:
@@ -28,10 +28,10 @@ protected:
     std::vector<std::string> calls;
 
     Outcome apply(const std::string& policy, bool strict = false) {
-        test::put(path, policy);
+        test::put(appliedPath, policy);
         Arguments arguments;
         arguments.command = Command::apply;
-        arguments.file = path;
+        arguments.file = appliedPath;
         arguments.strict = strict;
         return helperctl::apply(
             arguments, [this] { return std::make_unique<test::ReplyingHelper>(reply, calls); });

@@ -27,17 +27,17 @@ std::string pathOf(const std::string& example) {
     return TARNVALE_SOURCE_DIR "/examples/" + example + ".json";
 }
 
-std::vector<FirewallNetworkPolicy> example(const std::string& name) {
+std::vector<FirewallNetworkPolicy> policiesOf(const std::string& name) {
     return NetworkFirewall::decodePolicies(test::contentOf(pathOf(name)));
 }
 
 TEST(DiffTest, FindsNothingWhereNothingChanges) {
-    EXPECT_TRUE(difference(example("lab"), example("lab"), {}).isEmpty());
+    EXPECT_TRUE(difference(policiesOf("lab"), policiesOf("lab"), {}).isEmpty());
     EXPECT_TRUE(difference({}, {}, {}).isEmpty());
 }
 
 TEST(DiffTest, SaysWhatOneRuleMoreChanges) {
-    const auto before = example("lab");
+    const auto before = policiesOf("lab");
     auto now = before;
     now[0].policy.rules.insert(
         now[0].policy.rules.begin(),
@@ -63,7 +63,7 @@ TEST(DiffTest, SaysWhatOneRuleMoreChanges) {
 }
 
 TEST(DiffTest, SaysWhatChangesInTheRecords) {
-    const auto before = example("lab");
+    const auto before = policiesOf("lab");
     auto now = before;
     now[0].name = "Laboratory";
     now[0].gatewayIPv4.reset();
@@ -84,12 +84,12 @@ TEST(DiffTest, SaysWhatChangesInTheRecords) {
     now[0].policy.rules.erase(now[0].policy.rules.begin());
     now[0].policy.rules[0] = before[0].policy.rules[0];
     EXPECT_THAT(
-        difference(example("lab"), now, {}).records,
+        difference(policiesOf("lab"), now, {}).records,
         testing::Contains("Laboratory, rule 2 is gone: outbound, deny 10.0.0.0/8"));
 }
 
 TEST(DiffTest, SaysWhatANetworkThatComesOrGoesChanges) {
-    const auto coming = difference(example("lab"), example("isolated"), {});
+    const auto coming = difference(policiesOf("lab"), policiesOf("isolated"), {});
 
     EXPECT_THAT(
         coming.records,
@@ -165,12 +165,12 @@ TEST(DiffTest, SaysWhatOthersLoseAndWhatIsRefused) {
             "+ pass out quick from any to 192.168.64.0/24 keep state"));
 }
 
-struct Printed {
+struct PrintedDifference {
     int status = 0;
     std::string output;
 };
 
-Printed printed(const std::string& file, const std::string& other, Format format) {
+PrintedDifference printed(const std::string& file, const std::string& other, Format format) {
     std::ostringstream output;
     std::ostringstream errors;
     Console console{.output = output, .errors = errors, .format = format};

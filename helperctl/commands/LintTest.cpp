@@ -26,13 +26,13 @@ using testing::ThrowsMessage;
 const char* const labPath = TARNVALE_SOURCE_DIR "/examples/lab.json";
 
 /// What the command prints of the file.
-struct Printed {
+struct PrintedFindings {
     int status = 0;
     std::string output;
     std::string errors;
 };
 
-Printed printed(const std::string& file, Format format = Format::text) {
+PrintedFindings printed(const std::string& file, Format format = Format::text) {
     std::ostringstream output;
     std::ostringstream errors;
     Console console{.output = output, .errors = errors, .format = format};

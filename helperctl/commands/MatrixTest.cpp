@@ -24,7 +24,7 @@ using testing::Not;
 using testing::StartsWith;
 using testing::ThrowsMessage;
 
-std::string pathOf(const std::string& example) {
+std::string examplePath(const std::string& example) {
     return TARNVALE_SOURCE_DIR "/examples/" + example + ".json";
 }
 
@@ -46,14 +46,14 @@ Arguments of(const std::string& file) {
 
 TEST(MatrixTest, PrintsATableForEachNetwork) {
     EXPECT_EQ(
-        printed(of(pathOf("lab"))),
+        printed(of(examplePath("lab"))),
         "Lab, 192.168.64.0/24\n"
         "  with                      from its machines         to its machines\n"
         "  the host                  everything                tcp 22\n"
         "  anywhere else             everything                tcp 22\n"
         "  10.0.0.0/8                nothing                   tcp 22\n");
     EXPECT_THAT(
-        printed(of(pathOf("web-server"))),
+        printed(of(examplePath("web-server"))),
         HasSubstr("\n"
                   "  anywhere else             nothing                   tcp 80 and 443; udp 443;\n"
                   "                                                      icmp\n"
@@ -70,7 +70,7 @@ TEST(MatrixTest, SaysWhereNothingIsEnforced) {
 }
 
 TEST(MatrixTest, PrintsJsonOfItsSchema) {
-    const auto json = printed(of(pathOf("lab")), Format::json);
+    const auto json = printed(of(examplePath("lab")), Format::json);
 
     EXPECT_EQ(test::judgedBySchema("helperctl", json), "yes") << json;
     EXPECT_THAT(
@@ -135,7 +135,7 @@ std::string checked(const std::string& svg, const std::vector<std::string>& argu
 }
 
 TEST(MatrixTest, KeepsEveryTextOfThePictureInItsPlace) {
-    EXPECT_EQ(checked(svgOf(test::contentOf(pathOf("web-server")))), "");
+    EXPECT_EQ(checked(svgOf(test::contentOf(examplePath("web-server")))), "");
     EXPECT_EQ(checked(svgOf(std::string("[]"))), "");
     EXPECT_EQ(checked(svgOf(trickyPolicies())), "");
 }
@@ -154,7 +154,7 @@ TEST(MatrixTest, DrawsWhatRenderersUnderstand) {
 }
 
 TEST(MatrixTest, WritesThePictureWhereItIsToldTo) {
-    auto arguments = of(pathOf("lab"));
+    auto arguments = of(examplePath("lab"));
     arguments.svg = testing::TempDir() + "matrix.svg";
 
     EXPECT_EQ(printed(arguments), "");

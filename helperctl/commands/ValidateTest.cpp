@@ -26,7 +26,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// The machine's own network, and a bridge of virtual machines.
-std::vector<HostAddress> hosts() {
+std::vector<HostAddress> hostsOfOneLab() {
     return {
         {.interface = "en0", .bytes = {192, 168, 1, 5}, .prefixLength = 24},
         {.interface = "bridge100", .bytes = {192, 168, 64, 1}, .prefixLength = 24}};
@@ -48,7 +48,7 @@ std::string network(const std::string& subnet, const std::string& rules, bool en
 
 std::vector<std::string> problemsOf(const std::string& policy) {
     std::vector<std::string> problems;
-    for (const auto& problem : validated(policy, hosts()).problems) {
+    for (const auto& problem : validated(policy, hostsOfOneLab()).problems) {
         problems.push_back(
             std::to_string(problem.place.line) + ":" + std::to_string(problem.place.column) + " " +
             problem.path + ": " + problem.problem + (problem.isIgnored ? " (warning)" : ""));
@@ -59,13 +59,13 @@ std::vector<std::string> problemsOf(const std::string& policy) {
 TEST(ValidateTest, FindsNothingInASoundPolicy) {
     const auto validation = validated(
         "[" + network("192.168.64.0/24", rule("any", "") + "," + rule("10.0.0.0/8", "53")) + "]",
-        hosts());
+        hostsOfOneLab());
 
     EXPECT_THAT(validation.problems, IsEmpty());
     EXPECT_TRUE(validation.isValid());
     EXPECT_EQ(validation.networks, 1U);
     EXPECT_EQ(validation.rules, 2U);
-    EXPECT_TRUE(validated("[]", hosts()).isValid());
+    EXPECT_TRUE(validated("[]", hostsOfOneLab()).isValid());
 }
 
 TEST(ValidateTest, FindsWhatTheReviewRefuses) {
@@ -118,7 +118,7 @@ TEST(ValidateTest, WarnsOfWhatTheHelperIgnores) {
 
     EXPECT_THAT(
         problemsOf(policy), ElementsAre("1:112 [0].gatewayIPV4: unknown key, ignored (warning)"));
-    EXPECT_TRUE(validated(policy, hosts()).isValid());
+    EXPECT_TRUE(validated(policy, hostsOfOneLab()).isValid());
 }
 
 TEST(ValidateTest, FindsAnErrorOfSyntaxAndWhatDoesNotFitBeforeIt) {
@@ -133,7 +133,7 @@ TEST(ValidateTest, FindsAnErrorOfSyntaxAndWhatDoesNotFitBeforeIt) {
 /// Whether an apply would enforce every enabled network and rule of the policy.
 bool isEnforced(const std::string& policy) {
     try {
-        const auto preview = helperctl::preview(policy, hosts(), 501);
+        const auto preview = helperctl::preview(policy, hostsOfOneLab(), 501);
         return preview.status == done && preview.answer.skippedRules->empty() &&
                preview.answer.droppedClaims->empty();
     } catch (const std::exception&) {
@@ -150,7 +150,7 @@ TEST(ValidateTest, FindsAProblemExactlyIfAnApplyWould) {
     for (int i = 0; i < 10'000; ++i) {
         const auto policy = test::mutated(sound, random);
 
-        const bool isValid = validated(policy, hosts()).isValid();
+        const bool isValid = validated(policy, hostsOfOneLab()).isValid();
 
         EXPECT_EQ(isValid, isEnforced(policy)) << policy;
         sounds += isValid ? 1 : 0;

@@ -23,10 +23,8 @@ using testing::MatchesRegex;
 using testing::Pair;
 using testing::StartsWith;
 
-constexpr const char* subnet64 = "192.168.64.0/24";
-
 /// The lines of the listing, each with its count of packets.
-std::vector<std::pair<std::string, int>> countedLines() {
+std::vector<std::pair<std::string, int>> linesWithCounts() {
     static const std::regex form("(pass|block)[^\n]*\n  \\[ Evaluations: \\d+ +Packets: (\\d+) ");
     const std::string listing = pfctl({"-a", anchor, "-v", "-sr"}).output;
     std::vector<std::pair<std::string, int>> lines;
@@ -182,7 +180,7 @@ TEST_F(LoadTest, CountsThePacketsThatEachLineDecidedOn) {
     EXPECT_TRUE(lab->drops({.protocol = Protocol::ping, .from = office, .to = vm2}));
 
     EXPECT_THAT(
-        countedLines(),
+        linesWithCounts(),
         ElementsAre(
             Pair(
                 "pass in quick inet proto udp from 192.168.64.0/24 port = 68 to any port = 67 keep "
@@ -212,10 +210,10 @@ TEST_F(LoadTest, KeepsCountersWhenPfIsEnabledAndResetsThemByALoad) {
     ASSERT_TRUE(lab->drops({.protocol = Protocol::ping, .from = outside, .to = vm1}));
 
     pfctl({"-E"});
-    EXPECT_THAT(countedLines(), ElementsAre(Pair(line, 1)));
+    EXPECT_THAT(linesWithCounts(), ElementsAre(Pair(line, 1)));
 
     load(ruleset);
-    EXPECT_THAT(countedLines(), ElementsAre(Pair(line, 0)));
+    EXPECT_THAT(linesWithCounts(), ElementsAre(Pair(line, 0)));
 }
 
 void LoadTest::expectNothingThroughWhileLoading(const std::string& one, const std::string& two) {
@@ -339,7 +337,7 @@ TEST_F(LoadTest, IsRefusedAsBusyWhileAnotherOneRuns) {
     }
 
     EXPECT_TRUE(collided);
-    EXPECT_EQ(countedLines().size(), 5004U);
+    EXPECT_EQ(linesWithCounts().size(), 5004U);
 }
 
 }  // namespace

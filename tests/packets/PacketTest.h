@@ -20,6 +20,9 @@ namespace tarnvale::test {
 inline constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
 inline constexpr const char* rulesetFile = "/tmp/ruleset.conf";
 
+/// The lab's first network of machines.
+inline constexpr const char* subnet64 = "192.168.64.0/24";
+
 enum class Default : std::uint8_t { allow, deny };
 
 /// The lines of one network in the order in which the helper writes them: DHCP, `rules`, and what

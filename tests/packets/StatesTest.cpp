@@ -15,8 +15,6 @@
 namespace tarnvale::test {
 namespace {
 
-constexpr const char* subnet64 = "192.168.64.0/24";
-
 constexpr std::array allProtocols{Protocol::tcp, Protocol::udp, Protocol::ping};
 
 /// Kills what the helper kills when a network has changed.

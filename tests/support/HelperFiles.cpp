@@ -53,6 +53,11 @@ void put(const std::string& path, std::string_view content) {
     }
 }
 
+void putScript(const std::string& path, const std::string& commands) {
+    put(path, "#!/bin/sh\n" + commands);
+    fs::permissions(path, fs::perms(0755));
+}
+
 bool exists(const std::string& path) {
     return fs::exists(fs::symlink_status(path));
 }

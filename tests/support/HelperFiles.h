@@ -30,6 +30,9 @@ std::string contentOf(const std::string& path);
 /// Writes the file, making its folders.
 void put(const std::string& path, std::string_view content);
 
+/// The same, for a shell script of these commands that everybody may run.
+void putScript(const std::string& path, const std::string& commands);
+
 bool exists(const std::string& path);
 
 /// The permission bits of what is at the path; a link is not followed.

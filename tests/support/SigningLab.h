@@ -86,6 +86,9 @@ std::string cmsMessage(std::string_view content, const MessageRequest& request);
 /// The three lines for a program.
 std::string signedContent(std::string_view program, std::string_view identifier);
 
+/// What signed programs of tests are called, unless a test is about it.
+inline constexpr const char* clientIdentifier = "com.brackwen.tarnvale";
+
 /// The message of a well-signed program.
 std::string signatureOf(std::string_view program, std::string_view identifier, const Chain& chain);
 

@@ -31,11 +31,6 @@ constexpr const char* daemonPlist =
 constexpr const char* callsPath = "/tmp/calls";
 constexpr const char* helpers = "/Applications/Tarnvale.app/Contents/Helpers";
 
-void putProgram(const std::string& path, const std::string& commands) {
-    put(path, "#!/bin/sh\n" + commands);
-    fs::permissions(path, fs::perms(0755));
-}
-
 Finished runScript(const std::string& name, std::vector<std::string> arguments = {}) {
     arguments.insert(arguments.begin(), packaging + name);
     return run(arguments);
@@ -47,13 +42,13 @@ protected:
         for (const char* name : {"codesign", "lipo", "launchctl", "plutil"}) {
             play(name, "");
         }
-        putProgram("/tmp/bin/TarnvaleAdminHelper", "echo 1.4.0\n");
-        putProgram("/tmp/bin/tarnvale-helperctl", "");
+        putScript("/tmp/bin/TarnvaleAdminHelper", "echo 1.4.0\n");
+        putScript("/tmp/bin/tarnvale-helperctl", "");
     }
 
     /// Puts a command in place that remembers its call and then does this.
     static void play(const std::string& name, const std::string& commands) {
-        putProgram("/usr/bin/" + name, "echo \"" + name + " $*\" >>/tmp/calls\n" + commands);
+        putScript("/usr/bin/" + name, "echo \"" + name + " $*\" >>/tmp/calls\n" + commands);
     }
 
     static std::string calls() { return exists(callsPath) ? contentOf(callsPath) : ""; }
@@ -192,7 +187,7 @@ class MakePkgTest : public MacScriptsTest {
 protected:
     MakePkgTest() {
         put(app + "/Contents/Info.plist", "");
-        putProgram(app + "/Contents/Helpers/TarnvaleAdminHelper", "echo 1.4.0\n");
+        putScript(app + "/Contents/Helpers/TarnvaleAdminHelper", "echo 1.4.0\n");
         put(app + "/Contents/Library/LaunchDaemons/" + plistName,
             contentOf(std::string(packaging) + plistName));
         play(
@@ -274,7 +269,7 @@ TEST_F(MakePkgTest, RefusesAnApplicationWithAnotherPropertyList) {
 }
 
 TEST_F(MakePkgTest, RefusesAHelperOfAnotherVersion) {
-    putProgram(app + "/Contents/Helpers/TarnvaleAdminHelper", "echo 7\n");
+    putScript(app + "/Contents/Helpers/TarnvaleAdminHelper", "echo 7\n");
 
     expectRefusal("the helper's version is not the application's");
 }

@@ -27,7 +27,7 @@ constexpr const char* refusal =
 
 /// A request and its result where it is allowed. It fails or has nothing to do, so that the
 /// requests of several users don't meddle with each other.
-struct Request {
+struct Change {
     const char* method;
     const char* types;
     Texts arguments;
@@ -37,7 +37,7 @@ struct Request {
     std::vector<std::string> logged;  ///< where it is allowed
 };
 
-std::vector<Request> changes() {
+std::vector<Change> changes() {
     return {
         {"ApplyFirewall",
          "ay",
@@ -94,7 +94,7 @@ protected:
         SCOPED_TRACE(uid);
         std::vector<std::string> log{listeningMessage()};
         ServiceClient client(lab.client, uid);
-        for (const Request& change : changes()) {
+        for (const Change& change : changes()) {
             const bool allowed =
                 right == Right::everything || (right == Right::console && !change.adminOnly);
             Texts refused(change.allowed.size(), "nil");

@@ -26,8 +26,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr const char* script = TARNVALE_SOURCE_DIR "/packaging/macos/uninstall";
-constexpr const char* daemonPlist =
-    "/Library/LaunchDaemons/com.brackwen.tarnvale.adminhelper.plist";
+constexpr const char* jobPlist = "/Library/LaunchDaemons/com.brackwen.tarnvale.adminhelper.plist";
 constexpr const char* helper = "/Applications/Tarnvale.app/Contents/Helpers/TarnvaleAdminHelper";
 constexpr const char* tool = "/Applications/Tarnvale.app/Contents/Helpers/tarnvale";
 constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
@@ -36,11 +35,6 @@ constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
 constexpr const char* job = "/tmp/job";
 constexpr const char* bootout = "bootout system/com.brackwen.tarnvale.adminhelper\n";
 constexpr const char* print = "print system/com.brackwen.tarnvale.adminhelper\n";
-
-void putProgram(const std::string& path, const std::string& commands) {
-    put(path, "#!/bin/sh\n" + commands);
-    fs::permissions(path, fs::perms(0755));
-}
 
 void link(const std::string& name, const std::string& target) {
     fs::create_directories("/usr/local/bin");
@@ -51,7 +45,7 @@ void link(const std::string& name, const std::string& target) {
 class UninstallTest : public testing::Test {
 protected:
     UninstallTest() {
-        putProgram(
+        putScript(
             "/usr/bin/launchctl",
             "echo \"$*\" >>/tmp/launchctl.calls\n"
             "[ -e /tmp/job ] || exit 113\n"
@@ -61,7 +55,7 @@ protected:
             "print:1) rm /tmp/job ;;\n"
             "print:*) echo $((left - 1)) >/tmp/job ;;\n"
             "esac\n");
-        putProgram(
+        putScript(
             "/usr/sbin/pkgutil",
             "case $* in\n"
             "'--pkg-info com.brackwen.tarnvale.pkg') [ -e /tmp/receipt ] ;;\n"
@@ -69,7 +63,7 @@ protected:
             "*) exit 1 ;;\n"
             "esac\n");
         fs::remove("/usr/sbin/ifconfig");  // in a user namespace another's file can't be written
-        putProgram("/usr/sbin/ifconfig", "[ $1 = vlan0 ] || [ $1 = vlan7 ]\n");
+        putScript("/usr/sbin/ifconfig", "[ $1 = vlan0 ] || [ $1 = vlan7 ]\n");
         for (const char* folder : {"/usr/local/bin", "/etc/resolver"}) {
             fs::remove_all(folder);
             fs::create_directories(folder);
@@ -80,7 +74,7 @@ protected:
     static void installEverything() {
         put(job, "0\n");
         put("/tmp/receipt", "");
-        put(daemonPlist, "");
+        put(jobPlist, "");
         put(helper, "");
         put(tool, "");
         put(storePath, "{}");
@@ -236,14 +230,14 @@ TEST_F(UninstallTest, KeepsTheApplicationOnRequest) {
     EXPECT_EQ(uninstall({"--keep-app"}).status, 0);
 
     EXPECT_TRUE(exists(helper));
-    EXPECT_FALSE(exists(daemonPlist));
+    EXPECT_FALSE(exists(jobPlist));
 }
 
 TEST_F(UninstallTest, DoesNothingIfItMayNotRemoveTheApplication) {
     installEverything();
     for (const std::string command : {"rmdir", "mkdir"}) {
         fs::remove("/usr/bin/" + command);
-        putProgram(
+        putScript(
             "/usr/bin/" + command,
             "echo \"${0##*/}: $*: Operation not permitted\" | sed 's|-p ||' >&2; exit 1\n");
 
@@ -259,7 +253,7 @@ TEST_F(UninstallTest, DoesNothingIfItMayNotRemoveTheApplication) {
         EXPECT_EQ(finished.output, "");
         EXPECT_EQ(finished.status, 1);
     }
-    for (const char* stays : {job, "/tmp/receipt", daemonPlist, helper, storePath.c_str()}) {
+    for (const char* stays : {job, "/tmp/receipt", jobPlist, helper, storePath.c_str()}) {
         EXPECT_TRUE(exists(stays)) << stays;
     }
     EXPECT_TRUE(fs::is_symlink("/usr/local/bin/tvx"));
@@ -270,7 +264,7 @@ TEST_F(UninstallTest, DoesNothingIfItMayNotRemoveTheApplication) {
 TEST_F(UninstallTest, NeedNotRemoveAnApplicationThatItKeeps) {
     installEverything();
     fs::remove("/usr/bin/mkdir");
-    putProgram("/usr/bin/mkdir", "exit 1\n");
+    putScript("/usr/bin/mkdir", "exit 1\n");
 
     EXPECT_EQ(uninstall({"--keep-app"}).status, 0);
 
@@ -315,7 +309,7 @@ TEST_F(UninstallTest, RefusesAnOptionThatItDoesNotKnow) {
     EXPECT_EQ(finished.error, "usage: uninstall [--keep-app] [--keep-vlans]\n");
     EXPECT_EQ(finished.status, 2);
     EXPECT_TRUE(exists(job));
-    EXPECT_TRUE(exists(daemonPlist));
+    EXPECT_TRUE(exists(jobPlist));
 }
 
 TEST_F(UninstallTest, IsForRootAlone) {

@@ -29,7 +29,7 @@ std::optional<SignatureTrailer> trailerOf(const std::string& bytes) {
     return readTrailer(file.get(), static_cast<off_t>(bytes.size()));
 }
 
-std::string content(
+std::string contentText(
     const std::string& identifier = "com.brackwen.tarnvale",
     const std::string& sha256 = std::string(digest)) {
     return "tarnvale-code-signature 1\nidentifier " + identifier + "\nsha256 " + sha256 + "\n";
@@ -208,19 +208,19 @@ TEST(MessageShapeTest, HasNoTagOfSeveralBytes) {
 
 TEST(SignedContentTest, IsExactlyTheThreeLines) {
     EXPECT_THAT(
-        parseSignedContent(content()),
+        parseSignedContent(contentText()),
         Optional(
             SignedContent{.identifier = "com.brackwen.tarnvale", .sha256 = std::string(digest)}));
 }
 
 TEST(SignedContentTest, HasAnyIdentifierThatIsText) {
     EXPECT_THAT(
-        parseSignedContent(content("a b\xC3\xA4")),
+        parseSignedContent(contentText("a b\xC3\xA4")),
         Optional(SignedContent{.identifier = "a b\xC3\xA4", .sha256 = std::string(digest)}));
 }
 
 TEST(SignedContentTest, IsNothingElse) {
-    const std::string good = content();
+    const std::string good = contentText();
     const std::string hex(digest);
     const std::vector<std::string> cases = {
         "",
@@ -244,16 +244,16 @@ TEST(SignedContentTest, IsNothingElse) {
         "tarnvale-code-signature 1\nidentifier x\nsha512 " + hex + hex + "\n",
         "tarnvale-code-signature 1\nIdentifier x\nsha256 " + hex + "\n",
         "tarnvale-code-signature 1\nidentifier\nsha256 " + hex + "\n",
-        content(""),
-        content("x\xFF"),
-        content("x", ""),
-        content("x", hex.substr(1)),
-        content("x", hex + "0"),
-        content("x", hex + hex),
-        content("x", "BA" + hex.substr(2)),
-        content("x", "g" + hex.substr(1)),
-        content("x", " " + hex.substr(1)),
-        content("x", std::string(64, '\0')),
+        contentText(""),
+        contentText("x\xFF"),
+        contentText("x", ""),
+        contentText("x", hex.substr(1)),
+        contentText("x", hex + "0"),
+        contentText("x", hex + hex),
+        contentText("x", "BA" + hex.substr(2)),
+        contentText("x", "g" + hex.substr(1)),
+        contentText("x", " " + hex.substr(1)),
+        contentText("x", std::string(64, '\0')),
     };
     for (const std::string& wrong : cases) {
         EXPECT_THAT(parseSignedContent(wrong), Eq(std::nullopt)) << wrong;

@@ -34,12 +34,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::Chain;
+using test::clientIdentifier;
 using test::Disturbance;
 using test::SocketPeer;
 using testing::Eq;
 using testing::Optional;
 
-constexpr const char* identifier = "com.brackwen.tarnvale";
 constexpr const char* clientPath = "/tmp/client";
 constexpr const char* anchored = "anchor apple generic";
 constexpr const char* rootsPath = "/etc/tarnvale/code-signing-roots.pem";
@@ -56,7 +56,7 @@ protected:
         fs::create_directory("/etc/tarnvale");
         ::chmod("/etc/tarnvale", 0755);
         writeRoots(chain.root.certificatePem());
-        writeProgram(clientPath, test::signedProgram(program, identifier, chain));
+        writeProgram(clientPath, test::signedProgram(program, clientIdentifier, chain));
     }
 
     static void writeRoots(const std::string& pem) {
@@ -82,7 +82,7 @@ protected:
     const Chain chain = Chain::development();
     const std::string program = test::contentOf("/bin/sleep");
     const SigningInformation clientInformation = {
-        .teamIdentifier = "K7PD2QM4TZ", .identifier = identifier};
+        .teamIdentifier = "K7PD2QM4TZ", .identifier = clientIdentifier};
     const std::unique_ptr<CodeSigning> signing = makeCodeSigning();
 };
 
@@ -176,7 +176,7 @@ TEST_F(CodeSigningTest, KnowsNoSignatureOfAnUnsignedProgram) {
 
 TEST_F(CodeSigningTest, ReadsAStrangersSignatureWithoutTrustingIt) {
     const Chain stranger = Chain::development();
-    writeProgram(clientPath, test::signedProgram(program, identifier, stranger));
+    writeProgram(clientPath, test::signedProgram(program, clientIdentifier, stranger));
 
     EXPECT_THAT(information(), Optional(clientInformation));
     EXPECT_FALSE(isValid());
@@ -185,7 +185,7 @@ TEST_F(CodeSigningTest, ReadsAStrangersSignatureWithoutTrustingIt) {
 TEST_F(CodeSigningTest, FindsAProgramWithOneBitChangedInvalid) {
     // A program may carry anything after its last section, and still runs.
     const std::string padded = program + std::string(1'000, 'p');
-    const std::string good = test::signedProgram(padded, identifier, chain);
+    const std::string good = test::signedProgram(padded, clientIdentifier, chain);
     for (const std::size_t place : {program.size(), program.size() + 500, padded.size() - 1}) {
         std::string changed = good;
         changed[place] = static_cast<char>(changed[place] ^ 1);
@@ -201,7 +201,7 @@ TEST_F(CodeSigningTest, FindsAProgramWithOneBitChangedInvalid) {
 TEST_F(CodeSigningTest, FindsASignatureOfAnotherProgramInvalid) {
     writeProgram(
         clientPath,
-        test::withTrailer(program, test::signatureOf(program + "x", identifier, chain)));
+        test::withTrailer(program, test::signatureOf(program + "x", clientIdentifier, chain)));
 
     EXPECT_THAT(information(), Optional(clientInformation));
     EXPECT_FALSE(isValid());
@@ -267,7 +267,8 @@ TEST_F(CodeSigningTest, SaysNothingOfAPeerWhoseTimeWasOverBeforeItsTurnCame) {
 }
 
 TEST_F(CodeSigningTest, ChecksAPeerAgainThatRunsAnotherProgram) {
-    writeProgram(clientPath, test::signedProgram(test::contentOf("/bin/dash"), identifier, chain));
+    writeProgram(
+        clientPath, test::signedProgram(test::contentOf("/bin/dash"), clientIdentifier, chain));
     const SocketPeer client({clientPath, "-c", "read line; exec /bin/sleep 1000"});
     const auto process = PeerProcess::ofSocket(client.socket());
     const auto before = signing->guest(process->peer());
@@ -329,7 +330,8 @@ TEST_F(CodeSigningTest, ChecksAFileAgainThatChangesDuringTheCheck) {
 
 TEST_F(CodeSigningTest, SaysSoWhenAFileNeverStopsChanging) {
     writeProgram(
-        clientPath, test::signedProgram(program + std::string(8 << 20, '\0'), identifier, chain));
+        clientPath,
+        test::signedProgram(program + std::string(8 << 20, '\0'), clientIdentifier, chain));
     const SocketPeer client({clientPath, "1000"});
     const auto process = PeerProcess::ofSocket(client.socket());
     {
@@ -474,7 +476,8 @@ double costOf(Check check) {
 
 TEST_F(CodeSigningTest, RemembersAVerdictOnAFileThatHasSettled) {
     writeProgram(
-        clientPath, test::signedProgram(program + std::string(32 << 20, '\0'), identifier, chain));
+        clientPath,
+        test::signedProgram(program + std::string(32 << 20, '\0'), clientIdentifier, chain));
     const SocketPeer client({clientPath, "1000"});
     const auto process = PeerProcess::ofSocket(client.socket());
     const auto check = [&] { EXPECT_TRUE(signing->guest(process->peer())->isValid(anchored)); };
@@ -492,7 +495,7 @@ TEST_F(CodeSigningTest, RemembersAVerdictOnAFileThatHasSettled) {
 TEST_F(CodeSigningTest, RemembersWhoseSignatureIsThatOfAnotherProgram) {
     const std::string padded = program + std::string(32 << 20, '\0');
     writeProgram(
-        clientPath, test::withTrailer(padded, test::signatureOf(program, identifier, chain)));
+        clientPath, test::withTrailer(padded, test::signatureOf(program, clientIdentifier, chain)));
     const SocketPeer client({clientPath, "1000"});
     const auto process = PeerProcess::ofSocket(client.socket());
     const auto check = [&] { EXPECT_FALSE(signing->guest(process->peer())->isValid(anchored)); };

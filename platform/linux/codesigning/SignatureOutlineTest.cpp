@@ -24,13 +24,12 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 using test::Chain;
+using test::clientIdentifier;
 using test::derElement;
 using test::Identity;
 using testing::Eq;
 using testing::Optional;
 using Clock = std::chrono::steady_clock;
-
-constexpr const char* identifier = "com.brackwen.tarnvale";
 
 std::string derOf(const Identity& identity) {
     unsigned char* bytes = nullptr;
@@ -76,20 +75,20 @@ protected:
     }
 
     const Chain chain = Chain::development();
-    const std::string message = test::signatureOf("", identifier, chain);
+    const std::string message = test::signatureOf("", clientIdentifier, chain);
 };
 
 TEST_F(SignatureOutlineTest, FindsTheContentAndTheSigner) {
     const auto outline = readOutline(message);
 
     ASSERT_TRUE(outline);
-    EXPECT_EQ(outline->content, test::signedContent("", identifier));
+    EXPECT_EQ(outline->content, test::signedContent("", clientIdentifier));
     EXPECT_THAT(organizationalUnitOf(outline->signerSubject), Optional("K7PD2QM4TZ"s));
 }
 
 TEST_F(SignatureOutlineTest, FindsASignerWhoIsNamedByItsKey) {
     const std::string named = test::cmsMessage(
-        test::signedContent("", identifier),
+        test::signedContent("", clientIdentifier),
         {.signers = {&chain.leaf},
          .certificates = {chain.intermediate.certificate()},
          .namesKey = true});

@@ -27,6 +27,7 @@ namespace tarnvale::platform {
 namespace {
 
 using test::Chain;
+using test::clientIdentifier;
 using test::cmsMessage;
 using test::Identity;
 using testing::AllOf;
@@ -38,11 +39,9 @@ using testing::Not;
 using testing::Optional;
 using testing::SizeIs;
 
-constexpr const char* identifier = "com.brackwen.tarnvale";
-
 /// Valid for the empty program.
 std::string content() {
-    return test::signedContent("", identifier);
+    return test::signedContent("", clientIdentifier);
 }
 
 SignedContent parsedContent() {
@@ -58,7 +57,7 @@ protected:
 
     const Chain chain = Chain::development();
     const std::string roots = chain.root.certificatePem();
-    const std::string message = test::signatureOf("", identifier, chain);
+    const std::string message = test::signatureOf("", clientIdentifier, chain);
 };
 
 TEST_F(SignedDataTest, SaysWhoSignedWhat) {
@@ -113,8 +112,8 @@ TEST_F(SignedDataTest, TrustsAChainUpToARoot) {
 TEST_F(SignedDataTest, SeesTheMarkersOfDeveloperID) {
     const Chain developerID = Chain::developerID();
 
-    const auto trusted =
-        verify(test::signatureOf("", identifier, developerID), developerID.root.certificatePem());
+    const auto trusted = verify(
+        test::signatureOf("", clientIdentifier, developerID), developerID.root.certificatePem());
 
     ASSERT_TRUE(trusted);
     EXPECT_THAT(trusted->chain[0].extensions, Contains("1.2.840.113635.100.6.1.13"));
@@ -127,7 +126,7 @@ TEST_F(SignedDataTest, IsValidUntilTheFirstCertificateExpires) {
     const Chain shorter = Chain::withLeaf(leaf);
 
     const auto trusted =
-        verify(test::signatureOf("", identifier, shorter), shorter.root.certificatePem());
+        verify(test::signatureOf("", clientIdentifier, shorter), shorter.root.certificatePem());
 
     ASSERT_TRUE(trusted);
     EXPECT_THAT(
@@ -260,7 +259,7 @@ TEST_F(SignedDataTest, TrustsNoCertificateIssuedByALeaf) {
 TEST_F(SignedDataTest, TrustsNoIssuerThatOnlyBearsTheNameOfOne) {
     const Chain impostor = Chain::development();
 
-    EXPECT_FALSE(verify(test::signatureOf("", identifier, impostor), roots));
+    EXPECT_FALSE(verify(test::signatureOf("", clientIdentifier, impostor), roots));
     EXPECT_FALSE(verify(
         cmsMessage(
             content(),
@@ -298,10 +297,10 @@ TEST_F(SignedDataTest, TrustsNoWeakKeyAndNoWeakDigest) {
 TEST_F(SignedDataTest, RefusesASignatureOfOtherContent) {
     const std::string other = test::signatureOf("", "com.brackwen.tarnvalf", chain);
     std::string forged = other;
-    forged.replace(forged.find("com.brackwen.tarnvalf"), 21, identifier);
+    forged.replace(forged.find("com.brackwen.tarnvalf"), 21, clientIdentifier);
 
     EXPECT_TRUE(verify(other, roots));
-    EXPECT_EQ(readClaims(forged)->content.identifier, identifier);
+    EXPECT_EQ(readClaims(forged)->content.identifier, clientIdentifier);
     EXPECT_FALSE(verify(forged, roots));
 }
 

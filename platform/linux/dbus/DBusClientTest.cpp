@@ -60,7 +60,7 @@ private:
     };
 };
 
-class Doorkeeper final : public TransportDelegate {
+class SimpleDoorkeeper final : public TransportDelegate {
 public:
     std::atomic<bool> admits = true;
 
@@ -125,7 +125,7 @@ protected:
     DBusClientTest() { makeTransport(signing).release()->resume(doorkeeper, exported); }
 
     Signing& signing = *new Signing;
-    Doorkeeper& doorkeeper = *new Doorkeeper;
+    SimpleDoorkeeper& doorkeeper = *new SimpleDoorkeeper;
     Exported& exported = *new Exported;
 };
 

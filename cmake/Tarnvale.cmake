@@ -52,6 +52,10 @@ target_compile_definitions(tarnvale_options INTERFACE
 define_property(TARGET PROPERTY TARNVALE_FOR_TESTS BRIEF_DOCS "Whether only tests run it")
 set(for_tests $<BOOL:$<TARGET_PROPERTY:TARNVALE_FOR_TESTS>>)
 target_compile_options(tarnvale_options INTERFACE $<${for_tests}:-O0>)
+# Compiled together with others, a source may give a local name that another one gives to something
+# global.
+target_compile_options(tarnvale_options INTERFACE
+    $<$<AND:${for_tests},$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-shadow>)
 if(NOT TARNVALE_SANITIZE)
     target_compile_definitions(tarnvale_options INTERFACE
         $<$<AND:$<CONFIG:Release>,$<NOT:${for_tests}>>:_FORTIFY_SOURCE=2>)
@@ -175,6 +179,9 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         set_target_properties(${program} PROPERTIES TARNVALE_FOR_TESTS ON)
         target_compile_definitions(${program} PRIVATE TARNVALE_BIN_DIR="${TARNVALE_BIN_DIR}"
             TARNVALE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+        if(TARNVALE_TESTS_TOGETHER)
+            set_target_properties(${program} PROPERTIES UNITY_BUILD ON)
+        endif()
         if(TARNVALE_PCH)
             target_precompile_headers(${program} REUSE_FROM tarnvale_precompiled)
         endif()

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <random>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -485,6 +487,33 @@ TEST_F(ChangeTest, LeavesWhatALoadFromNothingLeaves) {
         backend.flush("new");
     }
     EXPECT_GE(changes, 100);
+}
+
+TEST_F(ChangeTest, LeavesThatAlsoWhileOthersAreAtWork) {
+    Rulesets rulesets(21);
+    netlink::Socket others(NETLINK_NETFILTER);
+    std::minstd_rand random(22);  // NOLINT(cert-msc51-cpp): to be repeated
+    for (int round = 0; round < 150; ++round) {
+        load(rulesets.next() + network(9));
+        const std::string text = rulesets.next() + network(9);
+        std::thread other([&others, delay = std::chrono::microseconds(random() % 800)] {
+            netlink::MessageWriter transaction;
+            beginBatch(transaction);
+            beginNftables(transaction, NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ACK);
+            transaction.putText(NFTA_TABLE_NAME, "other");
+            beginNftables(transaction, NFT_MSG_DELTABLE);
+            transaction.putText(NFTA_TABLE_NAME, "other");
+            endBatch(transaction);
+            std::this_thread::sleep_for(delay);
+            others.request(transaction);
+        });
+        load(text);
+        other.join();
+
+        load(text, "new");
+        ASSERT_EQ(kernelsView(anchor), kernelsView("new")) << text;
+        backend.flush("new");
+    }
 }
 
 TEST_F(ChangeTest, IsDoneWhollyOrNotAtAllWheneverItIsKilled) {

@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "netlink/Socket.h"
@@ -27,6 +28,7 @@
 #include "pfctl/language/Listing.h"
 #include "pfctl/language/PfctlError.h"
 #include "pfctl/language/RulesetParser.h"
+#include "support/SystemCalls.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::pfctl {
@@ -52,24 +54,33 @@ void requireRoot() {
 /// The bytes of the file. Throws `std::system_error`.
 std::string readRuleset(const std::string& path) {
     const support::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::string text;
-    constexpr std::size_t piece = std::size_t{1} << 16U;
-    while (file) {
-        const std::size_t before = text.size();
-        if (before > maxRulesetSize) {
-            throw std::system_error(EFBIG, std::generic_category());
+    struct stat info {};
+    if (!file || ::fstat(file.get(), &info) != 0) {
+        throw std::system_error(errno, std::generic_category());
+    }
+    // One byte more than the file has, so that the read after the last byte needs no more room.
+    constexpr std::size_t leastRoom = std::size_t{1} << 16U;
+    const auto size = static_cast<std::size_t>(std::max<off_t>(info.st_size, 0));
+    std::string text(std::max(leastRoom, std::min(size, maxRulesetSize) + 1), '\0');
+    std::size_t used = 0;
+    while (true) {
+        const ssize_t taken = support::uninterrupted(
+            [&] { return ::read(file.get(), text.data() + used, text.size() - used); });
+        if (taken < 0) {
+            throw std::system_error(errno, std::generic_category());
         }
-        text.resize(before + std::max(piece, before / 2));
-        const ssize_t size = ::read(file.get(), text.data() + before, text.size() - before);
-        text.resize(before + static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-        if (size == 0) {
+        if (taken == 0) {
+            text.resize(used);
             return text;
         }
-        if (size < 0 && errno != EINTR) {
-            break;
+        used += static_cast<std::size_t>(taken);
+        if (used > maxRulesetSize) {
+            throw std::system_error(EFBIG, std::generic_category());
+        }
+        if (used == text.size()) {
+            text.resize(used + used / 2);
         }
     }
-    throw std::system_error(errno, std::generic_category());
 }
 
 /// The rules of the file; nothing after its mistakes have been printed.

@@ -2,6 +2,9 @@
 
 #include "support/Decimal.h"
 
+#include <charconv>
+#include <system_error>
+
 namespace tarnvale::support {
 
 std::optional<std::int64_t> parseDecimal(

@@ -4,14 +4,12 @@
 
 #pragma once
 
-#include <charconv>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
 #include <string_view>
-#include <system_error>
 
 namespace tarnvale::support {
 
@@ -28,10 +26,17 @@ std::optional<Number> takeNumber(
     std::string_view& text,
     Number max = std::numeric_limits<Number>::max(),
     LeadingZeros leadingZeros = LeadingZeros::allowed) {
+    // With from_chars, a ruleset takes a sixth longer to read.
     Number value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const auto length = static_cast<std::size_t>(end - text.data());
-    if (error != std::errc{} || value > max ||
+    std::size_t length = 0;
+    for (; length < text.size() && isDigit(text[length]); ++length) {
+        const auto digit = static_cast<Number>(text[length] - '0');
+        if (value > max / 10 || (value == max / 10 && digit > max % 10)) {
+            return std::nullopt;
+        }
+        value = static_cast<Number>(value * 10 + digit);
+    }
+    if (length == 0 ||
         (leadingZeros == LeadingZeros::refused && length > 1 && text.front() == '0')) {
         return std::nullopt;
     }

@@ -104,23 +104,25 @@ private:
     }
 
     void addForSubnet(const Subnet& subnet, std::uint32_t line) {
-        if (linesOfBlocks_.empty() || subnets_[linesOfBlocks_.back().first] != subnet) {
-            openBlock(subnet);
-        }
-        linesOfBlocks_.emplace_back(blockOf_.at(sortKey(subnet)), line);
+        const bool goesOn =
+            !linesOfBlocks_.empty() && subnets_[linesOfBlocks_.back().first] == subnet;
+        const auto block = goesOn ? linesOfBlocks_.back().first : openBlock(subnet);
+        linesOfBlocks_.emplace_back(block, line);
     }
 
-    /// Makes sure that the subnet has a block that lines can be added to.
-    void openBlock(const Subnet& subnet) {
+    /// The subnet's block, to which lines can be added.
+    std::uint32_t openBlock(const Subnet& subnet) {
         const auto known = blockOf_.find(sortKey(subnet));
         if (known != blockOf_.end()) {
             if (!overlapsAnother(subnet)) {
-                return;
+                return known->second;
             }
             finishMap();
         }
-        blockOf_.emplace(sortKey(subnet), static_cast<std::uint32_t>(subnets_.size()));
+        const auto block = static_cast<std::uint32_t>(subnets_.size());
+        blockOf_.emplace(sortKey(subnet), block);
         subnets_.push_back(subnet);
+        return block;
     }
 
     bool overlapsAnother(const Subnet& subnet) const {

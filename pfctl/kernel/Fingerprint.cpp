@@ -74,6 +74,13 @@ void Fingerprinter::compress(std::uint64_t word) {
 }
 
 void Fingerprinter::add(std::span<const std::uint8_t> bytes) {
+    const std::size_t shift = 8U * (length_ % wordSize);
+    for (; bytes.size() >= wordSize; bytes = bytes.subspan(wordSize)) {
+        const std::uint64_t word = littleEndian(bytes.first<wordSize>());
+        compress(word_ | word << shift);
+        word_ = shift == 0 ? 0 : word >> (8U * wordSize - shift);
+        length_ += wordSize;
+    }
     for (const std::uint8_t byte : bytes) {
         word_ |= std::uint64_t{byte} << 8U * (length_ % wordSize);
         ++length_;

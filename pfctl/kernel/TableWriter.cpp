@@ -122,21 +122,23 @@ void writeRule(
 class LineNumbers {
 public:
     explicit LineNumbers(std::span<const Rule> rules) {
+        runOf_.reserve(rules.size());
         for (std::uint32_t line = 0; line < rules.size(); ++line) {
             if (line == 0 || rules[line].keySide().subnet != rules[line - 1].keySide().subnet) {
                 runs_.push_back(line);
             }
+            runOf_.push_back(static_cast<std::uint32_t>(runs_.size() - 1));
         }
     }
 
     std::uint64_t of(std::uint32_t line) const {
-        const auto run = std::ranges::upper_bound(runs_, line) - runs_.begin() - 1;
-        const auto number = static_cast<std::uint64_t>(run);
-        return number << 32U | (line - runs_[number]);
+        const std::uint64_t run = runOf_[line];
+        return run << 32U | (line - runs_[run]);
     }
 
 private:
-    std::vector<std::uint32_t> runs_;  ///< the first line of each
+    std::vector<std::uint32_t> runs_;   ///< the first line of each
+    std::vector<std::uint32_t> runOf_;  ///< of each line
 };
 
 void addToShape(Fingerprinter& shape, const DirectionPlan& plan) {

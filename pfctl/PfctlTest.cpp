@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -237,14 +238,18 @@ TEST_F(PfctlTest, EnablesAgainUnderTheSameToken) {
 
 TEST_F(PfctlTest, EnablesWhatAnInterruptedEnableLeftDormant) {
     load(denyFirst);
-    ASSERT_EQ(pfctl({"-E"}).status, 0);
+    const auto first = pfctl({"-E"});
+    ASSERT_EQ(first.status, 0);
     const std::string enabled = std::string(runFolder) + "/enabled";
     ASSERT_EQ(::rename(enabled.c_str(), (enabled + ".away").c_str()), 0);
     load(denyFirst);
     ASSERT_EQ(::rename((enabled + ".away").c_str(), enabled.c_str()), 0);
     ASSERT_TRUE(tables().at(0).dormant);
 
-    EXPECT_EQ(pfctl({"-E"}).status, 0);
+    const auto again = pfctl({"-E"});
+
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.error, first.error) << "the token stays";
     EXPECT_FALSE(tables().at(0).dormant);
 }
 
@@ -728,6 +733,19 @@ TEST_F(PfctlTest, IsBusyWhileAnotherLoads) {
     EXPECT_EQ(busy.status, 1);
     EXPECT_EQ(busy.error, "pfctl: DIOCXCOMMIT: Resource busy\n");
     EXPECT_EQ(listing(), before);
+}
+
+TEST_F(PfctlTest, AFlushWaitsForItsTurn) {
+    load(denyFirst);
+    auto other = std::make_unique<RunLock>(RunLock::WhenTaken::fail);
+    std::thread flush([] { EXPECT_EQ(pfctl({"-a", anchor, "-F", "rules"}).status, 0); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+    EXPECT_THAT(tables(), SizeIs(1));
+
+    other.reset();
+    flush.join();
+    EXPECT_THAT(tables(), IsEmpty());
 }
 
 TEST_F(PfctlTest, WaitsForItsTurnDespiteASignal) {

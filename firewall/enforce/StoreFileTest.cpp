@@ -265,9 +265,11 @@ TEST(StoreLockTest, WaitsForNobodyWhoWouldWriteToAFifo) {
 
 TEST(StoreLockTest, IsOutOfReachOfOthersOnceItHasBeenTaken) {
     put(storePath(), onePolicy());
-    fs::permissions(storePath(), fs::perms(0644));
-    EXPECT_TRUE(lockFile());
-    EXPECT_EQ(modeOf(storePath()), 0600U);
+    for (const unsigned mode : {0644U, 0640U, 0620U, 0604U}) {
+        fs::permissions(storePath(), fs::perms(mode));
+        EXPECT_TRUE(lockFile());
+        EXPECT_EQ(modeOf(storePath()), 0600U) << mode;
+    }
 
     put("/tmp/elsewhere", onePolicy());
     fs::permissions("/tmp/elsewhere", fs::perms(0644));

@@ -382,6 +382,14 @@ TEST_F(HelperTest, PrintsThatPfctlIsMissing) {
             ""));
 }
 
+TEST_F(HelperTest, WaitsForItsChildrenWhateverWhoeverStartedItIgnores) {
+    put(storePath, store);
+
+    EXPECT_EQ(shell("trap '' CHLD; exec \"$0\" --reapply").status, 0);
+
+    EXPECT_THAT(logMessages(), ElementsAre(appliedLine, reappliedLine));
+}
+
 TEST_F(HelperTest, LivesWithOutputThatNobodyTakes) {
     EXPECT_EQ(shell("\"$0\" --status >/dev/full").status, 0);
     EXPECT_EQ(

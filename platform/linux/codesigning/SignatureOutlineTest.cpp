@@ -97,6 +97,18 @@ TEST_F(SignatureOutlineTest, FindsASignerWhoIsNamedByItsKey) {
     EXPECT_TRUE(verify(named, chain.root.certificatePem()));
 }
 
+TEST_F(SignatureOutlineTest, KnowsTheSignersCertificateFromOneWithItsNumberAlone) {
+    const Identity other({}, &chain.root);
+    X509_set_serialNumber(other.certificate(), X509_get_serialNumber(chain.leaf.certificate()));
+    ASSERT_GT(X509_sign(other.certificate(), chain.root.key(), EVP_sha256()), 0);
+
+    EXPECT_TRUE(readOutline(with({derOf(other)})));
+}
+
+TEST_F(SignatureOutlineTest, HasOneCertificateThatTheSignerNames) {
+    EXPECT_FALSE(readOutline(with({derOf(chain.leaf)})));
+}
+
 TEST_F(SignatureOutlineTest, TakesTheKindsOfKeyThatSignaturesHave) {
     EXPECT_TRUE(takesKey([] { return EVP_EC_gen("P-256"); }));
     EXPECT_TRUE(takesKey([] { return EVP_EC_gen("P-384"); }));

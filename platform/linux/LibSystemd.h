@@ -27,6 +27,7 @@ namespace tarnvale::platform {
     SYMBOL(sd_bus_message_close_container)   \
     SYMBOL(sd_bus_message_enter_container)   \
     SYMBOL(sd_bus_message_exit_container)    \
+    SYMBOL(sd_bus_message_get_bus)           \
     SYMBOL(sd_bus_message_get_expect_reply)  \
     SYMBOL(sd_bus_message_get_interface)     \
     SYMBOL(sd_bus_message_get_member)        \

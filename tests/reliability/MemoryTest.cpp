@@ -50,6 +50,11 @@ TEST(MemoryTest, AConnectionThatGetsNoneEndsAlone) {
     EXPECT_THAT(sweep("connection", "moment", {.first = 20, .last = 60}).violations, IsEmpty());
 }
 
+TEST(MemoryTest, ACallThatLibsystemdAnswersGetsItsReplyOrTheEndOfItsConnection) {
+    EXPECT_THAT(sweep("misfit", "once", {.step = 9}).violations, IsEmpty());
+    EXPECT_THAT(sweep("misfit", "moment", {.first = 48, .last = 80}).violations, IsEmpty());
+}
+
 TEST(MemoryTest, AHelperThatHadNoneForAMomentServes) {
     EXPECT_THAT(sweep("apply-changed", "moment", {.step = 9}).violations, IsEmpty());
     EXPECT_THAT(sweep("remove-last", "moment", {.step = 9}).violations, IsEmpty());

@@ -45,7 +45,8 @@ const Path& versionRequest();
 std::optional<Texts> callInTime(
     ServiceClient& client, const Path& path, std::chrono::seconds limit);
 
-/// Whether the reply says that everything was done.
+/// Whether the reply is the one to be had where nothing fails: that everything was done, or that
+/// the arguments are wrong.
 bool isSuccess(const Texts& reply);
 
 }  // namespace tarnvale::test

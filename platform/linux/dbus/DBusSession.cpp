@@ -85,12 +85,7 @@ Bus makeBus(int socket, ProtocolObject& object, UniqueFd& input) {
     checkBus(systemd().sd_bus_set_fd(made, readFrom.get(), writeTo.get()));
     readFrom.release();
     writeTo.release();
-    try {
-        exportProtocol(made, object);
-    } catch (...) {
-        abandon(std::move(bus));
-        throw;
-    }
+    exportProtocol(made, object);
     checkBus(systemd().sd_bus_start(made));
     ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);  // it was 8 MiB
     return bus;
@@ -121,6 +116,12 @@ DBusSession::DBusSession(
           .awaitRoom = [this](std::size_t size) { awaitRoom(size); }},
       bus_(makeBus(peer.socket, object_, toBus_)) {
     checkBus(systemd().sd_bus_add_filter(bus_.get(), nullptr, passGate, this));
+}
+
+DBusSession::~DBusSession() {
+    if (object_.isBusBroken) {
+        abandon(std::move(bus_));
+    }
 }
 
 void DBusSession::run(const Deadline& handshakeDeadline) {

@@ -61,7 +61,7 @@ public:
         MayRead mayRead);
     DBusSession(const DBusSession&) = delete;
     DBusSession& operator=(const DBusSession&) = delete;
-    ~DBusSession() = default;
+    ~DBusSession();
 
     /// Serves the peer until the session ends. Throws `std::system_error` when the connection does
     /// not end in an orderly way.

@@ -313,6 +313,28 @@ TEST_F(DBusTransportTest, FindsAMethodWithoutItsInterface) {
     EXPECT_TRUE(answerTo(wrong).says("org.freedesktop.DBus.Error.InvalidArgs"));
 }
 
+TEST_F(DBusTransportTest, TellsOfItsMethodsWhenItIsAsked) {
+    auto peer = connectRaw();
+    ASSERT_TRUE(peer.authenticate());
+    const auto answer = [&peer](const test::RawMessage& call) {
+        EXPECT_TRUE(peer.send(call.bytes()));
+        return peer.receive().value_or(test::Received{});
+    };
+    const std::string introspectable = "org.freedesktop.DBus.Introspectable";
+    const std::string version = std::to_string(::getuid());
+    EXPECT_TRUE(answer({}).says(version));
+
+    const auto methods = answer({.member = "Introspect", .interface = introspectable});
+    const auto driver = answer(
+        {.member = "Introspect", .path = "/org/freedesktop/DBus", .interface = introspectable});
+
+    for (const char* const method : {"HelperVersion", "ApplyFirewall", "ShutdownForUpgrade"}) {
+        EXPECT_TRUE(methods.says(std::string("<method name=\"") + method)) << method;
+    }
+    EXPECT_TRUE(driver.says("<method name=\"Hello"));
+    EXPECT_TRUE(answer({}).says(version));
+}
+
 /// The body of a call to make the VLAN 7 on en0. The tag stands at a multiple of 8.
 std::string bodyWithName(std::string_view name, bool isBigEndian = false, char padding = '\0') {
     std::string body = test::wireText(name, isBigEndian);

@@ -248,53 +248,57 @@ const sd_bus_vtable* driverTable() {
     return table.data();
 }
 
-/// Calls the method of the table whose member the call names.
-int callMethod(
-    sd_bus_message* call, const sd_bus_vtable* table, void* object, sd_bus_error* error) {
+/// The methods of one interface at one path.
+struct Table {
+    std::string_view path;
+    std::string_view interface;
+    const sd_bus_vtable* methods;
+};
+
+const std::array<Table, 2>& tables() {
+    static const std::array all{
+        Table{wire::objectPath, wire::interfaceName, protocolTable()},
+        Table{wire::driverPath, wire::driverInterface, driverTable()}};
+    return all;
+}
+
+/// The method whose member the call names; null when the table has none.
+const sd_bus_vtable* methodOf(const sd_bus_vtable* table, sd_bus_message* call) {
     const std::string_view member = systemd().sd_bus_message_get_member(call);
-    const std::string_view arguments = systemd().sd_bus_message_get_signature(call, 1);
     for (; table->type != _SD_BUS_VTABLE_END; ++table) {
-        if (table->type != _SD_BUS_VTABLE_METHOD || member != table->x.method.member) {
-            continue;
+        if (table->type == _SD_BUS_VTABLE_METHOD && member == table->x.method.member) {
+            return table;
         }
-        return arguments == table->x.method.signature
-                   ? table->x.method.handler(call, object, error)
-                   : systemd().sd_bus_reply_method_errorf(
-                         call, SD_BUS_ERROR_INVALID_ARGS, "Invalid arguments.");
     }
-    return systemd().sd_bus_reply_method_errorf(
-        call, SD_BUS_ERROR_UNKNOWN_METHOD, "Unknown method.");
+    return nullptr;
+}
+
+bool hasArgumentsOf(const sd_bus_vtable& method, sd_bus_message* call) {
+    const std::string_view arguments = systemd().sd_bus_message_get_signature(call, 1);
+    return arguments == method.x.method.signature;
 }
 
 /// D-Bus lets a call leave out the interface where the object has one method of that name; sd-bus
 /// does not find it then.
-int findMethod(sd_bus_message* call, void* userdata, sd_bus_error* error) noexcept {
-    auto& object = *static_cast<ProtocolObject*>(userdata);
-    constexpr int goesToItsHandler = 0;
-    if (systemd().sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0 ||
-        systemd().sd_bus_message_get_interface(call) != nullptr) {
-        return goesToItsHandler;
+int callWithoutInterface(
+    const Table& table, sd_bus_message* call, ProtocolObject& object, sd_bus_error* error) {
+    const auto* const method = methodOf(table.methods, call);
+    if (method == nullptr) {
+        return systemd().sd_bus_reply_method_errorf(
+            call, SD_BUS_ERROR_UNKNOWN_METHOD, "Unknown method.");
     }
-    const std::string_view path = systemd().sd_bus_message_get_path(call);
-    if (path == wire::objectPath) {
-        return answered(call, object, callMethod(call, protocolTable(), &object, error));
-    }
-    return path == wire::driverPath
-               ? answered(call, object, callMethod(call, driverTable(), &object, error))
-               : goesToItsHandler;
+    return hasArgumentsOf(*method, call)
+               ? method->x.method.handler(call, &object, error)
+               : systemd().sd_bus_reply_method_errorf(
+                     call, SD_BUS_ERROR_INVALID_ARGS, "Invalid arguments.");
 }
 
-/// Makes the object known. Half of it without memory would be worse than none, so it is tried
-/// again.
-void addTable(
-    sd_bus* bus,
-    const char* path,
-    const char* interface,
-    const sd_bus_vtable* table,
-    ProtocolObject& object) {
+/// Makes a table known to the bus. Half of it without memory would be worse than none, so it is
+/// tried again.
+void addTable(sd_bus* bus, const Table& table, ProtocolObject& object) {
     for (int attempt = 1;; ++attempt) {
-        const int result =
-            systemd().sd_bus_add_object_vtable(bus, nullptr, path, interface, table, &object);
+        const int result = systemd().sd_bus_add_object_vtable(
+            bus, nullptr, table.path.data(), table.interface.data(), table.methods, &object);
         if (result != -ENOMEM || attempt == maxAttempts) {
             checkBus(result);
             return;
@@ -303,10 +307,56 @@ void addTable(
     }
 }
 
+constexpr int goesToItsHandler = 0;
+constexpr int isTakenCareOf = 1;
+
+/// Leaves the call to sd-bus, which knows our methods from the first such call on: most connections
+/// have none, and making them known takes longer than all else that a connection is made of.
+int leaveToBus(sd_bus_message* call, ProtocolObject& object) noexcept {
+    if (object.isKnownToBus) {
+        return goesToItsHandler;
+    }
+    try {
+        for (const Table& table : tables()) {
+            addTable(systemd().sd_bus_message_get_bus(call), table, object);
+        }
+        object.isKnownToBus = true;
+        return goesToItsHandler;
+    } catch (...) {
+        object.isBusBroken = true;
+        object.isUnanswered = true;
+        return isTakenCareOf;
+    }
+}
+
+/// Takes the calls that are as they should be to their methods. sd-bus answers the others:
+/// introspection, properties, and what isn't there.
+int findMethod(sd_bus_message* call, void* userdata, sd_bus_error* error) noexcept {
+    auto& object = *static_cast<ProtocolObject*>(userdata);
+    if (systemd().sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
+        return goesToItsHandler;
+    }
+    const std::string_view path = systemd().sd_bus_message_get_path(call);
+    const char* const interface = systemd().sd_bus_message_get_interface(call);
+    for (const Table& table : tables()) {
+        if (path != table.path) {
+            continue;
+        }
+        if (interface == nullptr) {
+            return answered(call, object, callWithoutInterface(table, call, object, error));
+        }
+        const auto* const method =
+            interface == table.interface ? methodOf(table.methods, call) : nullptr;
+        if (method != nullptr && hasArgumentsOf(*method, call)) {
+            return answered(call, object, method->x.method.handler(call, &object, error));
+        }
+    }
+    return leaveToBus(call, object);
+}
+
 }  // namespace
 
 int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept {
-    constexpr int isTakenCareOf = 1;
     if (result < 0 && systemd().sd_bus_reply_method_errno(call, result, nullptr) < 0) {
         object.isUnanswered = true;
     }
@@ -314,9 +364,7 @@ int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept 
 }
 
 void exportProtocol(sd_bus* bus, ProtocolObject& object) {
-    addTable(bus, wire::objectPath, wire::interfaceName, protocolTable(), object);
     checkBus(systemd().sd_bus_add_filter(bus, nullptr, findMethod, &object));
-    addTable(bus, wire::driverPath, wire::driverInterface, driverTable(), object);
 }
 
 }  // namespace tarnvale::platform

@@ -25,6 +25,8 @@ struct ProtocolObject {
     std::function<void(std::size_t size)> awaitRoom;
     std::string call = {};  ///< all bytes of the call that is being carried out, unless it is large
     bool isUnanswered = false;  ///< not even an error could be sent in reply to a call
+    bool isKnownToBus = false;  ///< sd-bus has been told of all methods
+    bool isBusBroken = false;   ///< of some only: the bus can only be abandoned
 };
 
 /// Replies with the error if `result`, of somebody who was to reply to the call, is a negative
@@ -33,7 +35,7 @@ int answered(sd_bus_message* call, ProtocolObject& object, int result) noexcept;
 
 /// Puts the object on the bus, and as much of a bus driver as clients of a message bus expect.
 /// `object` must outlive the bus. A filter that is added later sees each message first. Throws
-/// `std::system_error`; the bus can then only be abandoned.
+/// `std::system_error`.
 void exportProtocol(sd_bus* bus, ProtocolObject& object);
 
 }  // namespace tarnvale::platform

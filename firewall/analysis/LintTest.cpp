@@ -59,7 +59,8 @@ TEST(LintTest, FindsNothingWhereThereIsNothing) {
     EXPECT_THAT(found({}), IsEmpty());
     EXPECT_THAT(found({labWith()}), IsEmpty());
     EXPECT_THAT(found({labWith({rule(Action::deny, Proto::any, "10.0.0.0/8")})}), IsEmpty());
-    EXPECT_THAT(found({labWith({rule(Action::deny, Proto::tcp, "192.168.64.1", "22")})}), IsEmpty());
+    EXPECT_THAT(
+        found({labWith({rule(Action::deny, Proto::tcp, "192.168.64.1", "22")})}), IsEmpty());
 }
 
 TEST(LintTest, SaysWhyANetworkIsNotEnforced) {

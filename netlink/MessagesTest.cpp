@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <malloc.h>
 
 namespace tarnvale::netlink {
 namespace {
@@ -57,6 +58,16 @@ TEST(MessageWriterTest, WritesHeadersAndPadsAttributes) {
             8, 0, 4, 0,  'a', 'b', 'c', 0,
             8, 0, 5, 0,  1, 2, 3, 4}));
     // clang-format on
+}
+
+TEST(MessageWriterTest, PadsWithZerosWhateverTheMemoryHeld) {
+    ::mallopt(M_PERTURB, 0x55);
+    MessageWriter messages;
+    messages.begin(0, 0, std::uint32_t{0});
+    messages.put(1, std::array<std::uint8_t, 1>{0xFF});
+    ::mallopt(M_PERTURB, 0);
+
+    EXPECT_THAT(attributesOf(messages), ElementsAre(5, 0, 1, 0, 0xFF, 0, 0, 0));
 }
 
 TEST(MessageWriterTest, NestsAttributes) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <system_error>
 
 #include <gmock/gmock.h>
@@ -78,19 +79,27 @@ public:
     }
 
     /// Answers a message: with an error, or with 0 for success.
-    void answer(int error) {
+    void answer(int error) { answer(NLMSG_ERROR, 0, 0, error); }
+
+    /// The same with another type, with flags, or to the request of that number.
+    void answer(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence, int error) {
         struct {
             nlmsghdr header;
             int verdict;
         } const message{
             .header =
                 {.nlmsg_len = sizeof message,
-                 .nlmsg_type = NLMSG_ERROR,
-                 .nlmsg_flags = 0,
-                 .nlmsg_seq = 0,
+                 .nlmsg_type = type,
+                 .nlmsg_flags = flags,
+                 .nlmsg_seq = sequence,
                  .nlmsg_pid = 0},
             .verdict = -error};
         ASSERT_EQ(::send(kernel_.get(), &message, sizeof message, 0), ssize_t{sizeof message});
+    }
+
+    void sayMuch() {
+        const std::string much(70'000, '\0');
+        ASSERT_EQ(::send(kernel_.get(), much.data(), much.size(), 0), ssize_t{70'000});
     }
 
     /// The error number that a request fails with; 0 when it succeeds.
@@ -105,10 +114,42 @@ public:
         }
     }
 
+    /// Whether a list is complete.
+    bool isListComplete() {
+        MessageWriter request;
+        request.begin(NLMSG_MIN_TYPE, NLM_F_DUMP, nlmsghdr{});
+        return socket_->dump(request, [](const Message&) {});
+    }
+
 private:
     support::UniqueFd kernel_;
     std::optional<Socket> socket_;
 };
+
+TEST(SocketTest, PassesOverTheLateAnswerToAnotherRequest) {
+    PlayedKernel kernel;
+    kernel.answer(NLMSG_ERROR, 0, 7, EBUSY);
+    kernel.answer(EEXIST);
+
+    EXPECT_EQ(kernel.errorOfARequest(), EEXIST);
+}
+
+TEST(SocketTest, TakesNoPartOfADatagramForAllOfIt) {
+    PlayedKernel kernel;
+    kernel.sayMuch();
+
+    EXPECT_EQ(kernel.errorOfARequest(), EMSGSIZE);
+}
+
+TEST(SocketTest, SaysThatAListChangedWhileItWasRead) {
+    PlayedKernel kernel;
+    kernel.answer(NLMSG_DONE, 0, 0, 0);
+    EXPECT_TRUE(kernel.isListComplete());
+
+    kernel.answer(NLMSG_MIN_TYPE, NLM_F_DUMP_INTR, 0, 0);
+    kernel.answer(NLMSG_DONE, 0, 0, 0);
+    EXPECT_FALSE(kernel.isListComplete());
+}
 
 TEST(SocketTest, TakesNoAnswerForThatToTheNextRequest) {
     PlayedKernel kernel;

@@ -385,7 +385,7 @@ TEST_F(HelperTest, PrintsThatPfctlIsMissing) {
 TEST_F(HelperTest, WaitsForItsChildrenWhateverWhoeverStartedItIgnores) {
     put(storePath, store);
 
-    EXPECT_EQ(shell("trap '' CHLD; exec \"$0\" --reapply").status, 0);
+    EXPECT_EQ(shell("exec env --ignore-signal=CHLD \"$0\" --reapply").status, 0);
 
     EXPECT_THAT(logMessages(), ElementsAre(appliedLine, reappliedLine));
 }

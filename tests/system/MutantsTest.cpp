@@ -182,6 +182,19 @@ TEST_F(MutantsTest, TakesNamesAndPatterns) {
     EXPECT_EQ(refused.status, 1);
 }
 
+TEST_F(MutantsTest, LeavesTheWholeSuiteOutIfAskedTo) {
+    putDefect("far", "distant");
+
+    const auto near = mutants("--related");
+
+    EXPECT_EQ(
+        near.output,
+        "far: missed by the tests that belong to it\n"
+        "mutants: 0 of 1 defects caught; missed: far (0 equivalent)\n");
+    EXPECT_EQ(near.status, 1);
+    EXPECT_THAT(mutants().output, HasSubstr("far: caught by WholeTest.Works\n"));
+}
+
 TEST_F(MutantsTest, FindsOnlyWhatHasChangedAgain) {
     putDefect("caught", "related");
     putDefect("unseen", "subtle");

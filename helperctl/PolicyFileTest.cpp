@@ -40,10 +40,10 @@ TEST(PolicyFileTest, ReadsAFileAsItIs) {
 }
 
 TEST(PolicyFileTest, ReadsOnAfterASignal) {
-    test::put(path, "[1]");
+    test::put(filePath, "[1]");
 
     const int interrupted =
-        test::interruptCalls(SYS_read, [] { EXPECT_EQ(readPolicyFile(path), "[1]"); });
+        test::interruptCalls(SYS_read, [] { EXPECT_EQ(readPolicyFile(filePath), "[1]"); });
 
     EXPECT_GT(interrupted, 0);
 }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,7 @@
 #include "core/base/HelperVersion.h"
 #include "core/service/CallerAuthorization.h"
 #include "firewall/policy/PolicyStore.h"
+#include "platform/NetworkPreferences.h"
 #include "tests/support/FakeCodeSigning.h"
 #include "tests/support/FakeMainLoop.h"
 #include "tests/support/FakeNetworkPreferences.h"
@@ -309,6 +311,24 @@ TEST_F(RequestHandlersTest, CreatesAndDeletesVLANs) {
         testing::IsSupersetOf(
             {"deleteVLAN failed: No VLAN interface named " + *created.result + ".",
              std::string("createVLAN failed: No physical interface named en9.")}));
+}
+
+/// A system that has no memory left when it is asked.
+class ExhaustedPreferences final : public platform::NetworkPreferences {
+public:
+    std::unique_ptr<platform::NetworkPreferencesSession> open(
+        std::string_view /*processName*/) override {
+        throw std::bad_alloc();
+    }
+};
+
+TEST_F(RequestHandlersTest, TellsOfALackOfMemoryInItsOwnSentence) {
+    ExhaustedPreferences exhausted;
+    RequestHandlers without{*listener, transport, users, exhausted};
+    transport.caller = administrator;
+
+    EXPECT_EQ(
+        without.deleteVLANWithBsdName("vlan0"), "There is not enough memory for this request.");
 }
 
 TEST_F(RequestHandlersTest, LinksFailWithOneSentence) {

@@ -147,6 +147,13 @@ TEST(NetworkReachTest, LooksAtWhatNarrowerPrefixesLeave) {
         {outbound(allow, "192.168.65.0/25", "80"), outbound(allow, "192.168.65.128/25", "22")}));
 }
 
+TEST(NetworkReachTest, FindsNoWayThroughThePortBetweenTwoThatAreOpen) {
+    constexpr auto allow = FirewallRule::Action::allow;
+
+    EXPECT_FALSE(reachesTheOther({outbound(allow, "any", "21"), outbound(allow, "any", "23")}));
+    EXPECT_TRUE(reachesTheOther({outbound(allow, "any", "21"), outbound(allow, "any", "22")}));
+}
+
 TEST(NetworkReachTest, KnowsWhoIsOutOfReachAtOnce) {
     FirewallNetworkPolicy closed;
     closed.subnetCIDR = "192.168.64.0/24";

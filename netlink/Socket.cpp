@@ -84,6 +84,10 @@ void Socket::send(const MessageWriter& messages) {
         setOption(fd_.get(), SOL_SOCKET, SO_SNDBUFFORCE, room);
     }
     auto pieces = messages.pieces();
+    send(pieces);
+}
+
+void Socket::send(std::span<iovec> pieces) {
     msghdr datagram{};
     datagram.msg_iov = pieces.data();
     datagram.msg_iovlen = pieces.size();
@@ -152,15 +156,27 @@ void Socket::receive(std::uint32_t sequence, const std::function<bool(const Answ
 void Socket::request(
     const MessageWriter& messages, std::size_t acknowledgements, int toleratedError) {
     send(messages);
-    receive(messages.sequence(), [&](const Answer& answer) {
+    awaitAcknowledgements(messages.sequence(), acknowledgements, toleratedError);
+}
+
+void Socket::request(Bytes message, std::uint32_t sequence) {
+    // sendmsg reads it only.
+    iovec whole{.iov_base = const_cast<std::uint8_t*>(message.data()), .iov_len = message.size()};
+    send(std::span(&whole, 1));
+    awaitAcknowledgements(sequence, 1, 0);
+}
+
+void Socket::awaitAcknowledgements(std::uint32_t sequence, std::size_t count, int toleratedError) {
+    // Two references: as much as a std::function holds without memory of its own.
+    receive(sequence, [&count, &toleratedError](const Answer& answer) {
         if (!answer.isVerdict()) {
             failMalformed();
         }
         if (const int error = answer.verdict(); error != 0 && error != toleratedError) {
             fail(error);
         }
-        --acknowledgements;
-        return acknowledgements > 0;
+        --count;
+        return count > 0;
     });
 }
 

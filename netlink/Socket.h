@@ -11,6 +11,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
+
+#include <sys/uio.h>
 
 #include "netlink/Messages.h"
 #include "support/UniqueFd.h"
@@ -30,6 +33,10 @@ public:
     void request(
         const MessageWriter& messages, std::size_t acknowledgements = 1, int toleratedError = 0);
 
+    /// Sends one message, which asks for an acknowledgement, and waits for that. Takes no memory
+    /// unless the kernel refuses, so that a change can be undone without.
+    void request(Bytes message, std::uint32_t sequence);
+
     /// Sends one message and calls `take` for each message of the answer. False when what is
     /// listed changed meanwhile, so that some of it may be missing or listed twice.
     bool dump(const MessageWriter& message, const std::function<void(const Message&)>& take);
@@ -42,6 +49,8 @@ private:
     struct Answer;
 
     void send(const MessageWriter& messages);
+    void send(std::span<iovec> pieces);
+    void awaitAcknowledgements(std::uint32_t sequence, std::size_t count, int toleratedError);
     Bytes receiveDatagram();
     void discard() noexcept;
     void receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take);

@@ -175,7 +175,19 @@ void LinkSocket::setUp(int index) {
 }
 
 void LinkSocket::remove(int index) {
-    socket_.request(begin(RTM_DELLINK, NLM_F_ACK, index));
+    struct {
+        nlmsghdr netlink;
+        ifinfomsg link;
+    } request{};
+    request.netlink.nlmsg_len = sizeof request;
+    request.netlink.nlmsg_type = RTM_DELLINK;
+    request.netlink.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    request.netlink.nlmsg_seq = ++sequence_;
+    request.link.ifi_family = AF_UNSPEC;
+    request.link.ifi_index = index;
+    socket_.request(
+        {reinterpret_cast<const std::uint8_t*>(&request), sizeof request},
+        request.netlink.nlmsg_seq);
 }
 
 /// Begins the next request, about the interface with that index. `interfaceFlags` are set on it.

@@ -57,6 +57,8 @@ public:
     /// The kernel gets the first `maxAliasSize` bytes of a longer alias.
     void setAlias(int index, std::string_view alias);
     void setUp(int index);
+
+    /// Takes no memory, unless the kernel refuses.
     void remove(int index);
 
 private:

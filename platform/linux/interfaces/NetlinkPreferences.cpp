@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include <net/if.h>
+
 #include "platform/NetworkPreferences.h"
 #include "platform/linux/interfaces/Links.h"
 
@@ -205,6 +207,8 @@ private:
         requireUnchanged(*std::ranges::find(links_, vlan.parent, &Link::index));
         socket_.createVLAN(vlan.name, *vlan.parent, static_cast<std::uint16_t>(*vlan.tag));
         stage_ = Stage::created;
+        // Known at once, so that nothing else takes memory before the VLAN can be taken back.
+        vlan.index = static_cast<int>(::if_nametoindex(vlan.name.c_str()));
 
         const auto created = vlanWith(vlan.parent, vlan.tag, socket_.links());
         if (!created) {
@@ -228,10 +232,10 @@ private:
     }
 
     void takeBack() {
-        const Link& vlan = links_[changed_];
-        const auto created = vlanWith(vlan.parent, vlan.tag, socket_.links());
-        if (created && (vlan.index == 0 || vlan.index == created->index)) {
-            socket_.remove(created->index);
+        // An index is not given again, so what took the VLAN's place meanwhile has another.
+        const int index = links_[changed_].index;
+        if (index != 0) {
+            socket_.remove(index);
         }
     }
 

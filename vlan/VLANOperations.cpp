@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <set>
 #include <vector>
@@ -50,6 +51,16 @@ Record recordOf(InterfaceID vlan, std::string_view bsdName, Session& session) {
 void commitAndApply(Session& session) {
     if (!session.commit() || !session.apply()) {
         throw VLANError::commitFailed();
+    }
+}
+
+/// Does what follows a change that stands already: a lack of memory must not make it look failed.
+template <typename Step>
+void asBestItCan(const Step& step) {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        // The change stands.
     }
 }
 
@@ -103,10 +114,12 @@ std::string create(
         .bsdName = session->bsdName(*vlan).value_or(""),
         .tag = tag,
         .parentBSD = std::string(parentBSD)};
-    helperLog(
-        "Created VLAN " + created.bsdName + " (tag " + std::to_string(tag) + ") on " +
-        created.parentBSD + ".");
-    recordCreation(created, *session);
+    asBestItCan([&] {
+        helperLog(
+            "Created VLAN " + created.bsdName + " (tag " + std::to_string(tag) + ") on " +
+            created.parentBSD + ".");
+    });
+    asBestItCan([&] { recordCreation(created, *session); });
     return created.bsdName;
 }
 
@@ -132,8 +145,8 @@ void deleteVLAN(platform::NetworkPreferences& preferences, std::string_view bsdN
     commitAndApply(*session);
 
     std::erase(records, deleted);
-    saveRecords(records);
-    helperLog("Deleted VLAN " + deleted.bsdName + ".");
+    asBestItCan([&] { saveRecords(records); });
+    asBestItCan([&] { helperLog("Deleted VLAN " + deleted.bsdName + "."); });
 }
 
 }  // namespace tarnvale::HelperVLAN

@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/EmptyHeap.h"
 #include "tests/support/FakeNetworkPreferences.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
@@ -278,6 +279,19 @@ TEST_F(VLANCreateTest, KeepsNoRecordBesideThatCanBeRead) {
     EXPECT_FALSE(test::exists(vlanRecordPath + ".unreadable"));
 }
 
+#if !defined(TARNVALE_THREAD_SANITIZER)
+TEST_F(VLANCreateTest, SucceedsAlthoughThereIsNoMemoryOnceTheVLANIsMade) {
+    std::optional<test::EmptyHeap> heap;
+    preferences.afterApply = [&] { heap.emplace(); };
+
+    const std::string made = createVLAN();
+    heap.reset();
+
+    EXPECT_EQ(made, "vlan0");
+    EXPECT_THAT(preferences.inEffect, ElementsAre(VLAN{"vlan0", 5, "en0"}));
+}
+#endif
+
 TEST_F(VLANCreateTest, SucceedsWhenItCannotBeRecorded) {
     test::put(supportFolder, "a file");
 
@@ -361,6 +375,19 @@ protected:
         EXPECT_EQ(preferences.openSessions, 0);
     }
 };
+
+#if !defined(TARNVALE_THREAD_SANITIZER)
+TEST_F(VLANDeleteTest, SucceedsAlthoughThereIsNoMemoryOnceTheVLANIsGone) {
+    saveRecords({{"vlan0", 5, "en0"}});
+    std::optional<test::EmptyHeap> heap;
+    preferences.afterApply = [&] { heap.emplace(); };
+
+    deleteVLAN(preferences, "vlan0");
+    heap.reset();
+
+    EXPECT_THAT(preferences.inEffect, ElementsAre(VLAN{"vlan1", 6, "en1"}));
+}
+#endif
 
 TEST_F(VLANDeleteTest, RemovesItsOwnVLAN) {
     saveRecords({{"vlan0", 5, "en0"}, {"vlan1", 6, "en1"}});

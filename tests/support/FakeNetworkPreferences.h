@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -53,6 +54,7 @@ public:
     int openSessions = 0;
 
     int attemptsToApply = 0;
+    std::function<void()> afterApply = [] {};  ///< when it has succeeded
 
     /// Sets up VLANs as if somebody had done it in the system's settings.
     void add(const VLAN& vlan) {
@@ -149,6 +151,7 @@ private:
                 return false;
             }
             preferences_.inEffect = preferences_.saved;
+            preferences_.afterApply();
             return true;
         }
 

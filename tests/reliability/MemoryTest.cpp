@@ -59,6 +59,13 @@ TEST(MemoryTest, AHelperThatHadNoneForAMomentServes) {
     EXPECT_THAT(sweep("apply-changed", "moment", {.step = 9}).violations, IsEmpty());
     EXPECT_THAT(sweep("remove-last", "moment", {.step = 9}).violations, IsEmpty());
     EXPECT_THAT(sweep("report", "moment", {.step = 9}).violations, IsEmpty());
+    EXPECT_THAT(sweep("remove-one", "five", {.step = 9}).violations, IsEmpty());
+    EXPECT_THAT(sweep("links-on", "three", {.step = 7}).violations, IsEmpty());
+    EXPECT_THAT(sweep("links-off", "three", {.step = 7}).violations, IsEmpty());
+}
+
+TEST(MemoryTest, AHelperThatHasNoneAsItStartsServesOrIsStartedAgain) {
+    EXPECT_THAT(sweep("start", "three", {.step = 9}).violations, IsEmpty());
 }
 
 }  // namespace

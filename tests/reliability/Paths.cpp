@@ -18,6 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* rulesInForce = "rules";
+
 std::vector<NetworkText> oneNetwork() {
     return {{.number = 64}};
 }
@@ -33,16 +35,71 @@ Texts expectSuccess(Texts reply, const std::string& method) {
     return reply;
 }
 
+/// From here on nobody has a list, and no rules are in force.
+void removeLists(ServiceClient& client) {
+    fs::remove(storePath);
+    expectSuccess(client.call("RemoveFirewall"), "RemoveFirewall");
+}
+
+/// From here on nobody else has a list.
 void applyList(ServiceClient& client, const std::vector<NetworkText>& networks) {
+    fs::remove(storePath);
     expectSuccess(client.call("ApplyFirewall", "ay", {policyText(networks)}), "ApplyFirewall");
 }
 
-void removeList(ServiceClient& client) {
-    expectSuccess(client.call("RemoveFirewall"), "RemoveFirewall");
+/// The same, but for a list of an administrator's.
+void applyListBesideAnother(ServiceClient& client) {
+    const NetworkText farm{.number = 65, .name = "Farm"};
+    put(storePath, storeText({{.key = std::to_string(administrator), .networks = {farm}}}));
+    expectSuccess(client.call("ApplyFirewall", "ay", {policyText(oneNetwork())}), "ApplyFirewall");
+}
+
+/// The store has a list, which is not in force.
+void forgetRules(ServiceClient& client) {
+    applyList(client, oneNetwork());
+    run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
 }
 
 void setResolver(ServiceClient& client, const std::string& enabled) {
     expectSuccess(client.call("SetTarnvaleResolver", "b", {enabled}), "SetTarnvaleResolver");
+}
+
+constexpr const char* currentLinks[] = {"/usr/local/bin/tarnvale", "/usr/local/bin/tvx"};
+constexpr const char* legacyLink = "/usr/local/bin/tx";
+constexpr const char* vlan = "/sys/class/net/vlan0";
+
+void installLinks(ServiceClient& client) {
+    expectSuccess(client.call("InstallCLISymlink"), "InstallCLISymlink");
+}
+
+/// Leaves none but one that the application once made.
+void removeLinks(ServiceClient& client) {
+    expectSuccess(client.call("RemoveCLISymlink"), "RemoveCLISymlink");
+    fs::create_directories(fs::path(legacyLink).parent_path());
+    fs::create_symlink("/Applications/Tarnvale.app/Contents/Helpers/tx", legacyLink);
+}
+
+/// Whoever made it, and whether that is recorded or not.
+void removeVLAN() {
+    if (exists(vlan) && run({"/sbin/ip", "link", "delete", "dev", "vlan0"}).status != 0) {
+        throw std::runtime_error("vlan0 can't be deleted");
+    }
+    fs::remove(vlanRecordPath);
+}
+
+Texts vlanArguments() {
+    return {"Office", "5", "en0"};
+}
+
+void createVLAN(ServiceClient& client) {
+    removeVLAN();
+    expectSuccess(client.call("CreateVLAN", "sxs", vlanArguments()), "CreateVLAN");
+}
+
+std::string targetOf(const char* link) {
+    std::error_code none;
+    const std::string target = fs::read_symlink(link, none);
+    return none ? "absent" : target;
 }
 
 /// The file without the times in it.
@@ -59,10 +116,20 @@ std::string timelessContentOf(const std::string& path) {
 MachineState machineState() {
     MachineState state;
     for (const auto& path :
-         {storePath, std::string("/etc/resolver/tvx"), std::string("/etc/resolver/tarnvale")}) {
+         {storePath,
+          vlanRecordPath,
+          std::string("/etc/resolver/tvx"),
+          std::string("/etc/resolver/tarnvale")}) {
         state[path] = timelessContentOf(path);
     }
-    state["rules"] = listedRules();
+    state[rulesInForce] = listedRules();
+    for (const char* const link : currentLinks) {
+        state[link] = targetOf(link);
+    }
+    state[legacyLink] = targetOf(legacyLink);
+    state[vlan] = exists(vlan) ? contentOf(std::string(vlan) + "/ifalias") +
+                                     contentOf(std::string(vlan) + "/flags")
+                               : "absent";
     std::error_code none;
     for (const char* folder : {supportFolder.c_str(), "/etc/resolver"}) {
         for (const auto& entry : fs::directory_iterator(folder, none)) {
@@ -81,8 +148,21 @@ const Path& versionRequest() {
     return request;
 }
 
+bool hasVLANs() {
+    return exists("/proc/net/vlan") && exists("/sys/class/net/en0");
+}
+
 const std::vector<Path>& allPaths() {
+    // The first allocation of a program is the C++ library's reserve for exceptions. Without that,
+    // the library itself ends the program where there is no memory for one.
+    constexpr std::uint64_t ownStart = 2;
     static const std::vector<Path> paths = {
+        {.name = "start",
+         .prepare = forgetRules,
+         .method = "HelperVersion",
+         .isStart = true,
+         .bestEffort = {rulesInForce},
+         .firstPoint = ownStart},
         {.name = "first-connection",
          .prepare = [](ServiceClient&) {},
          .method = "HelperVersion",
@@ -106,7 +186,7 @@ const std::vector<Path>& allPaths() {
          .isFirstOfClient = true},
         {.name = "report", .prepare = [](ServiceClient&) {}, .method = "FirewallReport"},
         {.name = "apply-new",
-         .prepare = [](ServiceClient& client) { removeList(client); },
+         .prepare = removeLists,
          .method = "ApplyFirewall",
          .types = "ay",
          .arguments = {policyText(oneNetwork())}},
@@ -120,10 +200,13 @@ const std::vector<Path>& allPaths() {
          .method = "ApplyFirewall",
          .types = "ay",
          .arguments = {policyText(oneNetwork())}},
+        {.name = "remove-one", .prepare = applyListBesideAnother, .method = "RemoveFirewall"},
         {.name = "remove-last",
          .prepare = [](ServiceClient& client) { applyList(client, oneNetwork()); },
          .method = "RemoveFirewall",
-         .isBestEffort = true},
+         .bestEffort = {rulesInForce, storePath}},
+        {.name = "links-on", .prepare = removeLinks, .method = "InstallCLISymlink"},
+        {.name = "links-off", .prepare = installLinks, .method = "RemoveCLISymlink"},
         {.name = "resolver-on",
          .prepare = [](ServiceClient& client) { setResolver(client, "false"); },
          .method = "SetTarnvaleResolver",
@@ -133,7 +216,21 @@ const std::vector<Path>& allPaths() {
          .prepare = [](ServiceClient& client) { setResolver(client, "true"); },
          .method = "SetTarnvaleResolver",
          .types = "b",
-         .arguments = {"false"}}};
+         .arguments = {"false"}},
+        {.name = "vlan-create",
+         .prepare = [](ServiceClient&) { removeVLAN(); },
+         .method = "CreateVLAN",
+         .types = "sxs",
+         .arguments = vlanArguments(),
+         .bestEffort = {vlanRecordPath},
+         .needsVLANs = true},
+        {.name = "vlan-delete",
+         .prepare = createVLAN,
+         .method = "DeleteVLAN",
+         .types = "s",
+         .arguments = {"vlan0"},
+         .bestEffort = {vlanRecordPath},
+         .needsVLANs = true}};
     return paths;
 }
 

@@ -6,9 +6,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,12 +32,18 @@ struct Path {
     std::string method;
     std::string types{};
     Texts arguments{};
+    bool isStart = false;          ///< of a helper that is started for it
     bool isFirstRequest = false;   ///< of a helper that has served nobody, on a new connection
     bool isFirstOfClient = false;  ///< on a new connection
-    bool isBestEffort = false;     ///< it may succeed although a step of it has failed
+    std::set<std::string> bestEffort{};  ///< what a success doesn't promise, of the machine's state
+    bool needsVLANs = false;             ///< of the kernel
+    std::uint64_t firstPoint = 1;        ///< before it, others make allocations than the helper
 };
 
 const std::vector<Path>& allPaths();
+
+/// Whether the kernel has 802.1Q, and an Ethernet interface "en0".
+bool hasVLANs();
 
 /// A request that changes nothing.
 const Path& versionRequest();

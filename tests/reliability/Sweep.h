@@ -15,6 +15,7 @@
 
 #include "tests/reliability/AllocationFaults.h"
 #include "tests/reliability/Paths.h"
+#include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
 
 namespace tarnvale::test {
@@ -49,9 +50,12 @@ public:
     Outcome run(const Path& path, const Shortage& shortage, const Points& points);
 
 private:
+    void launch();
+    bool listens();
     void start();
     bool serves();
     void toBeginningOf(const Path& path);
+    std::optional<Texts> ask(const Path& path);
     MachineState targetOf(const Path& path);
     bool disturb(const Path& path, const Shortage& shortage, std::uint64_t number);
     void judgeReply(const std::optional<Texts>& reply);
@@ -61,11 +65,12 @@ private:
     void report(const std::string& what);
 
     ServiceLab lab_;
+    std::string program_ = ServiceLab::installedHelper();
     /// When the helper remembers its verdict on the client.
     std::chrono::steady_clock::time_point settlesAt_ =
         std::chrono::steady_clock::now() + std::chrono::seconds(4);
     AllocationFaults faults_{"TarnvaleAdminHelper"};
-    std::unique_ptr<RunningHelper> helper_;
+    std::unique_ptr<Program> helper_;
     std::unique_ptr<ServiceClient> client_;
     MachineState before_;
     MachineState target_;

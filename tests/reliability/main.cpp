@@ -105,11 +105,16 @@ int sweepAll(const Request& request) {
     bool isAny = false;
     for (const auto& shortage : test::allShortages()) {
         for (const auto& path : test::allPaths()) {
-            if ((request.path == all || request.path == path.name) &&
-                (request.shortage == all || request.shortage == shortage.name)) {
-                isClean = sweep(sweeper, path, shortage, request.points) && isClean;
-                isAny = true;
+            if ((request.path != all && request.path != path.name) ||
+                (request.shortage != all && request.shortage != shortage.name)) {
+                continue;
             }
+            isAny = true;
+            if (path.needsVLANs && !test::hasVLANs()) {
+                std::printf("%s %s: the kernel has no VLANs here\n", path.name, shortage.name);
+                continue;
+            }
+            isClean = sweep(sweeper, path, shortage, request.points) && isClean;
         }
     }
     if (!isAny) {

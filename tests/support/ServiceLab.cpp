@@ -101,6 +101,20 @@ std::string ServiceLab::signCopy(
     return path;
 }
 
+std::string ServiceLab::installedHelper() {
+    const std::string helpers = "/Applications/Tarnvale.app/Contents/Helpers";
+    fs::remove_all("/Applications");
+    fs::remove_all("/usr/local");
+    fs::create_directories(helpers);
+    fs::create_directories("/usr/local");
+    const std::string tool = helpers + "/tarnvale";
+    put(tool, "#!/bin/sh\n");
+    fs::permissions(tool, fs::perms(0755));
+    std::string helper = helpers + "/TarnvaleAdminHelper";
+    fs::copy_file(helperProgram, helper);
+    return helper;
+}
+
 std::string ServiceLab::signedClient(std::string_view identifier, const Chain& chain) {
     return signCopy(clientProgram, identifier, chain, "/tmp/client-" + std::to_string(++clients_));
 }

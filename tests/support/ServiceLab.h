@@ -71,7 +71,11 @@ public:
         const Chain& chain,
         const std::string& path);
 
-    /// The same for the client program, at a path of its own in /tmp.
+    /// The helper in its place in the application, beside a command-line tool, in an otherwise new
+    /// /usr/local. Returns its path.
+    static std::string installedHelper();
+
+    /// Like `signCopy`, for the client program, at a path of its own in /tmp.
     std::string signedClient(std::string_view identifier, const Chain& chain);
 
     /// Sets who is at the console, as systemd-logind would; nobody without a user.

@@ -21,21 +21,7 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* helpers = "/Applications/Tarnvale.app/Contents/Helpers";
 constexpr const char* tool = "/Applications/Tarnvale.app/Contents/Helpers/tarnvale";
-
-/// The helper in its place in the application, beside the command-line tool.
-std::string installedHelper() {
-    fs::remove_all("/Applications");
-    fs::remove_all("/usr/local");
-    fs::create_directories(helpers);
-    fs::create_directories("/usr/local");
-    std::string path = std::string(helpers) + "/TarnvaleAdminHelper";
-    fs::copy_file(helperProgram, path);
-    put(tool, "#!/bin/sh\n");
-    fs::permissions(tool, fs::perms(0755));
-    return path;
-}
 
 class ServiceRequestsTest : public testing::Test {
 protected:
@@ -77,7 +63,7 @@ TEST_F(ServiceRequestsTest, SaysWhyThereIsNoVLAN) {
 }
 
 TEST_F(ServiceRequestsTest, PlacesAndRemovesTheToolsLinks) {
-    const Service service({.program = installedHelper(), .listeningSocket = -1});
+    const Service service({.program = ServiceLab::installedHelper(), .listeningSocket = -1});
     ServiceClient client(lab.client);
     fs::create_directories("/usr/local/bin");
     fs::create_symlink("/elsewhere/Tarnvale.app/Contents/Helpers/tx", "/usr/local/bin/tx");
@@ -107,7 +93,7 @@ TEST_F(ServiceRequestsTest, PlacesAndRemovesTheToolsLinks) {
 }
 
 TEST_F(ServiceRequestsTest, SaysWhatIsInTheWayOfALink) {
-    const Service service({.program = installedHelper(), .listeningSocket = -1});
+    const Service service({.program = ServiceLab::installedHelper(), .listeningSocket = -1});
     ServiceClient client(lab.client);
     put("/usr/local/bin/tvx", "somebody's");
     takeLog();

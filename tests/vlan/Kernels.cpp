@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 constexpr const char* userModeLinux = "/usr/bin/linux.uml";
 
 /// Debian's kernel package as scripts/setup unpacks it: boot/vmlinuz-RELEASE, lib/modules/RELEASE.
+constexpr const char* failedAllocations = TARNVALE_BIN_DIR "/failed-allocations.so";
 constexpr const char* guestKernel = TARNVALE_SOURCE_DIR "/build/guest-kernel";
 
 /// A sanitized program needs terabytes of address space; user-mode Linux has half of one.
@@ -53,6 +54,9 @@ support::UniqueFd guestFiles(const std::string& program, const std::string& rele
     files.addProgram("/init", program);
     for (const std::string tested : {helperProgram, clientProgram, pfctlProgram}) {
         files.addProgram(tested, tested);
+    }
+    if (!isSanitized) {
+        files.add(failedAllocations, failedAllocations);
     }
     for (const std::string system : systemPrograms) {
         files.addProgram(system, system);

@@ -3,6 +3,7 @@
 #include "tests/reliability/Paths.h"
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <future>
@@ -64,7 +65,7 @@ void setResolver(ServiceClient& client, const std::string& enabled) {
     expectSuccess(client.call("SetTarnvaleResolver", "b", {enabled}), "SetTarnvaleResolver");
 }
 
-constexpr const char* currentLinks[] = {"/usr/local/bin/tarnvale", "/usr/local/bin/tvx"};
+constexpr std::array currentLinks = {"/usr/local/bin/tarnvale", "/usr/local/bin/tvx"};
 constexpr const char* legacyLink = "/usr/local/bin/tx";
 constexpr const char* vlan = "/sys/class/net/vlan0";
 

@@ -3,8 +3,10 @@
 #include "support/Files.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -283,7 +285,8 @@ TEST_F(FilesTest, NeverWritesIntoAFileThatHasTheTemporaryName) {
     test::watchCalls(
         SYS_openat,
         [&](const test::WatchedCall& call) {
-            const std::string_view name(reinterpret_cast<const char*>(call.arguments[1]));
+            const std::string_view name(
+                std::bit_cast<const char*>(std::uintptr_t{call.arguments[1]}));
             if (theirs.empty() && name.starts_with(".notes.txt.")) {
                 theirs = inFolder(name);
                 put(theirs, "theirs");

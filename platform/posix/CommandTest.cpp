@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
@@ -147,6 +148,16 @@ TEST(CommandTest, SurvivesSignalsWhileTheChildRuns) {
     pest.join();
     EXPECT_EQ(
         result, (CommandResult{.status = 5, .standardOutput = "out\n", .standardError = "err\n"}));
+}
+
+TEST(CommandTest, WaitsForTheChildDespiteASignal) {
+    int status = 0;
+
+    const int interrupted =
+        test::interruptCalls(SYS_wait4, [&] { status = shell("exit 5").status; });
+
+    EXPECT_GT(interrupted, 0);
+    EXPECT_EQ(status, 5);
 }
 
 TEST(CommandTest, HasNothingThatAnotherChildInherits) {

@@ -38,6 +38,13 @@ TEST_F(ConnectionPlacesTest, AUserLeavesToOthersAsManyAsHeHas) {
     EXPECT_EQ(takeAll(1001), 0);
 }
 
+TEST_F(ConnectionPlacesTest, AreThereAgainWheneverTheyHaveBeenGivenBack) {
+    for (int time = 0; time < 2 * ConnectionPlaces::maxInAll; ++time) {
+        ASSERT_TRUE(places.take({.user = 1001, .isAdministrator = false})) << time;
+    }
+    EXPECT_EQ(takeAll(1001), ConnectionPlaces::maxForUser);
+}
+
 TEST_F(ConnectionPlacesTest, SomeAreKeptForAdministrators) {
     for (uid_t user = 1001; user <= 1100; ++user) {
         takeAll(user);

@@ -29,11 +29,6 @@ using testing::StartsWith;
 
 constexpr const char* repository = "/tmp/release/sources";
 
-void putProgram(const std::string& path, const std::string& script) {
-    put(path, "#!/bin/bash\nset -euo pipefail\n" + script);
-    fs::permissions(path, fs::perms(0755));
-}
-
 class ReleaseTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -57,12 +52,12 @@ protected:
         setChangelog(
             "## [Unreleased]\n\n### Added\n\n- Wings.\n\n## [" + last() +
             "] - 2026-11-22\n\nThe first.\n");
-        putProgram(
+        putScript(
             file("scripts/build-debs"),
             "folder=${!#}\nrm -rf \"$folder\"\nmkdir -p \"$folder\"\n"
             "echo \"${*:1:$#-1}\" >\"$folder/helper_$(scripts/version).deb\"\n");
         if (!exists("/usr/bin/reuse")) {
-            putProgram(
+            putScript(
                 "/tmp/release/bin/reuse",
                 "[ \"$*\" = spdx ]\nprintf '%s\\n' 'SPDXVersion: SPDX-2.1' 'DocumentName: sources' "
                 "'Creator: Person: Anonymous ()' 'Creator: Organization: Anonymous ()'\n");
@@ -203,7 +198,7 @@ TEST_F(ReleaseTest, LooksForTheSigningFilesFirst) {
 }
 
 TEST_F(ReleaseTest, LeavesNothingBehindWhereItFails) {
-    putProgram(file(".git/hooks/pre-commit"), "echo 'This is not formatted.' >&2\nfalse\n");
+    putScript(file(".git/hooks/pre-commit"), "echo 'This is not formatted.' >&2\nfalse\n");
     expectRefused("98.7.6", "This is not formatted.\nrelease: all is as it was");
     fs::remove(file(".git/hooks/pre-commit"));
 
@@ -235,7 +230,7 @@ TEST_F(ReleaseTest, SaysHowToTakeItBack) {
     EXPECT_NE(state(), before);
     EXPECT_EQ(takenBack(released.output), before);
 
-    putProgram(file("scripts/build-debs"), "false\n");
+    putScript(file("scripts/build-debs"), "false\n");
     inRepository("git commit --quiet --all --message Break");
     const auto broken = state();
     const auto failed = inRepository("scripts/release 98.7.6");
@@ -251,7 +246,7 @@ TEST_F(ReleaseTest, TakesAFolderOnlyFromAnEarlierBuild) {
         file("scripts/build-debs"),
         fs::copy_options::overwrite_existing);
     inRepository("git commit --quiet --all --message Build");
-    putProgram(
+    putScript(
         "/tmp/release/bin/dpkg-buildpackage",
         "touch ../tarnvale-new.deb ../tarnvale-x.buildinfo ../tarnvale-x.changes\n");
     put("/tmp/release/notes/read-me-later", "");

@@ -54,7 +54,7 @@ void put(const std::string& path, std::string_view content) {
 }
 
 void putScript(const std::string& path, const std::string& commands) {
-    put(path, "#!/bin/sh\n" + commands);
+    put(path, "#!/bin/bash\nset -euo pipefail\n" + commands);
     fs::permissions(path, fs::perms(0755));
 }
 

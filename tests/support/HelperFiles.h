@@ -30,7 +30,7 @@ std::string contentOf(const std::string& path);
 /// Writes the file, making its folders.
 void put(const std::string& path, std::string_view content);
 
-/// The same, for a shell script of these commands that everybody may run.
+/// The same, for a script that everybody may run: these commands in a bash that stops at an error.
 void putScript(const std::string& path, const std::string& commands);
 
 bool exists(const std::string& path);

@@ -3,47 +3,28 @@
 #include "tests/support/WatchedCalls.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <system_error>
 #include <thread>
 
 #include <fcntl.h>
-#include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "support/SystemCalls.h"
 #include "support/UniqueFd.h"
+#include "tests/support/CallFilter.h"
 
 namespace tarnvale::test {
 namespace {
 
 using support::uninterrupted;
-
-/// Has the kernel ask before each such call of this thread. Returns where it asks, or -1.
-int watchThisThread(long number) {
-    const auto watched = static_cast<std::uint32_t>(number);
-    std::array filter{
-        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, watched, 0, 1),
-        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
-        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog installed{.len = filter.size(), .filter = filter.data()};
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
-        return -1;
-    }
-    return static_cast<int>(::syscall(
-        SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &installed));
-}
 
 /// Answers the kernel until the watched thread has ended. What other threads and processes call
 /// that the watched one has started is none of the operation's.
@@ -85,7 +66,8 @@ void watchCalls(
     std::exception_ptr thrown;
     std::thread watched([&] {
         thread = ::gettid();
-        listener = watchThisThread(number);
+        // The kernel asks there before each such call.
+        listener = filterCall(number, SECCOMP_RET_USER_NOTIF, SECCOMP_FILTER_FLAG_NEW_LISTENER);
         listener.notify_one();
         if (listener < 0) {
             thrown = std::make_exception_ptr(

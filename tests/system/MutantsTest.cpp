@@ -28,11 +28,6 @@ std::string file(const std::string& name) {
     return std::string(repository) + "/" + name;
 }
 
-void putProgram(const std::string& path, const std::string& script) {
-    put(path, "#!/bin/bash\nset -euo pipefail\n" + script);
-    fs::permissions(path, fs::perms(0755));
-}
-
 /// A defect that makes another word of the limit.
 void putDefect(const std::string& name, const std::string& word, const std::string& header = "") {
     put(file("tests/mutants/" + name + ".patch"),
@@ -61,22 +56,22 @@ protected:
 
         // They are called as "cmake … -B BUILD …", "ninja -C BUILD …" and "ctest --test-dir FOLDER
         // …".
-        putProgram(
+        putScript(
             "/tmp/mutants/bin/cmake",
             "mkdir -p \"$6/unit\"\ntouch \"$6/build.ninja\" \"$6/CTestTestfile.cmake\" "
             "\"$6/unit/CTestTestfile.cmake\"\n");
-        putProgram(
+        putScript(
             "/tmp/mutants/bin/ninja",
             "echo \"$*\" >>/tmp/mutants/built\ncd \"$2\"\n"
             "if grep -q unreadable ../../unit/Limit; then exit 1; fi\n"
             "cp /tmp/mutants/unit_test unit/unit_test\n");
-        putProgram(
+        putScript(
             "/tmp/mutants/unit_test",
             "cd /tmp/mutants/sources/build/mutants/tests\n"
             "! grep -q direct unit/Limit || { echo '[  FAILED  ] LimitTest.IsKept (0 ms)'; exit 1; "
             "}\n"
             "echo '[       OK ] LimitTest.IsKept (0 ms)'\n");
-        putProgram(
+        putScript(
             "/tmp/mutants/bin/ctest",
             "cd /tmp/mutants/sources/build/mutants/tests\n"
             "case $2 in\n*/unit/) word=related ;;\n*) word='related\\|distant' ;;\nesac\n"

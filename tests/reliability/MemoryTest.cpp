@@ -10,8 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/reliability/MemorySweep.h"
 #include "tests/reliability/Paths.h"
-#include "tests/reliability/Sweep.h"
 
 namespace tarnvale::test {
 namespace {

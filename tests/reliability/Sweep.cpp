@@ -30,51 +30,24 @@ bool isOneOf(const std::string& value, const std::string& key, const MachineStat
 
 }  // namespace
 
-const std::vector<Shortage>& allShortages() {
-    static const std::vector<Shortage> shortages = {
-        {.name = "once", .count = 1},
-        {.name = "three", .count = 3},
-        {.name = "five", .count = 5},
-        {.name = "moment",
-         .count = std::numeric_limits<std::uint64_t>::max(),
-         .within = std::chrono::milliseconds(300)},
-        {.name = "lasting",
-         .count = std::numeric_limits<std::uint64_t>::max(),
-         .within = std::chrono::seconds(3),
-         .outlastsRequest = true}};
-    return shortages;
-}
-
-Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Points& points) {
+void Sweep::begin(const Path& path) {
     // A younger file could have changed since it was checked, so it is checked at each message.
     std::this_thread::sleep_until(settlesAt_);
     outcome_ = {};
     target_ = targetOf(path);
-    const auto first = std::max(points.first, path.firstPoint);
-    for (auto number = first; number <= points.last; number += points.step) {
-        where_ = std::string(path.name) + " " + shortage.name + " " + std::to_string(number);
-        ++outcome_.points;
-        if (!disturb(path, shortage, number)) {
-            break;
-        }
-    }
-    return std::exchange(outcome_, {});
 }
 
 /// Leaves no connection and no socket of an earlier helper.
-void MemorySweep::launch() {
+void Sweep::launch() {
     client_.reset();
     helper_.reset();
     std::filesystem::remove(servicePath);
-    helper_ = std::make_unique<Program>(
-        std::vector<std::string>{program_},
-        "",
-        Surroundings{.environment = faults_.environment(), .descriptors = {}});
+    helper_ = startHelper({program_});
 }
 
 /// Waits until it listens, or has ended. The log may have no room to say so; the socket gets its
 /// name once it is whole.
-bool MemorySweep::listens() {
+bool Sweep::listens() {
     const auto end = std::chrono::steady_clock::now() + replyLimit;
     while (!std::filesystem::exists(servicePath)) {
         if (helper_->endsWithin(1ms) || std::chrono::steady_clock::now() > end) {
@@ -85,28 +58,31 @@ bool MemorySweep::listens() {
 }
 
 /// Undisturbed.
-void MemorySweep::start() {
+void Sweep::start() {
     launch();
     if (!listens()) {
         throw std::runtime_error(where_ + ": does not start undisturbed");
     }
 }
 
-/// Whether a client that comes now is served.
-bool MemorySweep::serves() {
+bool Sweep::serves() {
     ServiceClient client(lab_.client);
     const auto reply = callInTime(client, versionRequest(), replyLimit);
     return reply && isSuccess(*reply);
 }
 
-/// Undisturbed. Leaves a client that is connected, or, for a first request, only there.
-void MemorySweep::toBeginningOf(const Path& path) {
+void Sweep::toBeginningOf(const Path& path) {
     if (path.isFirstRequest) {
         std::filesystem::remove(storePath);
         start();
         client_ = std::make_unique<ServiceClient>(lab_.client);
-        return;
+    } else {
+        prepare(path);
     }
+    before_ = machineState();
+}
+
+void Sweep::prepare(const Path& path) {
     if (!helper_ || !helper_->running()) {
         start();
     }
@@ -127,22 +103,21 @@ void MemorySweep::toBeginningOf(const Path& path) {
     }
 }
 
-/// The path's own step. Of a start that leads nowhere, the client sees what it sees of a connection
-/// that is closed.
-std::optional<Texts> MemorySweep::ask(const Path& path) {
+/// Of a start that leads nowhere, the client sees what it sees of a connection that is closed.
+std::optional<Texts> Sweep::ask(const Path& path) {
     if (path.isStart) {
         launch();
         if (!listens() || hasEndedItself(startRest)) {
             return Texts{"closed"};
         }
-        faults_.end();  // the first request has a path of its own
+        endDisturbance();
         client_ = std::make_unique<ServiceClient>(lab_.client);
     }
     return callInTime(*client_, path, replyLimit);
 }
 
 /// What the path leads to where nothing fails.
-MachineState MemorySweep::targetOf(const Path& path) {
+MachineState Sweep::targetOf(const Path& path) {
     toBeginningOf(path);
     const auto reply = ask(path);
     if (!reply || !isSuccess(*reply)) {
@@ -151,28 +126,13 @@ MachineState MemorySweep::targetOf(const Path& path) {
     return machineState();
 }
 
-/// False when the path has no such point.
-bool MemorySweep::disturb(const Path& path, const Shortage& shortage, std::uint64_t number) {
-    toBeginningOf(path);
-    before_ = machineState();
-
-    const auto begin = std::chrono::steady_clock::now();
-    faults_.begin({.first = number, .count = shortage.count, .within = shortage.within});
-    const auto reply = ask(path);
-    if (shortage.outlastsRequest) {
-        static_cast<void>(serves());  // nobody can expect that
-        std::this_thread::sleep_until(begin + *shortage.within);
-    }
-    faults_.end();
-    const bool wasDisturbed = faults_.failed() > 0;
-
+void Sweep::judge(const std::optional<Texts>& reply, const Path& path) {
     judgeReply(reply);
     judgeHelper(path);
     judgeMachine(reply, path);
-    return wasDisturbed;
 }
 
-void MemorySweep::judgeReply(const std::optional<Texts>& reply) {
+void Sweep::judgeReply(const std::optional<Texts>& reply) {
     if (!reply) {
         report("neither a reply nor the end of the connection");
     }
@@ -182,7 +142,7 @@ void MemorySweep::judgeReply(const std::optional<Texts>& reply) {
 }
 
 /// Everything is as it was or as it was to be, and a success means the latter.
-void MemorySweep::judgeMachine(const std::optional<Texts>& reply, const Path& path) {
+void Sweep::judgeMachine(const std::optional<Texts>& reply, const Path& path) {
     const auto after = machineState();
     std::string undone;
     for (const auto& [key, value] : after) {
@@ -200,7 +160,7 @@ void MemorySweep::judgeMachine(const std::optional<Texts>& reply, const Path& pa
 
 /// It serves whoever comes next. One that nobody has been served by may end itself instead; then
 /// its successor does.
-void MemorySweep::judgeHelper(const Path& path) {
+void Sweep::judgeHelper(const Path& path) {
     if (!hasEndedItself(0ms) && serves()) {
         return;
     }
@@ -224,11 +184,11 @@ void MemorySweep::judgeHelper(const Path& path) {
     }
 }
 
-bool MemorySweep::hasEndedItself(std::chrono::milliseconds limit) {
+bool Sweep::hasEndedItself(std::chrono::milliseconds limit) {
     return helper_->endsWithin(limit);
 }
 
-void MemorySweep::report(const std::string& what) {
+void Sweep::report(const std::string& what) {
     outcome_.violations.push_back(where_ + ": " + what);
 }
 

@@ -11,8 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/reliability/MemorySweep.h"
 #include "tests/reliability/Paths.h"
-#include "tests/reliability/Sweep.h"
 #include "tests/vlan/Machine.h"
 
 namespace tarnvale::test {

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+//
+// The kinds of measurement that `sweep` takes, each chosen by its first word. To add one, declare
+// it here, define it in a file of its own and list it in main.cpp.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tarnvale::test {
+
+struct Kind {
+    const char* name;
+    const char* arguments;  ///< for the usage
+    /// In a private root, with the words behind the kind's name. Returns the status of the program,
+    /// or throws `std::exception`, of which `std::invalid_argument` is for words that make no
+    /// sense.
+    int (*run)(const std::vector<std::string>& words);
+};
+
+/// Every allocation fails in turn.
+extern const Kind memoryKind;
+
+}  // namespace tarnvale::test

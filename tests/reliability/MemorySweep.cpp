@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: MIT
+
+#include "tests/reliability/MemorySweep.h"
+
+#include <algorithm>
+#include <limits>
+#include <thread>
+#include <utility>
+
+#include "tests/reliability/Kinds.h"
+#include "tests/reliability/SweepCommand.h"
+
+namespace tarnvale::test {
+
+const std::vector<Shortage>& allShortages() {
+    static const std::vector<Shortage> shortages = {
+        {.name = "once", .count = 1},
+        {.name = "three", .count = 3},
+        {.name = "five", .count = 5},
+        {.name = "moment",
+         .count = std::numeric_limits<std::uint64_t>::max(),
+         .within = std::chrono::milliseconds(300)},
+        {.name = "lasting",
+         .count = std::numeric_limits<std::uint64_t>::max(),
+         .within = std::chrono::seconds(3),
+         .outlastsRequest = true}};
+    return shortages;
+}
+
+Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Points& points) {
+    begin(path);
+    const auto first = std::max(points.first, path.firstPoint);
+    for (auto number = first; number <= points.last; number += points.step) {
+        setPoint(std::string(path.name) + " " + shortage.name + " " + std::to_string(number));
+        ++outcome_.points;
+        if (!disturb(path, shortage, number)) {
+            break;
+        }
+    }
+    return std::exchange(outcome_, {});
+}
+
+std::unique_ptr<Program> MemorySweep::startHelper(const std::vector<std::string>& commandLine) {
+    return std::make_unique<Program>(
+        commandLine, "", Surroundings{.environment = faults_.environment(), .descriptors = {}});
+}
+
+/// False when the path has no such point.
+bool MemorySweep::disturb(const Path& path, const Shortage& shortage, std::uint64_t number) {
+    toBeginningOf(path);
+
+    const auto begin = std::chrono::steady_clock::now();
+    faults_.begin({.first = number, .count = shortage.count, .within = shortage.within});
+    const auto reply = ask(path);
+    if (shortage.outlastsRequest) {
+        static_cast<void>(serves());  // nobody can expect that
+        std::this_thread::sleep_until(begin + *shortage.within);
+    }
+    faults_.end();
+    const bool wasDisturbed = faults_.failed() > 0;
+
+    judge(reply, path);
+    return wasDisturbed;
+}
+
+const Kind memoryKind = {
+    .name = "memory",
+    .arguments = sweepArguments,
+    .run = [](const std::vector<std::string>& words) {
+        std::vector<std::string> ways;
+        for (const auto& shortage : allShortages()) {
+            ways.emplace_back(shortage.name);
+        }
+        MemorySweep sweep;
+        return sweepPaths(
+            words, ways, [&](const Path& path, const std::string& way, const Points& points) {
+                return sweep.run(
+                    path, *std::ranges::find(allShortages(), way, &Shortage::name), points);
+            });
+    }};
+
+}  // namespace tarnvale::test

@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -208,7 +209,7 @@ RawPeer connectRaw() {
 
 template <class Condition>
 bool eventually(const Condition& condition) {
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 3000; ++i) {
         if (condition()) {
             return true;
         }
@@ -256,6 +257,25 @@ TEST_F(DBusTransportTest, DeliversALargeReply) {
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->at(0).size(), 20'000'000U);
     EXPECT_EQ(reply->at(1), "nil");
+}
+
+TEST_F(DBusTransportTest, TakesNoRequestBeforeTheReplyToTheLastHasLeft) {
+    auto peer = connectRaw();
+    ASSERT_TRUE(peer.authenticate());
+    ASSERT_TRUE(peer.send(
+        test::RawMessage{.member = "FirewallReport"}.bytes() + test::RawMessage{}.bytes()));
+
+    const timeval patience{.tv_sec = 30, .tv_usec = 0};
+    ::setsockopt(peer.socket(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::vector<char> half(10'000'000);
+    const auto takeHalf = [&] {
+        return ::recv(peer.socket(), half.data(), half.size(), MSG_WAITALL);
+    };
+    ASSERT_EQ(takeHalf(), 10'000'000);
+    EXPECT_EQ(echo.calls, 0) << "no buffer holds what is missing of the report";
+
+    ASSERT_EQ(takeHalf(), 10'000'000);
+    EXPECT_TRUE(eventually([&] { return echo.calls == 1; }));
 }
 
 TEST_F(DBusTransportTest, AFailureOfAHandlerIsAnErrorReply) {

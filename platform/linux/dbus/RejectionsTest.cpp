@@ -45,5 +45,17 @@ TEST(RejectionsTest, ForgottenOnesCountForNothing) {
     }
 }
 
+TEST(RejectionsTest, LongAgoIsNoCreditForToday) {
+    Rejections rejections;
+    const auto now = Rejections::Clock::now();
+    rejections.add(501, now - 1h);
+
+    for (int count = 0; count < 20; ++count) {
+        rejections.add(501, now);
+    }
+
+    EXPECT_TRUE(rejections.areTooMany(501, now));
+}
+
 }  // namespace
 }  // namespace tarnvale::platform

@@ -166,7 +166,7 @@ void LinkSocket::createVLAN(std::string_view name, int parent, std::uint16_t tag
 
 void LinkSocket::setAlias(int index, std::string_view alias) {
     auto change = begin(RTM_SETLINK, NLM_F_ACK, index);
-    change.put(IFLA_IFALIAS, alias.substr(0, maxAliasSize));
+    change.put(IFLA_IFALIAS, alias);
     socket_.request(change);
 }
 

@@ -54,7 +54,7 @@ public:
     /// Makes a VLAN interface, which is down.
     void createVLAN(std::string_view name, int parent, std::uint16_t tag);
 
-    /// The kernel gets the first `maxAliasSize` bytes of a longer alias.
+    /// The kernel refuses an alias of more than `maxAliasSize` bytes.
     void setAlias(int index, std::string_view alias);
     void setUp(int index);
 

@@ -4,7 +4,7 @@
 // that user, then takes sentences (Conversation.h) from its standard input, a socket, and answers
 // each there:
 //
-//     connect                       connected, or closed when it is turned away
+//     connect                       connected, or closed when it is turned away or nobody listens
 //     call METHOD TYPES ARGUMENT…   the reply's texts, "nil" for an absent one; or closed; or error
 //                                   and the D-Bus error's name
 //     await-close                   closed, once the service has closed the connection
@@ -97,7 +97,7 @@ public:
                 result = ::sd_bus_wait(made, replyTimeout);
             }
         }
-        if (isClosed(result)) {
+        if (isClosed(result) || result == -ECONNREFUSED) {
             return {"closed"};
         }
         require(result, "connect");

@@ -22,4 +22,7 @@ struct Kind {
 /// Every allocation fails in turn.
 extern const Kind memoryKind;
 
+/// Many users ask for anything, while the helper is killed.
+extern const Kind stormKind;
+
 }  // namespace tarnvale::test

@@ -25,7 +25,7 @@ namespace {
 
 namespace test = tarnvale::test;
 
-constexpr std::array kinds = {&test::memoryKind};
+constexpr std::array kinds = {&test::memoryKind, &test::stormKind};
 constexpr int usageStatus = 2;
 
 int complainOfUsage() {

@@ -1,0 +1,619 @@
+// SPDX-License-Identifier: MIT
+
+#include "tests/reliability/Storm.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <regex>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "core/service/CallerAuthorization.h"
+#include "tests/reliability/SerialOrders.h"
+#include "tests/support/PolicyText.h"
+#include "tests/support/Program.h"
+#include "tests/support/ServiceLab.h"
+
+namespace tarnvale::test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto startLimit = 60s;
+constexpr const char* none = "none";
+
+struct User {
+    uid_t uid;
+    bool isAdministrator;
+};
+
+/// The last one may change nothing.
+constexpr std::array<User, 9> users = {
+    {{rootUser, true},
+     {administrator, true},
+     {511, true},
+     {512, true},
+     {513, true},
+     {514, true},
+     {515, true},
+     {516, true},
+     {firstUser, false}}};
+
+/// Each user has a network of the user's own; one network is everybody's.
+constexpr int firstNetwork = 100;
+constexpr int sharedNetwork = 200;
+
+/// Every list has a port of its own, by which it is known again in the store and in force. Ports
+/// below are those of DHCP and DNS.
+constexpr unsigned firstPort = 1000;
+constexpr unsigned ports = 60'000;
+
+constexpr std::array links = {"/usr/local/bin/tarnvale", "/usr/local/bin/tvx"};
+constexpr std::array resolverFiles = {"/etc/resolver/tvx", "/etc/resolver/tarnvale"};
+
+int networkOf(std::size_t user) {
+    return firstNetwork + static_cast<int>(user);
+}
+
+std::string nameOf(std::size_t user) {
+    return std::to_string(users.at(user).uid);
+}
+
+/// What the path is: what a link leads to, or whether there is a file.
+std::string valueOf(const std::string& path) {
+    std::error_code absent;
+    if (const auto target = fs::read_symlink(path, absent); !absent) {
+        return target;
+    }
+    return fs::exists(path, absent) ? "file" : none;
+}
+
+/// For each network in a listing of rules, the ports that tell which list it is of.
+std::map<int, std::set<std::string>> networksIn(const std::string& listing) {
+    static const std::regex rule(R"(192\.168\.([0-9]+)\.0/24 port = ([0-9]{4,5})\b)");
+    std::map<int, std::set<std::string>> networks;
+    for (std::sregex_iterator found(listing.begin(), listing.end(), rule), end; found != end;
+         ++found) {
+        networks[std::stoi((*found)[1])].insert((*found)[2]);
+    }
+    return networks;
+}
+
+std::string joined(const std::set<std::string>& texts) {
+    std::string all;
+    for (const auto& text : texts) {
+        all += (all.empty() ? "" : "+") + text;
+    }
+    return all.empty() ? none : all;
+}
+
+/// A user's list, as it is stored.
+struct StoredList {
+    std::set<std::string> ports;
+    bool hasShared = false;
+};
+
+/// By the user's name.
+std::map<std::string, StoredList> storedLists() {
+    std::map<std::string, StoredList> lists;
+    if (!exists(storePath)) {
+        return lists;
+    }
+    const auto store = nlohmann::json::parse(contentOf(storePath));
+    for (const auto& [owner, entry] : store.at("owners").items()) {
+        auto& list = lists[owner];
+        for (const auto& network : entry.at("policies")) {
+            list.hasShared |= network.at("networkID") == networkID(sharedNetwork);
+            for (const auto& rule : network.at("policy").at("rules")) {
+                list.ports.insert(rule.at("ports").get<std::string>());
+            }
+        }
+    }
+    return lists;
+}
+
+/// What a client can ask for.
+enum class Wish {
+    apply,
+    applyAgain,
+    remove,
+    version,
+    report,
+    createVLAN,
+    deleteVLAN,
+    linksOn,
+    linksOff,
+    resolverOn,
+    resolverOff,
+    disconnect
+};
+
+Wish wishOf(std::uint64_t number) {
+    using enum Wish;
+    static const std::vector<Wish> wishes = {
+        apply,    apply,      apply,  apply,      apply,       applyAgain, remove,
+        version,  report,     report, createVLAN, deleteVLAN,  linksOn,    linksOn,
+        linksOff, resolverOn, remove, resolverOn, resolverOff, version,    disconnect};
+    return wishes[number % wishes.size()];
+}
+
+/// A request, word by word.
+struct Call {
+    const char* method = "";
+    const char* types = "";
+    Texts arguments{};
+    Texts reply{};  ///< an administrator's, where it doesn't depend on what others do
+};
+
+}  // namespace
+
+/// The work of it. Threads share what `mutex_` guards; the rest is one thread's or never changes.
+class Storm::Course {
+public:
+    explicit Course(const StormPlan& plan);
+
+    void run(std::chrono::milliseconds duration);
+    const StormFigures& figures() const { return figures_; }
+    pid_t helper() const { return helper_->pid(); }
+
+private:
+    /// A client on a connection, one after the other.
+    struct Asker {
+        std::size_t user;
+        std::mt19937_64 random;
+        std::unique_ptr<ServiceClient> client{};
+        std::string list{};  ///< the last one, by its port
+        std::string text{};
+    };
+
+    struct Report {
+        std::map<std::string, std::string> read;
+        Span seen;
+    };
+
+    std::unique_ptr<Program> begin(const std::vector<std::string>& command);
+    void launch();
+    void disturb(const std::function<void()>& act, std::uint64_t seed, int pauseLimit);
+    void restart();
+    void reapply();
+    void askUntilTheEnd(Asker& asker);
+    void ask(Asker& asker);
+    Call callFor(Wish wish, Asker& asker);
+    static std::optional<Texts> replyTo(Asker& asker, const Call& call);
+    void record(Wish wish, const Asker& asker, const Span& span, const std::optional<Texts>& reply);
+    void recordFiles(Wish wish, const Span& span, bool surely);
+    void keepReport(const std::string& report, const Span& span);
+    void look();
+    void lookAtReports();
+    void lookAtFiles(const Span& now);
+    void lookAtLists(const Span& now);
+    void lookAtShared(
+        const std::map<std::string, StoredList>& stored, const std::set<std::string>& enforced);
+    void violated(const std::string& what);
+
+    StormPlan plan_;
+    ServiceLab lab_;
+    std::string program_ = ServiceLab::installedHelper();
+    std::string tool_ = fs::path(program_).replace_filename("tarnvale");
+    std::unique_ptr<Program> helper_;
+    std::vector<Asker> askers_;
+    std::uint64_t round_ = 0;
+    std::atomic<bool> ends_ = false;
+    std::atomic<bool> listens_ = false;
+    std::atomic<unsigned> listsMade_ = 0;
+    std::mutex starting_;  ///< a program that starts has, for a moment, all that is open here
+
+    std::mutex mutex_;
+    std::map<std::string, SerialValue> lists_;  ///< by user
+    std::map<std::string, SerialValue> files_;  ///< by path
+    std::vector<Report> reports_;
+    StormFigures figures_;
+};
+
+Storm::Course::Course(const StormPlan& plan) : plan_(plan) {
+    std::string names = "root:x:0:0::/root:/bin/sh\n";
+    std::string members;
+    for (const auto& user : users) {
+        const std::string name = "user" + std::to_string(user.uid);
+        if (user.uid != rootUser) {
+            names += name + ":x:" + std::to_string(user.uid) + ":20::/:/bin/sh\n";
+        }
+        if (user.isAdministrator) {
+            members += (members.empty() ? "" : ",") + name;
+        }
+    }
+    put("/etc/passwd", names);
+    put("/etc/group", "root:x:0:\nstaff:x:20:\nadmin:x:80:" + members + "\n");
+    for (std::size_t user = 0; user < users.size(); ++user) {
+        lists_[nameOf(user)].reset(none);
+    }
+    for (const auto& paths : {links, resolverFiles}) {
+        for (const auto& path : paths) {
+            files_[path].reset(none);
+        }
+    }
+    std::seed_seq seeds{plan.seed};
+    std::vector<std::uint32_t> numbers(plan.connections);
+    seeds.generate(numbers.begin(), numbers.end());
+    for (std::size_t index = 0; index < plan.connections; ++index) {
+        askers_.push_back(
+            {.user = index % users.size(), .random = std::mt19937_64(numbers[index])});
+    }
+    launch();
+}
+
+std::unique_ptr<Program> Storm::Course::begin(const std::vector<std::string>& command) {
+    const std::lock_guard lock(starting_);
+    return std::make_unique<Program>(command);
+}
+
+/// Leaves an earlier helper's socket, which the new one replaces.
+void Storm::Course::launch() {
+    helper_ = begin({program_});
+    const auto end = Clock::now() + startLimit;
+    while (!connectToService()) {
+        if (helper_->endsWithin(1ms) || Clock::now() > end) {
+            throw std::runtime_error("the helper does not start: " + helper_->error());
+        }
+    }
+    listens_ = true;
+}
+
+void Storm::Course::run(std::chrono::milliseconds duration) {
+    ends_ = false;
+    ++round_;
+    std::vector<std::thread> threads;
+    threads.reserve(askers_.size() + 2);
+    if (plan_.isDisturbed) {
+        const auto seed = plan_.seed + round_;
+        threads.emplace_back([this, seed] { disturb([this] { restart(); }, seed, 1200); });
+        threads.emplace_back([this, seed] { disturb([this] { reapply(); }, seed, 100); });
+    }
+    for (auto& asker : askers_) {
+        threads.emplace_back([this, &asker] { askUntilTheEnd(asker); });
+    }
+    std::this_thread::sleep_for(duration);
+    ends_ = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    look();
+}
+
+/// Does it again and again, after pauses of at most so many milliseconds.
+void Storm::Course::disturb(const std::function<void()>& act, std::uint64_t seed, int pauseLimit) {
+    std::mt19937_64 random(seed);
+    std::uniform_int_distribution<> pause(0, pauseLimit);
+    try {
+        while (!ends_) {
+            const auto until = Clock::now() + std::chrono::milliseconds(pause(random));
+            while (!ends_ && Clock::now() < until) {
+                std::this_thread::sleep_for(1ms);
+            }
+            act();
+        }
+    } catch (const std::exception& error) {
+        violated(error.what());
+    }
+}
+
+void Storm::Course::restart() {
+    if (!helper_->running()) {
+        const auto end = helper_->finish();
+        violated("it ended with status " + std::to_string(end.status) + ": " + end.error);
+    }
+    listens_ = false;
+    helper_.reset();
+    launch();
+    const std::lock_guard lock(mutex_);
+    ++figures_.kills;
+}
+
+void Storm::Course::reapply() {
+    const auto end = begin({program_, "--reapply"})->finish();
+    if (end.status != 0 || !end.error.empty()) {
+        violated("a re-apply ends with status " + std::to_string(end.status) + ": " + end.error);
+    }
+    const std::lock_guard lock(mutex_);
+    ++figures_.reapplies;
+}
+
+void Storm::Course::askUntilTheEnd(Asker& asker) {
+    try {
+        while (!ends_) {
+            if (!listens_) {
+                std::this_thread::sleep_for(1ms);
+                continue;
+            }
+            ask(asker);
+        }
+    } catch (const std::exception& error) {
+        violated(error.what());
+    }
+}
+
+void Storm::Course::ask(Asker& asker) {
+    const auto wish = wishOf(asker.random());
+    if (wish == Wish::disconnect) {
+        asker.client.reset();
+        return;
+    }
+    const auto [uid, isAdministrator] = users.at(asker.user);
+    if (!asker.client) {
+        const std::lock_guard lock(starting_);
+        asker.client = std::make_unique<ServiceClient>(lab_.client, uid);
+    }
+    const auto call = callFor(wish, asker);
+    Span span{.begin = Clock::now()};
+    auto reply = replyTo(asker, call);
+    span.end = Clock::now();
+    if (!reply) {
+        asker.client.reset();
+    } else if (isAdministrator && !call.reply.empty() && *reply != call.reply) {
+        violated(std::string(call.method) + " replied " + reply->back());
+    }
+    record(wish, asker, span, reply);
+}
+
+Call Storm::Course::callFor(Wish wish, Asker& asker) {
+    if (wish == Wish::apply || (wish == Wish::applyAgain && asker.list.empty())) {
+        asker.list = std::to_string(firstPort + listsMade_++ % ports);
+        const RuleText rule{.ports = asker.list};
+        std::vector<NetworkText> networks{{.number = networkOf(asker.user), .rules = {rule}}};
+        if (asker.random() % 3 == 0) {
+            networks.push_back({.number = sharedNetwork, .name = "Shared", .rules = {rule}});
+        }
+        asker.text = policyText(networks);
+    }
+    switch (wish) {
+        case Wish::apply:
+        case Wish::applyAgain:
+            return {.method = "ApplyFirewall", .types = "ay", .arguments = {asker.text}};
+        case Wish::remove:
+            return {.method = "RemoveFirewall"};
+        case Wish::report:
+            return {.method = "FirewallReport"};
+        case Wish::createVLAN:
+            return {
+                .method = "CreateVLAN",
+                .types = "sxs",
+                .arguments = {"Office", "5", "en7"},
+                .reply = {"nil", "No physical interface named en7."}};
+        case Wish::deleteVLAN:
+            return {
+                .method = "DeleteVLAN",
+                .types = "s",
+                .arguments = {"vlan7"},
+                .reply = {"No VLAN interface named vlan7."}};
+        case Wish::linksOn:
+            return {.method = "InstallCLISymlink"};
+        case Wish::linksOff:
+            return {.method = "RemoveCLISymlink"};
+        case Wish::resolverOn:
+            return {.method = "SetTarnvaleResolver", .types = "b", .arguments = {"true"}};
+        case Wish::resolverOff:
+            return {.method = "SetTarnvaleResolver", .types = "b", .arguments = {"false"}};
+        case Wish::version:
+        case Wish::disconnect:
+            break;
+    }
+    return {.method = "HelperVersion", .reply = {helperVersion()}};
+}
+
+/// Nothing when the connection has been closed, or none could be made.
+std::optional<Texts> Storm::Course::replyTo(Asker& asker, const Call& call) {
+    try {
+        auto reply = asker.client->call(call.method, call.types, call.arguments);
+        return reply == Texts{"closed"} ? std::nullopt : std::optional(std::move(reply));
+    } catch (const std::exception&) {
+        return std::nullopt;  // nobody listened, and the client has ended
+    }
+}
+
+void Storm::Course::record(
+    Wish wish, const Asker& asker, const Span& span, const std::optional<Texts>& reply) {
+    const std::lock_guard lock(mutex_);
+    ++figures_.requests;
+    figures_.unanswered += reply ? 0 : 1;
+    if (!reply && !plan_.isDisturbed) {
+        figures_.violations.emplace_back("a connection was closed, although nothing was disturbed");
+    }
+    const bool isDone = reply && reply->back() == "nil";
+    if (!users.at(asker.user).isAdministrator && wish != Wish::version && wish != Wish::report) {
+        if (reply && reply->back() != refusalMessage) {
+            figures_.violations.emplace_back("a user who may not: " + reply->back());
+        }
+        return;
+    }
+    auto& list = lists_[nameOf(asker.user)];
+    switch (wish) {
+        case Wish::apply:
+        case Wish::applyAgain:
+            list.setBy(span, asker.list, isDone);
+            break;
+        case Wish::remove:
+            list.setBy(span, none, isDone);
+            break;
+        case Wish::report:
+            if (isDone) {
+                keepReport(reply->front(), span);
+            }
+            break;
+        case Wish::linksOn:
+        case Wish::linksOff:
+        case Wish::resolverOn:
+        case Wish::resolverOff:
+            recordFiles(wish, span, isDone);
+            figures_.refused += reply && !isDone ? 1 : 0;
+            return;
+        default:
+            return;
+    }
+    if (reply && !isDone) {
+        figures_.violations.emplace_back("a request failed: " + reply->back());
+    }
+}
+
+/// With `mutex_` held. These operations take no lock, so that each file has an order of its own.
+void Storm::Course::recordFiles(Wish wish, const Span& span, bool surely) {
+    if (wish == Wish::resolverOn || wish == Wish::resolverOff) {
+        for (const auto& path : resolverFiles) {
+            files_[path].setBy(span, wish == Wish::resolverOn ? "file" : none, surely);
+        }
+        return;
+    }
+    for (const auto& path : links) {
+        files_[path].setBy(span, wish == Wish::linksOn ? tool_ : none, surely);
+        if (wish == Wish::linksOn && !surely) {
+            files_[path].setBy(span, none, false);  // the old link goes before the new one comes
+        }
+    }
+}
+
+/// With `mutex_` held. It is judged when all requests beside it are known.
+void Storm::Course::keepReport(const std::string& report, const Span& span) {
+    auto networks = networksIn(report);
+    Report kept{.read = {}, .seen = span};
+    for (std::size_t user = 0; user < users.size(); ++user) {
+        kept.read[nameOf(user)] = joined(networks[networkOf(user)]);
+    }
+    reports_.push_back(std::move(kept));
+}
+
+/// What is there when nothing runs.
+void Storm::Course::look() {
+    const Instant instant = Clock::now();
+    const Span now{.begin = instant, .end = instant};
+    ++figures_.looks;
+    if (!helper_->running()) {
+        const auto end = helper_->finish();
+        violated("it ended with status " + std::to_string(end.status) + ": " + end.error);
+        launch();
+    }
+    if (ServiceClient(lab_.client).call("HelperVersion") != Texts{helperVersion()}) {
+        violated("it lives, but serves nobody");
+    }
+    lookAtReports();
+    lookAtFiles(now);
+    lookAtLists(now);
+    const auto log = contentOf(logPath);
+    for (const char* const sign :
+         {"could not be decoded", "could not be read", "re-apply failed"}) {
+        if (log.find(sign) != std::string::npos) {
+            violated(std::string("the log says: ") + sign);
+        }
+    }
+    fs::resize_file(logPath, 0);
+}
+
+void Storm::Course::lookAtReports() {
+    for (const auto& report : reports_) {
+        for (const auto& user : inexplicable(lists_, report.read, report.seen)) {
+            violated("reported for user " + user + ": " + report.read.at(user));
+        }
+    }
+    reports_.clear();
+}
+
+void Storm::Course::lookAtFiles(const Span& now) {
+    for (auto& [path, file] : files_) {
+        const auto value = valueOf(path);
+        if (!file.mayHave(value, now)) {
+            violated(std::string(path).append(" is ").append(value));
+        }
+        file.reset(value);
+    }
+}
+
+void Storm::Course::lookAtLists(const Span& now) {
+    const auto stored = storedLists();
+    const auto listing = listedRules();
+    auto enforced = networksIn(listing);
+    std::map<std::string, std::string> read;
+    for (std::size_t user = 0; user < users.size(); ++user) {
+        const auto name = nameOf(user);
+        const auto found = stored.find(name);
+        read[name] = found == stored.end() ? none : joined(found->second.ports);
+        if (const auto rules = joined(enforced[networkOf(user)]); rules != read[name]) {
+            violated(std::string("in force for user ")
+                         .append(name)
+                         .append(": ")
+                         .append(rules)
+                         .append(", but stored: ")
+                         .append(read[name]));
+        }
+    }
+    for (const auto& name : inexplicable(lists_, read, now)) {
+        violated("stored for user " + name + ": " + read[name]);
+    }
+    lookAtShared(stored, enforced[sharedNetwork]);
+    if (::tarnvale::test::run({program_, "--reapply"}).status != 0 || listedRules() != listing) {
+        violated("a re-apply changes what is in force");
+    }
+    for (auto& [name, list] : lists_) {
+        list.reset(read[name], list.attemptsAt(read[name]).value_or(now));
+    }
+}
+
+/// The one who applied it last has the network that all want.
+void Storm::Course::lookAtShared(
+    const std::map<std::string, StoredList>& stored, const std::set<std::string>& enforced) {
+    std::map<std::string, Span> claims;
+    for (const auto& [name, list] : stored) {
+        const auto port = joined(list.ports);
+        if (const auto attempts = lists_[name].attemptsAt(port); list.hasShared && attempts) {
+            claims[port] = *attempts;
+        }
+    }
+    const auto winner = claims.find(joined(enforced));
+    if (winner == claims.end()) {
+        if (!claims.empty() || !enforced.empty()) {
+            violated("in force for the network of several: " + joined(enforced));
+        }
+        return;
+    }
+    for (const auto& [port, claim] : claims) {
+        if (claim.begin > winner->second.end) {
+            violated("of the network of several, an earlier list is in force");
+        }
+    }
+}
+
+void Storm::Course::violated(const std::string& what) {
+    const std::lock_guard lock(mutex_);
+    figures_.violations.emplace_back(
+        "storm " + std::to_string(plan_.seed) + ", period " + std::to_string(round_) + ": " + what);
+}
+
+Storm::Storm(const StormPlan& plan) : course_(std::make_unique<Course>(plan)) {}
+
+Storm::~Storm() = default;
+
+void Storm::run(std::chrono::milliseconds duration) {
+    course_->run(duration);
+}
+
+const StormFigures& Storm::figures() const {
+    return course_->figures();
+}
+
+pid_t Storm::helper() const {
+    return course_->helper();
+}
+
+}  // namespace tarnvale::test

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+//
+// Many users on many connections who ask the shipped helper for anything, while it is killed and
+// started again and others re-apply the stored lists. Whatever is stored, in force or reported
+// must be the result of some serial order of the requests.
+
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace tarnvale::test {
+
+struct StormPlan {
+    /// Decides what the requests are. When they run, the machine decides.
+    std::uint64_t seed = 1;
+    std::size_t connections = 250;
+    /// Whether the helper is killed and lists are re-applied.
+    bool isDisturbed = true;
+};
+
+struct StormFigures {
+    std::size_t requests = 0;
+    std::size_t unanswered = 0;  ///< closed connections, of a killed helper or a full one
+    std::size_t refused = 0;     ///< links and files that two requests wanted at the same time
+    std::size_t kills = 0;
+    std::size_t reapplies = 0;
+    std::size_t looks = 0;                ///< when nothing ran
+    std::vector<std::string> violations;  ///< a sentence each
+};
+
+/// In a private root with several users. What it does may throw when the machine gives out.
+class Storm {
+public:
+    /// Starts the helper and the clients.
+    explicit Storm(const StormPlan& plan);
+    Storm(const Storm&) = delete;
+    Storm& operator=(const Storm&) = delete;
+    ~Storm();
+
+    /// Has the clients ask for so long. Then nothing runs any more, and what they left is judged.
+    void run(std::chrono::milliseconds duration);
+
+    const StormFigures& figures() const;
+
+    /// The helper that runs now.
+    pid_t helper() const;
+
+private:
+    class Course;
+    std::unique_ptr<Course> course_;
+};
+
+}  // namespace tarnvale::test

@@ -1,11 +1,18 @@
 // SPDX-License-Identifier: MIT
 //
-// Any bytes as a signed executable, as its CMS message and as its signed text. Without roots
-// nothing is trusted, whatever it says.
+// Any bytes as a signed executable, as its CMS message, as its signed text and as the roots. Most
+// are messages that were changed and then signed again, so that it takes more than the signature to
+// tell what is wrong with them. Whatever a message says, nothing is trusted without roots, who
+// trusts it reads the same in it as who doesn't ask, and it takes only so much time.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -15,6 +22,8 @@
 #include "platform/linux/codesigning/CodeSignature.h"
 #include "platform/linux/codesigning/SignedData.h"
 #include "support/UniqueFd.h"
+#include "tests/fuzz/SignatureAuthor.h"
+#include "tests/support/SigningLab.h"
 
 namespace {
 
@@ -26,10 +35,71 @@ void require(bool condition) {
     }
 }
 
+/// The processor's time that one check of a message may take: 10 ms as it is shipped. In a build
+/// with sanitizers the same messages take up to three times as long, most of it for OpenSSL's many
+/// small allocations.
+constexpr double maxSeconds = 3 * 0.010;
+
+double processorSeconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    constexpr double nanosecond = 1e-9;
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * nanosecond;
+}
+
+const test::SignatureAuthor& author() {
+    static const test::SignatureAuthor author;
+    return author;
+}
+
+/// What `verify` says. An attempt that takes too long is made again: a busy machine is no finding.
+std::optional<platform::Trusted> verifyInTime(std::string_view message, const std::string& roots) {
+    double least = 0;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const double start = processorSeconds();
+        auto trusted = platform::verify(message, roots);
+        const double taken = processorSeconds() - start;
+        least = attempt == 0 ? taken : std::min(least, taken);
+        if (least <= maxSeconds) {
+            return trusted;
+        }
+    }
+    std::fprintf(stderr, "a check of %zu bytes took %f s\n", message.size(), least);
+    std::abort();
+}
+
 void readMessage(std::string_view message) {
     const auto claims = platform::readClaims(message);
     require(!claims || claims->content.sha256.size() == 64);
     require(!platform::verify(message, ""));
+
+    const std::string& roots = author().roots();
+    const auto trusted = verifyInTime(message, roots);
+    const auto problem = platform::chainProblem(message, roots);
+    require(!problem || (!problem->empty() && !trusted));
+    if (trusted) {
+        require(claims && claims->content == trusted->content);
+        require(trusted->chain.size() >= 2 && trusted->validUntil > std::time(nullptr));
+        // Who reads the name of the team without a library finds the same, or none.
+        require(!claims->teamIdentifier || claims->teamIdentifier == trusted->chain[0].subjectOU);
+    }
+}
+
+void readRoots(const std::string& roots) {
+    static const std::string message = [] {
+        std::mt19937 random(0);  // NOLINT(cert-msc51-cpp): every run tries the same
+        return author().message(random);
+    }();
+    platform::prepareToVerify(roots);
+    if (const auto trusted = platform::verify(message, roots)) {
+        require(!platform::chainProblem(message, roots));
+    }
+}
+
+void readDigest(int file, std::string_view bytes) {
+    const auto digest = platform::sha256(file, static_cast<off_t>(bytes.size()));
+    require(digest && test::signedContent(bytes, "x").ends_with("sha256 " + *digest + "\n"));
+    require(!platform::sha256(file, static_cast<off_t>(bytes.size()) + 1));
 }
 
 }  // namespace
@@ -38,12 +108,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     const support::UniqueFd file(::memfd_create("executable", MFD_CLOEXEC));
     require(::pwrite(file.get(), data, size, 0) == static_cast<ssize_t>(size));
+    author();
 
     if (const auto trailer = platform::readTrailer(file.get(), static_cast<off_t>(size))) {
         require(static_cast<std::size_t>(trailer->programSize) + trailer->message.size() < size);
         readMessage(trailer->message);
     }
     readMessage(bytes);
+    readDigest(file.get(), bytes);
+    if (bytes.find("-----BEGIN") != std::string_view::npos) {
+        readRoots(std::string(bytes));
+    }
     if (const auto content = platform::parseSignedContent(bytes)) {
         require(
             "tarnvale-code-signature 1\nidentifier " + content->identifier + "\nsha256 " +
@@ -51,4 +126,35 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             bytes);
     }
     return 0;
+}
+
+/// Of libFuzzer.
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t maxSize);
+
+// NOLINTNEXTLINE(readability-identifier-naming): the name that libFuzzer calls
+extern "C" std::size_t LLVMFuzzerCustomMutator(
+    std::uint8_t* data, std::size_t size, std::size_t maxSize, unsigned int seed) {
+    std::mt19937 random(seed);
+    constexpr std::string_view program = "program";
+    std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    const std::string behind = test::withTrailer("", "", 0).substr(4);
+    const bool isExecutable = bytes.starts_with(program) && bytes.ends_with(behind);
+    // Roots, signed text, and what isn't DER at all.
+    const bool isMessage = isExecutable || bytes.starts_with('\x30') || random() % 64 == 0;
+    if (!isMessage || random() % 16 == 0) {
+        return LLVMFuzzerMutate(data, size, maxSize);
+    }
+    if (isExecutable) {
+        bytes.remove_prefix(program.size());
+        bytes.remove_suffix(std::min(bytes.size(), behind.size() + 4));
+    }
+    std::string changed = author().changed(bytes, maxSize, random);
+    if (isExecutable) {
+        changed = test::withTrailer(program, changed);
+    }
+    if (changed.empty() || changed.size() > maxSize) {
+        return LLVMFuzzerMutate(data, size, maxSize);
+    }
+    std::ranges::copy(changed, data);
+    return changed.size();
 }

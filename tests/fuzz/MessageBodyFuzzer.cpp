@@ -46,7 +46,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         checkText(message, body);
         body.nextInteger();
         checkText(message, body);
+        body.end();
     });
-    takeFrom(message, [](MessageBody& body) { body.nextBool(); });
+    takeFrom(message, [](MessageBody& body) {
+        body.nextBool();
+        body.end();
+    });
     return 0;
 }

@@ -50,15 +50,19 @@ std::uint32_t numberAt(std::string_view header, std::size_t place) {
     return header.front() == 'B' ? be32toh(number) : le32toh(number);
 }
 
+std::size_t sizeOfBody(std::string_view header) {
+    constexpr std::size_t place = 4;
+    return numberAt(header, place);
+}
+
 /// The size of the message that begins with the header. Where it can't be one, the header's alone,
 /// which is enough for sd-bus to see that.
 std::size_t sizeOfMessage(std::string_view header) {
-    constexpr std::size_t lengthOfBody = 4;
     constexpr std::size_t lengthOfFields = 12;
-    const std::uint64_t body = numberAt(header, lengthOfBody);
     const std::uint64_t fields = numberAt(header, lengthOfFields);
-    const std::uint64_t size = headerSize + (fields + 7) / 8 * 8 + body;
-    return size < maxMessageSize ? size : headerSize;
+    const std::uint64_t size = headerSize + (fields + 7) / 8 * 8 + sizeOfBody(header);
+    const bool hasByteOrder = header.front() == 'l' || header.front() == 'B';
+    return hasByteOrder && size < maxMessageSize ? size : headerSize;
 }
 
 /// A D-Bus server that writes to the socket. Sets `input` to where it wants what the peer says.
@@ -165,6 +169,7 @@ bool DBusSession::serveNext() {
         return false;
     }
     const auto size = sizeOfMessage(received());
+    object_.bodySize = sizeOfBody(received());
     const bool isLarge = size > BytesInFlight::maxUncounted;
     if (isLarge) {
         awaitRoom(size);

@@ -429,6 +429,33 @@ TEST_F(DBusTransportTest, RefusesInvalidArguments) {
     EXPECT_TRUE(refuses("CreateVLAN", "sxs", bodyWithName("ab", false, '\1')));
 }
 
+TEST_F(DBusTransportTest, RefusesMoreThanItsArguments) {
+    using namespace std::string_literals;
+    const auto bytes = [](std::size_t size, bool isBigEndian) {
+        return test::wireNumber(size, isBigEndian) + std::string(size, 'x');
+    };
+    for (const bool isBigEndian : {false, true}) {
+        const std::vector<test::RawMessage> calls{
+            {.member = "HelperVersion"},
+            {.member = "HelperVersion", .interface = ""},
+            {.member = "ApplyFirewall", .signature = "ay", .body = bytes(2, isBigEndian)},
+            {.member = "ApplyFirewall", .signature = "ay", .body = bytes(100'000, isBigEndian)},
+            {.member = "CreateVLAN", .signature = "sxs", .body = bodyWithName("ab", isBigEndian)},
+            {.member = "DeleteVLAN", .signature = "s", .body = test::wireText("ab", isBigEndian)},
+            {.member = "SetTarnvaleResolver",
+             .signature = "b",
+             .body = test::wireNumber(1, isBigEndian)}};
+        for (test::RawMessage call : calls) {
+            call.isBigEndian = isBigEndian;
+            EXPECT_EQ(answerTo(call).type, test::methodReturn) << call.member;
+
+            call.body += '\0';
+            EXPECT_TRUE(answerTo(call).says("org.freedesktop.DBus.Error.InconsistentMessage"))
+                << call.member;
+        }
+    }
+}
+
 TEST_F(DBusTransportTest, ChecksAPeerBeforeAMethodIsFoundWithoutItsInterface) {
     auto peer = connectRaw();
     ASSERT_TRUE(peer.authenticate());
@@ -708,6 +735,17 @@ TEST_F(DBusTransportTest, SurvivesGarbage) {
     }
 
     EXPECT_TRUE(Client().call("HelperVersion", ""));
+}
+
+TEST_F(DBusTransportTest, WaitsForNoRestOfWhatIsNoMessage) {
+    auto peer = connectRaw();
+    ASSERT_TRUE(peer.authenticate());
+
+    auto garbage = test::RawMessage{}.bytes(1000);
+    garbage.front() = 'x';
+    peer.send(garbage);
+
+    EXPECT_TRUE(peer.closesWithin(5s));
 }
 
 TEST_F(DBusTransportTest, ServesOthersBesideAPeerThatNeverSpeaks) {

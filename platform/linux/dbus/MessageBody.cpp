@@ -46,6 +46,10 @@ bool MessageBody::nextBool() {
     return value == 1;
 }
 
+void MessageBody::end() const {
+    require(place_ == message_.size());
+}
+
 /// The bytes at the next place with the alignment, in front of which only zeros may be.
 std::string_view MessageBody::next(std::size_t size, std::size_t alignment) {
     const std::string_view rest = message_.substr(place_);

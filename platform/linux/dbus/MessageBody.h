@@ -22,6 +22,9 @@ public:
     std::int64_t nextInteger();
     bool nextBool();
 
+    /// Throws unless the body ends after the argument that was handed out last.
+    void end() const;
+
 private:
     std::string_view next(std::size_t size, std::size_t alignment);
     std::uint64_t nextNumber(std::size_t size);

@@ -95,6 +95,9 @@ using Handler = int (*)(sd_bus_message* call, ProtocolObject& object);
 
 /// The handler's result, or why it has none, as a negative errno.
 int resultOf(Handler handler, sd_bus_message* call, ProtocolObject& object) noexcept {
+    if (object.bodySize > 0 && *systemd().sd_bus_message_get_signature(call, 1) == '\0') {
+        return -EBADMSG;
+    }
     try {
         return handler(call, object);
     } catch (const std::system_error& failure) {
@@ -120,6 +123,10 @@ int helperVersion(sd_bus_message* call, ProtocolObject& object) {
 int applyFirewall(sd_bus_message* call, ProtocolObject& object) {
     std::string collected;
     const auto policyData = bytesIn(call, collected);
+    // sd-bus doesn't look for more behind the last argument.
+    if (sizeof(std::uint32_t) + policyData.size() != object.bodySize) {
+        throw std::system_error(EBADMSG, std::generic_category());
+    }
     return reply(call, object, object.exported.applyFirewallWithPolicyData(policyData));
 }
 
@@ -159,11 +166,14 @@ int createVLAN(sd_bus_message* call, ProtocolObject& object) {
     const auto name = body.nextText();
     const auto tag = body.nextInteger();
     const auto parentBSD = body.nextText();
+    body.end();
     return reply(call, object, object.exported.createVLANWithName(name, tag, parentBSD));
 }
 
 int deleteVLAN(sd_bus_message* call, ProtocolObject& object) {
-    const auto bsdName = argumentsOf(object).nextText();
+    auto body = argumentsOf(object);
+    const auto bsdName = body.nextText();
+    body.end();
     return reply(call, object, object.exported.deleteVLANWithBsdName(bsdName));
 }
 
@@ -176,7 +186,9 @@ int removeCLISymlink(sd_bus_message* call, ProtocolObject& object) {
 }
 
 int setTarnvaleResolver(sd_bus_message* call, ProtocolObject& object) {
-    const bool enabled = argumentsOf(object).nextBool();
+    auto body = argumentsOf(object);
+    const bool enabled = body.nextBool();
+    body.end();
     return reply(call, object, object.exported.setTarnvaleResolverWithEnabled(enabled));
 }
 

@@ -12,9 +12,11 @@
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "pfctl/language/PfctlError.h"
 #include "support/Decimal.h"
+#include "support/SystemCalls.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -75,10 +77,14 @@ Enabled writeEnabled() {
     const std::string temporary = pathOf("enabled.new");
     const support::UniqueFd file(
         ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file ||
-        ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        std::rename(temporary.c_str(), pathOf("enabled").c_str()) != 0) {
+    if (!file) {
         throw failure(temporary);
+    }
+    if (!support::writeAll(file.get(), text) ||
+        std::rename(temporary.c_str(), pathOf("enabled").c_str()) != 0) {
+        const auto problem = failure(temporary);
+        ::unlink(temporary.c_str());
+        throw problem;
     }
     return enabled;
 }

@@ -82,9 +82,9 @@ Enabled writeEnabled() {
     }
     if (!support::writeAll(file.get(), text) ||
         std::rename(temporary.c_str(), pathOf("enabled").c_str()) != 0) {
-        const auto problem = failure(temporary);
+        const int error = errno;
         ::unlink(temporary.c_str());
-        throw problem;
+        throw PfctlError(temporary, error);
     }
     return enabled;
 }

@@ -22,6 +22,12 @@ struct Kind {
 /// Every allocation fails in turn.
 extern const Kind memoryKind;
 
+/// It dies at every system call in turn.
+extern const Kind killKind;
+
+/// Every system call is refused in turn.
+extern const Kind errnoKind;
+
 /// Many users ask for anything, while the helper is killed.
 extern const Kind stormKind;
 

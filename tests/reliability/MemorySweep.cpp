@@ -5,12 +5,27 @@
 #include <algorithm>
 #include <limits>
 #include <thread>
-#include <utility>
 
 #include "tests/reliability/Kinds.h"
 #include "tests/reliability/SweepCommand.h"
 
 namespace tarnvale::test {
+namespace {
+
+int sweepShortages(const std::vector<std::string>& words) {
+    std::vector<std::string> ways;
+    for (const auto& shortage : allShortages()) {
+        ways.emplace_back(shortage.name);
+    }
+    MemorySweep sweep;
+    return sweepPaths(
+        words, ways, [&](const Path& path, const std::string& way, const Points& points) {
+            return sweep.run(
+                path, *std::ranges::find(allShortages(), way, &Shortage::name), points);
+        });
+}
+
+}  // namespace
 
 const std::vector<Shortage>& allShortages() {
     static const std::vector<Shortage> shortages = {
@@ -32,12 +47,12 @@ Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Point
     const auto first = std::max(points.first, path.firstPoint);
     for (auto number = first; number <= points.last; number += points.step) {
         setPoint(std::string(path.name) + " " + shortage.name + " " + std::to_string(number));
-        ++outcome_.points;
+        countPoint();
         if (!disturb(path, shortage, number)) {
             break;
         }
     }
-    return std::exchange(outcome_, {});
+    return takeOutcome();
 }
 
 std::unique_ptr<Program> MemorySweep::startHelper(const std::vector<std::string>& commandLine) {
@@ -63,20 +78,6 @@ bool MemorySweep::disturb(const Path& path, const Shortage& shortage, std::uint6
     return wasDisturbed;
 }
 
-const Kind memoryKind = {
-    .name = "memory",
-    .arguments = sweepArguments,
-    .run = [](const std::vector<std::string>& words) {
-        std::vector<std::string> ways;
-        for (const auto& shortage : allShortages()) {
-            ways.emplace_back(shortage.name);
-        }
-        MemorySweep sweep;
-        return sweepPaths(
-            words, ways, [&](const Path& path, const std::string& way, const Points& points) {
-                return sweep.run(
-                    path, *std::ranges::find(allShortages(), way, &Shortage::name), points);
-            });
-    }};
+const Kind memoryKind{.name = "memory", .arguments = sweepArguments, .run = sweepShortages};
 
 }  // namespace tarnvale::test

@@ -20,6 +20,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* rulesInForce = "rules";
+constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
+constexpr const char* pfctlsFolder = "/run/com.brackwen.tarnvale.pfctl";
+constexpr const char* enabledPath = "/run/com.brackwen.tarnvale.pfctl/enabled";
+constexpr const char* damagedStore = "{ broken off";
+constexpr const char* pfConfPath = "/etc/pf.conf";
+constexpr const char* oldPfConf = "anchor \"com.tarnvale.firewall\"\nset skip on lo0\n";
+constexpr const char* legacyAnchorPath = "/etc/pf.anchors/com.tarnvale.firewall";
 
 std::vector<NetworkText> oneNetwork() {
     return {{.number = 64}};
@@ -58,7 +65,35 @@ void applyListBesideAnother(ServiceClient& client) {
 /// The store has a list, which is not in force.
 void forgetRules(ServiceClient& client) {
     applyList(client, oneNetwork());
-    run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+    run({"/sbin/pfctl", "-a", anchor, "-F", "rules"});
+}
+
+/// The same after the machine has been started anew.
+void forgetRulesAndPf(ServiceClient& client) {
+    forgetRules(client);
+    fs::remove_all(pfctlsFolder);
+}
+
+/// As on a machine on which the helper has just been installed.
+void removeEverything(ServiceClient& client) {
+    removeLists(client);
+    fs::remove_all(supportFolder);
+    fs::remove_all(pfctlsFolder);
+}
+
+/// A list is in force, but can't be read any more.
+void damageStore(ServiceClient& client) {
+    applyList(client, oneNetwork());
+    fs::remove(storePath + ".unreadable");
+    put(storePath, damagedStore);
+}
+
+/// What an older version of the application left.
+void layOutLegacyFiles(ServiceClient& client) {
+    removeLists(client);
+    fs::remove(backupPath);
+    put(pfConfPath, oldPfConf);
+    put(legacyAnchorPath, "pass\n");
 }
 
 void setResolver(ServiceClient& client, const std::string& enabled) {
@@ -112,58 +147,60 @@ std::string timelessContentOf(const std::string& path) {
     return std::regex_replace(contentOf(path), time, "TIME");
 }
 
-}  // namespace
+/// Where one of the files has this content.
+std::string whereIs(std::string_view content, const std::vector<std::string>& paths) {
+    const bool isThere = std::ranges::any_of(
+        paths, [&](const auto& path) { return exists(path) && contentOf(path) == content; });
+    return isThere ? "kept" : "lost";
+}
 
-MachineState machineState() {
-    MachineState state;
-    for (const auto& path :
-         {storePath,
-          vlanRecordPath,
-          std::string("/etc/resolver/tvx"),
-          std::string("/etc/resolver/tarnvale")}) {
-        state[path] = timelessContentOf(path);
-    }
-    state[rulesInForce] = listedRules();
-    for (const char* const link : currentLinks) {
-        state[link] = targetOf(link);
-    }
-    state[legacyLink] = targetOf(legacyLink);
-    state[vlan] = exists(vlan) ? contentOf(std::string(vlan) + "/ifalias") +
-                                     contentOf(std::string(vlan) + "/flags")
-                               : "absent";
+/// The files under names that are given up when a file is whole.
+std::vector<fs::path> temporaryFiles() {
+    std::vector<fs::path> files;
     std::error_code none;
-    for (const char* folder : {supportFolder.c_str(), "/etc/resolver"}) {
+    for (const auto& folder :
+         {supportFolder,
+          std::string("/etc/resolver"),
+          std::string("/etc"),
+          std::string("/run"),
+          std::string(pfctlsFolder)}) {
         for (const auto& entry : fs::directory_iterator(folder, none)) {
-            const std::string name = entry.path().filename();
-            if (name.starts_with('.')) {
-                state["left over"] += name + " ";
+            static const std::regex name(
+                R"(\..*\.[0-9a-f]{16}|enabled\.new|.*adminhelper\.socket\.[0-9]+)");
+            if (std::regex_match(entry.path().filename().string(), name)) {
+                files.push_back(entry.path());
             }
         }
     }
-    return state;
+    return files;
 }
 
-const Path& versionRequest() {
-    static const Path request = {
-        .name = "version", .prepare = [](ServiceClient&) {}, .method = "HelperVersion"};
-    return request;
-}
-
-bool hasVLANs() {
-    return exists("/proc/net/vlan") && exists("/sys/class/net/en0");
-}
-
-const std::vector<Path>& allPaths() {
+std::vector<Path> pathsOfStart() {
     // The first allocation of a program is the C++ library's reserve for exceptions. Without that,
     // the library itself ends the program where there is no memory for one.
     constexpr std::uint64_t ownStart = 2;
-    static const std::vector<Path> paths = {
+    return {
         {.name = "start",
          .prepare = forgetRules,
          .method = "HelperVersion",
          .isStart = true,
          .bestEffort = {rulesInForce},
          .firstPoint = ownStart},
+        {.name = "start-damaged",
+         .prepare = damageStore,
+         .method = "HelperVersion",
+         .isStart = true,
+         .firstPoint = ownStart},
+        {.name = "reapply",
+         .prepare = forgetRulesAndPf,
+         .isReapply = true,
+         .bestEffort = {rulesInForce, "pf"},
+         .firstPoint = ownStart}};
+}
+
+/// They change nothing, but for the firsts of their kind.
+std::vector<Path> pathsOfConnections() {
+    return {
         {.name = "first-connection",
          .prepare = [](ServiceClient&) {},
          .method = "HelperVersion",
@@ -185,7 +222,17 @@ const std::vector<Path>& allPaths() {
          .types = "s",
          .arguments = {"which"},
          .isFirstOfClient = true},
-        {.name = "report", .prepare = [](ServiceClient&) {}, .method = "FirewallReport"},
+        {.name = "report", .prepare = [](ServiceClient&) {}, .method = "FirewallReport"}};
+}
+
+std::vector<Path> pathsOfFirewall() {
+    return {
+        {.name = "apply-fresh",
+         .prepare = removeEverything,
+         .method = "ApplyFirewall",
+         .types = "ay",
+         .arguments = {policyText(oneNetwork())},
+         .bestEffort = {"pf"}},
         {.name = "apply-new",
          .prepare = removeLists,
          .method = "ApplyFirewall",
@@ -201,11 +248,30 @@ const std::vector<Path>& allPaths() {
          .method = "ApplyFirewall",
          .types = "ay",
          .arguments = {policyText(oneNetwork())}},
+        {.name = "apply-damaged",
+         .prepare = damageStore,
+         .method = "ApplyFirewall",
+         .types = "ay",
+         .arguments = {policyText(twoNetworks())}},
+        {.name = "clean-up",
+         .prepare = layOutLegacyFiles,
+         .method = "ApplyFirewall",
+         .types = "ay",
+         .arguments = {policyText(oneNetwork())},
+         .bestEffort = {pfConfPath, backupPath, legacyAnchorPath}},
         {.name = "remove-one", .prepare = applyListBesideAnother, .method = "RemoveFirewall"},
         {.name = "remove-last",
          .prepare = [](ServiceClient& client) { applyList(client, oneNetwork()); },
          .method = "RemoveFirewall",
          .bestEffort = {rulesInForce, storePath}},
+        {.name = "remove-damaged",
+         .prepare = damageStore,
+         .method = "RemoveFirewall",
+         .bestEffort = {rulesInForce, storePath}}};
+}
+
+std::vector<Path> otherPaths() {
+    return {
         {.name = "links-on", .prepare = removeLinks, .method = "InstallCLISymlink"},
         {.name = "links-off", .prepare = installLinks, .method = "RemoveCLISymlink"},
         {.name = "resolver-on",
@@ -232,6 +298,70 @@ const std::vector<Path>& allPaths() {
          .arguments = {"vlan0"},
          .bestEffort = {vlanRecordPath},
          .needsVLANs = true}};
+}
+
+}  // namespace
+
+MachineState machineState() {
+    MachineState state;
+    for (const auto& path :
+         {storePath,
+          vlanRecordPath,
+          backupPath,
+          std::string(pfConfPath),
+          std::string(legacyAnchorPath),
+          std::string("/etc/resolver/tvx"),
+          std::string("/etc/resolver/tarnvale")}) {
+        state[path] = timelessContentOf(path);
+    }
+    state[rulesInForce] = listedRules();
+    for (const char* const link : currentLinks) {
+        state[link] = targetOf(link);
+    }
+    state[legacyLink] = targetOf(legacyLink);
+    state[vlan] = exists(vlan) ? contentOf(std::string(vlan) + "/ifalias") +
+                                     contentOf(std::string(vlan) + "/flags")
+                               : "absent";
+    state["pf"] = exists(enabledPath) ? "enabled" : "disabled";
+    state["what could not be read"] = whereIs(damagedStore, {storePath, storePath + ".unreadable"});
+    state["the old pf.conf"] = whereIs(oldPfConf, {pfConfPath, backupPath});
+    state["left over"];
+    for (const auto& file : temporaryFiles()) {
+        state["left over"] += file.string() + " ";
+    }
+    return state;
+}
+
+bool contradicts(const MachineState& now, const MachineState& known) {
+    const auto& store = now.at(storePath);
+    return store != "absent" && store != damagedStore && store == known.at(storePath) &&
+           now.at(rulesInForce) != known.at(rulesInForce);
+}
+
+void removeTemporaryFiles() {
+    for (const auto& file : temporaryFiles()) {
+        fs::remove(file);
+    }
+}
+
+const Path& versionRequest() {
+    static const Path request = {
+        .name = "version", .prepare = [](ServiceClient&) {}, .method = "HelperVersion"};
+    return request;
+}
+
+bool hasVLANs() {
+    return exists("/proc/net/vlan") && exists("/sys/class/net/en0");
+}
+
+const std::vector<Path>& allPaths() {
+    static const auto paths = [] {
+        auto joined = pathsOfStart();
+        for (auto&& more : {pathsOfConnections(), pathsOfFirewall(), otherPaths()}) {
+            joined.insert(joined.end(), more.begin(), more.end());
+        }
+        return joined;
+    }();
     return paths;
 }
 

@@ -24,6 +24,13 @@ using MachineState = std::map<std::string, std::string>;
 /// The state that the machine is in now. Whatever is half made has a value of its own.
 MachineState machineState();
 
+/// Whether the stored lists are those of that state, but the rules in force are not.
+bool contradicts(const MachineState& now, const MachineState& known);
+
+/// Removes files under temporary names, such as a process leaves that is killed. A later write does
+/// that when they are an hour old.
+void removeTemporaryFiles();
+
 /// One road.
 struct Path {
     const char* name;
@@ -33,6 +40,7 @@ struct Path {
     std::string types{};
     Texts arguments{};
     bool isStart = false;          ///< of a helper that is started for it
+    bool isReapply = false;        ///< of one that only brings the stored lists into force
     bool isFirstRequest = false;   ///< of a helper that has served nobody, on a new connection
     bool isFirstOfClient = false;  ///< on a new connection
     std::set<std::string> bestEffort{};  ///< what a success doesn't promise, of the machine's state

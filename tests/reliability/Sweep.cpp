@@ -2,11 +2,14 @@
 
 #include "tests/reliability/Sweep.h"
 
-#include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
 #include <utility>
+
+#include <sys/stat.h>
 
 #include "tests/support/HelperFiles.h"
 
@@ -23,6 +26,15 @@ constexpr auto endLimit = 2s;
 constexpr auto startRest = 20ms;
 constexpr int signalled = 128;
 
+/// When the file was made or changed, to the kernel's tick; nothing where there is none.
+std::optional<std::pair<time_t, long>> changeOf(const char* path) {
+    struct stat info {};
+    if (::lstat(path, &info) != 0) {
+        return std::nullopt;
+    }
+    return std::pair(info.st_ctim.tv_sec, info.st_ctim.tv_nsec);
+}
+
 bool isOneOf(const std::string& value, const std::string& key, const MachineState& state) {
     const auto found = state.find(key);
     return found != state.end() && found->second == value;
@@ -30,17 +42,35 @@ bool isOneOf(const std::string& value, const std::string& key, const MachineStat
 
 }  // namespace
 
+Sweep::Sweep(Client client) {
+    if (client == Client::trusted) {
+        beginsAt_ += 4s;
+    }
+}
+
 void Sweep::begin(const Path& path) {
-    // A younger file could have changed since it was checked, so it is checked at each message.
-    std::this_thread::sleep_until(settlesAt_);
+    std::this_thread::sleep_until(beginsAt_);
     outcome_ = {};
     target_ = targetOf(path);
 }
 
-/// Leaves no connection and no socket of an earlier helper.
-void Sweep::launch() {
+Outcome Sweep::takeOutcome() {
+    return std::exchange(outcome_, {});
+}
+
+void Sweep::setPoint(const std::string& where, bool mayLeaveFiles) {
+    where_ = where;
+    mayLeaveFiles_ = mayLeaveFiles;
+}
+
+void Sweep::stop() {
     client_.reset();
     helper_.reset();
+}
+
+/// Leaves no connection and no socket of an earlier helper.
+void Sweep::launch() {
+    stop();
     std::filesystem::remove(servicePath);
     helper_ = startHelper({program_});
 }
@@ -62,6 +92,21 @@ void Sweep::start() {
     launch();
     if (!listens()) {
         throw std::runtime_error(where_ + ": does not start undisturbed");
+    }
+}
+
+/// Undisturbed, where a helper was killed: what that has left stays.
+void Sweep::succeed() {
+    stop();
+    const auto stale = changeOf(servicePath);
+    helper_ = startHelper({program_});
+    const auto end = std::chrono::steady_clock::now() + replyLimit;
+    while (changeOf(servicePath) == stale) {
+        if (helper_->endsWithin(1ms) || std::chrono::steady_clock::now() > end) {
+            report("its successor does not start");
+            start();
+            return;
+        }
     }
 }
 
@@ -97,14 +142,16 @@ void Sweep::prepare(const Path& path) {
     if (path.isFirstOfClient) {
         client_ = std::make_unique<ServiceClient>(lab_.client);
     }
-    if (path.isStart) {
-        client_.reset();
-        helper_.reset();
+    if (path.isStart || path.isReapply) {
+        stop();
     }
 }
 
 /// Of a start that leads nowhere, the client sees what it sees of a connection that is closed.
 std::optional<Texts> Sweep::ask(const Path& path) {
+    if (path.isReapply) {
+        return reapply();
+    }
     if (path.isStart) {
         launch();
         if (!listens() || hasEndedItself(startRest)) {
@@ -114,6 +161,16 @@ std::optional<Texts> Sweep::ask(const Path& path) {
         client_ = std::make_unique<ServiceClient>(lab_.client);
     }
     return callInTime(*client_, path, replyLimit);
+}
+
+/// The same for one that only brings the stored lists into force.
+std::optional<Texts> Sweep::reapply() {
+    stop();
+    helper_ = startHelper({program_, "--reapply"});
+    if (!hasEndedItself(replyLimit)) {
+        return std::nullopt;
+    }
+    return Texts{helper_->finish().status == EXIT_SUCCESS ? "nil" : "closed"};
 }
 
 /// What the path leads to where nothing fails.
@@ -128,8 +185,53 @@ MachineState Sweep::targetOf(const Path& path) {
 
 void Sweep::judge(const std::optional<Texts>& reply, const Path& path) {
     judgeReply(reply);
-    judgeHelper(path);
+    if (path.isReapply) {
+        judgeMachine(reply, path);
+        judgeReapply();
+    } else {
+        judgeHelper(path);
+        judgeMachine(reply, path);
+    }
+}
+
+/// All that it was doing is as it was or as it was to be. The successor serves, enforces what is
+/// stored, and does what the killed one was asked for.
+void Sweep::judgeDeath(const std::optional<Texts>& reply, const Path& path) {
+    judgeReply(reply);
+    if (!hasEndedItself(endLimit)) {
+        report("it lives, though it was killed");
+    }
     judgeMachine(reply, path);
+    succeed();
+    if (!serves()) {
+        report("its successor serves nobody");
+    }
+    judgeMachine(reply, path);
+    const auto now = machineState();
+    const bool isDone = isOneOf(now.at(storePath), storePath, target_);
+    if (contradicts(now, isDone ? target_ : before_)) {
+        report("its successor does not bring the stored list into force");
+    }
+    judgeRepetition(path);
+}
+
+/// A start is its own repetition.
+void Sweep::judgeRepetition(const Path& path) {
+    if (!path.isStart) {
+        if (!client_) {
+            client_ = std::make_unique<ServiceClient>(lab_.client);
+        }
+        const auto reply = ask(path);
+        if (!reply || !isSuccess(*reply)) {
+            report("asked again, it fails: " + (reply ? reply->back() : "no reply"));
+        }
+    }
+    const auto now = machineState();
+    for (const auto& [key, value] : now) {
+        if (!isOneOf(value, key, target_)) {
+            report(std::string("asked again, it leaves ").append(key).append(": ").append(value));
+        }
+    }
 }
 
 void Sweep::judgeReply(const std::optional<Texts>& reply) {
@@ -143,6 +245,9 @@ void Sweep::judgeReply(const std::optional<Texts>& reply) {
 
 /// Everything is as it was or as it was to be, and a success means the latter.
 void Sweep::judgeMachine(const std::optional<Texts>& reply, const Path& path) {
+    if (mayLeaveFiles_) {
+        removeTemporaryFiles();
+    }
     const auto after = machineState();
     std::string undone;
     for (const auto& [key, value] : after) {
@@ -181,6 +286,21 @@ void Sweep::judgeHelper(const Path& path) {
     }
     if (path.isStart && machineState() != target_) {
         report("its successor does not bring the stored list into force");
+    }
+}
+
+/// It has ended. The next one does what it couldn't.
+void Sweep::judgeReapply() {
+    if (!hasEndedItself(0ms)) {
+        return;  // as is reported
+    }
+    const auto end = helper_->finish();
+    if (end.status >= signalled) {
+        report("it ended with status " + std::to_string(end.status) + ": " + end.error);
+    }
+    reapply();
+    if (machineState() != target_) {
+        report("the next one does not bring the stored list into force");
     }
 }
 

@@ -35,12 +35,17 @@ struct Outcome {
 /// In a private root. Everything that it does may throw when the machine gives out.
 class Sweep {
 public:
+    /// Until its file is some seconds old, a client is checked at each message, because the file
+    /// could have changed since. So the paths are longer.
+    enum class Client { trusted, fresh };
+
     Sweep(const Sweep&) = delete;
     Sweep& operator=(const Sweep&) = delete;
 
-protected:
-    Sweep() = default;
     virtual ~Sweep() = default;
+
+protected:
+    explicit Sweep(Client client = Client::trusted);
 
     /// Starts the helper by this command line, where the sweep can disturb it.
     virtual std::unique_ptr<Program> startHelper(const std::vector<std::string>& commandLine) = 0;
@@ -52,8 +57,9 @@ protected:
     /// Undisturbed, goes the path once to know what it leads to.
     void begin(const Path& path);
 
-    /// Names the point at which it is, in the words that repeat it.
-    void setPoint(const std::string& where) { where_ = where; }
+    /// Names the point at which it is, in the words that repeat it, and says whether files under
+    /// temporary names may stay behind there.
+    void setPoint(const std::string& where, bool mayLeaveFiles = false);
 
     /// Undisturbed. Leaves a client that is connected, or, for a first request, only there.
     void toBeginningOf(const Path& path);
@@ -64,34 +70,47 @@ protected:
     /// Looks at everything, undisturbed.
     void judge(const std::optional<Texts>& reply, const Path& path);
 
+    /// The same, for a helper that was killed: its successor takes its place.
+    void judgeDeath(const std::optional<Texts>& reply, const Path& path);
+
+    /// Leaves neither helper nor client.
+    void stop();
+
     /// Whether a client that comes now is served.
     bool serves();
 
     void report(const std::string& what);
 
-    Outcome outcome_;  // NOLINT(*-non-private-member-variables-in-classes): a sweep's own count
+    void countPoint() { ++outcome_.points; }
+
+    /// What there was since the path began.
+    Outcome takeOutcome();
 
 private:
     void launch();
     bool listens();
     void start();
+    void succeed();
+    std::optional<Texts> reapply();
+    void judgeRepetition(const Path& path);
     void prepare(const Path& path);
     MachineState targetOf(const Path& path);
     void judgeReply(const std::optional<Texts>& reply);
     void judgeMachine(const std::optional<Texts>& reply, const Path& path);
     void judgeHelper(const Path& path);
+    void judgeReapply();
     bool hasEndedItself(std::chrono::milliseconds limit);
 
     ServiceLab lab_;
     std::string program_ = ServiceLab::installedHelper();
-    /// When the helper remembers its verdict on the client.
-    std::chrono::steady_clock::time_point settlesAt_ =
-        std::chrono::steady_clock::now() + std::chrono::seconds(4);
+    std::chrono::steady_clock::time_point beginsAt_ = std::chrono::steady_clock::now();
     std::unique_ptr<Program> helper_;
     std::unique_ptr<ServiceClient> client_;
     MachineState before_;
     MachineState target_;
     std::string where_;
+    bool mayLeaveFiles_ = false;
+    Outcome outcome_;
 };
 
 }  // namespace tarnvale::test

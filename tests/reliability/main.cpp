@@ -25,7 +25,8 @@ namespace {
 
 namespace test = tarnvale::test;
 
-constexpr std::array kinds = {&test::memoryKind, &test::stormKind};
+constexpr std::array kinds = {
+    &test::memoryKind, &test::killKind, &test::errnoKind, &test::stormKind};
 constexpr int usageStatus = 2;
 
 int complainOfUsage() {

@@ -2,7 +2,6 @@
 
 #include "tests/support/WatchedCalls.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
@@ -12,46 +11,27 @@
 
 #include <fcntl.h>
 #include <linux/seccomp.h>
-#include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "support/SystemCalls.h"
 #include "support/UniqueFd.h"
 #include "tests/support/CallFilter.h"
 
 namespace tarnvale::test {
 namespace {
 
-using support::uninterrupted;
-
 /// Answers the kernel until the watched thread has ended. What other threads and processes call
 /// that the watched one has started is none of the operation's.
 void answer(
     int listener, pid_t watched, const std::function<int(const WatchedCall& call)>& before) {
-    for (int count = 0;;) {
-        pollfd asked{.fd = listener, .events = POLLIN, .revents = 0};
-        uninterrupted([&] { return ::poll(&asked, 1, -1); });
-        if ((asked.revents & POLLIN) == 0) {
-            return;
+    int count = 0;
+    answerCalls(listener, [&](const AskedCall& asked) {
+        CallAnswer given;
+        if (asked.thread == watched) {
+            given.error = before({.count = ++count, .arguments = asked.arguments});
         }
-        seccomp_notif question{};
-        if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &question) != 0) {
-            continue;
-        }
-        int error = 0;
-        if (static_cast<pid_t>(question.pid) == watched) {
-            WatchedCall call{.count = ++count, .arguments = {}};
-            std::ranges::copy(question.data.args, call.arguments.begin());
-            error = before(call);
-        }
-        seccomp_notif_resp reply{};
-        reply.id = question.id;
-        reply.error = -error;
-        reply.flags = error == 0 ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0;
-        ::ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &reply);
-    }
+        return given;
+    });
 }
 
 }  // namespace

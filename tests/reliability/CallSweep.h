@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+//
+// Disturbs the helper, or a pfctl that it has started, at every system call of a path in turn.
+
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/reliability/CallWatch.h"
+#include "tests/reliability/Sweep.h"
+
+namespace tarnvale::test {
+
+/// What is done, and at which calls it makes sense.
+struct CallDeed {
+    std::string name;
+    Deed deed;
+    std::function<bool(const ListedCall& call)> fits;
+};
+
+/// "service": the helper dies together with what it has started, as under systemd. "child": a pfctl
+/// dies alone.
+const std::vector<CallDeed>& allDeaths();
+
+/// The call fails once with an error that the kernel may give it, or is made for half of its bytes.
+const std::vector<CallDeed>& allRefusals();
+
+/// A point is the number of a call among those that the deed fits.
+class CallSweep : public Sweep {
+public:
+    explicit CallSweep(Client client = Client::trusted) : Sweep(client) {}
+    CallSweep(const CallSweep&) = delete;
+    CallSweep& operator=(const CallSweep&) = delete;
+    ~CallSweep() override;
+
+    /// Until the path has no further call.
+    Outcome run(const Path& path, const CallDeed& deed, const Points& points);
+
+private:
+    std::unique_ptr<Program> startHelper(const std::vector<std::string>& commandLine) override;
+    void endDisturbance() override;
+    std::vector<ListedCall> callsOf(const Path& path);
+    bool disturb(const Path& path, const Deed& deed, const WatchedPoint& point);
+
+    CallWatch watch_;
+};
+
+}  // namespace tarnvale::test

@@ -52,8 +52,14 @@ struct Socket::Answer {
 
     bool isVerdict() const { return message.type == NLMSG_ERROR || message.type == NLMSG_DONE; }
 
-    /// 0 or an error number.
-    int verdict() const { return -message.header<int>(); }
+    /// 0 or an error number. Throws for what is neither; the kernel sends them with a minus sign.
+    int verdict() const {
+        const int sent = message.header<int>();
+        if (sent > 0 || sent == std::numeric_limits<int>::min()) {
+            failMalformed();
+        }
+        return -sent;
+    }
 };
 
 Socket::Socket(int protocol)

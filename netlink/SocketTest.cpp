@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -83,6 +84,11 @@ public:
 
     /// The same with another type, with flags, or to the request of that number.
     void answer(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence, int error) {
+        answerWith(type, flags, sequence, -error);
+    }
+
+    /// The same with the number as it is sent: the kernel negates errors.
+    void answerWith(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence, int sent) {
         struct {
             nlmsghdr header;
             int verdict;
@@ -93,7 +99,7 @@ public:
                  .nlmsg_flags = flags,
                  .nlmsg_seq = sequence,
                  .nlmsg_pid = 0},
-            .verdict = -error};
+            .verdict = sent};
         ASSERT_EQ(::send(kernel_.get(), &message, sizeof message, 0), ssize_t{sizeof message});
     }
 
@@ -160,6 +166,15 @@ TEST(SocketTest, TakesNoAnswerForThatToTheNextRequest) {
 
     kernel.answer(EEXIST);
     EXPECT_EQ(kernel.errorOfARequest(), EEXIST);
+}
+
+TEST(SocketTest, TakesNoOtherNumberForAnError) {
+    PlayedKernel kernel;
+    for (const int sent :
+         {EPERM, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()}) {
+        kernel.answerWith(NLMSG_ERROR, 0, 0, sent);
+        EXPECT_EQ(kernel.errorOfARequest(), EBADMSG) << sent;
+    }
 }
 
 /// How many interfaces the kernel lists.

@@ -507,9 +507,12 @@ TEST_F(HostileTest, SubordinateUsersHaveThePlacesOfTheirOwner) {
 
 TEST_F(HostileTest, ThousandsOfRejectionsLeaveTheLogAsItIs) {
     ServiceClient stranger(clientProgram, attacker);
-    for (int i = 0; i < 5000; ++i) {
-        stranger.lend();
-    }
+    const auto knock = [&stranger](int times) {
+        for (int i = 0; i < times; ++i) {
+            stranger.lend();
+        }
+    };
+    knock(5000);
     const auto end = Clock::now() + 1s;
     while (Clock::now() < end) {
         stranger.lend();
@@ -520,7 +523,13 @@ TEST_F(HostileTest, ThousandsOfRejectionsLeaveTheLogAsItIs) {
     // As many as are forgiven, and those that were under way when they were too many.
     EXPECT_LT(log.size(), 150U);
     EXPECT_TRUE(isServed());
-    EXPECT_TRUE(lend().closesWithin(5s)) << "his other programs are not looked at either";
+    // On a busy machine one rejection may be forgotten before the next program is there.
+    bool isTurnedAway = false;
+    for (int attempt = 0; attempt < 20 && !isTurnedAway; ++attempt) {
+        knock(50);
+        isTurnedAway = lend().closesWithin(1s);
+    }
+    EXPECT_TRUE(isTurnedAway) << "his other programs are not looked at either";
 }
 
 TEST_F(HostileTest, TenThousandStrangersInARowKeepNobodyOut) {

@@ -23,6 +23,7 @@
 #include <unistd.h>
 
 #include "platform/Transport.h"
+#include "platform/linux/dbus/DBusSession.h"
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
@@ -746,6 +747,18 @@ TEST_F(DBusTransportTest, WaitsForNoRestOfWhatIsNoMessage) {
     peer.send(garbage);
 
     EXPECT_TRUE(peer.closesWithin(5s));
+}
+
+TEST_F(DBusTransportTest, EndsAPeerThatAnnouncesMoreThanAMessageHas) {
+    auto peer = connectRaw();
+    ASSERT_TRUE(peer.authenticate());
+    constexpr std::uint32_t tooMuch = 128U << 20U;
+    const auto header = test::RawMessage{}.bytes();
+
+    ASSERT_TRUE(
+        peer.send(test::RawMessage{}.bytes(tooMuch - static_cast<std::uint32_t>(header.size()))));
+
+    EXPECT_TRUE(peer.closesWithin(DBusSession::arrivalLimit - 5s)) << "without waiting for it";
 }
 
 TEST_F(DBusTransportTest, ServesOthersBesideAPeerThatNeverSpeaks) {

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // What the service costs: the shipped helper with a signed client, beside a bare D-Bus server that
-// does nothing else (service/EchoService.cpp), in turns; its start, its memory, its wake-ups. It
-// writes the true paths, so it enters a private root first; it needs root. An argument chooses one
-// of the benches: rate, connect, admission, activation, version, memory or wake-ups.
+// does nothing else (service/EchoService.cpp), in turns; its start, its memory, its wake-ups. The
+// peer of its start is systemd-hostnamed. It writes the true paths, so it enters a private root
+// first; it needs root. An argument chooses one of the benches: rate, connect, admission,
+// activation, version, memory or wake-ups.
 
 #include <algorithm>
 #include <cerrno>
@@ -35,6 +36,7 @@
 #include <unistd.h>
 
 #include "bench/PolicyDocument.h"
+#include "bench/Precedence.h"
 #include "bench/Programs.h"
 #include "bench/SignedPrograms.h"
 #include "bench/StoredPolicies.h"
@@ -56,6 +58,10 @@ constexpr const char* callerPath = TARNVALE_BIN_DIR "/service_caller";
 constexpr const char* caller = "/tmp/caller";            ///< as small as it is
 constexpr const char* largeCaller = "/tmp/caller-1-MB";  ///< of 1 MB
 constexpr const char* documentPath = "/tmp/document.json";
+
+constexpr const char* busDaemonPath = "/usr/bin/dbus-daemon";
+constexpr const char* hostnamedPath = "/usr/lib/systemd/systemd-hostnamed";
+constexpr const char* stampPath = "/tmp/stamp";  ///< of hostnamed's last start
 
 const std::vector<std::string> helper{helperPath};
 const std::vector<std::string> echoLoop{echoPath, "loop"};
@@ -230,6 +236,7 @@ double callsASecond(const Server& server, std::size_t connections, std::size_t c
 /// One connection shares one core with its server; many have all cores. The floor is the same for
 /// both.
 void benchRate(std::size_t connections, std::size_t calls) {
+    const Precedence precedence;
     std::optional<OnOneCore> onOneCore(std::in_place);
     const Server echo(echoLoop);
     const auto echoOnOneCore = [&] {
@@ -259,6 +266,7 @@ void benchRate(std::size_t connections, std::size_t calls) {
 }
 
 void benchConnect() {
+    const Precedence precedence;
     const Server service(helper);
     const Server echo(echoThreads);
     const auto connect = [](const Server& server) {
@@ -286,9 +294,89 @@ double activation(const std::vector<std::string>& words, const char* program) {
     return call->number() - server.startedAt();
 }
 
+/// A message bus of its own, which starts systemd-hostnamed for whoever calls it.
+class Bus {
+public:
+    Bus() {
+        const std::string socket = "/tmp/bus";
+        address_ = "unix:path=" + socket;
+        fs::create_directory("/tmp/bus-services");
+        std::ofstream("/tmp/bus-services/hostname1.service")
+            << "[D-BUS Service]\nName=org.freedesktop.hostname1\nExec=" << TARNVALE_BIN_DIR
+            << "/stamp_start " << stampPath << " " << hostnamedPath << "\n";
+        std::ofstream("/tmp/bus.conf")
+            << "<busconfig><type>session</type><listen>" << address_ << "</listen>"
+            << "<servicedir>/tmp/bus-services</servicedir><policy context=\"default\">"
+            << "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+            << "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+        pid_ = ::fork();
+        require(pid_ >= 0, "fork");
+        if (pid_ == 0) {
+            ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);  // hostnamed inherits it
+            // It reports each start.
+            if (std::freopen("/dev/null", "w", stderr) == nullptr) {
+                ::_exit(EXIT_FAILURE);
+            }
+            ::execl(
+                busDaemonPath, busDaemonPath, "--nofork", "--config-file=/tmp/bus.conf", nullptr);
+            ::_exit(EXIT_FAILURE);
+        }
+        while (!test::connectTo(socket)) {
+            require(::waitpid(pid_, nullptr, WNOHANG) == 0, busDaemonPath);
+            std::this_thread::sleep_for(1ms);
+        }
+    }
+    Bus(const Bus&) = delete;
+    Bus& operator=(const Bus&) = delete;
+    ~Bus() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+    /// From hostnamed's start to its first reply, to a client that waits for it.
+    double activation() const {
+        const double repliedAt = Call(
+                                     TARNVALE_BIN_DIR "/bus_caller",
+                                     address_,
+                                     {"org.freedesktop.hostname1",
+                                      "/org/freedesktop/hostname1",
+                                      "org.freedesktop.hostname1",
+                                      "Hostname"})
+                                     .number();
+        pid_t hostnamed = -1;
+        double startedAt = 0;
+        require(bool(std::ifstream(stampPath) >> hostnamed >> startedAt), stampPath);
+        ::kill(hostnamed, SIGKILL);
+        // The bus reaps it, or else this process, the first one of its namespace.
+        while (::kill(hostnamed, 0) == 0 && ::waitpid(hostnamed, nullptr, WNOHANG) != hostnamed) {
+            std::this_thread::sleep_for(1ms);
+        }
+        return repliedAt - startedAt;
+    }
+
+private:
+    std::string address_;
+    pid_t pid_ = -1;
+};
+
+/// The same floor for the peer, which enforces nothing.
+void benchPeersActivation() {
+    constexpr const char* name = "systemd-hostnamed, bus activated";
+    if (!fs::exists(busDaemonPath) || !fs::exists(hostnamedPath)) {
+        std::printf("%s: not installed\n", name);
+        return;
+    }
+    const Bus bus;
+    printRow(
+        name,
+        compare(
+            60, [&] { return bus.activation(); }, [] { return activation(echoLoop, caller); }));
+}
+
 /// With stored policies, what is in force is what is stored: the helper, which ends when nobody
 /// needs it, finds it so each time but the first.
 void benchActivation() {
+    const Precedence precedence;
     const auto row = [](const char* name) {
         printRow(
             name,
@@ -298,6 +386,7 @@ void benchActivation() {
                 [] { return activation(echoLoop, caller); }));
     };
     row("activated, exec to first reply");
+    benchPeersActivation();
     installPfctl("/pfctl");
     storePolicies(10, 20);
     runProgram({helperPath, "--reapply"});
@@ -324,6 +413,7 @@ private:
 };
 
 void benchAdmission() {
+    const Precedence precedence;
     std::vector<double> inAFreshProcess;
     std::vector<double> later;
     for (int round = 0; round < 40; ++round) {
@@ -340,6 +430,7 @@ void benchAdmission() {
 }
 
 void benchVersion() {
+    const Precedence precedence;
     printRow(
         "--version",
         compare(

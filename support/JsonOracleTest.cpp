@@ -3,11 +3,12 @@
 // Our JSON against somebody else's: both have to accept the same texts and to read the same values
 // from them, over documents made up and then damaged.
 
+#include "tests/support/JsonOracle.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -166,83 +167,27 @@ private:
     std::mt19937_64& random_;
 };
 
-/// What the oracle says of a text.
-struct Verdict {  // NOLINT(bugprone-exception-escape): the oracle's own move may throw
-    bool ourReaderTakes = false;
-    bool isTooLargeForIt = false;   ///< it has no number for one that is right by the grammar
-    bool hasDuplicateKeys = false;  ///< of which it takes the last
-    nlohmann::json value;
-};
-
-Verdict oracle(const std::string& text) {
-    Verdict verdict;
-    std::vector<std::set<std::string>> keys;
-    const auto watch = [&](int /*depth*/, nlohmann::json::parse_event_t event, auto& parsed) {
-        using Event = nlohmann::json::parse_event_t;
-        if (event == Event::object_start) {
-            keys.emplace_back();
-        } else if (event == Event::object_end) {
-            keys.pop_back();
-        } else if (event == Event::key) {
-            verdict.hasDuplicateKeys |= !keys.back().insert(parsed).second;
-        }
-        return true;
-    };
-    try {
-        verdict.value = nlohmann::json::parse(text, watch);
-        // It takes a NUL for the end.
-        verdict.ourReaderTakes = text.find('\0') == std::string::npos;
-    } catch (const nlohmann::json::out_of_range&) {
-        verdict.isTooLargeForIt = true;
-    } catch (const nlohmann::json::parse_error&) {
-        verdict.ourReaderTakes = false;
-    }
-    return verdict;
-}
-
-/// The oracle's value has lost what decides whether we have to take it.
-struct CannotTell {};
-
-std::int64_t integer(const nlohmann::json& value) {
-    if (value.is_number_float()) {
-        throw CannotTell();
-    }
-    const bool fits = !value.is_number_unsigned() || value.get<std::uint64_t>() <= INT64_MAX;
-    return fits && value.is_number_integer() ? value.get<std::int64_t>() : throw std::exception();
-}
-
-double number(const nlohmann::json& value) {
-    if (value.is_number_float() && value == 0.0) {
-        throw CannotTell();
-    }
-    return value.is_number() ? value.get<double>() : throw std::exception();
-}
-
 /// The record that the oracle's value stands for. Nothing when it is none.
 std::optional<Sample> sample(const nlohmann::json& value) {
-    using Array = const nlohmann::json::array_t&;
-    using Object = const nlohmann::json::object_t&;
-    using Text = const std::string&;
-    using Flag = const nlohmann::json::boolean_t&;
     try {
         Sample sample;
-        for (const auto& item : value.at("strings").get_ref<Array>()) {
-            sample.strings.push_back(item.get_ref<Text>());
+        for (const auto& item : test::jsonList(value.at("strings"))) {
+            sample.strings.push_back(test::jsonText(item));
         }
-        for (const auto& item : value.at("integers").get_ref<Array>()) {
-            sample.integers.push_back(integer(item));
+        for (const auto& item : test::jsonList(value.at("integers"))) {
+            sample.integers.push_back(test::jsonInteger(item));
         }
-        for (const auto& item : value.at("numbers").get_ref<Array>()) {
-            sample.numbers.push_back(number(item));
+        for (const auto& item : test::jsonList(value.at("numbers"))) {
+            sample.numbers.push_back(test::jsonNumber(item));
         }
-        for (const auto& item : value.at("flags").get_ref<Array>()) {
+        for (const auto& item : test::jsonList(value.at("flags"))) {
             sample.flags.emplace_back();
             if (!item.is_null()) {
-                sample.flags.back() = item.get_ref<Flag>();
+                sample.flags.back() = test::jsonFlag(item);
             }
         }
-        for (const auto& [key, item] : value.at("named").get_ref<Object>()) {
-            sample.named[key] = item.get_ref<Text>();
+        for (const auto& [key, item] : test::jsonObject(value.at("named"))) {
+            sample.named[key] = test::jsonText(item);
         }
         return sample;
     } catch (const std::exception&) {
@@ -283,7 +228,7 @@ TEST_F(JsonOracleTest, AcceptsTheSameTexts) {
         ASSERT_TRUE(ourReaderTakes(text)) << text;
 
         const std::string damaged = test::mutated(text, random);
-        const Verdict verdict = oracle(damaged);
+        const test::JsonVerdict verdict = test::jsonVerdict(damaged);
         if (!verdict.isTooLargeForIt) {
             ASSERT_EQ(ourReaderTakes(damaged), verdict.ourReaderTakes)
                 << testing::PrintToString(damaged);
@@ -300,7 +245,7 @@ TEST_F(JsonOracleTest, ReadsTheSameRecords) {
     for (int i = 0; i < 1'500; ++i) {
         const std::string text = author.sample();
         for (const std::string& each : {text, test::mutated(text, random)}) {
-            const Verdict verdict = oracle(each);
+            const test::JsonVerdict verdict = test::jsonVerdict(each);
             if (verdict.isTooLargeForIt || verdict.hasDuplicateKeys) {
                 continue;
             }
@@ -308,7 +253,7 @@ TEST_F(JsonOracleTest, ReadsTheSameRecords) {
                 const auto expected = verdict.ourReaderTakes ? sample(verdict.value) : std::nullopt;
                 ASSERT_EQ(ourSample(each), expected) << testing::PrintToString(each);
                 ++(expected ? read : refused);
-            } catch (const CannotTell&) {
+            } catch (const test::CannotTell&) {
                 continue;
             }
         }

@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: MIT
 //
 // JSON of any shape, and of one that has a field of each kind. What was read and written reads back
-// equal, in both forms; whatever a record is read from is valid JSON throughout.
+// equal, in both forms; whatever a record is read from is valid JSON throughout. Another reader
+// takes the same texts and finds the same records in them.
 
 #include <cstdint>
 #include <cstdlib>
+#include <exception>
+#include <functional>
+#include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -13,6 +18,7 @@
 
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
+#include "tests/support/JsonOracle.h"
 
 namespace tarnvale::support {
 
@@ -80,9 +86,77 @@ std::optional<Sample> sample(std::string_view text) {
     }
 }
 
+/// Reads the member into the field, if it is there and not null.
+template <class Field, class Read>
+void readMember(
+    const nlohmann::json& object, const char* key, std::optional<Field>& field, const Read& read) {
+    if (object.contains(key) && !object.at(key).is_null()) {
+        field = read(object.at(key));
+    }
+}
+
+Uuid uuidOf(const nlohmann::json& value) {
+    return Uuid::parse(test::jsonText(value)).value();
+}
+
+Word wordOf(const nlohmann::json& value) {
+    const std::string word = test::jsonText(value);
+    return word == "one"       ? Word::one
+           : word == "another" ? Word::another
+                               : throw std::invalid_argument(word);
+}
+
+/// The record that another reader's value stands for. Throws any exception if it is none.
+Sample sampleOf(const nlohmann::json& value) {
+    static_cast<void>(test::jsonObject(value));
+    Sample sample;
+    readMember(value, "text", sample.text, test::jsonText);
+    readMember(value, "integer", sample.integer, test::jsonInteger);
+    readMember(value, "number", sample.number, test::jsonNumber);
+    readMember(value, "flag", sample.flag, test::jsonFlag);
+    readMember(value, "word", sample.word, wordOf);
+    readMember(value, "uuid", sample.uuid, uuidOf);
+    readMember(value, "list", sample.list, [](const nlohmann::json& list) {
+        std::vector<Sample> samples;
+        for (const auto& item : test::jsonList(list)) {
+            samples.push_back(sampleOf(item));
+        }
+        return samples;
+    });
+    readMember(value, "named", sample.named, [](const nlohmann::json& object) {
+        std::map<std::string, std::string, std::less<>> named;
+        for (const auto& [key, item] : test::jsonObject(object)) {
+            named[key] = test::jsonText(item);
+        }
+        return named;
+    });
+    return sample;
+}
+
+void compareWithOracle(const std::string& text, bool valid, const std::optional<Sample>& read) {
+    const test::JsonVerdict verdict = test::jsonVerdict(text);
+    if (verdict.isTooLargeForIt) {
+        return;
+    }
+    require(valid == verdict.ourReaderTakes);
+    if (!valid || verdict.hasDuplicateKeys) {
+        return;
+    }
+    std::optional<Sample> expected;
+    try {
+        expected = sampleOf(verdict.value);
+    } catch (const test::CannotTell&) {
+        return;
+    } catch (const std::exception&) {
+        // It stands for no record.
+    }
+    require(read == expected);
+}
+
 void check(std::string_view text) {
     const bool valid = isJson(text);
     const auto read = sample(text);
+    compareWithOracle(std::string(text), valid, read);
     if (!read) {
         return;
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Policy documents and store files. What was read from either comes back after it has been written,
-// always in the form of the store's file.
+// always in the form of the store's file, and another JSON reader finds the same policies.
 
 #include <algorithm>
 #include <cstdint>
@@ -15,6 +15,8 @@
 #include "firewall/policy/PolicyStore.h"
 #include "support/JsonProblems.h"
 #include "support/JsonWriter.h"
+#include "tests/support/JsonOracle.h"
+#include "tests/support/PolicyOracle.h"
 
 namespace tarnvale::NetworkFirewall {
 
@@ -42,8 +44,19 @@ bool isAccepted(std::string_view text) {
         support::jsonProblems(text, networks), &support::JsonProblem::isIgnored);
 }
 
+/// Another reader makes the same of the text.
+void compareWithOracle(const std::string& text) {
+    const test::JsonVerdict verdict = test::jsonVerdict(text);
+    if (!verdict.isTooLargeForIt && !verdict.hasDuplicateKeys) {
+        const auto expected =
+            verdict.ourReaderTakes ? test::policiesByOracle(verdict.value) : std::nullopt;
+        require(policies(text) == expected);
+    }
+}
+
 void check(std::string_view text) {
     require(isAccepted(text) == policies(text).has_value());
+    compareWithOracle(std::string(text));
 
     const auto store = decodeStore(text);
     if (store) {

@@ -43,6 +43,8 @@ TEST(MemoryTest, AFirstCheckWithoutMemoryLocksNobodyOut) {
 
 TEST(MemoryTest, ARequestGetsItsReplyOrTheEndOfItsConnection) {
     EXPECT_THAT(sweep("apply-new", "five", {.first = 70}).violations, IsEmpty());
+    // Here nothing can be sent at any point, whatever else the machine does.
+    EXPECT_THAT(sweep("version", "moment", {}).violations, IsEmpty());
 }
 
 TEST(MemoryTest, AConnectionThatGetsNoneEndsAlone) {

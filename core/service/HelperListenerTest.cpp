@@ -193,6 +193,15 @@ TEST_F(HelperListenerTest, AnInvalidationTooManyLeavesTheCountAtZero) {
     EXPECT_FALSE(endsAfter(10min));
 }
 
+TEST_F(HelperListenerTest, AConnectionThatEndsAtOnceIsNotCountedAfterwards) {
+    FakeConnection connection(application, 501);
+    connection.endsAtOnce = true;
+
+    EXPECT_TRUE(listener->shouldAcceptNewConnection(connection));
+
+    EXPECT_TRUE(endsAfter(121s));
+}
+
 TEST_F(HelperListenerTest, ARequestRestartsTheIdleClock) {
     loop.time += 100s;
     listener->touch();

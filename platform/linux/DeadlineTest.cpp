@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "platform/linux/PeriodicInterrupt.h"
 #include "support/UniqueFd.h"
 
 namespace tarnvale::platform {
@@ -67,6 +68,17 @@ TEST(DeadlineTest, WithoutOneAWaitEndsWithTheEvent) {
     EXPECT_TRUE(waitFor(pipe.reading.get(), POLLIN, Deadline()));
 
     other.join();
+}
+
+TEST(DeadlineTest, SignalsEndNoWait) {
+    PeriodicInterrupt::handleSignal();
+    const Pipe pipe;
+    const auto deadline = Deadline::in(200ms);
+    const PeriodicInterrupt interrupt;
+
+    EXPECT_FALSE(waitFor(pipe.reading.get(), POLLIN, deadline));
+
+    EXPECT_TRUE(deadline.isOver());
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ public:
 
     std::string requirement;
     bool refusesRequirement = false;
+    bool endsAtOnce = false;  ///< as soon as somebody wants to know of it
     std::function<void()> invalidationHandler;
 
     const platform::Peer& peer() const override { return peer_; }
@@ -31,6 +32,9 @@ public:
 
     void setInvalidationHandler(std::function<void()> handler) override {
         invalidationHandler = std::move(handler);
+        if (endsAtOnce) {
+            invalidationHandler();
+        }
     }
 
 private:

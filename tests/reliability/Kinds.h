@@ -28,6 +28,9 @@ extern const Kind killKind;
 /// Every system call is refused in turn.
 extern const Kind errnoKind;
 
+/// The power is cut while the helper writes.
+extern const Kind powerKind;
+
 /// Many users ask for anything, while the helper is killed.
 extern const Kind stormKind;
 

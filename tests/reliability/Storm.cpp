@@ -188,7 +188,8 @@ private:
 
     std::unique_ptr<Program> begin(const std::vector<std::string>& command);
     void launch();
-    void disturb(const std::function<void()>& act, std::uint64_t seed, int pauseLimit);
+    void disturb(
+        const std::function<void()>& act, std::uint64_t seed, std::chrono::milliseconds pauseLimit);
     void restart();
     void reapply();
     void askUntilTheEnd(Asker& asker);
@@ -281,8 +282,9 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
     threads.reserve(askers_.size() + 2);
     if (plan_.isDisturbed) {
         const auto seed = plan_.seed + round_;
-        threads.emplace_back([this, seed] { disturb([this] { restart(); }, seed, 1200); });
-        threads.emplace_back([this, seed] { disturb([this] { reapply(); }, seed, 100); });
+        threads.emplace_back(
+            [this, seed] { disturb([this] { restart(); }, seed, plan_.longestLife); });
+        threads.emplace_back([this, seed] { disturb([this] { reapply(); }, seed, 100ms); });
     }
     for (auto& asker : askers_) {
         threads.emplace_back([this, &asker] { askUntilTheEnd(asker); });
@@ -295,10 +297,11 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
     look();
 }
 
-/// Does it again and again, after pauses of at most so many milliseconds.
-void Storm::Course::disturb(const std::function<void()>& act, std::uint64_t seed, int pauseLimit) {
+/// Does it again and again, after pauses that are no longer than that.
+void Storm::Course::disturb(
+    const std::function<void()>& act, std::uint64_t seed, std::chrono::milliseconds pauseLimit) {
     std::mt19937_64 random(seed);
-    std::uniform_int_distribution<> pause(0, pauseLimit);
+    std::uniform_int_distribution<std::int64_t> pause(0, pauseLimit.count());
     try {
         while (!ends_) {
             const auto until = Clock::now() + std::chrono::milliseconds(pause(random));

@@ -23,6 +23,7 @@ struct StormPlan {
     std::size_t connections = 250;
     /// Whether the helper is killed and lists are re-applied.
     bool isDisturbed = true;
+    std::chrono::milliseconds longestLife{6000};  ///< of a helper, until it is killed
 };
 
 struct StormFigures {

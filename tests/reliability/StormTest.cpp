@@ -22,7 +22,7 @@ using testing::IsEmpty;
 TEST(StormTest, WhatRequestsAndKillsLeaveIsTheResultOfASerialOrder) {
     TARNVALE_NEEDS(usersProcesses);
     TARNVALE_NEEDS(interfaces);
-    Storm storm({.seed = 20, .connections = 24});
+    Storm storm({.seed = 20, .connections = 24, .longestLife = 1000ms});
 
     storm.run(1500ms);
     storm.run(1500ms);

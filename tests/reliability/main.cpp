@@ -26,7 +26,7 @@ namespace {
 namespace test = tarnvale::test;
 
 constexpr std::array kinds = {
-    &test::memoryKind, &test::killKind, &test::errnoKind, &test::stormKind};
+    &test::memoryKind, &test::killKind, &test::errnoKind, &test::powerKind, &test::stormKind};
 constexpr int usageStatus = 2;
 
 int complainOfUsage() {

@@ -25,6 +25,9 @@ struct Enabled {
 /// Nothing when pf is disabled.
 std::optional<Enabled> readEnabled();
 
+/// What a file with that text says; nothing when it is no such file.
+std::optional<Enabled> enabledIn(std::string_view text);
+
 /// Records that pf is enabled from now on, with a new token. Throws `PfctlError`.
 Enabled writeEnabled();
 

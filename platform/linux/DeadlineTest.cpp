@@ -58,6 +58,15 @@ TEST(DeadlineTest, EndsAWait) {
     EXPECT_TRUE(waitFor(pipe.writing.get(), POLLOUT, Deadline::in(0ms)));
 }
 
+TEST(DeadlineTest, EndsNoWaitEarly) {
+    const Pipe pipe;
+    for (int i = 0; i < 50; ++i) {
+        const auto deadline = Deadline::in(1900us);
+        EXPECT_FALSE(waitFor(pipe.reading.get(), POLLIN, deadline));
+        EXPECT_TRUE(deadline.isOver());
+    }
+}
+
 TEST(DeadlineTest, WithoutOneAWaitEndsWithTheEvent) {
     Pipe pipe;
     std::thread other([&pipe] {

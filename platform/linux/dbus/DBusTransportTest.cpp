@@ -512,33 +512,71 @@ TEST_F(DBusTransportTest, ReadsNoByteOfAPeerWhoseSignatureOnlyLooksGood) {
     EXPECT_EQ(errno, ECONNRESET);
 }
 
+constexpr int passRights = 83;  // SO_PASSRIGHTS, newer than the C library's headers
+
 /// Since Linux 6.16.
 bool kernelCanRefuseDescriptors() {
-    constexpr int passRights = 83;  // newer than the C library's headers
     const UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     int value = 0;
     socklen_t size = sizeof value;
     return ::getsockopt(fd.get(), SOL_SOCKET, passRights, &value, &size) == 0;
 }
 
-TEST_F(DBusTransportTest, TakesNoDescriptors) {
-    const auto peer = connectRaw();
-    std::array<int, 2> pipe{};
-    ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
-    const UniqueFd reading(pipe[0]);
-    UniqueFd writing(pipe[1]);
+/// Has the kernel pass them on to this process's listening socket, as older ones do.
+void acceptDescriptors() {
+    const int yes = 1;
+    for (int fd = 3; fd < 1024; ++fd) {
+        int listens = 0;
+        socklen_t size = sizeof listens;
+        if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens == 1) {
+            ::setsockopt(fd, SOL_SOCKET, passRights, &yes, sizeof yes);
+        }
+    }
+}
 
-    // Newer kernels do not even let it be sent, if they are asked.
-    if (!peer.sendWithDescriptor("\0AUTH ANONYMOUS\r\n"sv, writing.get(), 1)) {
-        EXPECT_EQ(errno, EPERM);
-    } else {
-        EXPECT_FALSE(kernelCanRefuseDescriptors());
-        EXPECT_TRUE(peer.closesWithin(5s));
+/// Sends both, and takes care that the test has no further hold on the second.
+bool sendWithDescriptor(const RawPeer& peer, std::string_view bytes, UniqueFd descriptor) {
+    return peer.sendWithDescriptor(bytes, descriptor.get(), 1);
+}
+
+struct Pipe {
+    Pipe() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        reading.reset(ends[0]);
+        writing.reset(ends[1]);
     }
 
-    writing.reset();
-    char byte = 0;
-    EXPECT_EQ(::read(reading.get(), &byte, 1), 0) << "the descriptor is open somewhere";
+    /// Whether nobody can write any more.
+    bool isClosed() const {
+        char byte = 0;
+        return ::read(reading.get(), &byte, 1) == 0;
+    }
+
+    UniqueFd reading;
+    UniqueFd writing;
+};
+
+TEST_F(DBusTransportTest, HasTheKernelRefuseDescriptorsIfItCan) {
+    const auto peer = connectRaw();
+    Pipe pipe;
+
+    EXPECT_NE(
+        sendWithDescriptor(peer, "\0AUTH ANONYMOUS\r\n"sv, std::move(pipe.writing)),
+        kernelCanRefuseDescriptors());
+
+    EXPECT_TRUE(pipe.isClosed()) << "the descriptor is open somewhere";
+}
+
+TEST_F(DBusTransportTest, TakesNoDescriptors) {
+    acceptDescriptors();
+    const auto peer = connectRaw();
+    Pipe pipe;
+
+    ASSERT_TRUE(sendWithDescriptor(peer, "\0AUTH ANONYMOUS\r\n"sv, std::move(pipe.writing)));
+
+    EXPECT_TRUE(peer.closesWithin(5s));
+    EXPECT_TRUE(pipe.isClosed()) << "the descriptor is open somewhere";
 }
 
 TEST_F(DBusTransportTest, ChecksThePeerBeforeEveryMessage) {

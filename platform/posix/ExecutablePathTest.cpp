@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@ namespace tarnvale::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ElementsAre;
 using testing::EndsWith;
 
 TEST(ExecutablePathTest, IsThatOfTheRunningFile) {
@@ -34,6 +36,24 @@ TEST(ExecutablePathTest, IsTheFirstArgumentWhenTheSystemDoesNotSay) {
     ASSERT_EQ(::umount("/proc"), 0);  // the leak check at the end needs it
 
     EXPECT_EQ(path, "./bin/helper");
+}
+
+TEST(ExecutablePathTest, IsTheFirstArgumentWhereTheSystemsPathMayBeCut) {
+    TARNVALE_NEEDS(mounts);
+    rememberFirstArgument("./bin/helper");
+    ASSERT_EQ(::mount("nothing", "/proc", "tmpfs", 0, nullptr), 0);
+    fs::create_directory("/proc/self");
+    const std::string longest = "/" + std::string(1022, 'x');
+    std::vector<std::string> paths;
+
+    for (const std::string& reported : {longest, longest + "x", longest + "xx"}) {
+        fs::remove("/proc/self/exe");
+        fs::create_symlink(reported, "/proc/self/exe");
+        paths.push_back(executablePath());
+    }
+    ASSERT_EQ(::umount("/proc"), 0);
+
+    EXPECT_THAT(paths, ElementsAre(longest, "./bin/helper", "./bin/helper"));
 }
 
 TEST(ResolvingSymlinksTest, GivesTheRealPathOfAFile) {

@@ -90,6 +90,7 @@ public:
     std::atomic<bool> admits = true;
     std::atomic<int> admitted = 0;
     std::atomic<int> ended = 0;
+    std::function<void()> whenOneEnds = [] {};
     std::atomic<pid_t> lastPeer = 0;
     std::atomic<uid_t> lastUser = 12345;
 
@@ -108,7 +109,10 @@ public:
             return false;
         }
         ++admitted;
-        connection.setInvalidationHandler([this] { ++ended; });
+        connection.setInvalidationHandler([this] {
+            whenOneEnds();
+            ++ended;
+        });
         return true;
     }
 };
@@ -653,6 +657,19 @@ TEST_F(DBusTransportTest, ReportsTheEndOfEachConnectionOnce) {
 
     EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 20; }));
     EXPECT_EQ(doorkeeper.admitted, 20);
+}
+
+TEST_F(DBusTransportTest, ReportsTheEndOfAConnectionOnceItIsClosed) {
+    auto peer = connectRaw();
+    std::atomic<bool> wasClosed = false;
+    doorkeeper.whenOneEnds = [&] { wasClosed = peer.isClosed(); };
+    ASSERT_TRUE(peer.authenticate());
+
+    signing.valid = false;
+    ASSERT_TRUE(peer.send(test::RawMessage{}.bytes()));
+
+    EXPECT_TRUE(eventually([&] { return doorkeeper.ended == 1; }));
+    EXPECT_TRUE(wasClosed);
 }
 
 /// Two ends of a connection between processes.

@@ -883,7 +883,10 @@ TEST(ListeningSocketTest, ReplacesASocketThatNobodyListensOn) {
 TEST(ListeningSocketTest, LeavesAnotherHelpersSocketAlone) {
     const auto first = openListeningSocket(0);
 
-    EXPECT_THROW(openListeningSocket(0), TransportError);
+    EXPECT_THAT(
+        [] { openListeningSocket(0); },
+        testing::ThrowsMessage<TransportError>(
+            "Another helper listens on /run/com.brackwen.tarnvale.adminhelper.socket."));
 
     EXPECT_TRUE(test::connectTo(listeningSocketPath));
 }

@@ -52,10 +52,7 @@ std::optional<Enabled> readEnabled() {
         ::open(pathOf("enabled").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     std::array<char, 64> bytes{};
     const ssize_t size = file ? ::read(file.get(), bytes.data(), bytes.size()) : -1;
-    if (size < 0) {
-        return std::nullopt;
-    }
-    return enabledIn({bytes.data(), static_cast<std::size_t>(size)});
+    return size < 0 ? std::nullopt : enabledIn({bytes.data(), static_cast<std::size_t>(size)});
 }
 
 std::optional<Enabled> enabledIn(std::string_view text) {

@@ -31,6 +31,9 @@ extern const Kind errnoKind;
 /// The power is cut while the helper writes.
 extern const Kind powerKind;
 
+/// Clients ask for anything for a long time, and the helper must not grow.
+extern const Kind soakKind;
+
 /// Many users ask for anything, while the helper is killed.
 extern const Kind stormKind;
 

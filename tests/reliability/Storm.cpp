@@ -168,6 +168,7 @@ public:
     explicit Course(const StormPlan& plan);
 
     void run(std::chrono::milliseconds duration);
+    void disconnect();
     const StormFigures& figures() const { return figures_; }
     pid_t helper() const { return helper_->pid(); }
 
@@ -295,6 +296,12 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
         thread.join();
     }
     look();
+}
+
+void Storm::Course::disconnect() {
+    for (auto& asker : askers_) {
+        asker.client.reset();
+    }
 }
 
 /// Does it again and again, after pauses that are no longer than that.
@@ -609,6 +616,10 @@ Storm::~Storm() = default;
 
 void Storm::run(std::chrono::milliseconds duration) {
     course_->run(duration);
+}
+
+void Storm::disconnect() {
+    course_->disconnect();
 }
 
 const StormFigures& Storm::figures() const {

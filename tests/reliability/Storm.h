@@ -48,6 +48,9 @@ public:
     /// Has the clients ask for so long. Then nothing runs any more, and what they left is judged.
     void run(std::chrono::milliseconds duration);
 
+    /// From here on no client is connected, until it asks again.
+    void disconnect();
+
     const StormFigures& figures() const;
 
     /// The helper that runs now.

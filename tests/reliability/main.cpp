@@ -26,7 +26,12 @@ namespace {
 namespace test = tarnvale::test;
 
 constexpr std::array kinds = {
-    &test::memoryKind, &test::killKind, &test::errnoKind, &test::powerKind, &test::stormKind};
+    &test::memoryKind,
+    &test::killKind,
+    &test::errnoKind,
+    &test::powerKind,
+    &test::soakKind,
+    &test::stormKind};
 constexpr int usageStatus = 2;
 
 int complainOfUsage() {

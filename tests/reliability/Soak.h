@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+//
+// Requests of all kinds for a long time, during which the helper must not grow.
+
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace tarnvale::test {
+
+/// What a process uses of the machine.
+struct Usage {
+    std::size_t descriptors = 0;
+    std::size_t threads = 0;
+    std::size_t children = 0;
+    std::int64_t privateKiB = 0;
+};
+
+Usage usageOf(pid_t pid);
+
+struct SoakPlan {
+    std::chrono::milliseconds duration{};
+    std::uint64_t seed = 1;
+    std::size_t connections = 32;
+    std::chrono::milliseconds period{3000};  ///< between two looks
+};
+
+struct SoakFigures {
+    std::size_t requests = 0;
+    std::size_t looks = 0;
+    Usage first;                          ///< the most of the looks of the first part
+    Usage last;                           ///< the most of the later ones
+    std::vector<std::string> violations;  ///< a sentence each
+};
+
+/// The first fifth of the time shows what the helper needs. Later it uses no more, and neither a
+/// child nor a connection is left when nobody asks. In a private root with several users.
+SoakFigures soak(const SoakPlan& plan);
+
+}  // namespace tarnvale::test

@@ -36,7 +36,7 @@ struct Path {
     const char* name;
     /// Brings the machine to where the road begins, by undisturbed requests.
     std::function<void(ServiceClient& client)> prepare;
-    std::string method;
+    std::string method{};
     std::string types{};
     Texts arguments{};
     bool isStart = false;          ///< of a helper that is started for it

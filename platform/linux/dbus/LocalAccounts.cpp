@@ -17,13 +17,18 @@
 namespace tarnvale::platform {
 namespace {
 
-constexpr std::array files = {"/etc/passwd", "/etc/group", "/etc/subuid"};
+struct AccountFile {
+    const char* path;
+    std::size_t minFields;  ///< of a line that says something
+};
 
-using Fields = std::vector<std::string>;
+constexpr std::array files = {
+    AccountFile{"/etc/passwd", 4}, AccountFile{"/etc/group", 4}, AccountFile{"/etc/subuid", 3}};
 
-/// The lines of the file that have so many fields or more.
-std::vector<Fields> linesOf(const char* path, std::size_t minFields) {
-    std::vector<Fields> lines;
+/// The lines of the file that have all fields. Nothing if it can't be read to its end.
+std::optional<std::vector<LocalAccounts::Fields>> linesOf(const AccountFile& read) {
+    const auto& [path, minFields] = read;
+    std::vector<LocalAccounts::Fields> lines;
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
         const auto fields = support::split(line, ':');
@@ -31,16 +36,16 @@ std::vector<Fields> linesOf(const char* path, std::size_t minFields) {
             lines.emplace_back(fields.begin(), fields.end());
         }
     }
-    return lines;
+    return file.eof() ? std::optional(std::move(lines)) : std::nullopt;
 }
 
 std::optional<uid_t> numberIn(const std::string& text) {
     return support::parseNumber<uid_t>(text, std::numeric_limits<uid_t>::max());
 }
 
-std::optional<FileIdentity> stateOf(const char* path) {
+std::optional<FileIdentity> stateOf(const AccountFile& file) {
     struct stat status {};
-    return ::stat(path, &status) == 0 ? std::optional(FileIdentity(status)) : std::nullopt;
+    return ::stat(file.path, &status) == 0 ? std::optional(FileIdentity(status)) : std::nullopt;
 }
 
 }  // namespace
@@ -65,9 +70,22 @@ void LocalAccounts::readIfChanged() {
     if (now == known_) {
         return;
     }
+    std::array<std::vector<Fields>, files.size()> lines;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        if (!now[i]) {
+            continue;
+        }
+        auto read = linesOf(files[i]);
+        if (!read) {
+            return;  // for want of a descriptor, say: what is known does until the next question
+        }
+        lines[i] = *std::move(read);
+    }
+
+    const auto& [accounts, groups, subordinates] = lines;
     Users users;
     administrators_.clear();
-    for (const auto& account : linesOf(files[0], 4)) {
+    for (const auto& account : accounts) {
         if (const auto uid = numberIn(account[2])) {
             users.emplace(account[0], *uid);
             if (numberIn(account[3]) == administratorsGroup) {
@@ -75,13 +93,13 @@ void LocalAccounts::readIfChanged() {
             }
         }
     }
-    addMembers(users);
-    readSubordinates(users);
+    addMembers(groups, users);
+    setSubordinates(subordinates, users);
     known_ = now;
 }
 
-void LocalAccounts::addMembers(const Users& users) {
-    for (const auto& group : linesOf(files[1], 4)) {
+void LocalAccounts::addMembers(const std::vector<Fields>& groups, const Users& users) {
+    for (const auto& group : groups) {
         if (numberIn(group[2]) != administratorsGroup) {
             continue;
         }
@@ -93,9 +111,9 @@ void LocalAccounts::addMembers(const Users& users) {
     }
 }
 
-void LocalAccounts::readSubordinates(const Users& users) {
+void LocalAccounts::setSubordinates(const std::vector<Fields>& ranges, const Users& users) {
     subordinates_.clear();
-    for (const auto& range : linesOf(files[2], 3)) {
+    for (const auto& range : ranges) {
         const auto first = numberIn(range[1]);
         const auto count = numberIn(range[2]);
         if (!first || !count) {

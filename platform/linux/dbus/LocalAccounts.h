@@ -23,7 +23,11 @@ inline constexpr gid_t administratorsGroup = 80;
 /// For use by one thread.
 class LocalAccounts {
 public:
+    /// A line of one of the files.
+    using Fields = std::vector<std::string>;
+
     /// Reads the files unless they are known as they are now. Each question does that by itself.
+    /// While one can't be read, what was known before holds.
     void readIfChanged();
 
     /// The user to whom this one is subordinate (/etc/subuid), or else the user himself. Whoever
@@ -42,8 +46,8 @@ private:
 
     using Users = std::map<std::string, uid_t>;
 
-    void addMembers(const Users& users);
-    void readSubordinates(const Users& users);
+    void addMembers(const std::vector<Fields>& groups, const Users& users);
+    void setSubordinates(const std::vector<Fields>& ranges, const Users& users);
 
     std::array<std::optional<FileIdentity>, 3> known_;  ///< the files' states when they were read
     std::vector<Subordinates> subordinates_;

@@ -3,6 +3,7 @@
 #include "platform/linux/dbus/LocalAccounts.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
@@ -58,6 +59,28 @@ TEST_F(LocalAccountsTest, AChangeOfAFileCounts) {
 
     ::unlink("/etc/subuid");
     EXPECT_EQ(accounts.ownerOf(500'000), 500'000U);
+}
+
+TEST_F(LocalAccountsTest, AFileThatCannotBeReadIsReadLater) {
+    EXPECT_TRUE(accounts.isAdministrator(501));
+    test::put("/etc/subuid", "eve:500000:1\n");
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+
+    const bool wasAdministrator = accounts.isAdministrator(501);
+    const uid_t owner = accounts.ownerOf(100'000);
+    LocalAccounts others;
+    const bool isKnown = others.isAdministrator(501);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+    EXPECT_TRUE(wasAdministrator);
+    EXPECT_EQ(owner, 503U) << "as it was known";
+    EXPECT_FALSE(isKnown);
+    EXPECT_TRUE(others.isAdministrator(501));
+    EXPECT_EQ(accounts.ownerOf(100'000), 100'000U);
+    EXPECT_EQ(accounts.ownerOf(500'000), 503U);
 }
 
 }  // namespace

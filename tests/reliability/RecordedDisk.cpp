@@ -256,20 +256,16 @@ LoopDevice::LoopDevice(int file) {
     }
     loop_config config{};
     config.fd = static_cast<std::uint32_t>(file);
+    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
     // Somebody else may take the free one first.
     if (!persistently([&] {
             const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
             path_ = "/dev/loop" + std::to_string(number);
-            const support::UniqueFd device(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
-            return !device ? -1 : ::ioctl(device.get(), LOOP_CONFIGURE, &config);
+            device_.reset(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
+            return !device_ ? -1 : ::ioctl(device_.get(), LOOP_CONFIGURE, &config);
         })) {
         fail("attach a loop device");
     }
-}
-
-LoopDevice::~LoopDevice() {
-    const support::UniqueFd device(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
-    ::ioctl(device.get(), LOOP_CLR_FD);
 }
 
 DiskRecord::DiskRecord() : file_(::memfd_create("disk-record", MFD_CLOEXEC)) {
@@ -360,11 +356,10 @@ ReplayedDisk::ReplayedDisk(std::size_t size)
     if (!file_ || ::ftruncate(file_.get(), static_cast<off_t>(size)) != 0) {
         fail("memfd_create");
     }
-    device_ = std::make_unique<LoopDevice>(file_.get());
 }
 
-void ReplayedDisk::become(
-    const DiskImage& image, const std::vector<const DiskEvent*>& writes) const {
+void ReplayedDisk::become(const DiskImage& image, const std::vector<const DiskEvent*>& writes) {
+    device_.reset();  // and with it what the kernel remembers of it
     if (::fallocate(
             file_.get(),
             FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
@@ -380,6 +375,7 @@ void ReplayedDisk::become(
             fail("write to the disk");
         }
     }
+    device_ = std::make_unique<LoopDevice>(file_.get());
 }
 
 }  // namespace tarnvale::test

@@ -54,19 +54,21 @@ private:
     std::set<std::size_t> pieces_;  ///< where it isn't empty
 };
 
-/// A loop device, as long as it lives.
+/// A loop device. It is gone as soon as neither this nor a file system uses it, also if this
+/// process is killed.
 class LoopDevice {
 public:
     /// Over the opened file. Throws `std::system_error`.
     explicit LoopDevice(int file);
     LoopDevice(const LoopDevice&) = delete;
     LoopDevice& operator=(const LoopDevice&) = delete;
-    ~LoopDevice();
+    ~LoopDevice() = default;
 
     const std::string& path() const { return path_; }
 
 private:
     std::string path_;
+    support::UniqueFd device_;
 };
 
 class DiskRecord {
@@ -111,8 +113,9 @@ public:
     /// Throws `std::system_error`.
     explicit ReplayedDisk(std::size_t size);
 
-    /// While nobody uses it: gives it the image's content and then these writes.
-    void become(const DiskImage& image, const std::vector<const DiskEvent*>& writes) const;
+    /// While nobody uses it: gives it the image's content and then these writes. It may get another
+    /// path.
+    void become(const DiskImage& image, const std::vector<const DiskEvent*>& writes);
 
     const std::string& path() const { return device_->path(); }
 

@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,16 +14,13 @@
 
 #include "firewall/analysis/Effects.h"
 #include "firewall/analysis/Packet.h"
+#include "tests/fuzz/Require.h"
 
 namespace tarnvale::FirewallAnalysis {
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 class Bytes {
 public:

@@ -22,18 +22,14 @@
 #include "platform/linux/codesigning/CodeSignature.h"
 #include "platform/linux/codesigning/SignedData.h"
 #include "support/UniqueFd.h"
+#include "tests/fuzz/Require.h"
 #include "tests/fuzz/SignatureAuthor.h"
 #include "tests/support/SigningLab.h"
 
 namespace {
 
+using tarnvale::test::require;
 using namespace tarnvale;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 /// The processor's time that one check of a message may take: 10 ms as it is shipped. In a build
 /// with sanitizers the same messages take up to three times as long, most of it for OpenSSL's many

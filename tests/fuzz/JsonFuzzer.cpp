@@ -5,7 +5,6 @@
 // takes the same texts and finds the same records in them.
 
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <map>
@@ -18,11 +17,14 @@
 
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
+#include "tests/fuzz/Require.h"
 #include "tests/support/JsonOracle.h"
 
 namespace tarnvale::support {
 
 namespace {
+
+using test::require;
 
 enum class Word : std::uint8_t { one, another };
 
@@ -57,12 +59,6 @@ constexpr auto jsonMembers(std::type_identity<Sample> /*type*/) {
         JsonMember{"uuid", &Sample::uuid},
         JsonMember{"list", &Sample::list},
         JsonMember{"named", &Sample::named}};
-}
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
 }
 
 bool isJson(std::string_view text) {

@@ -4,22 +4,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 #include <system_error>
 
 #include "platform/linux/dbus/MessageBody.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 
 namespace {
 
 using tarnvale::platform::MessageBody;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using tarnvale::test::require;
 
 void checkText(std::string_view message, MessageBody& body) {
     const auto text = body.nextText();

@@ -8,7 +8,6 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,15 +19,12 @@
 
 #include "pfctl/language/Arguments.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 /// The values of each option that is there, in their order; empty ones for flags. Nothing if the
 /// words aren't options only.

@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,17 +16,14 @@
 #include "firewall/policy/Problems.h"
 #include "firewall/policy/Review.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 #include "tests/support/RulesetGrammar.h"
 
 namespace tarnvale::NetworkFirewall {
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 /// Reading a canonical form again does not change it.
 void checkForms(const std::string& text) {

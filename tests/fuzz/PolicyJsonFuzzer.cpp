@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +14,7 @@
 #include "firewall/policy/PolicyStore.h"
 #include "support/JsonProblems.h"
 #include "support/JsonWriter.h"
+#include "tests/fuzz/Require.h"
 #include "tests/support/JsonOracle.h"
 #include "tests/support/PolicyOracle.h"
 
@@ -22,11 +22,7 @@ namespace tarnvale::NetworkFirewall {
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 std::optional<std::vector<FirewallNetworkPolicy>> policies(std::string_view text) {
     try {

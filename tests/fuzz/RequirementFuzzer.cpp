@@ -5,21 +5,16 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include "platform/linux/codesigning/Requirement.h"
+#include "tests/fuzz/Require.h"
 
 namespace {
 
 using tarnvale::platform::CodeFacts;
 using tarnvale::platform::Requirement;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using tarnvale::test::require;
 
 }  // namespace
 

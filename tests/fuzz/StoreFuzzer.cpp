@@ -8,7 +8,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <span>
 #include <string>
@@ -22,19 +21,15 @@
 #include "firewall/policy/Review.h"
 #include "pfctl/kernel/Dispatch.h"
 #include "pfctl/language/RulesetParser.h"
+#include "tests/fuzz/Require.h"
 #include "tests/support/PacketFilterModel.h"
 
 namespace tarnvale::NetworkFirewall {
 
 namespace {
 
+using test::require;
 using Networks = std::vector<FirewallNetworkPolicy>;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 class Bytes {
 public:

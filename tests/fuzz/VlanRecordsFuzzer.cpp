@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <optional>
 #include <string>
@@ -14,19 +13,15 @@
 
 #include "support/JsonReader.h"
 #include "support/JsonWriter.h"
+#include "tests/fuzz/Require.h"
 #include "tests/support/JsonOracle.h"
 #include "vlan/VLANRecord.h"
 
 namespace tarnvale::HelperVLAN {
 namespace {
 
+using test::require;
 using Records = std::vector<Record>;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 std::optional<Records> recordsIn(std::string_view text) {
     try {

@@ -184,7 +184,7 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
     }
     const auto names = namesOf(anchor);
     table.name = old.empty() || old.front().name == names[1] ? names[0] : names[1];
-    replace(old, table);
+    replace(anchor, old, table);
 }
 
 /// Gives the table the new rules if that takes only other blocks; false when it hasn't.
@@ -215,7 +215,8 @@ bool NftablesBackend::change(const AnchorTable& old, RulesetTable& table) {
 }
 
 /// Puts the new rules into force beside the old ones, then removes these.
-void NftablesBackend::replace(std::span<const AnchorTable> old, RulesetTable& table) {
+void NftablesBackend::replace(
+    const std::string& anchor, std::span<const AnchorTable> old, RulesetTable& table) {
     table.key = newFingerprintKey();
     table.generation = generationAfter(generation(), old.empty() ? 1 : 2);
     MessageWriter transaction;
@@ -231,6 +232,11 @@ void NftablesBackend::replace(std::span<const AnchorTable> old, RulesetTable& ta
     try {
         remove(std::array{old.front().name});
     } catch (...) {
+        // It may be the answer alone that is lost.
+        const auto left = tables(anchor);
+        if (std::ranges::find(left, old.front().name, &AnchorTable::name) == left.end()) {
+            return;
+        }
         // Without the new rules the load has changed nothing.
         remove(std::array{table.name});
         throw;

@@ -26,6 +26,7 @@ constexpr const char* enabledPath = "/run/com.brackwen.tarnvale.pfctl/enabled";
 constexpr const char* damagedStore = "{ broken off";
 constexpr const char* pfConfPath = "/etc/pf.conf";
 constexpr const char* oldPfConf = "anchor \"com.tarnvale.firewall\"\nset skip on lo0\n";
+constexpr const char* oldPfConfKey = "the old pf.conf";
 constexpr const char* legacyAnchorPath = "/etc/pf.anchors/com.tarnvale.firewall";
 
 std::vector<NetworkText> oneNetwork() {
@@ -258,7 +259,8 @@ std::vector<Path> pathsOfFirewall() {
          .method = "ApplyFirewall",
          .types = "ay",
          .arguments = {policyText(oneNetwork())},
-         .bestEffort = {pfConfPath, backupPath, legacyAnchorPath}},
+         .bestEffort = {pfConfPath, backupPath, legacyAnchorPath, oldPfConfKey},
+         .mayLose = {oldPfConfKey}},
         {.name = "remove-one", .prepare = applyListBesideAnother, .method = "RemoveFirewall"},
         {.name = "remove-last",
          .prepare = [](ServiceClient& client) { applyList(client, oneNetwork()); },
@@ -272,7 +274,10 @@ std::vector<Path> pathsOfFirewall() {
 
 std::vector<Path> otherPaths() {
     return {
-        {.name = "links-on", .prepare = removeLinks, .method = "InstallCLISymlink"},
+        {.name = "links-on",
+         .prepare = removeLinks,
+         .method = "InstallCLISymlink",
+         .bestEffort = {legacyLink}},
         {.name = "links-off", .prepare = installLinks, .method = "RemoveCLISymlink"},
         {.name = "resolver-on",
          .prepare = [](ServiceClient& client) { setResolver(client, "false"); },
@@ -324,7 +329,7 @@ MachineState machineState() {
                                : "absent";
     state["pf"] = exists(enabledPath) ? "enabled" : "disabled";
     state["what could not be read"] = whereIs(damagedStore, {storePath, storePath + ".unreadable"});
-    state["the old pf.conf"] = whereIs(oldPfConf, {pfConfPath, backupPath});
+    state[oldPfConfKey] = whereIs(oldPfConf, {pfConfPath, backupPath});
     state["left over"];
     for (const auto& file : temporaryFiles()) {
         state["left over"] += file.string() + " ";

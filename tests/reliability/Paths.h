@@ -44,8 +44,10 @@ struct Path {
     bool isFirstRequest = false;   ///< of a helper that has served nobody, on a new connection
     bool isFirstOfClient = false;  ///< on a new connection
     std::set<std::string> bestEffort{};  ///< what a success doesn't promise, of the machine's state
-    bool needsVLANs = false;             ///< of the kernel
-    std::uint64_t firstPoint = 1;        ///< before it, others make allocations than the helper
+    /// What best-effort steps may leave in another state than either, unless the helper is killed.
+    std::set<std::string> mayLose{};
+    bool needsVLANs = false;       ///< of the kernel
+    std::uint64_t firstPoint = 1;  ///< before it, others make allocations than the helper
 };
 
 const std::vector<Path>& allPaths();

@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -96,7 +97,8 @@ private:
     void prepare(const Path& path);
     MachineState targetOf(const Path& path);
     void judgeReply(const std::optional<Texts>& reply);
-    void judgeMachine(const std::optional<Texts>& reply, const Path& path);
+    void judgeMachine(
+        const std::optional<Texts>& reply, const Path& path, const std::set<std::string>& mayLose);
     void judgeHelper(const Path& path);
     void judgeReapply();
     bool hasEndedItself(std::chrono::milliseconds limit);

@@ -17,11 +17,13 @@
 #include <fcntl.h>
 #include <linux/fuse.h>
 #include <linux/loop.h>
+#include <linux/major.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -260,7 +262,12 @@ LoopDevice::LoopDevice(int file) {
     // Somebody else may take the free one first.
     if (!persistently([&] {
             const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
-            path_ = "/dev/loop" + std::to_string(number);
+            // In a container's /dev a new one doesn't show up.
+            path_ = "/run/loop-device-" + std::to_string(number);
+            ::mknod(
+                path_.c_str(),
+                S_IFBLK | S_IRUSR | S_IWUSR,
+                ::makedev(LOOP_MAJOR, static_cast<unsigned>(number)));
             device_.reset(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
             return !device_ ? -1 : ::ioctl(device_.get(), LOOP_CONFIGURE, &config);
         })) {

@@ -46,6 +46,18 @@ TEST(ThreadedMainLoopTest, RunsWorkWhenItIsDueAndInThatOrder) {
     EXPECT_EQ(early, 1);
 }
 
+TEST(ThreadedMainLoopTest, IsWokenForWorkThatIsDueBeforeAllOther) {
+    auto& loop = runningLoop();
+    static std::atomic<int> done = 0;
+    loop.runAfter(1h, [] { done = -1; });
+
+    for (int number = 1; number <= 5; ++number) {
+        std::this_thread::sleep_for(20ms);  // it sleeps for the rest of the hour then
+        loop.runAfter(1ms, [] { ++done; });
+        EXPECT_TRUE(eventually([&] { return done == number; }));
+    }
+}
+
 #if !defined(TARNVALE_THREAD_SANITIZER)
 TEST(ThreadedMainLoopTest, GoesOnWithoutMemory) {
     auto& loop = runningLoop();

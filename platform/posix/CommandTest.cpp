@@ -160,6 +160,17 @@ TEST(CommandTest, WaitsForTheChildDespiteASignal) {
     EXPECT_EQ(status, 5);
 }
 
+TEST(CommandTest, TakesAllOutputDespiteASignal) {
+    CommandResult result;
+
+    const int interrupted =
+        test::interruptCalls(SYS_read, [&] { result = shell("echo out; echo err >&2"); });
+
+    EXPECT_GT(interrupted, 0);
+    EXPECT_EQ(
+        result, (CommandResult{.status = 0, .standardOutput = "out\n", .standardError = "err\n"}));
+}
+
 TEST(CommandTest, HasNothingThatAnotherChildInherits) {
     EXPECT_THAT(test::inheritableFilesOf([] { shell("exit 0"); }), testing::IsEmpty());
 }

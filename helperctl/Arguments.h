@@ -67,6 +67,8 @@ struct Arguments {
     Shell shell = Shell::bash;  ///< for `completion`
     std::string topic;          ///< for `help`: the command, if any
     std::string subtopic;
+
+    bool operator==(const Arguments&) const = default;
 };
 
 /// What to print instead of running a command: the requested help, or what is wrong with the

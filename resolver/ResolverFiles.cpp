@@ -49,6 +49,13 @@ std::vector<std::string> resolverFilePaths() {
     return paths;
 }
 
+Standing standingOf(std::string_view domain, std::string_view content) {
+    if (!isOurs(content)) {
+        return Standing::foreign;
+    }
+    return content == contentFor(domain) ? Standing::current : Standing::outdated;
+}
+
 void installResolverFiles() {
     std::error_code ignored;
     if (!std::filesystem::exists(resolverDirectory, ignored)) {
@@ -57,18 +64,18 @@ void installResolverFiles() {
 
     for (const char* domain : domains) {
         const std::string path = pathOf(domain);
-        const std::string content = contentFor(domain);
-        const auto existing = support::readFile(path);
-        if (existing == content) {
-            continue;
-        }
         // What can't be read as a file counts as none: a link to nothing is replaced, and a folder
         // makes the write fail.
-        if (existing && !isOurs(*existing)) {
+        const auto existing = support::readFile(path);
+        const auto standing = existing ? standingOf(domain, *existing) : Standing::outdated;
+        if (standing == Standing::current) {
+            continue;
+        }
+        if (standing == Standing::foreign) {
             helperLog("Left " + path + " alone: it wasn't installed by Tarnvale.");
             continue;
         }
-        support::writeFileAtomically(path, content, fileMode);
+        support::writeFileAtomically(path, contentFor(domain), fileMode);
         support::setMode(path, fileMode);  // others read it, so a narrower mode is a failure
         helperLog("Installed " + path + ".");
     }

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarnvale::HelperResolver {
@@ -21,6 +22,14 @@ inline constexpr std::uint16_t dnsProxyPort = 5380;
 
 /// One file for each domain.
 std::vector<std::string> resolverFilePaths();
+
+/// Whose a file is, by its content.
+enum class Standing {
+    current,   ///< ours, and as we would write it now
+    outdated,  ///< ours, but of another version
+    foreign,
+};
+Standing standingOf(std::string_view domain, std::string_view content);
 
 /// Writes the files that are missing or outdated. Throws `support::FileError`; a file that was
 /// written before the error stays.

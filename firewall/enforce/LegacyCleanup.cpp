@@ -3,8 +3,6 @@
 #include "firewall/enforce/LegacyCleanup.h"
 
 #include <exception>
-#include <string>
-#include <string_view>
 
 #include <sys/stat.h>
 
@@ -29,12 +27,6 @@ void ignoreFailure(const Step& step) {
     } catch (const std::exception&) {
         // The next load tries again.
     }
-}
-
-/// The file's text; empty when it can't be read as text.
-std::string readPfConf() {
-    auto text = support::readFile(pfConfPath).value_or(std::string());
-    return support::isValidUtf8(text) ? text : std::string();
 }
 
 bool isNamedIn(std::string_view text) {
@@ -75,17 +67,13 @@ void backUp(const std::string& text) {
 
 /// Removes the lines that name the old anchor from /etc/pf.conf.
 void cleanUpPfConf() {
-    const auto text = readPfConf();
-    if (!isNamedIn(text)) {
+    const auto text = support::readFile(pfConfPath);
+    const auto cleaned = text ? cleanedPfConf(*text) : std::nullopt;
+    if (!cleaned) {
         return;
     }
-    backUp(text);
-    std::string_view content = text;
-    if (content.starts_with(byteOrderMark)) {
-        content.remove_prefix(byteOrderMark.size());
-    }
-    ignoreFailure(
-        [&] { support::replaceFileKeepingAttributes(pfConfPath, withoutLegacyLines(content)); });
+    backUp(*text);
+    ignoreFailure([&] { support::replaceFileKeepingAttributes(pfConfPath, *cleaned); });
     helperLog("Removed legacy anchor references from /etc/pf.conf.");
 }
 
@@ -95,6 +83,16 @@ void removeLegacyAnchor() {
     ignoreFailure(cleanUpPfConf);
     ignoreFailure([] { support::removeFile(legacyRulesPath); });
     flushLegacyAnchor();
+}
+
+std::optional<std::string> cleanedPfConf(std::string_view text) {
+    if (!support::isValidUtf8(text) || !isNamedIn(text)) {
+        return std::nullopt;
+    }
+    if (text.starts_with(byteOrderMark)) {
+        text.remove_prefix(byteOrderMark.size());
+    }
+    return withoutLegacyLines(text);
 }
 
 }  // namespace tarnvale::HelperFirewall

@@ -34,7 +34,11 @@ std::string firstTwoLines(std::string_view text) {
 
 std::string statusReport() {
     const auto status = pfStatus();
-    const auto listing = combinedOutput(listAnchorRules());
+    return statusReport(status, listAnchorRules());
+}
+
+std::string statusReport(const CommandResult& status, const CommandResult& rules) {
+    const auto listing = combinedOutput(rules);
 
     std::string report = "== pf status ==\n";
     report += firstTwoLines(status.standardOutput);

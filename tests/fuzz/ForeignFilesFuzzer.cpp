@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,16 +13,12 @@
 #include "firewall/enforce/LegacyCleanup.h"
 #include "resolver/ResolverFiles.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 
 namespace {
 
 using namespace tarnvale;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 bool contains(const std::string& text, const std::string& part) {
     return std::search(text.begin(), text.end(), part.begin(), part.end()) != text.end();

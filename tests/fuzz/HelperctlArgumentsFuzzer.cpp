@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,17 +16,14 @@
 #include "helperctl/Arguments.h"
 #include "helperctl/CommandForms.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 
 namespace tarnvale::helperctl {
 namespace {
 
-using Words = std::vector<std::string>;
+using test::require;
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using Words = std::vector<std::string>;
 
 std::variant<Arguments, EarlyExit> parse(const Words& words) {
     std::vector<const char*> pointers{"tarnvale-helperctl"};

@@ -8,7 +8,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -19,15 +18,12 @@
 #include "firewall/enforce/StatusReport.h"
 #include "platform/Command.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;

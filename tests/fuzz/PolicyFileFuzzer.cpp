@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -28,15 +27,12 @@
 #include "support/Json.h"
 #include "support/Text.h"
 #include "support/UniqueFd.h"
+#include "tests/fuzz/Require.h"
 
 namespace tarnvale::helperctl {
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 bool isPolicy(std::string_view text) {
     try {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,17 +19,14 @@
 #include "pfctl/language/Rule.h"
 #include "pfctl/language/RulesetParser.h"
 #include "support/Text.h"
+#include "tests/fuzz/Require.h"
 #include "tests/support/PacketFilterModel.h"
 #include "tests/support/RulesetGrammar.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using test::require;
 
 void checkPlan(
     const std::vector<Rule>& rules,

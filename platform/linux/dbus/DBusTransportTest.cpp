@@ -900,6 +900,19 @@ TEST(ListeningSocketTest, LooksForAnotherHelperWithoutConnectingToIt) {
     EXPECT_EQ(errno, EAGAIN) << "it would log that it has rejected a client";
 }
 
+TEST(ListeningSocketTest, APassedOneIsNothingThatAChildInherits) {
+    constexpr int passed = 3;
+    auto made = openListeningSocket(0);
+    const UniqueFd other(::fcntl(made.get(), F_DUPFD_CLOEXEC, 10));
+    made.reset();
+    ASSERT_EQ(::dup2(other.get(), passed), passed);
+
+    const auto taken = openListeningSocket(1);
+
+    EXPECT_EQ(taken.get(), passed);
+    EXPECT_EQ(::fcntl(passed, F_GETFD), FD_CLOEXEC);
+}
+
 TEST(ListeningSocketTest, LeavesAnythingElseAlone) {
     test::put(listeningSocketPath, "in the way");
 

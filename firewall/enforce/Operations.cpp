@@ -131,6 +131,9 @@ void removeIfPossible(const std::string& path) {
 
 REQUIRES(firewallLock()) void reapply() {
     const auto storeLock = lockStore();
+    if (!storeLock) {
+        return;  // what another process stores from here on, it brings into force itself
+    }
     auto data = support::readFile(storePath());
     if (!data) {
         return;

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -16,6 +17,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "firewall/policy/HelperError.h"
 #include "firewall/policy/PolicyStore.h"
@@ -27,6 +29,7 @@
 #include "tests/support/RefusedCall.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -554,6 +557,23 @@ TEST_F(OperationsTest, ReapplyingWithNothingStoredDoesNothingAtAll) {
     EXPECT_THAT(pfctl.calls(), IsEmpty());
     EXPECT_THAT(logMessages(), IsEmpty());
     EXPECT_FALSE(exists("/Library"));
+}
+
+TEST_F(OperationsTest, ReappliesNoStoreThatItHasNotLocked) {
+    int opened = 0;
+    test::watchCalls(
+        SYS_openat,
+        [&](const test::WatchedCall& call) {
+            const std::string_view path(reinterpret_cast<const char*>(call.arguments[1]));
+            if (path == storePath && ++opened == 2) {
+                put(storePath, policyText({{64}}));  // as another process's first apply
+            }
+            return 0;
+        },
+        reapplyAtBoot);
+
+    EXPECT_GE(opened, 1);
+    EXPECT_THAT(pfctl.calls(), IsEmpty());
 }
 
 TEST_F(OperationsTest, ReapplyingLeavesPfAloneWhenTheStoreIsDamaged) {

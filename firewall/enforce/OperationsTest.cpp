@@ -116,6 +116,12 @@ TEST_F(OperationsTest, ARemovalKeepsOtherProcessesOut) {
     EXPECT_FALSE(isStoreFreeDuring(pfctl, flush, [] { removeFirewall(501, atConsole); }));
 }
 
+TEST_F(OperationsTest, AReapplyKeepsOtherProcessesOut) {
+    put(storePath, policyText({{64}}));
+
+    EXPECT_FALSE(isStoreFreeDuring(pfctl, load, reapplyAtBoot));
+}
+
 TEST_F(OperationsTest, DatesTheRulesetAtTheLoad) {
     const auto before = support::iso8601(std::chrono::system_clock::now());
     applyFirewall(policyText({{64}}), 501, atConsole);

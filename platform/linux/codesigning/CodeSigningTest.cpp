@@ -5,6 +5,7 @@
 #include "platform/CodeSigning.h"
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -120,6 +121,11 @@ TEST_F(CodeSigningTest, SaysAtTheStartWhyThereAreNoRoots) {
 
     writeRoots("no certificate\n");
     EXPECT_EQ(saidAtStart(), start + path + " has no certificate in it.\n");
+    constexpr std::uintmax_t largest = std::uintmax_t{4} << 20U;
+    fs::resize_file(rootsPath, largest);
+    EXPECT_EQ(saidAtStart(), start + path + " has no certificate in it.\n");
+    fs::resize_file(rootsPath, largest + 1);
+    EXPECT_EQ(saidAtStart(), start + path + " is larger than 4 MiB.\n");
     ::chmod(rootsPath, 0664);
     EXPECT_EQ(saidAtStart(), start + path + " may be written by others than root.\n");
     ::chmod("/etc/tarnvale", 0777);

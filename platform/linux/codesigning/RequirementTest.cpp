@@ -119,7 +119,7 @@ TEST(RequirementTest, RefusesATextThatIsNotARequirement) {
         R"(identifier = "x")",
         R"(identifier "x)",
         R"(identifier "x\"")",
-        R"(identifier "x\y")",
+        R"(identifier "x\)",
         "identifier 'x'",
         R"(identifier "x" # why)",
         "\xC3\xA4",

@@ -157,9 +157,13 @@ public:
     }
 
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
-        awaitLibcrypto();
-        LibSystemd::get();  // if it is missing, that is found out now, not at the first connection
         listening_ = openListeningSocket(passedSockets_);
+        if (awaitLibcrypto()) {
+            // No thread starts while a library is being loaded. Whoever waits gets one before
+            // libsystemd is, since the checks of a client don't need it.
+            acceptOne(delegate, exported);
+        }
+        LibSystemd::get();  // if it is missing, that is found out now, not at the first connection
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
 
@@ -179,6 +183,7 @@ public:
 
 private:
     void prepareMeanwhile() {
+        isPrepared_ = true;
         isPreparing_ = true;
         const auto loaded = [this] {
             isPreparing_ = false;
@@ -192,10 +197,10 @@ private:
     }
 
     /// While libcrypto is being loaded, no other library can be, nor does a thread start. The
-    /// client waits for libcrypto longest.
-    void awaitLibcrypto() noexcept {
-        if (!isPreparing_) {
-            return;
+    /// client waits for libcrypto longest. False when no client waited.
+    bool awaitLibcrypto() noexcept {
+        if (!isPrepared_) {
+            return false;
         }
         try {
             accounts_.readIfChanged();  // there is time for it now
@@ -203,6 +208,7 @@ private:
             // They are read when they are asked.
         }
         isPreparing_.wait(true);
+        return true;
     }
 
     void acceptAll(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) {
@@ -314,6 +320,7 @@ private:
     ConnectionPlaces places_;
     DBusConnection::Shared shared_;
     OpenConnections open_;
+    bool isPrepared_ = false;                ///< for a client that waits
     std::atomic<bool> isPreparing_ = false;  ///< libcrypto is being loaded
     std::atomic<bool> isAccepting_ = false;
     std::atomic<bool> isRetired_ = false;

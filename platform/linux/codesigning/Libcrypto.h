@@ -62,6 +62,7 @@ namespace tarnvale::platform {
     SYMBOL(X509_NAME_ENTRY_get_data)         \
     SYMBOL(X509_NAME_get_entry)              \
     SYMBOL(X509_NAME_get_index_by_NID)       \
+    SYMBOL(X509_OBJECT_get0_X509)            \
     SYMBOL(X509_STORE_CTX_free)              \
     SYMBOL(X509_STORE_CTX_get0_chain)        \
     SYMBOL(X509_STORE_CTX_get0_param)        \
@@ -70,7 +71,9 @@ namespace tarnvale::platform {
     SYMBOL(X509_STORE_CTX_new)               \
     SYMBOL(X509_STORE_add_cert)              \
     SYMBOL(X509_STORE_free)                  \
+    SYMBOL(X509_STORE_get0_objects)          \
     SYMBOL(X509_STORE_new)                   \
+    SYMBOL(X509_STORE_up_ref)                \
     SYMBOL(X509_VERIFY_PARAM_set_auth_level) \
     SYMBOL(X509_VERIFY_PARAM_set_depth)      \
     SYMBOL(X509_free)                        \

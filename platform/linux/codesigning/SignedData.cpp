@@ -11,6 +11,7 @@
 
 #include "platform/linux/codesigning/Libcrypto.h"
 #include "platform/linux/codesigning/SignatureOutline.h"
+#include "support/Mutex.h"
 #include "support/SystemCalls.h"
 
 namespace tarnvale::platform {
@@ -217,6 +218,62 @@ Store storeOf(const Libcrypto& library, const std::string& pem) {
     return atTheEnd ? std::move(store) : nullptr;
 }
 
+/// Another owner of the store.
+Store sharedStore(const Libcrypto& library, const Store& store) {
+    return Store(store && library.X509_STORE_up_ref(store.get()) == 1 ? store.get() : nullptr);
+}
+
+/// The roots that were decoded last, which takes a fifth of a check; they seldom change. Safe from
+/// any thread.
+class DecodedRoots {
+public:
+    /// Null for a text other than the last one.
+    Store find(const Libcrypto& library, const std::string& pem) {
+        const support::MutexLock lock(mutex_);
+        return pem == pem_ ? sharedStore(library, store_) : nullptr;
+    }
+
+    /// The store must be one that the library had enough memory for.
+    void keep(const Libcrypto& library, const std::string& pem, const Store& store) {
+        if (pem.size() > maxKeptSize) {
+            return;
+        }
+        std::string text = pem;
+        Store shared = sharedStore(library, store);
+        const support::MutexLock lock(mutex_);
+        pem_.swap(text);
+        store_.swap(shared);
+    }
+
+private:
+    /// Decoded, thousands of roots would be most of the idle service's memory.
+    static constexpr std::size_t maxKeptSize = std::size_t{64} << 10;
+
+    support::Mutex mutex_;
+    std::string pem_ GUARDED_BY(mutex_);
+    Store store_ GUARDED_BY(mutex_);  ///< null before there is one
+};
+
+/// Never destroyed, because other threads may check while the process ends.
+DecodedRoots& decodedRoots() {
+    static auto& roots = *new DecodedRoots;
+    return roots;
+}
+
+/// Null when a part of the text can't be read.
+Store rootsOf(const Libcrypto& library, const std::string& pem) {
+    Store known = decodedRoots().find(library, pem);
+    return known ? std::move(known) : storeOf(library, pem);
+}
+
+/// The first certificate of the store; null if it has none.
+X509* firstOf(const Libcrypto& library, X509_STORE* store) {
+    const STACK_OF(X509_OBJECT)* const objects = library.X509_STORE_get0_objects(store);
+    return countOf(library, objects) == 0
+               ? nullptr
+               : library.X509_OBJECT_get0_X509(elementOf<X509_OBJECT>(library, objects, 0));
+}
+
 bool mayCodeSign(const Libcrypto& library, X509* leaf) {
     // OpenSSL reports that a certificate without the extension may be used for everything.
     return (library.X509_get_extension_flags(leaf) & EXFLAG_XKUSAGE) != 0 &&
@@ -272,10 +329,9 @@ std::string hex(const std::array<unsigned char, EVP_MAX_MD_SIZE>& bytes, std::si
 }
 
 std::optional<Trusted> trustedIn(
-    const Libcrypto& library, std::string_view message, const std::string& rootsPem) {
+    const Libcrypto& library, std::string_view message, const Store& store) {
     const ErrorQueue errors(library);
     auto decoded = decode(library, message);
-    const Store store = storeOf(library, rootsPem);
     const StoreContext context(library.X509_STORE_CTX_new());
     if (!decoded || !store || !context) {
         return std::nullopt;
@@ -348,12 +404,15 @@ auto conclusive(const Check& check) {
 
 void prepareToVerify(const std::string& rootsPem) {
     const Libcrypto& library = Libcrypto::get();
-    conclusive([&] {
-        const ErrorQueue errors(library);
-        const auto text = reading(library, rootsPem);
-        const auto root = text ? nextCertificate(library, text) : nullptr;
-        return root && library.X509_self_signed(root.get(), 1) == 1;
-    });
+    const ErrorQueue errors(library);
+    const auto store = conclusive([&] { return storeOf(library, rootsPem); });
+    if (store) {
+        decodedRoots().keep(library, rootsPem, store);
+        conclusive([&] {
+            X509* const root = firstOf(library, store.get());
+            return root != nullptr && library.X509_self_signed(root, 1) == 1;
+        });
+    }
 }
 
 std::optional<Claims> readClaims(std::string_view message) {
@@ -369,9 +428,15 @@ std::optional<Claims> readClaims(std::string_view message) {
 
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
     const Libcrypto& library = Libcrypto::get();
-    auto trusted = conclusive([&] { return trustedIn(library, message, rootsPem); });
+    Store store;
+    auto trusted = conclusive([&] {
+        const ErrorQueue errors(library);
+        store = rootsOf(library, rootsPem);
+        return trustedIn(library, message, store);
+    });
     if (trusted) {
         Libcrypto::noteSuccess();
+        decodedRoots().keep(library, rootsPem, store);
     }
     return trusted;
 }

@@ -2,8 +2,8 @@
 //
 // The CMS message of a signature: what it says about the code, whether it and its certificates can
 // be trusted, and the digest to compare it with. OpenSSL decodes a message once, for the question
-// whether it can be trusted, and only one whose outline is good. Nothing that OpenSSL allocates
-// leaves these functions. Safe from any thread.
+// whether it can be trusted, and only one whose outline is good. Of what OpenSSL
+// allocates, only the roots decoded last are kept. Safe from any thread.
 
 #pragma once
 
@@ -22,8 +22,8 @@
 
 namespace tarnvale::platform {
 
-/// Does with the first of the roots what `verify` does with a message, so that the library sets
-/// itself up for that. Throws as `verify` does.
+/// Decodes the roots and does with the first what `verify` does with a message, so that the library
+/// sets itself up for that. Throws as `verify` does.
 void prepareToVerify(const std::string& rootsPem);
 
 /// What a well-formed message says; nobody vouches for it yet.

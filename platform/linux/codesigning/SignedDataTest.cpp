@@ -145,6 +145,16 @@ TEST_F(SignedDataTest, TrustsOneOfSeveralRoots) {
     EXPECT_FALSE(verify(message, other.root.certificatePem()));
 }
 
+TEST_F(SignedDataTest, GoesByTheRootsOfEachCheckAlone) {
+    const std::string others = Chain::development().root.certificatePem();
+    prepareToVerify(others);
+
+    EXPECT_TRUE(verify(message, roots));
+    EXPECT_FALSE(verify(message, others));
+    EXPECT_FALSE(verify(message, ""));
+    EXPECT_TRUE(verify(message, roots));
+}
+
 TEST_F(SignedDataTest, TrustsNobodyWhenTheRootsAreDamaged) {
     std::string damaged = roots;
     damaged[damaged.size() / 2] = '!';

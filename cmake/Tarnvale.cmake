@@ -6,7 +6,7 @@
 #   tarnvale_program(NAME SOURCES a.cpp … [DEPENDS lib …])      lands in bin/
 #   tarnvale_test(NAME [SOURCES aTest.cpp …] [CONTAINED_SOURCES bTest.cpp …]
 #       [PORTABLE_SOURCES cTest.cpp …]
-#       [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds] [THREADS])
+#       [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds] [COST seconds] [THREADS])
 #   tarnvale_fuzzer(NAME SOURCES a.cpp … [DEPENDS lib …])       only with TARNVALE_FUZZ
 
 set(CMAKE_CXX_STANDARD 20)
@@ -54,8 +54,7 @@ set(for_tests $<BOOL:$<TARGET_PROPERTY:TARNVALE_FOR_TESTS>>)
 target_compile_options(tarnvale_options INTERFACE $<${for_tests}:-O0>)
 # Compiled together with others, a source may give a local name that another one gives to something
 # global.
-target_compile_options(tarnvale_options INTERFACE
-    $<$<AND:${for_tests},$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-shadow>)
+target_compile_options(tarnvale_options INTERFACE $<$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>:-Wno-shadow>)
 if(NOT TARNVALE_SANITIZE)
     target_compile_definitions(tarnvale_options INTERFACE
         $<$<AND:$<CONFIG:Release>,$<NOT:${for_tests}>>:_FORTIFY_SOURCE=2>)
@@ -96,16 +95,22 @@ function(tarnvale_mark_for_tests target)
     set_target_properties(${target} PROPERTIES TARNVALE_FOR_TESTS ${for_tests})
 endfunction()
 
-# The standard headers that many sources include. The builds without them show that each source
-# includes what it needs.
-if(TARNVALE_PCH_STANDARD)
+# The standard headers that many sources include; those of tests have flags of their own. The builds
+# without them show that each source includes what it needs.
+function(tarnvale_precompile_standard name for_tests)
     file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/PrecompiledStandard.cpp" CONTENT "")
-    add_library(tarnvale_precompiled_standard STATIC EXCLUDE_FROM_ALL
-        "${PROJECT_BINARY_DIR}/PrecompiledStandard.cpp")
-    target_link_libraries(tarnvale_precompiled_standard PRIVATE tarnvale_options)
-    target_precompile_headers(tarnvale_precompiled_standard PRIVATE
+    add_library(${name} STATIC EXCLUDE_FROM_ALL "${PROJECT_BINARY_DIR}/PrecompiledStandard.cpp")
+    set_target_properties(${name} PROPERTIES TARNVALE_FOR_TESTS ${for_tests})
+    target_link_libraries(${name} PRIVATE tarnvale_options)
+    target_precompile_headers(${name} PRIVATE
         <algorithm> <array> <chrono> <cstdint> <functional> <map> <memory> <optional> <span>
         <stdexcept> <string> <string_view> <system_error> <utility> <vector>)
+endfunction()
+if(TARNVALE_PCH_STANDARD)
+    tarnvale_precompile_standard(tarnvale_precompiled_standard OFF)
+endif()
+if(TARNVALE_PCH AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    tarnvale_precompile_standard(tarnvale_precompiled_for_tests ON)
 endif()
 
 function(tarnvale_library name)
@@ -114,8 +119,13 @@ function(tarnvale_library name)
     target_link_libraries(${name} PRIVATE tarnvale_options ${arg_DEPENDS})
     tarnvale_mark_for_tests(${name})
     get_target_property(for_tests ${name} TARNVALE_FOR_TESTS)
-    if(TARGET tarnvale_precompiled_standard AND NOT for_tests)
+    if(for_tests AND TARGET tarnvale_precompiled_for_tests)
+        target_precompile_headers(${name} REUSE_FROM tarnvale_precompiled_for_tests)
+    elseif(NOT for_tests AND TARGET tarnvale_precompiled_standard)
         target_precompile_headers(${name} REUSE_FROM tarnvale_precompiled_standard)
+    endif()
+    if(TARNVALE_PRODUCTS_TOGETHER AND NOT for_tests)
+        set_target_properties(${name} PROPERTIES UNITY_BUILD ON)
     endif()
     set_property(GLOBAL APPEND PROPERTY tarnvale_targets ${name})
 endfunction()
@@ -156,11 +166,14 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
     # no private root. Portable ones are contained and run on a Mac as well. TARNVALE_BIN_DIR says
     # where the project's programs are; a test that runs one depends on it.
     #
+    # COST: about how long its longest test takes. What takes longest starts first, lest the others wait
+    # for it in the end; ctest knows by itself only what it has run before.
+    #
     # THREADS: threads share something in what it tests. The thread sanitizer runs these tests only
     # (docs/development.md).
     add_custom_target(threaded-tests)
     function(tarnvale_test name)
-        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "TIMEOUT"
+        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "COST;TIMEOUT"
             "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
         if(arg_SOURCES)
             tarnvale_test_program(${name} tarnvale_test_main "${arg_SOURCES}")
@@ -196,6 +209,9 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         endif()
         set(properties TIMEOUT ${timeout} SKIP_RETURN_CODE 77
             SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+        if(arg_COST)
+            list(APPEND properties COST ${arg_COST})
+        endif()
         if(arg_LABELS)
             list(APPEND properties LABELS "${arg_LABELS}")
         endif()
@@ -204,7 +220,7 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
 elseif(TARNVALE_TESTS)
     # Without private roots, only the tests that touch nothing outside themselves are built.
     function(tarnvale_test name)
-        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "TIMEOUT"
+        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "COST;TIMEOUT"
             "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
         if(arg_PORTABLE_SOURCES)
             add_executable(${name} ${arg_PORTABLE_SOURCES})

@@ -27,7 +27,7 @@
 namespace tarnvale::helperctl {
 namespace {
 
-using Outcome = LogEntry::Outcome;
+using EntryOutcome = LogEntry::Outcome;
 
 constexpr std::chrono::milliseconds pollPeriod{200};
 
@@ -48,15 +48,15 @@ constexpr auto jsonMembers(std::type_identity<EntryRecord> /*type*/) {
         support::JsonMember{"known", &EntryRecord::known}};
 }
 
-std::string wordFor(Outcome outcome) {
+std::string wordFor(EntryOutcome outcome) {
     switch (outcome) {
-        case Outcome::changed:
+        case EntryOutcome::changed:
             return "done";
-        case Outcome::refused:
+        case EntryOutcome::refused:
             return "refused";
-        case Outcome::failed:
+        case EntryOutcome::failed:
             return "failed";
-        case Outcome::note:
+        case EntryOutcome::note:
             break;
     }
     return "note";
@@ -64,13 +64,13 @@ std::string wordFor(Outcome outcome) {
 
 Ink inkFor(const LogEntry& entry) {
     switch (entry.outcome) {
-        case Outcome::changed:
+        case EntryOutcome::changed:
             return Ink::green;
-        case Outcome::refused:
+        case EntryOutcome::refused:
             return Ink::yellow;
-        case Outcome::failed:
+        case EntryOutcome::failed:
             return Ink::red;
-        case Outcome::note:
+        case EntryOutcome::note:
             break;
     }
     return Ink::plain;

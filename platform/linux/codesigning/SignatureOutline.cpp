@@ -123,14 +123,14 @@ bool isGoodKey(Bytes keyInfo) {
 }
 
 /// What a signer is compared with.
-struct Certificate {
+struct CertificateFields {
     Bytes issuer;
     Bytes serial;
     Bytes subject;
     Bytes extensions;
 };
 
-std::optional<Certificate> readCertificate(Bytes certificate) {
+std::optional<CertificateFields> readCertificate(Bytes certificate) {
     auto body = der::take(certificate, der::sequence);
     if (!body || !takeAlgorithm(certificate, signatureAlgorithms) ||
         !der::takeOnly(certificate, der::bitString)) {
@@ -150,7 +150,7 @@ std::optional<Certificate> readCertificate(Bytes certificate) {
     if (!extensions && !body->empty()) {
         return std::nullopt;
     }
-    return Certificate{
+    return CertificateFields{
         .issuer = *issuer,
         .serial = *serial,
         .subject = *subject,
@@ -158,7 +158,7 @@ std::optional<Certificate> readCertificate(Bytes certificate) {
 }
 
 /// Whether the certificate has an extension that gives its key this identifier.
-bool hasKeyIdentifier(const Certificate& certificate, Bytes identifier) {
+bool hasKeyIdentifier(const CertificateFields& certificate, Bytes identifier) {
     auto extensions = der::takeOnly(certificate.extensions, der::sequence);
     while (extensions && !extensions->empty()) {
         auto extension = der::take(*extensions, der::sequence);
@@ -189,7 +189,7 @@ public:
         return name.key_ || (name.issuer_ && name.serial_) ? std::optional(name) : std::nullopt;
     }
 
-    bool isOf(const Certificate& certificate) const {
+    bool isOf(const CertificateFields& certificate) const {
         return key_ ? hasKeyIdentifier(certificate, *key_)
                     : certificate.issuer == issuer_ && certificate.serial == serial_;
     }

@@ -332,7 +332,8 @@ std::optional<std::string> readFile(const std::string& path) {
 
 bool isFileThere(const std::string& path) {
     struct stat info {};
-    return ::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+    const int found = persistently([&] { return ::lstat(path.c_str(), &info); });
+    return found == 0 && S_ISREG(info.st_mode);
 }
 
 void keepUnreadable(const std::string& path) {

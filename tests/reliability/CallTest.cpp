@@ -102,6 +102,10 @@ TEST_F(ErrnoTest, ALostAnswerOfTheKernelLosesNoRules) {
     expectNoViolation("remove-one", "ENOMEM", {"recvmsg"});
 }
 
+TEST_F(ErrnoTest, AStoreThatCannotBeReadIsKeptThoughItCannotBeSeenOnce) {
+    expectNoViolation("remove-damaged", "EIO", {"lstat", "newfstatat"});
+}
+
 TEST_F(ErrnoTest, OneDescriptorTooFewIsOneFailure) {
     expectNoViolation("remove-one", "EMFILE", {}, {.step = 4});
 }

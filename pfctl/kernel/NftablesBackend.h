@@ -77,8 +77,7 @@ private:
     };
 
     bool change(const AnchorTable& old, RulesetTable& table);
-    void replace(
-        const std::string& anchor, std::span<const AnchorTable> old, RulesetTable& table);
+    void replace(const std::string& anchor, std::span<const AnchorTable> old, RulesetTable& table);
     std::optional<TableRecord> record(const std::string& table);
     std::vector<NamedTable> namedTables(const std::string& anchor);
     static void requireUnowned(const NamedTable& table);

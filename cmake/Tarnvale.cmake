@@ -6,7 +6,7 @@
 #   tarnvale_program(NAME SOURCES a.cpp … [DEPENDS lib …])      lands in bin/
 #   tarnvale_test(NAME [SOURCES aTest.cpp …] [CONTAINED_SOURCES bTest.cpp …]
 #       [PORTABLE_SOURCES cTest.cpp …]
-#       [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds] [COST seconds] [THREADS])
+#       [DEPENDS lib …] [LABELS l …] [TIMEOUT seconds] [FIRST Suite.Test …] [THREADS])
 #   tarnvale_fuzzer(NAME SOURCES a.cpp … [DEPENDS lib …])       only with TARNVALE_FUZZ
 
 set(CMAKE_CXX_STANDARD 20)
@@ -166,15 +166,15 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
     # no private root. Portable ones are contained and run on a Mac as well. TARNVALE_BIN_DIR says
     # where the project's programs are; a test that runs one depends on it.
     #
-    # COST: about how long its longest test takes. What takes longest starts first, lest the others wait
-    # for it in the end; ctest knows by itself only what it has run before.
+    # FIRST: tests that mostly wait, and longer than others. They start before all others, so that none
+    # is waited for at the end; ctest itself knows only what it has run before.
     #
     # THREADS: threads share something in what it tests. The thread sanitizer runs these tests only
     # (docs/development.md).
     add_custom_target(threaded-tests)
     function(tarnvale_test name)
-        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "COST;TIMEOUT"
-            "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
+        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "TIMEOUT"
+            "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS;FIRST")
         if(arg_SOURCES)
             tarnvale_test_program(${name} tarnvale_test_main "${arg_SOURCES}")
         endif()
@@ -209,19 +209,23 @@ if(TARNVALE_TESTS AND CMAKE_SYSTEM_NAME STREQUAL "Linux")
         endif()
         set(properties TIMEOUT ${timeout} SKIP_RETURN_CODE 77
             SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
-        if(arg_COST)
-            list(APPEND properties COST ${arg_COST})
-        endif()
         if(arg_LABELS)
             list(APPEND properties LABELS "${arg_LABELS}")
         endif()
         gtest_discover_tests(${program} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+        if(arg_FIRST)
+            string(JOIN " " first ${arg_FIRST})
+            file(CONFIGURE OUTPUT ${program}_first.cmake CONTENT
+                "set_tests_properties(@first@ PROPERTIES COST 10)\n" @ONLY)
+            set_property(DIRECTORY APPEND PROPERTY
+                TEST_INCLUDE_FILES "${CMAKE_CURRENT_BINARY_DIR}/${program}_first.cmake")
+        endif()
     endmacro()
 elseif(TARNVALE_TESTS)
     # Without private roots, only the tests that touch nothing outside themselves are built.
     function(tarnvale_test name)
-        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "COST;TIMEOUT"
-            "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS")
+        cmake_parse_arguments(PARSE_ARGV 1 arg "THREADS" "TIMEOUT"
+            "SOURCES;CONTAINED_SOURCES;PORTABLE_SOURCES;DEPENDS;LABELS;FIRST")
         if(arg_PORTABLE_SOURCES)
             add_executable(${name} ${arg_PORTABLE_SOURCES})
             target_link_libraries(${name} PRIVATE

@@ -284,7 +284,7 @@ void check(std::size_t pieceSize, std::string_view said) {
                 peer.sayMore();
                 return true;
             })
-            .run(Deadline::in(10s));
+            .run(Deadline::in(60s));
     } catch (const std::system_error&) {
         // A connection may end so, too.
     }

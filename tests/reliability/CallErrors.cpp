@@ -72,7 +72,6 @@ constexpr auto callRows = std::to_array<CallRow>({
     {SYS_readlinkat, "readlinkat", {EIO, ENOMEM}},
     {SYS_recvfrom, "recvfrom", {EAGAIN, EINTR, ENOMEM}},
     {SYS_recvmsg, "recvmsg", {EAGAIN, EINTR, ENOMEM}},
-    {SYS_renameat, "renameat", {EACCES, EIO, ENOMEM, ENOSPC, EROFS}},
     {SYS_renameat2, "renameat2", {EACCES, EIO, ENOMEM, ENOSPC, EROFS}},
     {SYS_sendmsg, "sendmsg", {EAGAIN, EINTR, ENOMEM}},
     {SYS_sendto, "sendto", {EAGAIN, EINTR, ENOMEM}},
@@ -91,7 +90,6 @@ constexpr auto callRows = std::to_array<CallRow>({
     {SYS_write, "write", {EINTR, EIO, ENOSPC}},
     {SYS_close, "close", {}},
     {SYS_close_range, "close_range", {}},
-    {SYS_dup2, "dup2", {}},
     {SYS_dup3, "dup3", {}},
     {SYS_exit_group, "exit_group", {}},
     {SYS_getpeername, "getpeername", {}},
@@ -109,9 +107,13 @@ constexpr auto callRows = std::to_array<CallRow>({
     {SYS_timerfd_settime, "timerfd_settime", {}},
     {SYS_tgkill, "tgkill", {}},
     {SYS_umask, "umask", {}},
+#ifdef SYS_renameat  // the newest architectures have only its successor
+    {SYS_renameat, "renameat", {EACCES, EIO, ENOMEM, ENOSPC, EROFS}},
+#endif
 #ifdef SYS_open  // newer architectures have none of these
     {SYS_access, "access", {EIO, ENOMEM}},
     {SYS_chmod, "chmod", {EACCES, EIO, ENOMEM, EROFS}},
+    {SYS_dup2, "dup2", {}},
     {SYS_epoll_wait, "epoll_wait", {EINTR}},
     {SYS_link, "link", {EACCES, EIO, ENOMEM, ENOSPC, EROFS}},
     {SYS_lstat, "lstat", {EIO, ENOMEM}},

@@ -4,6 +4,7 @@
 // `scripts/reliability kill` and `scripts/reliability errno` sweep.
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "tests/reliability/CallErrors.h"
 #include "tests/reliability/CallSweep.h"
 #include "tests/reliability/Paths.h"
+#include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
 namespace {
@@ -28,6 +30,11 @@ const Path& pathNamed(std::string_view name) {
 
 class CallTest : public testing::Test {
 protected:
+    void SetUp() override {
+        TARNVALE_NEEDS(interfaces);
+        sweep_.emplace(Sweep::Client::fresh);
+    }
+
     /// Disturbs the path at the calls of these names, or at all. So what a test is meant for is
     /// among the points, and it still takes seconds.
     void expectNoViolation(
@@ -40,13 +47,13 @@ protected:
             return fits(listed) &&
                    (calls.empty() || calls.contains(nameOfCall(listed.call.number)));
         };
-        const auto outcome = sweep_.run(pathNamed(path), deed, points);
+        const auto outcome = sweep_->run(pathNamed(path), deed, points);
         EXPECT_THAT(outcome.violations, IsEmpty());
         EXPECT_THAT(outcome.points, Gt(0U)) << "the path has no such call any more";
     }
 
 private:
-    CallSweep sweep_{Sweep::Client::fresh};
+    std::optional<CallSweep> sweep_;
 };
 
 class KillTest : public CallTest {

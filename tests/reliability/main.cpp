@@ -60,6 +60,9 @@ int main(int argc, char** argv) {
             ::execv(program.c_str(), argv);
             throw std::system_error(errno, std::generic_category(), program);
         }
+        if (const auto lack = test::lackOf(test::Ability::interfaces)) {
+            throw std::runtime_error(*lack);
+        }
         ::umask(S_IWGRP | S_IWOTH);  // clients of several users read what it lays out
         return (*kind)->run({words.begin() + 1, words.end()});
     } catch (const std::invalid_argument& error) {

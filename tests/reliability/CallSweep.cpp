@@ -122,11 +122,14 @@ Outcome CallSweep::run(const Path& path, const CallDeed& deed, const Points& poi
             std::string(path.name) + " " + deed.name + " " + std::to_string(number) + " (" +
                 nameOfCall(listed.call.number) + ")",
             mayLeaveFiles(deed.deed, listed));
-        for (int attempt = 1; attempt <= maxAttempts; ++attempt) {
-            if (disturb(path, deed.deed, listed.point)) {
-                countPoint();
-                break;
-            }
+        bool isMet = false;
+        for (int attempt = 1; !isMet && attempt <= maxAttempts; ++attempt) {
+            isMet = disturb(path, deed, listed.point);
+        }
+        if (isMet) {
+            countPoint();
+        } else {
+            countNeverMet();
         }
     }
     return takeOutcome();
@@ -141,12 +144,12 @@ std::vector<ListedCall> CallSweep::callsOf(const Path& path) {
 }
 
 /// False when the call wasn't made this time.
-bool CallSweep::disturb(const Path& path, const Deed& deed, const WatchedPoint& point) {
+bool CallSweep::disturb(const Path& path, const CallDeed& deed, const WatchedPoint& point) {
     toBeginningOf(path);
-    watch_.await(point, deed);
+    watch_.await(point, deed.deed, deed.fits);
     const auto reply = ask(path);
     const bool wasDone = watch_.end();
-    if (wasDone && isDeath(deed)) {
+    if (wasDone && isDeath(deed.deed)) {
         judgeDeath(reply, path);
     } else {
         judge(reply, path);

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,7 +20,7 @@ namespace tarnvale::test {
 struct CallDeed {
     std::string name;
     Deed deed;
-    std::function<bool(const ListedCall& call)> fits;
+    CallCondition fits;
 };
 
 /// "service": the helper dies together with what it has started, as under systemd. "child": a pfctl
@@ -32,7 +33,8 @@ const std::vector<CallDeed>& allRefusals();
 /// A point is the number of a call among those that the deed fits.
 class CallSweep : public Sweep {
 public:
-    explicit CallSweep(Client client = Client::trusted) : Sweep(client) {}
+    /// Each call waits for the watcher, so that a request may take long on a busy machine.
+    explicit CallSweep(Client client = Client::trusted) : Sweep(client, std::chrono::seconds(60)) {}
     CallSweep(const CallSweep&) = delete;
     CallSweep& operator=(const CallSweep&) = delete;
     ~CallSweep() override;
@@ -44,7 +46,7 @@ private:
     std::unique_ptr<Program> startHelper(const std::vector<std::string>& commandLine) override;
     void endDisturbance() override;
     std::vector<ListedCall> callsOf(const Path& path);
-    bool disturb(const Path& path, const Deed& deed, const WatchedPoint& point);
+    bool disturb(const Path& path, const CallDeed& deed, const WatchedPoint& point);
 
     CallWatch watch_;
 };

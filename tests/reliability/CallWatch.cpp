@@ -157,7 +157,8 @@ CallAnswer CallWatch::answer(const AskedCall& call) {
         listed_.push_back({.point = point, .call = call});
         return {};
     }
-    return !wasDone_ && point == awaited_ ? doAt(call, process) : CallAnswer{};
+    const bool isAwaited = !wasDone_ && point == awaited_;
+    return isAwaited && fits_({.point = point, .call = call}) ? doAt(call, process) : CallAnswer{};
 }
 
 CallAnswer CallWatch::doAt(const AskedCall& call, pid_t process) {
@@ -223,11 +224,12 @@ std::vector<ListedCall> CallWatch::list() {
     return std::exchange(listed_, {});
 }
 
-void CallWatch::await(const WatchedPoint& point, const Deed& deed) {
+void CallWatch::await(const WatchedPoint& point, const Deed& deed, const CallCondition& fits) {
     const MutexLock lock(mutex_);
     countAfresh();
     awaited_ = point;
     deed_ = deed;
+    fits_ = fits;
     wasDone_ = false;
     isCounting_ = true;
 }

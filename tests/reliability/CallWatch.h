@@ -6,6 +6,7 @@
 #pragma once
 
 #include <compare>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -36,6 +37,9 @@ struct ListedCall {
     WatchedPoint point{};
     AskedCall call{};
 };
+
+/// Whether a deed makes sense at a call.
+using CallCondition = std::function<bool(const ListedCall& call)>;
 
 /// What happens in place of a call.
 struct Deed {
@@ -70,8 +74,9 @@ public:
     /// Ends the list.
     std::vector<ListedCall> list();
 
-    /// From here on waits for that call, to do this at it.
-    void await(const WatchedPoint& point, const Deed& deed);
+    /// From here on waits for that call, to do this at it, unless it is of another kind in this
+    /// run.
+    void await(const WatchedPoint& point, const Deed& deed, const CallCondition& fits);
 
     /// From here on calls aren't counted.
     void pause();
@@ -97,6 +102,7 @@ private:
     std::vector<pid_t> killed_ GUARDED_BY(mutex_);
     WatchedPoint awaited_ GUARDED_BY(mutex_);
     std::optional<Deed> deed_ GUARDED_BY(mutex_);
+    CallCondition fits_ GUARDED_BY(mutex_);
     pid_t program_ GUARDED_BY(mutex_) = -1;
     bool isItself_ GUARDED_BY(mutex_) = false;  ///< not what is to become the program
     bool isCounting_ GUARDED_BY(mutex_) = false;

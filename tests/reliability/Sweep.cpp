@@ -18,9 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Longer than any request takes, and less than until the helper next looks at a silent client,
-/// which may end the connection.
-constexpr auto replyLimit = 8s;
 constexpr auto endLimit = 2s;
 constexpr auto startLimit = 60s;
 /// What a start takes after the helper listens.
@@ -43,7 +40,7 @@ bool isOneOf(const std::string& value, const std::string& key, const MachineStat
 
 }  // namespace
 
-Sweep::Sweep(Client client) {
+Sweep::Sweep(Client client, std::chrono::seconds replyLimit) : replyLimit_(replyLimit) {
     if (client == Client::trusted) {
         beginsAt_ += 4s;
     }
@@ -113,7 +110,7 @@ void Sweep::succeed() {
 
 bool Sweep::serves() {
     ServiceClient client(lab_.client);
-    const auto reply = callInTime(client, versionRequest(), replyLimit);
+    const auto reply = callInTime(client, versionRequest(), replyLimit_);
     return reply && isSuccess(*reply);
 }
 
@@ -133,11 +130,11 @@ void Sweep::prepare(const Path& path) {
         start();
     }
     // What failed behind the last reply may have ended the connection.
-    if (!client_ || callInTime(*client_, versionRequest(), replyLimit) == Texts{"closed"}) {
+    if (!client_ || callInTime(*client_, versionRequest(), replyLimit_) == Texts{"closed"}) {
         client_ = std::make_unique<ServiceClient>(lab_.client);
     }
     path.prepare(*client_);
-    const auto reply = callInTime(*client_, versionRequest(), replyLimit);
+    const auto reply = callInTime(*client_, versionRequest(), replyLimit_);
     if (!reply || !isSuccess(*reply)) {
         throw std::runtime_error(where_ + ": not served undisturbed");
     }
@@ -162,14 +159,14 @@ std::optional<Texts> Sweep::ask(const Path& path) {
         endDisturbance();
         client_ = std::make_unique<ServiceClient>(lab_.client);
     }
-    return callInTime(*client_, path, replyLimit);
+    return callInTime(*client_, path, replyLimit_);
 }
 
 /// The same for one that only brings the stored lists into force.
 std::optional<Texts> Sweep::reapply() {
     stop();
     helper_ = startHelper({program_, "--reapply"});
-    if (!hasEndedItself(replyLimit)) {
+    if (!hasEndedItself(replyLimit_)) {
         return std::nullopt;
     }
     return Texts{helper_->finish().status == EXIT_SUCCESS ? "nil" : "closed"};

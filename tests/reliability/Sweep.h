@@ -29,6 +29,7 @@ struct Points {
 
 struct Outcome {
     std::uint64_t points = 0;
+    std::uint64_t neverMet = 0;           ///< further points, at which no attempt could do anything
     std::uint64_t restarts = 0;           ///< the helper ended itself, having served nobody
     std::vector<std::string> violations;  ///< a sentence each
 };
@@ -46,7 +47,12 @@ public:
     virtual ~Sweep() = default;
 
 protected:
-    explicit Sweep(Client client = Client::trusted);
+    /// Longer than any request takes at full speed, and less than until the helper next looks at a
+    /// silent client, which may end the connection.
+    static constexpr std::chrono::seconds usualReplyLimit{8};
+
+    explicit Sweep(
+        Client client = Client::trusted, std::chrono::seconds replyLimit = usualReplyLimit);
 
     /// Starts the helper by this command line, where the sweep can disturb it.
     virtual std::unique_ptr<Program> startHelper(const std::vector<std::string>& commandLine) = 0;
@@ -84,6 +90,8 @@ protected:
 
     void countPoint() { ++outcome_.points; }
 
+    void countNeverMet() { ++outcome_.neverMet; }
+
     /// What there was since the path began.
     Outcome takeOutcome();
 
@@ -103,6 +111,7 @@ private:
     void judgeReapply();
     bool hasEndedItself(std::chrono::milliseconds limit);
 
+    std::chrono::seconds replyLimit_;
     ServiceLab lab_;
     std::string program_ = ServiceLab::installedHelper();
     std::chrono::steady_clock::time_point beginsAt_ = std::chrono::steady_clock::now();

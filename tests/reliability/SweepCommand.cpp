@@ -67,10 +67,13 @@ void print(const Outcome& outcome, const std::string& where, std::chrono::durati
     for (const auto& violation : outcome.violations) {
         std::printf("%s\n", violation.c_str());
     }
+    const auto neverMet =
+        outcome.neverMet > 0 ? ", " + std::to_string(outcome.neverMet) + " never met" : "";
     std::printf(
-        "%s: %llu points, %zu violations, %llu restarts, %.0f s\n",
+        "%s: %llu points%s, %zu violations, %llu restarts, %.0f s\n",
         where.c_str(),
         static_cast<unsigned long long>(outcome.points),
+        neverMet.c_str(),
         outcome.violations.size(),
         static_cast<unsigned long long>(outcome.restarts),
         time.count());

@@ -570,9 +570,7 @@ TEST_F(OperationsTest, ReappliesNoStoreThatItHasNotLocked) {
     test::watchCalls(
         SYS_openat,
         [&](const test::WatchedCall& call) {
-            // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel passes an address as a number
-            const std::string_view path(reinterpret_cast<const char*>(call.arguments[1]));
-            if (path == storePath && ++opened == 2) {
+            if (test::textAt(call.arguments[1]) == storePath && ++opened == 2) {
                 put(storePath, policyText({{64}}));  // as another process's first apply
             }
             return 0;

@@ -2,6 +2,7 @@
 
 #include "tests/support/WatchedCalls.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
@@ -12,6 +13,7 @@
 #include <fcntl.h>
 #include <linux/seccomp.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
@@ -35,6 +37,26 @@ void answer(
 }
 
 }  // namespace
+
+std::string textAt(std::uint64_t address) {
+    constexpr std::size_t pageSize = 4096;
+    std::string text;
+    for (auto end = std::string::npos; end == std::string::npos;) {
+        const auto place = address + text.size();
+        std::array<char, pageSize> bytes{};
+        const iovec local{.iov_base = bytes.data(), .iov_len = pageSize - place % pageSize};
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel passes an address as a number
+        const iovec remote{.iov_base = reinterpret_cast<void*>(place), .iov_len = local.iov_len};
+        const auto size = ::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0);
+        if (size <= 0) {
+            throw std::system_error(errno, std::generic_category(), "a watched call's text");
+        }
+        text.append(bytes.data(), static_cast<std::size_t>(size));
+        end = text.find('\0');
+        text.resize(std::min(end, text.size()));
+    }
+    return text;
+}
 
 void watchCalls(
     long number,

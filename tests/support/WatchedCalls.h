@@ -19,6 +19,11 @@ struct WatchedCall {
     std::array<std::uint64_t, 6> arguments;
 };
 
+/// The text at an address that a watched call passes. The kernel reads it: the thread sanitizer
+/// does not know that the thread that wrote it stands still. Throws `std::system_error` where there
+/// is none.
+std::string textAt(std::uint64_t address);
+
 /// Runs `operation` in a thread of its own. Before each of its system calls with that number
 /// (`SYS_…`) calls `before`, whose result is the error with which the call fails, or 0 for a call
 /// that goes on. Passes on what the operation throws. Throws `std::system_error` where a thread

@@ -6,6 +6,7 @@
 #include <array>
 #include <ctime>
 #include <limits>
+#include <new>
 
 #include <unistd.h>
 
@@ -208,6 +209,9 @@ Store storeOf(const Libcrypto& library, const std::string& pem) {
         return nullptr;
     }
     while (const auto root = nextCertificate(library, text)) {
+        // The library reads a certificate's extensions at their first use, and remembers for good
+        // if it failed, be it for want of memory. Here, that fails this store alone.
+        library.X509_get_extension_flags(root.get());
         if (library.X509_STORE_add_cert(store.get(), root.get()) != 1) {
             return nullptr;
         }
@@ -223,8 +227,8 @@ Store sharedStore(const Libcrypto& library, const Store& store) {
     return Store(store && library.X509_STORE_up_ref(store.get()) == 1 ? store.get() : nullptr);
 }
 
-/// The roots that were decoded last, which takes a fifth of a check; they seldom change. Safe from
-/// any thread.
+/// Keeps the roots that were decoded last. They seldom change, and decoding them takes a fifth of a
+/// check. Safe from any thread.
 class DecodedRoots {
 public:
     /// Null for a text other than the last one.
@@ -233,16 +237,21 @@ public:
         return pem == pem_ ? sharedStore(library, store_) : nullptr;
     }
 
-    /// The store must be one that the library had enough memory for.
-    void keep(const Libcrypto& library, const std::string& pem, const Store& store) {
+    /// As best it can. The store must be one that the library had enough memory for. From here on
+    /// other threads use it, too.
+    void keep(const Libcrypto& library, const std::string& pem, const Store& store) noexcept {
         if (pem.size() > maxKeptSize) {
             return;
         }
-        std::string text = pem;
-        Store shared = sharedStore(library, store);
-        const support::MutexLock lock(mutex_);
-        pem_.swap(text);
-        store_.swap(shared);
+        try {
+            std::string text = pem;
+            Store shared = sharedStore(library, store);
+            const support::MutexLock lock(mutex_);
+            pem_.swap(text);
+            store_.swap(shared);
+        } catch (const std::bad_alloc&) {
+            // They are decoded again.
+        }
     }
 
 private:
@@ -260,13 +269,7 @@ DecodedRoots& decodedRoots() {
     return roots;
 }
 
-/// Null when a part of the text can't be read.
-Store rootsOf(const Libcrypto& library, const std::string& pem) {
-    Store known = decodedRoots().find(library, pem);
-    return known ? std::move(known) : storeOf(library, pem);
-}
-
-/// The first certificate of the store; null if it has none.
+/// The first certificate of a store that no other thread uses; null if it has none.
 X509* firstOf(const Libcrypto& library, X509_STORE* store) {
     const STACK_OF(X509_OBJECT)* const objects = library.X509_STORE_get0_objects(store);
     return countOf(library, objects) == 0
@@ -407,11 +410,9 @@ void prepareToVerify(const std::string& rootsPem) {
     const ErrorQueue errors(library);
     const auto store = conclusive([&] { return storeOf(library, rootsPem); });
     if (store) {
+        X509* const root = firstOf(library, store.get());
         decodedRoots().keep(library, rootsPem, store);
-        conclusive([&] {
-            X509* const root = firstOf(library, store.get());
-            return root != nullptr && library.X509_self_signed(root, 1) == 1;
-        });
+        conclusive([&] { return root != nullptr && library.X509_self_signed(root, 1) == 1; });
     }
 }
 
@@ -428,15 +429,20 @@ std::optional<Claims> readClaims(std::string_view message) {
 
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
     const Libcrypto& library = Libcrypto::get();
-    Store store;
+    const Store known = decodedRoots().find(library, rootsPem);
+    Store decoded;
     auto trusted = conclusive([&] {
         const ErrorQueue errors(library);
-        store = rootsOf(library, rootsPem);
-        return trustedIn(library, message, store);
+        if (!known) {
+            decoded = storeOf(library, rootsPem);
+        }
+        return trustedIn(library, message, known ? known : decoded);
     });
     if (trusted) {
         Libcrypto::noteSuccess();
-        decodedRoots().keep(library, rootsPem, store);
+        if (decoded) {
+            decodedRoots().keep(library, rootsPem, decoded);
+        }
     }
     return trusted;
 }

@@ -2,8 +2,8 @@
 //
 // The CMS message of a signature: what it says about the code, whether it and its certificates can
 // be trusted, and the digest to compare it with. OpenSSL decodes a message once, for the question
-// whether it can be trusted, and only one whose outline is good. Of what OpenSSL
-// allocates, only the roots decoded last are kept. Safe from any thread.
+// whether it can be trusted, and only one whose outline is good. OpenSSL's memory stays in these
+// functions, but for the roots decoded last. Safe from any thread.
 
 #pragma once
 

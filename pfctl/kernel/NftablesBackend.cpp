@@ -214,6 +214,17 @@ bool NftablesBackend::change(const AnchorTable& old, RulesetTable& table) {
     return true;
 }
 
+/// Whether the anchor no longer has the table; false as well when the kernel doesn't say.
+bool NftablesBackend::isKnownToBeGone(
+    const std::string& anchor, const std::string& table) noexcept {
+    try {
+        const auto left = tables(anchor);
+        return std::ranges::find(left, table, &AnchorTable::name) == left.end();
+    } catch (...) {
+        return false;
+    }
+}
+
 /// Puts the new rules into force beside the old ones, then removes these.
 void NftablesBackend::replace(
     const std::string& anchor, std::span<const AnchorTable> old, RulesetTable& table) {
@@ -232,9 +243,8 @@ void NftablesBackend::replace(
     try {
         remove(std::array{old.front().name});
     } catch (...) {
-        // It may be the answer alone that is lost.
-        const auto left = tables(anchor);
-        if (std::ranges::find(left, old.front().name, &AnchorTable::name) == left.end()) {
+        // Perhaps only the kernel's answer was lost.
+        if (isKnownToBeGone(anchor, old.front().name)) {
             return;
         }
         // Without the new rules the load has changed nothing.

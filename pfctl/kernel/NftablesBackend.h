@@ -77,6 +77,7 @@ private:
     };
 
     bool change(const AnchorTable& old, RulesetTable& table);
+    bool isKnownToBeGone(const std::string& anchor, const std::string& table) noexcept;
     void replace(const std::string& anchor, std::span<const AnchorTable> old, RulesetTable& table);
     std::optional<TableRecord> record(const std::string& table);
     std::vector<NamedTable> namedTables(const std::string& anchor);

@@ -65,27 +65,30 @@ bool LocalAccounts::isAdministrator(uid_t user) {
 }
 
 void LocalAccounts::readIfChanged() {
-    std::array<std::optional<FileIdentity>, files.size()> now;
-    std::transform(files.begin(), files.end(), now.begin(), stateOf);
-    if (now == known_) {
-        return;
-    }
-    std::array<std::vector<Fields>, files.size()> lines;
     for (std::size_t i = 0; i < files.size(); ++i) {
-        if (!now[i]) {
+        const auto state = stateOf(files[i]);
+        if (state == known_[i].state) {
             continue;
         }
-        auto read = linesOf(files[i]);
-        if (!read) {
-            return;  // for want of a descriptor, say: what is known does until the next question
+        auto lines = state ? linesOf(files[i]) : std::optional(std::vector<Fields>());
+        if (!lines) {
+            // For want of a descriptor, say: keep what is known; the next question tries again.
+            continue;
         }
-        lines[i] = *std::move(read);
+        known_[i] = {.state = state, .lines = *std::move(lines)};
+        isTakenIn_ = false;
     }
+    if (!isTakenIn_) {
+        takeIn();
+        isTakenIn_ = true;
+    }
+}
 
-    const auto& [accounts, groups, subordinates] = lines;
+void LocalAccounts::takeIn() {
+    const auto& [accounts, groups, subordinates] = known_;
     Users users;
     administrators_.clear();
-    for (const auto& account : accounts) {
+    for (const auto& account : accounts.lines) {
         if (const auto uid = numberIn(account[2])) {
             users.emplace(account[0], *uid);
             if (numberIn(account[3]) == administratorsGroup) {
@@ -93,9 +96,8 @@ void LocalAccounts::readIfChanged() {
             }
         }
     }
-    addMembers(groups, users);
-    setSubordinates(subordinates, users);
-    known_ = now;
+    addMembers(groups.lines, users);
+    setSubordinates(subordinates.lines, users);
 }
 
 void LocalAccounts::addMembers(const std::vector<Fields>& groups, const Users& users) {

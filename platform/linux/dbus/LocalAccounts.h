@@ -27,7 +27,7 @@ public:
     using Fields = std::vector<std::string>;
 
     /// Reads the files unless they are known as they are now. Each question does that by itself.
-    /// While one can't be read, what was known before holds.
+    /// While one can't be read, what it said before holds.
     void readIfChanged();
 
     /// The user to whom this one is subordinate (/etc/subuid), or else the user himself. Whoever
@@ -46,10 +46,18 @@ private:
 
     using Users = std::map<std::string, uid_t>;
 
+    void takeIn();
     void addMembers(const std::vector<Fields>& groups, const Users& users);
     void setSubordinates(const std::vector<Fields>& ranges, const Users& users);
 
-    std::array<std::optional<FileIdentity>, 3> known_;  ///< the files' states when they were read
+    /// What was read last of one of the files.
+    struct Known {
+        std::optional<FileIdentity> state;  ///< before it was read; nothing while there is no file
+        std::vector<Fields> lines;
+    };
+
+    std::array<Known, 3> known_;
+    bool isTakenIn_ = true;  ///< what follows is made of what is known
     std::vector<Subordinates> subordinates_;
     std::set<uid_t> administrators_;
 };

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
@@ -81,6 +82,25 @@ TEST_F(LocalAccountsTest, AFileThatCannotBeReadIsReadLater) {
     EXPECT_TRUE(others.isAdministrator(501));
     EXPECT_EQ(accounts.ownerOf(100'000), 100'000U);
     EXPECT_EQ(accounts.ownerOf(500'000), 503U);
+}
+
+TEST_F(LocalAccountsTest, AFileThatCanNeverBeReadLeavesTheOthers) {
+    EXPECT_EQ(accounts.ownerOf(100'000), 503U);
+    ::unlink("/etc/subuid");
+    ASSERT_EQ(::mkdir("/etc/subuid", 0755), 0);
+    test::put("/etc/group", "root:x:0:\nadmin:x:80:eve\n");
+    LocalAccounts others;
+
+    for (LocalAccounts* const asked : {&accounts, &others}) {
+        EXPECT_TRUE(asked->isAdministrator(503));
+        EXPECT_FALSE(asked->isAdministrator(501));
+        EXPECT_TRUE(asked->isAdministrator(504));
+    }
+    EXPECT_EQ(accounts.ownerOf(100'000), 503U) << "as it was known";
+    EXPECT_EQ(others.ownerOf(100'000), 100'000U);
+
+    ::rmdir("/etc/subuid");
+    EXPECT_EQ(accounts.ownerOf(100'000), 100'000U);
 }
 
 }  // namespace

@@ -157,13 +157,16 @@ public:
     }
 
     void resume(TransportDelegate& delegate, TarnvaleAdminHelperProtocol& exported) override {
+        if (!isPrepared_) {
+            LibSystemd::get();  // if it is missing, that is found out before anybody can connect
+        }
         listening_ = openListeningSocket(passedSockets_);
         if (awaitLibcrypto()) {
             // No thread starts while a library is being loaded. Whoever waits gets one before
             // libsystemd is, since the checks of a client don't need it.
             acceptOne(delegate, exported);
+            LibSystemd::get();
         }
-        LibSystemd::get();  // if it is missing, that is found out now, not at the first connection
         std::thread([this, &delegate, &exported] { acceptAll(delegate, exported); }).detach();
     }
 

@@ -333,7 +333,7 @@ std::optional<std::string> readFile(const std::string& path) {
 bool isFileThere(const std::string& path) {
     struct stat info {};
     const int found = persistently([&] { return ::lstat(path.c_str(), &info); });
-    return found == 0 && S_ISREG(info.st_mode);
+    return found == 0 ? S_ISREG(info.st_mode) : errno != ENOENT && errno != ENOTDIR;
 }
 
 void keepUnreadable(const std::string& path) {

@@ -52,7 +52,7 @@ int persistently(const std::function<int()>& call);
 std::optional<std::string> readFile(const std::string& path);
 
 /// Whether the next write of `path` replaces a file. It replaces a link, but not what the link
-/// leads to.
+/// leads to. True if that can't be found out: better too much kept than a file lost.
 bool isFileThere(const std::string& path);
 
 /// Keeps the file, which nobody can read, beside the next one: gives it the second name

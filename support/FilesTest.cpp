@@ -311,6 +311,16 @@ TEST_F(FilesTest, TellsAFileFromALinkToOne) {
     EXPECT_FALSE(isFileThere(folder));
 }
 
+TEST_F(FilesTest, TakesForNoFileOnlyWhatIsKnownToBeNone) {
+    put(path, "text");
+    fs::create_symlink("loop", inFolder("loop"));
+
+    EXPECT_FALSE(isFileThere(inFolder("missing")));
+    EXPECT_FALSE(isFileThere(inFolder("missing/file")));
+    EXPECT_FALSE(isFileThere(path + "/file"));
+    EXPECT_TRUE(isFileThere(inFolder("loop/file")));
+}
+
 TEST_F(FilesTest, KeepsTheBitsAboveThePermissionsOfAFileThatIsNotOurs) {
     put(path, "old");
     fs::permissions(path, fs::perms(01640));

@@ -43,6 +43,10 @@ bool setPolicy(int policy, int priority) {
 }  // namespace
 
 Precedence::Precedence() {
+    if (!setPolicy(SCHED_FIFO, 1)) {
+        std::printf("without precedence over other processes: %s\n", std::strerror(errno));
+        return;
+    }
     const pid_t self = ::getpid();
     cpu_set_t processors;
     require(::sched_getaffinity(0, sizeof processors, &processors) == 0, "sched_getaffinity");
@@ -55,9 +59,6 @@ Precedence::Precedence() {
             }
             wakers_.push_back(waker);
         }
-    }
-    if (!setPolicy(SCHED_FIFO, 1)) {
-        std::printf("without precedence over other processes: %s\n", std::strerror(errno));
     }
 }
 

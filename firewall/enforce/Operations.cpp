@@ -132,7 +132,9 @@ void removeIfPossible(const std::string& path) {
 REQUIRES(firewallLock()) void reapply() {
     const auto storeLock = lockStore();
     if (!storeLock) {
-        return;  // what another process stores from here on, it brings into force itself
+        // There is no store. If another process makes one from here on, it also brings it into
+        // force.
+        return;
     }
     auto data = support::readFile(storePath());
     if (!data) {

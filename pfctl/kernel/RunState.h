@@ -25,7 +25,7 @@ struct Enabled {
 /// Nothing when pf is disabled.
 std::optional<Enabled> readEnabled();
 
-/// What a file with that text says; nothing when it is no such file.
+/// What a file with that text says; nothing if the text isn't of that form.
 std::optional<Enabled> enabledIn(std::string_view text);
 
 /// Records that pf is enabled from now on, with a new token. Throws `PfctlError`.

@@ -24,7 +24,7 @@ struct ProtocolObject {
     /// Waits for so much room. Throws when the peer goes away meanwhile.
     std::function<void(std::size_t size)> awaitRoom;
     std::string call = {};  ///< all bytes of the call that is being carried out, unless it is large
-    std::size_t bodySize = 0;   ///< that call's header says so
+    std::size_t bodySize = 0;   ///< of that call's body, as its header announces it
     bool isUnanswered = false;  ///< not even an error could be sent in reply to a call
     bool isKnownToBus = false;  ///< sd-bus has been told of all methods
     bool isBusBroken = false;   ///< of some only: the bus can only be abandoned

@@ -527,6 +527,23 @@ PowerCutFigures PowerCuts::run() {
     return std::move(figures_);
 }
 
+constexpr const char* moreRights = "run it as root, or in a container with --privileged";
+
+/// What gives the machine what it lacks by that error; nothing for any other failure.
+std::optional<std::string> helpAgainst(int error, const FileSystem& fileSystem) {
+    switch (error) {
+        case EACCES:
+        case EPERM:
+            return moreRights;
+        case ENODEV:
+        case ENOENT:
+        case ENXIO:
+            return std::string("load the kernel's modules loop, fuse and ") + fileSystem.name;
+        default:
+            return std::nullopt;
+    }
+}
+
 }  // namespace
 
 const std::vector<FileSystem>& allFileSystems() {
@@ -558,7 +575,10 @@ std::optional<std::string> lackOf(const FileSystem& fileSystem) {
         return lack;
     }
     if (ground() != Ground::namespaces) {
-        return "loop devices need root";
+        return std::string("loop devices need root (") + moreRights + ")";
+    }
+    if (const auto& program = fileSystem.make.front(); !fs::exists(program)) {
+        return "there is no " + program + " here (install it)";
     }
     try {
         const DiskImage image(makeFileSystem(fileSystem));
@@ -566,8 +586,13 @@ std::optional<std::string> lackOf(const FileSystem& fileSystem) {
         const RecordedDisk recorded(image, record);
         const MountedDisk disk(fileSystem, recorded.path());
         return std::nullopt;
-    } catch (const std::exception& error) {
-        return std::string(fileSystem.name) + " on a recorded disk: " + error.what();
+    } catch (const std::system_error& error) {
+        const auto help = helpAgainst(error.code().value(), fileSystem);
+        if (!help) {
+            throw;
+        }
+        return std::string(fileSystem.name) + " on a recorded disk: " + error.what() + " (" +
+               *help + ")";
     }
 }
 

@@ -23,7 +23,8 @@ struct FileSystem {
 
 const std::vector<FileSystem>& allFileSystems();
 
-/// Why there can be no such file system on a recorded disk here; nothing when there can.
+/// Why there can be no such file system on a recorded disk here, and what would help; nothing when
+/// there can. Throws when it fails though the machine lacks nothing.
 std::optional<std::string> lackOf(const FileSystem& fileSystem);
 
 struct PowerCutPlan {

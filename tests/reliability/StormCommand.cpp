@@ -39,10 +39,13 @@ int runStorm(const std::vector<std::string>& words) {
     if (words.empty() || words.size() > 2) {
         throw std::invalid_argument("how many seconds?");
     }
+    const std::chrono::seconds duration(numberFrom(words[0]));
+    if (duration <= 0s) {
+        throw std::invalid_argument("how many seconds?");
+    }
     if (const auto lack = lackOf(Ability::usersProcesses)) {
         throw std::runtime_error(*lack);
     }
-    const std::chrono::seconds duration(numberFrom(words[0]));
     const StormPlan plan{.seed = words.size() > 1 ? numberFrom(words[1]) : std::random_device()()};
     const auto seed = static_cast<unsigned long long>(plan.seed);
     std::printf("storm: seed %llu, %zu connections\n", seed, plan.connections);

@@ -21,6 +21,12 @@ using Clock = std::chrono::steady_clock;
 /// The allocator keeps free memory in pieces that differ from one look to the next.
 constexpr std::int64_t maxKeptKiB = 2048;
 
+/// Of the first part, and of the later one.
+constexpr std::size_t minLooks = 2;
+
+/// How much longer than planned it goes on until there has been enough.
+constexpr auto extraLimit = 120s;
+
 /// How long the helper may take to notice that connections have ended.
 constexpr auto settleLimit = 10s;
 
@@ -104,12 +110,19 @@ SoakFigures soak(const SoakPlan& plan) {
     SoakFigures figures;
     const auto begin = Clock::now();
     constexpr int parts = 5;
-    while (Clock::now() < begin + plan.duration) {
-        const bool isFirst = figures.looks == 0 || Clock::now() < begin + plan.duration / parts;
+    std::size_t firstLooks = 0;
+    const auto isEnough = [&] {
+        return figures.looks >= firstLooks + minLooks &&
+               storm.figures().requests >= plan.minRequests;
+    };
+    while (Clock::now() < begin + plan.duration ||
+           (!isEnough() && Clock::now() < begin + plan.duration + extraLimit)) {
+        const bool isFirst = firstLooks < minLooks || Clock::now() < begin + plan.duration / parts;
         storm.run(plan.period);
         storm.disconnect();
         ++figures.looks;
         if (isFirst) {
+            ++firstLooks;
             std::this_thread::sleep_for(500ms);
             figures.first = mostOf(figures.first, usageOf(helper));
             continue;

@@ -29,6 +29,7 @@ struct SoakPlan {
     std::uint64_t seed = 1;
     std::size_t connections = 32;
     std::chrono::milliseconds period{3000};  ///< between two looks
+    std::size_t minRequests = 0;             ///< for which it goes on longer on a slow machine
 };
 
 struct SoakFigures {
@@ -39,8 +40,9 @@ struct SoakFigures {
     std::vector<std::string> violations;  ///< a sentence each
 };
 
-/// The first fifth of the time shows what the helper needs. Later it uses no more, and neither a
-/// child nor a connection is left when nobody asks. In a private root with several users.
+/// The first fifth of the time, and at least two looks, show what the helper needs. Later it uses
+/// no more, and neither a child nor a connection is left when nobody asks. In a private root with
+/// several users.
 SoakFigures soak(const SoakPlan& plan);
 
 }  // namespace tarnvale::test

@@ -73,7 +73,6 @@ namespace tarnvale::platform {
     SYMBOL(X509_STORE_free)                  \
     SYMBOL(X509_STORE_get0_objects)          \
     SYMBOL(X509_STORE_new)                   \
-    SYMBOL(X509_STORE_up_ref)                \
     SYMBOL(X509_VERIFY_PARAM_set_auth_level) \
     SYMBOL(X509_VERIFY_PARAM_set_depth)      \
     SYMBOL(X509_free)                        \

@@ -63,7 +63,9 @@ struct CertificatesDeleter {
 using Message = LibcryptoPtr<CMS_ContentInfo, &Libcrypto::CMS_ContentInfo_free>;
 using Certificates = std::unique_ptr<STACK_OF(X509), CertificatesDeleter>;
 using Certificate = LibcryptoPtr<X509, &Libcrypto::X509_free>;
-using Store = LibcryptoPtr<X509_STORE, &Libcrypto::X509_STORE_free>;
+/// Counted by us: the thread sanitizer doesn't see the library's own count, and that whoever frees
+/// a store comes after whoever has used it.
+using Store = std::shared_ptr<X509_STORE>;
 using StoreContext = LibcryptoPtr<X509_STORE_CTX, &Libcrypto::X509_STORE_CTX_free>;
 using Bio = LibcryptoPtr<BIO, &Libcrypto::BIO_free_all>;
 using DigestContext = LibcryptoPtr<EVP_MD_CTX, &Libcrypto::EVP_MD_CTX_free>;
@@ -203,7 +205,7 @@ Certificate nextCertificate(const Libcrypto& library, const Bio& text) {
 
 /// A store with every certificate of the text; null when a part of it cannot be read.
 Store storeOf(const Libcrypto& library, const std::string& pem) {
-    Store store(library.X509_STORE_new());
+    LibcryptoPtr<X509_STORE, &Libcrypto::X509_STORE_free> store(library.X509_STORE_new());
     const auto text = reading(library, pem);
     if (!store || !text) {
         return nullptr;
@@ -222,33 +224,27 @@ Store storeOf(const Libcrypto& library, const std::string& pem) {
     return atTheEnd ? std::move(store) : nullptr;
 }
 
-/// Another owner of the store.
-Store sharedStore(const Libcrypto& library, const Store& store) {
-    return Store(store && library.X509_STORE_up_ref(store.get()) == 1 ? store.get() : nullptr);
-}
-
 /// Keeps the roots that were decoded last. They seldom change, and decoding them takes a fifth of a
 /// check. Safe from any thread.
 class DecodedRoots {
 public:
     /// Null for a text other than the last one.
-    Store find(const Libcrypto& library, const std::string& pem) {
+    Store find(const std::string& pem) {
         const support::MutexLock lock(mutex_);
-        return pem == pem_ ? sharedStore(library, store_) : nullptr;
+        return pem == pem_ ? store_ : nullptr;
     }
 
     /// As best it can. The store must be one that the library had enough memory for. From here on
     /// other threads use it, too.
-    void keep(const Libcrypto& library, const std::string& pem, const Store& store) noexcept {
+    void keep(const std::string& pem, Store store) noexcept {
         if (pem.size() > maxKeptSize) {
             return;
         }
         try {
             std::string text = pem;
-            Store shared = sharedStore(library, store);
             const support::MutexLock lock(mutex_);
             pem_.swap(text);
-            store_.swap(shared);
+            store_.swap(store);
         } catch (const std::bad_alloc&) {
             // They are decoded again.
         }
@@ -411,7 +407,7 @@ void prepareToVerify(const std::string& rootsPem) {
     const auto store = conclusive([&] { return storeOf(library, rootsPem); });
     if (store) {
         X509* const root = firstOf(library, store.get());
-        decodedRoots().keep(library, rootsPem, store);
+        decodedRoots().keep(rootsPem, store);
         conclusive([&] { return root != nullptr && library.X509_self_signed(root, 1) == 1; });
     }
 }
@@ -429,7 +425,7 @@ std::optional<Claims> readClaims(std::string_view message) {
 
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem) {
     const Libcrypto& library = Libcrypto::get();
-    const Store known = decodedRoots().find(library, rootsPem);
+    const Store known = decodedRoots().find(rootsPem);
     Store decoded;
     auto trusted = conclusive([&] {
         const ErrorQueue errors(library);
@@ -441,7 +437,7 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
     if (trusted) {
         Libcrypto::noteSuccess();
         if (decoded) {
-            decodedRoots().keep(library, rootsPem, decoded);
+            decodedRoots().keep(rootsPem, decoded);
         }
     }
     return trusted;

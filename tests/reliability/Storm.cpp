@@ -204,6 +204,7 @@ private:
     void lookAtReports();
     void lookAtFiles(const Span& now);
     void lookAtLists(const Span& now);
+    bool isOneAttempt(std::map<int, std::set<std::string>> enforced);
     void lookAtShared(
         const std::map<std::string, StoredList>& stored, const std::set<std::string>& enforced);
     void violated(const std::string& what);
@@ -552,8 +553,16 @@ void Storm::Course::lookAtFiles(const Span& now) {
 
 void Storm::Course::lookAtLists(const Span& now) {
     const auto stored = storedLists();
-    const auto listing = listedRules();
+    auto listing = listedRules();
     auto enforced = networksIn(listing);
+    if (stored.empty() && isOneAttempt(enforced)) {
+        // The helper was killed after it had enforced the first list, and before it stored it. The
+        // list stays in force until the next apply, removal or boot.
+        ::tarnvale::test::run(
+            {"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+        listing = listedRules();
+        enforced = networksIn(listing);
+    }
     std::map<std::string, std::string> read;
     for (std::size_t user = 0; user < users.size(); ++user) {
         const auto name = nameOf(user);
@@ -578,6 +587,21 @@ void Storm::Course::lookAtLists(const Span& now) {
     for (auto& [name, list] : lists_) {
         list.reset(read[name], list.attemptsAt(read[name]).value_or(now));
     }
+}
+
+/// Whether that is a list of one user, who tried to apply it.
+bool Storm::Course::isOneAttempt(std::map<int, std::set<std::string>> enforced) {
+    std::vector<std::string> tried;
+    for (std::size_t user = 0; user < users.size(); ++user) {
+        const auto rules = joined(enforced[networkOf(user)]);
+        if (rules != none && lists_[nameOf(user)].attemptsAt(rules)) {
+            tried.push_back(rules);
+        } else if (rules != none) {
+            return false;
+        }
+    }
+    const auto shared = joined(enforced[sharedNetwork]);
+    return tried.size() == 1 && (shared == none || shared == tried.front());
 }
 
 /// The one who applied it last has the network that all want.

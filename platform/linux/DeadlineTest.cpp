@@ -2,34 +2,20 @@
 
 #include "platform/linux/Deadline.h"
 
-#include <array>
 #include <thread>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include "platform/linux/PeriodicInterrupt.h"
-#include "support/UniqueFd.h"
+#include "tests/support/Pipe.h"
 
 namespace tarnvale::platform {
 namespace {
 
 using namespace std::chrono_literals;
-using support::UniqueFd;
-
-struct Pipe {
-    Pipe() {
-        std::array<int, 2> ends{};
-        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-        reading.reset(ends[0]);
-        writing.reset(ends[1]);
-    }
-
-    UniqueFd reading;
-    UniqueFd writing;
-};
+using test::Pipe;
 
 TEST(DeadlineTest, IsOverWhenItsTimeHasCome) {
     const auto soon = Deadline::in(10ms);

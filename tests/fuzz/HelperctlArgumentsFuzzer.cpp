@@ -17,6 +17,7 @@
 #include "helperctl/CommandForms.h"
 #include "support/Text.h"
 #include "tests/fuzz/Require.h"
+#include "tests/fuzz/Words.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -115,13 +116,6 @@ void check(const Words& words) {
 
 // NOLINTNEXTLINE(readability-identifier-naming): the name that libFuzzer calls
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::vector<std::string> words;
-    if (size > 0) {
-        const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-        for (const auto word : tarnvale::support::split(bytes, '\0')) {
-            words.emplace_back(word);
-        }
-    }
-    tarnvale::helperctl::check(words);
+    tarnvale::helperctl::check(tarnvale::test::wordsIn(data, size));
     return 0;
 }

@@ -18,8 +18,8 @@
 #include <getopt.h>
 
 #include "pfctl/language/Arguments.h"
-#include "support/Text.h"
 #include "tests/fuzz/Require.h"
+#include "tests/fuzz/Words.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -186,13 +186,6 @@ void check(const std::vector<std::string>& words) {
 
 // NOLINTNEXTLINE(readability-identifier-naming): the name that libFuzzer calls
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::vector<std::string> words;
-    if (size > 0) {
-        const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-        for (const auto word : tarnvale::support::split(bytes, '\0')) {
-            words.emplace_back(word);
-        }
-    }
-    tarnvale::pfctl::check(words);
+    tarnvale::pfctl::check(tarnvale::test::wordsIn(data, size));
     return 0;
 }

@@ -27,6 +27,7 @@
 #include "platform/linux/dbus/ListeningSocket.h"
 #include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Pipe.h"
 #include "tests/support/RawPeer.h"
 #include "tests/support/UnixSockets.h"
 
@@ -36,6 +37,7 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_view_literals;
 using support::UniqueFd;
+using test::Pipe;
 using test::RawPeer;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -542,24 +544,6 @@ void acceptDescriptors() {
 bool sendWithDescriptor(const RawPeer& peer, std::string_view bytes, UniqueFd descriptor) {
     return peer.sendWithDescriptor(bytes, descriptor.get(), 1);
 }
-
-struct Pipe {
-    Pipe() {
-        std::array<int, 2> ends{};
-        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-        reading.reset(ends[0]);
-        writing.reset(ends[1]);
-    }
-
-    /// Whether nobody can write any more.
-    bool isClosed() const {
-        char byte = 0;
-        return ::read(reading.get(), &byte, 1) == 0;
-    }
-
-    UniqueFd reading;
-    UniqueFd writing;
-};
 
 TEST_F(DBusTransportTest, HasTheKernelRefuseDescriptorsIfItCan) {
     const auto peer = connectRaw();

@@ -5,8 +5,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -58,6 +62,53 @@ Cost runProgram(std::vector<std::string> words) {
     ::posix_spawn_file_actions_destroy(&actions);
     cost.peakKibibytes = usage.ru_maxrss;
     return cost;
+}
+
+void installPfctl(const std::string& program) {
+    std::filesystem::remove("/sbin/pfctl");
+    std::filesystem::copy_file(program, "/sbin/pfctl");
+}
+
+RunningProgram::RunningProgram(const std::vector<std::string>& words, const Variables& variables)
+    : path_(words.at(0)) {
+    std::vector<char*> arguments;
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    pid_ = ::fork();
+    require(pid_ >= 0, "fork");
+    if (pid_ == 0) {
+        const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            ::dup2(nowhere, standard);
+        }
+        for (const auto& [name, value] : variables) {
+            ::setenv(name.c_str(), value.c_str(), 1);
+        }
+        ::execv(arguments[0], arguments.data());
+        ::_exit(EXIT_FAILURE);
+    }
+}
+
+RunningProgram::~RunningProgram() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+}
+
+void RunningProgram::requireRunning() {
+    if (pid_ < 0 || ::waitpid(pid_, nullptr, WNOHANG) != 0) {
+        pid_ = -1;
+        throw std::runtime_error(path_ + " has ended");
+    }
+}
+
+void RunningProgram::end() {
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
 }
 
 double median(std::vector<double> values) {

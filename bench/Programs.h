@@ -6,7 +6,10 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace tarnvale::bench {
 
@@ -22,6 +25,34 @@ struct Cost {
 /// Runs the program to its end, its output thrown away. Throws `std::system_error` unless it
 /// succeeds.
 Cost runProgram(std::vector<std::string> words);
+
+/// A program that runs beside what is measured, its output thrown away.
+class RunningProgram {
+public:
+    using Variables = std::vector<std::pair<std::string, std::string>>;
+
+    /// Starts it with these variables in its environment. Throws `std::system_error` when no
+    /// process can be made; that it can't become the program, `requireRunning` says.
+    explicit RunningProgram(const std::vector<std::string>& words, const Variables& variables = {});
+    RunningProgram(const RunningProgram&) = delete;
+    RunningProgram& operator=(const RunningProgram&) = delete;
+
+    /// Kills the program.
+    ~RunningProgram();
+
+    /// Throws `std::runtime_error` when it has ended.
+    void requireRunning();
+
+    /// Asks it to end, and waits until it has.
+    void end();
+
+private:
+    std::string path_;
+    pid_t pid_ = -1;  ///< -1 once it has been waited for
+};
+
+/// Puts the program in the place of the packet filter's: in a private root.
+void installPfctl(const std::string& program);
 
 /// The time that the work takes.
 double microseconds(const std::function<void()>& work);

@@ -7,43 +7,35 @@
 // activation, version, memory or wake-ups.
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <new>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
 #include <sched.h>
-#include <spawn.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench/MessageBus.h"
 #include "bench/PolicyDocument.h"
 #include "bench/Precedence.h"
 #include "bench/Programs.h"
+#include "bench/Server.h"
 #include "bench/SignedPrograms.h"
 #include "bench/StoredPolicies.h"
-#include "support/UniqueFd.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
-#include "tests/support/UnixSockets.h"
 
 namespace tarnvale::bench {
 namespace {
@@ -59,7 +51,6 @@ constexpr const char* caller = "/tmp/caller";            ///< as small as it is
 constexpr const char* largeCaller = "/tmp/caller-1-MB";  ///< of 1 MB
 constexpr const char* documentPath = "/tmp/document.json";
 
-constexpr const char* busDaemonPath = "/usr/bin/dbus-daemon";
 constexpr const char* hostnamedPath = "/usr/lib/systemd/systemd-hostnamed";
 constexpr const char* stampPath = "/tmp/stamp";  ///< of hostnamed's last start
 
@@ -90,135 +81,6 @@ public:
 private:
     cpu_set_t before_{};
 };
-
-double clockMicroseconds() {
-    return std::chrono::duration<double, std::micro>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-/// A server that is started with a listening socket, as systemd starts one.
-class Server {
-public:
-    explicit Server(const std::vector<std::string>& words)
-        : path_("/tmp/server-" + std::to_string(++count_)), socket_(test::listenAt(path_)) {
-        start(words);
-    }
-    Server(const std::vector<std::string>& words, const std::function<void(const Server&)>& before)
-        : path_("/tmp/server-" + std::to_string(++count_)), socket_(test::listenAt(path_)) {
-        before(*this);
-        start(words);
-    }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-    ~Server() {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-        ::unlink(path_.c_str());
-    }
-
-    const std::string& path() const { return path_; }
-    pid_t pid() const { return pid_; }
-
-    /// When it was about to become its program: microseconds of the steady clock.
-    double startedAt() const { return startedAt_; }
-
-private:
-    void start(const std::vector<std::string>& words) {
-        std::vector<char*> arguments;
-        for (const std::string& word : words) {
-            arguments.push_back(const_cast<char*>(word.c_str()));
-        }
-        arguments.push_back(nullptr);
-        void* const shared = ::mmap(
-            nullptr, sizeof(double), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        require(shared != MAP_FAILED, "mmap");
-        auto* const startedAt = new (shared) double(0);
-        pid_ = ::fork();
-        require(pid_ >= 0, "fork");
-        if (pid_ == 0) {
-            constexpr int passed = 3;
-            if (::dup2(socket_.get(), passed) != passed || ::fcntl(passed, F_SETFD, 0) != 0 ||
-                ::setenv("LISTEN_FDS", "1", 1) != 0 ||
-                ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1) != 0) {
-                ::_exit(EXIT_FAILURE);
-            }
-            *startedAt = clockMicroseconds();
-            ::execv(arguments[0], arguments.data());
-            ::_exit(EXIT_FAILURE);
-        }
-        awaitProgram();
-        startedAt_ = *startedAt;
-        ::munmap(shared, sizeof(double));
-    }
-
-    /// The time stands in memory that the child shares until it becomes another program.
-    void awaitProgram() const {
-        const std::string link = "/proc/" + std::to_string(pid_) + "/exe";
-        while (fs::read_symlink(link) == fs::read_symlink("/proc/self/exe")) {
-            std::this_thread::sleep_for(50us);
-        }
-    }
-
-    static inline int count_ = 0;
-    std::string path_;
-    support::UniqueFd socket_;
-    pid_t pid_ = -1;
-    double startedAt_ = 0;
-};
-
-/// A client program at work, which answers in lines.
-class Call {
-public:
-    Call(const char* program, const std::string& socket, std::vector<std::string> words) {
-        words.insert(words.begin(), {program, socket});
-        std::vector<char*> arguments;
-        for (std::string& word : words) {
-            arguments.push_back(word.data());
-        }
-        arguments.push_back(nullptr);
-        int input[2]{};
-        int output[2]{};
-        require(::pipe2(input, O_CLOEXEC) == 0 && ::pipe2(output, O_CLOEXEC) == 0, "pipe2");
-        const support::UniqueFd itsInput(input[0]);
-        const support::UniqueFd itsOutput(output[1]);
-        input_.reset(input[1]);
-        output_ = ::fdopen(output[0], "r");
-        posix_spawn_file_actions_t actions{};
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, itsInput.get(), STDIN_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions, itsOutput.get(), STDOUT_FILENO);
-        errno = ::posix_spawn(&pid_, program, &actions, nullptr, arguments.data(), environ);
-        ::posix_spawn_file_actions_destroy(&actions);
-        require(errno == 0, program);
-    }
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
-    ~Call() {
-        input_.reset();
-        ::waitpid(pid_, nullptr, 0);
-        std::fclose(output_);
-    }
-
-    std::string line() {
-        char text[64]{};
-        if (std::fgets(text, sizeof text, output_) == nullptr) {
-            throw std::runtime_error("the client was turned away");
-        }
-        return text;
-    }
-
-    double number() { return std::stod(line()); }
-
-private:
-    support::UniqueFd input_;
-    std::FILE* output_ = nullptr;
-    pid_t pid_ = -1;
-};
-
-double figure(const char* program, const Server& server, std::vector<std::string> words) {
-    return Call(program, server.path(), std::move(words)).number();
-}
 
 void makeClients() {
     for (const char* path : {caller, largeCaller}) {
@@ -278,12 +140,6 @@ void benchConnect() {
             15, [&] { return connect(service); }, [&] { return connect(echo); }));
 }
 
-/// Puts the program of this name in the place of the packet filter's.
-void installPfctl(const char* name) {
-    fs::remove("/sbin/pfctl");
-    fs::copy_file(std::string(TARNVALE_BIN_DIR) + name, "/sbin/pfctl");
-}
-
 /// From the program's start to its first reply, to a client that waits for it.
 double activation(const std::vector<std::string>& words, const char* program) {
     std::optional<Call> call;
@@ -294,50 +150,14 @@ double activation(const std::vector<std::string>& words, const char* program) {
     return call->number() - server.startedAt();
 }
 
-/// A message bus of its own, which starts systemd-hostnamed for whoever calls it.
-class Bus {
+/// systemd-hostnamed on a message bus, which starts it for whoever calls it.
+class Hostnamed {
 public:
-    Bus() {
-        const std::string socket = "/tmp/bus";
-        address_ = "unix:path=" + socket;
-        fs::create_directory("/tmp/bus-services");
-        std::ofstream("/tmp/bus-services/hostname1.service")
-            << "[D-BUS Service]\nName=org.freedesktop.hostname1\nExec=" << TARNVALE_BIN_DIR
-            << "/stamp_start " << stampPath << " " << hostnamedPath << "\n";
-        std::ofstream("/tmp/bus.conf")
-            << "<busconfig><type>session</type><listen>" << address_ << "</listen>"
-            << "<servicedir>/tmp/bus-services</servicedir><policy context=\"default\">"
-            << "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-            << "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-        pid_ = ::fork();
-        require(pid_ >= 0, "fork");
-        if (pid_ == 0) {
-            ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);  // hostnamed inherits it
-            // It reports each start.
-            if (std::freopen("/dev/null", "w", stderr) == nullptr) {
-                ::_exit(EXIT_FAILURE);
-            }
-            ::execl(
-                busDaemonPath, busDaemonPath, "--nofork", "--config-file=/tmp/bus.conf", nullptr);
-            ::_exit(EXIT_FAILURE);
-        }
-        while (!test::connectTo(socket)) {
-            require(::waitpid(pid_, nullptr, WNOHANG) == 0, busDaemonPath);
-            std::this_thread::sleep_for(1ms);
-        }
-    }
-    Bus(const Bus&) = delete;
-    Bus& operator=(const Bus&) = delete;
-    ~Bus() {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-
-    /// From hostnamed's start to its first reply, to a client that waits for it.
+    /// From its start to its first reply, to a client that waits for it.
     double activation() const {
         const double repliedAt = Call(
                                      TARNVALE_BIN_DIR "/bus_caller",
-                                     address_,
+                                     bus_.address(),
                                      {"org.freedesktop.hostname1",
                                       "/org/freedesktop/hostname1",
                                       "org.freedesktop.hostname1",
@@ -355,22 +175,26 @@ public:
     }
 
 private:
-    std::string address_;
-    pid_t pid_ = -1;
+    MessageBus bus_{
+        {{.name = "org.freedesktop.hostname1",
+          .command =
+              std::string(TARNVALE_BIN_DIR "/stamp_start ") + stampPath + " " + hostnamedPath}}};
 };
 
 /// The same floor for the peer, which enforces nothing.
 void benchPeersActivation() {
     constexpr const char* name = "systemd-hostnamed, bus activated";
-    if (!fs::exists(busDaemonPath) || !fs::exists(hostnamedPath)) {
+    if (!fs::exists(MessageBus::daemonPath) || !fs::exists(hostnamedPath)) {
         std::printf("%s: not installed\n", name);
         return;
     }
-    const Bus bus;
+    const Hostnamed hostnamed;
     printRow(
         name,
         compare(
-            60, [&] { return bus.activation(); }, [] { return activation(echoLoop, caller); }));
+            60,
+            [&] { return hostnamed.activation(); },
+            [] { return activation(echoLoop, caller); }));
 }
 
 /// With stored policies, what is in force is what is stored: the helper, which ends when nobody
@@ -387,7 +211,7 @@ void benchActivation() {
     };
     row("activated, exec to first reply");
     benchPeersActivation();
-    installPfctl("/pfctl");
+    installPfctl(TARNVALE_BIN_DIR "/pfctl");
     storePolicies(10, 20);
     runProgram({helperPath, "--reapply"});
     row("the same with 10 x 20 stored");
@@ -464,7 +288,7 @@ double privateKibibytes(const Server& server) {
 void benchMemory() {
     constexpr int connections = 60;
     // The packet filter's program is another process; here it does nothing.
-    installPfctl("/empty_program");
+    installPfctl(TARNVALE_BIN_DIR "/empty_program");
     std::ofstream(documentPath, std::ios::binary) << [] {
         constexpr std::size_t networks = 1000;
         const auto sizeOfARule =

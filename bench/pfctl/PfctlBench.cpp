@@ -376,6 +376,7 @@ void run() {
     std::printf("%-46s %15s %15s %9s\n", "", "pfctl", "floor", "ratio");
     benchLoad(10, 20, 100);
     benchLoad(1000, 20, 15);
+    benchLoad(16384, 10, 3);
     benchChange(1000, 20, 7);
     runProgram({pfctlPath, "-E"});
     benchCommand("pfctl -E", {"-E"});

@@ -85,4 +85,15 @@ std::string policyDocument(std::size_t networks, std::size_t rules) {
     return Writer().document(networks, rules);
 }
 
+std::string changedDocument(std::string document, bool everywhere) {
+    const std::string_view before = R"("defaultOutbound":"allow")";
+    const std::string_view after = R"("defaultOutbound":"deny")";
+    std::size_t at = document.find(before);
+    while (at != std::string::npos) {
+        document.replace(at, before.size(), after);
+        at = everywhere ? document.find(before, at) : std::string::npos;
+    }
+    return document;
+}
+
 }  // namespace tarnvale::bench

@@ -14,4 +14,7 @@ namespace tarnvale::bench {
 /// their own as far as 192.168.0.0/16 reaches; every rule is enforceable. Deterministic.
 std::string policyDocument(std::size_t networks, std::size_t rules);
 
+/// The document with another default in its first network or, if so wanted, in all.
+std::string changedDocument(std::string document, bool everywhere);
+
 }  // namespace tarnvale::bench

@@ -1,45 +1,39 @@
 // SPDX-License-Identifier: MIT
 //
-// What a whole re-apply costs, and a whole apply: beside their child processes doing nothing, their
-// files and the kernel's part alone; for ten times the networks, and where only one network
-// differs; and in memory beside the bytes that are stored or applied.
+// What a whole re-apply costs: beside its child processes doing nothing, its files and the kernel's
+// part alone; for ten times the networks, and where only one network differs; and in memory, as
+// well as that of a whole apply, beside the bytes that are stored or applied. Its peer is
+// firewalld's reload.
 //
 // It writes the true paths, so it runs only in a private root. With an argument it runs one part,
-// "time", "apply" or "memory":
+// "time" or "memory":
 //
-//     build/bin/sandbox build/bin/reapply_bench apply
+//     build/bin/sandbox build/bin/reapply_bench memory
 
-#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
-#include <linux/netlink.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench/EnforcementFloor.h"
+#include "bench/Firewalld.h"
 #include "bench/PolicyDocument.h"
 #include "bench/Programs.h"
 #include "bench/SimdjsonPolicies.h"
 #include "bench/StoredPolicies.h"
-#include "core/base/AppSupport.h"
 #include "firewall/enforce/Operations.h"
 #include "firewall/policy/PolicyJson.h"
 #include "firewall/policy/PolicyStore.h"
-#include "netlink/Socket.h"
-#include "pfctl/kernel/Netfilter.h"
-#include "pfctl/kernel/TableWriter.h"
-#include "pfctl/language/RulesetParser.h"
 #include "support/Files.h"
+#include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
 
 namespace tarnvale::bench {
@@ -50,87 +44,58 @@ namespace fs = std::filesystem;
 const std::string helperPath = TARNVALE_BIN_DIR "/TarnvaleAdminHelper";
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
 const std::string emptyPath = TARNVALE_BIN_DIR "/empty_program";
-const std::string folder = appSupportDirectory;
-const std::string storePath = folder + "/firewall-policies.json";
-const std::string rulesetPath = folder + "/firewall.pf.conf";
-
-void installPfctl(const std::string& program) {
-    fs::remove("/sbin/pfctl");
-    fs::copy_file(program, "/sbin/pfctl");
-}
 
 double reapply() {
     return runProgram({helperPath, "--reapply"}).microseconds;
 }
 
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+/// A re-apply of rules that aren't in force yet: those that are would not be loaded again.
+double reapplyToNone() {
+    const std::string path = "/tmp/other.conf";
+    test::put(path, "block drop in quick from 10.9.8.7/32 to any\n");
+    runProgram({"/sbin/pfctl", "-a", anchor, "-f", path});
+    return reapply();
 }
 
-void put(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
+std::string sizeOf(std::size_t networks) {
+    return std::to_string(networks) + " x 20";
 }
 
-void runEmptyPrograms(int count) {
-    for (int child = 0; child < count; ++child) {
-        runProgram({emptyPath});
+/// The same floor for the peer, which reads its own configuration again and enforces it.
+void benchOverParts(std::size_t networks, int rounds, Firewalld* firewalld) {
+    storePolicies(networks, 20);
+    reapply();
+    EnforcementFloor floor(3);
+    const auto parts = [&floor] { return floor(); };
+    printRow(
+        "--reapply, " + sizeOf(networks) + ", over its parts alone",
+        compare(rounds, reapplyToNone, parts));
+    if (firewalld != nullptr) {
+        printRow(
+            "firewalld reloads " + sizeOf(networks) + ", over the same",
+            compare(
+                5, [&] { return firewalld->reload(networks, 20); }, parts));
     }
 }
-
-/// What every apply needs: runs of a program, the ruleset written durably, and the kernel taking
-/// over the same rules.
-class Floor {
-public:
-    explicit Floor(int children) : children_(children), text_(contentOf(rulesetPath)) {
-        const auto parsed = pfctl::parseRuleset(text_);
-        for (std::size_t i = 0; i < tables_.size(); ++i) {
-            pfctl::writeReplacement(
-                loads_.at(i),
-                {.name = tables_.at(i), .rules = parsed.rules, .loader = {}, .dormant = false});
-            pfctl::writeRemoval(removals_.at(i), {&tables_.at(i), 1});
-        }
-        netlink::Socket socket(NETLINK_NETFILTER);
-        socket.request(loads_.at(next_ ^ 1U));
-    }
-
-    double operator()() {
-        return microseconds([this] {
-            runEmptyPrograms(children_);
-            support::writeFileAtomically(folder + "/floor.pf.conf", text_, 0644);
-            netlink::Socket socket(NETLINK_NETFILTER);
-            socket.request(loads_.at(next_));
-            next_ ^= 1U;
-            pfctl::awaitPacketsUnderWay();
-            socket.request(removals_.at(next_));
-        });
-    }
-
-private:
-    const std::array<std::string, 2> tables_{"floor", "floor/"};
-
-    int children_;
-    std::string text_;
-    std::array<netlink::MessageWriter, 2> loads_;
-    std::array<netlink::MessageWriter, 2> removals_;
-    std::size_t next_ = 0;
-};
 
 void benchTime() {
     installPfctl(TARNVALE_BIN_DIR "/pfctl");
-    storePolicies(10, 20);
-    reapply();
-    {
-        // Rules that are in force already are not loaded again.
-        Floor floor(3);
-        const auto reapplyToNone = [] {
-            runProgram({"/sbin/pfctl", "-a", anchor, "-f", "/tmp/other.conf"});
-            return reapply();
-        };
-        put("/tmp/other.conf", "block drop in quick from 10.9.8.7/32 to any\n");
-        printRow("--reapply, 10 x 20, over its parts alone", compare(100, reapplyToNone, [&] {
-                     return floor();
-                 }));
+    std::optional<Firewalld> firewalld;
+    if (const auto lack = lackOfFirewalld()) {
+        std::printf("without firewalld's reload: %s\n", lack->c_str());
+    } else {
+        firewalld.emplace(10, 20);
+    }
+    benchOverParts(10, 100, firewalld ? &*firewalld : nullptr);
+    benchOverParts(100, 20, firewalld ? &*firewalld : nullptr);
+    if (firewalld) {
+        printRow(
+            "firewalld reloads 100 x 20, over 10 x 20",
+            compare(
+                5,
+                [&] { return firewalld->reload(100, 20); },
+                [&] { return firewalld->reload(10, 20); }));
+        firewalld.reset();
     }
     const auto reapplyOf = [](std::size_t networks) {
         storePolicies(networks, 20);
@@ -140,55 +105,6 @@ void benchTime() {
         "--reapply, 100 x 20, over 10 x 20",
         compare(
             30, [&] { return reapplyOf(100); }, [&] { return reapplyOf(10); }));
-}
-
-double apply(const std::string& document) {
-    return microseconds([&] { HelperFirewall::applyFirewall(document, 501, false); });
-}
-
-/// The document with another default in its first network, or in all.
-std::string changed(std::string document, bool everywhere) {
-    const std::string_view before = R"("defaultOutbound":"allow")";
-    const std::string_view after = R"("defaultOutbound":"deny")";
-    std::size_t at = document.find(before);
-    while (at != std::string::npos) {
-        document.replace(at, before.size(), after);
-        at = everywhere ? document.find(before, at) : std::string::npos;
-    }
-    return document;
-}
-
-/// Three commands load the ruleset, enable pf and flush the older anchor, two for each network kill
-/// its states.
-void benchChangedList() {
-    const std::array documents{policyDocument(30, 20), changed(policyDocument(30, 20), false)};
-    std::size_t next = 0;
-    const auto applyOther = [&] {
-        next ^= 1U;
-        return apply(documents.at(next));
-    };
-    applyOther();
-    Floor floor(3 + 2 * 30);
-    const std::string store = contentOf(storePath);
-    printRow("an apply that changes 30 x 20, over its parts", compare(20, applyOther, [&] {
-                 return floor() + microseconds([&store] {
-                            support::writeFileAtomically(folder + "/floor.json", store, 0600);
-                        });
-             }));
-}
-
-void benchSameList() {
-    const std::string document = policyDocument(1000, 20);
-    apply(document);
-    const auto readAndCompare = [&document] {
-        const auto stored = support::readFile(storePath);
-        require(stored && simdjsonPolicies(document) == simdjsonPolicies(document), "compare");
-        runEmptyPrograms(3);
-    };
-    printRow(
-        "an apply that changes nothing of 1000 x 20",
-        compare(
-            10, [&] { return apply(document); }, [&] { return microseconds(readAndCompare); }));
 }
 
 std::string storeOf(const std::string& document) {
@@ -203,9 +119,9 @@ void benchOneOfMany() {
     const std::string document = policyDocument(1000, 20);
     const auto changeTo = [usual = storeOf(document)](const std::string& store) {
         return [usual, store] {
-            put(storePath, usual);
+            test::put(test::storePath, usual);
             reapply();
-            put(storePath, store);
+            test::put(test::storePath, store);
             return reapply();
         };
     };
@@ -213,8 +129,8 @@ void benchOneOfMany() {
         "--reapply, one of 1000 x 20 differs, over all",
         compare(
             10,
-            changeTo(storeOf(changed(document, false))),
-            changeTo(storeOf(changed(document, true)))));
+            changeTo(storeOf(changedDocument(document, false))),
+            changeTo(storeOf(changedDocument(document, true)))));
 }
 
 void benchLongList() {
@@ -222,10 +138,11 @@ void benchLongList() {
     installPfctl(emptyPath);
     storePolicies(16384, 10);
     reapply();
-    const auto parts = [document = policyDocument(16384, 10), ruleset = contentOf(rulesetPath)] {
-        require(support::readFile(storePath).has_value(), "read");
+    const auto parts = [document = policyDocument(16384, 10),
+                        ruleset = test::contentOf(test::rulesetPath)] {
+        require(support::readFile(test::storePath).has_value(), "read");
         require(!simdjsonPolicies(document).empty(), "parse");
-        support::writeFileAtomically(folder + "/floor.pf.conf", ruleset, 0644);
+        support::writeFileAtomically(test::supportFolder + "/floor.pf.conf", ruleset, 0644);
         runEmptyPrograms(3);
     };
     printRow("--reapply, 16384 x 10, over its parts alone", compare(7, reapply, [&parts] {
@@ -242,8 +159,8 @@ void printMemory(const std::string& name, double bytes, double over) {
 /// The helper with a pfctl that does nothing, then pfctl with the ruleset that the helper wrote.
 void benchMemoryOfAnApply(std::size_t networks, std::size_t rules) {
     const std::string path = "/tmp/document.json";
-    put(path, policyDocument(networks, rules));
-    fs::remove(storePath);
+    test::put(path, policyDocument(networks, rules));
+    fs::remove(test::storePath);
     const pid_t child = ::fork();
     require(child >= 0, "fork");
     if (child == 0) {
@@ -254,7 +171,8 @@ void benchMemoryOfAnApply(std::size_t networks, std::size_t rules) {
     int status = 0;
     rusage usage{};
     require(::wait4(child, &status, 0, &usage) == child && status == 0, "apply");
-    const auto pfctl = runProgram({TARNVALE_BIN_DIR "/pfctl", "-a", anchor, "-f", rulesetPath});
+    const auto pfctl =
+        runProgram({TARNVALE_BIN_DIR "/pfctl", "-a", anchor, "-f", test::rulesetPath});
     const auto document = static_cast<double>(fs::file_size(path));
     const std::string size = std::to_string(networks) + " x " + std::to_string(rules);
     printMemory(
@@ -289,11 +207,6 @@ void run(std::string_view part) {
         benchTime();
         benchOneOfMany();
         benchLongList();
-    }
-    if (part.empty() || part == "apply") {
-        installPfctl(TARNVALE_BIN_DIR "/pfctl");
-        benchChangedList();
-        benchSameList();
     }
     if (part.empty() || part == "memory") {
         benchMemory();

@@ -9,7 +9,8 @@
 //                              other; the microseconds of the median one
 //     first                    connects, says so, and after the reply to its first call the clock,
 //                              in microseconds
-//     apply FILE               sends an ApplyFirewall call with the file's bytes, awaits its reply
+//     apply FILE               sends an ApplyFirewall call with the file's bytes; the microseconds
+//                              until its reply
 //     hold CONNECTIONS         opens so many, with a call each, says so, and holds them until its
 //                              input ends
 
@@ -220,9 +221,11 @@ void apply(const char* path, const char* file) {
     ::close(fd);
     Connection connection(path);
     connection.finishHandshake();
-    connection.send(callOf("ApplyFirewall", "ay", bytes));
+    const auto call = callOf("ApplyFirewall", "ay", bytes);
+    const auto start = Clock::now();
+    connection.send(call);
     connection.awaitReply();
-    std::puts("0");
+    std::printf("%.3f\n", microsecondsSince(start));
 }
 
 void hold(const char* path, std::size_t count) {

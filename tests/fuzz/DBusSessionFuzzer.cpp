@@ -162,9 +162,10 @@ std::uint64_t sizeOfFields(std::string_view header) {
     return (numberAt(header, 12) + 7) / 8 * 8;
 }
 
+/// Whether a message of the protocol's version 1 can begin so.
 bool isHeader(std::string_view bytes) {
     constexpr std::uint64_t tooLarge = std::uint64_t{128} << 20U;
-    return (bytes.front() == 'l' || bytes.front() == 'B') &&
+    return (bytes.front() == 'l' || bytes.front() == 'B') && bytes[3] == 1 &&
            headerSize + sizeOfFields(bytes) + numberAt(bytes, 4) < tooLarge;
 }
 
@@ -194,7 +195,7 @@ Reading readingOf(std::string_view bytes) {
 bool isCall(std::string_view message, const Call& call) {
     const auto fields = message.substr(headerSize, sizeOfFields(message));
     const auto body = message.substr(headerSize + fields.size());
-    return message[1] == 1 && message[3] == 1 &&
+    return message[1] == 1 &&
            fields.find(std::string(wire::objectPath) + '\0') != std::string_view::npos &&
            fields.find(std::string(call.member) + '\0') != std::string_view::npos &&
            body == call.bodies.at(message.front() == 'B' ? 1 : 0);

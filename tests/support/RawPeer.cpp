@@ -90,7 +90,8 @@ std::string RawMessage::bytes(
     }
 
     const char order = isBigEndian ? 'B' : 'l';
-    std::string message{order, static_cast<char>(type), static_cast<char>(flags), '\1'};
+    std::string message{
+        order, static_cast<char>(type), static_cast<char>(flags), static_cast<char>(version)};
     message += number(bodyLength.value_or(static_cast<std::uint32_t>(body.size())));
     message += number(serial);
     message += number(fieldsLength.value_or(static_cast<std::uint32_t>(fields.size())));

@@ -29,6 +29,7 @@ struct RawMessage {
     std::string body{};       ///< as it goes over the wire
     std::uint8_t type = methodCall;
     std::uint8_t flags = 0;
+    std::uint8_t version = 1;  ///< of the protocol
     std::uint32_t serial = 1;
     std::string path = "/com/brackwen/tarnvale/adminhelper";
     std::string interface = "com.brackwen.tarnvale.adminhelper";

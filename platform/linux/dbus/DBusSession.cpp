@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <system_error>
 #include <utility>
@@ -33,7 +34,7 @@ using support::UniqueFd;
 constexpr std::size_t maxPathLength = 255;
 
 constexpr std::size_t headerSize = 16;
-/// Of a message; sd-bus ends the connection of whoever announces more.
+/// Of a message; none may have so much.
 constexpr std::uint64_t maxMessageSize = std::uint64_t{128} << 20U;
 
 /// What the pipe takes at once. A large message is handed on in fewer steps.
@@ -55,14 +56,19 @@ std::size_t sizeOfBody(std::string_view header) {
     return numberAt(header, place);
 }
 
-/// The size of the message that begins with the header. Where it can't be one, the header's alone,
-/// which is enough for sd-bus to see that.
-std::size_t sizeOfMessage(std::string_view header) {
+/// The size of the message that begins with the header. Nothing where it can't be one. sd-bus would
+/// also take the protocol's version 2, whose messages have another encoding, GVariant's.
+std::optional<std::size_t> sizeOfMessage(std::string_view header) {
+    constexpr std::size_t placeOfVersion = 3;
+    constexpr char version = 1;
     constexpr std::size_t lengthOfFields = 12;
+    const bool hasByteOrder = header.front() == 'l' || header.front() == 'B';
+    if (!hasByteOrder || header[placeOfVersion] != version) {
+        return std::nullopt;
+    }
     const std::uint64_t fields = numberAt(header, lengthOfFields);
     const std::uint64_t size = headerSize + (fields + 7) / 8 * 8 + sizeOfBody(header);
-    const bool hasByteOrder = header.front() == 'l' || header.front() == 'B';
-    return hasByteOrder && size < maxMessageSize ? size : headerSize;
+    return size < maxMessageSize ? std::optional<std::size_t>(size) : std::nullopt;
 }
 
 /// A D-Bus server that writes to the socket. Sets `input` to where it wants what the peer says.
@@ -163,20 +169,24 @@ bool DBusSession::handOnLine() {
 }
 
 /// Takes the next request to its handler. The one after it is read only when the reply has left.
+/// False when the connection has to end, as it does with what can't be a message.
 bool DBusSession::serveNext() {
     requestDeadline_ = received().empty() ? Deadline() : Deadline::in(arrivalLimit);
     if (!receiveHeader()) {
         return false;
     }
     const auto size = sizeOfMessage(received());
+    if (!size) {
+        return false;
+    }
     object_.bodySize = sizeOfBody(received());
-    const bool isLarge = size > BytesInFlight::maxUncounted;
+    const bool isLarge = *size > BytesInFlight::maxUncounted;
     if (isLarge) {
-        awaitRoom(size);
+        awaitRoom(*size);
         requestDeadline_ = Deadline::in(arrivalLimit);
         ::fcntl(toBus_.get(), F_SETPIPE_SZ, largePipe);
     }
-    if (!handOnMessage(size)) {
+    if (!handOnMessage(*size)) {
         return false;
     }
     if (isLarge) {

@@ -788,6 +788,21 @@ TEST_F(DBusTransportTest, WaitsForNoRestOfWhatIsNoMessage) {
     EXPECT_TRUE(peer.closesWithin(5s));
 }
 
+TEST_F(DBusTransportTest, EndsAPeerThatSpeaksAnotherVersionOfTheProtocol) {
+    for (const std::uint8_t version : std::to_array<std::uint8_t>({0, 2, 3, 255})) {
+        for (const bool isWhole : {true, false}) {
+            auto peer = connectRaw();
+            ASSERT_TRUE(peer.authenticate());
+            const auto call = test::RawMessage{.version = version}.bytes();
+
+            ASSERT_TRUE(peer.send(isWhole ? call : call.substr(0, 16)));
+
+            ASSERT_TRUE(peer.closesWithin(DBusSession::arrivalLimit - 5s))
+                << unsigned{version} << (isWhole ? ", a whole call" : ", the beginning of one");
+        }
+    }
+}
+
 TEST_F(DBusTransportTest, EndsAPeerThatAnnouncesMoreThanAMessageHas) {
     auto peer = connectRaw();
     ASSERT_TRUE(peer.authenticate());

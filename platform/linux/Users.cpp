@@ -14,6 +14,7 @@
 #include <pwd.h>
 
 #include "platform/linux/LibSystemd.h"
+#include "support/Files.h"
 #include "support/Free.h"
 
 namespace tarnvale::platform {
@@ -34,11 +35,14 @@ std::optional<Account> accountOf(uid_t uid) {
         std::vector<char> buffer(size);
         passwd entry{};
         passwd* found = nullptr;
-        const int error = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-        if (error == ERANGE) {
+        const int result = support::persistently([&] {
+            errno = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+            return errno == 0 ? 0 : -1;
+        });
+        if (result != 0 && errno == ERANGE) {
             continue;
         }
-        if (error != 0 || found == nullptr) {
+        if (result != 0 || found == nullptr) {
             return std::nullopt;
         }
         return Account{.name = entry.pw_name, .group = entry.pw_gid};
@@ -49,8 +53,17 @@ std::optional<Account> accountOf(uid_t uid) {
 std::vector<gid_t> groupsOf(const Account& account) {
     for (std::size_t size = 32; size <= maxGroups; size *= 2) {
         std::vector<gid_t> groups(size);
-        int count = static_cast<int>(groups.size());
-        if (::getgrouplist(account.name.c_str(), account.group, groups.data(), &count) >= 0) {
+        int count = 0;
+        int result = 0;
+        // It leaves out the groups that it could not read, and says so by errno alone. That may
+        // also be left from what doesn't matter, so what was found last counts.
+        support::persistently([&] {
+            count = static_cast<int>(groups.size());
+            errno = 0;
+            result = ::getgrouplist(account.name.c_str(), account.group, groups.data(), &count);
+            return errno == 0 ? 0 : -1;
+        });
+        if (result >= 0) {
             groups.resize(static_cast<std::size_t>(count));
             return groups;
         }

@@ -2,6 +2,8 @@
 
 #include "platform/Users.h"
 
+#include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -9,6 +11,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
 namespace tarnvale::platform {
 namespace {
@@ -54,6 +57,23 @@ TEST_F(UsersTest, FindsNoMembersWhereThereIsNoSuchGroup) {
     writeFile("/etc/group", "staff:x:20:ada\n");
 
     EXPECT_FALSE(users->isMember(501, 80));
+}
+
+TEST_F(UsersTest, AsksAgainWhenAFileCouldNotBeReadForAMoment) {
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    writeFile("/etc/group", "admin:x:80:ada\n");
+    for (const char* const path : {"/etc/passwd", "/etc/group"}) {
+        static const char* unreadable = nullptr;
+        unreadable = path;
+        fs::rename(path, "/etc/readable");
+        fs::create_symlink("/proc/self/mem", path);  // which is read with EIO
+        // A signal comes before a wait that takes longer is over, on however slow a machine.
+        std::signal(SIGALRM, [](int) { ::rename("/etc/readable", unreadable); });
+        const itimerval soon{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 10'000}};
+        ASSERT_EQ(::setitimer(ITIMER_REAL, &soon, nullptr), 0);
+
+        EXPECT_TRUE(users->isMember(501, 80)) << path;
+    }
 }
 
 TEST_F(UsersTest, TakesAnUnknownUserForNoMember) {

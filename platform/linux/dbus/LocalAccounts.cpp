@@ -3,6 +3,7 @@
 #include "platform/linux/dbus/LocalAccounts.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <limits>
 #include <string>
@@ -43,9 +44,12 @@ std::optional<uid_t> numberIn(const std::string& text) {
     return support::parseNumber<uid_t>(text, std::numeric_limits<uid_t>::max());
 }
 
-std::optional<FileIdentity> stateOf(const AccountFile& file) {
-    struct stat status {};
-    return ::stat(file.path, &status) == 0 ? std::optional(FileIdentity(status)) : std::nullopt;
+/// Whether the file is there, and if so its status. Nothing where that can't be told.
+std::optional<bool> look(const AccountFile& file, struct stat& status) {
+    if (::stat(file.path, &status) == 0) {
+        return true;
+    }
+    return errno == ENOENT || errno == ENOTDIR ? std::optional(false) : std::nullopt;
 }
 
 }  // namespace
@@ -66,11 +70,16 @@ bool LocalAccounts::isAdministrator(uid_t user) {
 
 void LocalAccounts::readIfChanged() {
     for (std::size_t i = 0; i < files.size(); ++i) {
-        const auto state = stateOf(files[i]);
+        struct stat status {};
+        const auto isThere = look(files[i], status);
+        if (!isThere) {
+            continue;  // What is known holds.
+        }
+        const auto state = *isThere ? std::optional(FileIdentity(status)) : std::nullopt;
         if (state == known_[i].state) {
             continue;
         }
-        auto lines = state ? linesOf(files[i]) : std::optional(std::vector<Fields>());
+        auto lines = *isThere ? linesOf(files[i]) : std::optional(std::vector<Fields>());
         if (!lines) {
             // For want of a descriptor, say: keep what is known; the next question tries again.
             continue;

@@ -84,6 +84,17 @@ TEST_F(LocalAccountsTest, AFileThatCannotBeReadIsReadLater) {
     EXPECT_EQ(accounts.ownerOf(500'000), 503U);
 }
 
+TEST_F(LocalAccountsTest, AFileThatCannotBeLookedAtIsNotAMissingOne) {
+    EXPECT_TRUE(accounts.isAdministrator(501));
+    ::unlink("/etc/group");
+    ASSERT_EQ(::symlink("group", "/etc/group"), 0) << "leads to itself";
+
+    EXPECT_TRUE(accounts.isAdministrator(501)) << "as it was known";
+
+    ::unlink("/etc/group");
+    EXPECT_FALSE(accounts.isAdministrator(501));
+}
+
 TEST_F(LocalAccountsTest, AFileThatCanNeverBeReadLeavesTheOthers) {
     EXPECT_EQ(accounts.ownerOf(100'000), 503U);
     ::unlink("/etc/subuid");

@@ -114,6 +114,16 @@ private:
     unsigned before_;
 };
 
+/// The result of a check. Throws as `throwIfAny` does if the library had too little memory for it:
+/// whatever it then says says nothing.
+template <typename Check>
+auto conclusive(const Check& check) {
+    const LibcryptoShortage shortage;
+    auto result = check();
+    shortage.throwIfAny();
+    return result;
+}
+
 /// Gives an object back to the library, which must have been loaded.
 template <auto function>
 struct LibcryptoDeleter {

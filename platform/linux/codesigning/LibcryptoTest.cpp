@@ -72,6 +72,18 @@ TEST(LibcryptoTest, NobodyTakesForAVerdictWhatALibraryFoundUnusableSays) {
     EXPECT_THROW(none.throwIfAny(), LibcryptoUnusable);
 }
 
+TEST(LibcryptoTest, ACheckThatMetAShortageHasNoResult) {
+    Libcrypto::noteSuccess();
+    const auto verdict = [] { return false; };
+    const auto verdictForWantOfMemory = [] {
+        runShort();
+        return false;
+    };
+
+    EXPECT_FALSE(conclusive(verdict));
+    EXPECT_THROW(conclusive(verdictForWantOfMemory), std::bad_alloc);
+}
+
 TEST(LibcryptoTest, AnotherThreadsShortageIsNotOurs) {
     const LibcryptoShortage shortage;
     std::thread(runShort).join();

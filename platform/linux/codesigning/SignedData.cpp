@@ -355,6 +355,21 @@ std::optional<Trusted> trustedIn(
     return trusted;
 }
 
+std::optional<std::string> chainProblemIn(
+    const Libcrypto& library, std::string_view message, const std::string& rootsPem) {
+    const ErrorQueue errors(library);
+    const auto decoded = decode(library, message);
+    const Store store = storeOf(library, rootsPem);
+    const StoreContext context(library.X509_STORE_CTX_new());
+    if (!decoded || !store || !context ||
+        chainVerifies(library, context.get(), store.get(), *decoded)) {
+        return std::nullopt;
+    }
+    const int error = library.X509_STORE_CTX_get_error(context.get());
+    return error == X509_V_OK ? "certificate isn't for code signing"
+                              : library.X509_verify_cert_error_string(error);
+}
+
 std::optional<std::string> digestOf(
     const Libcrypto& library, int file, off_t size, const Pace& pace) {
     const ErrorQueue errors(library);
@@ -387,16 +402,6 @@ std::optional<std::string> digestOf(
         return std::nullopt;
     }
     return hex(digest, length);
-}
-
-/// The result of a check. Throws if the library had too little memory for it: whatever it then says
-/// says nothing.
-template <typename Check>
-auto conclusive(const Check& check) {
-    const LibcryptoShortage shortage;
-    auto result = check();
-    shortage.throwIfAny();
-    return result;
 }
 
 }  // namespace
@@ -445,18 +450,7 @@ std::optional<Trusted> verify(std::string_view message, const std::string& roots
 
 std::optional<std::string> chainProblem(std::string_view message, const std::string& rootsPem) {
     const Libcrypto& library = Libcrypto::get();
-    const ErrorQueue errors(library);
-
-    const auto decoded = decode(library, message);
-    const Store store = storeOf(library, rootsPem);
-    const StoreContext context(library.X509_STORE_CTX_new());
-    if (!decoded || !store || !context ||
-        chainVerifies(library, context.get(), store.get(), *decoded)) {
-        return std::nullopt;
-    }
-    const int error = library.X509_STORE_CTX_get_error(context.get());
-    return error == X509_V_OK ? "certificate isn't for code signing"
-                              : library.X509_verify_cert_error_string(error);
+    return conclusive([&] { return chainProblemIn(library, message, rootsPem); });
 }
 
 std::optional<std::string> sha256(int file, off_t size, const Pace& pace) {

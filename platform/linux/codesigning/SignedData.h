@@ -52,8 +52,7 @@ struct Trusted {
 std::optional<Trusted> verify(std::string_view message, const std::string& rootsPem);
 
 /// Why the chain isn't one that `verify` takes, in OpenSSL's words, such as "certificate has
-/// expired". Nothing if it is, or if there is no chain. Throws `SharedLibraryError` without
-/// libcrypto.
+/// expired". Nothing if it is, or if there is no chain. Throws as `verify` does.
 std::optional<std::string> chainProblem(std::string_view message, const std::string& rootsPem);
 
 /// Does a small piece of work, when its turn has come.

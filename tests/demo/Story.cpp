@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <iterator>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -16,6 +15,7 @@
 
 #include "tests/demo/Stage.h"
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Lines.h"
 #include "tests/support/Program.h"
 
 namespace tarnvale::test {
@@ -125,15 +125,6 @@ std::string joined(const std::vector<std::string>& words) {
         text += (text.empty() ? "" : " ") + word;
     }
     return text;
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream input(text);
-    for (std::string line; std::getline(input, line);) {
-        lines.push_back(line);
-    }
-    return lines;
 }
 
 class Story {

@@ -8,7 +8,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,20 +18,13 @@
 #include "platform/Command.h"
 #include "support/Text.h"
 #include "tests/fuzz/Require.h"
+#include "tests/support/Lines.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
 
+using test::linesOf;
 using test::require;
-
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream input(text);
-    for (std::string line; std::getline(input, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
 
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;

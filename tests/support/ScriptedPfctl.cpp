@@ -3,9 +3,9 @@
 #include "tests/support/ScriptedPfctl.h"
 
 #include <filesystem>
-#include <sstream>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Lines.h"
 
 namespace tarnvale::test {
 namespace {
@@ -26,14 +26,7 @@ void ScriptedPfctl::answer(const std::string& pattern, const std::string& comman
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): they are this script's calls
 std::vector<std::string> ScriptedPfctl::calls() const {
-    std::vector<std::string> calls;
-    if (exists(callsPath)) {
-        std::istringstream lines(contentOf(callsPath));
-        for (std::string line; std::getline(lines, line);) {
-            calls.push_back(line);
-        }
-    }
-    return calls;
+    return exists(callsPath) ? linesOf(contentOf(callsPath)) : std::vector<std::string>();
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): as above

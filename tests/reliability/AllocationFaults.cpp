@@ -56,7 +56,7 @@ std::vector<std::string> AllocationFaults::environment() const {
 void AllocationFaults::begin(const ChosenAllocations& chosen) {
     end();
     shared_->made = 0;
-    shared_->failed = 0;
+    shared_->wasMet = false;
     shared_->until = 0;
     if (chosen.within) {
         const auto now = std::chrono::steady_clock::now().time_since_epoch();

@@ -40,8 +40,11 @@ public:
     /// From here on nothing fails.
     void end();
 
-    /// How many have failed since `begin`.
-    std::uint64_t failed() const { return shared_->failed; }
+    /// How many there were between `begin` and `end`, failed ones included.
+    std::uint64_t made() const { return shared_->made; }
+
+    /// Whether the first of the chosen ones was asked for, and failed.
+    bool wasMet() const { return shared_->wasMet; }
 
 private:
     std::string path_;

@@ -16,9 +16,6 @@
 namespace tarnvale::test {
 namespace {
 
-/// How often a path is gone to meet a call: threads take turns in another order each time.
-constexpr int maxAttempts = 3;
-
 bool removesName(const ListedCall& listed) {
     const auto name = nameOfCall(listed.call.number);
     return name == "unlink" || name == "unlinkat";
@@ -122,15 +119,7 @@ Outcome CallSweep::run(const Path& path, const CallDeed& deed, const Points& poi
             std::string(path.name) + " " + deed.name + " " + std::to_string(number) + " (" +
                 nameOfCall(listed.call.number) + ")",
             mayLeaveFiles(deed.deed, listed));
-        bool isMet = false;
-        for (int attempt = 1; !isMet && attempt <= maxAttempts; ++attempt) {
-            isMet = disturb(path, deed, listed.point);
-        }
-        if (isMet) {
-            countPoint();
-        } else {
-            countNeverMet();
-        }
+        meet([&] { return disturb(path, deed, listed.point); });
     }
     return takeOutcome();
 }

@@ -83,16 +83,21 @@ bool fails() {
     if (shared == nullptr) {
         return false;
     }
-    const auto number = ++shared->made;
     const auto first = shared->first.load();
-    if (first == 0 || number < first || number > shared->last) {
+    if (first == 0) {
+        return false;
+    }
+    const auto number = ++shared->made;
+    if (number < first || number > shared->last) {
         return false;
     }
     const auto until = shared->until.load();
     if (until != 0 && monotonicTime() >= until) {
         return false;
     }
-    ++shared->failed;
+    if (number == first) {
+        shared->wasMet = true;
+    }
     errno = ENOMEM;
     return true;
 }

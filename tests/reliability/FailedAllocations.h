@@ -19,11 +19,11 @@ inline constexpr const char* failedAllocationsVariable = "TARNVALE_FAILED_ALLOCA
 /// The shared file's content. All zero, nothing fails.
 struct FailedAllocations {
     std::array<char, 32> program;      ///< only a program of this name is concerned; never changes
-    std::atomic<std::uint64_t> made;   ///< allocations, since the test set this to 0
+    std::atomic<std::uint64_t> made;   ///< allocations, while `first` isn't 0
     std::atomic<std::uint64_t> first;  ///< the number, from 1, of the first that fails; 0 for none
     std::atomic<std::uint64_t> last;   ///< the number of the last that fails
     std::atomic<std::int64_t> until;   ///< on the monotonic clock, in nanoseconds; 0 for ever
-    std::atomic<std::uint64_t> failed;
+    std::atomic<bool> wasMet;          ///< the first was asked for, and failed
 };
 
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "two programs share them");

@@ -29,12 +29,13 @@ const std::vector<Shortage>& allShortages();
 /// A point is the number of an allocation.
 class MemorySweep : public Sweep {
 public:
-    /// Until the path has no further allocation.
+    /// The points are the allocations of undisturbed runs.
     Outcome run(const Path& path, const Shortage& shortage, const Points& points);
 
 private:
     std::unique_ptr<Program> startHelper(const std::vector<std::string>& commandLine) override;
     void endDisturbance() override { faults_.end(); }
+    std::uint64_t allocationsOf(const Path& path);
     bool disturb(const Path& path, const Shortage& shortage, std::uint64_t number);
 
     AllocationFaults faults_{"TarnvaleAdminHelper"};

@@ -23,6 +23,7 @@ constexpr auto startLimit = 60s;
 /// What a start takes after the helper listens.
 constexpr auto startRest = 20ms;
 constexpr int signalled = 128;
+constexpr int maxAttempts = 3;
 
 /// When the file was made or changed, to the kernel's tick; nothing where there is none.
 std::optional<std::pair<time_t, long>> changeOf(const char* path) {
@@ -59,6 +60,17 @@ Outcome Sweep::takeOutcome() {
 void Sweep::setPoint(const std::string& where, bool mayLeaveFiles) {
     where_ = where;
     mayLeaveFiles_ = mayLeaveFiles;
+}
+
+bool Sweep::meet(const std::function<bool()>& disturb) {
+    for (int attempt = 1; attempt <= maxAttempts; ++attempt) {
+        if (disturb()) {
+            ++outcome_.points;
+            return true;
+        }
+    }
+    ++outcome_.neverMet;
+    return false;
 }
 
 void Sweep::stop() {

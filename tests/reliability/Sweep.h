@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -29,7 +30,7 @@ struct Points {
 
 struct Outcome {
     std::uint64_t points = 0;
-    std::uint64_t neverMet = 0;           ///< further points, at which no attempt could do anything
+    std::uint64_t neverMet = 0;           ///< further points, which no attempt came to
     std::uint64_t restarts = 0;           ///< the helper ended itself, having served nobody
     std::vector<std::string> violations;  ///< a sentence each
 };
@@ -88,9 +89,10 @@ protected:
 
     void report(const std::string& what);
 
-    void countPoint() { ++outcome_.points; }
-
-    void countNeverMet() { ++outcome_.neverMet; }
+    /// Has the point be disturbed until it is met, for a few attempts: threads take turns in
+    /// another order each time. `disturb` says whether it was met. Counts the point as one or the
+    /// other, and returns which.
+    bool meet(const std::function<bool()>& disturb);
 
     /// What there was since the path began.
     Outcome takeOutcome();

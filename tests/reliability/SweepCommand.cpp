@@ -69,15 +69,26 @@ void print(const Outcome& outcome, const std::string& where, std::chrono::durati
     }
     const auto neverMet =
         outcome.neverMet > 0 ? ", " + std::to_string(outcome.neverMet) + " never met" : "";
-    std::printf(
-        "%s: %llu points%s, %zu violations, %llu restarts, %.0f s\n",
-        where.c_str(),
-        static_cast<unsigned long long>(outcome.points),
-        neverMet.c_str(),
-        outcome.violations.size(),
-        static_cast<unsigned long long>(outcome.restarts),
-        time.count());
+    if (outcome.points > 0) {
+        std::printf(
+            "%s: %llu points%s, %zu violations, %llu restarts, %.0f s\n",
+            where.c_str(),
+            static_cast<unsigned long long>(outcome.points),
+            neverMet.c_str(),
+            outcome.violations.size(),
+            static_cast<unsigned long long>(outcome.restarts),
+            time.count());
+    } else if (outcome.neverMet > 0) {
+        std::printf("%s: nothing was measured%s\n", where.c_str(), neverMet.c_str());
+    } else {
+        std::printf("%s: there is no such point\n", where.c_str());
+    }
     std::fflush(stdout);
+}
+
+/// Nothing was violated. A path may have no point for a way, but it can't be that none is met.
+bool isClean(const Outcome& outcome) {
+    return outcome.violations.empty() && (outcome.points > 0 || outcome.neverMet == 0);
 }
 
 }  // namespace
@@ -87,8 +98,9 @@ int sweepPaths(
     const std::vector<std::string>& ways,
     const SweepPath& sweep) {
     const auto request = requestIn(words);
-    bool isClean = true;
+    bool allClean = true;
     bool isAny = false;
+    std::uint64_t points = 0;
     for (const auto& way : ways) {
         for (const auto& path : allPaths()) {
             if ((request.path != all && request.path != path.name) ||
@@ -104,13 +116,17 @@ int sweepPaths(
             const auto begin = Clock::now();
             const auto outcome = sweep(path, way, request.points);
             print(outcome, where, Clock::now() - begin);
-            isClean = isClean && outcome.violations.empty();
+            allClean = allClean && isClean(outcome);
+            points += outcome.points;
         }
     }
     if (!isAny) {
         throw std::invalid_argument("no such path, or no such way");
     }
-    return isClean ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (points == 0) {
+        std::printf("nothing was measured\n");
+    }
+    return allClean && points > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tarnvale::test

@@ -21,7 +21,7 @@ using SweepPath =
 
 /// Sweeps the paths that the words name in the ways that they name; "all" stands for all of them.
 /// Prints how many points there were and each violation. Returns the status of the program: 1 if
-/// there was a violation. Throws `std::invalid_argument` for other words.
+/// there was a violation, or nothing was measured. Throws `std::invalid_argument` for other words.
 int sweepPaths(
     const std::vector<std::string>& words,
     const std::vector<std::string>& ways,

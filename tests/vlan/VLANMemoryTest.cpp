@@ -18,6 +18,7 @@
 namespace tarnvale::test {
 namespace {
 
+using testing::Gt;
 using testing::IsEmpty;
 
 class VLANMemoryTest : public testing::Test {
@@ -36,6 +37,7 @@ protected:
             points);
         std::cout << path << ' ' << shortage << ": " << outcome.points << " points\n";
         EXPECT_THAT(outcome.violations, IsEmpty());
+        EXPECT_THAT(outcome.points, Gt(0U));
     }
 
 private:

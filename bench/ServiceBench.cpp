@@ -36,6 +36,7 @@
 #include "bench/StoredPolicies.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/ProcessUsage.h"
 
 namespace tarnvale::bench {
 namespace {
@@ -265,24 +266,11 @@ void benchVersion() {
             [] { return runProgram({TARNVALE_BIN_DIR "/print_line"}).microseconds; }));
 }
 
-/// The numbers behind the key in a file of /proc, added up.
-double sumOf(std::string_view key, const fs::path& path) {
-    std::ifstream file(path);
-    std::string word;
-    double sum = 0;
-    while (file >> word) {
-        double value = 0;
-        if (word == key && file >> value) {
-            sum += value;
-        }
-    }
-    return sum;
-}
-
 /// The memory that is the process's alone, without unchanged pages of files: those are everybody's,
 /// even if nobody else has them open at the moment.
 double privateKibibytes(const Server& server) {
-    return sumOf("Private_Dirty:", "/proc/" + std::to_string(server.pid()) + "/smaps_rollup");
+    return static_cast<double>(
+        test::sumOf(test::processFile(server.pid(), "smaps_rollup"), "Private_Dirty:"));
 }
 
 void benchMemory() {
@@ -325,12 +313,11 @@ void benchMemory() {
 
 /// How often its threads have been put on a core.
 double switches(const Server& server) {
-    double sum = 0;
-    const std::string tasks = "/proc/" + std::to_string(server.pid()) + "/task";
-    for (const auto& task : fs::directory_iterator(tasks)) {
-        sum += sumOf("voluntary_ctxt_switches:", task.path() / "status");
+    std::int64_t sum = 0;
+    for (const auto& task : fs::directory_iterator(test::processFile(server.pid(), "task"))) {
+        sum += test::sumOf(task.path() / "status", "voluntary_ctxt_switches:");
     }
-    return sum;
+    return static_cast<double>(sum);
 }
 
 void benchWakeUps() {

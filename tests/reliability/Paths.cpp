@@ -20,7 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* rulesInForce = "rules";
-constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
 constexpr const char* pfctlsFolder = "/run/com.brackwen.tarnvale.pfctl";
 constexpr const char* enabledPath = "/run/com.brackwen.tarnvale.pfctl/enabled";
 constexpr const char* damagedStore = "{ broken off";
@@ -66,7 +65,7 @@ void applyListBesideAnother(ServiceClient& client) {
 /// The store has a list, which is not in force.
 void forgetRules(ServiceClient& client) {
     applyList(client, oneNetwork());
-    run({"/sbin/pfctl", "-a", anchor, "-F", "rules"});
+    flushRules();
 }
 
 /// The same after the machine has been started anew.

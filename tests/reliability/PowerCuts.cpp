@@ -24,6 +24,7 @@
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
+#include "tests/reliability/Conclusion.h"
 #include "tests/reliability/RecordedDisk.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
@@ -186,6 +187,16 @@ struct Stage {
     std::vector<std::string> kept;
 };
 
+/// The marks of step n are 2n + 1 when it begins and 2n + 2 when it has been answered; 0 while
+/// others write.
+bool isAnswer(std::uint64_t mark) {
+    return mark != 0 && mark % 2 == 0;
+}
+
+std::size_t stepOf(std::uint64_t mark) {
+    return (mark - 1) / 2;
+}
+
 class PowerCuts {
 public:
     PowerCuts(const FileSystem& fileSystem, const PowerCutPlan& plan)
@@ -289,7 +300,10 @@ std::vector<Step> PowerCuts::steps() {
         {.name = "reapply",
          .act =
              [this] {
-                 static_cast<void>(tarnvale::test::run({program_, "--reapply"}));
+                 const auto end = tarnvale::test::run({program_, "--reapply"});
+                 if (end.status != 0) {
+                     throw std::runtime_error("the re-apply failed: " + end.error);
+                 }
              }},
         {.name = "remove-one", .act = [this] { call(second_, rootUser, "RemoveFirewall"); }},
         {.name = "apply-over-a-damaged-store",
@@ -309,8 +323,6 @@ std::vector<Step> PowerCuts::steps() {
     return all;
 }
 
-/// The marks of step n are 2n + 1 when it begins and 2n + 2 when it has been answered; 0 while
-/// others write.
 void PowerCuts::record(const DiskImage& image) {
     const RecordedDisk recorded(image, record_);
     MountedDisk disk(fileSystem_, recorded.path());
@@ -334,6 +346,7 @@ void PowerCuts::record(const DiskImage& image) {
         stage.after = writtenTree();
         stage.kept = kept;
         rulesOf_[valueIn(stage.after, storePath)].insert(listedRules());
+        figures_.cutsOf.push_back({.request = step.name, .changes = stage.before != stage.after});
         stages_.push_back(std::move(stage));
         ++figures_.requests;
     }
@@ -354,6 +367,9 @@ void PowerCuts::replay(DiskImage& image) {
                     cutIn(image, writes, marks);
                 }
                 marks.back() = event.offset;
+                if (isAnswer(event.offset)) {
+                    cutIn(image, writes, marks);  // also if nobody writes before the next begins
+                }
                 break;
             case DiskEvent::Kind::write:
                 ++figures_.writes;
@@ -421,7 +437,9 @@ void PowerCuts::judge(
     const DiskImage& image, const std::vector<const DiskEvent*>& kept, std::uint64_t marks) {
     ++figures_.cuts;
     where_ = std::string(fileSystem_.name) + ", cut " + std::to_string(figures_.cuts) + ", " +
-             stages_.at((marks - 1) / 2).step + (marks % 2 == 1 ? " begun" : " answered");
+             stages_.at(stepOf(marks)).step + (isAnswer(marks) ? " answered" : " begun");
+    auto& cuts = figures_.cutsOf.at(stepOf(marks));
+    ++(isAnswer(marks) ? cuts.answered : cuts.begun);
     try {
         if (kept.empty() && flushed_) {
             judgeTree(*flushed_, marks);
@@ -433,7 +451,7 @@ void PowerCuts::judge(
             flushed_ = seen_;
         }
         judgeTree(*seen_, marks);
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {
         violated(error.what());
     }
 }
@@ -454,8 +472,8 @@ Tree PowerCuts::treeOn(const DiskImage& image, const std::vector<const DiskEvent
 
 /// Each file is the old one or the new one; the new one if success has been replied.
 void PowerCuts::judgeTree(const Tree& tree, std::uint64_t marks) {
-    const auto& stage = stages_.at((marks - 1) / 2);
-    const bool isAnswered = marks % 2 == 0;
+    const auto& stage = stages_.at(stepOf(marks));
+    const bool isAnswered = isAnswer(marks);
     std::set<std::string> paths;
     for (const auto* const one : {&stage.before, &stage.after, &tree}) {
         std::ranges::transform(
@@ -479,7 +497,7 @@ void PowerCuts::judgeTree(const Tree& tree, std::uint64_t marks) {
 
 /// A helper that starts there enforces what is stored, and serves.
 void PowerCuts::judgeHelper(const Tree& tree) {
-    tarnvale::test::run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+    flushRules();
     {
         const RunningHelper helper(RunningHelper::Start{.program = program_});
         ServiceClient client(lab_.client);
@@ -594,6 +612,22 @@ std::optional<std::string> lackOf(const FileSystem& fileSystem) {
         return std::string(fileSystem.name) + " on a recorded disk: " + error.what() + " (" +
                *help + ")";
     }
+}
+
+std::vector<std::string> missingIn(const PowerCutFigures& figures) {
+    std::vector<Tally> tallies = {
+        {figures.requests, "request"},
+        {figures.writes, "write"},
+        {figures.flushes, "flush"},
+        {figures.cuts, "cut"},
+        {figures.trees, "start of a helper"}};
+    for (const auto& [request, changes, begun, answered] : figures.cutsOf) {
+        if (changes) {
+            tallies.push_back({begun, "cut during " + request});
+        }
+        tallies.push_back({answered, "cut behind the reply to " + request});
+    }
+    return missingIn(tallies);
 }
 
 PowerCutFigures cutPower(const FileSystem& fileSystem, const PowerCutPlan& plan) {

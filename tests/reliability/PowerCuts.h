@@ -37,6 +37,14 @@ struct PowerCutPlan {
     std::uint64_t seed = 1;
 };
 
+/// The cuts that a request was judged at.
+struct RequestCuts {
+    std::string request{};
+    bool changes = false;      ///< files that are to last
+    std::size_t begun = 0;     ///< cuts that came before its reply
+    std::size_t answered = 0;  ///< cuts that came after it: all had to be done
+};
+
 struct PowerCutFigures {
     std::size_t writes = 0;
     std::size_t flushes = 0;
@@ -44,8 +52,12 @@ struct PowerCutFigures {
     std::size_t cuts = 0;   ///< instants, each with all or some of what wasn't flushed
     std::size_t disks = 0;  ///< different ones that were mounted for that
     std::size_t trees = 0;  ///< different states of the files, on each of which a helper started
+    std::vector<RequestCuts> cutsOf{};
     std::vector<std::string> violations;  ///< a sentence each
 };
+
+/// What a measurement of cuts can't do without (Conclusion.h).
+std::vector<std::string> missingIn(const PowerCutFigures& figures);
 
 /// In a private root of namespaces. May throw when the machine gives out.
 PowerCutFigures cutPower(const FileSystem& fileSystem, const PowerCutPlan& plan);

@@ -25,6 +25,7 @@ TEST(PowerTest, ACutLeavesEachFileOldOrNewAndWhatWasAnswered) {
     const auto figures = cutPower(ext4, {.isSample = true, .randomSubsets = 0, .step = 100});
 
     EXPECT_THAT(figures.violations, IsEmpty());
+    EXPECT_THAT(missingIn(figures), IsEmpty());
     EXPECT_THAT(figures.cuts, Gt(30U));
     EXPECT_THAT(figures.trees, Gt(5U));
     std::printf("%zu cuts, %zu trees\n", figures.cuts, figures.trees);

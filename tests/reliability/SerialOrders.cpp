@@ -28,6 +28,14 @@ bool SerialValue::mayHave(const std::string& value, const Span& seen) const {
            });
 }
 
+bool SerialValue::hasOthersIn(const Span& span) const {
+    return std::ranges::any_of(changes_, [&](const Change& change) {
+        const auto& [begin, end] = change.request;
+        const bool isItself = begin == span.begin && end == span.end;
+        return !isItself && begin <= span.end && end >= span.begin;
+    });
+}
+
 std::optional<Span> SerialValue::attemptsAt(const std::string& value) const {
     std::optional<Span> attempts;
     for (const auto& change : changes_) {

@@ -33,6 +33,9 @@ public:
     /// Whether it can have had the value at an instant of the span.
     bool mayHave(const std::string& value, const Span& seen) const;
 
+    /// Whether a request, besides the one of exactly this span, ran in some of it.
+    bool hasOthersIn(const Span& span) const;
+
     /// When requests tried to set that value: from the first one's begin to the last one's end.
     /// Nothing if none did.
     std::optional<Span> attemptsAt(const std::string& value) const;

@@ -59,6 +59,16 @@ TEST_F(SerialValueTest, IsTheOldOneOrTheNewOneWhileTheRequestRuns) {
     EXPECT_FALSE(value.mayHave("new", span(1, 2)));
 }
 
+TEST_F(SerialValueTest, KnowsWhetherOtherRequestsRanMeanwhile) {
+    value.setBy(span(3, 5), "new", false);
+    value.setBy(span(8, 9), "newer", true);
+
+    EXPECT_FALSE(value.hasOthersIn(span(3, 5))) << "that is itself";
+    EXPECT_TRUE(value.hasOthersIn(span(4, 6)));
+    EXPECT_TRUE(value.hasOthersIn(span(1, 3)));
+    EXPECT_FALSE(value.hasOthersIn(span(6, 7)));
+}
+
 TEST(SerialOrdersTest, WhoeverSeesARequestSeesWhatWasDoneBeforeIt) {
     std::map<std::string, SerialValue> values;
     values["one"].reset("old");

@@ -4,17 +4,14 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <thread>
 
+#include "tests/reliability/Conclusion.h"
 #include "tests/reliability/Storm.h"
 
 namespace tarnvale::test {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
@@ -30,26 +27,7 @@ constexpr auto extraLimit = 120s;
 /// How long the helper may take to notice that connections have ended.
 constexpr auto settleLimit = 10s;
 
-std::size_t countIn(const std::string& folder) {
-    std::error_code ended;
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator(folder, ended), fs::directory_iterator()));
-}
-
-std::size_t childrenOf(pid_t pid) {
-    std::size_t count = 0;
-    std::error_code ended;
-    for (const auto& task :
-         fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ended)) {
-        std::ifstream children(task.path() / "children");
-        for (pid_t child = 0; children >> child;) {
-            ++count;
-        }
-    }
-    return count;
-}
-
-Usage mostOf(const Usage& one, const Usage& other) {
+ProcessUsage mostOf(const ProcessUsage& one, const ProcessUsage& other) {
     return {
         .descriptors = std::max(one.descriptors, other.descriptors),
         .threads = std::max(one.threads, other.threads),
@@ -57,14 +35,29 @@ Usage mostOf(const Usage& one, const Usage& other) {
         .privateKiB = std::max(one.privateKiB, other.privateKiB)};
 }
 
-bool isWithin(const Usage& usage, const Usage& bounds) {
+bool isWithin(const ProcessUsage& usage, const ProcessUsage& bounds) {
     return usage.descriptors <= bounds.descriptors && usage.threads <= bounds.threads &&
            usage.children == 0 && usage.privateKiB <= bounds.privateKiB + maxKeptKiB;
 }
 
-/// What it uses when nobody asks any more: the least of a moment, since what has ended takes a
-/// while to go.
-Usage settledUsageOf(pid_t pid, const Usage& bounds) {
+/// What it uses when nobody asks any more and all that has ended is gone: the same for a moment.
+ProcessUsage restingUsageOf(pid_t pid) {
+    constexpr int sames = 10;
+    const auto end = Clock::now() + settleLimit;
+    auto usage = usageOf(pid);
+    for (int count = 0; count < sames && Clock::now() < end; ++count) {
+        std::this_thread::sleep_for(20ms);
+        const auto now = usageOf(pid);
+        if (now != usage) {
+            count = 0;
+        }
+        usage = now;
+    }
+    return usage;
+}
+
+/// The same, but it may take its time to get back to these bounds.
+ProcessUsage settledUsageOf(pid_t pid, const ProcessUsage& bounds) {
     const auto end = Clock::now() + settleLimit;
     while (true) {
         const auto usage = usageOf(pid);
@@ -83,27 +76,22 @@ void describe(
 
 }  // namespace
 
-Usage usageOf(pid_t pid) {
-    const std::string process = "/proc/" + std::to_string(pid);
-    Usage usage{
-        .descriptors = countIn(process + "/fd"),
-        .threads = countIn(process + "/task"),
-        .children = childrenOf(pid),
-        .privateKiB = 0};
-    std::ifstream memory(process + "/smaps_rollup");
-    for (std::string line; std::getline(memory, line);) {
-        if (line.starts_with("Private_")) {
-            usage.privateKiB += std::stoll(line.substr(line.find(':') + 1));
-        }
-    }
-    return usage;
+std::vector<std::string> missingIn(const SoakFigures& figures) {
+    auto missing = missingIn(std::vector<Tally>{
+        {figures.requests, "request"},
+        {figures.looks - figures.laterLooks, "look in the first part"},
+        {figures.laterLooks, "later look"}});
+    missing.insert(missing.end(), figures.missing.begin(), figures.missing.end());
+    return missing;
 }
 
 SoakFigures soak(const SoakPlan& plan) {
+    const StormPlan stormPlan{
+        .seed = plan.seed, .connections = plan.connections, .isDisturbed = false};
     // Each of the allocator's arenas keeps free memory, and how many there are depends on the
     // machine and on what else it does.
     ::setenv("MALLOC_ARENA_MAX", "4", 1);
-    Storm storm({.seed = plan.seed, .connections = plan.connections, .isDisturbed = false});
+    Storm storm(stormPlan);
     ::unsetenv("MALLOC_ARENA_MAX");
     const pid_t helper = storm.helper();
 
@@ -112,26 +100,32 @@ SoakFigures soak(const SoakPlan& plan) {
     constexpr int parts = 5;
     std::size_t firstLooks = 0;
     const auto isEnough = [&] {
-        return figures.looks >= firstLooks + minLooks &&
-               storm.figures().requests >= plan.minRequests;
+        return figures.laterLooks >= minLooks && storm.figures().requests >= plan.minRequests &&
+               missingIn(storm.figures(), stormPlan).empty();
     };
     while (Clock::now() < begin + plan.duration ||
            (!isEnough() && Clock::now() < begin + plan.duration + extraLimit)) {
         const bool isFirst = firstLooks < minLooks || Clock::now() < begin + plan.duration / parts;
         storm.run(plan.period);
+        // A storm looks whether its helper has ended, and starts another one then. Nobody has
+        // waited for the end of this one, so that no other can have got its number.
+        if (storm.helper() != helper) {
+            break;
+        }
         storm.disconnect();
         ++figures.looks;
         if (isFirst) {
             ++firstLooks;
-            std::this_thread::sleep_for(500ms);
-            figures.first = mostOf(figures.first, usageOf(helper));
-            continue;
+            figures.first = mostOf(figures.first, restingUsageOf(helper));
+        } else {
+            ++figures.laterLooks;
+            figures.last = mostOf(figures.last, settledUsageOf(helper, figures.first));
         }
-        const auto usage = settledUsageOf(helper, figures.first);
-        figures.last = mostOf(figures.last, usage);
     }
-    figures.requests = storm.figures().requests;
-    figures.violations = storm.figures().violations;
+    const auto& left = storm.figures();
+    figures.requests = left.requests - left.unanswered;
+    figures.violations = left.violations;
+    figures.missing = missingIn(left, stormPlan);
     if (storm.helper() != helper) {
         figures.violations.emplace_back("the helper is not the same any more");
     }

@@ -10,19 +10,9 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
+#include "tests/support/ProcessUsage.h"
 
 namespace tarnvale::test {
-
-/// What a process uses of the machine.
-struct Usage {
-    std::size_t descriptors = 0;
-    std::size_t threads = 0;
-    std::size_t children = 0;
-    std::int64_t privateKiB = 0;
-};
-
-Usage usageOf(pid_t pid);
 
 struct SoakPlan {
     std::chrono::milliseconds duration{};
@@ -33,12 +23,17 @@ struct SoakPlan {
 };
 
 struct SoakFigures {
-    std::size_t requests = 0;
+    std::size_t requests = 0;  ///< that were answered
     std::size_t looks = 0;
-    Usage first;                          ///< the most of the looks of the first part
-    Usage last;                           ///< the most of the later ones
+    std::size_t laterLooks = 0;           ///< of these
+    ProcessUsage first;                   ///< the most of the looks of the first part
+    ProcessUsage last;                    ///< the most of the later ones
     std::vector<std::string> violations;  ///< a sentence each
+    std::vector<std::string> missing{};   ///< of what its requests can't do without
 };
+
+/// What a soak can't do without (Conclusion.h).
+std::vector<std::string> missingIn(const SoakFigures& figures);
 
 /// The first fifth of the time, and at least two looks, show what the helper needs. Later it uses
 /// no more, and neither a child nor a connection is left when nobody asks. In a private root with

@@ -4,12 +4,12 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "support/Decimal.h"
+#include "tests/reliability/Conclusion.h"
 #include "tests/reliability/Kinds.h"
 #include "tests/reliability/Soak.h"
 #include "tests/support/PrivateRoot.h"
@@ -17,7 +17,7 @@
 namespace tarnvale::test {
 namespace {
 
-void print(const char* when, const Usage& usage) {
+void print(const char* when, const ProcessUsage& usage) {
     std::printf(
         "%s: %zu descriptors, %zu threads, %zu children, %lld KiB private\n",
         when,
@@ -41,12 +41,8 @@ int runSoak(const std::vector<std::string>& words) {
     }
     print("first part", figures.first);
     print("later", figures.last);
-    std::printf(
-        "soak: %zu requests, %zu looks, %zu violations\n",
-        figures.requests,
-        figures.looks,
-        figures.violations.size());
-    return figures.violations.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::printf("soak: %zu requests, %zu looks\n", figures.requests, figures.looks);
+    return conclude("soak", figures.violations, missingIn(figures));
 }
 
 }  // namespace

@@ -26,6 +26,7 @@ TEST(SoakTest, RequestsOfAllKindsLeaveNothingInTheHelper) {
         soak({.duration = 3s, .connections = 16, .period = 700ms, .minRequests = 51});
 
     EXPECT_THAT(figures.violations, IsEmpty());
+    EXPECT_THAT(missingIn(figures), IsEmpty());
     EXPECT_THAT(figures.requests, Gt(50U));
     EXPECT_THAT(figures.looks, Gt(3U));
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -22,6 +23,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/service/CallerAuthorization.h"
+#include "tests/reliability/Conclusion.h"
 #include "tests/reliability/SerialOrders.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/Program.h"
@@ -35,6 +37,9 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto startLimit = 60s;
+/// Far longer than any request waits for those before it.
+constexpr auto replyLimit = 60s;
+constexpr int killedStatus = 128 + SIGKILL;
 constexpr const char* none = "none";
 
 struct User {
@@ -74,13 +79,26 @@ std::string nameOf(std::size_t user) {
     return std::to_string(users.at(user).uid);
 }
 
-/// What the path is: what a link leads to, or whether there is a file.
+/// What the path is: what a link leads to, or whether there is a whole file.
 std::string valueOf(const std::string& path) {
     std::error_code absent;
     if (const auto target = fs::read_symlink(path, absent); !absent) {
         return target;
     }
-    return fs::exists(path, absent) ? "file" : none;
+    if (!exists(path)) {
+        return none;
+    }
+    const auto content = contentOf(path);
+    return content.ends_with("nameserver 127.0.0.1\nport 5380\ntimeout 2\n") ? "file" : content;
+}
+
+/// Whether a request for links says so that finds them other than it has just seen them.
+bool isOfRace(const std::string& message) {
+    return std::ranges::any_of(links, [&](const std::string& link) {
+        return message.starts_with("Could not link " + link + ": ") ||
+               message == "Could not remove " + link + "." ||
+               message.starts_with(link + " already exists and isn't a Tarnvale link.");
+    });
 }
 
 /// For each network in a listing of rules, the ports that tell which list it is of.
@@ -157,8 +175,15 @@ struct Call {
     const char* method = "";
     const char* types = "";
     Texts arguments{};
-    Texts reply{};  ///< an administrator's, where it doesn't depend on what others do
+    Texts reply{"nil"};   ///< an administrator's; an empty text stands for any
+    bool isOpen = false;  ///< to everybody
 };
+
+bool fits(const Texts& reply, const Texts& expected) {
+    return std::ranges::equal(reply, expected, [](const auto& text, const auto& expectedText) {
+        return expectedText.empty() ? text != "nil" : text == expectedText;
+    });
+}
 
 }  // namespace
 
@@ -180,11 +205,19 @@ private:
         std::unique_ptr<ServiceClient> client{};
         std::string list{};  ///< the last one, by its port
         std::string text{};
+        Instant served = Instant::min();  ///< when the connection got its last reply
+        bool isWaiting = false;           ///< for a reply
     };
 
     struct Report {
         std::map<std::string, std::string> read;
         Span seen;
+    };
+
+    /// A request for links that another one got in the way of.
+    struct FileRefusal {
+        Span span;
+        std::string message;
     };
 
     std::unique_ptr<Program> begin(const std::vector<std::string>& command);
@@ -197,11 +230,25 @@ private:
     void ask(Asker& asker);
     Call callFor(Wish wish, Asker& asker);
     static std::optional<Texts> replyTo(Asker& asker, const Call& call);
-    void record(Wish wish, const Asker& asker, const Span& span, const std::optional<Texts>& reply);
+    void setWaiting(Asker& asker, bool isWaiting);
+    void awaitReplies();
+    void record(
+        Wish wish,
+        const Asker& asker,
+        const Call& call,
+        const Span& span,
+        const std::optional<Texts>& reply);
+    void recordClosed(const Asker& asker, const Span& span);
+    void countAnswer(
+        const std::optional<Texts>& reply,
+        const Texts& expected,
+        const Call& call,
+        const char* what);
     void recordFiles(Wish wish, const Span& span, bool surely);
     void keepReport(const std::string& report, const Span& span);
     void look();
     void lookAtReports();
+    void lookAtFileRefusals();
     void lookAtFiles(const Span& now);
     void lookAtLists(const Span& now);
     bool isOneAttempt(std::map<int, std::set<std::string>> enforced);
@@ -225,6 +272,8 @@ private:
     std::map<std::string, SerialValue> lists_;  ///< by user
     std::map<std::string, SerialValue> files_;  ///< by path
     std::vector<Report> reports_;
+    std::vector<FileRefusal> fileRefusals_;
+    std::vector<Span> kills_;  ///< each from before it until the next helper listens
     StormFigures figures_;
 };
 
@@ -293,10 +342,31 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
     }
     std::this_thread::sleep_for(duration);
     ends_ = true;
+    awaitReplies();
     for (auto& thread : threads) {
         thread.join();
     }
     look();
+}
+
+/// Kills the clients that get none.
+void Storm::Course::awaitReplies() {
+    const auto end = Clock::now() + replyLimit;
+    const auto isAnyWaiting = [this] {
+        const std::lock_guard lock(mutex_);
+        return std::ranges::any_of(askers_, &Asker::isWaiting);
+    };
+    while (isAnyWaiting() && Clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
+    }
+    const std::lock_guard lock(mutex_);
+    for (const auto& asker : askers_) {
+        if (asker.isWaiting) {
+            figures_.violations.emplace_back(
+                "a request gets neither a reply nor the end of its connection");
+            asker.client->signal(SIGKILL);
+        }
+    }
 }
 
 void Storm::Course::disconnect() {
@@ -305,18 +375,21 @@ void Storm::Course::disconnect() {
     }
 }
 
-/// Does it again and again, after pauses that are no longer than that.
+/// Does it again and again, after pauses that are no longer than that, and at least once. In some
+/// periods it is also the last that happens; in the others, the last requests get their replies.
 void Storm::Course::disturb(
     const std::function<void()>& act, std::uint64_t seed, std::chrono::milliseconds pauseLimit) {
     std::mt19937_64 random(seed);
     std::uniform_int_distribution<std::int64_t> pause(0, pauseLimit.count());
     try {
-        while (!ends_) {
+        for (bool isFirst = true; isFirst || !ends_; isFirst = false) {
             const auto until = Clock::now() + std::chrono::milliseconds(pause(random));
             while (!ends_ && Clock::now() < until) {
                 std::this_thread::sleep_for(1ms);
             }
-            act();
+            if (!ends_ || isFirst || random() % 2 == 0) {
+                act();
+            }
         }
     } catch (const std::exception& error) {
         violated(error.what());
@@ -324,14 +397,21 @@ void Storm::Course::disturb(
 }
 
 void Storm::Course::restart() {
-    if (!helper_->running()) {
-        const auto end = helper_->finish();
+    listens_ = false;
+    {
+        const std::lock_guard lock(mutex_);
+        kills_.push_back({.begin = Clock::now(), .end = Instant::max()});
+    }
+    if (helper_->running()) {
+        ::kill(helper_->pid(), SIGKILL);
+    }
+    const auto end = helper_->finish();
+    if (end.status != killedStatus) {
         violated("it ended with status " + std::to_string(end.status) + ": " + end.error);
     }
-    listens_ = false;
-    helper_.reset();
     launch();
     const std::lock_guard lock(mutex_);
+    kills_.back().end = Clock::now();
     ++figures_.kills;
 }
 
@@ -364,21 +444,28 @@ void Storm::Course::ask(Asker& asker) {
         asker.client.reset();
         return;
     }
-    const auto [uid, isAdministrator] = users.at(asker.user);
     if (!asker.client) {
         const std::lock_guard lock(starting_);
-        asker.client = std::make_unique<ServiceClient>(lab_.client, uid);
+        asker.client = std::make_unique<ServiceClient>(lab_.client, users.at(asker.user).uid);
+        asker.served = Instant::min();
     }
     const auto call = callFor(wish, asker);
+    setWaiting(asker, true);
     Span span{.begin = Clock::now()};
-    auto reply = replyTo(asker, call);
+    const auto reply = replyTo(asker, call);
     span.end = Clock::now();
-    if (!reply) {
+    setWaiting(asker, false);
+    record(wish, asker, call, span, reply);
+    if (reply) {
+        asker.served = span.end;
+    } else {
         asker.client.reset();
-    } else if (isAdministrator && !call.reply.empty() && *reply != call.reply) {
-        violated(std::string(call.method) + " replied " + reply->back());
     }
-    record(wish, asker, span, reply);
+}
+
+void Storm::Course::setWaiting(Asker& asker, bool isWaiting) {
+    const std::lock_guard lock(mutex_);
+    asker.isWaiting = isWaiting;
 }
 
 Call Storm::Course::callFor(Wish wish, Asker& asker) {
@@ -394,11 +481,15 @@ Call Storm::Course::callFor(Wish wish, Asker& asker) {
     switch (wish) {
         case Wish::apply:
         case Wish::applyAgain:
-            return {.method = "ApplyFirewall", .types = "ay", .arguments = {asker.text}};
+            return {
+                .method = "ApplyFirewall",
+                .types = "ay",
+                .arguments = {asker.text},
+                .reply = {"", "nil"}};
         case Wish::remove:
             return {.method = "RemoveFirewall"};
         case Wish::report:
-            return {.method = "FirewallReport"};
+            return {.method = "FirewallReport", .reply = {"", "nil"}, .isOpen = true};
         case Wish::createVLAN:
             return {
                 .method = "CreateVLAN",
@@ -423,7 +514,7 @@ Call Storm::Course::callFor(Wish wish, Asker& asker) {
         case Wish::disconnect:
             break;
     }
-    return {.method = "HelperVersion", .reply = {helperVersion()}};
+    return {.method = "HelperVersion", .reply = {helperVersion()}, .isOpen = true};
 }
 
 /// Nothing when the connection has been closed, or none could be made.
@@ -437,20 +528,24 @@ std::optional<Texts> Storm::Course::replyTo(Asker& asker, const Call& call) {
 }
 
 void Storm::Course::record(
-    Wish wish, const Asker& asker, const Span& span, const std::optional<Texts>& reply) {
+    Wish wish,
+    const Asker& asker,
+    const Call& call,
+    const Span& span,
+    const std::optional<Texts>& reply) {
     const std::lock_guard lock(mutex_);
     ++figures_.requests;
-    figures_.unanswered += reply ? 0 : 1;
-    if (!reply && !plan_.isDisturbed) {
-        figures_.violations.emplace_back("a connection was closed, although nothing was disturbed");
+    if (!reply) {
+        ++figures_.unanswered;
+        recordClosed(asker, span);
     }
-    const bool isDone = reply && reply->back() == "nil";
-    if (!users.at(asker.user).isAdministrator && wish != Wish::version && wish != Wish::report) {
-        if (reply && reply->back() != refusalMessage) {
-            figures_.violations.emplace_back("a user who may not: " + reply->back());
-        }
+    if (!users.at(asker.user).isAdministrator && !call.isOpen) {
+        Texts refusal(call.reply.size(), "nil");
+        refusal.back() = refusalMessage;
+        countAnswer(reply, refusal, call, refusals);
         return;
     }
+    const bool isDone = reply && fits(*reply, call.reply);
     auto& list = lists_[nameOf(asker.user)];
     switch (wish) {
         case Wish::apply:
@@ -467,16 +562,42 @@ void Storm::Course::record(
             break;
         case Wish::linksOn:
         case Wish::linksOff:
+            recordFiles(wish, span, isDone);
+            if (reply && !isDone) {
+                fileRefusals_.push_back({.span = span, .message = reply->back()});
+                ++figures_.refused;
+                return;
+            }
+            break;
         case Wish::resolverOn:
         case Wish::resolverOff:
             recordFiles(wish, span, isDone);
-            figures_.refused += reply && !isDone ? 1 : 0;
-            return;
+            break;
         default:
-            return;
+            break;
     }
-    if (reply && !isDone) {
-        figures_.violations.emplace_back("a request failed: " + reply->back());
+    countAnswer(reply, call.reply, call, call.method);
+}
+
+/// With `mutex_` held.
+void Storm::Course::countAnswer(
+    const std::optional<Texts>& reply, const Texts& expected, const Call& call, const char* what) {
+    if (reply && fits(*reply, expected)) {
+        ++figures_.answers[what];
+    } else if (reply) {
+        figures_.violations.emplace_back(
+            std::string(call.method) + ", in place of " + expected.back() + ": " + reply->back());
+    }
+}
+
+/// With `mutex_` held. Only a kill may close a connection that has been served; one that has not
+/// may have been one too many.
+void Storm::Course::recordClosed(const Asker& asker, const Span& span) {
+    const bool wasKilled = std::ranges::any_of(kills_, [&](const Span& kill) {
+        return kill.begin <= span.end && kill.end >= asker.served;
+    });
+    if (!wasKilled && (!plan_.isDisturbed || asker.served != Instant::min())) {
+        figures_.violations.emplace_back("a connection was closed, although nobody was killed");
     }
 }
 
@@ -520,6 +641,7 @@ void Storm::Course::look() {
         violated("it lives, but serves nobody");
     }
     lookAtReports();
+    lookAtFileRefusals();
     lookAtFiles(now);
     lookAtLists(now);
     const auto log = contentOf(logPath);
@@ -541,6 +663,16 @@ void Storm::Course::lookAtReports() {
     reports_.clear();
 }
 
+/// None but a request for the same links, made at the same time, gets in the way of one.
+void Storm::Course::lookAtFileRefusals() {
+    for (const auto& refusal : fileRefusals_) {
+        if (!isOfRace(refusal.message) || !files_[links.front()].hasOthersIn(refusal.span)) {
+            violated("a request for links failed: " + refusal.message);
+        }
+    }
+    fileRefusals_.clear();
+}
+
 void Storm::Course::lookAtFiles(const Span& now) {
     for (auto& [path, file] : files_) {
         const auto value = valueOf(path);
@@ -558,8 +690,7 @@ void Storm::Course::lookAtLists(const Span& now) {
     if (stored.empty() && isOneAttempt(enforced)) {
         // The helper was killed after it had enforced the first list, and before it stored it. The
         // list stays in force until the next apply, removal or boot.
-        ::tarnvale::test::run(
-            {"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+        flushRules();
         listing = listedRules();
         enforced = networksIn(listing);
     }
@@ -632,6 +763,20 @@ void Storm::Course::violated(const std::string& what) {
     const std::lock_guard lock(mutex_);
     figures_.violations.emplace_back(
         "storm " + std::to_string(plan_.seed) + ", period " + std::to_string(round_) + ": " + what);
+}
+
+std::vector<std::string> missingIn(const StormFigures& figures, const StormPlan& plan) {
+    std::vector<Tally> tallies = {{figures.looks, "look"}};
+    if (plan.isDisturbed) {
+        tallies.push_back({figures.kills, "kill"});
+        tallies.push_back({figures.reapplies, "re-apply"});
+    }
+    for (const char* const answer : expectedAnswers) {
+        const auto found = figures.answers.find(answer);
+        const auto count = found == figures.answers.end() ? 0 : found->second;
+        tallies.push_back({count, std::string("right reply: ") + answer});
+    }
+    return missingIn(tallies);
 }
 
 Storm::Storm(const StormPlan& plan) : course_(std::make_unique<Course>(plan)) {}

@@ -6,9 +6,11 @@
 
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,9 +34,29 @@ struct StormFigures {
     std::size_t refused = 0;     ///< links and files that two requests wanted at the same time
     std::size_t kills = 0;
     std::size_t reapplies = 0;
-    std::size_t looks = 0;                ///< when nothing ran
+    std::size_t looks = 0;  ///< when nothing ran
+    /// Replies that a request is made for, by its method; those to the user who may change nothing
+    /// under `refusals`.
+    std::map<std::string, std::size_t> answers{};
     std::vector<std::string> violations;  ///< a sentence each
 };
+
+/// In `StormFigures::answers`.
+inline constexpr const char* refusals = "refusal";
+inline constexpr std::array expectedAnswers = {
+    "ApplyFirewall",
+    "RemoveFirewall",
+    "HelperVersion",
+    "FirewallReport",
+    "CreateVLAN",
+    "DeleteVLAN",
+    "InstallCLISymlink",
+    "RemoveCLISymlink",
+    "SetTarnvaleResolver",
+    refusals};
+
+/// What a storm by this plan can't do without (Conclusion.h).
+std::vector<std::string> missingIn(const StormFigures& figures, const StormPlan& plan);
 
 /// In a private root with several users. What it does may throw when the machine gives out.
 class Storm {

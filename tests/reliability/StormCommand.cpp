@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <random>
 #include <stdexcept>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "support/Decimal.h"
+#include "tests/reliability/Conclusion.h"
 #include "tests/reliability/Kinds.h"
 #include "tests/reliability/Storm.h"
 #include "tests/support/PrivateRoot.h"
@@ -64,16 +64,15 @@ int runStorm(const std::vector<std::string>& words) {
     }
     std::printf(
         "storm %llu: %zu requests, %zu without an answer, %zu refused to one of two, %zu kills, "
-        "%zu re-applies, %zu looks, %zu violations\n",
+        "%zu re-applies, %zu looks\n",
         seed,
         figures.requests,
         figures.unanswered,
         figures.refused,
         figures.kills,
         figures.reapplies,
-        figures.looks,
-        figures.violations.size());
-    return figures.violations.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+        figures.looks);
+    return conclude("storm", figures.violations, missingIn(figures, plan));
 }
 
 }  // namespace

@@ -25,6 +25,9 @@ const char* const pfctlProgram = TARNVALE_BIN_DIR "/pfctl";
 
 namespace {
 
+/// The helper's.
+constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
+
 [[noreturn]] void fail(const std::string& step) {
     throw std::system_error(errno, std::generic_category(), step);
 }
@@ -133,9 +136,14 @@ void ServiceLab::showLoginWindow() {
 
 std::string listedRules() {
     return std::regex_replace(
-        run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-v", "-sr"}).output,
-        std::regex("  \\[[^\n]*\n"),
-        "");
+        run({"/sbin/pfctl", "-a", anchor, "-v", "-sr"}).output, std::regex("  \\[[^\n]*\n"), "");
+}
+
+void flushRules() {
+    const auto flushed = run({"/sbin/pfctl", "-a", anchor, "-F", "rules"});
+    if (flushed.status != 0) {
+        throw std::runtime_error("the rules can't be flushed: " + flushed.error);
+    }
 }
 
 RunningHelper::RunningHelper() : RunningHelper(Start{}) {}

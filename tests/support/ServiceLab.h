@@ -86,6 +86,9 @@ public:
 /// The rules of the helper's anchor as pf lists them, without their counters.
 std::string listedRules();
 
+/// Takes these rules out of force, as anybody with the right to may. Throws `std::runtime_error`.
+void flushRules();
+
 /// The helper at work.
 class RunningHelper {
 public:

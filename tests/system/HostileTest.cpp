@@ -30,6 +30,7 @@
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/ProcessUsage.h"
 #include "tests/support/RawPeer.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/Service.h"
@@ -54,39 +55,9 @@ constexpr int maxInAll = 256;
 /// How much the allocator may keep of many threads' small pieces.
 constexpr std::int64_t maxKeptKiB = 8192;
 
-/// What the service uses of the machine.
-struct Footprint {
-    std::size_t descriptors = 0;
-    std::size_t threads = 0;
-    std::int64_t privateKiB = 0;
-};
-
-std::size_t countIn(const std::string& folder) {
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder)) {
-        ++count;
-    }
-    return count;
-}
-
-Footprint footprintOf(pid_t pid) {
-    const std::string process = "/proc/" + std::to_string(pid);
-    Footprint footprint{
-        .descriptors = countIn(process + "/fd"),
-        .threads = countIn(process + "/task"),
-        .privateKiB = 0};
-    std::ifstream memory(process + "/smaps_rollup");
-    for (std::string line; std::getline(memory, line);) {
-        if (line.starts_with("Private_")) {
-            footprint.privateKiB += std::stoll(line.substr(line.find(':') + 1));
-        }
-    }
-    return footprint;
-}
-
 /// The processor time that the process has used.
 std::chrono::milliseconds processorTimeOf(pid_t pid) {
-    const std::string status = contentOf("/proc/" + std::to_string(pid) + "/stat");
+    const std::string status = contentOf(processFile(pid, "stat"));
     std::istringstream fields(status.substr(status.rfind(')') + 2));
     std::string skipped;
     constexpr int before = 11;
@@ -102,18 +73,12 @@ std::chrono::milliseconds processorTimeOf(pid_t pid) {
 /// From here on, what `peakOf` says counts.
 void forgetPeakOf(pid_t pid) {
     constexpr const char* forgetPeak = "5";
-    put("/proc/" + std::to_string(pid) + "/clear_refs", forgetPeak);
+    put(processFile(pid, "clear_refs"), forgetPeak);
 }
 
 /// The most memory that the process has had, in KiB.
 std::int64_t peakOf(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmHWM:")) {
-            return std::stoll(line.substr(line.find(':') + 1));
-        }
-    }
-    return 0;
+    return sumOf(processFile(pid, "status"), "VmHWM:");
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::seconds time = 20s) {
@@ -141,17 +106,17 @@ protected:
         ::setenv("MALLOC_ARENA_MAX", "4", 1);
         service.emplace();
         ::unsetenv("MALLOC_ARENA_MAX");
-        const std::size_t idleThreads = footprint().threads;
+        const std::size_t idleThreads = usage().threads;
         witness.emplace(lab.client, administrator);
         hostile.emplace(lab.client, attacker);
         // Nothing is measured before the first use has loaded what stays.
         EXPECT_TRUE(isServed());
         EXPECT_TRUE(lend().authenticate());
-        EXPECT_TRUE(eventually([&] { return footprint().threads == idleThreads + 1; }));
-        before = footprint();
+        EXPECT_TRUE(eventually([&] { return usage().threads == idleThreads + 1; }));
+        before = usage();
     }
 
-    Footprint footprint() { return footprintOf(service->pid()); }
+    ProcessUsage usage() { return usageOf(service->pid()); }
 
     /// A connection of the hostile program.
     RawPeer lend() { return RawPeer(hostile->lend()); }
@@ -167,26 +132,26 @@ protected:
     /// When all peers have gone.
     void expectNothingLeft() {
         EXPECT_TRUE(eventually([this] {
-            const auto now = footprint();
+            const auto now = usage();
             return now.descriptors == before.descriptors && now.threads == before.threads;
         })) << before.descriptors
-            << " descriptors before, " << footprint().descriptors << " now; " << before.threads
-            << " threads before, " << footprint().threads << " now";
+            << " descriptors before, " << usage().descriptors << " now; " << before.threads
+            << " threads before, " << usage().threads << " now";
         if (isSanitized) {
             std::cout << "Memory is not looked at: the sanitizer keeps what has been freed.\n";
             return;
         }
         EXPECT_TRUE(eventually([this] {
-            return footprint().privateKiB <= before.privateKiB + maxKeptKiB;
+            return usage().privateKiB <= before.privateKiB + maxKeptKiB;
         })) << before.privateKiB
-            << " KiB before, " << footprint().privateKiB << " KiB now";
+            << " KiB before, " << usage().privateKiB << " KiB now";
     }
 
     ServiceLab lab;
     std::optional<Service> service;
     std::optional<ServiceClient> witness;
     std::optional<ServiceClient> hostile;
-    Footprint before;
+    ProcessUsage before;
 };
 
 TEST_F(HostileTest, EveryHandshakeThatIsNoneEndsTheConnection) {
@@ -440,7 +405,7 @@ TEST_F(HostileTest, OneUserHasSixtyFourConnections) {
     for (int i = 0; i < 10; ++i) {
         EXPECT_TRUE(lend().closesWithin(5s));
     }
-    EXPECT_EQ(footprint().threads, before.threads + maxForUser);
+    EXPECT_EQ(usage().threads, before.threads + maxForUser);
     EXPECT_TRUE(isServed());
 
     peers.pop_back();
@@ -479,7 +444,7 @@ TEST_F(HostileTest, AllUsersTogetherHaveTwoHundredAndFiftySixConnections) {
         ServiceClient(lab.client, administrator).call("HelperVersion"),
         ElementsAre(helperVersion()));
     EXPECT_EQ(fill(rootUser), 32);
-    EXPECT_EQ(footprint().threads, before.threads + maxInAll - 1);
+    EXPECT_EQ(usage().threads, before.threads + maxInAll - 1);
     EXPECT_TRUE(RawPeer(ServiceClient(lab.client, administrator).lend()).closesWithin(5s));
     EXPECT_THAT(witness->call("HelperVersion"), ElementsAre(helperVersion()));
 
@@ -713,7 +678,7 @@ TEST_F(HostileToReportsTest, RepliesThatNobodyTakesDoNotPileUp) {
     std::this_thread::sleep_for(2s);
 
     if (!isSanitized) {
-        EXPECT_LT(footprint().privateKiB, before.privateKiB + 24'000);
+        EXPECT_LT(usage().privateKiB, before.privateKiB + 24'000);
     }
     EXPECT_LT(pfctl.calls().size(), 20U) << "requests are read while replies wait";
     EXPECT_TRUE(isServed());
@@ -780,7 +745,7 @@ TEST_F(HostileToReportsTest, ReportsThatNobodyTakesKeepNoOtherUserWaiting) {
         ElementsAre(testing::SizeIs(testing::Gt(4'000'000U)), "nil"));
     EXPECT_LT(Clock::now() - begin, isSanitized ? 10s : 2s);
     if (!isSanitized) {
-        EXPECT_LT(footprint().privateKiB, before.privateKiB + 60'000);
+        EXPECT_LT(usage().privateKiB, before.privateKiB + 60'000);
     }
 
     // Whoever waits and hangs up leaves at once.
@@ -818,7 +783,7 @@ TEST_F(HostileTest, HalfSentMessagesKeepNoOtherUserWaiting) {
 
     if (!isSanitized) {
         // One large one, one of the others, and the beginnings of each.
-        EXPECT_LT(footprint().privateKiB, before.privateKiB + 150'000);
+        EXPECT_LT(usage().privateKiB, before.privateKiB + 150'000);
     }
     const auto begin = Clock::now();
     RawPeer good(another.lend());
@@ -937,7 +902,7 @@ TEST_F(HostileBeforeStartTest, PassedDescriptorsAreNotKept) {
     ServiceClient client(lab.client, firstUser);
     EXPECT_THAT(client.call("HelperVersion"), ElementsAre(helperVersion()));
     constexpr std::size_t few = 20;
-    EXPECT_TRUE(eventually([&] { return footprintOf(service.pid()).descriptors < few; }));
+    EXPECT_TRUE(eventually([&] { return usageOf(service.pid()).descriptors < few; }));
 }
 
 TEST_F(HostileBeforeStartTest, WhoeverHasHungUpIsPassedOver) {

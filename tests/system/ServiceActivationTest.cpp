@@ -133,7 +133,7 @@ TEST_F(ServiceActivationTest, IsStartedAgainByTheNextRequestWithEverythingInForc
         ServiceClient client(lab.client);
         client.begin("HelperVersion");
         ASSERT_TRUE(hasCaller(listening));
-        run({"/sbin/pfctl", "-a", "com.apple/900.tarnvale.firewall", "-F", "rules"});
+        flushRules();
 
         Service service({.program = helperProgram, .listeningSocket = listening.get()});
 

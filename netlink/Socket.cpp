@@ -152,8 +152,7 @@ void Socket::receive(std::uint32_t sequence, const std::function<bool(const Answ
         while (takeFrom(receiveDatagram())) {
         }
     } catch (...) {
-        // Of a transaction that fails, the kernel answers several messages. What is left of that
-        // would pass for the answer to the next request.
+        // What is left of the answer would pass for the one to the next request.
         discard();
         throw;
     }
@@ -173,17 +172,30 @@ void Socket::request(Bytes message, std::uint32_t sequence) {
 }
 
 void Socket::awaitAcknowledgements(std::uint32_t sequence, std::size_t count, int toleratedError) {
-    // Two references: as much as a std::function holds without memory of its own.
-    receive(sequence, [&count, &toleratedError](const Answer& answer) {
-        if (!answer.isVerdict()) {
-            failMalformed();
-        }
-        if (const int error = answer.verdict(); error != 0 && error != toleratedError) {
-            fail(error);
-        }
-        --count;
-        return count > 0;
-    });
+    struct {
+        std::size_t missing;
+        int toleratedError;
+        int refusal;
+    } replies{.missing = count, .toleratedError = toleratedError, .refusal = 0};
+    try {
+        // One reference: a std::function holds it without memory of its own.
+        receive(sequence, [&replies](const Answer& answer) {
+            if (!answer.isVerdict()) {
+                failMalformed();
+            }
+            const int error = answer.verdict();
+            replies.refusal = error == replies.toleratedError ? 0 : error;
+            --replies.missing;
+            return replies.refusal == 0 && replies.missing > 0;
+        });
+    } catch (const std::system_error& error) {
+        throw AnswerLost(error);
+    }
+    if (replies.refusal != 0) {
+        // Of a transaction that fails, the kernel answers several messages.
+        discard();
+        fail(replies.refusal);
+    }
 }
 
 bool Socket::dump(const MessageWriter& message, const std::function<void(const Message&)>& take) {

@@ -4,6 +4,9 @@
 // within seconds never will. All functions throw `std::system_error` with the kernel's error number
 // when it refuses, and with `EBADMSG` when an answer makes no sense. After that the socket can be
 // used again: no later call takes what is left of the answer for its own.
+//
+// The kernel carries a request out while it is sent, and then answers. So what could not be sent
+// was not done; what was sent may have been done, although its answer got lost.
 
 #pragma once
 
@@ -12,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <system_error>
 
 #include <sys/uio.h>
 
@@ -19,6 +23,13 @@
 #include "support/UniqueFd.h"
 
 namespace tarnvale::netlink {
+
+/// No verdict on a request could be received. Whether it was carried out has to be asked.
+class AnswerLost : public std::system_error {
+public:
+    /// `reason` is the error with which the verdict got lost.
+    explicit AnswerLost(const std::system_error& reason) : std::system_error(reason) {}
+};
 
 class Socket {
 public:
@@ -30,11 +41,12 @@ public:
 
     /// Sends all messages as one datagram and waits for `acknowledgements` replies: as many of the
     /// messages ask for one. The kernel's first error is thrown unless it is the tolerated one.
+    /// Throws `AnswerLost` where one of the replies is missing.
     void request(
         const MessageWriter& messages, std::size_t acknowledgements = 1, int toleratedError = 0);
 
     /// Sends one message, which asks for an acknowledgement, and waits for that. Takes no memory
-    /// unless the kernel refuses, so that a change can be undone without.
+    /// unless it fails, so that a change can be undone without. Throws like the one above.
     void request(Bytes message, std::uint32_t sequence);
 
     /// Sends one message and calls `take` for each message of the answer. False when what is

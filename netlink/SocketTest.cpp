@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -120,6 +121,23 @@ public:
         }
     }
 
+    /// Whether a request fails and may have been carried out. It must not succeed.
+    bool losesTheAnswerToARequest() {
+        MessageWriter request;
+        request.begin(NLMSG_MIN_TYPE, NLM_F_ACK, nlmsghdr{});
+        try {
+            socket_->request(request);
+        } catch (const AnswerLost&) {
+            return true;
+        } catch (const std::system_error&) {
+            return false;
+        }
+        throw std::logic_error("the request succeeds");
+    }
+
+    /// Nobody listens any more.
+    void end() { kernel_.reset(); }
+
     /// Whether a list is complete.
     bool isListComplete() {
         MessageWriter request;
@@ -145,6 +163,21 @@ TEST(SocketTest, TakesNoPartOfADatagramForAllOfIt) {
     kernel.sayMuch();
 
     EXPECT_EQ(kernel.errorOfARequest(), EMSGSIZE);
+}
+
+TEST(SocketTest, SaysWhetherTheVerdictOnARequestIsKnown) {
+    PlayedKernel kernel;
+    kernel.answer(EEXIST);
+    EXPECT_FALSE(kernel.losesTheAnswerToARequest());
+
+    kernel.answer(NLMSG_OVERRUN, 0, 0, 0);
+    EXPECT_TRUE(kernel.losesTheAnswerToARequest());
+
+    kernel.sayMuch();
+    EXPECT_TRUE(kernel.losesTheAnswerToARequest());
+
+    kernel.end();
+    EXPECT_FALSE(kernel.losesTheAnswerToARequest()) << "what can't be sent isn't done";
 }
 
 TEST(SocketTest, SaysThatAListChangedWhileItWasRead) {

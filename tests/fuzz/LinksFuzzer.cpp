@@ -128,6 +128,9 @@ std::optional<Link> linkOf(const test::SlowMessage& message) {
         } else if (type == IFLA_LINK) {
             isFine = value.size() == 4;
             link.parent = isFine ? numberAt<std::int32_t>(value, 0) : 0;
+        } else if (type == IFLA_GROUP) {
+            isFine = value.size() == 4;
+            link.group = isFine ? numberAt<std::uint32_t>(value, 0) : 0;
         } else if (type == IFLA_LINK_NETNSID) {
             isElsewhere = true;
         } else if (type == IFLA_LINKINFO) {
@@ -187,9 +190,8 @@ void check(test::InputBytes input) {
     LinkSocket changing(std::move(another.client));
     try {
         changing.supportsVLANs();
-        changing.createVLAN("vlan0", 2, 5);
-        changing.setAlias(7, "alias");
-        changing.setUp(7);
+        changing.createVLAN("vlan0", 2, 5, 9);
+        changing.setUp(7, "alias");
         changing.remove(7);
     } catch (const std::system_error& error) {
         require(error.code().value() > 0);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -20,11 +21,14 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "platform/NetworkPreferences.h"
 #include "tests/support/EmptyHeap.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Program.h"
+#include "tests/support/WatchedCalls.h"
 #include "vlan/VLANError.h"
 #include "vlan/VLANOperations.h"
 #include "vlan/VLANRecord.h"
@@ -161,7 +165,11 @@ TEST_F(VLANKernelTest, CreatesAVLAN) {
 
     EXPECT_THAT(
         described("vlan0"),
-        AllOf(HasSubstr("vlan0@en0"), HasSubstr("vlan protocol 802.1Q id 5 "), HasSubstr(",UP")));
+        AllOf(
+            HasSubstr("vlan0@en0"),
+            HasSubstr("vlan protocol 802.1Q id 5 "),
+            HasSubstr(",UP"),
+            HasSubstr("group default")));
     EXPECT_EQ(aliasOf("vlan0"), "Lab network");
     EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan0", 5, "en0"}));
     EXPECT_THAT(test::logMessages(), ElementsAre("Created VLAN vlan0 (tag 5) on en0."));
@@ -245,8 +253,9 @@ TEST_F(VLANKernelTest, FindsNoParentThatCannotCarryAVLAN) {
 TEST_F(VLANKernelTest, CreatesOnAParentThatIsDown) {
     ip("link set dev en1 down");
 
-    createVLAN(5, "en1");
-    EXPECT_THAT(described("vlan0"), Not(HasSubstr(",UP")));
+    create(*preferences, "Lab", 5, "en1");
+    EXPECT_THAT(described("vlan0"), AllOf(Not(HasSubstr(",UP")), HasSubstr("group default")));
+    EXPECT_EQ(aliasOf("vlan0"), "Lab");
 
     ip("link set dev en1 up");
     EXPECT_THAT(described("vlan0"), HasSubstr(",UP"));
@@ -424,6 +433,30 @@ TEST_F(SessionTest, TakesBackWithoutMemory) {
 }
 #endif
 
+TEST_F(SessionTest, TakesBackWhatAnEarlierHelperLeftUnfinished) {
+    ip("link add name theirs link en0 group 7 type vlan id 6");
+    const auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+    EXPECT_TRUE(session->commit());
+    const auto next = platform::makeNetworkPreferences();
+
+    EXPECT_EQ(create(*next, "", 5, "en0"), "vlan0");
+
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "theirs", "vlan0"));
+}
+
+TEST_F(SessionTest, LeavesAnotherOneItsUnfinishedVLAN) {
+    const auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+    EXPECT_TRUE(session->commit());
+
+    EXPECT_THAT(namesOf(open()->vlanInterfaces(), *open()), ElementsAre("vlan0"));
+    EXPECT_EQ(createVLAN(6), "vlan1");
+
+    EXPECT_TRUE(session->apply());
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "vlan0", "vlan1"));
+}
+
 TEST_F(SessionTest, TakesBackNoVLANThatTookThePlaceOfItsOwn) {
     {
         const auto session = open();
@@ -498,6 +531,115 @@ TEST_F(SessionTest, RemovesVLANsOnly) {
     const auto session = open();
 
     EXPECT_FALSE(session->remove(find("en0", *session)));
+}
+
+class LostAnswerTest : public VLANKernelTest {
+protected:
+    /// Runs the operation while so many of the kernel's answers get lost, from the one with the
+    /// number `first` on. False where it has no such answer.
+    static bool loses(int first, int count, const std::function<void()>& operation) {
+        bool isLost = false;
+        test::watchCalls(
+            SYS_recvmsg,
+            [&](const test::WatchedCall& call) {
+                const bool isLosing = call.count >= first && call.count < first + count;
+                isLost = isLost || isLosing;
+                return isLosing ? ENOBUFS : 0;
+            },
+            operation);
+        return isLost;
+    }
+
+    static bool succeeds(const std::function<void()>& operation) {
+        try {
+            operation();
+            return true;
+        } catch (const VLANError&) {
+            return false;
+        }
+    }
+
+    /// From now on the kernel lets this thread change no interface.
+    static void giveUpRights() {
+        constexpr int same = -1;
+        constexpr int nobody = 65534;
+        require(
+            static_cast<int>(::syscall(SYS_setresuid, same, nobody, same)), "give up the rights");
+    }
+};
+
+TEST_F(LostAnswerTest, LeavesANewVLANRecordedOrNone) {
+    for (const int count : {1, 2}) {
+        int made = 0;
+        bool isDone = false;
+        for (int first = 1; loses(first, count, [&] { isDone = succeeds([&] { createVLAN(5); }); });
+             ++first) {
+            SCOPED_TRACE(first);
+            EXPECT_EQ(exists("vlan0"), isDone);
+            EXPECT_EQ(loadRecords().size(), isDone ? 1U : 0U);
+            if (isDone) {
+                ++made;
+                EXPECT_THAT(
+                    described("vlan0"), AllOf(HasSubstr(",UP"), HasSubstr("group default")));
+                deleteVLAN(*preferences, "vlan0");
+            }
+        }
+
+        EXPECT_TRUE(isDone) << "without a loss";
+        // One answer, to the creation or to the setting up, can be done without.
+        EXPECT_EQ(made, count == 1 ? 2 : 0);
+        deleteVLAN(*preferences, "vlan0");
+    }
+}
+
+TEST_F(LostAnswerTest, LeavesADeletedVLANForgottenOrThere) {
+    createVLAN(5);
+    int removed = 0;
+    bool isDone = false;
+    for (int first = 1;
+         loses(first, 1, [&] { isDone = succeeds([&] { deleteVLAN(*preferences, "vlan0"); }); });
+         ++first) {
+        SCOPED_TRACE(first);
+        EXPECT_EQ(exists("vlan0"), !isDone);
+        EXPECT_EQ(loadRecords().size(), isDone ? 0U : 1U);
+        if (isDone) {
+            ++removed;
+            createVLAN(5);
+        }
+    }
+
+    EXPECT_EQ(removed, 1) << "the answer to the removal";
+}
+
+TEST_F(LostAnswerTest, IsNotTakenForASetUp) {
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        EXPECT_TRUE(session->commit());
+
+        EXPECT_TRUE(loses(1, 1, [&] {
+            giveUpRights();
+            EXPECT_FALSE(session->apply());
+        }));
+    }
+
+    EXPECT_FALSE(exists("vlan0"));
+}
+
+TEST_F(LostAnswerTest, IsNotTakenForARemoval) {
+    createVLAN(5);
+    bool isLost = true;
+    for (int first = 1; isLost; ++first) {
+        const auto session = open();
+        ASSERT_TRUE(session->remove(find("vlan0", *session)));
+
+        isLost = loses(first, 1, [&] {
+            giveUpRights();
+            EXPECT_FALSE(session->commit());
+        });
+    }
+
+    EXPECT_TRUE(exists("vlan0"));
 }
 
 }  // namespace

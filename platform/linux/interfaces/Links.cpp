@@ -102,6 +102,9 @@ Link linkOf(const netlink::Message& message) {
             case IFLA_LINK:
                 link.parent = hostOrder<int>(reader.value());
                 break;
+            case IFLA_GROUP:
+                link.group = hostOrder<std::uint32_t>(reader.value());
+                break;
             case IFLA_LINK_NETNSID:
                 parentIsElsewhere = true;
                 break;
@@ -156,22 +159,23 @@ bool LinkSocket::supportsVLANs() {
     return false;
 }
 
-void LinkSocket::createVLAN(std::string_view name, int parent, std::uint16_t tag) {
+void LinkSocket::createVLAN(
+    std::string_view name, int parent, std::uint16_t tag, std::uint32_t group) {
     auto creation = begin(RTM_NEWLINK, NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL);
     creation.put(IFLA_IFNAME, name.substr(0, IFNAMSIZ - 1));
     creation.putHostOrder(IFLA_LINK, static_cast<std::uint32_t>(parent));
+    creation.putHostOrder(IFLA_GROUP, group);
     putVLAN(creation, tag);
     socket_.request(creation);
 }
 
-void LinkSocket::setAlias(int index, std::string_view alias) {
-    auto change = begin(RTM_SETLINK, NLM_F_ACK, index);
-    change.put(IFLA_IFALIAS, alias);
+void LinkSocket::setUp(int index, std::string_view alias) {
+    auto change = begin(RTM_SETLINK, NLM_F_ACK, index, IFF_UP);
+    change.putHostOrder(IFLA_GROUP, std::uint32_t{0});
+    if (!alias.empty()) {
+        change.put(IFLA_IFALIAS, alias);
+    }
     socket_.request(change);
-}
-
-void LinkSocket::setUp(int index) {
-    socket_.request(begin(RTM_SETLINK, NLM_F_ACK, index, IFF_UP));
 }
 
 void LinkSocket::remove(int index) {

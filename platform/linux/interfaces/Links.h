@@ -29,6 +29,7 @@ struct Link {
     std::optional<std::int64_t> tag = std::nullopt;
     /// The parent's index, unless it is in another network namespace.
     std::optional<int> parent = std::nullopt;
+    std::uint32_t group = 0;  ///< 0 for one that nobody has put into another
 
     bool operator==(const Link&) const = default;
 };
@@ -37,7 +38,8 @@ struct Link {
 inline constexpr std::size_t maxAliasSize = 255;
 
 /// A conversation with the kernel. Its functions throw `std::system_error` with the kernel's error
-/// number when it refuses, and with one of their own when the answer makes no sense.
+/// number when it refuses, and with one of their own when the answer makes no sense. Those that
+/// change something throw `netlink::AnswerLost` when they can't tell whether the kernel did it.
 class LinkSocket {
 public:
     LinkSocket();
@@ -51,14 +53,15 @@ public:
     /// Whether the kernel can make VLANs at all. Asking may load the module for it.
     bool supportsVLANs();
 
-    /// Makes a VLAN interface, which is down.
-    void createVLAN(std::string_view name, int parent, std::uint16_t tag);
+    /// Makes a VLAN interface, which is down, in that group.
+    void createVLAN(std::string_view name, int parent, std::uint16_t tag, std::uint32_t group);
 
-    /// The kernel refuses an alias of more than `maxAliasSize` bytes.
-    void setAlias(int index, std::string_view alias);
-    void setUp(int index);
+    /// Takes the interface out of its group, gives it the alias unless that is empty, and sets it
+    /// up, in one step; only the last part of it fails if the parent is down. The kernel refuses an
+    /// alias of more than `maxAliasSize` bytes.
+    void setUp(int index, std::string_view alias);
 
-    /// Takes no memory, unless the kernel refuses.
+    /// Takes no memory, unless it fails.
     void remove(int index);
 
 private:

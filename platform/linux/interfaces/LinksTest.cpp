@@ -186,6 +186,13 @@ TEST_F(LinksTest, ReadsOtherNames) {
     EXPECT_THAT(socket.links().at(0).otherNames, ElementsAre("uplink", "vlan7"));
 }
 
+TEST_F(LinksTest, ReadsTheGroup) {
+    const auto group = attribute(IFLA_GROUP, bytesOf(std::uint32_t{0xFFFF'FFFF}));
+    answer(link(2, text(IFLA_IFNAME, "en0") + group) + done());
+
+    EXPECT_EQ(socket.links().at(0).group, 0xFFFF'FFFFU);
+}
+
 TEST_F(LinksTest, ReadsNoTagOfAnotherProtocol) {
     answer(link(7, text(IFLA_IFNAME, "vlan0") + vlan(2, 5, ETH_P_8021AD)) + done());
 
@@ -270,7 +277,7 @@ TEST_F(LinksTest, FailsWithTheKernelsError) {
     EXPECT_EQ(errorOfListing(), ENOBUFS);
 
     answer(verdict(-EEXIST, 4));
-    EXPECT_EQ(errorOf([this] { socket.createVLAN("vlan0", 2, 5); }), EEXIST);
+    EXPECT_EQ(errorOf([this] { socket.createVLAN("vlan0", 2, 5, 9); }), EEXIST);
 
     answer(verdict(0, 5));
     EXPECT_EQ(errorOf([this] { socket.remove(7); }), 0);
@@ -322,6 +329,7 @@ TEST_F(LinksTest, RefusesAttributesThatLie) {
         name + broken(0xFFFF),
         name + attribute(IFLA_LINK, "1"),
         name + attribute(IFLA_LINK, std::string(8, '\0')),
+        name + attribute(IFLA_GROUP, "1"),
         name + attribute(IFLA_LINKINFO, broken(9)),
         name + attribute(IFLA_PROP_LIST, broken(9)),
         name +

@@ -3,27 +3,42 @@
 // VLAN interfaces of the running kernel, which keeps no preferences: they last until reboot.
 //
 // A session stages one change and refuses a second: the kernel makes a single change wholly or not
-// at all, but not two. Nothing is created before the commit, so a helper that ends before it
-// leaves nothing behind; what was created but could not be set up is taken back. Whether the
-// kernel has VLANs at all is known earlier, when one is asked for: it is sent a request that no
-// kernel grants, and only one that has VLANs knows why.
+// at all, but not two. Nothing is created before the commit. From then until the one step of the
+// apply that makes it whole, the VLAN is down and in a group of interfaces that is the session's
+// alone. So what could not be set up is taken back; what a helper leaves that is killed meanwhile
+// is known by its group, and the next one takes it back before its first session. Where the
+// kernel's answer gets lost, it is asked what it did. Whether the kernel has VLANs at all is known
+// earlier, when one is asked for: it is sent a request that no kernel grants, and only one that has
+// VLANs knows why.
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <set>
 #include <system_error>
 #include <utility>
 
 #include <net/if.h>
 
+#include "netlink/Socket.h"
 #include "platform/NetworkPreferences.h"
 #include "platform/linux/interfaces/Links.h"
+#include "support/Mutex.h"
 
 namespace tarnvale::platform {
 namespace {
 
 constexpr std::int64_t lowestTag = 1;
 constexpr std::int64_t highestTag = 4094;
+
+/// The groups of VLANs that are being made: the upper half of their numbers, which nobody else
+/// uses, and the lower half, which counts sessions.
+constexpr std::uint32_t groupsOfUnfinished = 0x7456'0000;
+constexpr std::uint32_t sessionsMask = 0xFFFF;
+
+bool isUnfinished(const Link& link) {
+    return link.isVLAN && (link.group & ~sessionsMask) == groupsOfUnfinished;
+}
 
 /// As much of a display name as an alias holds, cut between two code points.
 std::string_view aliasOf(std::string_view displayName) {
@@ -67,8 +82,8 @@ std::optional<Link> vlanWith(
 
 class NetlinkSession final : public NetworkPreferencesSession {
 public:
-    /// Throws `std::system_error`.
-    NetlinkSession() : links_(socket_.links()) {}
+    /// `group` is what no other session has. Throws `std::system_error`.
+    explicit NetlinkSession(std::uint32_t group) : links_(socket_.links()), group_(group) {}
     NetlinkSession(const NetlinkSession&) = delete;
     NetlinkSession& operator=(const NetlinkSession&) = delete;
 
@@ -78,7 +93,7 @@ public:
                 takeBack();
             }
         } catch (...) {
-            // It can't be taken back, or memory is short. Whoever asked knows that it failed.
+            // Whoever asked knows that it failed. The next helper takes it back.
         }
     }
 
@@ -147,9 +162,7 @@ public:
             if (stage_ == Stage::creation) {
                 commitCreation();
             } else if (stage_ == Stage::removal) {
-                requireUnchanged(links_[changed_]);
-                socket_.remove(links_[changed_].index);
-                stage_ = Stage::removed;
+                commitRemoval();
             }
         });
     }
@@ -205,24 +218,52 @@ private:
     void commitCreation() {
         Link& vlan = links_[changed_];
         requireUnchanged(*std::ranges::find(links_, vlan.parent, &Link::index));
-        socket_.createVLAN(vlan.name, *vlan.parent, static_cast<std::uint16_t>(*vlan.tag));
+        // From here on it may be there.
         stage_ = Stage::created;
-        // Known at once, so that nothing else takes memory before the VLAN can be taken back.
-        vlan.index = static_cast<int>(::if_nametoindex(vlan.name.c_str()));
+        try {
+            socket_.createVLAN(
+                vlan.name, *vlan.parent, static_cast<std::uint16_t>(*vlan.tag), group_);
+            // Known at once, so that nothing else takes memory before the VLAN can be taken back.
+            vlan.index = static_cast<int>(::if_nametoindex(vlan.name.c_str()));
+        } catch (const netlink::AnswerLost&) {
+            // The kernel is asked below.
+        }
 
-        const auto created = vlanWith(vlan.parent, vlan.tag, socket_.links());
+        const auto created = ownVLAN();
         if (!created) {
             throw std::system_error(ENODEV, std::generic_category(), vlan.name);
         }
         vlan = *created;
-        if (!alias_.empty()) {
-            socket_.setAlias(vlan.index, alias_);
+    }
+
+    /// The VLAN that the session has created and not yet set up.
+    std::optional<Link> ownVLAN() {
+        const auto links = socket_.links();
+        const auto found = std::ranges::find(links, group_, &Link::group);
+        return found == links.end() ? std::nullopt : std::optional(*found);
+    }
+
+    void commitRemoval() {
+        const Link& vlan = links_[changed_];
+        requireUnchanged(vlan);
+        try {
+            socket_.remove(vlan.index);
+        } catch (const netlink::AnswerLost&) {
+            const auto links = socket_.links();
+            if (std::ranges::find(links, vlan.index, &Link::index) != links.end()) {
+                throw;
+            }
         }
+        stage_ = Stage::removed;
     }
 
     void setUp() {
         try {
-            socket_.setUp(links_[changed_].index);
+            socket_.setUp(links_[changed_].index, alias_);
+        } catch (const netlink::AnswerLost&) {
+            if (!isSetUp()) {
+                throw;
+            }
         } catch (const std::system_error& error) {
             // On a parent that is down it cannot be up; it follows when the parent comes up.
             if (error.code() != std::errc::network_down) {
@@ -231,11 +272,20 @@ private:
         }
     }
 
+    /// It left its group in the same step.
+    bool isSetUp() {
+        const auto links = socket_.links();
+        const auto found = std::ranges::find(links, links_[changed_].index, &Link::index);
+        return found != links.end() && found->group == 0;
+    }
+
     void takeBack() {
         // An index is not given again, so what took the VLAN's place meanwhile has another.
         const int index = links_[changed_].index;
         if (index != 0) {
             socket_.remove(index);
+        } else if (const auto created = ownVLAN()) {
+            socket_.remove(created->index);
         }
     }
 
@@ -244,17 +294,41 @@ private:
     Stage stage_ = Stage::nothing;
     std::size_t changed_ = 0;  ///< the place of the VLAN that is created or removed
     std::string alias_;
+    std::uint32_t group_;  ///< of the VLAN that is created, until it is set up
 };
+
+/// Removes the VLANs that an earlier helper left unfinished. Throws `std::system_error`.
+void takeBackUnfinished() {
+    LinkSocket socket;
+    for (const Link& link : socket.links()) {
+        if (isUnfinished(link)) {
+            socket.remove(link.index);
+        }
+    }
+}
 
 class NetlinkPreferences final : public NetworkPreferences {
 public:
     std::unique_ptr<NetworkPreferencesSession> open(std::string_view /*processName*/) override {
         try {
-            return std::make_unique<NetlinkSession>();
+            return std::make_unique<NetlinkSession>(nextGroup());
         } catch (const std::system_error&) {
             return nullptr;
         }
     }
+
+private:
+    /// A group for the next session. Before the first, nothing that is unfinished can be ours.
+    std::uint32_t nextGroup() {
+        const support::MutexLock lock(mutex_);
+        if (sessions_ == 0) {
+            takeBackUnfinished();
+        }
+        return groupsOfUnfinished + (++sessions_ & sessionsMask);
+    }
+
+    support::Mutex mutex_;
+    std::uint64_t sessions_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace

@@ -97,6 +97,7 @@ void Socket::send(std::span<iovec> pieces) {
     msghdr datagram{};
     datagram.msg_iov = pieces.data();
     datagram.msg_iovlen = pieces.size();
+    requireNothingUnread();
     while (::sendmsg(fd_.get(), &datagram, MSG_NOSIGNAL) < 0) {
         require(errno == EINTR);
     }
@@ -127,6 +128,17 @@ void Socket::discard() noexcept {
     do {
         size = ::recv(fd_.get(), buffer_.get(), maxDatagram, MSG_DONTWAIT);
     } while (size > 0 || (size < 0 && (errno == EINTR || errno == ENOBUFS)));
+    mayHoldOldAnswers_ = size < 0 && errno != EAGAIN;
+}
+
+/// An earlier answer would pass for the one to the next request.
+void Socket::requireNothingUnread() {
+    if (mayHoldOldAnswers_) {
+        discard();
+    }
+    if (mayHoldOldAnswers_) {
+        fail(ENOBUFS);
+    }
 }
 
 /// Hands on what answers the request with that number until `take` returns false.

@@ -65,10 +65,12 @@ private:
     void awaitAcknowledgements(std::uint32_t sequence, std::size_t count, int toleratedError);
     Bytes receiveDatagram();
     void discard() noexcept;
+    void requireNothingUnread();
     void receive(std::uint32_t sequence, const std::function<bool(const Answer&)>& take);
 
     support::UniqueFd fd_;
     std::unique_ptr<std::uint8_t[]> buffer_;  // NOLINT(modernize-avoid-c-arrays): left unset
+    bool mayHoldOldAnswers_ = false;
 };
 
 }  // namespace tarnvale::netlink

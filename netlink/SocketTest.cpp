@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -102,6 +103,12 @@ public:
                  .nlmsg_pid = 0},
             .verdict = sent};
         ASSERT_EQ(::send(kernel_.get(), &message, sizeof message, 0), ssize_t{sizeof message});
+    }
+
+    /// Waits for a request and reads it.
+    void takeRequest() {
+        std::array<char, 64> request{};
+        ASSERT_GT(::recv(kernel_.get(), request.data(), request.size(), 0), 0);
     }
 
     void sayMuch() {
@@ -199,6 +206,31 @@ TEST(SocketTest, TakesNoAnswerForThatToTheNextRequest) {
 
     kernel.answer(EEXIST);
     EXPECT_EQ(kernel.errorOfARequest(), EEXIST);
+}
+
+TEST(SocketTest, AsksNothingWhileAnEarlierAnswerMayBeLeft) {
+    PlayedKernel kernel;
+    kernel.answer(EBUSY);
+    kernel.answer(0);
+    std::array<int, 2> errors{};
+
+    test::watchCalls(
+        SYS_recvfrom,
+        [](const test::WatchedCall& call) { return call.count <= 2 ? ENOMEM : 0; },
+        [&] {
+            for (int& error : errors) {
+                error = kernel.errorOfARequest();
+            }
+        });
+
+    EXPECT_THAT(errors, testing::ElementsAre(EBUSY, ENOBUFS)) << "the second was not sent";
+    kernel.takeRequest();
+    std::thread answer([&kernel] {
+        kernel.takeRequest();
+        kernel.answer(EEXIST);
+    });
+    EXPECT_EQ(kernel.errorOfARequest(), EEXIST);
+    answer.join();
 }
 
 TEST(SocketTest, TakesNoOtherNumberForAnError) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // A load that changes the anchor's table leaves what a load from nothing would, and writes again no
-// more than differs. The kernel is this machine's, in the private root's own network.
+// more than differs. Whatever becomes of a load, the old rules are in force or the new ones. The
+// kernel is this machine's, in the private root's own network.
 
 #include <algorithm>
 #include <cerrno>
@@ -27,24 +28,33 @@
 #include <unistd.h>
 
 #include "netlink/Socket.h"
+#include "pfctl/Commands.h"
 #include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/TableWriter.h"
 #include "pfctl/kernel/UserData.h"
+#include "pfctl/language/Arguments.h"
+#include "pfctl/language/PfctlError.h"
 #include "pfctl/language/RulesetParser.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/Program.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::pfctl {
 namespace {
 
 using testing::AnyOf;
 using testing::Contains;
+using testing::Matcher;
 using testing::Not;
 using testing::SizeIs;
 
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
+constexpr const char* path = "/tmp/changed.conf";
+
+/// What a table holds.
+using View = std::vector<std::string>;
 
 std::string network(unsigned number, std::initializer_list<std::string> lines = {}) {
     const std::string subnet = "10.0." + std::to_string(number) + ".0/24";
@@ -66,6 +76,82 @@ std::string contentOf(netlink::Bytes attributes, std::initializer_list<std::uint
         }
     }
     return content;
+}
+
+/// Says of each call of an operation whether it fails: in each round another choice, until each
+/// that makes a difference has had its round.
+class Choices {
+public:
+    /// Begins the next round; false when every choice has been made.
+    bool next() {
+        if (rounds_++ == 0) {
+            return true;
+        }
+        while (!failing_.empty() && failing_.back()) {
+            failing_.pop_back();
+        }
+        if (failing_.empty()) {
+            return false;
+        }
+        failing_.back() = true;
+        call_ = 0;
+        return true;
+    }
+
+    bool fails() {
+        if (call_ == failing_.size()) {
+            failing_.push_back(false);
+        }
+        return failing_[call_++];
+    }
+
+    bool anyFails() const { return std::ranges::count(failing_, true) > 0; }
+
+    /// Of each call so far: x for one that fails.
+    std::string text() const {
+        std::string text;
+        for (const bool fails : failing_) {
+            text += fails ? 'x' : '.';
+        }
+        return text;
+    }
+
+private:
+    std::vector<bool> failing_;
+    std::size_t call_ = 0;
+    int rounds_ = 0;
+};
+
+/// Loads that file as the program does; returns what it complains of, or nothing.
+std::string complaintOfLoading() {
+    Arguments load;
+    load.command = Command::load;
+    load.anchor = anchor;
+    load.file = path;
+    try {
+        run(load);
+        return {};
+    } catch (const PfctlError& error) {
+        return error.what();
+    }
+}
+
+/// A load of another ruleset than the one that is there.
+struct Case {
+    const char* name;
+    std::string before;
+    std::string leftBeside;  ///< by a load that was killed; in force if there is any
+    std::string after;
+};
+
+/// One of each kind.
+std::vector<Case> loads() {
+    const std::string otherLines = network(1, {"pass in quick from 10.0.1.0/24 to 1.2.3.4/32"});
+    return {
+        {"other lines", network(1), "", otherLines},
+        {"other networks", network(1), "", network(1) + network(2)},
+        {"no rules any more", network(1), "", "# nothing\n"},
+        {"after a killed load", network(1), network(2), network(3)}};
 }
 
 class ChangeTest : public testing::Test {
@@ -113,12 +199,19 @@ protected:
             request, [&take](const netlink::Message& answer) { take(attributesOf(answer)); }));
     }
 
-    /// All that the anchor's table holds, rules in their order and the rest sorted. Left out are
-    /// the names of the table, handles, and what is different in each load: fingerprints and
-    /// loaders.
-    std::vector<std::string> kernelsView(const std::string& of) {
-        const std::string table = tableName(of);
-        std::vector<std::string> view;
+    /// All that the anchor's only table holds.
+    View kernelsView(const std::string& of) { return viewOf(tableName(of)); }
+
+    /// The same of the table that decides; empty when there is none.
+    View rulesInForce() {
+        const auto tables = backend.tables(anchor);
+        return tables.empty() ? View() : viewOf(tables.back().name);
+    }
+
+    /// All that a table holds, rules in their order and the rest sorted. Left out are the names of
+    /// the table, handles, and what is different in each load: fingerprints and loaders.
+    View viewOf(const std::string& table) {
+        View view;
         std::vector<std::string> sets;
         const auto ofTable = [&](netlink::Bytes attributes) {
             return netlink::textOf(netlink::attribute(attributes, NFTA_SET_TABLE)) == table;
@@ -180,6 +273,21 @@ protected:
         return handles;
     }
 
+    /// Leaves what a load does that is killed before it has removed the old rules.
+    void loadBesideTheOld(const std::string& text, bool dormant = true) {
+        const auto rules = parseRuleset(text).rules;
+        const std::string free = tableName() == anchor ? std::string(anchor) + "/" : anchor;
+        netlink::MessageWriter transaction;
+        writeReplacement(
+            transaction,
+            {.name = free,
+             .rules = rules,
+             .loader = {},
+             .dormant = dormant,
+             .generation = generation() + 2});
+        socket.request(transaction);
+    }
+
     /// How many loads the table still knows.
     int loadCounters() {
         int count = 0;
@@ -228,6 +336,62 @@ protected:
                     .value_or(0));
         });
         return number;
+    }
+
+    void leave(const Case& which) {
+        backend.flush(anchor);
+        load(which.before);
+        if (!which.leftBeside.empty()) {
+            loadBesideTheOld(which.leftBeside);
+        }
+    }
+
+    /// Tries each such load with every choice of these calls failing, as for want of memory.
+    void expectRulesInForceWhicheverFail(long call) {
+        for (const Case& which : loads()) {
+            SCOPED_TRACE(which.name);
+            std::ofstream(path) << which.after << std::flush;
+            leave(which);
+            const auto before = rulesInForce();
+            EXPECT_EQ(complaintOfLoading(), "");
+            const auto after = rulesInForce();
+            ASSERT_NE(after, before);
+            for (Choices choices; choices.next() && !HasFailure();) {
+                leave(which);
+                tryOnce(call, choices, AnyOf(before, after), after);
+            }
+        }
+    }
+
+    void tryOnce(
+        long call, Choices& choices, const Matcher<View>& eitherOfThem, const View& after) {
+        // What the kernel says about a transaction: a look at the tables makes up for it.
+        bool onlyVerdictsFail = call == SYS_recvmsg;
+        std::uint32_t transactions = generation();
+        std::string complaint;
+        test::watchCalls(
+            call,
+            [&](const test::WatchedCall&) {
+                EXPECT_THAT(rulesInForce(), eitherOfThem) << choices.text();
+                const bool isVerdict = transactions != generation();
+                transactions = generation();
+                const bool fails = choices.fails();
+                onlyVerdictsFail = onlyVerdictsFail && (isVerdict || !fails);
+                return fails ? ENOBUFS : 0;
+            },
+            [&complaint] { complaint = complaintOfLoading(); });
+
+        EXPECT_THAT(rulesInForce(), eitherOfThem) << choices.text();
+        if (onlyVerdictsFail) {
+            EXPECT_EQ(complaint, "") << choices.text();
+        }
+        if (!complaint.empty()) {
+            EXPECT_TRUE(choices.anyFails());
+            EXPECT_EQ(complaint, "netlink: No buffer space available") << choices.text();
+            EXPECT_EQ(complaintOfLoading(), "") << choices.text();
+        }
+        EXPECT_EQ(rulesInForce(), after) << choices.text();
+        EXPECT_LE(backend.tables(anchor).size(), 1U) << choices.text();
     }
 
     netlink::Socket socket{NETLINK_NETFILTER};
@@ -415,6 +579,12 @@ TEST_F(ChangeTest, WaitsForPacketsThatMeetTheOldLines) {
     const std::string otherOut = "block drop out quick from 1.2.3.5/32 to 10.0.1.0/24";
     EXPECT_THAT(callsOf(network(1, {in, out})), Contains(SYS_membarrier));
     EXPECT_THAT(callsOf(network(1, {in, otherOut})), Contains(SYS_membarrier));
+
+    load(network(1), anchor, false);
+    const auto table = tableHandle();
+    loadBesideTheOld(network(2), false);
+    EXPECT_THAT(callsOf(network(2)), Contains(SYS_membarrier)) << "before the older one goes";
+    EXPECT_GT(tableHandle(), table);
 }
 
 /// Makes rulesets of a few networks, mostly the same, with few lines, often the same.
@@ -517,7 +687,6 @@ TEST_F(ChangeTest, LeavesThatAlsoWhileOthersAreAtWork) {
 }
 
 TEST_F(ChangeTest, IsDoneWhollyOrNotAtAllWheneverItIsKilled) {
-    constexpr const char* path = "/tmp/changed.conf";
     const std::string before = network(1) + network(2);
     const std::string after = network(1, {"pass in quick from 10.0.1.0/24 to 1.2.3.4/32"}) +
                               network(2, {"pass in quick from 10.0.2.0/24 to 1.2.3.4/32"});
@@ -547,6 +716,34 @@ TEST_F(ChangeTest, IsDoneWhollyOrNotAtAllWheneverItIsKilled) {
     EXPECT_GE(deaths, 30);
     EXPECT_TRUE(wasOld && wasNew);
     EXPECT_EQ(kernelsView(anchor), newView) << "the one that lives to the end";
+}
+
+TEST_F(ChangeTest, TakesTheNewRulesBackWhileTheOldOnesAreThere) {
+    load(network(1));
+    const auto before = kernelsView(anchor);
+    std::ofstream(path) << network(1) + network(2) << std::flush;
+    std::string complaint;
+    bool failed = false;
+
+    test::watchCalls(
+        SYS_sendmsg,
+        [&](const test::WatchedCall&) {
+            const bool fails = !failed && backend.tables(anchor).size() == 2;
+            failed = failed || fails;
+            return fails ? ENOBUFS : 0;
+        },
+        [&complaint] { complaint = complaintOfLoading(); });
+
+    EXPECT_EQ(complaint, "netlink: No buffer space available");
+    EXPECT_EQ(kernelsView(anchor), before);
+}
+
+TEST_F(ChangeTest, KeepsRulesInForceWhicheverAnswersAreLost) {
+    expectRulesInForceWhicheverFail(SYS_recvmsg);
+}
+
+TEST_F(ChangeTest, KeepsRulesInForceWhicheverRequestsFail) {
+    expectRulesInForceWhicheverFail(SYS_sendmsg);
 }
 
 }  // namespace

@@ -177,8 +177,10 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
         return;
     }
     requireReplaceable(anchor);
-    // There are two only when a load was killed; the newer one makes room then.
-    const auto old = tables(anchor);
+    auto old = tables(anchor);
+    if (old.size() > 1) {
+        completeEarlierLoad(anchor, old);
+    }
     if (old.size() == 1 && change(old.front(), table)) {
         return;
     }
@@ -187,7 +189,19 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
     replace(anchor, old, table);
 }
 
-/// Gives the table the new rules if that takes only other blocks; false when it hasn't.
+/// There are two tables when a load was killed, or could not learn whether it was done. The newer
+/// one is in force; removes the other.
+void NftablesBackend::completeEarlierLoad(
+    const std::string& anchor, std::vector<AnchorTable>& tables) {
+    if (!tables.back().dormant) {
+        awaitPacketsUnderWay();
+    }
+    remove(anchor, std::array{tables.front().name});
+    tables.erase(tables.begin());
+}
+
+/// Gives the table the new rules if that takes only other blocks; false when it hasn't, as far as
+/// the kernel says.
 bool NftablesBackend::change(const AnchorTable& old, RulesetTable& table) {
     const auto before = old.dormant == table.dormant ? record(old.name) : std::nullopt;
     if (!before || before->load.generation != generation()) {
@@ -204,9 +218,11 @@ bool NftablesBackend::change(const AnchorTable& old, RulesetTable& table) {
     try {
         socket_.request(transaction);
     } catch (const std::system_error&) {
-        // Somebody else was faster, or the kernel has another objection. A replacement has none of
-        // these, or says what is wrong.
-        return false;
+        // Perhaps only the answer was lost. Else somebody was faster, or the kernel has another
+        // objection: a replacement has none of these, or says what is wrong.
+        if (!isKnownToBeLoaded(table)) {
+            return false;
+        }
     }
     if (*written > 0 && !table.dormant) {
         awaitPacketsUnderWay();
@@ -214,14 +230,25 @@ bool NftablesBackend::change(const AnchorTable& old, RulesetTable& table) {
     return true;
 }
 
-/// Whether the anchor no longer has the table; false as well when the kernel doesn't say.
-bool NftablesBackend::isKnownToBeGone(
-    const std::string& anchor, const std::string& table) noexcept {
+/// Whether the kernel has the table, by just this load; false as well when it doesn't say.
+bool NftablesBackend::isKnownToBeLoaded(const RulesetTable& table) noexcept {
     try {
-        const auto left = tables(anchor);
-        return std::ranges::find(left, table, &AnchorTable::name) == left.end();
+        const auto found = record(table.name);
+        return found && found->load.generation == table.generation && found->load.key == table.key;
     } catch (...) {
         return false;
+    }
+}
+
+/// Whether the anchor still has one of these tables; nothing when the kernel doesn't say.
+std::optional<bool> NftablesBackend::hasAny(
+    const std::string& anchor, std::span<const std::string> names) noexcept {
+    try {
+        return std::ranges::any_of(tables(anchor), [names](const AnchorTable& table) {
+            return std::ranges::find(names, table.name) != names.end();
+        });
+    } catch (...) {
+        return std::nullopt;
     }
 }
 
@@ -232,7 +259,14 @@ void NftablesBackend::replace(
     table.generation = generationAfter(generation(), old.empty() ? 1 : 2);
     MessageWriter transaction;
     writeReplacement(transaction, table);
-    socket_.request(transaction);
+    try {
+        socket_.request(transaction);
+    } catch (const std::system_error&) {
+        // Perhaps only the answer was lost.
+        if (!isKnownToBeLoaded(table)) {
+            throw;
+        }
+    }
     if (old.empty()) {
         return;
     }
@@ -240,15 +274,19 @@ void NftablesBackend::replace(
     if (!table.dormant) {
         awaitPacketsUnderWay();
     }
+    const std::array oldName{old.front().name};
     try {
-        remove(std::array{old.front().name});
-    } catch (...) {
-        // Perhaps only the kernel's answer was lost.
-        if (isKnownToBeGone(anchor, old.front().name)) {
-            return;
+        requestRemoval(oldName);
+    } catch (const std::system_error&) {
+        const auto isThere = hasAny(anchor, oldName);
+        if (isThere == false) {
+            return;  // only the answer was lost
         }
-        // Without the new rules the load has changed nothing.
-        remove(std::array{table.name});
+        // Without the new rules the load has changed nothing. But they stay while they may be the
+        // only ones.
+        if (isThere == true) {
+            removeIfPossible(table.name);
+        }
         throw;
     }
 }
@@ -263,7 +301,7 @@ void NftablesBackend::flush(const std::string& anchor) {
     }
     // Even a transaction that finds nothing to remove takes milliseconds.
     if (!names.empty()) {
-        remove(names);
+        remove(anchor, names);
     }
 }
 
@@ -273,10 +311,30 @@ void NftablesBackend::activate(std::span<const std::string> tables) {
     socket_.request(transaction);
 }
 
-void NftablesBackend::remove(std::span<const std::string> tables) {
+void NftablesBackend::requestRemoval(std::span<const std::string> tables) {
     MessageWriter transaction;
     writeRemoval(transaction, tables);
     socket_.request(transaction);
+}
+
+/// Removes tables of the anchor's.
+void NftablesBackend::remove(const std::string& anchor, std::span<const std::string> tables) {
+    try {
+        requestRemoval(tables);
+    } catch (const std::system_error&) {
+        // Perhaps only the answer was lost.
+        if (hasAny(anchor, tables) != false) {
+            throw;
+        }
+    }
+}
+
+void NftablesBackend::removeIfPossible(const std::string& table) noexcept {
+    try {
+        requestRemoval(std::array{table});
+    } catch (...) {
+        // It stays in force, and the next load goes on from there.
+    }
 }
 
 /// What the table says of its rules; nothing when it has not been loaded by us.

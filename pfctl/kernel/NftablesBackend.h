@@ -8,6 +8,10 @@
 // one of the two rulesets whole. One transaction for both would let packets through: one that was
 // already on its way would not find the new chains, and would find the old ones empty.
 //
+// A transaction may be done although the kernel's answer to it is lost, for want of memory. Then a
+// look at the tables tells. The new rules are taken back only where the old ones are known to be
+// there still. The next load completes what a killed one, or one without answers, has left.
+//
 // While both are there the new rules decide. Of chains of equal priority the kernel asks the newest
 // first, and the old ones let a packet pass to which the new ones gave a state.
 //
@@ -53,8 +57,10 @@ public:
     /// The anchor's tables, the newest last; none when it has no rules.
     std::vector<AnchorTable> tables(const std::string& anchor);
 
-    /// Replaces the anchor's rules; without any the anchor ceases to exist. Throws `PfctlError` for
-    /// another program's table of one of the two names, and leaves it alone.
+    /// Replaces the anchor's rules; without any the anchor ceases to exist. When it throws, either
+    /// the old rules are in force or, if the kernel didn't say whether they are gone, the new ones.
+    /// Throws `PfctlError` for another program's table of one of the two names, and leaves it
+    /// alone.
     void load(const std::string& anchor, RulesetTable table);
 
     /// Removes the anchor's rules, if it has any.
@@ -77,13 +83,18 @@ private:
     };
 
     bool change(const AnchorTable& old, RulesetTable& table);
-    bool isKnownToBeGone(const std::string& anchor, const std::string& table) noexcept;
+    bool isKnownToBeLoaded(const RulesetTable& table) noexcept;
+    std::optional<bool> hasAny(
+        const std::string& anchor, std::span<const std::string> names) noexcept;
+    void completeEarlierLoad(const std::string& anchor, std::vector<AnchorTable>& tables);
     void replace(const std::string& anchor, std::span<const AnchorTable> old, RulesetTable& table);
     std::optional<TableRecord> record(const std::string& table);
     std::vector<NamedTable> namedTables(const std::string& anchor);
     static void requireUnowned(const NamedTable& table);
     void requireReplaceable(const std::string& anchor);
-    void remove(std::span<const std::string> tables);
+    void requestRemoval(std::span<const std::string> tables);
+    void remove(const std::string& anchor, std::span<const std::string> tables);
+    void removeIfPossible(const std::string& table) noexcept;
     std::uint32_t generation();
     std::optional<std::vector<std::string>> chains(const std::string& table);
     bool readChain(

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <initializer_list>
+#include <iterator>
 #include <random>
 #include <string>
 #include <system_error>
@@ -716,6 +717,40 @@ TEST_F(ChangeTest, IsDoneWhollyOrNotAtAllWheneverItIsKilled) {
     EXPECT_GE(deaths, 30);
     EXPECT_TRUE(wasOld && wasNew);
     EXPECT_EQ(kernelsView(anchor), newView) << "the one that lives to the end";
+}
+
+TEST_F(ChangeTest, ListsOneOfTheRulesetsWheneverTheOtherComes) {
+    const std::string one = network(1) + network(2);
+    const std::string other = network(1, {"pass in quick from 10.0.1.0/24 to 1.2.3.4/32"}) +
+                              network(2, {"pass in quick from 10.0.2.0/24 to 1.2.3.4/32"});
+    const auto rulesOf = [](const AnchorContent& content) {
+        std::vector<Rule> rules;
+        std::ranges::transform(
+            content.rules, std::back_inserter(rules), [](const CountedRule& each) {
+                return each.rule;
+            });
+        return rules;
+    };
+    int requests = 1;  // until they are counted; each may come after the other load
+    for (int at = 1; at <= requests; ++at) {
+        load(one);
+        std::vector<Rule> listed;
+        test::watchCalls(
+            SYS_sendmsg,
+            [&](const test::WatchedCall& call) {
+                requests = std::max(requests, call.count);
+                if (call.count == at) {
+                    load(other);
+                }
+                return 0;
+            },
+            [&] {
+                netlink::Socket own(NETLINK_NETFILTER);
+                listed = rulesOf(*NftablesBackend(own).content(anchor));
+            });
+
+        EXPECT_THAT(listed, AnyOf(parseRuleset(one).rules, parseRuleset(other).rules)) << at;
+    }
 }
 
 TEST_F(ChangeTest, TakesTheNewRulesBackWhileTheOldOnesAreThere) {

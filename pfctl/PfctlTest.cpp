@@ -178,6 +178,15 @@ protected:
         return text;
     }
 
+    /// All that the kernel tracks, with a state or without.
+    static std::vector<Connection> connections() {
+        netlink::Socket socket(NETLINK_NETFILTER);
+        std::vector<Connection> found;
+        Conntrack(socket).forEach(
+            [&found](const Connection& connection) { found.push_back(connection); });
+        return found;
+    }
+
     static std::vector<AnchorTable> tables() {
         netlink::Socket socket(NETLINK_NETFILTER);
         return NftablesBackend(socket).tables(anchor);
@@ -269,6 +278,16 @@ TEST_F(PfctlTest, FollowsNoLinkToWhetherItIsEnabled) {
     ASSERT_EQ(::symlink((enabled + ".away").c_str(), enabled.c_str()), 0);
 
     EXPECT_THAT(pfctl({"-si"}).output, StartsWith("Status: Disabled "));
+}
+
+TEST_F(PfctlTest, WaitsForNothingThatLiesInThePlaceOfWhetherItIsEnabled) {
+    ASSERT_EQ(::mkdir(runFolder, 0700), 0);
+    ASSERT_EQ(::mkfifo((std::string(runFolder) + "/enabled").c_str(), 0600), 0);
+
+    test::Program info({program, "-si"});
+    ASSERT_TRUE(info.endsWithin(std::chrono::seconds(30)));
+
+    EXPECT_THAT(info.finish().output, StartsWith("Status: Disabled "));
 }
 
 TEST_F(PfctlTest, SaysSinceWhenItIsEnabled) {
@@ -412,6 +431,47 @@ TEST_F(PfctlTest, KillsMoreStatesThanOneAnswerHolds) {
 
     EXPECT_EQ(
         pfctl({"-k", "127.0.0.1"}).error, "killed 250 states from 1 sources and 0 destinations\n");
+    EXPECT_EQ(
+        pfctl({"-k", "127.0.0.1"}).error, "killed 0 states from 1 sources and 0 destinations\n");
+}
+
+TEST_F(PfctlTest, ForgetsConnectionsThatNoRulePassedWithoutCountingThem) {
+    load("pass in quick proto udp from any to any port 5000 keep state\n");
+    pfctl({"-E"});
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+
+    EXPECT_EQ(
+        pfctl({"-k", "127.0.0.1"}).error, "killed 1 states from 1 sources and 0 destinations\n");
+
+    EXPECT_THAT(connections(), IsEmpty());
+}
+
+TEST_F(PfctlTest, KillsStatesOfWhichSomeEndMeanwhile) {
+    load("pass in quick from 127.0.0.0/8 to any keep state\n");
+    pfctl({"-E"});
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+    EXPECT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5001));
+    const std::vector all{Subnet{}};
+    std::size_t killed = 0;
+
+    test::watchCalls(
+        SYS_sendmsg,
+        [&all](const test::WatchedCall& call) {
+            // After how many there are, and which: what is to be forgotten.
+            if (call.count == 3) {
+                netlink::Socket other(NETLINK_NETFILTER);
+                Conntrack(other).kill(all);
+            }
+            return 0;
+        },
+        [&] {
+            netlink::Socket socket(NETLINK_NETFILTER);
+            killed = Conntrack(socket).kill(all);
+        });
+
+    EXPECT_EQ(killed, 2U);
+    EXPECT_THAT(connections(), IsEmpty());
 }
 
 /// The system calls of a kill that nothing is to be killed by.
@@ -498,15 +558,16 @@ void putTuple(netlink::MessageWriter& message, std::uint16_t type, const Ends& e
     });
 }
 
-/// Tracks a connection with a helper, as any program may have the kernel do. False where the kernel
-/// has no such helper.
-bool trackWithHelper(netlink::Socket& socket, const Ends& ends) {
+/// Tracks a connection with further attributes, as any program may have the kernel do. False where
+/// the kernel doesn't support them.
+template <typename Attributes>
+bool track(netlink::Socket& socket, const Ends& ends, Attributes putAttributes) {
     netlink::MessageWriter made;
     beginConntrack(made, IPCTNL_MSG_CT_NEW, NLM_F_CREATE | NLM_F_EXCL | NLM_F_ACK);
     putTuple(made, CTA_TUPLE_ORIG, ends);
     putTuple(made, CTA_TUPLE_REPLY, ends.reversed());
     made.putBigEndian(CTA_TIMEOUT, 100);
-    made.nest(CTA_HELP, [&made] { made.putText(CTA_HELP_NAME, "tftp"); });
+    putAttributes(made);
     try {
         socket.request(made);
     } catch (const std::system_error& error) {
@@ -516,6 +577,13 @@ bool trackWithHelper(netlink::Socket& socket, const Ends& ends) {
         return false;
     }
     return true;
+}
+
+/// The same with a helper; false where the kernel has none for TFTP.
+bool trackWithHelper(netlink::Socket& socket, const Ends& ends) {
+    return track(socket, ends, [](netlink::MessageWriter& connection) {
+        connection.nest(CTA_HELP, [&connection] { connection.putText(CTA_HELP_NAME, "tftp"); });
+    });
 }
 
 /// Has that connection announce another, from whatever port, as its helper does.
@@ -607,6 +675,24 @@ TEST_F(PfctlTest, AnExpectedConnectionThatIsForwardedHasNoState) {
             EXPECT_TRUE(lab->drops(data));
         }
     }
+}
+
+TEST_F(PfctlTest, KillsTheStateOfAZone) {
+    const Ends ends{.from = 0x7F000001, .fromPort = 4000, .to = 0x7F000002, .toPort = 5000};
+    netlink::Socket socket(NETLINK_NETFILTER);
+    const bool hasZones = track(socket, ends, [](netlink::MessageWriter& connection) {
+        const std::array<std::uint8_t, 2> zone{0, 7};
+        connection.put(CTA_ZONE, netlink::Bytes(zone));
+        connection.putBigEndian(CTA_MARK, initiatorPassesIn);
+    });
+    if (!hasZones) {
+        GTEST_SKIP() << "this kernel has no zones";
+    }
+
+    EXPECT_EQ(
+        pfctl({"-k", "127.0.0.1"}).error, "killed 1 states from 1 sources and 0 destinations\n");
+
+    EXPECT_THAT(connections(), IsEmpty());
 }
 
 /// Gives the only tracked connection another mark.
@@ -720,6 +806,16 @@ TEST_F(PfctlTest, ChecksARulesetWithoutLoadingIt) {
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.error, "/tmp/firewall.pf.conf:1: syntax error\n");
     EXPECT_THAT(tables(), IsEmpty());
+}
+
+TEST_F(PfctlTest, SaysThatItsOutputIsLost) {
+    writeFile(rulesetPath, denyFirst);
+
+    const auto lost =
+        test::run({"/bin/sh", "-c", std::string(program) + " -nvf " + rulesetPath + " >/dev/full"});
+
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_EQ(lost.error, "pfctl: output: No space left on device\n");
 }
 
 TEST_F(PfctlTest, IsBusyWhileAnotherLoads) {
@@ -984,9 +1080,15 @@ TEST_F(PfctlTest, TellsWhenTheKernelRefusesPartOfATransaction) {
 TEST_F(PfctlTest, RefusesUsersWithoutTheRight) {
     TARNVALE_NEEDS(owners);
     ASSERT_EQ(test::run({"/bin/cp", program, "/tmp/pfctl"}).status, 0);
+    writeFile(rulesetPath, "nonsense\n");
 
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-             {"-si"}, {"-E"}, {"-k", "10.0.0.1"}, {"-a", anchor, "-F", "rules"}}) {
+             {"-si"},
+             {"-E"},
+             {"-k", "10.0.0.1"},
+             {"-a", anchor, "-F", "rules"},
+             {"-a", anchor, "-v", "-sr"},
+             {"-a", anchor, "-f", rulesetPath}}) {
         std::vector<std::string> words{
             "/usr/bin/setpriv", "--reuid=1", "--clear-groups", "/tmp/pfctl"};
         words.insert(words.end(), arguments.begin(), arguments.end());

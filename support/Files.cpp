@@ -338,10 +338,19 @@ bool isFileThere(const std::string& path) {
 
 void keepUnreadable(const std::string& path) {
     const auto kept = path + ".unreadable";
-    ::unlink(kept.c_str());
-    // A second name, so that at each instant one of the two leads to the file.
-    if (::link(path.c_str(), kept.c_str()) != 0) {
+    const auto [folder, name] = splitPath(path);
+    const auto temporary = folder + "/" + temporaryName(name);
+    // A second name, so that at each instant one leads to the file; and a third, so that an older
+    // file is kept until this one is.
+    if (::link(path.c_str(), temporary.c_str()) != 0) {
         throw FileError(Operation::write, kept, errno);
+    }
+    const bool isKept = ::rename(temporary.c_str(), kept.c_str()) == 0;
+    const int error = errno;
+    // It is still there, too, if this very file was kept before: then the rename does nothing.
+    ::unlink(temporary.c_str());
+    if (!isKept) {
+        throw FileError(Operation::write, kept, error);
     }
 }
 

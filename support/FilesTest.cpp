@@ -565,6 +565,31 @@ TEST_F(FilesTest, KeepsAnUnreadableFileInPlaceOfAnOlderOne) {
     }
 }
 
+TEST_F(FilesTest, KeepsTheSameUnreadableFileTwiceWithoutATrace) {
+    put(path, "unreadable");
+
+    keepUnreadable(path);
+    keepUnreadable(path);
+
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt", "notes.txt.unreadable"));
+}
+
+TEST_F(FilesTest, KeepsTheOlderUnreadableFileUnlessTheNewerIsKept) {
+    put(path, "older");
+    keepUnreadable(path);
+    fs::remove(path);
+
+    EXPECT_THROW(keepUnreadable(path), FileError);
+    EXPECT_EQ(contentOf(path + ".unreadable"), "older");
+
+    put(path, "newer");
+    fs::remove(path + ".unreadable");
+    fs::create_directory(path + ".unreadable");
+
+    EXPECT_THROW(keepUnreadable(path), FileError);
+    EXPECT_THAT(namesIn(folder), ElementsAre("notes.txt", "notes.txt.unreadable"));
+}
+
 TEST_F(FilesTest, ReadsNothingButRegularFiles) {
     ASSERT_EQ(::mkfifo(path.c_str(), secret), 0);
 

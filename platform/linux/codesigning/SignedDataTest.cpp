@@ -304,6 +304,25 @@ TEST_F(SignedDataTest, TrustsNoWeakKeyAndNoWeakDigest) {
     }
 }
 
+TEST_F(SignedDataTest, TrustsNoRootWithAWeakKey) {
+    for (const bool isWeak : {false, true}) {
+        test::CertificateRequest authority;
+        authority.isAuthority = true;
+        authority.keyUsage = "keyCertSign";
+        authority.commonName = "Root";
+        authority.weakKey = isWeak;
+        const Identity root(authority);
+        authority.commonName = "Intermediate";
+        authority.weakKey = false;
+        const Identity intermediate(authority, &root);
+        const Identity leaf(test::codeSigningLeaf(), &intermediate);
+        const std::string ownMessage = cmsMessage(
+            content(), {.signers = {&leaf}, .certificates = {intermediate.certificate()}});
+
+        EXPECT_EQ(verify(ownMessage, root.certificatePem()).has_value(), !isWeak);
+    }
+}
+
 TEST_F(SignedDataTest, RefusesASignatureOfOtherContent) {
     const std::string other = test::signatureOf("", "com.brackwen.tarnvalf", chain);
     std::string forged = other;

@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -29,6 +30,7 @@
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Pipe.h"
 #include "tests/support/RawPeer.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/UnixSockets.h"
 
 namespace tarnvale::platform {
@@ -735,6 +737,19 @@ TEST_F(DBusTransportTest, WhoeverIsTurnedAwayAgainAndAgainIsNotEvenAsked) {
     EXPECT_TRUE(eventually([] { return Client().call("HelperVersion", "").has_value(); }));
 }
 
+TEST_F(DBusTransportTest, TurnsAPeerAwayWhoseSignatureIsBadBeforeItSpeaks) {
+    signing.valid = false;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int count = 0; count < 100; ++count) {
+        ASSERT_TRUE(connectRaw().closesWithin(5s));
+    }
+
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(doorkeeper.asked, 20);
+    EXPECT_LE(doorkeeper.asked, 21 + took / 1s);
+    EXPECT_EQ(signing.checks, doorkeeper.asked) << "one check of each is enough";
+}
+
 TEST_F(DBusTransportTest, RetiresOnlyWhenNobodyIsThere) {
     doorkeeper.hasDecided = false;
     std::optional<RawPeer> peer = connectRaw();
@@ -910,6 +925,23 @@ TEST(ListeningSocketTest, APassedOneIsNothingThatAChildInherits) {
 
     EXPECT_EQ(taken.get(), passed);
     EXPECT_EQ(::fcntl(passed, F_GETFD), FD_CLOEXEC);
+}
+
+TEST(ListeningSocketTest, LeavesNothingBehindThatItCannotOffer) {
+    const std::string path = listeningSocketPath;
+    const auto folder = path.substr(0, path.rfind('/'));
+    const auto before = test::namesIn(folder);
+
+    std::thread([] {
+        test::refuseCall(SYS_listen, EADDRINUSE);
+        EXPECT_THAT(
+            [] { openListeningSocket(0); },
+            testing::ThrowsMessage<TransportError>(
+                "Could not offer /run/com.brackwen.tarnvale.adminhelper.socket: Address already "
+                "in use."));
+    }).join();
+
+    EXPECT_EQ(test::namesIn(folder), before);
 }
 
 TEST(ListeningSocketTest, LeavesAnythingElseAlone) {

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "helperctl/commands/Export.h"
@@ -91,16 +92,24 @@ TEST_F(ConfirmationTest, TakesAnInterruptionForANo) {
 
 TEST_F(ConfirmationTest, IsNotStopped) {
     type("yes\n");
-    EXPECT_EXIT(
-        {
-            noteInterruptions();
-            for (const int signal : {SIGTSTP, SIGTTIN, SIGTTOU}) {
-                ::raise(signal);
-            }
-            ::_exit(isConfirmed(input.get(), 60) ? 0 : 1);
-        },
-        testing::ExitedWithCode(0),
-        "");
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        noteInterruptions();
+        for (const int signal : {SIGTSTP, SIGTTIN, SIGTTOU}) {
+            ::raise(signal);
+        }
+        ::_exit(isConfirmed(input.get(), 60) ? 0 : 1);
+    }
+
+    // An EXPECT_EXIT would wait for the end of a process that has been stopped.
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, WUNTRACED), child);
+    EXPECT_EQ(status, 0);
+    if (WIFSTOPPED(status)) {
+        ::kill(child, SIGKILL);
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    }
 }
 
 NetworkFirewall::PolicyStore storeWith(const std::vector<test::OwnerText>& owners) {

@@ -28,13 +28,19 @@ std::string file(const std::string& name) {
     return std::string(repository) + "/" + name;
 }
 
-/// A defect that makes another word of the limit.
-void putDefect(const std::string& name, const std::string& word, const std::string& header = "") {
+/// A defect that makes another word of the one in the file, such as the limit.
+void putDefect(
+    const std::string& name,
+    const std::string& word,
+    const std::string& header = "",
+    const std::string& changed = "unit/Limit") {
+    std::string difference =
+        "diff --git a/FILE b/FILE\n--- a/FILE\n+++ b/FILE\n@@ -1 +1 @@\n-right\n+";
+    for (std::size_t place = 0; (place = difference.find("FILE", place)) != std::string::npos;) {
+        difference.replace(place, 4, changed);
+    }
     put(file("tests/mutants/" + name + ".patch"),
-        "It would do harm.\n" + header +
-            "\ndiff --git a/unit/Limit b/unit/Limit\n--- a/unit/Limit\n+++ b/unit/Limit\n"
-            "@@ -1 +1 @@\n-right\n+" +
-            word + "\n");
+        "It would do harm.\n" + header + "\n" + difference + word + "\n");
 }
 
 class MutantsTest : public testing::Test {
@@ -51,6 +57,9 @@ protected:
         }
         put(file(".gitignore"), "build/\n");
         put(file("unit/Limit"), "right\n");
+        put(file("room/inner/Text"), "right\n");
+        put(file("room/other/Text"), "right\n");
+        put(file("papers/Text"), "right\n");
         fs::create_directories(file("tests/mutants"));
         fs::create_directories(file("tests/macos/mutants"));
 
@@ -58,8 +67,9 @@ protected:
         // …".
         putScript(
             "/tmp/mutants/bin/cmake",
-            "mkdir -p \"$6/unit\"\ntouch \"$6/build.ninja\" \"$6/CTestTestfile.cmake\" "
-            "\"$6/unit/CTestTestfile.cmake\"\n");
+            "mkdir -p \"$6/unit\" \"$6/room/other\"\n"
+            "touch \"$6/build.ninja\" \"$6/CTestTestfile.cmake\" \"$6/unit/CTestTestfile.cmake\" "
+            "\"$6/room/other/CTestTestfile.cmake\"\n");
         putScript(
             "/tmp/mutants/bin/ninja",
             "echo \"$*\" >>/tmp/mutants/built\ncd \"$2\"\n"
@@ -70,15 +80,18 @@ protected:
             "cd /tmp/mutants/sources/build/mutants/tests\n"
             "! grep -q direct unit/Limit || { echo '[  FAILED  ] LimitTest.IsKept (0 ms)'; exit 1; "
             "}\n"
+            "[[ $* != *NoMore* ]] || { echo '[  PASSED  ] 0 tests.'; exit; }\n"
             "echo '[       OK ] LimitTest.IsKept (0 ms)'\n");
         putScript(
             "/tmp/mutants/bin/ctest",
             "cd /tmp/mutants/sources/build/mutants/tests\n"
-            "case $2 in\n*/unit/) word=related ;;\n*) word='related\\|distant' ;;\nesac\n"
-            "! grep -q \"$word\" unit/Limit || {\n"
+            "[[ $* != *' -N' ]] || { echo 'Total Tests: 9'; exit; }\n"
+            "case $2 in\n*/unit/) word=related ;;\n*/room/other/) word=neighbour ;;\n"
+            "*) word='related\\|distant' ;;\nesac\n"
+            "! grep -q \"$word\" unit/Limit room/inner/Text || {\n"
             "printf 'The following tests FAILED:\\n\\t  7 - WholeTest.Works (Failed)\\n'\nexit "
             "8\n}\n"
-            "echo '100% tests passed, 0 tests failed out of 9'\n");
+            "echo '1/9 Test #7: WholeTest.Works ...   Passed    0.01 sec'\n");
         run({"/usr/bin/git", "-C", repository, "init", "--quiet"});
     }
 
@@ -112,6 +125,36 @@ TEST_F(MutantsTest, NamesTheTestThatCatchesADefect) {
     EXPECT_EQ(planted.status, 0);
     EXPECT_EQ(contentOf(file("unit/Limit")), "right\n");
     EXPECT_EQ(contentOf(file("build/mutants/tests/unit/Limit")), "right\n");
+}
+
+TEST_F(MutantsTest, RunsEachCheckThatADefectNames) {
+    putDefect("named-twice", "related", std::string(directly) + "Caught by: unit/\n");
+
+    EXPECT_EQ(
+        mutants("--related").output,
+        "named-twice: caught by WholeTest.Works\nmutants: 1 of 1 defects caught (0 equivalent)\n");
+}
+
+TEST_F(MutantsTest, TakesTheTestsOfTheRoomForAFolderThatHasNone) {
+    putDefect("inside", "neighbour", "", "room/inner/Text");
+
+    EXPECT_EQ(
+        mutants("--related").output,
+        "inside: caught by WholeTest.Works\nmutants: 1 of 1 defects caught (0 equivalent)\n");
+}
+
+TEST_F(MutantsTest, SaysIfNoTestBelongsToADefect) {
+    putDefect("of-papers", "subtle", "", "papers/Text");
+    putDefect("of-the-past", "subtle", "\nCaught by: unit_test --gtest_filter=LimitTest.NoMore\n");
+
+    const auto planted = mutants();
+
+    EXPECT_EQ(
+        planted.output,
+        "of-papers: error: papers has no tests\n"
+        "of-the-past: error: unit_test --gtest_filter=LimitTest.NoMore runs no test\n"
+        "mutants: 0 of 0 defects caught (0 equivalent; in error: of-papers of-the-past)\n");
+    EXPECT_EQ(planted.status, 1);
 }
 
 TEST_F(MutantsTest, FailsForADefectThatIsMissed) {

@@ -96,6 +96,22 @@ const std::vector<CallDeed>& allRefusals() {
     return refusals;
 }
 
+const CallDeed& deathNamed(std::string_view name) {
+    return *std::ranges::find(allDeaths(), name, &CallDeed::name);
+}
+
+const CallDeed& refusalNamed(std::string_view name) {
+    return *std::ranges::find(allRefusals(), name, &CallDeed::name);
+}
+
+CallDeed restrictedTo(const std::set<std::string>& calls, const CallDeed& deed) {
+    auto restricted = deed;
+    restricted.fits = [calls, fits = deed.fits](const ListedCall& listed) {
+        return calls.contains(nameOfCall(listed.call.number)) && fits(listed);
+    };
+    return restricted;
+}
+
 CallSweep::~CallSweep() {
     stop();
 }

@@ -8,7 +8,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/reliability/CallWatch.h"
@@ -29,6 +31,13 @@ const std::vector<CallDeed>& allDeaths();
 
 /// The call fails once with an error that the kernel may give it, or is made for half of its bytes.
 const std::vector<CallDeed>& allRefusals();
+
+/// The one with that name, which must be one of them.
+const CallDeed& deathNamed(std::string_view name);
+const CallDeed& refusalNamed(std::string_view name);
+
+/// The same deed at the calls of these names only, such as "openat".
+CallDeed restrictedTo(const std::set<std::string>& calls, const CallDeed& deed);
 
 /// A point is the number of a call among those that the deed fits.
 class CallSweep : public Sweep {

@@ -3,16 +3,13 @@
 // The service while it is killed, and while the system refuses it a call: samples of what
 // `scripts/reliability kill` and `scripts/reliability errno` sweep.
 
-#include <algorithm>
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/reliability/CallErrors.h"
 #include "tests/reliability/CallSweep.h"
 #include "tests/reliability/Paths.h"
 #include "tests/support/SkipReasons.h"
@@ -22,11 +19,6 @@ namespace {
 
 using testing::Gt;
 using testing::IsEmpty;
-
-/// By the text of the name: whether equal literals share an address is up to the compiler.
-const Path& pathNamed(std::string_view name) {
-    return *std::ranges::find_if(allPaths(), [&](const Path& path) { return path.name == name; });
-}
 
 class CallTest : public testing::Test {
 protected:
@@ -39,15 +31,11 @@ protected:
     /// among the points, and it still takes seconds.
     void expectNoViolation(
         const char* path,
-        CallDeed deed,
+        const CallDeed& deed,
         const std::set<std::string>& calls,
         const Points& points = {}) {
-        const auto fits = deed.fits;
-        deed.fits = [&](const ListedCall& listed) {
-            return fits(listed) &&
-                   (calls.empty() || calls.contains(nameOfCall(listed.call.number)));
-        };
-        const auto outcome = sweep_->run(pathNamed(path), deed, points);
+        const auto outcome =
+            sweep_->run(pathNamed(path), calls.empty() ? deed : restrictedTo(calls, deed), points);
         EXPECT_THAT(outcome.violations, IsEmpty());
         EXPECT_THAT(outcome.points, Gt(0U)) << "the path has no such call any more";
     }
@@ -63,8 +51,7 @@ protected:
         const char* death,
         const std::set<std::string>& calls,
         const Points& points = {}) {
-        CallTest::expectNoViolation(
-            path, *std::ranges::find(allDeaths(), death, &CallDeed::name), calls, points);
+        CallTest::expectNoViolation(path, deathNamed(death), calls, points);
     }
 };
 
@@ -75,8 +62,7 @@ protected:
         const char* error,
         const std::set<std::string>& calls = {},
         const Points& points = {}) {
-        CallTest::expectNoViolation(
-            path, *std::ranges::find(allRefusals(), error, &CallDeed::name), calls, points);
+        CallTest::expectNoViolation(path, refusalNamed(error), calls, points);
     }
 };
 

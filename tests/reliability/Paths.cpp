@@ -175,6 +175,16 @@ std::vector<fs::path> temporaryFiles() {
     return files;
 }
 
+/// The VLAN itself, and whether it is one that only its maker may leave, or the next helper.
+void putVLAN(MachineState& state) {
+    const std::string folder = vlan;
+    const bool isThere = exists(folder);
+    const bool isWhole = isThere && contentOf(folder + "/netdev_group") == "0\n";
+    state[vlan] =
+        isWhole ? contentOf(folder + "/ifalias") + contentOf(folder + "/flags") : "absent";
+    state[unfinishedVLAN] = isThere && !isWhole ? "there" : "";
+}
+
 std::vector<Path> pathsOfStart() {
     // The first allocation of a program is the C++ library's reserve for exceptions. Without that,
     // the library itself ends the program where there is no memory for one.
@@ -294,6 +304,8 @@ std::vector<Path> otherPaths() {
          .types = "sxs",
          .arguments = vlanArguments(),
          .bestEffort = {vlanRecordPath},
+         .doneOnce = vlan,
+         .mayLag = {vlanRecordPath},
          .needsVLANs = true},
         {.name = "vlan-delete",
          .prepare = createVLAN,
@@ -301,6 +313,8 @@ std::vector<Path> otherPaths() {
          .types = "s",
          .arguments = {"vlan0"},
          .bestEffort = {vlanRecordPath},
+         .doneOnce = vlan,
+         .mayLag = {vlanRecordPath},
          .needsVLANs = true}};
 }
 
@@ -323,9 +337,7 @@ MachineState machineState() {
         state[link] = targetOf(link);
     }
     state[legacyLink] = targetOf(legacyLink);
-    state[vlan] = exists(vlan) ? contentOf(std::string(vlan) + "/ifalias") +
-                                     contentOf(std::string(vlan) + "/flags")
-                               : "absent";
+    putVLAN(state);
     state["pf"] = exists(enabledPath) ? "enabled" : "disabled";
     state["what could not be read"] = whereIs(damagedStore, {storePath, storePath + ".unreadable"});
     state[oldPfConfKey] = whereIs(oldPfConf, {pfConfPath, backupPath});
@@ -367,6 +379,11 @@ const std::vector<Path>& allPaths() {
         return joined;
     }();
     return paths;
+}
+
+const Path& pathNamed(std::string_view name) {
+    // By the text of the name: whether equal literals share an address is up to the compiler.
+    return *std::ranges::find_if(allPaths(), [&](const Path& path) { return path.name == name; });
 }
 
 std::optional<Texts> callInTime(

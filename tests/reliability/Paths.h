@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/support/ServiceLab.h"
@@ -23,6 +24,10 @@ using MachineState = std::map<std::string, std::string>;
 
 /// The state that the machine is in now. Whatever is half made has a value of its own.
 MachineState machineState();
+
+/// The part of it that says whether there is a VLAN that is being made. A helper that is killed may
+/// leave one; the next takes it back before it makes or removes another.
+inline constexpr const char* unfinishedVLAN = "VLAN in the making";
 
 /// Whether the stored lists are those of that state, but the rules in force are not.
 bool contradicts(const MachineState& now, const MachineState& known);
@@ -46,11 +51,19 @@ struct Path {
     std::set<std::string> bestEffort{};  ///< what a success doesn't promise, of the machine's state
     /// What best-effort steps may leave in another state than either, unless the helper is killed.
     std::set<std::string> mayLose{};
+    /// The part of the machine's state that shows that it was done, if it can't be done again then:
+    /// whoever asks is refused.
+    std::string doneOnce{};
+    /// What a helper that is killed may leave for another request than this one to put right.
+    std::set<std::string> mayLag{};
     bool needsVLANs = false;       ///< of the kernel
     std::uint64_t firstPoint = 1;  ///< before it, others make allocations than the helper
 };
 
 const std::vector<Path>& allPaths();
+
+/// The path with that name, which must be one of them.
+const Path& pathNamed(std::string_view name);
 
 /// Whether the kernel has 802.1Q, and an Ethernet interface "en0".
 bool hasVLANs();

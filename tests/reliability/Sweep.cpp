@@ -212,12 +212,12 @@ void Sweep::judgeDeath(const std::optional<Texts>& reply, const Path& path) {
     if (!hasEndedItself(endLimit)) {
         report("it lives, though it was killed");
     }
-    judgeMachine(reply, path, {});
+    judgeMachine(reply, path, {unfinishedVLAN});
     succeed();
     if (!serves()) {
         report("its successor serves nobody");
     }
-    judgeMachine(reply, path, {});
+    judgeMachine(reply, path, {unfinishedVLAN});
     const auto now = machineState();
     const bool isDone = isOneOf(now.at(storePath), storePath, target_);
     if (contradicts(now, isDone ? target_ : before_)) {
@@ -232,14 +232,16 @@ void Sweep::judgeRepetition(const Path& path) {
         if (!client_) {
             client_ = std::make_unique<ServiceClient>(lab_.client);
         }
+        const bool isRefused = !path.doneOnce.empty() &&
+                               isOneOf(machineState().at(path.doneOnce), path.doneOnce, target_);
         const auto reply = ask(path);
-        if (!reply || !isSuccess(*reply)) {
-            report("asked again, it fails: " + (reply ? reply->back() : "no reply"));
+        if (!reply || isSuccess(*reply) == isRefused) {
+            report("asked again, it is answered: " + (reply ? reply->back() : "no reply"));
         }
     }
     const auto now = machineState();
     for (const auto& [key, value] : now) {
-        if (!isOneOf(value, key, target_)) {
+        if (!isOneOf(value, key, target_) && !path.mayLag.contains(key)) {
             report(std::string("asked again, it leaves ").append(key).append(": ").append(value));
         }
     }

@@ -32,9 +32,7 @@ protected:
             sweeper_ = std::make_unique<MemorySweep>();
         }
         const auto outcome = sweeper_->run(
-            *std::ranges::find(allPaths(), path, &Path::name),
-            *std::ranges::find(allShortages(), shortage, &Shortage::name),
-            points);
+            pathNamed(path), *std::ranges::find(allShortages(), shortage, &Shortage::name), points);
         std::cout << path << ' ' << shortage << ": " << outcome.points << " points\n";
         EXPECT_THAT(outcome.violations, IsEmpty());
         EXPECT_THAT(outcome.points, Gt(0U));

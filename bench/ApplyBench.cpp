@@ -96,10 +96,6 @@ void benchChangedList() {
         "the same, and keeps it",
         compare(
             rounds, [&] { return firewalld.changeStoredRule(); }, floor));
-    printRow(
-        "firewalld reloads 30 x 20",
-        compare(
-            5, [&] { return firewalld.reload(networks, 20); }, floor));
 }
 
 void benchSameList() {

@@ -15,9 +15,11 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -26,6 +28,7 @@
 #include "bench/EnforcementFloor.h"
 #include "bench/Firewalld.h"
 #include "bench/PolicyDocument.h"
+#include "bench/Precedence.h"
 #include "bench/Programs.h"
 #include "bench/SimdjsonPolicies.h"
 #include "bench/StoredPolicies.h"
@@ -97,6 +100,7 @@ void benchTime() {
                 [&] { return firewalld->reload(10, 20); }));
         firewalld.reset();
     }
+    const Precedence precedence;
     const auto reapplyOf = [](std::size_t networks) {
         storePolicies(networks, 20);
         return reapply();
@@ -156,43 +160,49 @@ void printMemory(const std::string& name, double bytes, double over) {
     std::fflush(stdout);
 }
 
-/// The helper with a pfctl that does nothing, then pfctl with the ruleset that the helper wrote.
-void benchMemoryOfAnApply(std::size_t networks, std::size_t rules) {
-    const std::string path = "/tmp/document.json";
-    test::put(path, policyDocument(networks, rules));
-    fs::remove(test::storePath);
+/// Does the work in a process of its own; the most memory that it took, in bytes. A program's peak
+/// begins with that of the process that started it, so this one has to stay small.
+double peakOf(const std::function<void()>& work) {
     const pid_t child = ::fork();
     require(child >= 0, "fork");
     if (child == 0) {
-        const auto document = support::readFile(path);
-        HelperFirewall::applyFirewall(*document, 501, false);
+        work();
         ::_exit(EXIT_SUCCESS);
     }
     int status = 0;
     rusage usage{};
-    require(::wait4(child, &status, 0, &usage) == child && status == 0, "apply");
-    const auto pfctl =
-        runProgram({TARNVALE_BIN_DIR "/pfctl", "-a", anchor, "-f", test::rulesetPath});
+    require(::wait4(child, &status, 0, &usage) == child && status == 0, "work in a process");
+    return 1024.0 * static_cast<double>(usage.ru_maxrss);
+}
+
+double peakOfProgram(const std::vector<std::string>& words) {
+    return 1024.0 * static_cast<double>(runProgram(words).peakKibibytes);
+}
+
+/// The helper with a pfctl that does nothing, then pfctl with the ruleset that the helper wrote.
+void benchMemoryOfAnApply(std::size_t networks, std::size_t rules) {
+    const std::string path = "/tmp/document.json";
+    peakOf([&] { test::put(path, policyDocument(networks, rules)); });
+    fs::remove(test::storePath);
+    const double applying = peakOf([&path] {
+        const auto document = support::readFile(path);
+        HelperFirewall::applyFirewall(*document, 501, false);
+    });
+    const double pfctl =
+        peakOfProgram({TARNVALE_BIN_DIR "/pfctl", "-a", anchor, "-f", test::rulesetPath});
     const auto document = static_cast<double>(fs::file_size(path));
     const std::string size = std::to_string(networks) + " x " + std::to_string(rules);
-    printMemory(
-        "applying " + size + ", peak over sent",
-        1024.0 * static_cast<double>(usage.ru_maxrss),
-        document);
-    printMemory(
-        "pfctl -f, " + size + ", peak over sent",
-        1024.0 * static_cast<double>(pfctl.peakKibibytes),
-        document);
+    printMemory("applying " + size + ", peak over sent", applying, document);
+    printMemory("pfctl -f, " + size + ", peak over sent", pfctl, document);
 }
 
 void benchMemory() {
     installPfctl(emptyPath);
-    const auto bytes = storePolicies(16384, 10);
-    const auto peak = runProgram({helperPath, "--reapply"}).peakKibibytes * 1024;
+    peakOf([] { storePolicies(16384, 10); });
     printMemory(
         "--reapply, 16384 x 10, peak over stored",
-        static_cast<double>(peak),
-        static_cast<double>(bytes));
+        peakOfProgram({helperPath, "--reapply"}),
+        static_cast<double>(fs::file_size(test::storePath)));
     benchMemoryOfAnApply(16384, 10);
     benchMemoryOfAnApply(16384, 100);
 }
@@ -203,13 +213,13 @@ void run(std::string_view part) {
         std::exit(EXIT_FAILURE);
     }
     std::printf("%-44s %15s %15s %9s\n", "", "measured", "floor", "ratio");
+    if (part.empty() || part == "memory") {
+        benchMemory();
+    }
     if (part.empty() || part == "time") {
         benchTime();
         benchOneOfMany();
         benchLongList();
-    }
-    if (part.empty() || part == "memory") {
-        benchMemory();
     }
 }
 

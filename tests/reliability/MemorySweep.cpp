@@ -45,7 +45,7 @@ const std::vector<Shortage>& allShortages() {
 Outcome MemorySweep::run(const Path& path, const Shortage& shortage, const Points& points) {
     begin(path);
     const auto first = std::max(points.first, path.firstPoint);
-    const auto last = std::min(points.last, allocationsOf(path));
+    const auto last = std::min(points.last, allocationsOf(path, shortage));
     for (auto number = first; number <= last; number += points.step) {
         setPoint(std::string(path.name) + " " + shortage.name + " " + std::to_string(number));
         meet([&] { return disturb(path, shortage, number); });
@@ -58,9 +58,10 @@ std::unique_ptr<Program> MemorySweep::startHelper(const std::vector<std::string>
         commandLine, "", Surroundings{.environment = faults_.environment(), .descriptors = {}});
 }
 
-/// The most that the path has made when nothing failed: what happens beside the request, such as
-/// the end of an earlier connection, is in one run and not in another.
-std::uint64_t MemorySweep::allocationsOf(const Path& path) {
+/// The most that the path has made, with all that the shortage concerns, when nothing failed: what
+/// happens beside the request, such as the end of an earlier connection, is in one run and not in
+/// another.
+std::uint64_t MemorySweep::allocationsOf(const Path& path, const Shortage& shortage) {
     constexpr int runs = 3;
     constexpr auto never = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t most = 0;
@@ -68,6 +69,9 @@ std::uint64_t MemorySweep::allocationsOf(const Path& path) {
         toBeginningOf(path);
         faults_.begin({.first = never});
         static_cast<void>(ask(path));
+        if (shortage.outlastsRequest) {
+            static_cast<void>(serves());
+        }
         faults_.end();
         most = std::max(most, faults_.made());
     }

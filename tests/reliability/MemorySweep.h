@@ -35,7 +35,7 @@ public:
 private:
     std::unique_ptr<Program> startHelper(const std::vector<std::string>& commandLine) override;
     void endDisturbance() override { faults_.end(); }
-    std::uint64_t allocationsOf(const Path& path);
+    std::uint64_t allocationsOf(const Path& path, const Shortage& shortage);
     bool disturb(const Path& path, const Shortage& shortage, std::uint64_t number);
 
     AllocationFaults faults_{"TarnvaleAdminHelper"};

@@ -100,8 +100,9 @@ SoakFigures soak(const SoakPlan& plan) {
     constexpr int parts = 5;
     std::size_t firstLooks = 0;
     const auto isEnough = [&] {
-        return figures.laterLooks >= minLooks && storm.figures().requests >= plan.minRequests &&
-               missingIn(storm.figures(), stormPlan).empty();
+        return !storm.figures().violations.empty() ||
+               (figures.laterLooks >= minLooks && storm.figures().requests >= plan.minRequests &&
+                missingIn(storm.figures(), stormPlan).empty());
     };
     while (Clock::now() < begin + plan.duration ||
            (!isEnough() && Clock::now() < begin + plan.duration + extraLimit)) {

@@ -225,6 +225,7 @@ private:
     void disturb(
         const std::function<void()>& act, std::uint64_t seed, std::chrono::milliseconds pauseLimit);
     void restart();
+    static void awaitFreeSocket();
     void reapply();
     void askUntilTheEnd(Asker& asker);
     void ask(Asker& asker);
@@ -409,10 +410,23 @@ void Storm::Course::restart() {
     if (end.status != killedStatus) {
         violated("it ended with status " + std::to_string(end.status) + ": " + end.error);
     }
+    awaitFreeSocket();
     launch();
     const std::lock_guard lock(mutex_);
     kills_.back().end = Clock::now();
     ++figures_.kills;
+}
+
+/// A process that was about to become a pfctl has the killed helper's socket until it does, and the
+/// next helper would rightly leave it to whoever listens.
+void Storm::Course::awaitFreeSocket() {
+    const auto end = Clock::now() + startLimit;
+    while (connectToService()) {
+        if (Clock::now() > end) {
+            throw std::runtime_error("somebody listens, though the helper was killed");
+        }
+        std::this_thread::sleep_for(1ms);
+    }
 }
 
 void Storm::Course::reapply() {

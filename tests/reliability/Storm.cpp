@@ -92,13 +92,19 @@ std::string valueOf(const std::string& path) {
     return content.ends_with("nameserver 127.0.0.1\nport 5380\ntimeout 2\n") ? "file" : content;
 }
 
-/// Whether a request for links says so that finds them other than it has just seen them.
+/// Whether a request for links or resolver files says so that finds them other than it has just
+/// seen them.
 bool isOfRace(const std::string& message) {
-    return std::ranges::any_of(links, [&](const std::string& link) {
-        return message.starts_with("Could not link " + link + ": ") ||
-               message == "Could not remove " + link + "." ||
-               message.starts_with(link + " already exists and isn't a Tarnvale link.");
-    });
+    return std::ranges::any_of(
+               links,
+               [&](const std::string& link) {
+                   return message.starts_with("Could not link " + link + ": ") ||
+                          message == "Could not remove " + link + "." ||
+                          message.starts_with(link + " already exists and isn't a Tarnvale link.");
+               }) ||
+           std::ranges::any_of(resolverFiles, [&](const fs::path& file) {
+               return message == "“" + file.filename().string() + "” couldn’t be removed.";
+           });
 }
 
 /// For each network in a listing of rules, the ports that tell which list it is of.
@@ -214,8 +220,9 @@ private:
         Span seen;
     };
 
-    /// A request for links that another one got in the way of.
+    /// A request for links or resolver files that another one got in the way of.
     struct FileRefusal {
+        std::string path;  ///< one that it was for
         Span span;
         std::string message;
     };
@@ -576,16 +583,18 @@ void Storm::Course::record(
             break;
         case Wish::linksOn:
         case Wish::linksOff:
-            recordFiles(wish, span, isDone);
-            if (reply && !isDone) {
-                fileRefusals_.push_back({.span = span, .message = reply->back()});
-                ++figures_.refused;
-                return;
-            }
-            break;
         case Wish::resolverOn:
         case Wish::resolverOff:
             recordFiles(wish, span, isDone);
+            if (reply && !isDone) {
+                const bool isForLinks = wish == Wish::linksOn || wish == Wish::linksOff;
+                fileRefusals_.push_back(
+                    {.path = isForLinks ? links.front() : resolverFiles.front(),
+                     .span = span,
+                     .message = reply->back()});
+                ++figures_.refused;
+                return;
+            }
             break;
         default:
             break;
@@ -677,11 +686,11 @@ void Storm::Course::lookAtReports() {
     reports_.clear();
 }
 
-/// None but a request for the same links, made at the same time, gets in the way of one.
+/// None but a request for the same files, made at the same time, gets in the way of one.
 void Storm::Course::lookAtFileRefusals() {
     for (const auto& refusal : fileRefusals_) {
-        if (!isOfRace(refusal.message) || !files_[links.front()].hasOthersIn(refusal.span)) {
-            violated("a request for links failed: " + refusal.message);
+        if (!isOfRace(refusal.message) || !files_[refusal.path].hasOthersIn(refusal.span)) {
+            violated("a request for " + refusal.path + " failed: " + refusal.message);
         }
     }
     fileRefusals_.clear();

@@ -2,8 +2,9 @@
 //
 // Any bytes as a signed executable, as its CMS message, as its signed text and as the roots. Most
 // are messages that were changed and then signed again, so that it takes more than the signature to
-// tell what is wrong with them. Whatever a message says, nothing is trusted without roots, who
-// trusts it reads the same in it as who doesn't ask, and it takes only so much time.
+// tell what is wrong with them. Whatever a message says, nothing is trusted without roots, nor what
+// OpenSSL's own check of it refuses; whoever trusts it reads the same in it as whoever doesn't ask,
+// and it takes only so much time.
 
 #include <algorithm>
 #include <cstddef>
@@ -11,11 +12,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
 #include <string_view>
 
+#include <openssl/bio.h>
+#include <openssl/cms.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -64,6 +72,29 @@ std::optional<platform::Trusted> verifyInTime(std::string_view message, const st
     std::abort();
 }
 
+/// Whether OpenSSL's own check of a whole message, which asks nothing of the certificates' use,
+/// finds a chain to one of the roots and a good signature.
+bool verifiesByOpenSSL(std::string_view message, const std::string& rootsPem) {
+    const auto* next = reinterpret_cast<const unsigned char*>(message.data());
+    const std::unique_ptr<CMS_ContentInfo, decltype(&::CMS_ContentInfo_free)> decoded(
+        ::d2i_CMS_ContentInfo(nullptr, &next, static_cast<long>(message.size())),
+        ::CMS_ContentInfo_free);
+    const std::unique_ptr<X509_STORE, decltype(&::X509_STORE_free)> store(
+        ::X509_STORE_new(), ::X509_STORE_free);
+    const std::unique_ptr<BIO, decltype(&::BIO_free)> text(
+        ::BIO_new_mem_buf(rootsPem.data(), static_cast<int>(rootsPem.size())), ::BIO_free);
+    ::X509_STORE_set_purpose(store.get(), X509_PURPOSE_ANY);
+    while (X509* const root = ::PEM_read_bio_X509(text.get(), nullptr, nullptr, nullptr)) {
+        ::X509_STORE_add_cert(store.get(), root);
+        ::X509_free(root);
+    }
+    const bool verifies =
+        decoded &&
+        ::CMS_verify(decoded.get(), nullptr, store.get(), nullptr, nullptr, CMS_BINARY) == 1;
+    ::ERR_clear_error();
+    return verifies;
+}
+
 void readMessage(std::string_view message) {
     const auto claims = platform::readClaims(message);
     require(!claims || claims->content.sha256.size() == 64);
@@ -75,6 +106,7 @@ void readMessage(std::string_view message) {
     require(!problem || (!problem->empty() && !trusted));
     if (trusted) {
         require(claims && claims->content == trusted->content);
+        require(verifiesByOpenSSL(message, roots));
         require(trusted->chain.size() >= 2 && trusted->validUntil > std::time(nullptr));
         // Who reads the name of the team without a library finds the same, or none.
         require(!claims->teamIdentifier || claims->teamIdentifier == trusted->chain[0].subjectOU);
@@ -116,6 +148,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         readRoots(std::string(bytes));
     }
     if (const auto content = platform::parseSignedContent(bytes)) {
+        require(content->sha256.find_first_not_of("0123456789abcdef") == std::string::npos);
         require(
             "tarnvale-code-signature 1\nidentifier " + content->identifier + "\nsha256 " +
                 content->sha256 + "\n" ==

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// Words of a command line, each ended by a zero byte. They mean a command that means the same when
-// it is written again in the plainest way, or they end at once with a page or a complaint.
+// Words of a command line, each ended by a zero byte. They mean a command that means the same with
+// its options' values as words of their own, and when it is written again in the plainest way, or
+// they end at once with a page or a complaint.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -96,8 +98,51 @@ Words plainest(const Arguments& arguments) {
     return words;
 }
 
+bool takesValue(const std::string& name) {
+    bool isKnown = false;
+    bool takesOne = true;
+    const auto look = [&](std::span<const Option> options) {
+        for (const Option& option : options) {
+            if (option.name == name) {
+                isKnown = true;
+                takesOne = takesOne && !option.value.empty();
+            }
+        }
+    };
+    look(commonOptions());
+    for (const CommandForm& form : commandForms()) {
+        look(form.options);
+    }
+    return isKnown && takesOne;
+}
+
+/// With the value of each option as a word of its own, which may begin with what an option does.
+Words withValuesApart(const Words& words) {
+    Words apart;
+    bool isValue = false;
+    bool onlyOperands = false;
+    for (const std::string& word : words) {
+        const auto equals = word.find('=');
+        const bool isOption = !isValue && !onlyOperands && word.starts_with("--");
+        onlyOperands = onlyOperands || (isOption && word == "--");
+        if (isOption && equals != std::string::npos && takesValue(word.substr(0, equals))) {
+            apart.push_back(word.substr(0, equals));
+            apart.push_back(word.substr(equals + 1));
+        } else {
+            apart.push_back(word);
+        }
+        isValue = isOption && equals == std::string::npos && takesValue(word);
+    }
+    return apart;
+}
+
 void check(const Words& words) {
     const auto parsed = parse(words);
+    const auto apart = parse(withValuesApart(words));
+    require(parsed.index() == apart.index());
+    if (const auto* const read = std::get_if<Arguments>(&parsed)) {
+        require(std::get<Arguments>(apart) == *read);
+    }
     if (const auto* const early = std::get_if<EarlyExit>(&parsed)) {
         const bool isHelp = early->status == done;
         require(isHelp || early->status == usageError);

@@ -43,11 +43,34 @@ bool isPolicy(std::string_view text) {
     }
 }
 
+/// Controls of both sets, what turns the writing around, and what breaks a line.
 bool isHarmless(const std::string& page) {
-    return support::isValidUtf8(page) && std::ranges::none_of(page, [](char letter) {
-               const auto code = static_cast<unsigned char>(letter);
-               return (code < 0x20 && letter != '\n') || code == 0x7F;
-           });
+    const bool hasControls = std::ranges::any_of(page, [](char letter) {
+        const auto code = static_cast<unsigned char>(letter);
+        return (code < 0x20 && letter != '\n') || code == 0x7F;
+    });
+    bool hasOthers = false;
+    for (char last = '\x80'; last < '\xA0'; ++last) {
+        hasOthers = hasOthers || page.find(std::string("\xC2") + last) != std::string::npos;
+    }
+    for (const char* const harmful :
+         {"\u061C",
+          "\u200E",
+          "\u200F",
+          "\u2028",
+          "\u2029",
+          "\u202A",
+          "\u202B",
+          "\u202C",
+          "\u202D",
+          "\u202E",
+          "\u2066",
+          "\u2067",
+          "\u2068",
+          "\u2069"}) {
+        hasOthers = hasOthers || page.find(harmful) != std::string::npos;
+    }
+    return support::isValidUtf8(page) && !hasControls && !hasOthers;
 }
 
 void run(Arguments arguments, Command command, Format format) {

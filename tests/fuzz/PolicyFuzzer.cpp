@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: MIT
 //
 // Texts as they may stand in a firewall record: a name, a subnet, a gateway, a remote and ports,
-// one after the other, each ended by a zero byte. Whatever they hold, what they mean in a ruleset
-// is canonical, and every line of the ruleset is a comment or a rule.
+// one after the other, each ended by a zero byte. What they mean in a ruleset is what a second
+// reading finds, with the system's own functions for addresses; it is canonical, and every line of
+// the ruleset is a comment or a rule.
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <arpa/inet.h>
 
 #include "firewall/policy/Addresses.h"
 #include "firewall/policy/AnchorText.h"
@@ -25,8 +30,90 @@ namespace {
 
 using test::require;
 
-/// Reading a canonical form again does not change it.
+struct Network {
+    std::uint32_t address;
+    unsigned length;
+};
+
+std::string textOf(const Network& network) {
+    const in_addr address{.s_addr = htonl(network.address)};
+    std::array<char, INET_ADDRSTRLEN> text{};
+    ::inet_ntop(AF_INET, &address, text.data(), text.size());
+    return text.data() + ("/" + std::to_string(network.length));
+}
+
+/// The number of so many digits at most; nothing for another one, or for more than the limit.
+std::optional<unsigned> numberIn(const std::string& text, std::size_t digits, unsigned limit) {
+    if (text.empty() || text.size() > digits ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
+    const auto number = static_cast<unsigned>(std::stoul(text));
+    return number <= limit ? std::optional(number) : std::nullopt;
+}
+
+/// The network that inet_pton reads in front of the slash.
+std::optional<Network> networkBySystem(const std::string& text) {
+    const auto slash = text.find('/');
+    in_addr address{};
+    const auto length =
+        slash == std::string::npos ? std::optional(32U) : numberIn(text.substr(slash + 1), 2, 32);
+    if (!length || ::inet_pton(AF_INET, text.substr(0, slash).c_str(), &address) != 1) {
+        return std::nullopt;
+    }
+    return Network{.address = ntohl(address.s_addr), .length = *length};
+}
+
+std::optional<std::string> subnetBySystem(const std::string& text) {
+    auto network = networkBySystem(text);
+    constexpr std::uint32_t virtualNetworks = 192U << 8U | 168U;
+    if (!network || network->length < 20 || network->length > 30 ||
+        network->address >> 16U != virtualNetworks) {
+        return std::nullopt;
+    }
+    network->address -= network->address % (1U << (32 - network->length));
+    return textOf(*network);
+}
+
+std::optional<std::string> remoteBySystem(std::string text) {
+    const auto network = networkBySystem(text);
+    std::ranges::transform(text, text.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+    });
+    if (text.empty() || text == "any") {
+        return "any";
+    }
+    return network ? std::optional(textOf(*network)) : std::nullopt;
+}
+
+std::optional<std::string> portsByWalk(std::string text) {
+    constexpr unsigned maxPort = 65535;
+    std::ranges::replace(text, '-', ':');
+    std::vector<unsigned> ports;
+    for (const auto piece : support::split(text, ':')) {
+        std::string digits(piece.substr(piece.starts_with('+') ? 1 : 0));
+        digits.erase(0, std::min(digits.find_first_not_of('0'), digits.size()));
+        const auto port = numberIn(digits, 5, maxPort);
+        if (!piece.empty() && !port) {
+            return std::nullopt;
+        }
+        if (port) {
+            ports.push_back(*port);
+        }
+    }
+    if (ports.empty() || ports.size() > 2 || ports.front() > ports.back()) {
+        return std::nullopt;
+    }
+    return std::to_string(ports.front()) +
+           (ports.size() == 2 ? ":" + std::to_string(ports.back()) : "");
+}
+
+/// A second reading finds the same meaning, and reading a canonical form again does not change it.
 void checkForms(const std::string& text) {
+    const std::string trimmed(support::trimWhitespace(text));
+    require(canonicalSubnet(text) == subnetBySystem(trimmed));
+    require(normalizedRemote(text) == remoteBySystem(trimmed));
+    require(normalizedPorts(text) == portsByWalk(trimmed));
     if (const auto subnet = canonicalSubnet(text)) {
         require(canonicalSubnet(*subnet) == subnet && test::isPfAddress(*subnet));
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Bytes as a network's rules and as packets. The rules that the analysis calls idle can all go
+// InputBytes as a network's rules and as packets. The rules that the analysis calls idle can all go
 // without the verdict on any of these packets changing; a packet's text is read as the packet.
 
 #include <algorithm>
@@ -14,34 +14,18 @@
 
 #include "firewall/analysis/Effects.h"
 #include "firewall/analysis/Packet.h"
+#include "tests/fuzz/InputBytes.h"
 #include "tests/fuzz/Require.h"
 
 namespace tarnvale::FirewallAnalysis {
 
 namespace {
 
+using test::InputBytes;
 using test::require;
 
-class Bytes {
-public:
-    explicit Bytes(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-
-    bool isEmpty() const { return bytes_.empty(); }
-    std::uint8_t next() {
-        if (bytes_.empty()) {
-            return 0;
-        }
-        const std::uint8_t byte = bytes_.front();
-        bytes_ = bytes_.subspan(1);
-        return byte;
-    }
-
-private:
-    std::span<const std::uint8_t> bytes_;
-};
-
 /// A few bytes each, so that rules meet often.
-NetworkFirewall::FirewallRule ruleOf(Bytes& bytes) {
+NetworkFirewall::FirewallRule ruleOf(InputBytes& bytes) {
     using NetworkFirewall::FirewallRule;
     const unsigned bits = bytes.next();
     FirewallRule rule;
@@ -72,7 +56,7 @@ bool passes(
 }
 
 void check(std::span<const std::uint8_t> data) {
-    Bytes bytes(data);
+    InputBytes bytes(data);
     NetworkFirewall::FirewallNetworkPolicy policy;
     policy.subnetCIDR = "192.168.64.0/24";
     policy.gatewayIPv4 = "192.168.64.1";

@@ -100,21 +100,6 @@ private:
 
 }  // namespace
 
-std::uint8_t InputBytes::next() {
-    if (bytes_.empty()) {
-        return 0;
-    }
-    const std::uint8_t byte = bytes_.front();
-    bytes_ = bytes_.subspan(1);
-    return byte;
-}
-
-std::string InputBytes::next(std::size_t size) {
-    const auto taken = bytes_.first(std::min(size, bytes_.size()));
-    bytes_ = bytes_.subspan(taken.size());
-    return {taken.begin(), taken.end()};
-}
-
 std::vector<std::string> answersOf(InputBytes& input, const MessageFamily& family) {
     std::vector<std::string> datagrams;
     DatagramWriter datagram;

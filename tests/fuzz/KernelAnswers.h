@@ -8,28 +8,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "support/UniqueFd.h"
+#include "tests/fuzz/InputBytes.h"
 
 namespace tarnvale::test {
-
-/// The bytes of an input, one after the other; zeros follow the last.
-class InputBytes {
-public:
-    explicit InputBytes(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-
-    bool isEmpty() const { return bytes_.empty(); }
-    std::uint8_t next();
-    std::string next(std::size_t size);  ///< fewer at the end
-
-private:
-    std::span<const std::uint8_t> bytes_;
-};
 
 /// What differs from one family of messages to another.
 struct MessageFamily {

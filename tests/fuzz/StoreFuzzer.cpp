@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Bytes as what users apply one after the other, and on what machine. The store, the merge, its
-// claims, the review and the ruleset's verdict on packets are compared with a model that is slow
-// and plain: it looks everything up in tables, where each text stands beside what it means.
+// InputBytes as what users apply one after the other, and on what machine. The store, the merge,
+// its claims, the review and the ruleset's verdict on packets are compared with a model that is
+// slow and plain: it looks everything up in tables, where each text stands beside what it means.
 
 #include <algorithm>
 #include <array>
@@ -21,6 +21,7 @@
 #include "firewall/policy/Review.h"
 #include "pfctl/kernel/Dispatch.h"
 #include "pfctl/language/RulesetParser.h"
+#include "tests/fuzz/InputBytes.h"
 #include "tests/fuzz/Require.h"
 #include "tests/support/PacketFilterModel.h"
 
@@ -28,31 +29,9 @@ namespace tarnvale::NetworkFirewall {
 
 namespace {
 
+using test::InputBytes;
 using test::require;
 using Networks = std::vector<FirewallNetworkPolicy>;
-
-class Bytes {
-public:
-    explicit Bytes(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-
-    bool isEmpty() const { return bytes_.empty(); }
-    std::size_t below(std::size_t bound) {
-        if (bytes_.empty()) {
-            return 0;
-        }
-        const std::uint8_t byte = bytes_.front();
-        bytes_ = bytes_.subspan(1);
-        return byte % bound;
-    }
-    bool flag() { return below(2) > 0; }
-    template <class Table>
-    const auto& of(const Table& table) {
-        return table[below(table.size())];
-    }
-
-private:
-    std::span<const std::uint8_t> bytes_;
-};
 
 constexpr std::uint32_t address(unsigned a, unsigned b, unsigned c, unsigned d) {
     return a << 24U | b << 16U | c << 8U | d;
@@ -192,7 +171,7 @@ const Meaning& meaningOf(std::span<const Meaning> table, std::string_view text) 
     return *std::ranges::find(table, text, &Meaning::text);
 }
 
-FirewallRule madeRule(Bytes& bytes) {
+FirewallRule madeRule(InputBytes& bytes) {
     FirewallRule rule;
     rule.enabled = bytes.below(4) > 0;
     rule.direction = bytes.of(FirewallRule::allDirections);
@@ -203,7 +182,7 @@ FirewallRule madeRule(Bytes& bytes) {
     return rule;
 }
 
-Networks madeNetworks(Bytes& bytes) {
+Networks madeNetworks(InputBytes& bytes) {
     Networks networks(bytes.below(4));
     for (FirewallNetworkPolicy& network : networks) {
         network.networkID.bytes[15] = static_cast<std::uint8_t>(bytes.below(4));
@@ -456,7 +435,7 @@ bool passes(const Networks& networks, const Packet& packet) {
     return true;
 }
 
-Packet madePacket(Bytes& bytes) {
+Packet madePacket(InputBytes& bytes) {
     const auto endOf = [&](const Meaning& meaning) {
         const Range range = meaning.range.value_or(lab);
         return bytes.flag() ? range.last : range.first;
@@ -510,7 +489,7 @@ void checkPacket(
     require((!decides || rules[*decides].action == pfctl::Action::pass) == expected);
 }
 
-void check(Bytes bytes) {
+void check(InputBytes bytes) {
     PolicyStore store;
     Lists lists;
     if (bytes.flag()) {
@@ -569,6 +548,6 @@ void check(Bytes bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr std::size_t maxBytes = 1024;
     tarnvale::NetworkFirewall::check(
-        tarnvale::NetworkFirewall::Bytes({data, std::min(size, maxBytes)}));
+        tarnvale::NetworkFirewall::InputBytes({data, std::min(size, maxBytes)}));
     return 0;
 }

@@ -24,6 +24,7 @@
 
 #include "core/service/CallerAuthorization.h"
 #include "tests/reliability/Conclusion.h"
+#include "tests/reliability/Paths.h"
 #include "tests/reliability/SerialOrders.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/Program.h"
@@ -230,7 +231,10 @@ private:
     std::unique_ptr<Program> begin(const std::vector<std::string>& command);
     void launch();
     void disturb(
-        const std::function<void()>& act, std::uint64_t seed, std::chrono::milliseconds pauseLimit);
+        const std::function<void()>& act,
+        std::uint64_t seed,
+        std::chrono::milliseconds pauseLimit,
+        bool isLast);
     void restart();
     static void awaitFreeSocket();
     void reapply();
@@ -341,9 +345,14 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
     threads.reserve(askers_.size() + 2);
     if (plan_.isDisturbed) {
         const auto seed = plan_.seed + round_;
+        const bool isLast = round_ % 2 == 0;
+        const auto longestLife =
+            isLast ? plan_.longestLife : std::min(plan_.longestLife, duration / 2);
+        threads.emplace_back([this, seed, longestLife, isLast] {
+            disturb([this] { restart(); }, seed, longestLife, isLast);
+        });
         threads.emplace_back(
-            [this, seed] { disturb([this] { restart(); }, seed, plan_.longestLife); });
-        threads.emplace_back([this, seed] { disturb([this] { reapply(); }, seed, 100ms); });
+            [this, seed, isLast] { disturb([this] { reapply(); }, seed, 100ms, isLast); });
     }
     for (auto& asker : askers_) {
         threads.emplace_back([this, &asker] { askUntilTheEnd(asker); });
@@ -383,22 +392,25 @@ void Storm::Course::disconnect() {
     }
 }
 
-/// Does it again and again, after pauses that are no longer than that, and at least once. In some
-/// periods it is also the last that happens; in the others, the last requests get their replies.
+/// Does it at least once, and again and again, after pauses that are no longer than that. It is the
+/// last that happens, or else well before the end, so that the last requests get their replies.
 void Storm::Course::disturb(
-    const std::function<void()>& act, std::uint64_t seed, std::chrono::milliseconds pauseLimit) {
+    const std::function<void()>& act,
+    std::uint64_t seed,
+    std::chrono::milliseconds pauseLimit,
+    bool isLast) {
     std::mt19937_64 random(seed);
     std::uniform_int_distribution<std::int64_t> pause(0, pauseLimit.count());
     try {
-        for (bool isFirst = true; isFirst || !ends_; isFirst = false) {
+        do {
             const auto until = Clock::now() + std::chrono::milliseconds(pause(random));
             while (!ends_ && Clock::now() < until) {
                 std::this_thread::sleep_for(1ms);
             }
-            if (!ends_ || isFirst || random() % 2 == 0) {
+            if (!ends_ || isLast) {
                 act();
             }
-        }
+        } while (!ends_);
     } catch (const std::exception& error) {
         violated(error.what());
     }
@@ -660,7 +672,8 @@ void Storm::Course::look() {
         violated("it ended with status " + std::to_string(end.status) + ": " + end.error);
         launch();
     }
-    if (ServiceClient(lab_.client).call("HelperVersion") != Texts{helperVersion()}) {
+    ServiceClient client(lab_.client);
+    if (callInTime(client, versionRequest(), replyLimit) != Texts{helperVersion()}) {
         violated("it lives, but serves nobody");
     }
     lookAtReports();

@@ -53,7 +53,7 @@ struct PowerCutFigures {
     std::size_t disks = 0;  ///< different ones that were mounted for that
     std::size_t trees = 0;  ///< different states of the files, on each of which a helper started
     std::vector<RequestCuts> cutsOf{};
-    std::vector<std::string> violations;  ///< a sentence each
+    std::vector<std::string> violations{};  ///< a sentence each
 };
 
 /// What a measurement of cuts can't do without (Conclusion.h).

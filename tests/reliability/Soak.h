@@ -25,11 +25,11 @@ struct SoakPlan {
 struct SoakFigures {
     std::size_t requests = 0;  ///< that were answered
     std::size_t looks = 0;
-    std::size_t laterLooks = 0;           ///< of these
-    ProcessUsage first;                   ///< the most of the looks of the first part
-    ProcessUsage last;                    ///< the most of the later ones
-    std::vector<std::string> violations;  ///< a sentence each
-    std::vector<std::string> missing{};   ///< of what its requests can't do without
+    std::size_t laterLooks = 0;             ///< of these
+    ProcessUsage first{};                   ///< the most of the looks of the first part
+    ProcessUsage last{};                    ///< the most of the later ones
+    std::vector<std::string> violations{};  ///< a sentence each
+    std::vector<std::string> missing{};     ///< of what its requests can't do without
 };
 
 /// What a soak can't do without (Conclusion.h).

@@ -38,7 +38,7 @@ struct StormFigures {
     /// Replies that a request is made for, by its method; those to the user who may change nothing
     /// under `refusals`.
     std::map<std::string, std::size_t> answers{};
-    std::vector<std::string> violations;  ///< a sentence each
+    std::vector<std::string> violations{};  ///< a sentence each
 };
 
 /// In `StormFigures::answers`.

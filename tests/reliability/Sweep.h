@@ -30,9 +30,9 @@ struct Points {
 
 struct Outcome {
     std::uint64_t points = 0;
-    std::uint64_t neverMet = 0;           ///< further points, which no attempt came to
-    std::uint64_t restarts = 0;           ///< the helper ended itself, having served nobody
-    std::vector<std::string> violations;  ///< a sentence each
+    std::uint64_t neverMet = 0;             ///< further points, which no attempt came to
+    std::uint64_t restarts = 0;             ///< the helper ended itself, having served nobody
+    std::vector<std::string> violations{};  ///< a sentence each
 };
 
 /// In a private root. Everything that it does may throw when the machine gives out.

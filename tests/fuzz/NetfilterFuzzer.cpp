@@ -294,7 +294,8 @@ void checkText(std::string_view list) {
     bool names = false;
     bool holds = false;
     for (std::size_t at = 0; at < list.size();) {
-        const std::size_t end = std::min(list.find('\n', at), list.size());
+        // With its end: an empty line is one, an empty list has none.
+        const std::size_t end = std::min(list.find('\n', at), list.size() - 1) + 1;
         const auto line = list.substr(at, end - at);
         names = names || Conntrack::mayName(line, hosts);
         holds = holds || Conntrack::mayHoldState(line);
@@ -302,7 +303,7 @@ void checkText(std::string_view list) {
         require(
             !Conntrack::mayName(line, hosts) ||
             Conntrack::mayName(line, std::span(hosts).first(1)));
-        at = end + 1;
+        at = end;
     }
     require(Conntrack::mayName(list, hosts) == names);
     require(Conntrack::mayHoldState(list) == holds);

@@ -38,7 +38,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto startLimit = 60s;
-/// Far longer than any request waits for those before it.
+/// After each reply; far longer than any request takes once it is its turn.
 constexpr auto replyLimit = 60s;
 constexpr int killedStatus = 128 + SIGKILL;
 constexpr const char* none = "none";
@@ -213,7 +213,7 @@ private:
         std::string list{};  ///< the last one, by its port
         std::string text{};
         Instant served = Instant::min();  ///< when the connection got its last reply
-        bool isWaiting = false;           ///< for a reply
+        const char* waitsFor = nullptr;   ///< the request that has no reply yet
     };
 
     struct Report {
@@ -242,7 +242,7 @@ private:
     void ask(Asker& asker);
     Call callFor(Wish wish, Asker& asker);
     static std::optional<Texts> replyTo(Asker& asker, const Call& call);
-    void setWaiting(Asker& asker, bool isWaiting);
+    void setWaiting(Asker& asker, const char* request);
     void awaitReplies();
     void record(
         Wish wish,
@@ -366,21 +366,28 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
     look();
 }
 
-/// Kills the clients that get none.
+/// Kills the clients that get none, though the others have got theirs.
 void Storm::Course::awaitReplies() {
-    const auto end = Clock::now() + replyLimit;
-    const auto isAnyWaiting = [this] {
+    const auto countWaiting = [this] {
         const std::lock_guard lock(mutex_);
-        return std::ranges::any_of(askers_, &Asker::isWaiting);
+        return std::ranges::count_if(
+            askers_, [](const Asker& asker) { return asker.waitsFor != nullptr; });
     };
-    while (isAnyWaiting() && Clock::now() < end) {
+    auto waiting = countWaiting();
+    auto end = Clock::now() + replyLimit;
+    while (waiting > 0 && Clock::now() < end) {
         std::this_thread::sleep_for(1ms);
+        if (const auto left = countWaiting(); left < waiting) {
+            waiting = left;
+            end = Clock::now() + replyLimit;
+        }
     }
     const std::lock_guard lock(mutex_);
     for (const auto& asker : askers_) {
-        if (asker.isWaiting) {
-            figures_.violations.emplace_back(
-                "a request gets neither a reply nor the end of its connection");
+        if (asker.waitsFor != nullptr) {
+            figures_.violations.push_back(
+                std::string(asker.waitsFor) +
+                " gets neither a reply nor the end of its connection");
             asker.client->signal(SIGKILL);
         }
     }
@@ -483,11 +490,11 @@ void Storm::Course::ask(Asker& asker) {
         asker.served = Instant::min();
     }
     const auto call = callFor(wish, asker);
-    setWaiting(asker, true);
+    setWaiting(asker, call.method);
     Span span{.begin = Clock::now()};
     const auto reply = replyTo(asker, call);
     span.end = Clock::now();
-    setWaiting(asker, false);
+    setWaiting(asker, nullptr);
     record(wish, asker, call, span, reply);
     if (reply) {
         asker.served = span.end;
@@ -496,9 +503,9 @@ void Storm::Course::ask(Asker& asker) {
     }
 }
 
-void Storm::Course::setWaiting(Asker& asker, bool isWaiting) {
+void Storm::Course::setWaiting(Asker& asker, const char* request) {
     const std::lock_guard lock(mutex_);
-    asker.isWaiting = isWaiting;
+    asker.waitsFor = request;
 }
 
 Call Storm::Course::callFor(Wish wish, Asker& asker) {

@@ -104,7 +104,9 @@ bool isOfRace(const std::string& message) {
                           message.starts_with(link + " already exists and isn't a Tarnvale link.");
                }) ||
            std::ranges::any_of(resolverFiles, [&](const fs::path& file) {
-               return message == "“" + file.filename().string() + "” couldn’t be removed.";
+               const std::string name = "“" + file.filename().string() + "”";
+               return message == name + " couldn’t be removed." ||
+                      message == "The file " + name + " doesn’t exist.";
            });
 }
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <limits>
@@ -455,6 +456,26 @@ TEST_F(SessionTest, LeavesAnotherOneItsUnfinishedVLAN) {
 
     EXPECT_TRUE(session->apply());
     EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "vlan0", "vlan1"));
+}
+
+TEST_F(SessionTest, TakesNoOtherInterfaceForItsVLAN) {
+    int group = 0;
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        EXPECT_TRUE(session->commit());
+        ASSERT_TRUE(std::ifstream("/sys/class/net/vlan0/netdev_group") >> group);
+    }
+    ip("link add name theirs group " + std::to_string(group + 1) + " type dummy");
+    {
+        const auto session = open();
+        ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+        EXPECT_TRUE(session->commit());
+        EXPECT_TRUE(session->apply());
+    }
+
+    EXPECT_THAT(described("vlan0"), AllOf(HasSubstr(",UP"), HasSubstr("group default")));
+    EXPECT_THAT(described("theirs"), Not(HasSubstr(",UP")));
 }
 
 TEST_F(SessionTest, TakesBackNoVLANThatTookThePlaceOfItsOwn) {

@@ -239,7 +239,8 @@ private:
     /// The VLAN that the session has created and not yet set up.
     std::optional<Link> ownVLAN() {
         const auto links = socket_.links();
-        const auto found = std::ranges::find(links, group_, &Link::group);
+        const auto found = std::ranges::find_if(
+            links, [this](const Link& link) { return link.isVLAN && link.group == group_; });
         return found == links.end() ? std::nullopt : std::optional(*found);
     }
 

@@ -15,7 +15,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "support/JsonReader.h"
 #include "tests/support/Mutation.h"
@@ -168,7 +167,7 @@ private:
 };
 
 /// The record that the oracle's value stands for. Nothing when it is none.
-std::optional<Sample> sample(const nlohmann::json& value) {
+std::optional<Sample> sample(const test::OracleValue& value) {
     try {
         Sample sample;
         for (const auto& item : test::jsonList(value.at("strings"))) {
@@ -182,7 +181,7 @@ std::optional<Sample> sample(const nlohmann::json& value) {
         }
         for (const auto& item : test::jsonList(value.at("flags"))) {
             sample.flags.emplace_back();
-            if (!item.is_null()) {
+            if (!item.isNull()) {
                 sample.flags.back() = test::jsonFlag(item);
             }
         }

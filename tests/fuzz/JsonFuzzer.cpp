@@ -85,17 +85,20 @@ std::optional<Sample> sample(std::string_view text) {
 /// Reads the member into the field, if it is there and not null.
 template <class Field, class Read>
 void readMember(
-    const nlohmann::json& object, const char* key, std::optional<Field>& field, const Read& read) {
-    if (object.contains(key) && !object.at(key).is_null()) {
+    const test::OracleValue& object,
+    const char* key,
+    std::optional<Field>& field,
+    const Read& read) {
+    if (object.contains(key) && !object.at(key).isNull()) {
         field = read(object.at(key));
     }
 }
 
-Uuid uuidOf(const nlohmann::json& value) {
+Uuid uuidOf(const test::OracleValue& value) {
     return Uuid::parse(test::jsonText(value)).value();
 }
 
-Word wordOf(const nlohmann::json& value) {
+Word wordOf(const test::OracleValue& value) {
     const std::string word = test::jsonText(value);
     return word == "one"       ? Word::one
            : word == "another" ? Word::another
@@ -103,7 +106,7 @@ Word wordOf(const nlohmann::json& value) {
 }
 
 /// The record that another reader's value stands for. Throws any exception if it is none.
-Sample sampleOf(const nlohmann::json& value) {
+Sample sampleOf(const test::OracleValue& value) {
     static_cast<void>(test::jsonObject(value));
     Sample sample;
     readMember(value, "text", sample.text, test::jsonText);
@@ -112,14 +115,14 @@ Sample sampleOf(const nlohmann::json& value) {
     readMember(value, "flag", sample.flag, test::jsonFlag);
     readMember(value, "word", sample.word, wordOf);
     readMember(value, "uuid", sample.uuid, uuidOf);
-    readMember(value, "list", sample.list, [](const nlohmann::json& list) {
+    readMember(value, "list", sample.list, [](const test::OracleValue& list) {
         std::vector<Sample> samples;
         for (const auto& item : test::jsonList(list)) {
             samples.push_back(sampleOf(item));
         }
         return samples;
     });
-    readMember(value, "named", sample.named, [](const nlohmann::json& object) {
+    readMember(value, "named", sample.named, [](const test::OracleValue& object) {
         std::map<std::string, std::string, std::less<>> named;
         for (const auto& [key, item] : test::jsonObject(object)) {
             named[key] = test::jsonText(item);

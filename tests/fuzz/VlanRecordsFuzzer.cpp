@@ -33,7 +33,7 @@ std::optional<Records> recordsIn(std::string_view text) {
 }
 
 /// Throws any `std::exception` for what isn't a list of records.
-Records recordsByOracle(const nlohmann::json& value) {
+Records recordsByOracle(const test::OracleValue& value) {
     Records records;
     for (const auto& item : test::jsonList(value)) {
         records.push_back(

@@ -20,12 +20,11 @@
 #include <thread>
 #include <utility>
 
-#include <nlohmann/json.hpp>
-
 #include "core/service/CallerAuthorization.h"
 #include "tests/reliability/Conclusion.h"
 #include "tests/reliability/Paths.h"
 #include "tests/reliability/SerialOrders.h"
+#include "tests/support/JsonOracle.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
@@ -141,13 +140,13 @@ std::map<std::string, StoredList> storedLists() {
     if (!exists(storePath)) {
         return lists;
     }
-    const auto store = nlohmann::json::parse(contentOf(storePath));
-    for (const auto& [owner, entry] : store.at("owners").items()) {
+    const auto store = jsonValue(contentOf(storePath));
+    for (const auto& [owner, entry] : jsonObject(store.at("owners"))) {
         auto& list = lists[owner];
-        for (const auto& network : entry.at("policies")) {
-            list.hasShared |= network.at("networkID") == networkID(sharedNetwork);
-            for (const auto& rule : network.at("policy").at("rules")) {
-                list.ports.insert(rule.at("ports").get<std::string>());
+        for (const auto& network : jsonList(entry.at("policies"))) {
+            list.hasShared |= jsonText(network.at("networkID")) == networkID(sharedNetwork);
+            for (const auto& rule : jsonList(network.at("policy").at("rules"))) {
+                list.ports.insert(jsonText(rule.at("ports")));
             }
         }
     }

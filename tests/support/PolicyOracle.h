@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "firewall/policy/FirewallRecords.h"
 #include "tests/support/JsonOracle.h"
 
@@ -21,14 +19,13 @@ namespace policy_oracle {
 
 using NetworkFirewall::FirewallNetworkPolicy;
 using NetworkFirewall::FirewallRule;
-using nlohmann::json;
 
-inline support::Uuid uuid(const json& value) {
+inline support::Uuid uuid(const OracleValue& value) {
     return support::Uuid::parse(jsonText(value)).value();
 }
 
 template <class Cases>
-auto word(const json& value, const Cases& cases) {
+auto word(const OracleValue& value, const Cases& cases) {
     for (const auto candidate : cases) {
         if (jsonText(value) == rawValue(candidate)) {
             return candidate;
@@ -37,7 +34,7 @@ auto word(const json& value, const Cases& cases) {
     throw std::invalid_argument("no such word");
 }
 
-inline FirewallRule ruleOf(const json& value) {
+inline FirewallRule ruleOf(const OracleValue& value) {
     return {
         .id = uuid(value.at("id")),
         .enabled = jsonFlag(value.at("enabled")),
@@ -48,21 +45,21 @@ inline FirewallRule ruleOf(const json& value) {
         .ports = jsonText(value.at("ports"))};
 }
 
-inline FirewallNetworkPolicy networkOf(const json& value) {
-    const json& policy = value.at("policy");
-    const bool hasGateway = value.contains("gatewayIPv4") && !value["gatewayIPv4"].is_null();
+inline FirewallNetworkPolicy networkOf(const OracleValue& value) {
+    const OracleValue& policy = value.at("policy");
+    const bool hasGateway = value.contains("gatewayIPv4") && !value.at("gatewayIPv4").isNull();
     FirewallNetworkPolicy network{
         .networkID = uuid(value.at("networkID")),
         .name = jsonText(value.at("name")),
         .subnetCIDR = jsonText(value.at("subnetCIDR")),
-        .gatewayIPv4 = hasGateway ? std::optional(jsonText(value["gatewayIPv4"])) : std::nullopt,
+        .gatewayIPv4 = hasGateway ? std::optional(jsonText(value.at("gatewayIPv4"))) : std::nullopt,
         .dnsProxyEnabled = jsonFlag(value.at("dnsProxyEnabled")),
         .policy = {
             .enabled = jsonFlag(policy.at("enabled")),
             .defaultInbound = word(policy.at("defaultInbound"), FirewallRule::allActions),
             .defaultOutbound = word(policy.at("defaultOutbound"), FirewallRule::allActions),
             .rules = {}}};
-    for (const json& item : jsonList(policy.at("rules"))) {
+    for (const OracleValue& item : jsonList(policy.at("rules"))) {
         network.policy.rules.push_back(ruleOf(item));
     }
     return network;
@@ -72,10 +69,10 @@ inline FirewallNetworkPolicy networkOf(const json& value) {
 
 /// The networks of the document; nothing if it isn't a list of networks.
 inline std::optional<std::vector<NetworkFirewall::FirewallNetworkPolicy>> policiesByOracle(
-    const nlohmann::json& document) {
+    const OracleValue& document) {
     try {
         std::vector<NetworkFirewall::FirewallNetworkPolicy> networks;
-        for (const nlohmann::json& item : jsonList(document)) {
+        for (const OracleValue& item : jsonList(document)) {
             networks.push_back(policy_oracle::networkOf(item));
         }
         return networks;

@@ -27,7 +27,8 @@ foreach(language CXX OBJCXX)
     set(CMAKE_${language}_ARCHIVE_FINISH "")
     set(CMAKE_${language}_LINKER_LAUNCHER "${CMAKE_CURRENT_LIST_DIR}/link-with-sections")
 endforeach()
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-F ${TARNVALE_STUBS} -L ${TARNVALE_STUBS} -lobjc")
+set(CMAKE_EXE_LINKER_FLAGS_INIT
+    "-F ${TARNVALE_STUBS} -L ${TARNVALE_STUBS} -lobjc -nostdlib++ -lstandard")
 
 # CMake asks for it, but nothing here uses it.
 set(CMAKE_INSTALL_NAME_TOOL /bin/false)

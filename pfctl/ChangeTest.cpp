@@ -30,6 +30,7 @@
 
 #include "netlink/Socket.h"
 #include "pfctl/Commands.h"
+#include "pfctl/KernelFixture.h"
 #include "pfctl/kernel/Netfilter.h"
 #include "pfctl/kernel/NftablesBackend.h"
 #include "pfctl/kernel/TableWriter.h"
@@ -39,7 +40,6 @@
 #include "pfctl/language/RulesetParser.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/Program.h"
-#include "tests/support/SkipReasons.h"
 #include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::pfctl {
@@ -155,17 +155,8 @@ std::vector<Case> loads() {
         {"after a killed load", network(1), network(2), network(3)}};
 }
 
-class ChangeTest : public testing::Test {
+class ChangeTest : public KernelFixture {
 protected:
-    void SetUp() override {
-        TARNVALE_NEEDS(interfaces);
-        try {
-            backend.tables();
-        } catch (const std::system_error& error) {
-            GTEST_SKIP() << "this kernel gives no nftables: " << error.what();
-        }
-    }
-
     void load(const std::string& text, const std::string& into = anchor, bool dormant = true) {
         const auto ruleset = parseRuleset(text);
         ASSERT_THAT(ruleset.mistakes, SizeIs(0)) << text;

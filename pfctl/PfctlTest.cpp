@@ -38,6 +38,7 @@
 
 #include "netlink/Socket.h"
 #include "pfctl/Commands.h"
+#include "pfctl/KernelFixture.h"
 #include "pfctl/kernel/Conntrack.h"
 #include "pfctl/kernel/MarkBits.h"
 #include "pfctl/kernel/Netfilter.h"
@@ -126,15 +127,12 @@ private:
     }
 };
 
-class PfctlTest : public testing::Test {
+class PfctlTest : public KernelFixture {
 protected:
     void SetUp() override {
-        TARNVALE_NEEDS(interfaces);
-        try {
-            netlink::Socket socket(NETLINK_NETFILTER);
-            NftablesBackend(socket).tables();
-        } catch (const std::system_error& error) {
-            GTEST_SKIP() << "this kernel gives no nftables: " << error.what();
+        KernelFixture::SetUp();
+        if (IsSkipped()) {
+            return;
         }
         const support::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         ifreq loopback{};

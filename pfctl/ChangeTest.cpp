@@ -14,6 +14,7 @@
 #include <functional>
 #include <initializer_list>
 #include <iterator>
+#include <new>
 #include <random>
 #include <string>
 #include <system_error>
@@ -38,6 +39,7 @@
 #include "pfctl/language/Arguments.h"
 #include "pfctl/language/PfctlError.h"
 #include "pfctl/language/RulesetParser.h"
+#include "tests/support/EmptyHeap.h"
 #include "tests/support/KillEverywhere.h"
 #include "tests/support/Program.h"
 #include "tests/support/WatchedCalls.h"
@@ -763,6 +765,31 @@ TEST_F(ChangeTest, TakesTheNewRulesBackWhileTheOldOnesAreThere) {
     EXPECT_EQ(complaint, "netlink: No buffer space available");
     EXPECT_EQ(kernelsView(anchor), before);
 }
+
+#if !defined(TARNVALE_THREAD_SANITIZER)
+TEST_F(ChangeTest, ChangesNothingWhereMemoryIsWanting) {
+    for (const Case& which : loads()) {
+        SCOPED_TRACE(which.name);
+        leave(which);
+        const auto before = rulesInForce();
+        const auto rules = parseRuleset(which.after).rules;
+        bool isDone = false;
+        for (std::size_t allocations = 0; !isDone && !HasFailure(); ++allocations) {
+            leave(which);
+            RulesetTable table{.name = {}, .rules = rules, .loader = {}, .dormant = true};
+            const std::string into = anchor;
+            try {
+                const test::EmptyHeap heap(allocations);
+                backend.load(into, std::move(table));
+                isDone = true;
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(rulesInForce(), before) << allocations;
+            }
+        }
+        EXPECT_NE(rulesInForce(), before);
+    }
+}
+#endif
 
 TEST_F(ChangeTest, KeepsRulesInForceWhicheverAnswersAreLost) {
     expectRulesInForceWhicheverFail(SYS_recvmsg);

@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netlink.h>
+#include <sys/uio.h>
 
 #include "netlink/Messages.h"
 #include "pfctl/kernel/Netfilter.h"
@@ -105,6 +107,18 @@ std::vector<CountedRule> merged(std::vector<CountedRule> rules) {
 std::uint32_t generationAfter(std::uint32_t generation, std::uint32_t transactions) {
     const std::uint32_t sum = generation + transactions;
     return sum < generation ? sum + 1 : sum;
+}
+
+/// The bytes of a transaction that removes tables.
+std::vector<std::uint8_t> removalOf(std::span<const std::string> tables) {
+    MessageWriter transaction;
+    writeRemoval(transaction, tables);
+    std::vector<std::uint8_t> bytes;
+    for (const iovec& piece : transaction.pieces()) {
+        const auto* const begin = static_cast<const std::uint8_t*>(piece.iov_base);
+        bytes.insert(bytes.end(), begin, begin + piece.iov_len);
+    }
+    return bytes;
 }
 
 }  // namespace
@@ -259,6 +273,9 @@ void NftablesBackend::replace(
     table.generation = generationAfter(generation(), old.empty() ? 1 : 2);
     MessageWriter transaction;
     writeReplacement(transaction, table);
+    // From here on it takes no memory, for want of which it could end with both in force.
+    const std::array oldName{old.empty() ? std::string() : old.front().name};
+    const auto removal = removalOf(oldName);
     try {
         socket_.request(transaction);
     } catch (const std::system_error&) {
@@ -274,10 +291,9 @@ void NftablesBackend::replace(
     if (!table.dormant) {
         awaitPacketsUnderWay();
     }
-    const std::array oldName{old.front().name};
     try {
-        requestRemoval(oldName);
-    } catch (const std::system_error&) {
+        socket_.request(removal, 0);
+    } catch (...) {
         const auto isThere = hasAny(anchor, oldName);
         if (isThere == false) {
             return;  // only the answer was lost

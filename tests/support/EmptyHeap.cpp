@@ -4,11 +4,23 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 namespace {
 
-thread_local bool isEmpty = false;
+constexpr std::size_t unlimited = std::numeric_limits<std::size_t>::max();
+
+thread_local std::size_t successesLeft = unlimited;
+
+/// Whether one more allocation may succeed.
+bool takeOne() {
+    if (successesLeft == 0) {
+        return false;
+    }
+    successesLeft -= successesLeft == unlimited ? 0 : 1;
+    return true;
+}
 
 }  // namespace
 
@@ -16,7 +28,7 @@ thread_local bool isEmpty = false;
 #if !defined(TARNVALE_THREAD_SANITIZER)
 
 void* operator new(std::size_t size) {
-    void* const memory = isEmpty ? nullptr : std::malloc(size);
+    void* const memory = takeOne() ? std::malloc(size) : nullptr;
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
@@ -35,12 +47,12 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 
 namespace tarnvale::test {
 
-EmptyHeap::EmptyHeap() {
-    isEmpty = true;
+EmptyHeap::EmptyHeap(std::size_t successes) {
+    successesLeft = successes;
 }
 
 EmptyHeap::~EmptyHeap() {
-    isEmpty = false;
+    successesLeft = unlimited;
 }
 
 }  // namespace tarnvale::test

@@ -5,12 +5,14 @@
 
 #pragma once
 
+#include <cstddef>
+
 namespace tarnvale::test {
 
-/// While one lives, `new` fails in its thread.
+/// While one lives, `new` fails in its thread, after it has succeeded so many times.
 class EmptyHeap {
 public:
-    EmptyHeap();
+    explicit EmptyHeap(std::size_t successes = 0);
     EmptyHeap(const EmptyHeap&) = delete;
     EmptyHeap& operator=(const EmptyHeap&) = delete;
     ~EmptyHeap();

@@ -49,6 +49,7 @@ namespace {
 
 using testing::AnyOf;
 using testing::Contains;
+using testing::Field;
 using testing::Matcher;
 using testing::Not;
 using testing::SizeIs;
@@ -764,6 +765,28 @@ TEST_F(ChangeTest, TakesTheNewRulesBackWhileTheOldOnesAreThere) {
 
     EXPECT_EQ(complaint, "netlink: No buffer space available");
     EXPECT_EQ(kernelsView(anchor), before);
+}
+
+TEST_F(ChangeTest, KeepsRulesInForceBesideNewerOnesThatAreNot) {
+    load(network(1), anchor, false);
+    loadBesideTheOld(network(2));
+    const auto rules = parseRuleset(network(3)).rules;
+
+    test::watchCalls(
+        SYS_sendmsg,
+        [&](const test::WatchedCall&) {
+            EXPECT_THAT(
+                backend.tables(anchor), Contains(Field("dormant", &AnchorTable::dormant, false)));
+            return 0;
+        },
+        [&rules] {
+            netlink::Socket own(NETLINK_NETFILTER);
+            NftablesBackend(own).load(
+                anchor, {.name = {}, .rules = rules, .loader = {}, .dormant = false});
+        });
+
+    load(network(3), "new", false);
+    EXPECT_EQ(kernelsView(anchor), kernelsView("new"));
 }
 
 #if !defined(TARNVALE_THREAD_SANITIZER)

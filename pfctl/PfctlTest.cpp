@@ -79,6 +79,10 @@ constexpr const char* program = TARNVALE_BIN_DIR "/pfctl";
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
 constexpr const char* rulesetPath = "/tmp/firewall.pf.conf";
 
+std::string enabledPath() {
+    return std::string(runFolder) + "/enabled";
+}
+
 void writeFile(const std::string& path, std::string_view text) {
     std::ofstream(path, std::ios::binary) << text;
 }
@@ -247,10 +251,9 @@ TEST_F(PfctlTest, EnablesWhatAnInterruptedEnableLeftDormant) {
     load(denyFirst);
     const auto first = pfctl({"-E"});
     ASSERT_EQ(first.status, 0);
-    const std::string enabled = std::string(runFolder) + "/enabled";
-    ASSERT_EQ(::rename(enabled.c_str(), (enabled + ".away").c_str()), 0);
+    ASSERT_EQ(::rename(enabledPath().c_str(), (enabledPath() + ".away").c_str()), 0);
     load(denyFirst);
-    ASSERT_EQ(::rename((enabled + ".away").c_str(), enabled.c_str()), 0);
+    ASSERT_EQ(::rename((enabledPath() + ".away").c_str(), enabledPath().c_str()), 0);
     ASSERT_TRUE(tables().at(0).dormant);
 
     const auto again = pfctl({"-E"});
@@ -271,21 +274,58 @@ TEST_F(PfctlTest, KeepsOthersOutOfItsRunFolder) {
 
 TEST_F(PfctlTest, FollowsNoLinkToWhetherItIsEnabled) {
     ASSERT_EQ(pfctl({"-E"}).status, 0);
-    const std::string enabled = std::string(runFolder) + "/enabled";
-    ASSERT_EQ(::rename(enabled.c_str(), (enabled + ".away").c_str()), 0);
-    ASSERT_EQ(::symlink((enabled + ".away").c_str(), enabled.c_str()), 0);
+    ASSERT_EQ(::rename(enabledPath().c_str(), (enabledPath() + ".away").c_str()), 0);
+    ASSERT_EQ(::symlink((enabledPath() + ".away").c_str(), enabledPath().c_str()), 0);
 
     EXPECT_THAT(pfctl({"-si"}).output, StartsWith("Status: Disabled "));
 }
 
 TEST_F(PfctlTest, WaitsForNothingThatLiesInThePlaceOfWhetherItIsEnabled) {
     ASSERT_EQ(::mkdir(runFolder, 0700), 0);
-    ASSERT_EQ(::mkfifo((std::string(runFolder) + "/enabled").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(enabledPath().c_str(), 0600), 0);
 
     test::Program info({program, "-si"});
     ASSERT_TRUE(info.endsWithin(std::chrono::seconds(30)));
 
     EXPECT_THAT(info.finish().output, StartsWith("Status: Disabled "));
+}
+
+/// Runs the command while so many of its attempts to see whether pf is enabled fail, as where the
+/// machine has no more files to open. Returns what it complains of, or nothing.
+std::string complaintWithoutFiles(int failures, const std::vector<std::string_view>& arguments) {
+    std::string complaint;
+    test::watchCalls(
+        SYS_openat,
+        [&failures](const test::WatchedCall& call) {
+            const bool isRead = test::textAt(call.arguments[1]) == enabledPath();
+            return isRead && failures-- > 0 ? EMFILE : 0;
+        },
+        [&] {
+            try {
+                run(parseArguments(arguments));
+            } catch (const PfctlError& error) {
+                complaint = error.what();
+            }
+        });
+    return complaint;
+}
+
+TEST_F(PfctlTest, TakesNoMomentWithoutFilesForDisabled) {
+    load(denyFirst);
+    const auto enabled = pfctl({"-E"});
+    writeFile(rulesetPath, "block drop in quick from 127.0.0.0/8 to any\n");
+    const std::vector<std::string_view> loading{"-a", anchor, "-f", rulesetPath};
+
+    for (const auto& command : {loading, {"-E"}, {"-si"}}) {
+        EXPECT_EQ(complaintWithoutFiles(1000, command), enabledPath() + ": Too many open files");
+        EXPECT_THAT(listing(), StartsWith("block drop in quick inet from 127.0.0.1 to any\n"));
+        EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
+        EXPECT_EQ(pfctl({"-E"}).error, enabled.error) << "the token stays";
+    }
+    EXPECT_EQ(complaintWithoutFiles(1, loading), "");
+
+    EXPECT_THAT(listing(), StartsWith("block drop in quick inet from 127.0.0.0/8 to any\n"));
+    EXPECT_FALSE(Datagrams::exchange("127.0.0.1", "127.0.0.2", 5000));
 }
 
 TEST_F(PfctlTest, SaysSinceWhenItIsEnabled) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -204,14 +205,16 @@ void NftablesBackend::load(const std::string& anchor, RulesetTable table) {
 }
 
 /// There are two tables when a load was killed, or could not learn whether it was done. The newer
-/// one is in force; removes the other.
+/// one is in force, unless it alone is dormant; removes the other.
 void NftablesBackend::completeEarlierLoad(
     const std::string& anchor, std::vector<AnchorTable>& tables) {
+    const bool olderDecides = tables.back().dormant && !tables.front().dormant;
     if (!tables.back().dormant) {
         awaitPacketsUnderWay();
     }
-    remove(anchor, std::array{tables.front().name});
-    tables.erase(tables.begin());
+    const auto other = olderDecides ? std::prev(tables.end()) : tables.begin();
+    remove(anchor, std::array{other->name});
+    tables.erase(other);
 }
 
 /// Gives the table the new rules if that takes only other blocks; false when it hasn't, as far as

@@ -16,6 +16,7 @@
 
 #include "pfctl/language/PfctlError.h"
 #include "support/Decimal.h"
+#include "support/Files.h"
 #include "support/SystemCalls.h"
 
 namespace tarnvale::pfctl {
@@ -48,10 +49,17 @@ void makeRunFolder() {
 }  // namespace
 
 std::optional<Enabled> readEnabled() {
-    const support::UniqueFd file(
-        ::open(pathOf("enabled").c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const std::string path = pathOf("enabled");
     std::array<char, 64> bytes{};
-    const ssize_t size = file ? ::read(file.get(), bytes.data(), bytes.size()) : -1;
+    const int size = support::persistently([&] {
+        const support::UniqueFd file(
+            ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        return file ? static_cast<int>(::read(file.get(), bytes.data(), bytes.size())) : -1;
+    });
+    // A load that took pf for disabled would put the rules in force out of force.
+    if (size < 0 && support::mayPass(errno)) {
+        throw failure(path);
+    }
     return size < 0 ? std::nullopt : enabledIn({bytes.data(), static_cast<std::size_t>(size)});
 }
 

@@ -22,7 +22,8 @@ struct Enabled {
     bool operator==(const Enabled&) const = default;
 };
 
-/// Nothing when pf is disabled.
+/// Nothing when pf is disabled: no file of ours says otherwise. Throws `PfctlError` when that can't
+/// be found out for now, as where the machine has no more files to open.
 std::optional<Enabled> readEnabled();
 
 /// What a file with that text says; nothing if the text isn't of that form.

@@ -290,8 +290,18 @@ TEST_F(PfctlTest, WaitsForNothingThatLiesInThePlaceOfWhetherItIsEnabled) {
     EXPECT_THAT(info.finish().output, StartsWith("Status: Disabled "));
 }
 
-/// Runs the command while so many of its attempts to see whether pf is enabled fail, as where the
-/// machine has no more files to open. Returns what it complains of, or nothing.
+/// Runs the command in this process. Returns what it complains of, or nothing.
+std::string complaintOf(const std::vector<std::string_view>& arguments) {
+    try {
+        run(parseArguments(arguments));
+        return {};
+    } catch (const PfctlError& error) {
+        return error.what();
+    }
+}
+
+/// The same while so many of its attempts to see whether pf is enabled fail, as where the
+/// machine has no more files to open.
 std::string complaintWithoutFiles(int failures, const std::vector<std::string_view>& arguments) {
     std::string complaint;
     test::watchCalls(
@@ -300,13 +310,7 @@ std::string complaintWithoutFiles(int failures, const std::vector<std::string_vi
             const bool isRead = test::textAt(call.arguments[1]) == enabledPath();
             return isRead && failures-- > 0 ? EMFILE : 0;
         },
-        [&] {
-            try {
-                run(parseArguments(arguments));
-            } catch (const PfctlError& error) {
-                complaint = error.what();
-            }
-        });
+        [&] { complaint = complaintOf(arguments); });
     return complaint;
 }
 
@@ -509,6 +513,32 @@ TEST_F(PfctlTest, KillsStatesOfWhichSomeEndMeanwhile) {
         });
 
     EXPECT_EQ(killed, 2U);
+    EXPECT_THAT(connections(), IsEmpty());
+}
+
+TEST_F(PfctlTest, KillsTheOtherStatesWhereAnAnswerIsLost) {
+    load("pass in quick from 127.0.0.0/8 to any keep state\n");
+    pfctl({"-E"});
+    for (std::uint16_t port = 5000; port < 5250; ++port) {
+        ASSERT_TRUE(Datagrams::exchange("127.0.0.1", "127.0.0.2", port));
+    }
+    const std::size_t all = connections().size();
+    bool isLost = false;
+    std::string complaint;
+
+    test::watchCalls(
+        SYS_recvmsg,
+        [&](const test::WatchedCall&) {
+            const bool isFirst = !isLost && connections().size() < all;
+            isLost = isLost || isFirst;
+            return isFirst ? ENOBUFS : 0;
+        },
+        [&complaint] {
+            complaint = complaintOf({"-k", "127.0.0.1"});
+        });
+
+    EXPECT_TRUE(isLost);
+    EXPECT_EQ(complaint, "netlink: No buffer space available");
     EXPECT_THAT(connections(), IsEmpty());
 }
 
@@ -1157,11 +1187,7 @@ TEST_F(PfctlTest, SaysThatTheKernelHasNoPacketFilter) {
     std::string problem;
     std::thread([&problem] {
         test::refuseCall(SYS_sendmsg, EINVAL);  // as a kernel without netfilter does
-        try {
-            run(parseArguments(std::vector<std::string_view>{"-a", anchor, "-v", "-sr"}));
-        } catch (const PfctlError& error) {
-            problem = error.what();
-        }
+        problem = complaintOf({"-a", anchor, "-v", "-sr"});
     }).join();
 
     EXPECT_EQ(

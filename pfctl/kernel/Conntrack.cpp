@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <limits>
 
 #include <fcntl.h>
@@ -215,19 +216,34 @@ std::uint64_t Conntrack::count() {
     return entries;
 }
 
+/// Forgets all that it can; throws the first error afterwards.
 void Conntrack::forget(std::span<const std::vector<std::uint8_t>> entries) {
     constexpr std::size_t maxAtOnce = 100;  // their replies must fit into the socket's buffer
+    std::exception_ptr firstError;
     while (!entries.empty()) {
         const auto some = entries.first(std::min(maxAtOnce, entries.size()));
-        MessageWriter requests;
-        for (const auto& identity : some) {
-            beginConntrack(requests, IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
-            requests.putWhole(identity);
+        try {
+            forgetAtOnce(some);
+        } catch (...) {
+            if (!firstError) {
+                firstError = std::current_exception();
+            }
         }
-        // An entry may have expired meanwhile.
-        socket_.request(requests, some.size(), ENOENT);
         entries = entries.subspan(some.size());
     }
+    if (firstError) {
+        std::rethrow_exception(firstError);
+    }
+}
+
+void Conntrack::forgetAtOnce(std::span<const std::vector<std::uint8_t>> entries) {
+    MessageWriter requests;
+    for (const auto& identity : entries) {
+        beginConntrack(requests, IPCTNL_MSG_CT_DELETE, NLM_F_ACK);
+        requests.putWhole(identity);
+    }
+    // An entry may have expired meanwhile.
+    socket_.request(requests, entries.size(), ENOENT);
 }
 
 }  // namespace tarnvale::pfctl

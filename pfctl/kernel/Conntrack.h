@@ -45,7 +45,8 @@ public:
     void forEachState(const std::function<void(const Connection&)>& take);
 
     /// Forgets the connections whose initiator is in the first subnet and, if a second is given,
-    /// whose responder is in that one. Returns how many of them had a state.
+    /// whose responder is in that one. Returns how many of them had a state. Where it throws over
+    /// one of them, it has forgotten the others.
     std::size_t kill(std::span<const Subnet> hosts);
 
     /// Whether the text, in the form of /proc/net/nf_conntrack, may hold a connection that `kill`
@@ -59,6 +60,7 @@ private:
     std::optional<std::string> shortList();
     std::uint64_t count();
     void forget(std::span<const std::vector<std::uint8_t>> entries);
+    void forgetAtOnce(std::span<const std::vector<std::uint8_t>> entries);
 
     netlink::Socket& socket_;
 };

@@ -364,7 +364,10 @@ void writeFileAtomically(const std::string& path, const FileContent& content, mo
 
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes) {
     struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) {
+    if (persistently([&] { return ::stat(path.c_str(), &info); }) != 0) {
+        if (errno != ENOENT) {
+            throw FileError(Operation::write, path, errno);
+        }
         writeFileAtomically(path, bytes, 0644);
         return;
     }

@@ -72,8 +72,8 @@ using FileContent = std::function<void(const std::function<void(std::string_view
 /// The same for content that is made while it is written. What `content` throws ends the writing.
 void writeFileAtomically(const std::string& path, const FileContent& content, mode_t mode);
 
-/// The same for a file that isn't ours: keeps an existing file's mode, owner and group, or throws.
-/// A new file gets 0644.
+/// The same for a file that isn't ours: keeps an existing file's mode, owner and group, or throws,
+/// also if these can't be found out. A new file gets 0644.
 void replaceFileKeepingAttributes(const std::string& path, std::string_view bytes);
 
 /// Creates the folder and the missing ones above it, each with mode 0755 less the umask, or with

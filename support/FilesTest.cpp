@@ -436,6 +436,29 @@ TEST_F(FilesTest, GivesAFileThatIsNotOursButMissingAnOrdinaryMode) {
     EXPECT_EQ(modeOf(path), 0644U);
 }
 
+TEST_F(FilesTest, TakesForNewOnlyAForeignFileThatIsKnownToBeMissing) {
+    put(path, "old");
+    fs::permissions(path, fs::perms(secret));
+    // The first calls of that kind are those that ask for the attributes.
+    const auto replaceAfter = [this](int failures) {
+        test::watchCalls(
+            SYS_newfstatat,
+            [failures](const test::WatchedCall& call) {
+                return call.count <= failures ? ENOMEM : 0;
+            },
+            [this] { replaceFileKeepingAttributes(path, "new"); });
+    };
+
+    EXPECT_THAT(
+        [&] { replaceAfter(1'000); },
+        ThrowsMessage<FileError>("The file “notes.txt” couldn’t be saved in the folder “files”."));
+    EXPECT_EQ(contentOf(path), "old");
+
+    replaceAfter(1);
+    EXPECT_EQ(contentOf(path), "new");
+    EXPECT_EQ(modeOf(path), secret);
+}
+
 TEST_F(FilesTest, ReadsAWholeFile) {
     const std::string bytes = std::string("\0\xFF\n", 3) + std::string(3'000'000, 'x');
     put(path, bytes);

@@ -2,7 +2,9 @@
 
 #include "resolver/ResolverFiles.h"
 
+#include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <string_view>
 #include <system_error>
 
@@ -38,6 +40,18 @@ bool isOurs(std::string_view content) {
     return content.find(marker) != std::string_view::npos;
 }
 
+/// What the next write of the path would replace. What can't be read as a file counts as none: a
+/// link to nothing is replaced, and a folder makes the write fail. A file that can't be read may be
+/// somebody else's: throws `FileError`.
+std::optional<std::string> readExisting(const std::string& path) {
+    auto content = support::readFile(path);
+    const int error = errno;
+    if (!content && (support::mayPass(error) || support::isFileThere(path))) {
+        throw support::FileError(support::FileError::Operation::open, path, error);
+    }
+    return content;
+}
+
 }  // namespace
 
 std::vector<std::string> resolverFilePaths() {
@@ -64,9 +78,7 @@ void installResolverFiles() {
 
     for (const char* domain : domains) {
         const std::string path = pathOf(domain);
-        // What can't be read as a file counts as none: a link to nothing is replaced, and a folder
-        // makes the write fail.
-        const auto existing = support::readFile(path);
+        const auto existing = readExisting(path);
         const auto standing = existing ? standingOf(domain, *existing) : Standing::outdated;
         if (standing == Standing::current) {
             continue;

@@ -2,10 +2,12 @@
 
 #include "resolver/ResolverFiles.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -13,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "support/Files.h"
 #include "tests/support/HelperFiles.h"
@@ -247,6 +250,35 @@ TEST_F(ResolverFilesTest, LeavesALinkToAForeignFileAlone) {
 
     EXPECT_EQ(fs::read_symlink(tarnvale), "/etc/foreign");
     EXPECT_EQ(contentOf("/etc/foreign"), foreignText);
+}
+
+TEST_F(ResolverFilesTest, NeverReplacesAFileThatCannotBeRead) {
+    put(tvx, foreignText);
+    const auto failureOfInstall = [](int error) {
+        std::string failure = "none";
+        std::thread([&] {
+            test::refuseCall(SYS_read, error);
+            try {
+                installResolverFiles();
+            } catch (const FileError& thrown) {
+                failure = thrown.what();
+            }
+        }).join();
+        return failure;
+    };
+
+    EXPECT_EQ(failureOfInstall(EIO), "The file “tvx” couldn’t be opened.");
+    EXPECT_EQ(
+        failureOfInstall(EACCES),
+        "The file “tvx” couldn’t be opened because you don’t have permission to view it.");
+    EXPECT_EQ(files(), (Files{{"tvx", foreignText}}));
+
+    fs::rename(tvx, "/etc/foreign");
+    fs::create_symlink("/etc/foreign", tvx);
+    EXPECT_EQ(failureOfInstall(EIO), "The file “tvx” couldn’t be opened.");
+    EXPECT_TRUE(fs::is_symlink(tvx));
+    EXPECT_EQ(files(), (Files{{"tvx", foreignText}}));
+    EXPECT_THAT(logMessages(), IsEmpty());
 }
 
 TEST_F(ResolverFilesTest, AModeThatCannotBeSetIsReportedAndEndsTheInstall) {

@@ -47,8 +47,8 @@ bool mayPass(int errorNumber);
 /// is made again, some times in a tenth of a second. Leaves the errno.
 int persistently(const std::function<int()>& call);
 
-/// All bytes of the regular file at `path`, following links. Nothing if it can't be read, and not
-/// only for a moment.
+/// All bytes of the regular file at `path`, following links. Nothing, and the errno, if it can't be
+/// read, and not only for a moment.
 std::optional<std::string> readFile(const std::string& path);
 
 /// Whether the next write of `path` replaces a file. It replaces a link, but not what the link

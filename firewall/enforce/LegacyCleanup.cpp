@@ -2,6 +2,7 @@
 
 #include "firewall/enforce/LegacyCleanup.h"
 
+#include <cerrno>
 #include <exception>
 
 #include <sys/stat.h>
@@ -55,7 +56,9 @@ std::string withoutLegacyLines(std::string_view text) {
 void backUp(const std::string& text) {
     const std::string path = std::string(appSupportDirectory) + "/pf.conf.before-tarnvale-cleanup";
     struct stat info {};
-    if (::stat(path.c_str(), &info) == 0) {
+    // What can't be found out counts as a copy: better none of this text than the first one lost.
+    if (support::persistently([&] { return ::stat(path.c_str(), &info); }) == 0 ||
+        errno != ENOENT) {
         return;
     }
     const mode_t mode = ::stat(pfConfPath, &info) == 0 ? info.st_mode & 0777U : 0600;

@@ -2,6 +2,7 @@
 
 #include "firewall/enforce/LegacyCleanup.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 
@@ -9,11 +10,13 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/ScriptedPfctl.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::HelperFirewall {
 namespace {
@@ -101,6 +104,51 @@ TEST_F(LegacyCleanupTest, NeverOverwritesTheFirstBackup) {
     put(pfConf, "first com.tarnvale.firewall\n");
     removeLegacyAnchor();
     put(pfConf, "second com.tarnvale.firewall\n");
+
+    removeLegacyAnchor();
+
+    EXPECT_EQ(contentOf(backupPath), "first com.tarnvale.firewall\n");
+    EXPECT_EQ(contentOf(pfConf), "");
+}
+
+/// Cleans up on a machine that fails so many times to say whether there is a backup. Returns how
+/// many times it was asked.
+int cleanUpWithFailures(int failures) {
+    int asked = 0;
+    test::watchCalls(
+        SYS_newfstatat,
+        [&](const test::WatchedCall& call) {
+            const bool isBackup = test::textAt(call.arguments[1]) == backupPath;
+            return isBackup && ++asked <= failures ? ENOMEM : 0;
+        },
+        removeLegacyAnchor);
+    return asked;
+}
+
+TEST_F(LegacyCleanupTest, NeverOverwritesABackupThatItCannotSee) {
+    put(backupPath, "first com.tarnvale.firewall\n");
+    put(pfConf, "second com.tarnvale.firewall\n");
+
+    EXPECT_GT(cleanUpWithFailures(1'000), 0);
+
+    EXPECT_EQ(contentOf(backupPath), "first com.tarnvale.firewall\n");
+    EXPECT_EQ(contentOf(pfConf), "");
+}
+
+TEST_F(LegacyCleanupTest, BacksUpAlthoughItCannotSeeForAMomentThatThereIsNoBackup) {
+    put(pfConf, "first com.tarnvale.firewall\n");
+
+    EXPECT_GT(cleanUpWithFailures(1), 1);
+
+    EXPECT_EQ(contentOf(backupPath), "first com.tarnvale.firewall\n");
+    EXPECT_EQ(contentOf(pfConf), "");
+}
+
+TEST_F(LegacyCleanupTest, TakesALinkToABackupForOne) {
+    put("/srv/backup", "first com.tarnvale.firewall\n");
+    put(pfConf, "second com.tarnvale.firewall\n");
+    std::filesystem::create_directories(supportFolder);
+    std::filesystem::create_symlink("/srv/backup", backupPath);
 
     removeLegacyAnchor();
 

@@ -21,7 +21,7 @@ struct HostAddress {
 };
 
 /// The IPv4 and IPv6 addresses of all interfaces, in the system's order; none when the system does
-/// not report them. Defined once, in platform/posix.
+/// not report them, and not only for a moment. Defined once, in platform/posix.
 std::vector<HostAddress> hostAddresses();
 
 }  // namespace tarnvale::NetworkFirewall

@@ -7,6 +7,7 @@
 #include <ifaddrs.h>
 
 #include "platform/posix/HostAddressList.h"
+#include "support/Files.h"
 
 namespace tarnvale::NetworkFirewall {
 
@@ -20,7 +21,7 @@ struct FreeIfaddrs {
 
 std::vector<HostAddress> hostAddresses() {
     ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) {
+    if (support::persistently([&] { return ::getifaddrs(&list); }) != 0) {
         return {};
     }
     const std::unique_ptr<ifaddrs, FreeIfaddrs> owner(list);

@@ -2,6 +2,7 @@
 
 #include "platform/HostAddresses.h"
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -9,13 +10,16 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include "tests/support/Program.h"
 #include "tests/support/SkipReasons.h"
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::NetworkFirewall {
 namespace {
 
+using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
@@ -70,6 +74,19 @@ TEST_F(HostAddressesTest, NamesEachInterface) {
         UnorderedElementsAre(
             HostAddress{"bridge100", {192, 168, 64, 1}, 24},
             HostAddress{"lo", {172, 16, 0, 1}, 12}));
+}
+
+TEST_F(HostAddressesTest, AsksAgainWhenTheSystemCannotAnswerForAMoment) {
+    const test::Finished ip = configure("address add 192.168.64.1/20 dev lo\n");
+    ASSERT_EQ(ip.status, 0) << ip.error;
+
+    std::vector<HostAddress> addresses;
+    test::watchCalls(
+        SYS_socket,
+        [](const test::WatchedCall& call) { return call.count == 1 ? EMFILE : 0; },
+        [&] { addresses = hostAddresses(); });
+
+    EXPECT_THAT(addresses, ElementsAre(HostAddress{"lo", {192, 168, 64, 1}, 20}));
 }
 
 TEST_F(HostAddressesTest, FindsNoneWhenTheSystemDoesNotAnswer) {

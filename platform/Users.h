@@ -34,7 +34,8 @@ public:
     /// within it where the system knows those. False for an unknown user.
     virtual bool isMember(uid_t uid, gid_t group) = 0;
 
-    /// Nothing when nobody has the console.
+    /// Nothing when nobody has the console, or when that can't be found out, and not only for a
+    /// moment.
     virtual std::optional<ConsoleUser> consoleUser() = 0;
 };
 

@@ -71,11 +71,24 @@ std::vector<gid_t> groupsOf(const Account& account) {
     return {};
 }
 
-/// The answer of one of sd-login's functions; nothing when it fails.
+/// What one of sd-login's functions returns, a negated errno when it fails. It reads a file each
+/// time, so it is called again while that may succeed.
+template <typename Function, typename Answer>
+int ask(Function function, const char* of, Answer* answer) {
+    return support::persistently([&] {
+        const int result = function(of, answer);
+        if (result < 0) {
+            errno = -result;
+        }
+        return result;
+    });
+}
+
+/// The answer of one of them; nothing when it fails.
 template <typename Function>
 std::optional<std::string> answer(Function function, const char* of) {
     char* text = nullptr;
-    const int result = function(of, &text);
+    const int result = ask(function, of, &text);
     const std::unique_ptr<char, support::Free> owner(text);
     return result >= 0 && text != nullptr ? std::optional<std::string>(text) : std::nullopt;
 }
@@ -112,7 +125,7 @@ public:
             return ConsoleUser{.name = std::string(loginWindowName), .uid = 0};
         }
         uid_t uid = 0;
-        if (kind != "user" || login.sd_session_get_uid(session->c_str(), &uid) < 0) {
+        if (kind != "user" || ask(login.sd_session_get_uid, session->c_str(), &uid) < 0) {
             return std::nullopt;
         }
         // Whoever has no name, or none that can be looked up now, is there all the same.

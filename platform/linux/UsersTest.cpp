@@ -2,22 +2,29 @@
 
 #include "platform/Users.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+
+#include "tests/support/WatchedCalls.h"
 
 namespace tarnvale::platform {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::Eq;
+using testing::Ge;
 using testing::Optional;
 
 void writeFile(const std::string& path, const std::string& text) {
@@ -123,6 +130,30 @@ TEST_F(UsersTest, NamesTheUserOfTheActiveSessionOfSeat0) {
     setSession("UID=501\nUSER=ada\nACTIVE=1\nSTATE=active\nCLASS=user\nSEAT=seat0\n");
 
     EXPECT_THAT(users->consoleUser(), Optional(ConsoleUser{.name = "ada", .uid = 501}));
+}
+
+TEST_F(UsersTest, NamesThatUserAlthoughAFileCouldNotBeReadForAMoment) {
+    writeFile("/etc/passwd", "ada:x:501:20::/:/bin/sh\n");
+    setSeat("IS_SEAT0=1\nACTIVE=c7\nACTIVE_UID=501\n");
+    setSession("UID=501\nUSER=ada\nACTIVE=1\nSTATE=active\nCLASS=user\nSEAT=seat0\n");
+    users->consoleUser();  // loads the libraries that are loaded only once
+
+    // One after the other, each file fails to open once.
+    int opened = 0;
+    for (int failing = 1; failing <= std::max(opened, 1); ++failing) {
+        std::optional<ConsoleUser> user;
+        opened = 0;
+        test::watchCalls(
+            SYS_openat,
+            [&](const test::WatchedCall& call) {
+                opened = call.count;
+                return call.count == failing ? EMFILE : 0;
+            },
+            [&] { user = users->consoleUser(); });
+
+        EXPECT_THAT(user, Optional(ConsoleUser{.name = "ada", .uid = 501})) << failing;
+    }
+    EXPECT_THAT(opened, Ge(4)) << "the seat's file, and the session's for each question";
 }
 
 TEST_F(UsersTest, TakesAGreeterForTheLoginWindow) {

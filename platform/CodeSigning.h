@@ -78,7 +78,8 @@ class CodeSigning {
 public:
     virtual ~CodeSigning() = default;
 
-    /// The running program itself; null when the system does not show it.
+    /// The running program itself; null when the system does not show it. Throws `CheckDisturbed`
+    /// when it could at another time.
     virtual std::unique_ptr<Code> self() = 0;
 
     /// The program that the peer runs right now; null when the peer has ended.

@@ -16,6 +16,14 @@ constexpr std::size_t lengthSize = 4;
 constexpr std::size_t tailSize = lengthSize + signatureMagic.size();
 constexpr std::size_t sha256Digits = 64;
 
+std::string bytesOf(int file, std::size_t count, off_t offset) {
+    auto bytes = readExactly(file, count, offset);
+    if (!bytes) {
+        throw FileUnreadable();
+    }
+    return *std::move(bytes);
+}
+
 /// Whether the bytes are `min` to `max` sequences and nothing else.
 bool areSequences(std::string_view bytes, std::size_t min, std::size_t max) {
     std::size_t count = 0;
@@ -71,12 +79,12 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size) {
     if (size < tail) {
         return std::nullopt;
     }
-    const auto end = readExactly(file, tailSize, size - tail);
-    if (!end || !end->ends_with(signatureMagic)) {
+    const auto end = bytesOf(file, tailSize, size - tail);
+    if (!end.ends_with(signatureMagic)) {
         return std::nullopt;
     }
 
-    const std::size_t length = der::bigEndian(std::string_view(*end).substr(0, lengthSize));
+    const std::size_t length = der::bigEndian(std::string_view(end).substr(0, lengthSize));
     if (length == 0 || length > maxMessageSize || static_cast<off_t>(length) > size - tail) {
         return std::nullopt;
     }
@@ -84,11 +92,8 @@ std::optional<SignatureTrailer> readTrailer(int file, off_t size) {
     if (programSize > maxProgramSize) {
         return std::nullopt;
     }
-    auto message = readExactly(file, length, programSize);
-    if (!message) {
-        return std::nullopt;
-    }
-    return SignatureTrailer{.programSize = programSize, .message = std::move(*message)};
+    return SignatureTrailer{
+        .programSize = programSize, .message = bytesOf(file, length, programSize)};
 }
 
 bool hasShapeOfSignature(std::string_view message) {

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -29,7 +30,14 @@ struct SignatureTrailer {
     std::string message;  ///< CMS, not yet checked
 };
 
-/// The trailer of an open file of that size; nothing when it has none or a malformed one.
+/// The file did not give its bytes. That says nothing about whether it is signed.
+class FileUnreadable : public std::runtime_error {
+public:
+    FileUnreadable() : std::runtime_error("The executable could not be read.") {}
+};
+
+/// The trailer of an open file of that size; nothing when it has none or a malformed one. Throws
+/// `FileUnreadable` when the file can't be read or is shorter.
 std::optional<SignatureTrailer> readTrailer(int file, off_t size);
 
 /// How many certificates a message may carry.

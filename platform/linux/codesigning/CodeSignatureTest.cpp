@@ -106,11 +106,11 @@ TEST(CodeSignatureTest, RefusesAFileThatHasShrunk) {
     const std::string whole = test::withTrailer("program", "message");
     ASSERT_GT(::pwrite(file.get(), whole.data(), whole.size() - 1, 0), 0);
 
-    EXPECT_FALSE(readTrailer(file.get(), static_cast<off_t>(whole.size())));
+    EXPECT_THROW(readTrailer(file.get(), static_cast<off_t>(whole.size())), FileUnreadable);
 }
 
-TEST(CodeSignatureTest, RefusesAFileThatCannotBeRead) {
-    EXPECT_FALSE(readTrailer(-1, 1000));
+TEST(CodeSignatureTest, TakesNoFileThatCannotBeReadForUnsigned) {
+    EXPECT_THROW(readTrailer(-1, 1000), FileUnreadable);
 }
 
 /// DER elements, by hand.

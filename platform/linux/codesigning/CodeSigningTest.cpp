@@ -4,6 +4,7 @@
 
 #include "platform/CodeSigning.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <ctime>
@@ -19,6 +20,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "platform/linux/PeerProcess.h"
@@ -26,6 +28,7 @@
 #include "tests/support/Disturbance.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/RefusedCall.h"
 #include "tests/support/SigningLab.h"
 #include "tests/support/SkipReasons.h"
 #include "tests/support/SocketPeer.h"
@@ -386,6 +389,53 @@ TEST_F(CodeSigningTest, SaysSoWhenItsOwnFileCannotBeOpened) {
 
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(self->isValid(anchored));
+}
+
+TEST_F(CodeSigningTest, SaysSoWhenItsOwnFileCannotBeRead) {
+    const auto self = signing->self();
+    ASSERT_TRUE(self);
+    std::thread([&] {
+        test::refuseCall(SYS_pread64, EIO);
+
+        EXPECT_THROW(self->isValid(anchored), CheckDisturbed);
+        EXPECT_THROW(self->isValid(anchored), CheckDisturbed) << "it isn't settled by asking twice";
+    }).join();
+
+    EXPECT_FALSE(self->isValid(anchored)) << "it isn't signed";
+}
+
+TEST_F(CodeSigningTest, SaysSoWhenItsOwnFileCannotBeExamined) {
+    const auto self = signing->self();
+    ASSERT_TRUE(self);
+    for (const int error : {ENOMEM, EIO}) {
+        std::thread([&] {
+            test::refuseCall(SYS_newfstatat, error);
+
+            EXPECT_THROW(signing->self(), CheckDisturbed) << error;
+            EXPECT_THROW(self->signingInformation(), CheckDisturbed) << error;
+        }).join();
+    }
+
+    EXPECT_TRUE(signing->self());
+    EXPECT_THAT(self->signingInformation(), Eq(std::nullopt)) << "it isn't signed";
+}
+
+TEST_F(CodeSigningTest, TrustsNoPeerWhoseFileCannotBeRead) {
+    const SocketPeer client({clientPath, "1000"});
+    const auto process = PeerProcess::ofSocket(client.socket());
+    const auto code = signing->guest(process->peer());
+    ASSERT_TRUE(code);
+    std::thread([&] {
+        test::refuseCall(SYS_pread64, EIO);
+
+        EXPECT_THAT(code->signingInformation(), Eq(std::nullopt));
+        EXPECT_FALSE(code->isValid(anchored));
+    }).join();
+    std::thread([&] {
+        test::refuseCall(SYS_newfstatat, EIO);
+
+        EXPECT_FALSE(signing->guest(process->peer()));
+    }).join();
 }
 
 TEST_F(CodeSigningTest, TrustsNobodyWithoutRoots) {

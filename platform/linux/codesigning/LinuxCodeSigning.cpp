@@ -108,7 +108,7 @@ public:
 
 private:
     /// Where something can't be found out, a peer fails its check. That says nothing about this
-    /// program itself: descriptors may have run out, or the roots may come later.
+    /// program itself: descriptors or memory may have run out, or the roots may come later.
     bool cannotTell() const {
         if (!peer_) {
             throw CheckDisturbed();
@@ -140,15 +140,20 @@ private:
     /// process has ended or runs another program by now, or when the program isn't signed.
     bool open() {
         if (!file_) {
-            file_.reset(::open(link_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-            if (!file_) {
+            support::UniqueFd file(::open(link_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+            const auto opened = file ? identityOf(file.get()) : std::nullopt;
+            if (!opened) {
                 return cannotTell();
             }
-            const auto opened = identityOf(file_.get());
-            if (opened && opened->isSameFile(executable_) && (!peer_ || lives(*peer_))) {
+            if (opened->isSameFile(executable_) && (!peer_ || lives(*peer_))) {
+                try {
+                    trailer_ = readTrailer(file.get(), opened->size);
+                } catch (const FileUnreadable&) {
+                    return cannotTell();
+                }
                 executable_ = *opened;
-                trailer_ = readTrailer(file_.get(), executable_.size);
             }
+            file_ = std::move(file);
         }
         return trailer_.has_value();
     }
@@ -272,7 +277,11 @@ private:
     std::unique_ptr<Code> codeAt(
         std::string link, std::optional<Peer> peer, std::optional<PeerProcess> owned) {
         struct stat status {};
-        if (::stat(link.c_str(), &status) != 0 || (peer && !lives(*peer))) {
+        const bool isThere = ::stat(link.c_str(), &status) == 0;
+        if (!isThere && !peer) {
+            throw CheckDisturbed();  // what runs has a file, even one that nobody can see now
+        }
+        if (!isThere || (peer && !lives(*peer))) {
             return nullptr;
         }
         return std::make_unique<LinuxCode>(

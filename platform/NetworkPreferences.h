@@ -2,7 +2,8 @@
 //
 // The system's network preferences, as far as they concern VLAN interfaces. A session sees the
 // interfaces as they were when it was opened, and its own changes. Those are staged: the system
-// takes them over at commit and apply.
+// takes them over at commit and apply. Where the system lets several sessions change something, one
+// that has made a VLAN lists those of the others, too.
 
 #pragma once
 

@@ -44,6 +44,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::Optional;
 using testing::ThrowsMessage;
 
 void require(int result, const char* step) {
@@ -458,6 +459,37 @@ TEST_F(SessionTest, LeavesAnotherOneItsUnfinishedVLAN) {
     EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "vlan0", "vlan1"));
 }
 
+TEST_F(SessionTest, ListsWhatOthersMadeAndRemovedBeforeItsOwnWasApplied) {
+    createVLAN(4, "en1");
+    const auto session = open();
+    const auto vlan = session->createVLAN(find("en0", *session), 5);
+    ASSERT_TRUE(vlan);
+    EXPECT_TRUE(session->commit());
+    EXPECT_EQ(createVLAN(6), "vlan2");
+    deleteVLAN(*preferences, "vlan0");
+    EXPECT_TRUE(session->apply());
+
+    EXPECT_THAT(namesOf(session->vlanInterfaces(), *session), ElementsAre("vlan1", "vlan2"));
+    EXPECT_THAT(namesOf(session->vlanInterfaces(), *session), ElementsAre("vlan1", "vlan2"));
+    EXPECT_THAT(session->bsdName(*vlan), Optional(std::string("vlan1")));
+}
+
+TEST_F(SessionTest, ForgetsNoVLANThatAnotherOneMadeMeanwhile) {
+    // The first asks for its VLAN's index between its commit and its apply.
+    test::watchCalls(
+        SYS_ioctl,
+        [&](const test::WatchedCall& call) {
+            EXPECT_EQ(call.count == 1 ? createVLAN(6) : "vlan1", "vlan1");
+            return 0;
+        },
+        [&] { EXPECT_EQ(createVLAN(5), "vlan0"); });
+
+    EXPECT_THAT(loadRecords(), ElementsAre(Record{"vlan1", 6, "en0"}, Record{"vlan0", 5, "en0"}));
+    deleteVLAN(*preferences, "vlan1");
+    deleteVLAN(*preferences, "vlan0");
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo"));
+}
+
 TEST_F(SessionTest, TakesNoOtherInterfaceForItsVLAN) {
     int group = 0;
     {
@@ -590,26 +622,28 @@ protected:
 };
 
 TEST_F(LostAnswerTest, LeavesANewVLANRecordedOrNone) {
+    createVLAN(4, "en1");
     for (const int count : {1, 2}) {
         int made = 0;
         bool isDone = false;
         for (int first = 1; loses(first, count, [&] { isDone = succeeds([&] { createVLAN(5); }); });
              ++first) {
             SCOPED_TRACE(first);
-            EXPECT_EQ(exists("vlan0"), isDone);
-            EXPECT_EQ(loadRecords().size(), isDone ? 1U : 0U);
+            EXPECT_EQ(exists("vlan1"), isDone);
+            EXPECT_EQ(loadRecords().size(), isDone ? 2U : 1U) << "with the older one";
             if (isDone) {
                 ++made;
                 EXPECT_THAT(
-                    described("vlan0"), AllOf(HasSubstr(",UP"), HasSubstr("group default")));
-                deleteVLAN(*preferences, "vlan0");
+                    described("vlan1"), AllOf(HasSubstr(",UP"), HasSubstr("group default")));
+                deleteVLAN(*preferences, "vlan1");
             }
         }
 
         EXPECT_TRUE(isDone) << "without a loss";
-        // One answer, to the creation or to the setting up, can be done without.
-        EXPECT_EQ(made, count == 1 ? 2 : 0);
-        deleteVLAN(*preferences, "vlan0");
+        // One answer, to the creation or to the setting up, can be done without, and so can the two
+        // that are the list of VLANs afterwards.
+        EXPECT_EQ(made, count == 1 ? 4 : 2);
+        deleteVLAN(*preferences, "vlan1");
     }
 }
 

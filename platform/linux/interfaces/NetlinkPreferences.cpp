@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <exception>
+#include <iterator>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -102,6 +104,9 @@ public:
     }
 
     std::vector<InterfaceID> vlanInterfaces() override {
+        if (stage_ == Stage::applied) {
+            lookAgain();
+        }
         return interfacesThat([this](const Link& link) {
             const bool isRemoved = stage_ == Stage::removal && &link == &links_[changed_];
             return link.isVLAN && !isRemoved;
@@ -199,12 +204,28 @@ private:
     template <typename Condition>
     std::vector<InterfaceID> interfacesThat(const Condition& condition) const {
         std::vector<InterfaceID> interfaces;
-        for (const Link& link : links_) {
-            if (condition(link)) {
-                interfaces.push_back(idOf(link));
+        for (std::size_t place = latest_; place < links_.size(); ++place) {
+            if (condition(links_[place])) {
+                interfaces.push_back(InterfaceID{place});
             }
         }
         return interfaces;
+    }
+
+    /// Whoever records a VLAN forgets those that are not listed. So this session, whose change is
+    /// in effect, lists what others have made meanwhile.
+    void lookAgain() {
+        try {
+            auto now = socket_.links();
+            const std::size_t known = links_.size();
+            links_.insert(
+                links_.end(),
+                std::make_move_iterator(now.begin()),
+                std::make_move_iterator(now.end()));
+            latest_ = known;
+        } catch (const std::exception&) {
+            // The older list has at least its own.
+        }
     }
 
     /// Throws when the interface is no longer what the session saw.
@@ -291,7 +312,8 @@ private:
     }
 
     LinkSocket socket_;
-    std::vector<Link> links_;  ///< by `InterfaceID`; the created VLAN is the last
+    std::vector<Link> links_;  ///< by `InterfaceID`; each new list stands behind the others
+    std::size_t latest_ = 0;   ///< where the last list begins
     Stage stage_ = Stage::nothing;
     std::size_t changed_ = 0;  ///< the place of the VLAN that is created or removed
     std::string alias_;

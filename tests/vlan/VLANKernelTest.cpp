@@ -681,6 +681,41 @@ TEST_F(LostAnswerTest, IsNotTakenForASetUp) {
     EXPECT_FALSE(exists("vlan0"));
 }
 
+TEST_F(LostAnswerTest, LeavesNoVLANThatIsSetUpInPart) {
+    const auto session = open();
+    const auto vlan = session->createVLAN(find("en0", *session), 5);
+    ASSERT_TRUE(vlan);
+    EXPECT_TRUE(session->setDisplayName(*vlan, "Lab"));
+    EXPECT_TRUE(session->commit());
+
+    bool isDone = false;
+    test::watchCalls(
+        SYS_recvmsg,
+        [](const test::WatchedCall& call) {
+            if (call.count == 1) {
+                // It has left its group; the rest of the step seems to have failed.
+                ip("link set dev vlan0 down alias none");
+            }
+            return call.count == 1 ? ENOBUFS : 0;
+        },
+        [&] { isDone = session->apply(); });
+
+    EXPECT_TRUE(isDone);
+    EXPECT_THAT(described("vlan0"), AllOf(HasSubstr(",UP"), HasSubstr("group default")));
+    EXPECT_EQ(aliasOf("vlan0"), "Lab");
+}
+
+TEST_F(LostAnswerTest, LeavesAVLANOnAParentThatIsDown) {
+    ip("link set dev en0 down");
+    const auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+    EXPECT_TRUE(session->commit());
+
+    EXPECT_TRUE(loses(1, 1, [&] { EXPECT_TRUE(session->apply()); }));
+
+    EXPECT_THAT(described("vlan0"), HasSubstr("group default"));
+}
+
 TEST_F(LostAnswerTest, IsNotTakenForARemoval) {
     createVLAN(5);
     bool isLost = true;

@@ -7,9 +7,9 @@
 // apply that makes it whole, the VLAN is down and in a group of interfaces that is the session's
 // alone. So what could not be set up is taken back; what a helper leaves that is killed meanwhile
 // is known by its group, and the next one takes it back before its first session. Where the
-// kernel's answer gets lost, it is asked what it did. Whether the kernel has VLANs at all is known
-// earlier, when one is asked for: it is sent a request that no kernel grants, and only one that has
-// VLANs knows why.
+// kernel's answer gets lost, it is asked what it did, or to set the VLAN up once more. Whether the
+// kernel has VLANs at all is known earlier, when one is asked for: it is sent a request that no
+// kernel grants, and only one that has VLANs knows why.
 
 #include <algorithm>
 #include <cerrno>
@@ -281,24 +281,22 @@ private:
 
     void setUp() {
         try {
-            socket_.setUp(links_[changed_].index, alias_);
+            attemptSetUp();
         } catch (const netlink::AnswerLost&) {
-            if (!isSetUp()) {
-                throw;
-            }
+            // It may have come to the group and no further. A second time does no harm.
+            attemptSetUp();
+        }
+    }
+
+    void attemptSetUp() {
+        try {
+            socket_.setUp(links_[changed_].index, alias_);
         } catch (const std::system_error& error) {
             // On a parent that is down it cannot be up; it follows when the parent comes up.
             if (error.code() != std::errc::network_down) {
                 throw;
             }
         }
-    }
-
-    /// It left its group in the same step.
-    bool isSetUp() {
-        const auto links = socket_.links();
-        const auto found = std::ranges::find(links, links_[changed_].index, &Link::index);
-        return found != links.end() && found->group == 0;
     }
 
     void takeBack() {

@@ -243,7 +243,8 @@ private:
     void ask(Asker& asker);
     Call callFor(Wish wish, Asker& asker);
     static std::optional<Texts> replyTo(Asker& asker, const Call& call);
-    void setWaiting(Asker& asker, const char* request);
+    bool mayAsk(Asker& asker, const char* request);
+    void stopWaiting(Asker& asker);
     void awaitReplies();
     void record(
         Wish wish,
@@ -359,7 +360,10 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
         threads.emplace_back([this, &asker] { askUntilTheEnd(asker); });
     }
     std::this_thread::sleep_for(duration);
-    ends_ = true;
+    {
+        const std::lock_guard lock(mutex_);
+        ends_ = true;
+    }
     awaitReplies();
     for (auto& thread : threads) {
         thread.join();
@@ -367,7 +371,8 @@ void Storm::Course::run(std::chrono::milliseconds duration) {
     look();
 }
 
-/// Kills the clients that get none, though the others have got theirs.
+/// Kills the clients that get none, though the others have got theirs. Nobody asks any more, so
+/// with each reply there is one less who waits.
 void Storm::Course::awaitReplies() {
     const auto countWaiting = [this] {
         const std::lock_guard lock(mutex_);
@@ -487,15 +492,20 @@ void Storm::Course::ask(Asker& asker) {
     }
     if (!asker.client) {
         const std::lock_guard lock(starting_);
+        if (ends_) {
+            return;  // a busy machine takes longer to start all clients than a period is
+        }
         asker.client = std::make_unique<ServiceClient>(lab_.client, users.at(asker.user).uid);
         asker.served = Instant::min();
     }
     const auto call = callFor(wish, asker);
-    setWaiting(asker, call.method);
+    if (!mayAsk(asker, call.method)) {
+        return;
+    }
     Span span{.begin = Clock::now()};
     const auto reply = replyTo(asker, call);
     span.end = Clock::now();
-    setWaiting(asker, nullptr);
+    stopWaiting(asker);
     record(wish, asker, call, span, reply);
     if (reply) {
         asker.served = span.end;
@@ -504,9 +514,18 @@ void Storm::Course::ask(Asker& asker) {
     }
 }
 
-void Storm::Course::setWaiting(Asker& asker, const char* request) {
+/// Not after the end, which may have come while the client was started.
+bool Storm::Course::mayAsk(Asker& asker, const char* request) {
     const std::lock_guard lock(mutex_);
-    asker.waitsFor = request;
+    if (!ends_) {
+        asker.waitsFor = request;
+    }
+    return !ends_;
+}
+
+void Storm::Course::stopWaiting(Asker& asker) {
+    const std::lock_guard lock(mutex_);
+    asker.waitsFor = nullptr;
 }
 
 Call Storm::Course::callFor(Wish wish, Asker& asker) {

@@ -187,6 +187,13 @@ struct Call {
     bool isOpen = false;  ///< to everybody
 };
 
+void joinAll(std::vector<std::thread>& threads) {
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    threads.clear();
+}
+
 bool fits(const Texts& reply, const Texts& expected) {
     return std::ranges::equal(reply, expected, [](const auto& text, const auto& expectedText) {
         return expectedText.empty() ? text != "nil" : text == expectedText;
@@ -214,6 +221,7 @@ private:
         std::string list{};  ///< the last one, by its port
         std::string text{};
         Instant served = Instant::min();  ///< when the connection got its last reply
+        Instant asked = Instant::min();   ///< when its last request began
         const char* waitsFor = nullptr;   ///< the request that has no reply yet
     };
 
@@ -240,11 +248,14 @@ private:
     static void awaitFreeSocket();
     void reapply();
     void askUntilTheEnd(Asker& asker);
+    bool isDone(const Asker& asker);
     void ask(Asker& asker);
     Call callFor(Wish wish, Asker& asker);
     static std::optional<Texts> replyTo(Asker& asker, const Call& call);
     bool mayAsk(Asker& asker, const char* request);
     void stopWaiting(Asker& asker);
+    bool hasAskedSinceLastKill(const Asker& asker) const;
+    void awaitRequests();
     void awaitReplies();
     void record(
         Wish wish,
@@ -277,7 +288,8 @@ private:
     std::unique_ptr<Program> helper_;
     std::vector<Asker> askers_;
     std::uint64_t round_ = 0;
-    std::atomic<bool> ends_ = false;
+    std::atomic<bool> isOver_ = false;  ///< nobody disturbs any more, but for the last time
+    std::atomic<bool> ends_ = false;    ///< nobody asks any more
     std::atomic<bool> listens_ = false;
     std::atomic<unsigned> listsMade_ = 0;
     std::mutex starting_;  ///< a program that starts has, for a moment, all that is open here
@@ -341,34 +353,59 @@ void Storm::Course::launch() {
 }
 
 void Storm::Course::run(std::chrono::milliseconds duration) {
+    isOver_ = false;
     ends_ = false;
     ++round_;
-    std::vector<std::thread> threads;
-    threads.reserve(askers_.size() + 2);
+    const bool endsWithAKill = plan_.isDisturbed && round_ % 2 == 0;
+    std::vector<std::thread> disturbers;
     if (plan_.isDisturbed) {
         const auto seed = plan_.seed + round_;
-        const bool isLast = round_ % 2 == 0;
         const auto longestLife =
-            isLast ? plan_.longestLife : std::min(plan_.longestLife, duration / 2);
-        threads.emplace_back([this, seed, longestLife, isLast] {
-            disturb([this] { restart(); }, seed, longestLife, isLast);
+            endsWithAKill ? plan_.longestLife : std::min(plan_.longestLife, duration / 2);
+        disturbers.emplace_back([this, seed, longestLife, endsWithAKill] {
+            disturb([this] { restart(); }, seed, longestLife, endsWithAKill);
         });
-        threads.emplace_back(
-            [this, seed, isLast] { disturb([this] { reapply(); }, seed, 100ms, isLast); });
+        disturbers.emplace_back([this, seed, endsWithAKill] {
+            disturb([this] { reapply(); }, seed, 100ms, endsWithAKill);
+        });
     }
+    std::vector<std::thread> threads;
+    threads.reserve(askers_.size());
     for (auto& asker : askers_) {
         threads.emplace_back([this, &asker] { askUntilTheEnd(asker); });
     }
     std::this_thread::sleep_for(duration);
+    isOver_ = true;
+    if (!endsWithAKill) {
+        joinAll(disturbers);
+        awaitRequests();
+    }
     {
         const std::lock_guard lock(mutex_);
         ends_ = true;
     }
     awaitReplies();
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    joinAll(disturbers);
+    joinAll(threads);
     look();
+}
+
+/// With `mutex_` held.
+bool Storm::Course::hasAskedSinceLastKill(const Asker& asker) const {
+    return kills_.empty() || asker.asked >= kills_.back().end;
+}
+
+/// Until each client has asked since the last kill, so that no kill hides that it gets no reply.
+void Storm::Course::awaitRequests() {
+    const auto haveAllAsked = [this] {
+        const std::lock_guard lock(mutex_);
+        return std::ranges::all_of(
+            askers_, [this](const Asker& asker) { return hasAskedSinceLastKill(asker); });
+    };
+    const auto end = Clock::now() + startLimit;
+    while (!haveAllAsked() && Clock::now() < end) {
+        std::this_thread::sleep_for(1ms);
+    }
 }
 
 /// Kills the clients that get none, though the others have got theirs. Nobody asks any more, so
@@ -406,7 +443,7 @@ void Storm::Course::disconnect() {
 }
 
 /// Does it at least once, and again and again, after pauses that are no longer than that. It is the
-/// last that happens, or else well before the end, so that the last requests get their replies.
+/// last that happens, or else the period goes on without it.
 void Storm::Course::disturb(
     const std::function<void()>& act,
     std::uint64_t seed,
@@ -417,13 +454,13 @@ void Storm::Course::disturb(
     try {
         do {
             const auto until = Clock::now() + std::chrono::milliseconds(pause(random));
-            while (!ends_ && Clock::now() < until) {
+            while (!isOver_ && Clock::now() < until) {
                 std::this_thread::sleep_for(1ms);
             }
-            if (!ends_ || isLast) {
+            if (!isOver_ || isLast) {
                 act();
             }
-        } while (!ends_);
+        } while (!isOver_);
     } catch (const std::exception& error) {
         violated(error.what());
     }
@@ -473,7 +510,7 @@ void Storm::Course::reapply() {
 void Storm::Course::askUntilTheEnd(Asker& asker) {
     try {
         while (!ends_) {
-            if (!listens_) {
+            if (!listens_ || isDone(asker)) {
                 std::this_thread::sleep_for(1ms);
                 continue;
             }
@@ -482,6 +519,12 @@ void Storm::Course::askUntilTheEnd(Asker& asker) {
     } catch (const std::exception& error) {
         violated(error.what());
     }
+}
+
+/// Whoever has asked since the last kill leaves the rest of the period to the others.
+bool Storm::Course::isDone(const Asker& asker) {
+    const std::lock_guard lock(mutex_);
+    return isOver_ && hasAskedSinceLastKill(asker);
 }
 
 void Storm::Course::ask(Asker& asker) {
@@ -517,10 +560,12 @@ void Storm::Course::ask(Asker& asker) {
 /// Not after the end, which may have come while the client was started.
 bool Storm::Course::mayAsk(Asker& asker, const char* request) {
     const std::lock_guard lock(mutex_);
-    if (!ends_) {
-        asker.waitsFor = request;
+    if (ends_) {
+        return false;
     }
-    return !ends_;
+    asker.asked = Clock::now();
+    asker.waitsFor = request;
+    return true;
 }
 
 void Storm::Course::stopWaiting(Asker& asker) {

@@ -52,6 +52,9 @@ target_compile_definitions(tarnvale_options INTERFACE
 define_property(TARGET PROPERTY TARNVALE_FOR_TESTS BRIEF_DOCS "Whether only tests run it")
 set(for_tests $<BOOL:$<TARGET_PROPERTY:TARNVALE_FOR_TESTS>>)
 target_compile_options(tarnvale_options INTERFACE $<${for_tests}:-O0>)
+# g++ looks for what it could free, again and again, from a few megabytes on: a tenth of its time.
+target_compile_options(tarnvale_options INTERFACE
+    "$<$<AND:${for_tests},$<COMPILE_LANG_AND_ID:CXX,GNU>>:SHELL:--param ggc-min-heapsize=1000000>")
 # Compiled together with others, a source may give a local name that another one gives to something
 # global.
 target_compile_options(tarnvale_options INTERFACE $<$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>:-Wno-shadow>)

@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -586,6 +587,32 @@ TEST_F(SessionTest, RemovesVLANsOnly) {
     EXPECT_FALSE(session->remove(find("en0", *session)));
 }
 
+/// From now on the kernel lets this thread change no interface.
+void giveUpRights() {
+    constexpr int same = -1;
+    constexpr int nobody = 65534;
+    require(static_cast<int>(::syscall(SYS_setresuid, same, nobody, same)), "give up the rights");
+}
+
+TEST_F(SessionTest, TakesBackWhatAnEarlierOneCouldNot) {
+    const auto other = open();
+    ASSERT_TRUE(other->createVLAN(find("en0", *other), 6));
+    EXPECT_TRUE(other->commit());
+    auto session = open();
+    ASSERT_TRUE(session->createVLAN(find("en0", *session), 5));
+    EXPECT_TRUE(session->commit());
+    std::thread([&session] {
+        giveUpRights();
+        session.reset();
+    }).join();
+    ASSERT_TRUE(exists("vlan1"));
+
+    EXPECT_EQ(createVLAN(5), "vlan1");
+
+    EXPECT_TRUE(other->apply()) << "what a session has is not taken back";
+    EXPECT_THAT(interfaces(), ElementsAre("en0", "en1", "lo", "vlan0", "vlan1"));
+}
+
 class LostAnswerTest : public VLANKernelTest {
 protected:
     /// Runs the operation while so many of the kernel's answers get lost, from the one with the
@@ -610,14 +637,6 @@ protected:
         } catch (const VLANError&) {
             return false;
         }
-    }
-
-    /// From now on the kernel lets this thread change no interface.
-    static void giveUpRights() {
-        constexpr int same = -1;
-        constexpr int nobody = 65534;
-        require(
-            static_cast<int>(::syscall(SYS_setresuid, same, nobody, same)), "give up the rights");
     }
 };
 

@@ -5,11 +5,12 @@
 // A session stages one change and refuses a second: the kernel makes a single change wholly or not
 // at all, but not two. Nothing is created before the commit. From then until the one step of the
 // apply that makes it whole, the VLAN is down and in a group of interfaces that is the session's
-// alone. So what could not be set up is taken back; what a helper leaves that is killed meanwhile
-// is known by its group, and the next one takes it back before its first session. Where the
-// kernel's answer gets lost, it is asked what it did, or to set the VLAN up once more. Whether the
-// kernel has VLANs at all is known earlier, when one is asked for: it is sent a request that no
-// kernel grants, and only one that has VLANs knows why.
+// alone. So what could not be set up is taken back. What could not be taken back, or is left by a
+// helper that was killed meanwhile, is known by its group, which no session has: the next session,
+// or the next helper before its first, takes it back. Where the kernel's answer gets lost, it is
+// asked what it did, or to set the VLAN up once more. Whether the kernel has VLANs at all is known
+// earlier, when one is asked for: it is sent a request that no kernel grants, and only one that has
+// VLANs knows why.
 
 #include <algorithm>
 #include <cerrno>
@@ -82,10 +83,71 @@ std::optional<Link> vlanWith(
     return found == links.end() ? std::nullopt : std::optional(*found);
 }
 
+/// The groups of the sessions that there are. Safe from any thread.
+class SessionGroups {
+public:
+    /// A group that no other session has. Before the first, nothing that is unfinished can be ours;
+    /// after a session that could not take its VLAN back, what no session has is removed, too.
+    /// Throws `std::system_error`.
+    std::uint32_t take() {
+        const support::MutexLock lock(mutex_);
+        if (mayHaveLeftovers_) {
+            takeBackUnfinished();
+            mayHaveLeftovers_ = false;
+        }
+        std::uint32_t group = 0;
+        do {
+            group = groupsOfUnfinished + (++sessions_ & sessionsMask);
+        } while (!taken_.insert(group).second);
+        return group;
+    }
+
+    /// Ends a session. `isLeft`: its VLAN may still be there, unfinished.
+    void giveBack(std::uint32_t group, bool isLeft) {
+        const support::MutexLock lock(mutex_);
+        taken_.erase(group);
+        mayHaveLeftovers_ = mayHaveLeftovers_ || isLeft;
+    }
+
+private:
+    void takeBackUnfinished() REQUIRES(mutex_) {
+        LinkSocket socket;
+        for (const Link& link : socket.links()) {
+            if (isUnfinished(link) && !taken_.contains(link.group)) {
+                socket.remove(link.index);
+            }
+        }
+    }
+
+    support::Mutex mutex_;
+    std::uint32_t sessions_ GUARDED_BY(mutex_) = 0;
+    std::set<std::uint32_t> taken_ GUARDED_BY(mutex_);
+    bool mayHaveLeftovers_ GUARDED_BY(mutex_) = true;  ///< perhaps an earlier helper's
+};
+
+/// A session's own group, as long as it lives.
+class SessionGroup {
+public:
+    explicit SessionGroup(SessionGroups& groups) : groups_(groups), number_(groups.take()) {}
+    SessionGroup(const SessionGroup&) = delete;
+    SessionGroup& operator=(const SessionGroup&) = delete;
+    ~SessionGroup() { groups_.giveBack(number_, isLeft_); }
+
+    std::uint32_t number() const { return number_; }
+
+    /// The session leaves an unfinished VLAN in it.
+    void leave() { isLeft_ = true; }
+
+private:
+    SessionGroups& groups_;
+    std::uint32_t number_;
+    bool isLeft_ = false;
+};
+
 class NetlinkSession final : public NetworkPreferencesSession {
 public:
-    /// `group` is what no other session has. Throws `std::system_error`.
-    explicit NetlinkSession(std::uint32_t group) : links_(socket_.links()), group_(group) {}
+    /// `groups` must outlive the session. Throws `std::system_error`.
+    explicit NetlinkSession(SessionGroups& groups) : group_(groups), links_(socket_.links()) {}
     NetlinkSession(const NetlinkSession&) = delete;
     NetlinkSession& operator=(const NetlinkSession&) = delete;
 
@@ -95,7 +157,8 @@ public:
                 takeBack();
             }
         } catch (...) {
-            // Whoever asked knows that it failed. The next helper takes it back.
+            // Whoever asked knows that it failed. The next session or helper takes it back.
+            group_.leave();
         }
     }
 
@@ -243,7 +306,7 @@ private:
         stage_ = Stage::created;
         try {
             socket_.createVLAN(
-                vlan.name, *vlan.parent, static_cast<std::uint16_t>(*vlan.tag), group_);
+                vlan.name, *vlan.parent, static_cast<std::uint16_t>(*vlan.tag), group_.number());
             // Known at once, so that nothing else takes memory before the VLAN can be taken back.
             vlan.index = static_cast<int>(::if_nametoindex(vlan.name.c_str()));
         } catch (const netlink::AnswerLost&) {
@@ -260,8 +323,9 @@ private:
     /// The VLAN that the session has created and not yet set up.
     std::optional<Link> ownVLAN() {
         const auto links = socket_.links();
-        const auto found = std::ranges::find_if(
-            links, [this](const Link& link) { return link.isVLAN && link.group == group_; });
+        const auto found = std::ranges::find_if(links, [this](const Link& link) {
+            return link.isVLAN && link.group == group_.number();
+        });
         return found == links.end() ? std::nullopt : std::optional(*found);
     }
 
@@ -309,47 +373,27 @@ private:
         }
     }
 
+    SessionGroup group_;  ///< of the VLAN that is created, until it is set up
     LinkSocket socket_;
     std::vector<Link> links_;  ///< by `InterfaceID`; each new list stands behind the others
     std::size_t latest_ = 0;   ///< where the last list begins
     Stage stage_ = Stage::nothing;
     std::size_t changed_ = 0;  ///< the place of the VLAN that is created or removed
     std::string alias_;
-    std::uint32_t group_;  ///< of the VLAN that is created, until it is set up
 };
-
-/// Removes the VLANs that an earlier helper left unfinished. Throws `std::system_error`.
-void takeBackUnfinished() {
-    LinkSocket socket;
-    for (const Link& link : socket.links()) {
-        if (isUnfinished(link)) {
-            socket.remove(link.index);
-        }
-    }
-}
 
 class NetlinkPreferences final : public NetworkPreferences {
 public:
     std::unique_ptr<NetworkPreferencesSession> open(std::string_view /*processName*/) override {
         try {
-            return std::make_unique<NetlinkSession>(nextGroup());
+            return std::make_unique<NetlinkSession>(groups_);
         } catch (const std::system_error&) {
             return nullptr;
         }
     }
 
 private:
-    /// A group for the next session. Before the first, nothing that is unfinished can be ours.
-    std::uint32_t nextGroup() {
-        const support::MutexLock lock(mutex_);
-        if (sessions_ == 0) {
-            takeBackUnfinished();
-        }
-        return groupsOfUnfinished + (++sessions_ & sessionsMask);
-    }
-
-    support::Mutex mutex_;
-    std::uint64_t sessions_ GUARDED_BY(mutex_) = 0;
+    SessionGroups groups_;
 };
 
 }  // namespace

@@ -27,8 +27,12 @@ bool takeOne() {
 // The thread sanitizer has operators of its own, which no others can replace.
 #if !defined(TARNVALE_THREAD_SANITIZER)
 
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return takeOne() ? std::malloc(size) : nullptr;
+}
+
 void* operator new(std::size_t size) {
-    void* const memory = takeOne() ? std::malloc(size) : nullptr;
+    void* const memory = ::operator new(size, std::nothrow);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }

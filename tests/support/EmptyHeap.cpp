@@ -13,19 +13,19 @@ constexpr std::size_t unlimited = std::numeric_limits<std::size_t>::max();
 
 thread_local std::size_t successesLeft = unlimited;
 
+}  // namespace
+
+// The thread sanitizer has operators of its own, which no others can replace.
+#if !defined(TARNVALE_THREAD_SANITIZER)
+
 /// Whether one more allocation may succeed.
-bool takeOne() {
+static bool takeOne() {
     if (successesLeft == 0) {
         return false;
     }
     successesLeft -= successesLeft == unlimited ? 0 : 1;
     return true;
 }
-
-}  // namespace
-
-// The thread sanitizer has operators of its own, which no others can replace.
-#if !defined(TARNVALE_THREAD_SANITIZER)
 
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     return takeOne() ? std::malloc(size) : nullptr;

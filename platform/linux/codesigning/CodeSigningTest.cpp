@@ -410,6 +410,8 @@ TEST_F(CodeSigningTest, SaysSoWhenItsOwnFileCannotBeExamined) {
     for (const int error : {ENOMEM, EIO}) {
         std::thread([&] {
             test::refuseCall(SYS_newfstatat, error);
+            test::refuseCall(
+                SYS_fstat, error);  // by which the thread sanitizer examines open files
 
             EXPECT_THROW(signing->self(), CheckDisturbed) << error;
             EXPECT_THROW(self->signingInformation(), CheckDisturbed) << error;

@@ -3,11 +3,13 @@
 #include "support/JsonProblems.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <vector>
@@ -15,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/GuardedText.h"
 #include "tests/support/Mutation.h"
 
 namespace tarnvale::support {
@@ -23,6 +26,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 enum class Proto : std::uint8_t { any, tcp };
 
@@ -142,12 +146,30 @@ TEST(JsonProblemsTest, FindsWhatPrecedesAnErrorOfSyntax) {
             "1:1 : expected an object, found an array", "1:4 : expected the end, found \"x\""));
 }
 
+// A text can end anywhere, also where a value would have to begin.
+TEST(JsonProblemsTest, ReadsNothingBehindTheText) {
+    const std::string_view unsound =
+        R"({"id": "\u0030D9A4C11", "number": 1e, "rules": [{"proto": "\ud83d\ude00", "enabled": "x",
+  "proto": [{"a": tru}]}], "share": -1.5e+7, "named": {"a": nul, "b": "é"}})";
+    test::GuardedText guard(1024);
+    for (const std::string_view whole : {std::string_view(sound), unsound}) {
+        for (std::size_t length = 0; length < whole.size(); ++length) {
+            const auto text = guard.hold(whole.substr(0, length));
+            Policy policy;
+
+            EXPECT_THAT(jsonProblems(text, policy), Not(IsEmpty())) << text;
+            EXPECT_THROW(decodeJson<Policy>(text), JsonError) << text;
+        }
+    }
+}
+
 TEST(JsonProblemsTest, AgreesWithTheReaderThatStopsAtTheFirst) {
     std::mt19937_64 random(1);  // NOLINT(cert-msc51-cpp): every run tries the same
     int sounds = 0;
     int refusals = 0;
+    test::GuardedText guard(4096);
     for (int i = 0; i < 20'000; ++i) {
-        const auto text = test::mutated(sound, random);
+        const auto text = guard.hold(test::mutated(sound, random));
         Policy policy;
 
         const auto problems = jsonProblems(text, policy);

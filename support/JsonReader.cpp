@@ -374,7 +374,7 @@ void JsonReader::failValue(const char* value, std::string_view expected) {
 }
 
 void JsonReader::failWord(const char* value, std::span<const std::string_view> words) {
-    if (mismatches_ != nullptr && *value == '"') {
+    if (mismatches_ != nullptr && value != end_ && *value == '"') {
         auto problem = shortened(passWrong(value)) + " is not one of ";
         for (const auto word : words) {
             problem.append(word == words.front() ? "" : ", ").append(word);

@@ -5,6 +5,7 @@
 // for the target.
 
 #include <filesystem>
+#include <set>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -18,6 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -37,11 +39,15 @@ protected:
             "tarnvale_fuzzer(any_text_fuzzer SOURCES AnyTextFuzzer.cpp DEPENDS tarnvale_text)\n");
         put(file("tests/fuzz/corpus/any-text/seed"), "seed");
         put(file("tests/fuzz/corpus/any-text/another"), "another");
-        putTarget(all() + "echo 'stat::number_of_executed_units: 7' >&2\n");
+        putTarget(all() + executed(17));
     }
 
     static void putTarget(const std::string& script) {
         putScript(file("build/asan/fuzz/any_text_fuzzer"), script);
+    }
+
+    static std::string executed(int units) {
+        return "echo 'stat::number_of_executed_units: " + std::to_string(units) + "' >&2\n";
     }
 
     static Finished fuzz(const std::string& arguments) {
@@ -49,17 +55,42 @@ protected:
     }
 
     /// What a target says that begins with all that it should.
-    static std::string all() {
+    static std::string all() { return inputs() + beginnings(); }
+
+    static std::string inputs() {
         return "echo 'INFO:        2 files found in tests/fuzz/corpus/any-text' >&2\n";
+    }
+
+    static std::string beginnings() {
+        return "echo 'INFO:        9 files found in build/asan/beginnings/any-text' >&2\n";
     }
 };
 
 TEST_F(FuzzTest, SaysHowManyInputsEachTargetExecuted) {
     const auto done = fuzz("--run-only 5");
 
-    EXPECT_EQ(done.output, "any-text                        7\n");
+    EXPECT_EQ(done.output, "any-text                       17\n");
     EXPECT_EQ(done.error, "");
     EXPECT_EQ(done.status, 0);
+}
+
+// A text can end anywhere, and what is read behind its end is found only where it really ends.
+TEST_F(FuzzTest, BeginsWithEveryBeginningOfItsSmallInputs) {
+    put(file("tests/fuzz/corpus/any-text/another"), std::string("se\0ed", 5));
+    put(file("tests/fuzz/corpus/any-text/large"), std::string(1025, 'x'));
+    put(file("build/asan/beginnings/any-text/earlier"), "of an input that is gone");
+
+    fuzz("--run-only 5");
+
+    std::set<std::string> texts;
+    int files = 0;
+    for (const auto& entry : fs::directory_iterator(file("build/asan/beginnings/any-text"))) {
+        texts.insert(contentOf(entry.path()));
+        ++files;
+    }
+    EXPECT_THAT(
+        texts, ElementsAre("s", "se", std::string("se\0", 3), std::string("se\0e", 4), "see"));
+    EXPECT_EQ(files, 5);
 }
 
 TEST_F(FuzzTest, SaysWhatIsWrongWithItsArguments) {
@@ -103,9 +134,10 @@ TEST_F(FuzzTest, CountsNoRunWithoutItsInputs) {
     for (const std::string& script :
          {std::string(),
           all(),
-          all() + "echo 'stat::number_of_executed_units: 0' >&2\n",
-          all() + "echo 'stat::number_of_executed_units: 1' >&2\n",
-          some + "echo 'stat::number_of_executed_units: 7' >&2\n"}) {
+          all() + executed(0),
+          all() + executed(10),
+          inputs() + executed(17),
+          some + beginnings() + executed(17)}) {
         putTarget(script);
 
         const auto done = fuzz("--run-only 5");

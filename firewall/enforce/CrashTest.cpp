@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +22,7 @@
 #include "firewall/enforce/Operations.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/PolicyText.h"
 
 namespace tarnvale::HelperFirewall {
@@ -46,8 +46,8 @@ std::optional<std::string> contentAt(const std::string& path) {
     if (!exists(path)) {
         return std::nullopt;
     }
-    static const std::regex times(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ|"appliedAt" : [0-9.]+)");
-    return std::regex_replace(test::contentOf(path), times, "TIME");
+    static const test::Pattern times(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ|"appliedAt" : [0-9.]+)");
+    return times.replaceAll(test::contentOf(path), "TIME");
 }
 
 /// Everything that an operation leaves to see.

@@ -6,12 +6,13 @@
 #include <cstddef>
 #include <limits>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "tests/support/Pattern.h"
 
 namespace tarnvale::NetworkFirewall {
 namespace {
@@ -340,8 +341,8 @@ protected:
 };
 
 std::string trimmedByRegex(const std::string& text) {
-    static const std::regex ends("^(?:[ \\t]|\u00A0)+|(?:[ \\t]|\u00A0)+$");
-    return std::regex_replace(text, ends, "");
+    static const test::Pattern ends("^(?:[ \\t]|\u00A0)+|(?:[ \\t]|\u00A0)+$");
+    return ends.replaceAll(text, "");
 }
 
 struct SlowCIDR {
@@ -350,10 +351,9 @@ struct SlowCIDR {
 };
 
 std::optional<SlowCIDR> slowCIDR(const std::string& text) {
-    static const std::regex form(R"((\d+)\.(\d+)\.(\d+)\.(\d+)(?:/(\d\d?))?)");
-    std::smatch match;
-    const std::string trimmed = trimmedByRegex(text);
-    if (!std::regex_match(trimmed, match, form)) {
+    static const test::Pattern form(R"((\d+)\.(\d+)\.(\d+)\.(\d+)(?:/(\d\d?))?)");
+    const auto match = form.groupsOf(trimmedByRegex(text));
+    if (match.empty()) {
         return std::nullopt;
     }
     SlowCIDR cidr;
@@ -364,7 +364,7 @@ std::optional<SlowCIDR> slowCIDR(const std::string& text) {
         }
         cidr.address = cidr.address * 256 + static_cast<std::uint32_t>(part);
     }
-    if (match[5].matched) {
+    if (!match[5].empty()) {
         cidr.prefixLength = static_cast<unsigned>(std::stoul(match[5]));
     }
     return cidr.prefixLength > 32 ? std::nullopt : std::optional(cidr);
@@ -427,9 +427,10 @@ TEST_F(AddressesPropertyTest, KnowsACanonicalSubnetAgain) {
 }
 
 TEST_F(AddressesPropertyTest, ReadsPortsAsRegularExpressionsDo) {
-    static const std::regex separators("[-:]+");
-    static const std::regex one(R"(\+?(\d+))");
-    static const std::regex two(R"(\+?(\d+) \+?(\d+))");
+    static const test::Pattern blank(" ");
+    static const test::Pattern separators("[-:]+");
+    static const test::Pattern one(R"(\+?(\d+))");
+    static const test::Pattern two(R"(\+?(\d+) \+?(\d+))");
     const auto isPort = [](const std::string& digits) {
         return std::stod(digits) >= 1 && std::stod(digits) <= 65535;
     };
@@ -437,17 +438,18 @@ TEST_F(AddressesPropertyTest, ReadsPortsAsRegularExpressionsDo) {
     for (int round = 0; round < rounds; ++round) {
         const std::string text = ports();
         // A blank inside a number is an error, but would separate below: a letter takes its place.
-        std::string pieces = std::regex_replace(trimmedByRegex(text), std::regex(" "), "x");
-        pieces = trimmedByRegex(std::regex_replace(pieces, separators, " "));
+        std::string pieces = blank.replaceAll(trimmedByRegex(text), "x");
+        pieces = trimmedByRegex(separators.replaceAll(pieces, " "));
         std::string expected = "nothing";
-        std::smatch match;
-        if (std::regex_match(pieces, match, one) && isPort(match[1])) {
-            expected = std::to_string(std::stoul(match[1]));
+        const auto single = one.groupsOf(pieces);
+        const auto pair = two.groupsOf(pieces);
+        if (!single.empty() && isPort(single[1])) {
+            expected = std::to_string(std::stoul(single[1]));
         } else if (
-            std::regex_match(pieces, match, two) && isPort(match[1]) && isPort(match[2]) &&
-            std::stoul(match[1]) <= std::stoul(match[2])) {
+            !pair.empty() && isPort(pair[1]) && isPort(pair[2]) &&
+            std::stoul(pair[1]) <= std::stoul(pair[2])) {
             expected =
-                std::to_string(std::stoul(match[1])) + ":" + std::to_string(std::stoul(match[2]));
+                std::to_string(std::stoul(pair[1])) + ":" + std::to_string(std::stoul(pair[2]));
         }
 
         ASSERT_EQ(orNothing(normalizedPorts(text)), expected) << text;

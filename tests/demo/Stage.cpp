@@ -5,7 +5,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -15,6 +14,7 @@
 #include <fnmatch.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/ServiceLab.h"
 #include "tests/support/SigningLab.h"
 
@@ -92,14 +92,14 @@ Stage::Stage() : activator_(activation()) {
 
 pid_t Stage::helper() const {
     // Other helpers may run where the private root has no PID namespace; ours is the activator's.
-    const std::regex childOfTheActivator(
+    const Pattern childOfTheActivator(
         R"((\d+) \(.*\) \S )" + std::to_string(activator_.pid()) + R"( .*)");
     for (const auto& entry : fs::directory_iterator("/proc")) {
         std::ifstream file(entry.path() / "stat");
         std::string status;
         std::getline(file, status);
-        std::smatch parts;
-        if (std::regex_match(status, parts, childOfTheActivator)) {
+        const auto parts = childOfTheActivator.groupsOf(status);
+        if (!parts.empty()) {
             return std::stoi(parts[1]);
         }
     }

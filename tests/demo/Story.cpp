@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdio>
 #include <iterator>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -16,6 +15,7 @@
 #include "tests/demo/Stage.h"
 #include "tests/support/HelperFiles.h"
 #include "tests/support/Lines.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/Program.h"
 
 namespace tarnvale::test {
@@ -254,7 +254,7 @@ void Story::showExplanation(const Exchange& exchange, const std::string& outcome
 void Story::showTheLinesThatDecided() {
     const std::string report = askAsRoot({"status"}).text;
     const std::vector<std::string> lines = linesOf(report);
-    static const std::regex counted(R"(.*Packets: [1-9].*)");
+    static const Pattern counted(R"(.*Packets: [1-9].*)");
 
     transcript_.say();
     transcript_.say("tarnvale-helperctl status, the lines that have decided on packets:");
@@ -262,8 +262,7 @@ void Story::showTheLinesThatDecided() {
         const auto line = std::find(lines.begin(), lines.end(), deciding);
         const std::string counters =
             line == lines.end() || std::next(line) == lines.end() ? "" : *std::next(line);
-        transcript_.check(
-            std::regex_match(counters, counted), std::string("the status counts: ") + deciding);
+        transcript_.check(counted.matches(counters), std::string("the status counts: ") + deciding);
         transcript_.say(std::string("  ") + deciding);
         transcript_.say(counters);
     }

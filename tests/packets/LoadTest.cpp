@@ -4,7 +4,6 @@
 
 #include <deque>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/packets/PacketTest.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/SkipReasons.h"
 
 namespace tarnvale::test {
@@ -25,14 +25,11 @@ using testing::StartsWith;
 
 /// The lines of the listing, each with its count of packets.
 std::vector<std::pair<std::string, int>> linesWithCounts() {
-    static const std::regex form("(pass|block)[^\n]*\n  \\[ Evaluations: \\d+ +Packets: (\\d+) ");
+    static const Pattern form("(pass|block)[^\n]*\n  \\[ Evaluations: \\d+ +Packets: (\\d+) ");
     const std::string listing = pfctl({"-a", anchor, "-v", "-sr"}).output;
     std::vector<std::pair<std::string, int>> lines;
-    for (std::sregex_iterator it(listing.begin(), listing.end(), form);
-         it != std::sregex_iterator();
-         ++it) {
-        const std::string text = it->str();
-        lines.emplace_back(text.substr(0, text.find('\n')), std::stoi(it->str(2)));
+    for (const auto& found : form.findAll(listing)) {
+        lines.emplace_back(found[0].substr(0, found[0].find('\n')), std::stoi(found[2]));
     }
     return lines;
 }

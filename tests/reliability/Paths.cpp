@@ -7,11 +7,11 @@
 #include <csignal>
 #include <filesystem>
 #include <future>
-#include <regex>
 #include <stdexcept>
 #include <system_error>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/PolicyText.h"
 
 namespace tarnvale::test {
@@ -143,8 +143,8 @@ std::string timelessContentOf(const std::string& path) {
     if (!exists(path)) {
         return "absent";
     }
-    static const std::regex time("\"appliedAt\" : [0-9.]+|[0-9-]+T[0-9:]+Z");
-    return std::regex_replace(contentOf(path), time, "TIME");
+    static const Pattern time("\"appliedAt\" : [0-9.]+|[0-9-]+T[0-9:]+Z");
+    return time.replaceAll(contentOf(path), "TIME");
 }
 
 /// Where one of the files has this content.
@@ -165,9 +165,9 @@ std::vector<fs::path> temporaryFiles() {
           std::string("/run"),
           std::string(pfctlsFolder)}) {
         for (const auto& entry : fs::directory_iterator(folder, none)) {
-            static const std::regex name(
+            static const Pattern name(
                 R"(\..*\.[0-9a-f]{16}|enabled\.new|.*adminhelper\.socket\.[0-9]+)");
-            if (std::regex_match(entry.path().filename().string(), name)) {
+            if (name.matches(entry.path().filename())) {
                 files.push_back(entry.path());
             }
         }

@@ -13,7 +13,6 @@
 #include <mutex>
 #include <optional>
 #include <random>
-#include <regex>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -25,6 +24,7 @@
 #include "tests/reliability/Paths.h"
 #include "tests/reliability/SerialOrders.h"
 #include "tests/support/JsonOracle.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/Program.h"
 #include "tests/support/ServiceLab.h"
@@ -111,11 +111,10 @@ bool isOfRace(const std::string& message) {
 
 /// For each network in a listing of rules, the ports that tell which list it is of.
 std::map<int, std::set<std::string>> networksIn(const std::string& listing) {
-    static const std::regex rule(R"(192\.168\.([0-9]+)\.0/24 port = ([0-9]{4,5})\b)");
+    static const Pattern rule(R"(192\.168\.([0-9]+)\.0/24 port = ([0-9]{4,5})\b)");
     std::map<int, std::set<std::string>> networks;
-    for (std::sregex_iterator found(listing.begin(), listing.end(), rule), end; found != end;
-         ++found) {
-        networks[std::stoi((*found)[1])].insert((*found)[2]);
+    for (const auto& found : rule.findAll(listing)) {
+        networks[std::stoi(found[1])].insert(found[2]);
     }
     return networks;
 }

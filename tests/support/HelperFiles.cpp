@@ -8,7 +8,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -21,6 +20,7 @@
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/Program.h"
 
 namespace tarnvale::test {
@@ -81,12 +81,12 @@ std::vector<std::string> namesIn(const std::string& folder) {
 }
 
 std::vector<std::string> messagesOf(const std::string& log) {
-    static const std::regex form(R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ) (.*))");
+    static const Pattern form(R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ) (.*))");
     std::vector<std::string> messages;
     std::istringstream lines(log);
     for (std::string line; std::getline(lines, line);) {
-        std::smatch parts;
-        if (!std::regex_match(line, parts, form)) {
+        const auto parts = form.groupsOf(line);
+        if (parts.empty()) {
             throw std::runtime_error("a log line of another form: " + line);
         }
         messages.push_back(parts[2]);

@@ -8,22 +8,23 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <regex>
 #include <string>
 #include <string_view>
+
+#include "tests/support/Pattern.h"
 
 namespace tarnvale::test {
 
 /// Whether the word is a decimal number from `min` to `max` without needless zeros.
 inline bool isNumber(const std::string& word, unsigned min, unsigned max) {
-    static const std::regex digits("0|[1-9][0-9]{0,5}");
-    return std::regex_match(word, digits) && std::stoul(word) >= min && std::stoul(word) <= max;
+    static const Pattern digits("0|[1-9][0-9]{0,5}");
+    return digits.matches(word) && std::stoul(word) >= min && std::stoul(word) <= max;
 }
 
 inline bool isPfAddress(const std::string& word) {
-    static const std::regex form(R"((\d+)\.(\d+)\.(\d+)\.(\d+)/(\d+))");
-    std::smatch match;
-    if (!std::regex_match(word, match, form)) {
+    static const Pattern form(R"((\d+)\.(\d+)\.(\d+)\.(\d+)/(\d+))");
+    const auto match = form.groupsOf(word);
+    if (match.empty()) {
         return word == "any";
     }
     return isNumber(match[1], 0, 255) && isNumber(match[2], 0, 255) && isNumber(match[3], 0, 255) &&
@@ -43,19 +44,21 @@ inline bool isPfPorts(const std::string& word) {
 
 /// Whether the line is one rule that pf loads.
 inline bool isPfRule(const std::string& line) {
-    static const std::regex form(
+    static const Pattern form(
         "(pass|block drop) (in|out) quick(?: proto (tcp|udp|icmp))?"
         " from ([^ ]+)(?: port ([^ ]+))? to ([^ ]+)(?: port ([^ ]+))?( keep state)?");
-    std::smatch match;
-    if (line.size() > 200 || !std::regex_match(line, match, form)) {
+    if (line.size() > 200) {
         return false;
     }
-    const bool hasPorts = match[5].matched || match[7].matched;
+    const auto match = form.groupsOf(line);
+    if (match.empty()) {
+        return false;
+    }
+    const bool hasPorts = !match[5].empty() || !match[7].empty();
     return isPfAddress(match[4]) && isPfAddress(match[6]) &&
-           (!match[5].matched || isPfPorts(match[5])) &&
-           (!match[7].matched || isPfPorts(match[7])) &&
+           (match[5].empty() || isPfPorts(match[5])) && (match[7].empty() || isPfPorts(match[7])) &&
            (!hasPorts || match[3] == "tcp" || match[3] == "udp") &&
-           (!match[8].matched || match[1] == "pass");
+           (match[8].empty() || match[1] == "pass");
 }
 
 /// Whether every reader takes the text for one line, however it breaks lines, and pf's own doesn't

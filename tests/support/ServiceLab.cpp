@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <regex>
 #include <stdexcept>
 #include <system_error>
 
 #include <unistd.h>
 
 #include "tests/support/Conversation.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/UnixSockets.h"
 
 namespace tarnvale::test {
@@ -135,8 +135,8 @@ void ServiceLab::showLoginWindow() {
 }
 
 std::string listedRules() {
-    return std::regex_replace(
-        run({"/sbin/pfctl", "-a", anchor, "-v", "-sr"}).output, std::regex("  \\[[^\n]*\n"), "");
+    static const Pattern counters("  \\[[^\n]*\n");
+    return counters.replaceAll(run({"/sbin/pfctl", "-a", anchor, "-v", "-sr"}).output, "");
 }
 
 void flushRules() {

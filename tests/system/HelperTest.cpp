@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -21,6 +20,7 @@
 
 #include "tests/support/HelperFiles.h"
 #include "tests/support/KillEverywhere.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
 #include "tests/support/ScriptedPfctl.h"
@@ -105,8 +105,8 @@ Finished shell(const std::string& commands) {
 
 /// The ruleset's file, its time replaced by a word.
 std::string writtenRuleset() {
-    return std::regex_replace(
-        contentOf(rulesetPath), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)"), "TIME");
+    static const test::Pattern time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)");
+    return time.replaceAll(contentOf(rulesetPath), "TIME");
 }
 
 constexpr const char* appliedLine =
@@ -418,8 +418,7 @@ TEST_F(HelperTest, ReappliesOfSeveralProcessesNeverInterleave) {
 
     std::string turns = contentOf("/run/turns");
     EXPECT_EQ(std::count(turns.begin(), turns.end(), '\n'), 8);
-    EXPECT_TRUE(
-        std::regex_match(turns, std::regex(R"((begin (\d+)\nend \2\n)(begin (\d+)\nend \4\n)+)")))
+    EXPECT_TRUE(test::Pattern(R"((begin (\d+)\nend \2\n)(begin (\d+)\nend \4\n)+)").matches(turns))
         << turns;
     EXPECT_THAT(logMessages(), SizeIs(8));
 }

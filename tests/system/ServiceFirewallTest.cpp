@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@
 #include "tests/support/JsonOracle.h"
 #include "tests/support/LabOrSkip.h"
 #include "tests/support/NetworkLab.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
@@ -43,8 +43,8 @@ Texts applyFor(ServiceClient& client, const std::vector<NetworkText>& networks) 
 
 /// What the store holds, its times replaced by 0.
 OracleValue stored() {
-    static const std::regex time(R"("appliedAt" *: *[-+.0-9e]+)");
-    return jsonValue(std::regex_replace(contentOf(storePath), time, R"("appliedAt":0)"));
+    static const Pattern time(R"("appliedAt" *: *[-+.0-9e]+)");
+    return jsonValue(time.replaceAll(contentOf(storePath), R"("appliedAt":0)"));
 }
 
 /// The keys of the store's owners.
@@ -59,7 +59,7 @@ std::vector<std::string> storedOwners() {
 
 /// The rules in the ruleset's file.
 std::string writtenRules() {
-    return std::regex_replace(contentOf(rulesetPath), std::regex("#[^\n]*\n+"), "");
+    return Pattern("#[^\n]*\n+").replaceAll(contentOf(rulesetPath), "");
 }
 
 class ServiceFirewallTest : public testing::Test {
@@ -326,7 +326,7 @@ TEST_F(ServiceFirewallTest, ReportsWhatTheCommandLineReports) {
     ServiceClient bob(lab.client, firstUser);
     const auto report = [&] { return bob.call("FirewallReport").at(0) + "\n"; };
     const auto withoutTime = [](const std::string& text) {
-        return std::regex_replace(text, std::regex("for 0 days [0-9:]+|\\[[^\n]*\\]"), "");
+        return Pattern("for 0 days [0-9:]+|\\[[^\n]*\\]").replaceAll(text, "");
     };
     EXPECT_EQ(report(), run({helperProgram, "--status"}).output);
 

@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <regex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -27,6 +26,7 @@
 #include <unistd.h>
 
 #include "tests/support/HelperFiles.h"
+#include "tests/support/Pattern.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/ScriptedPfctl.h"
@@ -205,10 +205,9 @@ protected:
     /// What an apply leaves: pfctl's calls, the log, the store and the ruleset, without times.
     std::string traces() {
         const auto timeless = [](const std::string& text) {
-            return std::regex_replace(
-                text,
-                std::regex(R"re(("appliedAt" : )[0-9.]+|\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)re"),
-                "$1");
+            static const Pattern times(
+                R"re(("appliedAt" : )[0-9.]+|\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)re");
+            return times.replaceAll(text, "$1");
         };
         std::string all;
         for (const auto& call : pfctl.calls()) {

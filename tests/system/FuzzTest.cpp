@@ -77,7 +77,7 @@ TEST_F(FuzzTest, SaysHowManyInputsEachTargetExecuted) {
 // A text can end anywhere, and what is read behind its end is found only where it really ends.
 TEST_F(FuzzTest, BeginsWithEveryBeginningOfItsSmallInputs) {
     put(file("tests/fuzz/corpus/any-text/another"), std::string("se\0ed", 5));
-    put(file("tests/fuzz/corpus/any-text/large"), std::string(1025, 'x'));
+    put(file("tests/fuzz/corpus/any-text/large"), std::string(513, 'x'));
     put(file("build/asan/beginnings/any-text/earlier"), "of an input that is gone");
 
     fuzz("--run-only 5");

@@ -20,13 +20,15 @@ std::optional<FairTurns::Turn> FairTurns::take(uid_t user, const Deadline& deadl
 }
 
 bool FairTurns::await(uid_t user, const Deadline& deadline) {
+    // Whatever takes memory comes first, so that no user is left without a thread.
+    Thread self;
+    std::list<Thread*> last{&self};
     const auto isOfUser = [user](const User& waiting) { return waiting.user == user; };
     auto mine = std::find_if(waiting_.begin(), waiting_.end(), isOfUser);
     if (mine == waiting_.end()) {
         mine = waiting_.insert(waiting_.end(), User{.user = user, .threads = {}});
     }
-    Thread self;
-    mine->threads.push_back(&self);
+    mine->threads.splice(mine->threads.end(), last);
 
     while (!self.isCalled && !deadline.isOver()) {
         if (deadline == Deadline()) {

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <fstream>
 #include <iterator>
+#include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +17,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include "tests/support/EmptyHeap.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -118,6 +123,26 @@ TEST_F(FairTurnsTest, WhoeverGivesUpIsPassedOver) {
     EXPECT_THAT(order, ElementsAre(second));
     EXPECT_TRUE(turns.take(third, Deadline::in(1s)));
 }
+
+#if !defined(TARNVALE_THREAD_SANITIZER)
+TEST_F(FairTurnsTest, WhoeverHasNoMemoryToWaitIsPassedOver) {
+    std::size_t shortages = 0;
+    for (bool hasWaited = false; !hasWaited; shortages += hasWaited ? 0 : 1) {
+        std::optional<Turn> held = turns.take(first, Deadline());
+        try {
+            const test::EmptyHeap heap(shortages);
+            hasWaited = !turns.take(second, Deadline::in(10ms));
+        } catch (const std::bad_alloc&) {
+            // One allocation more the next time.
+        }
+
+        held.reset();
+
+        EXPECT_TRUE(turns.take(third, Deadline::in(10s))) << shortages;
+    }
+    EXPECT_GT(shortages, 1U);
+}
+#endif
 
 }  // namespace
 }  // namespace tarnvale::platform

@@ -181,8 +181,11 @@ std::vector<std::string> wrapped(std::string_view text, std::size_t indent, std:
                 lines.push_back(std::exchange(line, {}));
                 used = 0;
             }
-            for (; own > columns; own = columnsOf(word)) {
-                lines.emplace_back(takeColumns(word, columns));
+            // The rest is not counted again for each line: anybody may give a network a long name.
+            while (own > columns) {
+                const auto piece = takeColumns(word, columns);
+                own -= columnsOf(piece);
+                lines.emplace_back(piece);
             }
             used += own + (line.empty() ? 0 : 1);
             line.append(line.empty() ? "" : " ").append(word);

@@ -2,6 +2,7 @@
 
 #include "helperctl/Console.h"
 
+#include <cstddef>
 #include <sstream>
 #include <string>
 
@@ -12,6 +13,7 @@ namespace tarnvale::helperctl {
 namespace {
 
 using testing::ElementsAre;
+using testing::SizeIs;
 
 TEST(ConsoleTest, HasColourOnlyWhereItIsWanted) {
     std::ostringstream stream;
@@ -46,6 +48,12 @@ TEST(ConsoleTest, BreaksLinesThatAreTooLong) {
         wrapped("研究室のネットワーク", 0, 7), ElementsAre("研究室", "のネッ", "トワー", "ク"));
     EXPECT_THAT(wrapped("a\n\nb", 0), ElementsAre("a", "", "b"));
     EXPECT_THAT(wrapped("", 0), ElementsAre(""));
+}
+
+TEST(ConsoleTest, BreaksAWordOfManyLinesInLinearTime) {
+    constexpr std::size_t length = 400'000;
+
+    EXPECT_THAT(wrapped(std::string(length, 'x'), 0, 1), SizeIs(length));
 }
 
 TEST(ConsoleTest, WritesFurtherLinesFurtherIn) {

@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/GuardedText.h"
+
 namespace tarnvale::support {
 namespace {
 
@@ -281,6 +283,25 @@ TEST(TextTest, MeasuresTheFirstCharacter) {
     EXPECT_EQ(characterLength(""), 0U);
     EXPECT_EQ(characterLength("\x80"), 0U);
     EXPECT_EQ(characterLength("\xE2\x82"), 0U);
+}
+
+TEST(TextTest, ReadsNothingBehindTheText) {
+    test::readEveryBeginning(
+        "seven b\u0085\u2028\u00A0\U0001F600\u2029", [](std::string_view text) {
+            const std::string whole(text);
+            std::string line;
+            appendOnOneLine(line, text);
+
+            EXPECT_EQ(repairedUtf8(text), repairedUtf8(whole));
+            EXPECT_EQ(isValidUtf8(text), !repairedUtf8(whole).ends_with("\uFFFD"));
+            EXPECT_EQ(trimWhitespaceAndNewlines(text), trimWhitespaceAndNewlines(whole));
+            EXPECT_EQ(line.find('\n'), std::string::npos);
+            for (std::size_t place = 0; place < text.size(); ++place) {
+                EXPECT_EQ(
+                    characterLength(text.substr(place)),
+                    characterLength(std::string_view(whole).substr(place)));
+            }
+        });
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "pfctl/kernel/MarkBits.h"
+#include "tests/support/GuardedText.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -77,6 +78,16 @@ TEST(ConntrackTest, TakesAMarkThatItDoesNotUnderstandForAState) {
     EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark= use=2\n"));
     EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark=0x0 use=2\n"));
     EXPECT_TRUE(Conntrack::mayHoldState("ipv4 2 tcp 6 mark=4294967296 use=2\n"));
+}
+
+TEST(ConntrackTest, ReadsNothingBehindTheList) {
+    test::readEveryBeginning(outward.substr(0, outward.size() - 1), [](std::string_view list) {
+        const std::string line = std::string(list) + "\n";
+        EXPECT_EQ(mayName(list, {lab}), !list.empty()) << list;
+        EXPECT_EQ(mayName(list, {Subnet(), lab}), !list.empty() && mayName(line, {Subnet(), lab}));
+        EXPECT_EQ(Conntrack::mayHoldState(list), !list.empty() && Conntrack::mayHoldState(line))
+            << list;
+    });
 }
 
 TEST(ConntrackTest, KnowsAStateByItsMark) {

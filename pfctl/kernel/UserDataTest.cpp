@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/GuardedText.h"
+
 namespace tarnvale::pfctl {
 namespace {
 
@@ -118,6 +120,27 @@ TEST(UserDataTest, TakesNoOtherUserDataForALine) {
     EXPECT_EQ(ruleFromUserData(std::array<std::uint8_t, 6>{0xF0, 4, 0, 0, 0, 0}), std::nullopt);
     EXPECT_EQ(
         ruleFromUserData(std::array<std::uint8_t, 6>{0x00, 4, 'l', 'i', 'n', 0}), std::nullopt);
+}
+
+/// Of how many beginnings of the user data it is one of ours.
+int timesKnown(std::span<const std::uint8_t> userData) {
+    int count = 0;
+    const std::string_view all(reinterpret_cast<const char*>(userData.data()), userData.size());
+    test::readEveryBeginning(all, [&count](std::string_view text) {
+        const netlink::Bytes bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+        count += loaderFromUserData(bytes) || ruleFromUserData(bytes) || loadFromUserData(bytes) ||
+                         blockFromUserData(bytes)
+                     ? 1
+                     : 0;
+    });
+    return count;
+}
+
+TEST(UserDataTest, ReadsNothingBehindTheBytes) {
+    EXPECT_EQ(timesKnown(loaderUserData({.uid = 0, .pid = 68})), 1);
+    EXPECT_EQ(timesKnown(lineUserData({.index = 7, .rule = fullRule})), 1);
+    EXPECT_EQ(timesKnown(loadUserData({})), 1);
+    EXPECT_EQ(timesKnown(blockUserData({})), 1);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "pfctl/language/Listing.h"
+#include "tests/support/GuardedText.h"
 
 namespace tarnvale::pfctl {
 namespace {
@@ -162,6 +163,18 @@ TEST(RulesetParserTest, StopsAtTheTenthMistake) {
 
 TEST(RulesetParserTest, RefusesALastRuleWithoutALineFeed) {
     EXPECT_EQ(mistakeIn("block drop in quick from any to any"), "syntax error");
+}
+
+TEST(RulesetParserTest, ReadsNothingBehindTheText) {
+    const std::string_view ruleset =
+        "pass in quick proto udp from 192.168.64.0/24 port 68 to any port 67:68 keep state\n"
+        "block drop out quick inet \\\nproto tcp from any to 10.0.0.1 port = 22\n";
+
+    test::readEveryBeginning(ruleset, [&ruleset](std::string_view text) {
+        const bool isWhole =
+            text.empty() || text.size() == ruleset.find('\n') + 1 || text.size() == ruleset.size();
+        EXPECT_EQ(parseRuleset(text).mistakes.empty(), isWhole) << text;
+    });
 }
 
 TEST(RulesetParserTest, RefusesACarriageReturn) {

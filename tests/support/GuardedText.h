@@ -48,4 +48,13 @@ private:
     std::size_t size_ = 0;
 };
 
+/// Calls `read` with every beginning of the text, from none of it to all. Each ends at a guard.
+template <class Read>
+void readEveryBeginning(std::string_view text, const Read& read) {
+    GuardedText guard(text.size());
+    for (std::size_t length = 0; length <= text.size(); ++length) {
+        read(guard.hold(text.substr(0, length)));
+    }
+}
+
 }  // namespace tarnvale::test

@@ -3,11 +3,13 @@
 #include "platform/linux/codesigning/Requirement.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/AdmissionRequirements.h"
+#include "tests/support/GuardedText.h"
 
 namespace tarnvale::platform {
 namespace {
@@ -184,6 +186,15 @@ TEST(RequirementTest, TakesAnyNumberOfConditionsSideBySide) {
     }
 
     EXPECT_TRUE(holds(text));
+}
+
+TEST(RequirementTest, ReadsNothingBehindTheText) {
+    test::readEveryBeginning(test::strictRequirement, [](std::string_view text) {
+        const auto words = text.substr(0, text.find_last_not_of(' ') + 1);
+        const bool isWhole = words == "anchor apple generic" || words.ends_with(')') ||
+                             words.ends_with("M4TZ\"") || words.ends_with("exists");
+        EXPECT_EQ(Requirement::parse(text).has_value(), isWhole) << text;
+    });
 }
 
 }  // namespace

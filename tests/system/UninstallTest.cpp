@@ -3,6 +3,7 @@
 // The script that takes the helper off a Mac: what it removes, what it leaves alone, and that it
 // may be run at any time. Scripts play the commands that only a Mac has.
 
+#include <array>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -30,6 +31,12 @@ constexpr const char* jobPlist = "/Library/LaunchDaemons/com.brackwen.tarnvale.a
 constexpr const char* helper = "/Applications/Tarnvale.app/Contents/Helpers/TarnvaleAdminHelper";
 constexpr const char* tool = "/Applications/Tarnvale.app/Contents/Helpers/tarnvale";
 constexpr const char* flush = "-a com.apple/900.tarnvale.firewall -F rules";
+
+/// Of a helper that was killed while it wrote.
+constexpr std::array leftovers = {
+    "/etc/resolver/.tvx.0123456789abcdef",
+    "/etc/resolver/.tarnvale.fedcba9876543210",
+    "/etc/.pf.conf.0000000000000000"};
 
 /// Exists while launchd has the job. Holds how often launchd still shows it after a bootout.
 constexpr const char* job = "/tmp/job";
@@ -86,6 +93,9 @@ protected:
         link("txr", "/Volumes/Old/Tarnvale.app/Contents/Helpers/tarnvale");
         put("/etc/resolver/tvx", "# Installed by Tarnvale: <vm>.tvx names resolve to its VMs.\n");
         put("/etc/resolver/tarnvale", "# Installed by Tarnvale: older\n");
+        for (const char* name : leftovers) {
+            put(name, "");
+        }
     }
 
     static Finished uninstall(std::vector<std::string> options = {}) {
@@ -112,6 +122,9 @@ TEST_F(UninstallTest, TakesAwayEverythingThatIsOurs) {
         "Removed /usr/local/bin/txr.\n"
         "Removed /etc/resolver/tvx.\n"
         "Removed /etc/resolver/tarnvale.\n"
+        "Removed /etc/resolver/.tvx.0123456789abcdef.\n"
+        "Removed /etc/resolver/.tarnvale.fedcba9876543210.\n"
+        "Removed /etc/.pf.conf.0000000000000000.\n"
         "Removed /Library/Application Support/Tarnvale.\n"
         "Removed /var/log/tarnvale-adminhelper.log.\n"
         "Removed /Applications/Tarnvale.app.\n");
@@ -125,7 +138,7 @@ TEST_F(UninstallTest, TakesAwayEverythingThatIsOurs) {
           "/etc/resolver"}) {
         EXPECT_THAT(namesIn(folder), IsEmpty()) << folder;
     }
-    for (const char* gone : {logPath.c_str(), job, "/tmp/receipt"}) {
+    for (const char* gone : {logPath.c_str(), job, "/tmp/receipt", leftovers.back()}) {
         EXPECT_FALSE(exists(gone)) << gone;
     }
 }
@@ -155,6 +168,9 @@ TEST_F(UninstallTest, LeavesAloneWhatIsNotOurs) {
     put("/usr/local/bin/txr/inside", "");
     put("/etc/resolver/tvx", "nameserver 10.0.0.1\n");
     put("/etc/resolver/other", "# Installed by Tarnvale\n");
+    put("/etc/resolver/.tvx.0123456789abcde", "");
+    put("/etc/resolver/.tvx.0123456789abcdef0", "");
+    put("/etc/resolver/.tvx.0123456789abcdeX", "");
     put("/Library/Application Support/Other/kept", "");
 
     const Finished finished = uninstall();
@@ -162,7 +178,14 @@ TEST_F(UninstallTest, LeavesAloneWhatIsNotOurs) {
     EXPECT_EQ(finished.output + finished.error, "");
     EXPECT_EQ(finished.status, 0);
     EXPECT_THAT(namesIn("/usr/local/bin"), ElementsAre("tarnvale", "tvx", "tx", "txr"));
-    EXPECT_THAT(namesIn("/etc/resolver"), ElementsAre("other", "tvx"));
+    EXPECT_THAT(
+        namesIn("/etc/resolver"),
+        ElementsAre(
+            ".tvx.0123456789abcde",
+            ".tvx.0123456789abcdeX",
+            ".tvx.0123456789abcdef0",
+            "other",
+            "tvx"));
     EXPECT_TRUE(exists("/Library/Application Support/Other/kept"));
 }
 

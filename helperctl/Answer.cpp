@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "support/JsonWriter.h"
-#include "support/Text.h"
 
 namespace tarnvale::helperctl {
 namespace {
@@ -45,27 +44,27 @@ void printText(const Answer& answer, std::ostream& output, std::ostream& errors)
         printText(*answer.firewall, output);
         output << '\n';
     }
-    for (const auto* const text :
-         {&answer.version, &answer.report, &answer.summary, &answer.bsdName}) {
+    if (answer.report) {
+        output << printableLines(*answer.report) << '\n';
+    }
+    for (const auto* const text : {&answer.version, &answer.summary, &answer.bsdName}) {
         if (*text) {
-            output << **text << '\n';
+            output << printable(**text) << '\n';
         }
     }
     printProblems(answer, output);
     if (answer.hint) {
-        output << '\n' << *answer.hint << '\n';
+        output << '\n' << printable(*answer.hint) << '\n';
     }
     if (answer.ruleset) {
         printHeading("Ruleset", output);
-        output << *answer.ruleset;
+        output << printableLines(*answer.ruleset);
     }
     if (answer.explanation) {
         printText(*answer.explanation, output);
     }
     if (answer.error) {
-        for (const auto line : support::split(*answer.error, '\n')) {
-            errors << printable(line) << '\n';
-        }
+        errors << printableLines(*answer.error) << '\n';
     }
 }
 

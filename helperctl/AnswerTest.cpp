@@ -70,12 +70,12 @@ TEST(AnswerTest, PrintsEachSingleResultAsALine) {
         {&Answer::bsdName, R"("bsdName")", ",\"formatVersion\":1}\n"}};
     for (const auto& result : results) {
         Answer answer;
-        answer.*result.member = "one\n\"two\"";
+        answer.*result.member = "one \"two\"";
 
-        EXPECT_EQ(printed(answer, Format::text), (Printed{"one\n\"two\"\n", ""})) << result.before;
+        EXPECT_EQ(printed(answer, Format::text), (Printed{"one \"two\"\n", ""})) << result.before;
         EXPECT_EQ(
             printed(answer, Format::json),
-            (Printed{std::string("{") + result.before + R"(:"one\n\"two\"")" + result.behind, ""}));
+            (Printed{std::string("{") + result.before + R"(:"one \"two\"")" + result.behind, ""}));
     }
 }
 
@@ -136,13 +136,20 @@ TEST(AnswerTest, LetsNoNameReachTheTerminalAsMoreThanText) {
     answer.skippedRules.emplace().push_back(
         {.networkID = {}, .name = "\033c", .rules = {{.number = 1, .problem = "\a"}}});
     answer.droppedClaims = {"\r"};
+    answer.report = "pf is on\033[2J\npass in quick";
+    answer.summary = "Enforcing 1 network: \033[2J\nLab";
+    answer.ruleset = "# --- \033]0;Lab\a (192.168.64.0/24) ---\npass in quick\n\n";
 
     EXPECT_EQ(
         printed(answer, Format::text),
         (Printed{
+            "pf is on\\u001b[2J\npass in quick\n"
+            "Enforcing 1 network: \\u001b[2J\\u000aLab\n"
             "\nNot enforced:\n• \\u001bc: \\u0008\n"
             "\nRules skipped:\n• \\u001bc\n  rule 1: \\u0007\n"
-            "\nLeft out:\n• \\u000d\n",
+            "\nLeft out:\n• \\u000d\n"
+            "\nRuleset:\n"
+            "# --- \\u001b]0;Lab\\u0007 (192.168.64.0/24) ---\npass in quick\n\n",
             "No \\u001b[2J\nnor \\u202e\\u202c.\n"}));
 }
 

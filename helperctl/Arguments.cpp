@@ -299,7 +299,7 @@ std::variant<Arguments, EarlyExit> parseArguments(int argc, const char* const* a
         return EarlyExit{
             .status = usageError,
             .output = {},
-            .error = std::string("tarnvale-helperctl: ") + error.what() + "\n" + hint +
+            .error = "tarnvale-helperctl: " + printable(error.what()) + "\n" + hint +
                      "Run tarnvale-helperctl --help for more.\n"};
     }
 }

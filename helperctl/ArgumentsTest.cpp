@@ -196,6 +196,8 @@ TEST(ArgumentsTest, SaysWhatIsWrong) {
         {{"vlan", "create", "a", " 7", "b"}, "TAG: \" 7\" is no number"},
         {{"vlan", "delete"}, "NAME is required"},
         {{"version", "8"}, "The following argument was not expected: 8"},
+        {{"validate", "a.json", "\033[2J.json"},
+         "The following argument was not expected: \\u001b[2J.json"},
         {{"status", "--verbose"}, "The following argument was not expected: --verbose"},
         {{"status", "--format", "xml"}, "--format: it is text or json"},
         {{"--format", "json", "bogus"}, "The following argument was not expected: bogus"},

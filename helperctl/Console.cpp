@@ -154,6 +154,15 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
+std::string printableLines(std::string_view text) {
+    std::string shown;
+    for (const auto line : support::split(text, '\n')) {
+        shown.append(printable(line)).append("\n");
+    }
+    shown.pop_back();
+    return shown;
+}
+
 std::size_t columnsOf(std::string_view text) {
     std::size_t columns = 0;
     while (!text.empty()) {

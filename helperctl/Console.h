@@ -59,6 +59,9 @@ bool wantsColour(int descriptor);
 /// direction of writing, are written as `\u001b`. Texts that users made up go through this.
 std::string printable(std::string_view text);
 
+/// The same, but with the line feeds as they are: for a text that has lines of its own.
+std::string printableLines(std::string_view text);
+
 /// How many columns the text takes on a terminal: none for marks over other characters, two for
 /// wide ones such as Chinese.
 std::size_t columnsOf(std::string_view text);

@@ -37,6 +37,12 @@ TEST(ConsoleTest, LetsNoTextReachTheTerminalAsACommand) {
     EXPECT_EQ(printable(std::string(1, '\0')), "\\u0000");
 }
 
+TEST(ConsoleTest, KeepsTheLinesOfATextThatHasThem) {
+    EXPECT_EQ(printableLines("\none\033[2J\r\ntwo\n\n"), "\none\\u001b[2J\\u000d\ntwo\n\n");
+    EXPECT_EQ(printableLines("one"), "one");
+    EXPECT_EQ(printableLines(""), "");
+}
+
 TEST(ConsoleTest, BreaksLinesThatAreTooLong) {
     const std::string word(38, 'w');
     EXPECT_THAT(wrapped(word + " " + word + " end", 3), ElementsAre(word + " " + word, "end"));

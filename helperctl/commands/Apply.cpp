@@ -106,7 +106,8 @@ int applyFile(const Session& session) {
         if (error.errorCase() != platform::HelperClientError::Case::noReply) {
             throw;
         }
-        console.errors << error.what() << '\n';  // what was asked may have been done
+        console.errors << printableLines(error.what())
+                       << '\n';  // what was asked may have been done
     }
     if (!isKept) {
         auto back = putBack(earlier, connect);
@@ -116,7 +117,7 @@ int applyFile(const Session& session) {
     if (console.wantsJson()) {
         print(outcome.answer, console.format, console.output, console.errors);
     } else if (!isKept) {
-        console.errors << *outcome.answer.error << '\n';
+        console.errors << printableLines(*outcome.answer.error) << '\n';
     }
     return outcome.status;
 }

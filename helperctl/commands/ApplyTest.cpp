@@ -2,7 +2,10 @@
 
 #include "helperctl/commands/Apply.h"
 
+#include <cstddef>
+#include <cstdio>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -115,6 +118,33 @@ TEST_F(ApplyTest, StrictlyChangesNothingIfANetworkWouldBeLeftOut) {
 
     EXPECT_EQ(apply(twice).answer.droppedClaims->size(), 1U);
     EXPECT_THAT(calls, testing::SizeIs(1));
+}
+
+TEST_F(ApplyTest, SaysWhatIsInForceAgainWithoutHarmToTheTerminal) {
+    test::put(appliedPath, "[]");
+    ASSERT_NE(std::freopen("/dev/null", "r", stdin), nullptr);  // nobody confirms
+    reply = {.result = {}, .error = "No \033[2J\nnor \a."};
+    Arguments arguments;
+    arguments.command = Command::apply;
+    arguments.file = appliedPath;
+    arguments.confirmSeconds = 60;
+    std::size_t requests = 0;
+    const Connect connect = [&] {
+        // The apply is done, putting back is refused.
+        const auto answer = requests++ == 0 ? ResultReply{.result = "done", .error = {}} : reply;
+        return std::make_unique<test::ReplyingHelper>(answer, calls);
+    };
+    std::ostringstream output;
+    std::ostringstream errors;
+    Console console{.output = output, .errors = errors};
+
+    EXPECT_EQ(applyFile({arguments, connect, console, NetworkFirewall::PolicyStore{}}), 1);
+
+    EXPECT_THAT(
+        errors.str(),
+        testing::EndsWith(
+            "\nNot confirmed, but what was before couldn't be put back: No \\u001b[2J\n"
+            "nor \\u0007.\n"));
 }
 
 TEST_F(ApplyTest, LeavesWhatCantBeReadToTheHelper) {

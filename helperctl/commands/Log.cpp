@@ -182,14 +182,23 @@ bool GrowingFile::open() {
 }
 
 std::string GrowingFile::readOn() {
+    if (file_ && !isReplaced()) {
+        return readOpenFile();
+    }
+    auto text = file_ ? readOpenFile() : "";  // what was last written to the one before
+    return open() ? text + readOpenFile() : text;
+}
+
+/// Whether there is another file in the place of the open one.
+bool GrowingFile::isReplaced() const {
     struct stat there {};
     struct stat ours {};
-    const bool isReplaced = ::stat(path_.c_str(), &there) == 0 && file_ &&
-                            ::fstat(file_.get(), &ours) == 0 &&
-                            (there.st_ino != ours.st_ino || there.st_dev != ours.st_dev);
-    if ((!file_ || isReplaced) && !open()) {
-        return {};
-    }
+    return ::stat(path_.c_str(), &there) == 0 && ::fstat(file_.get(), &ours) == 0 &&
+           (there.st_ino != ours.st_ino || there.st_dev != ours.st_dev);
+}
+
+std::string GrowingFile::readOpenFile() {
+    struct stat ours {};
     if (::fstat(file_.get(), &ours) == 0 && ours.st_size < offset_) {
         offset_ = 0;  // emptied
     }

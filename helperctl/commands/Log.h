@@ -20,14 +20,17 @@ public:
     explicit GrowingFile(std::string path) : path_(std::move(path)) {}
 
     /// What has been written since the last call, whole lines only; the rest comes with a later
-    /// one. After the file has been emptied or replaced: all of it. Nothing while there is no file.
-    /// Throws `std::runtime_error` with a sentence when there is a file that can't be read.
+    /// one. After the file has been emptied: all of it. After it has been replaced: what was
+    /// written to the old one, and all of the new one. Nothing while there is no file. Throws
+    /// `std::runtime_error` with a sentence when there is a file that can't be read.
     std::string readOn();
 
     bool exists() const { return static_cast<bool>(file_); }
 
 private:
     bool open();
+    bool isReplaced() const;
+    std::string readOpenFile();
 
     std::string path_;
     support::UniqueFd file_;

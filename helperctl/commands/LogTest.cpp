@@ -155,6 +155,14 @@ TEST_F(LogTest, ReadsOnAsTheFileGrows) {
     test::put(path, "a new file with more in it\n");
     EXPECT_EQ(file.readOn(), "a new file with more in it\n");
 
+    std::FILE* const rotated = std::fopen(path.c_str(), "ae");
+    std::fputs("its last line\n", rotated);
+    std::fclose(rotated);
+    std::filesystem::rename(path, path + ".1");
+    test::put(path, "a third file\n");
+    EXPECT_EQ(file.readOn(), "its last line\na third file\n");
+    EXPECT_EQ(file.readOn(), "");
+
     std::filesystem::remove(path);
     EXPECT_EQ(file.readOn(), "");
     std::filesystem::create_directory(path);

@@ -38,6 +38,10 @@ struct BusError {
     sd_bus_error error{};
 };
 
+/// How long a client waits for the end of a helper that has replied that it ends. It takes 0.3
+/// seconds, and more on a busy machine.
+constexpr std::chrono::seconds endLimit{3};
+
 std::uint64_t microseconds(Deadline::Clock::duration time) {
     return static_cast<std::uint64_t>(std::chrono::ceil<std::chrono::microseconds>(time).count());
 }
@@ -146,6 +150,7 @@ public:
     void shutdownForUpgrade(const std::function<void()>& reply) override {
         send(request(wire::shutdownForUpgrade));
         reply();
+        awaitEnd();
     }
 
 private:
@@ -170,6 +175,19 @@ private:
         // sd-bus takes zero for no limit.
         const auto left = std::max<std::uint64_t>(microseconds(deadline.left()), 1);
         requireAdmission(systemd().sd_bus_call(bus_.get(), ping.get(), left, nullptr, nullptr));
+    }
+
+    /// Waits until the helper has closed the connection, so that the next request is the next
+    /// helper's.
+    void awaitEnd() {
+        const auto deadline = Deadline::in(endLimit);
+        int result = 0;
+        while (result >= 0 && !deadline.isOver()) {
+            result = systemd().sd_bus_process(bus_.get(), nullptr);
+            if (result == 0) {
+                result = systemd().sd_bus_wait(bus_.get(), microseconds(deadline.left()));
+            }
+        }
     }
 
     Message request(const wire::Method& method) {

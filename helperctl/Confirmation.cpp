@@ -32,6 +32,33 @@ constexpr std::array stops{SIGTSTP, SIGTTIN, SIGTTOU};
 
 volatile std::sig_atomic_t isInterrupted = 0;
 
+/// A signal that comes just before a wait doesn't end that wait.
+constexpr int longestWait = 1000;  // milliseconds
+
+sigset_t interruptionSet() {
+    sigset_t set{};
+    sigemptyset(&set);
+    for (const int signal : interruptions) {
+        sigaddset(&set, signal);
+    }
+    return set;
+}
+
+/// While it exists, interruptions arrive, also those that have waited.
+class Interruptible {
+public:
+    Interruptible() {
+        const auto set = interruptionSet();
+        ::pthread_sigmask(SIG_UNBLOCK, &set, &before_);
+    }
+    Interruptible(const Interruptible&) = delete;
+    Interruptible& operator=(const Interruptible&) = delete;
+    ~Interruptible() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_{};
+};
+
 int millisecondsUntil(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     return static_cast<int>(
@@ -76,6 +103,8 @@ std::optional<std::string> fileToPutBack(
 }
 
 void noteInterruptions() {
+    const auto set = interruptionSet();
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
     struct sigaction action {};
     action.sa_handler = [](int /*signal*/) { isInterrupted = 1; };
     for (const int signal : interruptions) {
@@ -88,12 +117,13 @@ void noteInterruptions() {
 }
 
 bool isConfirmed(int descriptor, std::int64_t seconds) {
+    const Interruptible interruptible;
     const auto deadline = Clock::now() + std::chrono::seconds(seconds);
     std::string line;
     while (isInterrupted == 0) {
         pollfd input{.fd = descriptor, .events = POLLIN, .revents = 0};
         const int left = millisecondsUntil(deadline);
-        const int ready = ::poll(&input, 1, left);
+        const int ready = ::poll(&input, 1, std::min(left, longestWait));
         if (ready < 0 && errno != EINTR) {
             return false;
         }

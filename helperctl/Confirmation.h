@@ -26,8 +26,8 @@ std::optional<std::string> fileToPutBack(
     std::span<const NetworkFirewall::HostAddress> hosts);
 
 /// From now on, signals that would end the process only keep it from being confirmed, and those
-/// that would stop it do nothing. They must not leave the new networks in force, nor interrupt
-/// putting the earlier ones back.
+/// that would stop it do nothing. They must not leave the new networks in force, so they interrupt
+/// nothing but `isConfirmed`: until then, and from then on, they wait.
 void noteInterruptions();
 
 /// Waits until a line "yes" comes from the descriptor. Returns false when the time is over, at

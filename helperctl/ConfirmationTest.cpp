@@ -90,6 +90,25 @@ TEST_F(ConfirmationTest, TakesAnInterruptionForANo) {
     }
 }
 
+TEST_F(ConfirmationTest, IsInterruptedNowhereElse) {
+    EXPECT_EXIT(
+        {
+            noteInterruptions();
+            ::raise(SIGHUP);
+            sigset_t waiting{};
+            ::sigpending(&waiting);
+            const bool waitsBefore = sigismember(&waiting, SIGHUP) == 1;
+            type("yes\n");
+            const bool confirmed = isConfirmed(input.get(), 60);
+            ::raise(SIGHUP);
+            ::sigpending(&waiting);
+            const bool waitsBehind = sigismember(&waiting, SIGHUP) == 1;
+            ::_exit(waitsBefore && !confirmed && waitsBehind ? 0 : 1);
+        },
+        testing::ExitedWithCode(0),
+        "");
+}
+
 TEST_F(ConfirmationTest, IsNotStopped) {
     type("yes\n");
     const pid_t child = ::fork();

@@ -570,6 +570,29 @@ TEST_F(HelperctlTest, PutsBackWhatIsNotConfirmed) {
     EXPECT_EQ(ctl({"apply", "--confirm", "9", "-"}).status, 2);
 }
 
+TEST_F(HelperctlTest, PutsBackHoweverOftenItIsInterrupted) {
+    TARNVALE_NEEDS(interfaces);
+    const Service service;
+    ASSERT_EQ(ctl({"apply", labPath}).status, 0);
+    std::string other = contentOf(labPath);
+    other.replace(other.find("Lab"), 3, "New");
+    put("/tmp/new.json", other);
+
+    // A lost connection ends in several signals: the kernel's, the shell's, the session's.
+    Program apply(with({signedProgram}, {"apply", "--confirm", "60", "/tmp/new.json"}));
+    while (apply.error().empty()) {
+        ASSERT_FALSE(apply.endsWithin(1ms));
+    }
+    do {
+        ::kill(apply.pid(), SIGHUP);
+    } while (!apply.endsWithin(1ms));
+
+    EXPECT_THAT(
+        apply.finish().error,
+        EndsWith("Not confirmed. What was before is in force again: Enforcing 1 network: Lab.\n"));
+    EXPECT_THAT(contentOf(storePath), HasSubstr("\"Lab\""));
+}
+
 TEST_F(HelperctlTest, WritesAReport) {
     TARNVALE_NEEDS(interfaces);
     const Service service;

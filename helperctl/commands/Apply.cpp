@@ -106,8 +106,8 @@ int applyFile(const Session& session) {
         if (error.errorCase() != platform::HelperClientError::Case::noReply) {
             throw;
         }
-        console.errors << printableLines(error.what())
-                       << '\n';  // what was asked may have been done
+        // What was asked may have been done.
+        console.errors << printableLines(error.what()) << '\n';
     }
     if (!isKept) {
         auto back = putBack(earlier, connect);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstddef>
 
 #include "support/Decimal.h"
 #include "support/Text.h"
@@ -97,6 +98,21 @@ bool hasForm(std::string_view text, std::string_view form) {
            });
 }
 
+/// Whether there is such a day, and such a time if the text has one: not 2025-02-30, nor 24:00:00.
+bool isPossible(std::string_view text) {
+    const auto number = [&](std::size_t place, std::size_t length) {
+        return static_cast<unsigned>(
+            support::parseDecimal(text.substr(place, length), 0, 9999).value());
+    };
+    const std::chrono::year_month_day date{
+        std::chrono::year(static_cast<int>(number(0, 4))),
+        std::chrono::month(number(5, 2)),
+        std::chrono::day(number(8, 2))};
+    const bool hasTime = text.size() == timeForm.size();
+    return date.ok() &&
+           (!hasTime || (number(11, 2) < 24 && number(14, 2) < 60 && number(17, 2) < 60));
+}
+
 }  // namespace
 
 bool LogEntry::isAbout(std::string_view operation) const {
@@ -142,7 +158,7 @@ std::vector<LogEntry> entriesOf(std::string_view log) {
 
 std::optional<std::string> timeSince(std::string_view text, std::int64_t now) {
     if (hasForm(text, timeForm) || hasForm(text, timeForm.substr(0, 10))) {
-        return std::string(text);
+        return isPossible(text) ? std::optional(std::string(text)) : std::nullopt;
     }
     constexpr std::int64_t minute = 60;
     const auto unit = text.empty() ? ' ' : text.back();

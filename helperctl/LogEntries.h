@@ -41,7 +41,7 @@ LogEntry entryOf(std::string_view line);
 std::vector<LogEntry> entriesOf(std::string_view log);
 
 /// The time that "--since" names, in the log's form: a time or a day in that form, or "10m", "2h"
-/// or "3d" before `now`. Nothing for any other text.
+/// or "3d" before `now`. Nothing for any other text, nor for a time that can't be.
 std::optional<std::string> timeSince(std::string_view text, std::int64_t now);
 
 }  // namespace tarnvale::helperctl

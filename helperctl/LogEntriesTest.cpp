@@ -135,5 +135,26 @@ TEST(LogEntriesTest, UnderstandsSinceWhen) {
     }
 }
 
+// Such a time would select no entry, or all, and nobody would be told why.
+TEST(LogEntriesTest, TakesNoTimeThatCannotBe) {
+    constexpr std::int64_t now = 0;
+    for (const char* text : {"2024-02-29", "2025-12-31T23:59:59Z", "2025-01-01T00:00:00Z"}) {
+        EXPECT_EQ(timeSince(text, now), text);
+    }
+    for (const char* text :
+         {"2025-02-29",
+          "2025-04-31",
+          "2025-13-01",
+          "2025-00-01",
+          "2025-01-00",
+          "2025-99-99",
+          "2025-02-30T00:00:00Z",
+          "2025-01-01T24:00:00Z",
+          "2025-01-01T23:60:00Z",
+          "2025-01-01T23:59:60Z"}) {
+        EXPECT_EQ(timeSince(text, now), std::nullopt) << text;
+    }
+}
+
 }  // namespace
 }  // namespace tarnvale::helperctl

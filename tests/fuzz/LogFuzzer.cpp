@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "helperctl/LogEntries.h"
@@ -61,12 +62,35 @@ std::optional<std::int64_t> secondsIn(std::string_view text) {
     return isAllowed ? std::optional(count * size) : std::nullopt;
 }
 
+/// Whether the C library leaves a time of that form as it is: it makes 1 March of 30 February.
+bool canBe(std::string_view time) {
+    const auto number = [&](std::size_t place, std::size_t length) {
+        return std::stoi(std::string(time.substr(place, length)));
+    };
+    std::tm parts{};
+    parts.tm_year = number(0, 4) - 1900;
+    parts.tm_mon = number(5, 2) - 1;
+    parts.tm_mday = number(8, 2);
+    parts.tm_hour = number(11, 2);
+    parts.tm_min = number(14, 2);
+    parts.tm_sec = number(17, 2);
+    std::tm found = parts;
+    ::timegm(&found);
+    const auto tied = [](const std::tm& each) {
+        return std::tie(
+            each.tm_year, each.tm_mon, each.tm_mday, each.tm_hour, each.tm_min, each.tm_sec);
+    };
+    return tied(found) == tied(parts);
+}
+
 void checkTime(std::string_view text) {
     constexpr std::int64_t now = 1'763'800'000;
     const auto seconds = secondsIn(text);
     const auto since = helperctl::timeSince(text, now);
-    if (isTime(text) || isTime(std::string(text) + "T00:00:00Z")) {
-        require(since == text);
+    const bool isDay = isTime(std::string(text) + "T00:00:00Z");
+    if (isTime(text) || isDay) {
+        const bool isPossible = canBe(std::string(text) + (isDay ? "T00:00:00Z" : ""));
+        require(since == (isPossible ? std::optional<std::string>(text) : std::nullopt));
     } else {
         require(since == (seconds ? std::optional(timeOf(now - *seconds)) : std::nullopt));
     }

@@ -18,7 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto replyTimeout = 30s;
+constexpr auto replyTimeout = 120s;
 
 /// Waits for the event until the deadline.
 bool await(int fd, short events, Clock::time_point deadline) {

@@ -83,7 +83,8 @@ public:
     /// The whole handshake; false when the service ends it.
     bool authenticate();
 
-    /// The next message; nothing when the service closes the connection or is silent for two minutes.
+    /// The next message; nothing when the service closes the connection or is silent for two
+    /// minutes.
     std::optional<Received> receive();
 
     /// Whether the service closes the connection within the time. What it sends is thrown away.

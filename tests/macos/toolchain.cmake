@@ -22,6 +22,8 @@ foreach(language CXX OBJCXX)
     set(CMAKE_${language}_COMPILER "${TARNVALE_ZIG}" c++)
     set(CMAKE_${language}_COMPILER_TARGET "${TARNVALE_ARCHITECTURE}-macos.13.0-none")
     set(CMAKE_${language}_COMPILER_WORKS ON)
+    # To link what shows CMake the compiler, Zig would first compile its own standard library, in minutes.
+    set(CMAKE_${language}_COMPILER_ID_FLAGS_ALWAYS -c)
     set(CMAKE_${language}_FLAGS_INIT "${flags}")
     set(CMAKE_${language}_ARCHIVE_CREATE "${TARNVALE_ZIG} ar qcs <TARGET> <OBJECTS>")
     set(CMAKE_${language}_ARCHIVE_FINISH "")

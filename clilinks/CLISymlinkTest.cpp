@@ -3,6 +3,7 @@
 #include "clilinks/CLISymlink.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <map>
 #include <string>

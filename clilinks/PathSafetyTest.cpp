@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <ios>
 #include <string>
 #include <utility>
 #include <vector>

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
+#include <ios>
 #include <random>
 
 #include <gmock/gmock.h>

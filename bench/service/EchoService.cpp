@@ -4,6 +4,7 @@
 // with the one method that the callers call, without any check, bound or log. It serves the
 // listening socket that is its descriptor 3, all connections in one event loop or each in a thread.
 
+#include <cstdint>
 #include <cstdlib>
 #include <string_view>
 #include <thread>

@@ -3,6 +3,7 @@
 #include "core/service/HelperListener.h"
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <stdexcept>

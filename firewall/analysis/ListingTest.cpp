@@ -3,6 +3,7 @@
 #include "firewall/analysis/Listing.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>

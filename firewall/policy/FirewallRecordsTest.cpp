@@ -3,6 +3,7 @@
 #include "firewall/policy/FirewallRecords.h"
 
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>

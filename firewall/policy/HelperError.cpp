@@ -2,6 +2,7 @@
 
 #include "firewall/policy/HelperError.h"
 
+#include <cstddef>
 #include <utility>
 
 namespace tarnvale::HelperFirewall {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <map>
 #include <set>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

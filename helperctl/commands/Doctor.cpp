@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <ostream>
+#include <system_error>
 #include <utility>
 
 #include <sys/stat.h>

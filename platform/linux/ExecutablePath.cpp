@@ -3,6 +3,7 @@
 #include "platform/ExecutablePath.h"
 
 #include <array>
+#include <cstddef>
 
 #include <unistd.h>
 

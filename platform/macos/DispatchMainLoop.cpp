@@ -2,6 +2,7 @@
 //
 // The main loop on macOS: timers of dispatch, which also gets the main thread.
 
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>

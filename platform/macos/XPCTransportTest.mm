@@ -6,8 +6,10 @@
 #import <Foundation/Foundation.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iosfwd>
 #include <memory>
 #include <mutex>
 #include <optional>

@@ -3,6 +3,7 @@
 #include "tests/fuzz/DerTree.h"
 
 #include <cstdint>
+#include <utility>
 
 namespace tarnvale::test {
 namespace {

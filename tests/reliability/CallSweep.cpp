@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <iterator>
 #include <utility>
 
 #include <sys/syscall.h>

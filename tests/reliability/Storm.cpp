@@ -16,6 +16,7 @@
 #include <set>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 

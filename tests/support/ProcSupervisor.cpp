@@ -7,6 +7,7 @@
 // It lacks CAP_SYS_PTRACE, and so may look only into processes of its own user; to others there is
 // no /proc. One that became another user's is known by the program that it was seen to run before.
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>

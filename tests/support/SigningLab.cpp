@@ -3,8 +3,10 @@
 #include "tests/support/SigningLab.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
+#include <utility>
 
 #include <openssl/bio.h>
 #include <openssl/cms.h>

@@ -5,6 +5,7 @@
 // test stand in for CMake's: a defect is a word in unit/Limit, which a test may or may not look
 // for.
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 

@@ -3,6 +3,7 @@
 // Which user may have the service make which change: real users who ask the real service, with
 // somebody, nobody or the login window at the console.
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>

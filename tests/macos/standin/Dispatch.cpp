@@ -2,6 +2,8 @@
 
 #include "tests/macos/standin/Dispatch.h"
 
+#include <cstdint>
+
 using std::chrono::nanoseconds;
 using tarnvale::test::Dispatch;
 

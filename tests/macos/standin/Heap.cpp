@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 
 namespace tarnvale::test::standin {

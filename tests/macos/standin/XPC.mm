@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
 #include <objc/runtime.h>

@@ -3,6 +3,7 @@
 // Classes and messages: what the compiler has written is made ready before main(), and read after.
 
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <mutex>
 #include <set>

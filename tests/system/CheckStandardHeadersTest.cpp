@@ -102,10 +102,15 @@ TEST_F(CheckStandardHeadersTest, LooksNeitherIntoCommentsNorIntoTexts) {
 }
 
 TEST_F(CheckStandardHeadersTest, LooksBehindThem) {
-    files["a/A.cpp"] =
-        "/*\n*/ int a = 1'000'000; auto b = '\"'; auto c = R\"(\n)\"; std::map<a> d;\n";
+    files["a/A.cpp"] = "/*\n*/ auto b = '\"'; auto c = R\"(\n)\"; std::map<a> d;\n";
 
     expectProblem("a/A.cpp:3: std::map: nothing here includes <map>");
+}
+
+TEST_F(CheckStandardHeadersTest, TakesNoSeparatorOfDigitsForAQuote) {
+    files["a/A.cpp"] = "int a = 1'000; std::map<a> b; int c = 1'000;\n";
+
+    expectProblem("a/A.cpp:1: std::map: nothing here includes <map>");
 }
 
 TEST_F(CheckStandardHeadersTest, WantsToKnowEveryName) {

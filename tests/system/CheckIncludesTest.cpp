@@ -9,8 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/HelperFiles.h"
-#include "tests/support/Program.h"
+#include "tests/system/SourceCheck.h"
 
 namespace tarnvale::test {
 namespace {
@@ -36,43 +35,15 @@ const std::map<std::string, std::string>& soundTree() {
     return tree;
 }
 
-class CheckIncludesTest : public testing::Test {
+class CheckIncludesTest : public SourceCheckTest {
 protected:
-    /// What the script says of the tree.
-    Finished check() const {
-        std::string sources;
-        for (const auto& [name, content] : tree) {
-            put("/tmp/tree/" + name, content);
-            if (!name.starts_with("docs/")) {
-                sources += name + '\n';
-            }
-        }
-        return run(
-            {"/bin/sh",
-             "-c",
-             "cd /tmp/tree && exec \"$0\"",
-             TARNVALE_SOURCE_DIR "/scripts/check-includes"},
-            sources);
-    }
-
-    void expectProblem(const std::string& sentence) const {
-        const Finished checked = check();
-
-        EXPECT_EQ(checked.output, sentence + "\n");
-        EXPECT_EQ(checked.error, "");
-        EXPECT_EQ(checked.status, 1);
-    }
+    CheckIncludesTest() : SourceCheckTest("check-includes") { tree = soundTree(); }
 
     std::string& table() { return tree["docs/architecture.md"]; }
-
-    std::map<std::string, std::string> tree = soundTree();
 };
 
 TEST_F(CheckIncludesTest, HasNothingToSayOfASoundTree) {
-    const Finished checked = check();
-
-    EXPECT_EQ(checked.output + checked.error, "");
-    EXPECT_EQ(checked.status, 0);
+    expectNoProblem();
 }
 
 TEST_F(CheckIncludesTest, FindsAnIncludeThatPointsUp) {

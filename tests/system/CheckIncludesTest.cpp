@@ -37,7 +37,9 @@ const std::map<std::string, std::string>& soundTree() {
 
 class CheckIncludesTest : public SourceCheckTest {
 protected:
-    CheckIncludesTest() : SourceCheckTest("check-includes") { tree = soundTree(); }
+    CheckIncludesTest() : SourceCheckTest(TARNVALE_SOURCE_DIR "/scripts/check-includes") {
+        tree = soundTree();
+    }
 
     std::string& table() { return tree["docs/architecture.md"]; }
 };

@@ -13,7 +13,8 @@ namespace {
 
 class CheckStandardHeadersTest : public SourceCheckTest {
 protected:
-    CheckStandardHeadersTest() : SourceCheckTest("check-standard-headers") {}
+    CheckStandardHeadersTest()
+        : SourceCheckTest(TARNVALE_SOURCE_DIR "/scripts/check-standard-headers") {}
 };
 
 TEST_F(CheckStandardHeadersTest, HasNothingToSayOfWhatIsIncluded) {

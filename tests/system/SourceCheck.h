@@ -14,10 +14,11 @@
 
 namespace tarnvale::test {
 
-/// A tree of files, and a script of the folder scripts that reads the names of sources, looks at
-/// these, prints its findings and fails if it has any.
+/// A tree of files, and a script that reads the names of sources, looks at these, prints its
+/// findings and fails if it has any.
 class SourceCheckTest : public testing::Test {
 protected:
+    /// The script's absolute path.
     explicit SourceCheckTest(std::string script) : script_(std::move(script)) {}
 
     /// What the script says of the tree. Sources are all files outside of docs.
@@ -29,12 +30,7 @@ protected:
                 sources += name + '\n';
             }
         }
-        return run(
-            {"/bin/sh",
-             "-c",
-             "cd /tmp/tree && exec \"$0\"",
-             TARNVALE_SOURCE_DIR "/scripts/" + script_},
-            sources);
+        return run({"/bin/sh", "-c", "cd /tmp/tree && exec \"$0\"", script_}, sources);
     }
 
     void expectProblem(const std::string& sentence) const {

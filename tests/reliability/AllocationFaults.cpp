@@ -3,25 +3,20 @@
 #include "tests/reliability/AllocationFaults.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <limits>
 #include <new>
-#include <system_error>
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
+#include "tests/support/FailedStep.h"
 
 namespace tarnvale::test {
 namespace {
 
 constexpr const char* library = TARNVALE_BIN_DIR "/failed-allocations.so";
-
-[[noreturn]] void fail(const std::string& step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 }  // namespace
 

@@ -27,6 +27,7 @@
 #include "support/UniqueFd.h"
 #include "tests/reliability/Conclusion.h"
 #include "tests/reliability/RecordedDisk.h"
+#include "tests/support/FailedStep.h"
 #include "tests/support/PolicyText.h"
 #include "tests/support/PrivateRoot.h"
 #include "tests/support/Program.h"
@@ -55,10 +56,6 @@ constexpr std::array<std::pair<const char*, const char*>, 4> writtenPlaces = {
 constexpr const char* damagedStore = R"({"owners":{"501":{"appliedAt":)";
 constexpr const char* legacyPfConf =
     "scrub-anchor \"com.apple/*\"\nanchor \"com.tarnvale.firewall\"\nanchor \"com.apple/*\"\n";
-
-[[noreturn]] void fail(const std::string& step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 /// Nobody uses it any more, but the kernel may take a moment to know.
 void unmount(const std::string& folder) {

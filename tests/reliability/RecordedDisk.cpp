@@ -28,6 +28,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/FailedStep.h"
+
 namespace tarnvale::test {
 namespace {
 
@@ -35,10 +37,6 @@ constexpr const char* servedFile = "/run/recorded-disk";
 constexpr std::uint32_t maxWrite = 128 * 1024;
 constexpr std::size_t piece = std::size_t{64} << 10U;
 constexpr int attempts = 500;
-
-[[noreturn]] void fail(const std::string& step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 struct RecordHead {
     DiskEvent::Kind kind;

@@ -37,7 +37,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto startLimit = 60s;
+constexpr auto patience = 60s;
 /// After each reply; far longer than any request takes once it is its turn.
 constexpr auto replyLimit = 60s;
 constexpr int killedStatus = 128 + SIGKILL;
@@ -343,7 +343,7 @@ std::unique_ptr<Program> Storm::Course::begin(const std::vector<std::string>& co
 /// Leaves an earlier helper's socket, which the new one replaces.
 void Storm::Course::launch() {
     helper_ = begin({program_});
-    const auto end = Clock::now() + startLimit;
+    const auto end = Clock::now() + patience;
     while (!connectToService()) {
         if (helper_->endsWithin(1ms) || Clock::now() > end) {
             throw std::runtime_error("the helper does not start: " + helper_->error());
@@ -402,7 +402,7 @@ void Storm::Course::awaitRequests() {
         return std::ranges::all_of(
             askers_, [this](const Asker& asker) { return hasAskedSinceLastKill(asker); });
     };
-    const auto end = Clock::now() + startLimit;
+    const auto end = Clock::now() + patience;
     while (!haveAllAsked() && Clock::now() < end) {
         std::this_thread::sleep_for(1ms);
     }
@@ -489,7 +489,7 @@ void Storm::Course::restart() {
 /// A process that was about to become a pfctl has the killed helper's socket until it does, and the
 /// next helper would rightly leave it to whoever listens.
 void Storm::Course::awaitFreeSocket() {
-    const auto end = Clock::now() + startLimit;
+    const auto end = Clock::now() + patience;
     while (connectToService()) {
         if (Clock::now() > end) {
             throw std::runtime_error("somebody listens, though the helper was killed");

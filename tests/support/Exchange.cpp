@@ -5,7 +5,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include <arpa/inet.h>
@@ -14,12 +13,10 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include "tests/support/FailedStep.h"
+
 namespace tarnvale::test {
 namespace {
-
-[[noreturn]] void fail(const std::string& step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 sockaddr_in socketAddress(const Address& address) {
     sockaddr_in result{};

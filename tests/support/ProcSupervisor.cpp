@@ -22,7 +22,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -41,6 +40,7 @@
 #include <unistd.h>
 
 #include "support/UniqueFd.h"
+#include "tests/support/FailedStep.h"
 #include "tests/support/Grounds.h"
 
 #ifndef SECCOMP_ADDFD_FLAG_SEND
@@ -86,10 +86,6 @@ constexpr std::array pathCalls {
         PathCall{SYS_access, PathCall::Kind::access, 0, none},
 #endif
 };
-
-[[noreturn]] void fail(const char* step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 /// Copies between this process and another. False when it is not ours to look into, or gone.
 bool copyFrom(pid_t process, std::uint64_t address, void* to, std::size_t size) {

@@ -3,15 +3,14 @@
 #include "tests/support/ServiceLab.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <stdexcept>
-#include <system_error>
 
 #include <unistd.h>
 
 #include "tests/support/Conversation.h"
+#include "tests/support/FailedStep.h"
 #include "tests/support/Pattern.h"
 #include "tests/support/UnixSockets.h"
 
@@ -27,10 +26,6 @@ namespace {
 
 /// The helper's.
 constexpr const char* anchor = "com.apple/900.tarnvale.firewall";
-
-[[noreturn]] void fail(const std::string& step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 void setSession(const std::string& session) {
     put("/run/systemd/seats/seat0", "IS_SEAT0=1\nACTIVE=c1\n");

@@ -4,14 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <string_view>
-#include <system_error>
 #include <thread>
 
 #include <fcntl.h>
@@ -22,12 +20,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/FailedStep.h"
+
 namespace tarnvale::test {
 namespace {
-
-[[noreturn]] void fail(const char* step) {
-    throw std::system_error(errno, std::generic_category(), step);
-}
 
 /// An abstract address, and how many bytes of it count. The network may be one that other tests
 /// share, so it is named after the process that the test began as.
